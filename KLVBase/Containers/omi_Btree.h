@@ -1,0 +1,383 @@
+// For applications and the library's own sources: an ordered map.
+//
+// Invariants:
+// - A walk from left to right meets the keys in the order of BtreeCompare, each key once.
+// - m_maxDepth is the height that its node was last given. Removal leaves some depths too large on
+//   purpose; they are corrected when the node's own subtree changes next.
+// - No lock: one thread at a time.
+#pragma once
+
+#include <algorithm>
+
+#include "KLVString.h"
+#include "mem_AllocationOperators.h"
+
+// The order of the keys, called with the key that a node holds and the key that is sought. 0 means
+// the same key, a negative result leads to the left, a positive one to the right.
+//
+// The difference wraps around: two keys more than 2^31 - 1 apart compare the wrong way round.
+inline int BtreeCompare(const int& a, const int& b) {
+    return static_cast<int>(static_cast<unsigned int>(b) - static_cast<unsigned int>(a));
+}
+
+inline int BtreeCompare(const KLVString& a, const KLVString& b) { return b.Compare(a); }
+
+// One entry of an omi_Btree: a single allocation that holds key and value and owns its children.
+template <class K, class V>
+class omi_BtreeNode : public mem_AllocationOperators {
+public:
+    // A node without children. Throws what copying the key or the value throws.
+    omi_BtreeNode(const K& key, const V& value);
+
+    // Copies the whole subtree, with its shape and its depths. Throws std::bad_alloc, or what
+    // copying a key or a value throws, and leaves nothing behind.
+    omi_BtreeNode(const omi_BtreeNode& other);
+
+    omi_BtreeNode& operator=(const omi_BtreeNode&) = delete;
+
+    // Destroys the left subtree, then the right one, then value and key.
+    ~omi_BtreeNode();
+
+    // The node that holds `key` in this subtree, or null.
+    omi_BtreeNode* Find(const K& key) const;
+
+    // Adds an entry below this node and rebalances the path to it. False, with nothing changed,
+    // when the key is there already. Throws std::bad_alloc with nothing changed.
+    bool Insert(const K& key, const V& value);
+
+    // Removes `key` from this subtree; `parent` holds this node as a child. False when the key is
+    // not there. The caller rebalances this node's slot.
+    bool Remove(const K& key, omi_BtreeNode& parent);
+
+    // One rebalancing step: a single rotation when the heights of the children differ by more than
+    // one, a missing child counting like a leaf. There is no double rotation, so a zig-zag stays as
+    // tall as it was. Returns the node that now heads the subtree, for the caller to store, or null
+    // when nothing was done.
+    omi_BtreeNode* Balance();
+
+    // Takes the depth from the children: 0 without any, otherwise one more than the largest.
+    void SetMaxDepth();
+
+    int MaxDepth() const { return m_maxDepth; }
+
+    // Puts `newChild` into the slot of `oldChild`, destroys `oldChild` with what it still holds,
+    // and sets the depth. The right slot is meant when it holds `oldChild`, otherwise the left one.
+    void RemoveNode(omi_BtreeNode* oldChild, omi_BtreeNode* newChild);
+
+    const K& ConstGetKey() const { return m_key; }
+    V& GetValue() { return m_value; }
+    const V& ConstGetValue() const { return m_value; }
+
+    // Rebalances the node in a slot and stores what heads the subtree afterwards.
+    // Requires: `slot` is not null.
+    static void BalanceSlot(omi_BtreeNode*& slot);
+
+    // Where a key goes that compares as `order` with this node's.
+    omi_BtreeNode*& Slot(int order) { return order < 0 ? m_left : m_right; }
+
+    // Readable, so that the map, its iterator and checks of the structure can reach them; changed
+    // by the operations above only.
+    V m_value;
+    K m_key;
+    omi_BtreeNode* m_left = nullptr;   // owned, keys ordered before m_key
+    omi_BtreeNode* m_right = nullptr;  // owned, keys ordered after m_key
+    int m_maxDepth = 0;                // in edges
+
+private:
+    static int Height(const omi_BtreeNode* node) { return node == nullptr ? 0 : node->m_maxDepth; }
+
+    omi_BtreeNode* RotateLeft();
+    omi_BtreeNode* RotateRight();
+    omi_BtreeNode* DetachReplacement();
+};
+
+// A map from K to V: a binary search tree kept roughly balanced by single rotations, one allocation
+// an entry. Look-up is a loop; insertion, removal, copying and destruction recurse once per level.
+//
+// A value that is a pointer is not owned. std::bad_alloc passes through and leaves the map with the
+// entries that it had.
+template <class K, class V>
+class omi_Btree : public mem_AllocationOperators {
+public:
+    using Node = omi_BtreeNode<K, V>;
+
+    omi_Btree() : m_nullValue(GetNullValue()) {}
+
+    // The copy has the same shape and depths: nothing is inserted anew.
+    omi_Btree(const omi_Btree& other);
+    omi_Btree& operator=(const omi_Btree& other);
+    ~omi_Btree();
+
+    // A copy of the map on the heap, which the caller deletes.
+    omi_Btree* Copy() const { return new omi_Btree(*this); }
+
+    // True when an entry was added. False when the key is there already: its value stays.
+    bool Insert(const K& key, const V& value);
+
+    // True when the entry was there and is gone.
+    bool Remove(const K& key);
+
+    bool IsMember(const K& key) const { return Find(key) != nullptr; }
+
+    // The value under `key`, or the null value of this map when there is none; nothing is inserted.
+    // The reference is valid until the entry is removed or the map destroyed.
+    V& Get(const K& key);
+    const V& ConstGet(const K& key) const;
+
+    // A default-made value, whatever SetNullValue was given.
+    V GetNullValue() { return V(); }
+
+    // Sets what Get and ConstGet hand back for an absent key.
+    void SetNullValue(const V& value) { m_nullValue = value; }
+
+    // Removes all entries and keeps the null value.
+    void Clear();
+
+    int Size() const { return m_size; }
+    bool IsEmpty() const { return m_size == 0; }
+
+    // The height of the tree in edges: 0 for an empty map and for one entry alike.
+    int Depth() { return m_root == nullptr ? 0 : m_root->MaxDepth(); }
+
+    // Readable like the node's; changed by the operations above only.
+    Node* m_root = nullptr;  // owned
+    int m_size = 0;
+    V m_nullValue;
+
+private:
+    Node* Find(const K& key) const { return m_root == nullptr ? nullptr : m_root->Find(key); }
+};
+
+template <class K, class V>
+omi_BtreeNode<K, V>::omi_BtreeNode(const K& key, const V& value) : m_value(value), m_key(key) {}
+
+template <class K, class V>
+omi_BtreeNode<K, V>::omi_BtreeNode(const omi_BtreeNode& other)
+    : omi_BtreeNode(other.m_key, other.m_value) {
+    // The delegated constructor has run: should a copy below throw, the destructor frees the rest.
+    m_maxDepth = other.m_maxDepth;
+    if (other.m_left != nullptr) {
+        m_left = new omi_BtreeNode(*other.m_left);
+    }
+    if (other.m_right != nullptr) {
+        m_right = new omi_BtreeNode(*other.m_right);
+    }
+}
+
+template <class K, class V>
+omi_BtreeNode<K, V>::~omi_BtreeNode() {
+    delete m_left;
+    delete m_right;
+}
+
+template <class K, class V>
+omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Find(const K& key) const {
+    omi_BtreeNode* node = const_cast<omi_BtreeNode*>(this);
+    while (node != nullptr) {
+        const int order = BtreeCompare(node->m_key, key);
+        if (order == 0) {
+            break;
+        }
+        node = node->Slot(order);
+    }
+    return node;
+}
+
+template <class K, class V>
+bool omi_BtreeNode<K, V>::Insert(const K& key, const V& value) {
+    const int order = BtreeCompare(m_key, key);
+    if (order == 0) {
+        return false;
+    }
+    omi_BtreeNode*& slot = Slot(order);
+    if (slot == nullptr) {
+        slot = new omi_BtreeNode(key, value);
+    } else if (slot->Insert(key, value)) {
+        BalanceSlot(slot);
+    } else {
+        return false;
+    }
+    SetMaxDepth();
+    return true;
+}
+
+template <class K, class V>
+bool omi_BtreeNode<K, V>::Remove(const K& key, omi_BtreeNode& parent) {
+    const int order = BtreeCompare(m_key, key);
+    if (order == 0) {
+        omi_BtreeNode* const replacement = DetachReplacement();
+        parent.RemoveNode(this, replacement);
+        return true;
+    }
+    omi_BtreeNode*& slot = Slot(order);
+    if (slot == nullptr || !slot->Remove(key, *this)) {
+        return false;
+    }
+    if (slot != nullptr) {
+        BalanceSlot(slot);
+        SetMaxDepth();
+    }
+    return true;
+}
+
+template <class K, class V>
+omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Balance() {
+    const int difference = Height(m_right) - Height(m_left);
+    if (difference > 1) {
+        return RotateLeft();
+    }
+    if (difference < -1) {
+        return RotateRight();
+    }
+    return nullptr;
+}
+
+template <class K, class V>
+omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::RotateLeft() {
+    omi_BtreeNode* const head = m_right;
+    m_right = head->m_left;
+    head->m_left = this;
+    SetMaxDepth();
+    head->SetMaxDepth();
+    return head;
+}
+
+template <class K, class V>
+omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::RotateRight() {
+    omi_BtreeNode* const head = m_left;
+    m_left = head->m_right;
+    head->m_right = this;
+    SetMaxDepth();
+    head->SetMaxDepth();
+    return head;
+}
+
+template <class K, class V>
+void omi_BtreeNode<K, V>::SetMaxDepth() {
+    const int left = m_left == nullptr ? 0 : m_left->m_maxDepth + 1;
+    const int right = m_right == nullptr ? 0 : m_right->m_maxDepth + 1;
+    m_maxDepth = std::max(left, right);
+}
+
+template <class K, class V>
+void omi_BtreeNode<K, V>::RemoveNode(omi_BtreeNode* oldChild, omi_BtreeNode* newChild) {
+    omi_BtreeNode*& slot = m_right == oldChild ? m_right : m_left;
+    slot = newChild;
+    delete oldChild;
+    SetMaxDepth();
+}
+
+template <class K, class V>
+void omi_BtreeNode<K, V>::BalanceSlot(omi_BtreeNode*& slot) {
+    omi_BtreeNode* const head = slot->Balance();
+    if (head != nullptr) {
+        slot = head;
+    }
+}
+
+// Takes this node's children away and returns the subtree that stands in for this node: the only
+// child, or with two the leftmost node of the right subtree put at the head of both. Only that node
+// and the one it hung from get fresh depths; those between keep theirs, even where too large.
+template <class K, class V>
+omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::DetachReplacement() {
+    omi_BtreeNode* replacement = m_right;
+    if (replacement == nullptr) {
+        replacement = m_left;
+    } else if (m_left != nullptr) {
+        omi_BtreeNode* above = this;
+        while (replacement->m_left != nullptr) {
+            above = replacement;
+            replacement = replacement->m_left;
+        }
+        if (above != this) {
+            above->m_left = replacement->m_right;
+            replacement->m_right = m_right;
+            above->SetMaxDepth();
+        }
+        replacement->m_left = m_left;
+        replacement->SetMaxDepth();
+    }
+    m_left = nullptr;
+    m_right = nullptr;
+    return replacement;
+}
+
+template <class K, class V>
+omi_Btree<K, V>::omi_Btree(const omi_Btree& other)
+    : m_root(nullptr), m_size(other.m_size), m_nullValue(other.m_nullValue) {
+    if (other.m_root != nullptr) {
+        m_root = new Node(*other.m_root);
+    }
+}
+
+template <class K, class V>
+omi_Btree<K, V>& omi_Btree<K, V>::operator=(const omi_Btree& other) {
+    if (this == &other) {
+        return *this;
+    }
+    Node* const copy = other.m_root == nullptr ? nullptr : new Node(*other.m_root);
+    delete m_root;
+    m_root = copy;
+    m_size = other.m_size;
+    m_nullValue = other.m_nullValue;
+    return *this;
+}
+
+template <class K, class V>
+omi_Btree<K, V>::~omi_Btree() {
+    delete m_root;
+}
+
+template <class K, class V>
+bool omi_Btree<K, V>::Insert(const K& key, const V& value) {
+    if (m_root == nullptr) {
+        m_root = new Node(key, value);
+        m_size = 1;
+        return true;
+    }
+    if (!m_root->Insert(key, value)) {
+        return false;
+    }
+    ++m_size;
+    Node::BalanceSlot(m_root);
+    return true;
+}
+
+template <class K, class V>
+bool omi_Btree<K, V>::Remove(const K& key) {
+    if (m_root == nullptr) {
+        return false;
+    }
+    // A head above the root lets the root be unlinked like any other node.
+    Node head(K(), m_nullValue);
+    head.m_left = m_root;
+    const bool removed = m_root->Remove(key, head);
+    if (removed) {
+        --m_size;
+        m_root = head.m_left;
+        if (m_root != nullptr) {
+            Node::BalanceSlot(m_root);
+        }
+    }
+    head.m_left = nullptr;  // the head goes, the tree stays
+    return removed;
+}
+
+template <class K, class V>
+V& omi_Btree<K, V>::Get(const K& key) {
+    Node* const node = Find(key);
+    return node == nullptr ? m_nullValue : node->m_value;
+}
+
+template <class K, class V>
+const V& omi_Btree<K, V>::ConstGet(const K& key) const {
+    const Node* const node = Find(key);
+    return node == nullptr ? m_nullValue : node->m_value;
+}
+
+template <class K, class V>
+void omi_Btree<K, V>::Clear() {
+    delete m_root;
+    m_root = nullptr;
+    m_size = 0;
+}

@@ -1,0 +1,12 @@
+// For applications: where mutexes come from.
+#pragma once
+
+#include "KLVBasAtiMutex.h"
+#include "KLVBasExport.h"
+
+// Makes the primitives of the platform's threading.
+class KLVBASE_EXPORT KLVBasAtiThreadingModel {
+public:
+    // A new, unlocked mutex that the caller deletes, or null when there is no memory for one.
+    static KLVBasAtiMutex* newMutex();
+};

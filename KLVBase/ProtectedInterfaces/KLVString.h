@@ -1,0 +1,60 @@
+// For applications: the text type of every public operation.
+#pragma once
+
+#include "KLVBasExport.h"
+
+// An immutable run of characters, shared between copies and counted atomically, so that copies may
+// be made and dropped on several threads at once. One KLVString object itself is used by one thread
+// at a time. Zero bytes inside are kept. An empty string allocates nothing.
+//
+// A text longer than an int can count, or memory that cannot be had, ends in std::bad_alloc and
+// leaves the string as it was. Copying never throws.
+class KLVBASE_EXPORT KLVString {
+public:
+    KLVString() noexcept = default;
+
+    // Copies a zero-terminated text; a null pointer gives the empty string. Implicit, so that texts
+    // can be passed where a KLVString is asked for.
+    KLVString(const char* text);
+
+    // Copies `length` bytes, zero bytes included. A null pointer or a length below 1 gives the
+    // empty string.
+    KLVString(const char* text, int length);
+
+    KLVString(const KLVString& other) noexcept;
+
+    // Takes the new text before it releases the old one: assigning a string to itself is safe.
+    KLVString& operator=(const KLVString& other) noexcept;
+
+    ~KLVString();
+
+    // The number of bytes.
+    int Length() const noexcept;
+
+    // The bytes with a zero byte after the last, valid as long as this string is neither changed
+    // nor destroyed. Never null.
+    const char* Text() const noexcept;
+
+    // Requires: 0 <= position <= Length(). At Length() stands the terminating zero byte.
+    char operator[](int position) const { return Text()[position]; }
+
+    // Compares byte by byte as unsigned values; a prefix sorts first. The result is negative when
+    // this string sorts before `other`, 0 when both are equal, positive otherwise.
+    int Compare(const KLVString& other) const noexcept;
+
+    // Appends the decimal text of `number`.
+    KLVString& operator+=(int number);
+
+private:
+    struct Shared;
+
+    Shared* m_shared = nullptr;  // null for the empty string
+};
+
+inline bool operator==(const KLVString& a, const KLVString& b) noexcept {
+    return a.Compare(b) == 0;
+}
+
+inline bool operator!=(const KLVString& a, const KLVString& b) noexcept {
+    return a.Compare(b) != 0;
+}

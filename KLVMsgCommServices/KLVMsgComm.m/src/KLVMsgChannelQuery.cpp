@@ -1,0 +1,15 @@
+#include "KLVMsgChannelQuery.h"
+
+#include "KLVMsgChannelQueryByLabel.h"
+
+KLVMsgChannelQueryByLabel::KLVMsgChannelQueryByLabel(const KLVString& labelText)
+    : label(labelText) {}
+
+void KLVMsgChannelQueryByLabel::Search(const KLVBasVector<KLVMsgChannel>& in,
+                                       KLVBasVector<KLVMsgChannel>& out) const {
+    for (std::size_t i = 0; i < in.Size(); ++i) {
+        if (in[i].GetLabel().Compare(label) == 0) {
+            out.PushBack(in[i]);
+        }
+    }
+}

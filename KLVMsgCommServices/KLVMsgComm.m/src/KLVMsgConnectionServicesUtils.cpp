@@ -1,0 +1,219 @@
+#include "KLVMsgConnectionServicesUtils.h"
+
+#include <climits>
+#include <cstddef>
+#include <cstring>
+
+#include "KLVMsgCommSocket.h"
+#include "KLVMsgServerSocket.h"
+#include "KLVMsgSocketInternals.h"
+#include "KLVMsgSocketMessage.h"
+#include "mem_Allocation.h"
+
+template class KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>;
+
+using RegistryLock = KLVBasAtiGlobalSingletonLock<KLVMsgConnectionServicesUtils>;
+
+// The length that stands before the type name.
+using NameLength = unsigned int;
+static_assert(sizeof(NameLength) == 4);
+
+KLVMsgConnectionServicesUtils::KLVMsgConnectionServicesUtils() = default;
+
+KLVMsgConnectionServicesUtils::~KLVMsgConnectionServicesUtils() = default;
+
+int KLVMsgConnectionServicesUtils::AddConnection(KLVMsgSocket* socket) {
+    const RegistryLock lock;
+    if (m_connections.IsMember(socket->descriptor)) {
+        return 0;
+    }
+    m_connections.Insert(socket->descriptor, socket);
+    return 1;
+}
+
+KLVMsgSocket* KLVMsgConnectionServicesUtils::GetSocket(int number) {
+    const RegistryLock lock;
+    return Find(number);
+}
+
+void KLVMsgConnectionServicesUtils::RemoveConnection(int number) {
+    KLVMsgSocket* const socket = Find(number);
+    if (socket != nullptr) {
+        socket->Shutdown();
+        Unregister(number);
+    }
+}
+
+void KLVMsgConnectionServicesUtils::ShutDownConnection(int number) {
+    const RegistryLock lock;
+    RemoveConnection(number);
+}
+
+bool KLVMsgConnectionServicesUtils::RetireClosedConnection(int number) {
+    const RegistryLock lock;
+    const KLVMsgSocket* const socket = Find(number);
+    if (socket == nullptr || !socket->closed) {
+        return false;
+    }
+    Unregister(number);
+    return true;
+}
+
+KLVMsgServerSocket* KLVMsgConnectionServicesUtils::StartServer(KLVMsgSocketAddress address,
+                                                               int backlog) {
+    const RegistryLock lock;
+    KLVMsgSocketOwner<KLVMsgServerSocket> socket(new KLVMsgServerSocket(address, backlog));
+    if (socket->descriptor == -1) {
+        return nullptr;
+    }
+    Register(socket.get());
+    return socket.release();
+}
+
+KLVMsgCommSocket* KLVMsgConnectionServicesUtils::ConnectToServer(KLVMsgSocketAddress first,
+                                                                 KLVMsgSocketAddress server) {
+    const RegistryLock lock;
+    KLVMsgSocketOwner<KLVMsgCommSocket> socket(new KLVMsgCommSocket(first));
+    socket->Connect(server);
+    if (!socket->IsConnected()) {
+        return nullptr;
+    }
+    Register(socket.get());
+    return socket.release();
+}
+
+void KLVMsgConnectionServicesUtils::SetName(int number, const KLVString& name) {
+    const RegistryLock lock;
+    if (!m_names.Insert(number, name)) {
+        m_names.Get(number) = name;
+    }
+}
+
+void KLVMsgConnectionServicesUtils::GetName(int number, KLVString& name) {
+    const RegistryLock lock;
+    if (m_names.IsMember(number)) {
+        name = m_names.Get(number);
+    }
+}
+
+int KLVMsgConnectionServicesUtils::SendMessageHeader(int number, const KLVString& typeName) {
+    const RegistryLock lock;
+    return SendMessageHeader_priv(number, typeName);
+}
+
+int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket(int number, KLVString& typeName) {
+    const RegistryLock lock;
+    return RetrieveMessageTypeFromSocket_priv(number, typeName);
+}
+
+void KLVMsgConnectionServicesUtils::RegisterMessagePrototype(const KLVString& typeName,
+                                                             KLVMsgSocketMessage* prototype) {
+    const RegistryLock lock;
+    m_prototypes.Insert(typeName, prototype);  // leaves the first one in its place
+}
+
+KLVMsgSocketMessage* KLVMsgConnectionServicesUtils::GetMsgInstance(const KLVString& typeName) {
+    const RegistryLock lock;
+    KLVMsgSocketMessage* const prototype = m_prototypes.Get(typeName);
+    return prototype == nullptr ? nullptr : prototype->NewInstance();
+}
+
+bool KLVMsgConnectionServicesUtils::HasError(int number) {
+    const RegistryLock lock;
+    const KLVMsgSocket* const socket = Find(number);
+    return socket != nullptr && socket->lastError != 0;
+}
+
+void KLVMsgConnectionServicesUtils::ClearError(int number) {
+    const RegistryLock lock;
+    KLVMsgSocket* const socket = Find(number);
+    if (socket != nullptr) {
+        socket->lastError = 0;
+    }
+}
+
+void KLVMsgConnectionServicesUtils::GetLastErrorCode(int number, int& code) {
+    const RegistryLock lock;
+    const KLVMsgSocket* const socket = Find(number);
+    if (socket != nullptr) {
+        code = socket->lastError;
+    }
+}
+
+KLVMsgSocket* KLVMsgConnectionServicesUtils::Find(int number) const {
+    return static_cast<KLVMsgSocket*>(m_connections.Lookup(number));
+}
+
+KLVMsgCommSocket* KLVMsgConnectionServicesUtils::FindStreamSocket(int number) const {
+    return KLVMsgAsStreamSocket(Find(number));
+}
+
+// The system has given the number to this socket: one that still stands there is gone for good.
+void KLVMsgConnectionServicesUtils::Register(KLVMsgSocket* socket) {
+    KLVMsgSocket* const replaced = Find(socket->descriptor);
+    m_connections.Insert(socket->descriptor, socket);
+    KLVMsgDestroySocket(replaced);
+}
+
+void KLVMsgConnectionServicesUtils::Unregister(int number) {
+    KLVMsgSocket* const socket = Find(number);
+    m_connections.Remove(number);
+    KLVMsgDestroySocket(socket);
+}
+
+int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number, const KLVString& typeName) {
+    KLVMsgCommSocket* const socket = FindStreamSocket(number);
+    if (socket == nullptr || !socket->outputOpen) {
+        return 0;
+    }
+    const int length = typeName.Length();
+    char* const scratch = static_cast<char*>(mem_OperatorNewThrowBuiltin(sizeof(NameLength)));
+    std::memcpy(scratch, &length, sizeof(NameLength));
+
+    socket->lastError = 0;
+    const int written = socket->write(scratch, sizeof(NameLength));
+    mem_Free(scratch);
+    if (written != sizeof(NameLength)) {
+        return 0;
+    }
+    return socket->write(typeName.Text(), length) == length ? 1 : 0;
+}
+
+int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number,
+                                                                      KLVString& typeName) {
+    KLVMsgCommSocket* const socket = FindStreamSocket(number);
+    if (socket == nullptr || !socket->inputOpen) {
+        return 0;
+    }
+    socket->lastError = 0;
+    // Released below when all four bytes have come, and on no earlier return.
+    char* const scratch = static_cast<char*>(mem_OperatorNewThrowBuiltin(sizeof(NameLength)));
+    const int count = socket->read(scratch, sizeof(NameLength));
+    if (count == -1 && !socket->IsConnected()) {
+        RemoveConnection(number);
+        return 0;
+    }
+    if (count != sizeof(NameLength)) {
+        return 0;
+    }
+    NameLength length = 0;
+    std::memcpy(&length, scratch, sizeof length);
+    mem_Free(scratch);
+    // The buffer's size, one more than the length, must be a positive int.
+    if (length == 0 || length >= INT_MAX) {
+        return 0;
+    }
+
+    char* const name = static_cast<char*>(mem_Malloc(static_cast<std::size_t>(length) + 1));
+    if (name == nullptr) {
+        return 0;
+    }
+    name[length] = '\0';
+    const int nameLength = static_cast<int>(length);
+    if (socket->read(name, nameLength) != nameLength) {
+        mem_Free(name);
+        return 0;
+    }
+    typeName = KLVString(name);  // the buffer is kept: it is released after a short read only
+    return 1;
+}

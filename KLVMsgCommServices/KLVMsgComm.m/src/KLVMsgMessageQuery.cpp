@@ -1,0 +1,17 @@
+#include "KLVMsgMessageQuery.h"
+
+#include "KLVMsgMessageQueryByType.h"
+#include "KLVMsgSocketMessage.h"
+
+KLVMsgMessageQuery::~KLVMsgMessageQuery() = default;
+
+KLVMsgMessageQueryByType::KLVMsgMessageQueryByType(const KLVString& typeName) : type(typeName) {}
+
+void KLVMsgMessageQueryByType::Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
+                                      KLVBasVector<int>& indexes) const {
+    for (std::size_t i = 0; i < messages.Size(); ++i) {
+        if (messages[i]->GetMessageType().Compare(type) == 0) {
+            indexes.PushBack(static_cast<int>(i));
+        }
+    }
+}

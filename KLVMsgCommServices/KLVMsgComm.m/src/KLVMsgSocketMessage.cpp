@@ -1,0 +1,3 @@
+#include "KLVMsgSocketMessage.h"
+
+KLVMsgSocketMessage::~KLVMsgSocketMessage() = default;

@@ -1,0 +1,46 @@
+// For applications and the library's own sources: waiting for many connections at once.
+#pragma once
+
+#include "KLVBasVector.h"
+#include "KLVMsgChannel.h"
+#include "KLVMsgExport.h"
+
+class KLVMsgServerSocket;
+
+// A set of channels to wait on, and what the waits have found. It holds no lock: the communicator
+// guards the ones that it is given.
+class KLVMSG_EXPORT KLVMsgChannelWaitable {
+public:
+    // A waitable without channels.
+    KLVMsgChannelWaitable() = default;
+
+    explicit KLVMsgChannelWaitable(const KLVBasVector<KLVMsgChannel>& watched);
+
+    // Waits (select) until a watched connection is readable or the time is over, and appends what
+    // it found. The results of earlier waits stay: the caller clears them.
+    //
+    // A readable listening socket has its waiting connection accepted and registered, and a channel
+    // for it with an empty label goes to `newChannels`. Where a socket that is marked as closed
+    // still holds the new connection's number, it is retired first and its entries leave
+    // `channels`. Any other readable connection, one that the peer has closed included, goes to
+    // `readyChannels`: in ascending order of descriptors, and once for each of its entries in
+    // `channels`.
+    //
+    // Connections that are unknown or marked as closed are passed over, as are those whose
+    // descriptor does not fit the descriptor set (1024 and above). With none left it returns at
+    // once.
+    //
+    // The time is in milliseconds. 0 looks without waiting. Exactly 1000 (given to the system as
+    // 1,000,000 microseconds) and negative times are passed on as they are, for select to judge:
+    // one that it refuses ends the wait, as does a signal. A wait that ended so is reported on
+    // aio_cerr as "waiting for select" and the errno.
+    void WaitForConnectionAndMessages(int timeoutMilliseconds);
+
+    bool acceptConnections = true;  // false: readable listening sockets are ignored
+    KLVBasVector<KLVMsgChannel> channels;
+    KLVBasVector<KLVMsgChannel> readyChannels;
+    KLVBasVector<KLVMsgChannel> newChannels;
+
+private:
+    void AcceptConnection(KLVMsgServerSocket& server);
+};

@@ -1,0 +1,55 @@
+// For applications: everything public, the base facilities included.
+//
+// What holds throughout, unless an operation says otherwise:
+// - An object is used by one thread at a time. The two singletons, KLVMsgSocketCommunicator and
+//   KLVMsgConnectionServicesUtils, guard themselves and may be used from any thread.
+// - Nothing throws but std::bad_alloc, which leaves objects as they were and no lock taken.
+// - A pointer handed in stays its owner's. Output vectors are appended to, not cleared.
+// - Times are in milliseconds, sizes in bytes, error numbers are errno values.
+#pragma once
+
+#include "KLVBasAtiGlobalSingleton.h"
+#include "KLVBasAtiMutex.h"
+#include "KLVBasAtiThread.h"
+#include "KLVBasAtiThreadTask.h"
+#include "KLVBasAtiThreadingModel.h"
+#include "KLVBasModules.h"
+#include "KLVBasUtlsleep.h"
+#include "KLVBasVector.h"
+#include "KLVBasVectorGeneric.h"
+#include "KLVMsgBufferedOutputStream.h"
+#include "KLVMsgChannel.h"
+#include "KLVMsgChannelMsgStruct.h"
+#include "KLVMsgChannelOrganizer.h"
+#include "KLVMsgChannelQuery.h"
+#include "KLVMsgChannelQueryByLabel.h"
+#include "KLVMsgChannelWaitable.h"
+#include "KLVMsgCommModules_IF.h"
+#include "KLVMsgCommSocket.h"
+#include "KLVMsgComm_IF.h"
+#include "KLVMsgConnectionServicesUtils.h"
+#include "KLVMsgInetAddress.h"
+#include "KLVMsgInputStream.h"
+#include "KLVMsgMapIntoString.h"
+#include "KLVMsgMessageQuery.h"
+#include "KLVMsgMessageQueryByType.h"
+#include "KLVMsgMessageTask.h"
+#include "KLVMsgOutputStream.h"
+#include "KLVMsgServerSocket.h"
+#include "KLVMsgSimpleInputStream.h"
+#include "KLVMsgSocket.h"
+#include "KLVMsgSocketAddress.h"
+#include "KLVMsgSocketCommunicator.h"
+#include "KLVMsgSocketErrorInfo.h"
+#include "KLVMsgSocketMessage.h"
+#include "KLVMsgStream.h"
+#include "KLVMsgStringToSocketMsgProto.h"
+#include "KLVString.h"
+#include "VORFatalError.h"
+#include "aio_ostream.h"
+#include "mem_Allocation.h"
+#include "mem_AllocationOperators.h"
+#include "omi_Btree.h"
+#include "omi_BtreeIterator.h"
+#include "omi_IntTable.h"
+#include "omi_UintTable.h"

@@ -1,0 +1,139 @@
+// For applications and the library's own sources: the registry of open connections.
+//
+// Invariants:
+// - One lock, the singleton's, guards all fields. Every operation but RemoveConnection holds it for
+//   its whole run, blocking socket calls included, and none calls another that takes it.
+// - A connection number is the registered socket's descriptor. The operating system reuses numbers,
+//   and so does the registry.
+// - The registry owns the sockets: RemoveConnection destroys them. It owns no prototype, and its
+//   destruction (Finalize) closes and destroys no socket.
+#pragma once
+
+#include "KLVBasAtiGlobalSingleton.h"
+#include "KLVMsgExport.h"
+#include "KLVMsgMapIntoString.h"
+#include "KLVMsgSocketAddress.h"
+#include "KLVMsgStringToSocketMsgProto.h"
+#include "KLVString.h"
+#include "omi_IntTable.h"
+
+class KLVMSG_EXPORT KLVMsgConnectionServicesUtils;
+class KLVMsgCommSocket;
+class KLVMsgServerSocket;
+class KLVMsgSocket;
+class KLVMsgSocketMessage;
+
+extern template class KLVMSG_EXPORT KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>;
+
+// Keeps every socket of the process under its connection number, with a name for each number, and
+// the prototypes of the message types. A message header on the wire:
+//
+//     0        4            4 + L
+//     +--------+------------+----------
+//     |   L    | type name  | body ...     L: unsigned 32-bit, byte order of the host
+//     +--------+------------+----------
+//
+class KLVMSG_EXPORT KLVMsgConnectionServicesUtils
+    : public KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils> {
+public:
+    // For Instance; an application does not construct a second one.
+    KLVMsgConnectionServicesUtils();
+    ~KLVMsgConnectionServicesUtils();
+    KLVMsgConnectionServicesUtils(const KLVMsgConnectionServicesUtils&) = delete;
+    KLVMsgConnectionServicesUtils& operator=(const KLVMsgConnectionServicesUtils&) = delete;
+
+    // Connections ---------------------------------------------------------------------------------
+
+    // Registers a KLVMsgCommSocket or KLVMsgServerSocket made with `new` under its descriptor and
+    // returns 1: the registry owns it from then on. Returns 0 when the number is taken: the entry
+    // stays, and the socket stays the caller's.
+    // Requires: `socket` is not null.
+    int AddConnection(KLVMsgSocket* socket);
+
+    // The socket under a number, or null. The pointer is valid until the connection is removed.
+    KLVMsgSocket* GetSocket(int number);
+
+    // Shuts the socket down, unregisters and destroys it; its name stays. Nothing happens for an
+    // unknown number. Takes no lock: for callers that hold it, or know that nobody else uses the
+    // registry. ShutDownConnection is the form for everybody else.
+    void RemoveConnection(int number);
+
+    // RemoveConnection under the lock.
+    void ShutDownConnection(int number);
+
+    // Unregisters and destroys the socket under a number if it is marked as closed, and leaves the
+    // descriptor alone: the system has given the number to another connection. True when it did.
+    bool RetireClosedConnection(int number);
+
+    // Opens a listening socket and registers it, in place of one that is still registered under the
+    // number and goes. Returns null only when no socket could be made: one whose bind or listen
+    // failed is registered too, and HasError tells.
+    //
+    // Blocks for as long as the host takes to resolve. The socket is the registry's.
+    KLVMsgServerSocket* StartServer(KLVMsgSocketAddress address, int backlog);
+
+    // Connects to `server` and registers the socket like StartServer. Returns null when that
+    // failed; nothing is left open then. One attempt, without a time limit of its own, which holds
+    // up every other user of the registry. The first argument is not used. The socket is the
+    // registry's.
+    KLVMsgCommSocket* ConnectToServer(KLVMsgSocketAddress first, KLVMsgSocketAddress server);
+
+    // Names ---------------------------------------------------------------------------------------
+
+    // Names a number, registered or not. A name outlives its connection and is found by the next
+    // one with the same number.
+    void SetName(int number, const KLVString& name);
+
+    // Sets `name` to the name of a number, or leaves it alone when there is none.
+    void GetName(int number, KLVString& name);
+
+    // Messages ------------------------------------------------------------------------------------
+
+    // Sends a header: one send for the length, one for the type name. Returns 1, or 0 when the
+    // number is no stream socket with an open output, or when a send took less than all; what was
+    // sent before that stays sent. Clears the socket's last error first. May block in send.
+    int SendMessageHeader(int number, const KLVString& typeName);
+
+    // Reads a header: one recv for the length, one for the name, neither repeated. Returns 1 and
+    // sets `typeName`, which ends at the name's first zero byte if it has one. Returns 0 and leaves
+    // it alone when the number is no stream socket with an open input, when a recv got less than
+    // all (those bytes are lost), when the name is empty, or when its length is 2^31 - 1 or more or
+    // more than there is memory for. Clears the socket's last error first.
+    //
+    // A connection found lost on the length is removed from the registry; one that the peer has
+    // closed is shut down and stays. Waits while nothing has arrived, which holds up every other
+    // user of the registry.
+    int RetrieveMessageTypeFromSocket(int number, KLVString& typeName);
+
+    // Registers a prototype, which stays the application's and outlives the registry's use of it. A
+    // second one under the same name is ignored.
+    void RegisterMessagePrototype(const KLVString& typeName, KLVMsgSocketMessage* prototype);
+
+    // A new message, made by the prototype's NewInstance under the lock and owned by the caller, or
+    // null when no prototype has that name.
+    KLVMsgSocketMessage* GetMsgInstance(const KLVString& typeName);
+
+    // Errors --------------------------------------------------------------------------------------
+
+    // True when the number is registered and its socket's last error is not 0.
+    bool HasError(int number);
+
+    // Sets the last error of a registered socket to 0.
+    void ClearError(int number);
+
+    // Sets `code` to the errno of a registered socket's last failure, 0 when there was none; leaves
+    // it alone for an unknown number.
+    void GetLastErrorCode(int number, int& code);
+
+private:
+    KLVMsgSocket* Find(int number) const;
+    KLVMsgCommSocket* FindStreamSocket(int number) const;
+    void Register(KLVMsgSocket* socket);
+    void Unregister(int number);
+    int SendMessageHeader_priv(int number, const KLVString& typeName);
+    int RetrieveMessageTypeFromSocket_priv(int number, KLVString& typeName);
+
+    omi_IntTable<void*> m_connections;  // number to KLVMsgSocket*, owned
+    omi_Btree<KLVString, KLVMsgSocketMessage*> m_prototypes;
+    omi_Btree<int, KLVString> m_names;
+};

@@ -1,0 +1,179 @@
+// For applications: sending and receiving messages.
+//
+// Invariants:
+// - One lock, the singleton's, guards all fields; two of them, the output stream and the task flag,
+//   are atomic, since they are also looked at without it. Every operation holds it for its
+//   whole run, except where it says otherwise. With it held the registry's lock may be taken, never
+//   the other way round.
+// - Messages and streams are the application's. The inbox and the queue only point to messages.
+// - The ids in the pending queue are consecutive: each queued record takes the next one, and the
+//   queue is only ever emptied as a whole.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+
+#include "KLVBasAtiGlobalSingleton.h"
+#include "KLVBasVector.h"
+#include "KLVMsgChannel.h"
+#include "KLVMsgChannelMsgStruct.h"
+#include "KLVMsgChannelOrganizer.h"
+#include "KLVMsgExport.h"
+#include "KLVString.h"
+
+class KLVMSG_EXPORT KLVMsgSocketCommunicator;
+class KLVMsgChannelQuery;
+class KLVMsgInputStream;
+class KLVMsgMessageQuery;
+class KLVMsgOutputStream;
+class KLVMsgSocketMessage;
+
+extern template class KLVMSG_EXPORT KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>;
+
+// The entry object of the library, one for the process, made by the first Instance(). It knows the
+// connections as channels, keeps a queue of messages to send and an inbox of those received, and is
+// driven by one message task (KLVMsgMessageTask) or by hand with WaitConnectionsAndMessages and
+// TransmitPendingMessage.
+//
+// Operations may be called from any thread. One that takes the lock waits for a cycle in progress:
+// up to the cycle's time limit and the time its transfers take.
+class KLVMSG_EXPORT KLVMsgSocketCommunicator
+    : public KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator> {
+public:
+    // For Instance; an application does not construct a second one.
+    KLVMsgSocketCommunicator();
+
+    // Releases its own storage only: queued messages are not sent, no message is destroyed, no
+    // connection closed. The message task has ended before that.
+    ~KLVMsgSocketCommunicator();
+
+    KLVMsgSocketCommunicator(const KLVMsgSocketCommunicator&) = delete;
+    KLVMsgSocketCommunicator& operator=(const KLVMsgSocketCommunicator&) = delete;
+
+    // Set-up --------------------------------------------------------------------------------------
+
+    // Makes a channel known; with `flag` the message task watches it.
+    void AddConnection(const KLVMsgChannel& channel, bool flag);
+
+    // Shuts down and forgets the connections that the query selects, or all of them without a
+    // query. The flag has no effect.
+    void RemoveConnection(KLVMsgChannelQuery* query, bool flag);
+
+    // Appends to `channels` the known channels that the query selects, or all without a query.
+    void RetrieveConnections(KLVMsgChannelQuery* query, KLVBasVector<KLVMsgChannel>& channels);
+
+    // Registers the prototype of a message type; a null name is the empty one. The first one under
+    // a name stays. It remains the application's and must outlive every receive that can use it.
+    // Takes the registry's lock only.
+    void RegisterMessagePrototype(const char* type, KLVMsgSocketMessage* prototype);
+
+    // Set the streams that carry message bodies. They remain the application's, as does a stream
+    // set before. Both are set before anything is sent or waited for.
+    void SetDefaultInputStream(KLVMsgInputStream* stream);
+    void SetDefaultOutputStream(KLVMsgOutputStream* stream);
+
+    // Sending -------------------------------------------------------------------------------------
+    //
+    // A send queues one record per channel; TransmitPendingMessage writes it. The message must
+    // live, unchanged, as long as one of its ids is pending; from then on it may be reused or
+    // destroyed. An id that is no longer pending says that the transmission was attempted, not that
+    // it succeeded: GetErrorsOnChannel tells. Nothing fails at queuing time: an unknown channel, a
+    // label that matches none or a null message only mean that nothing is written.
+    //
+    // Ids count from 1 through the whole process and start again from 0 after 2^32 records.
+
+    // Queues the message for one channel and sets `id`.
+    void ISendSocketMessage(const KLVMsgChannel& channel, KLVMsgSocketMessage* message,
+                            unsigned int& id);
+
+    // Queues it for each known channel that the query selects, all without a query, and appends
+    // their ids in the same order.
+    void ISendSocketMessage(KLVMsgChannelQuery* query, KLVMsgSocketMessage* message,
+                            KLVBasVector<unsigned int>& ids);
+
+    // Queues it for each known channel with this label; a null label is the empty one. Sets `id`
+    // when it was exactly one, and to 0 otherwise.
+    void ISendSocketMessage(const char* label, KLVMsgSocketMessage* message, unsigned int& id);
+
+    // The same, and then wait until no record of theirs is pending, asking every 20 ms and without
+    // a time limit. They do not hold the lock meanwhile. They are not called on the thread that
+    // drives the communicator: they wait for that very thread. The result is always false: not
+    // pending.
+    bool SendSocketMessage(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
+    void SendSocketMessage(KLVMsgChannelQuery* query, KLVMsgSocketMessage* message);
+    void SendSocketMessage(const char* label, KLVMsgSocketMessage* message);
+
+    // True while the record with this id is in the queue.
+    bool QueryPendingStatus(unsigned int& id);
+
+    // Replaces the content of `pending` with those of `ids` that are in the queue, in the order of
+    // the queue, each once.
+    void QueryPendingStatus(const KLVBasVector<unsigned int>& ids,
+                            KLVBasVector<unsigned int>& pending);
+
+    // Writes every queued message, header and body, in the order of the queue, and empties it. What
+    // cannot be written (no stream socket, output not open, header failed) is dropped without a
+    // report. Without an output stream it returns at once, and the queue stays. May block in send.
+    void TransmitPendingMessage();
+
+    // The message task ----------------------------------------------------------------------------
+
+    // Lets the next KLVMsgMessageTask::Run work. Takes no lock.
+    void PrepareStartupMessageTask();
+
+    // True when the message task is not to run, or to end. Takes no lock.
+    bool IsOkToShutDownMessageTask() const;
+
+    // Shuts all known connections down and asks the message task to end, which it does after the
+    // cycle that it is in. Does not wait for its thread.
+    void ShutdownMessageTask();
+
+    // Receiving -----------------------------------------------------------------------------------
+
+    // One cycle: waits up to `timeout` milliseconds on the waitable, the watched channels without
+    // one; makes the connections accepted meanwhile known and watched; and reads one message from
+    // each connection that has data into the inbox. A message without a registered prototype is
+    // lost, and its body is taken for the next header. The lock is held throughout.
+    //
+    // A connection found lost is no longer watched; GetErrorsOnChannel cannot tell more of it. See
+    // KLVMsgChannelWaitable for the time and for what a wait reports.
+    // Requires: the input stream is set.
+    void WaitConnectionsAndMessages(KLVMsgChannelWaitable* waitable, int timeout);
+
+    // Appends a copy of the record to the inbox.
+    // Requires: its message is not null.
+    void AddMessage(const KLVMsgChannelMsgStruct& record);
+
+    // Move the messages that the query selects out of the inbox and append them, the newest first:
+    // whole records, or only the messages. They are the application's from the moment they were
+    // read. std::bad_alloc leaves inbox and output as they were.
+    // Requires: `query` is not null.
+    void IRetrieveMessagesWithChannel(KLVMsgMessageQuery* query,
+                                      KLVBasVector<KLVMsgChannelMsgStruct>& records);
+    void IRetrieveMessages(KLVMsgMessageQuery* query, KLVBasVector<KLVMsgSocketMessage*>& messages);
+
+    // Tries that every 20 ms, the first time after 20 ms, until something was selected; there is no
+    // time limit. Returns the new size of `messages`. It does not hold the lock while it sleeps.
+    std::size_t RetrieveMessages(KLVMsgMessageQuery* query,
+                                 KLVBasVector<KLVMsgSocketMessage*>& messages);
+
+    // Sets `code` to the errno of the last failure on the channel's connection and `text` to its
+    // message. Without one `code` is 0 and `text` is left alone. The error is not cleared.
+    // A channel without a socket has none.
+    void GetErrorsOnChannel(const KLVMsgChannel& channel, int& code, KLVString& text);
+
+private:
+    unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
+    std::size_t PositionInQueue(unsigned int id) const;
+    void Transmit(const KLVMsgChannelMsgStruct& record, KLVMsgOutputStream& stream);
+    bool ReceiveMessage(const KLVMsgChannel& channel);
+    template <class Element, class Project>
+    void TakeFromInbox(KLVMsgMessageQuery* query, KLVBasVector<Element>& taken, Project project);
+
+    KLVBasVector<KLVMsgChannelMsgStruct> m_inbox;  // in the order of arrival
+    KLVMsgChannelOrganizer m_organizer;
+    KLVBasVector<KLVMsgChannelMsgStruct> m_pending;            // in the order of queuing
+    KLVMsgInputStream* m_inputStream = nullptr;                // not owned
+    std::atomic<KLVMsgOutputStream*> m_outputStream{nullptr};  // not owned; null: nothing is sent
+    std::atomic<bool> m_taskRunning{false};
+};

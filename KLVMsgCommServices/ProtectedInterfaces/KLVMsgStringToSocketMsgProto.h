@@ -1,0 +1,14 @@
+// For applications: the ordered map from a message type's name to its prototype.
+#pragma once
+
+#include "KLVMsgExport.h"
+#include "KLVString.h"
+#include "omi_Btree.h"
+#include "omi_BtreeIterator.h"
+
+class KLVMSG_EXPORT KLVMsgSocketMessage;
+
+extern template class KLVMSG_EXPORT omi_BtreeNode<KLVString, KLVMsgSocketMessage*>;
+extern template class KLVMSG_EXPORT omi_Btree<KLVString, KLVMsgSocketMessage*>;
+extern template class KLVMSG_EXPORT omi_BtreeNodeLink<KLVString, KLVMsgSocketMessage*>;
+extern template class KLVMSG_EXPORT omi_BtreeIterator<KLVString, KLVMsgSocketMessage*>;

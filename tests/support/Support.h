@@ -1,0 +1,88 @@
+// The vocabulary of the tests: plain TCP peers, a message class, waiting for a condition, counting
+// descriptors.
+#pragma once
+
+#include <KLVMsgCommModules.h>
+
+#include <functional>
+#include <string>
+
+KLVMsgSocketCommunicator& Communicator();
+KLVMsgConnectionServicesUtils& Registry();
+
+// Asks again and again until it holds, for half a minute at the most; false when it never did.
+bool Eventually(const std::function<bool()>& condition);
+
+// How many descriptors the process has open.
+int OpenDescriptors();
+
+// A listening socket of the registry on 127.0.0.1 and a port of the system's choice.
+KLVMsgServerSocket* StartLoopbackServer(int backlog = 16);
+
+// Another TCP endpoint made without the library: what a foreign, broken or hostile peer sends.
+class PlainPeer {
+public:
+    // Connects to a port of 127.0.0.1, or takes over a connected descriptor.
+    explicit PlainPeer(int port);
+    struct TakeOver {
+        int descriptor;
+    };
+    explicit PlainPeer(TakeOver connected) : m_descriptor(connected.descriptor) {}
+    ~PlainPeer();
+    PlainPeer(const PlainPeer&) = delete;
+    PlainPeer& operator=(const PlainPeer&) = delete;
+
+    void Send(const std::string& bytes);
+
+    // Exactly `length` bytes, or as many as came before the connection ended.
+    std::string Receive(std::size_t length);
+
+    void Close();  // in order: the other side reads the end of the stream
+    void Reset();  // at once: the other side gets ECONNRESET
+
+private:
+    int m_descriptor;
+};
+
+// A listening endpoint made without the library, on 127.0.0.1 and a port of the system's choice.
+class PlainServer {
+public:
+    PlainServer();
+    ~PlainServer();
+    PlainServer(const PlainServer&) = delete;
+    PlainServer& operator=(const PlainServer&) = delete;
+
+    int Port() const { return m_port; }
+    PlainPeer::TakeOver Accept();
+
+private:
+    int m_descriptor;
+    int m_port;
+};
+
+// The bytes of a header, and of a whole TextMessage.
+std::string HeaderBytes(const std::string& typeName);
+std::string TextBytes(const std::string& typeName, const std::string& text);
+
+// A message of any type name whose body is a text: a 4-byte length, then the bytes. Counts the
+// objects alive.
+class TextMessage : public KLVMsgSocketMessage {
+public:
+    explicit TextMessage(const std::string& typeName, const std::string& text = "");
+    ~TextMessage() override;
+    TextMessage(const TextMessage&) = delete;
+    TextMessage& operator=(const TextMessage&) = delete;
+
+    int WriteMessage(KLVMsgOutputStream* stream) override;
+    int ReadMessage(KLVMsgInputStream* stream) override;
+    KLVMsgSocketMessage* NewInstance() override;
+    KLVString GetMessageType() const override;
+
+    static int alive;
+
+    std::string type;
+    std::string text;
+};
+
+// The text of a message that is known to be a TextMessage.
+const std::string& TextOf(const KLVMsgSocketMessage* message);

@@ -1,0 +1,60 @@
+// Stands between the library and the C library's socket calls: tests see which calls are made, make
+// one fail, or let it move fewer bytes. Linked into every test program.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+// One call, before it is made. `name` is that of the C function.
+struct SystemCall {
+    std::string name;
+    int descriptor;     // the first argument; for `socket` the domain, for `select` the highest + 1
+    long length = 0;    // send, recv: bytes asked for; a handler may lower it. listen: the backlog
+    long option = 0;    // setsockopt: the option. shutdown: the direction. send, recv: the flags
+    std::string value;  // setsockopt: the option's bytes. send: the bytes to be sent
+    long microseconds = 0;  // select: the whole time limit
+};
+
+// A handler answers a call in the system's place, or lets it through with std::nullopt. A negative
+// answer -E makes the call fail with errno E.
+using SystemCallHandler = std::function<std::optional<long>(SystemCall&)>;
+
+// Puts a handler in place as long as it lives; the innermost one is asked first. Made and destroyed
+// on one thread; the handler is called under a lock, on whichever thread makes the call.
+class Interposed {
+public:
+    explicit Interposed(SystemCallHandler handler);
+    ~Interposed();
+    Interposed(const Interposed&) = delete;
+    Interposed& operator=(const Interposed&) = delete;
+};
+
+// Lets all calls through and keeps them.
+class CallLog {
+public:
+    // Every call, or only those on one descriptor.
+    std::vector<SystemCall> Calls(int descriptor = -1) const;
+
+    // Their names in order, separated by one space: "socket connect setsockopt setsockopt".
+    std::string Names(int descriptor = -1) const;
+
+private:
+    std::vector<SystemCall> m_calls;
+    Interposed m_interposed{[this](SystemCall& call) -> std::optional<long> {
+        m_calls.push_back(call);
+        return std::nullopt;
+    }};
+};
+
+// Makes the n-th call of a function from now on (counted from 1) fail with an errno, or every one
+// with n = 0.
+class FailingCall {
+public:
+    FailingCall(const std::string& name, int error, int n = 0);
+
+private:
+    int m_count = 0;
+    Interposed m_interposed;
+};
