@@ -10,11 +10,11 @@
 // One call, before it is made. `name` is that of the C function.
 struct SystemCall {
     std::string name;
-    int descriptor;     // the first argument; for `socket` the domain, for `select` the highest + 1
-    long length = 0;    // send, recv: bytes asked for; a handler may lower it. listen: the backlog
-    long option = 0;    // setsockopt: the option. shutdown: the direction. send, recv: the flags
-    std::string value;  // setsockopt: the option's bytes. send: the bytes to be sent
-    long microseconds = 0;  // select: the whole time limit
+    int descriptor;   // the first argument; for `socket` the domain, for `select` the highest + 1
+    long length = 0;  // send, recv: bytes asked for; a handler may lower it. listen: the backlog
+    long option = 0;  // setsockopt: the option. shutdown: the direction. send, recv: the flags
+    std::string value = {};  // setsockopt: the option's bytes. send: the bytes to be sent
+    long microseconds = 0;   // select: the whole time limit
 };
 
 // A handler answers a call in the system's place, or lets it through with std::nullopt. A negative
