@@ -53,6 +53,9 @@ public:
     // The socket under a number, or null. The pointer is valid until the connection is removed.
     KLVMsgSocket* GetSocket(int number);
 
+    // True when a socket is registered under the number and not marked as closed.
+    bool IsConnectionOpen(int number);
+
     // Shuts the socket down, unregisters and destroys it; its name stays. Nothing happens for an
     // unknown number. Takes no lock: for callers that hold it, or know that nobody else uses the
     // registry. ShutDownConnection is the form for everybody else.

@@ -25,11 +25,8 @@ void KLVMsgChannel::SetLabel(const KLVString& label) { Registry().SetName(connec
 KLVMsgSocket* KLVMsgChannel::GetSocket() const { return Registry().GetSocket(connection); }
 
 bool KLVMsgChannel::IsActiveInCurrentThreads() {
-    if (connection == -1) {
-        return false;
-    }
-    const KLVMsgSocket* const socket = GetSocket();
-    return socket != nullptr && !socket->closed;
+    // Asked for under the registry's lock: the message task may be removing the socket.
+    return connection != -1 && Registry().IsConnectionOpen(connection);
 }
 
 void KLVMsgChannel::Shutdown() {

@@ -36,6 +36,12 @@ KLVMsgSocket* KLVMsgConnectionServicesUtils::GetSocket(int number) {
     return Find(number);
 }
 
+bool KLVMsgConnectionServicesUtils::IsConnectionOpen(int number) {
+    const RegistryLock lock;
+    const KLVMsgSocket* const socket = Find(number);
+    return socket != nullptr && !socket->closed;
+}
+
 void KLVMsgConnectionServicesUtils::RemoveConnection(int number) {
     KLVMsgSocket* const socket = Find(number);
     if (socket != nullptr) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "KLVMsgCommSocket.h"
 #include "KLVMsgComm_IF.h"
@@ -20,8 +21,9 @@ static int BoundPort(int descriptor) {
     if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&bound), &length) == -1) {
         return -1;
     }
-    // The port stands at the same place in an IPv6 address.
-    return ntohs(reinterpret_cast<const sockaddr_in*>(&bound)->sin_port);
+    sockaddr_in address;  // an IPv6 address has its port at the same place
+    std::memcpy(&address, &bound, sizeof address);
+    return ntohs(address.sin_port);
 }
 
 KLVMsgSocket::KLVMsgSocket() { Startup(); }
