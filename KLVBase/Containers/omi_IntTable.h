@@ -40,7 +40,7 @@ private:
 };
 
 // Walks a table: 0 and the positive keys in ascending order, then the negative ones from -1
-// downwards. It has no position until First is called, and none after the table has changed. The
+// downwards. It is positioned by First, and by First alone again after the table has changed. The
 // table is not owned and outlives the iterator.
 template <class V>
 class omi_IntTableIterator {

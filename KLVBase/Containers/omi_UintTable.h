@@ -71,7 +71,7 @@ private:
     std::vector<Entry> m_entries;
 };
 
-// Walks a table in ascending order of keys. It has no position until First is called, and none
+// Walks a table in ascending order of keys. It is positioned by First, and by First alone again
 // after the table has changed. The table is not owned and outlives the iterator.
 template <class V>
 class omi_UintTableIterator {

@@ -7,6 +7,7 @@
 // - Finalize is called by the application when every thread that uses the instance has stopped.
 #pragma once
 
+#include <cstddef>
 #include <new>
 
 #include "KLVBasAtiMutex.h"
@@ -15,7 +16,8 @@
 #include "mem_Allocation.h"
 
 // Base of a class T that derives from KLVBasAtiGlobalSingleton<T>. Constructing a T registers it as
-// the instance; constructing a second one beside it is reported through VORFatalError.
+// the instance; constructing a second one beside it is reported through VORFatalError. Finalize
+// destroys an object that Instance has made, so an application constructs none itself.
 //
 // A library that exports T instantiates this template itself (`extern template` in T's header), so
 // that all modules of a process share one instance and one lock.
@@ -70,6 +72,7 @@ T* KLVBasAtiGlobalSingleton<T>::Instance() {
     if (m_instance != nullptr) {
         return m_instance;
     }
+    static_assert(alignof(T) <= alignof(std::max_align_t), "the allocator aligns no further");
     void* const memory = mem_OperatorNewThrow(sizeof(T));
     try {
         m_instance = ::new (memory) T;

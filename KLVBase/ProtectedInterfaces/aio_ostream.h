@@ -8,6 +8,7 @@
 class KLVBASE_EXPORT aio_ostream {
 public:
     // Writes a zero-terminated text.
+    // Requires: `text` is not null.
     void print(const char* text);
 
     // Writes the decimal text of a number.

@@ -8,8 +8,10 @@
 KLVBasVectorGeneric::KLVBasVectorGeneric(const KLVBasVectorGeneric& other)
     : KLVBasVectorGeneric(other.m_elementSize, other.m_copy, other.m_destroy) {
     // The delegated constructor has run: should a copy throw, the destructor tidies up.
-    Reserve(other.m_size);
-    AppendAll(other, 0, other.m_size);
+    if (other.m_size != 0) {
+        Reserve(other.m_size);
+        AppendAll(other, 0, other.m_size);
+    }
 }
 
 KLVBasVectorGeneric& KLVBasVectorGeneric::operator=(const KLVBasVectorGeneric& other) {

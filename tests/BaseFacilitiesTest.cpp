@@ -1,0 +1,189 @@
+// Strings, arrays, tables, threads and diagnostics.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "Support.h"
+
+static std::atomic<int> blocks{0};  // of the in-house allocator, in use
+
+// In place of the base library's.
+void* mem_OperatorNewThrow(std::size_t size) {
+    ++blocks;
+    return std::malloc(size);
+}
+
+void mem_Free(void* block) {
+    blocks -= block != nullptr ? 1 : 0;
+    std::free(block);
+}
+
+TEST(String, CopiesShareTheirTextAndChangeApart) {
+    KLVString port("port "), empty(nullptr), same = port;
+    EXPECT_EQ(port.Text(), same.Text());
+    same += INT_MIN;
+    EXPECT_STREQ("port -2147483648", same.Text());
+    EXPECT_STREQ("port ", port.Text());
+    same = *&same;
+    same = KLVString(same);
+    EXPECT_STREQ("port -2147483648", same.Text());
+    same = empty = KLVString("port", -1);
+    EXPECT_EQ(0, same.Length());
+    EXPECT_EQ(1, blocks) << "only that of the first text";
+}
+
+TEST(String, OrderIsThatOfTheBytesWithZeroBytesAndPrefixes) {
+    const KLVString sorted[] = {"",          {"\0", 1}, "a", {"a\0", 2}, {"a\0bb", 4},
+                                {"a\0c", 3}, "ab",      "b", "\x80"};
+    const int count = static_cast<int>(std::size(sorted));
+    for (int i = 0; i < count; ++i) {
+        for (int j = 0; j < count; ++j) {
+            const int order = sorted[i].Compare(sorted[j]);
+            EXPECT_EQ((i > j) - (i < j), (order > 0) - (order < 0)) << i << ' ' << j;
+            EXPECT_EQ(i == j, sorted[i] == KLVString(sorted[j].Text(), sorted[j].Length()));
+        }
+    }
+    EXPECT_EQ('b', sorted[4][2]);
+}
+
+TEST(String, CopiesOnManyThreadsReleaseTheTextOnce) {
+    {
+        std::vector<std::thread> threads;
+        const KLVString text("shared");
+        std::atomic<int> waiting{4};
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([own = text, &waiting] {
+                for (--waiting; waiting > 0;) {  // all begin together
+                }
+                for (int round = 0; round < 50000; ++round) {
+                    KLVString copy = own;
+                    copy = KLVString(copy);
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_STREQ("shared", text.Text());
+    }
+    EXPECT_EQ(0, blocks);
+}
+
+// The same steps on both; after each, both hold the same.
+template <class T>
+void FollowsTheStandardVector(const T& first, const T& second) {
+    std::mt19937 random;
+    KLVBasVector<T> array;
+    std::vector<T> model;
+    for (int step = 0; step < 2000; ++step) {
+        const int position = static_cast<int>(random() % 40) - 1;
+        const std::size_t index = static_cast<std::size_t>(position);
+        const bool inside = index < model.size();
+        if (step % 500 == 0) {
+            array.Clear();
+            model.clear();
+        } else if (random() % 5 < 2) {
+            array.Erase(position);
+            if (inside) {
+                model.erase(model.begin() + position);
+            }
+        } else {
+            model.push_back(inside ? T(model[index]) : step % 2 == 0 ? first : second);
+            array.PushBack(inside ? array[index] : model.back());
+        }
+        KLVBasVector<T> copy(array);
+        array = copy;
+        copy.PushBack(first);
+        copy.Erase(0);
+        ASSERT_EQ(model.size(), array.Size());
+        for (std::size_t i = 0; i < model.size(); ++i) {
+            ASSERT_TRUE(model[i] == array[i]) << "step " << step;
+        }
+    }
+}
+
+TEST(Vector, FollowsTheStandardVectorAndReleasesItsElements) {
+    FollowsTheStandardVector<int>(1, 2);
+    FollowsTheStandardVector<KLVString>("one", "two");
+    EXPECT_EQ(0, blocks);
+}
+
+TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {
+    const int keys[] = {INT_MIN, INT_MIN + 1, -5, -1, 0, 1, 5, INT_MAX};
+    std::mt19937 random;
+    omi_IntTable<int> table;
+    std::map<int, int> model;
+    for (int step = 0; step < 3000; ++step) {
+        const int key = keys[random() % std::size(keys)];
+        if (random() % 2 == 0) {
+            table.Insert(key, step);
+            model[key] = step;
+        } else {
+            ASSERT_EQ(model.erase(key) == 1, table.Remove(key));
+        }
+        ASSERT_EQ(model.count(key) == 1, table.IsMember(key));
+        ASSERT_EQ(model.count(key) == 1 ? step : 0, table.Lookup(key));
+        std::map<int, int> walked;
+        omi_IntTableIterator<int> position(table);
+        for (position.First(); !position.IsDone(); position.Next()) {
+            walked[position.CurrentKey()] = position.CurrentValue();
+        }
+        ASSERT_EQ(model, walked);
+        ASSERT_EQ(model.size(), table.Size());
+    }
+}
+
+static bool BrokenPipeIsBlocked() {
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    return sigismember(&blocked, SIGPIPE) == 1;
+}
+
+struct WriteToNobody : KLVBasAtiThreadTask {
+    int Run(int argument) override {
+        int ends[2];
+        EXPECT_EQ(0, pipe(ends));
+        close(ends[0]);
+        EXPECT_EQ(-1, write(ends[1], "x", 1));
+        const int error = errno;
+        close(ends[1]);
+        KLVBasUtlsleep(20);
+        done = true;
+        return error + argument;
+    }
+    bool done = false;
+};
+
+TEST(Thread, OutlivesBrokenPipesAndHandsItsResultToEveryJoin) {
+    WriteToNobody task, other;
+    {
+        KLVBasAtiThread thread(task);
+        EXPECT_FALSE(BrokenPipeIsBlocked());
+        EXPECT_EQ(EPIPE, thread.Join());
+        EXPECT_EQ(EPIPE, thread.Join());
+        const KLVBasAtiThread unjoined(other);
+    }
+    EXPECT_TRUE(other.done);  // the destructor has waited
+}
+
+TEST(DiagnosticsDeathTest, FatalErrorShowsItsTextsAndPlaceAndAborts) {
+    EXPECT_EXIT(VORFatalError("one", nullptr, "three", "four", "file", 7),
+                testing::KilledBySignal(SIGABRT), "^one three four .file:7.\n$");
+}
+
+TEST(Diagnostics, TextsAndNumbersGoToStandardErrorInOrder) {
+    testing::internal::CaptureStderr();
+    aio_cerr.print("error ");
+    aio_cerr.print_int(-104);
+    aio_cerr.put('\n');
+    aio_cerr.flush();
+    EXPECT_EQ("error -104\n", testing::internal::GetCapturedStderr());
+}

@@ -1,0 +1,162 @@
+// Bringing the module up and down, the singleton template, and selecting messages by type.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "Support.h"
+
+// The calls that reach the base modules, each with the status before it.
+static std::string calls;
+
+static void Forward(const std::string& name, int& status) {
+    calls += name + " " + std::to_string(status) + ", ";
+    const std::string symbol = "_Z" + std::to_string(name.size()) + name + "Ri";
+    reinterpret_cast<void (*)(int&)>(dlsym(RTLD_NEXT, symbol.c_str()))(status);
+}
+
+// Stands before a pair of the base library.
+#define WATCH(name)                                                               \
+    void name##_initialize(int& status) { Forward(#name "_initialize", status); } \
+    void name##_finalize(int& status) { Forward(#name "_finalize", status); }
+WATCH(KLVSimContainers)
+WATCH(KLVBasXmlParser)
+WATCH(KLVBasShared)
+WATCH(KLVBasMorva)
+WATCH(KLVBasCoreUtils)
+WATCH(KLVBasGenericsLib)
+WATCH(KLVBasAlloc)
+
+TEST(Module, OnlyTheFirstInitializeAndTheLastFinalizeReachTheBaseModulesInOrder) {
+    int status = 5;
+    KLVMsgCommModules_initialize(status);
+    KLVMsgCommModules_initialize(status);
+    EXPECT_EQ(15, status);
+    EXPECT_EQ(
+        "KLVSimContainers_initialize 6, KLVBasXmlParser_initialize 7, KLVBasShared_initialize 8, "
+        "KLVBasMorva_initialize 9, KLVBasCoreUtils_initialize 10, "
+        "KLVBasGenericsLib_initialize 11, KLVBasAlloc_initialize 12, ",
+        std::exchange(calls, ""));
+    KLVMsgCommModules_finalize(status);
+    EXPECT_EQ(15, status);
+    KLVMsgCommModules_finalize(status);
+    EXPECT_EQ(5, status);
+    EXPECT_EQ(
+        "KLVBasAlloc_finalize 12, KLVBasGenericsLib_finalize 11, KLVBasCoreUtils_finalize 10, "
+        "KLVBasMorva_finalize 9, KLVBasShared_finalize 8, KLVBasXmlParser_finalize 7, "
+        "KLVSimContainers_finalize 6, ",
+        calls);
+}
+
+TEST(Module, FinalizeTooManyCostsOneInitialize) {
+    int status = 0;
+    KLVMsgCommModules_finalize(status);
+    KLVMsgCommModules_initialize(status);
+    EXPECT_EQ(0, status);
+    KLVMsgCommModules_initialize(status);
+    EXPECT_EQ(10, status);
+    KLVMsgCommModules_finalize(status);
+    EXPECT_EQ(0, status);
+}
+
+TEST(Module, PartThatIsUpAlreadyIsNotCountedAgain) {
+    int status = 0;
+    KLVMsgComm_initialize(status);
+    KLVMsgCommModules_specific_initialize(status);
+    KLVBasMorva_initialize(status);
+    EXPECT_EQ(3, status);
+    KLVMsgCommModules_initialize(status);
+    EXPECT_EQ(10, status);
+    KLVMsgCommModules_finalize(status);
+    EXPECT_EQ(3, status);
+    KLVMsgComm_finalize(status);
+    KLVMsgCommModules_specific_finalize(status);
+    KLVBasMorva_finalize(status);
+    EXPECT_EQ(0, status);
+}
+
+class CheckedMutex : public KLVBasAtiMutex {
+public:
+    CheckedMutex() { ++alive; }
+    ~CheckedMutex() override { --alive; }
+    void Lock() override { EXPECT_FALSE(std::exchange(held, true)); }
+    void Unlock() override { EXPECT_TRUE(std::exchange(held, false)); }
+
+    static inline int alive = 0;
+    static inline bool held = false;
+    static inline bool available = true;
+};
+
+// In place of the base library's.
+KLVBasAtiMutex* KLVBasAtiThreadingModel::newMutex() {
+    return CheckedMutex::available ? new CheckedMutex : nullptr;
+}
+
+struct Single : KLVBasAtiGlobalSingleton<Single> {
+    Single() {
+        EXPECT_FALSE(CheckedMutex::held);
+        if (fails) {
+            throw std::runtime_error("not now");
+        }
+        ++alive;
+        ++made;
+    }
+    ~Single() {
+        EXPECT_TRUE(CheckedMutex::held);
+        --alive;
+    }
+    static inline int alive = 0;
+    static inline int made = 0;
+    static inline bool fails = false;
+};
+
+TEST(Singleton, IsMadeOnceUntilFinalizeDestroysItAndItsLock) {
+    Single::Finalize();  // nothing is there yet
+    Single::made = 0;
+    for (int round = 1; round <= 2; ++round) {
+        Single* const instance = Single::Instance();
+        EXPECT_EQ(instance, Single::Instance());
+        EXPECT_EQ(round, Single::made);
+        EXPECT_EQ(1, CheckedMutex::alive);
+        Single::Finalize();
+        EXPECT_EQ(0, Single::alive);
+        EXPECT_EQ(0, CheckedMutex::alive);
+    }
+}
+
+TEST(Singleton, ConstructorThatThrowsLeavesNoInstance) {
+    Single::fails = true;
+    Single::made = 0;
+    EXPECT_THROW(Single::Instance(), std::runtime_error);
+    EXPECT_EQ(1, CheckedMutex::alive);
+    Single::Finalize();  // with a lock, but without an instance
+    EXPECT_EQ(0, CheckedMutex::alive);
+
+    Single::fails = false;
+    EXPECT_EQ(Single::Instance(), Single::Instance());
+    EXPECT_EQ(1, Single::made);
+    Single::Finalize();
+}
+
+TEST(SingletonDeathTest, SecondObjectAndMissingLockAreReportedWithTheirLines) {
+    const std::string file = ".*KLVBase/ProtectedInterfaces/KLVBasAtiGlobalSingleton:";
+    Single::Instance();
+    EXPECT_DEATH(Single(), "AssertionFailed:m_instance == 0" + file + "17");
+    Single::Finalize();
+    EXPECT_DEATH((CheckedMutex::available = false, Single::Instance()),
+                 "AssertionFailed:m_lock != 0" + file + "15");
+}
+
+TEST(MessageQuery, SelectsEveryMessageOfExactlyItsTypeAndAppends) {
+    TextMessage hello("Hello"), lower("hello"), longer("Hello2"), unnamed(""), again("Hello");
+    KLVBasVector<KLVMsgSocketMessage*> messages;
+    KLVBasVector<int> indexes;
+    for (TextMessage* message : {&hello, &lower, &longer, &unnamed, &again}) {
+        messages.PushBack(message);
+    }
+    KLVMsgMessageQueryByType("").Search(messages, indexes);
+    KLVMsgMessageQueryByType("Hello").Search(messages, indexes);
+    ASSERT_EQ(3u, indexes.Size());
+    EXPECT_TRUE(indexes[0] == 3 && indexes[1] == 0 && indexes[2] == 4);
+}

@@ -1,0 +1,303 @@
+// The ordered map against a plain model of the same rules, known shapes, and its memory.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <random>
+
+#include "Support.h"
+
+static int blocks = 0;            // of the in-house allocator, in use
+static int allocationsLeft = -1;  // before they fail; -1: without limit
+
+// In place of the base library's.
+void* mem_OperatorNewThrow(std::size_t size) {
+    if (allocationsLeft == 0) {
+        throw std::bad_alloc();
+    }
+    allocationsLeft -= allocationsLeft > 0 ? 1 : 0;
+    ++blocks;
+    return std::malloc(size);
+}
+
+void mem_Free(void* block) {
+    blocks -= block != nullptr ? 1 : 0;
+    std::free(block);
+}
+
+using NameMap = omi_Btree<int, KLVString>;
+
+class OrderedMap : public testing::Test {
+protected:
+    void TearDown() override { EXPECT_EQ(0, blocks); }
+};
+
+static long long Order(int stored, int sought) {
+    const long long difference = static_cast<long long>(sought) - stored;
+    const long long turn = 1LL << 32;
+    return difference + (difference > INT_MAX ? -turn : difference < INT_MIN ? turn : 0);
+}
+static long long Order(const KLVString& stored, const KLVString& sought) {
+    return std::string(sought.Text()).compare(stored.Text());
+}
+
+template <class K, class V>
+struct Model {
+    using Tree = std::unique_ptr<Model>;
+
+    void Measure() { m_maxDepth = std::max(Above(m_left), Above(m_right)); }
+    static int Above(const Tree& tree) { return tree ? tree->m_maxDepth + 1 : 0; }
+
+    static void Balance(Tree& tree) {
+        const auto height = [](const Tree& t) { return t ? t->m_maxDepth : 0; };
+        const int lean = tree ? height(tree->m_right) - height(tree->m_left) : 0;
+        if (std::abs(lean) > 1) {
+            const auto heavy = lean > 0 ? &Model::m_right : &Model::m_left;
+            const auto light = lean > 0 ? &Model::m_left : &Model::m_right;
+            Tree head = std::move((*tree).*heavy);
+            (*tree).*heavy = std::move((*head).*light);
+            tree->Measure();
+            (*head).*light = std::move(tree);
+            head->Measure();
+            tree = std::move(head);
+        }
+    }
+
+    static void Unlink(Tree& tree) {
+        if (!tree->m_left || !tree->m_right) {
+            tree = std::move(tree->m_right ? tree->m_right : tree->m_left);
+            return;
+        }
+        Model* above = nullptr;
+        Tree* edge = &tree->m_right;
+        for (; (*edge)->m_left; edge = &above->m_left) {
+            above = edge->get();
+        }
+        Tree next = std::move(*edge);
+        *edge = std::move(next->m_right);
+        if (above != nullptr) {
+            above->Measure();  // the nodes between keep a depth that may be too large
+        }
+        next->m_left = std::move(tree->m_left);
+        next->m_right = std::move(tree->m_right);
+        next->Measure();
+        tree = std::move(next);
+    }
+
+    // Inserts the value or, without one, removes the key. True when that changed the tree.
+    static bool Change(Tree& tree, const K& key, const V* value) {
+        const long long order = tree ? Order(tree->m_key, key) : 0;
+        if (order == 0) {
+            const bool changes = (value == nullptr) == (tree != nullptr);
+            if (changes && tree) {
+                Unlink(tree);
+            } else if (changes) {
+                tree.reset(new Model{key, *value, 0, nullptr, nullptr});
+            }
+            return changes;
+        }
+        Tree& slot = order < 0 ? tree->m_left : tree->m_right;
+        if (!Change(slot, key, value)) {
+            return false;
+        }
+        Balance(slot);
+        tree->Measure();
+        return true;
+    }
+
+    K m_key;
+    V m_value;
+    int m_maxDepth;
+    Tree m_left, m_right;
+};
+
+static std::string Text(long long key) { return std::to_string(key); }
+static std::string Text(const KLVString& key) { return key.Text(); }
+static std::string Text(KLVMsgSocketMessage* value) {
+    return " " + std::to_string(reinterpret_cast<std::size_t>(value));
+}
+
+// A map or a model as key:depth, value, (left,right), "-" for no node; the keys go to `keys` in
+// order.
+template <class Node, class Keys>
+std::string Shape(const Node& node, Keys& keys) {
+    if (node == nullptr) {
+        return "-";
+    }
+    const std::string left = Shape(node->m_left, keys), key = Text(node->m_key);
+    keys.push_back(key);
+    const std::string right = Shape(node->m_right, keys);
+    return key + ":" + std::to_string(node->m_maxDepth) + Text(node->m_value) +
+           (left == "-" && right == "-" ? "" : "(" + left + "," + right + ")");
+}
+template <class Node>
+std::string Shape(const Node& node) {
+    std::vector<std::string> keys;
+    return Shape(node, keys);
+}
+
+template <class K, class V>
+std::vector<std::string> Walk(const omi_Btree<K, V>& map, bool forward) {
+    std::vector<std::string> keys;
+    omi_BtreeIterator<K, V> position(map);
+    EXPECT_TRUE(position.IsDone());
+    for (forward ? position.First() : position.Last(); !position.IsDone();) {
+        keys.push_back(Text(position.CurrentKey()));
+        forward ? position.Next() : position.Previous();
+        if (!position.IsDone()) {  // there, back and there again
+            forward ? position.Previous() : position.Next();
+            forward ? position.Next() : position.Previous();
+        }
+    }
+    return keys;
+}
+
+// Thousands of random insertions and removals; after each the whole map is as the model says.
+template <class K, class V>
+void FollowsTheModel(K (*makeKey)(std::size_t), V (*makeValue)(std::size_t)) {
+    const int asked = GTEST_FLAG_GET(random_seed);  // --gtest_random_seed repeats a run
+    const unsigned seed =
+        asked != 0 ? static_cast<unsigned>(asked) : std::random_device()() % 99999 + 1;
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    omi_Btree<K, V> map;
+    typename Model<K, V>::Tree model;
+    for (int step = 0; step < 3000; ++step) {
+        const bool insert = random() % 8 < (step / 500 % 2 == 0 ? 6 : 2);  // grows, shrinks, ...
+        const K key = makeKey(random());
+        const V value = makeValue(random());
+        const bool changes = Model<K, V>::Change(model, key, insert ? &value : nullptr);
+        if (changes) {
+            Model<K, V>::Balance(model);
+        }
+        ASSERT_EQ(insert != changes, map.IsMember(key));
+        ASSERT_EQ(changes, insert ? map.Insert(key, value) : map.Remove(key));
+        std::vector<std::string> keys;
+        const std::string shape = Shape(model, keys);
+        ASSERT_EQ(shape, Shape(map.m_root));
+        ASSERT_EQ(static_cast<int>(keys.size()), map.Size());
+        ASSERT_EQ(model ? model->m_maxDepth : 0, map.Depth());
+        ASSERT_EQ(keys, Walk(map, true));
+        std::reverse(keys.begin(), keys.end());
+        ASSERT_EQ(keys, Walk(map, false));
+
+        if (step % 100 == 0) {
+            omi_Btree<K, V> assigned, copy(map);
+            assigned.Insert(key, value);
+            assigned = copy = *&copy;  // itself among them
+            const std::unique_ptr<omi_Btree<K, V>> made(assigned.Copy());
+            ASSERT_EQ(shape, Shape(made->m_root));
+            ASSERT_EQ(map.Size(), made->Size());
+            copy.Clear();
+            while (!assigned.IsEmpty() && assigned.Remove(assigned.m_root->m_key)) {
+            }
+            ASSERT_EQ(shape, Shape(map.m_root));
+        }
+    }
+}
+
+TEST_F(OrderedMap, OfIntegersFollowsTheModelAlsoWhereComparisonWraps) {
+    FollowsTheModel<int, KLVString>(
+        [](std::size_t n) {
+            return (static_cast<int>(n % 256) - 128) * (n % 4096 < 512 ? 1 << 24 : 1);
+        },
+        [](std::size_t n) { return KLVString((" " + std::to_string(n)).c_str()); });
+}
+
+TEST_F(OrderedMap, OfTextsFollowsTheModel) {
+    FollowsTheModel<KLVString, KLVMsgSocketMessage*>(
+        [](std::size_t n) {
+            return KLVString(n % 150 == 0 ? "" : std::to_string(n % 150).c_str());
+        },
+        [](std::size_t n) { return reinterpret_cast<KLVMsgSocketMessage*>(n * 8); });
+}
+
+TEST_F(OrderedMap, KeepsTheKnownShapes) {
+    const struct {
+        std::vector<int> inserted, removed;
+        const char* shape;
+    } known[] = {
+        {{9}, {9, 9}, "-"},
+        {{1, 2, 3}, {}, "1:2(-,2:1(-,3:0))"},
+        {{1, 2, 3, 4}, {}, "2:2(1:0,3:1(-,4:0))"},
+        {{5, 1, 3, 2}, {}, "1:3(-,5:2(3:1(2:0,-),-))"},  // turned, and as tall as before
+        {{1, 2, 3, 4, 5, 6, 7}, {3}, "4:3(2:1(1:0,-),5:2(-,6:1(-,7:0)))"},
+        {{11, 10, 4, 5, 2, 7, 3, 6}, {5}, "6:3(4:2(2:1(-,3:0),-),10:2(7:0,11:0))"},  // 10: stale
+        {{-1, INT_MAX}, {}, "-1:1(2147483647:0,-)"},
+    };
+    for (const auto& each : known) {
+        NameMap map;
+        for (const int key : each.inserted) {
+            map.Insert(key, "");
+        }
+        for (const int key : each.removed) {
+            map.Remove(key);
+        }
+        EXPECT_EQ(each.shape, Shape(map.m_root));
+    }
+}
+
+TEST_F(OrderedMap, NullValueAnswersForAbsentKeysAndOutlivesTheEntries) {
+    NameMap map;
+    map.SetNullValue("none");
+    map.Insert(1, "one");
+    EXPECT_EQ(KLVString("none"), map.Get(2));
+    EXPECT_EQ(KLVString("one"), map.ConstGet(1));
+    EXPECT_EQ(KLVString(""), map.GetNullValue());
+    EXPECT_EQ(1, map.Size());
+    NameMap assigned;
+    assigned = map;
+    map.Clear();
+    EXPECT_TRUE(map.IsEmpty());
+    EXPECT_EQ(KLVString("none"), map.Get(1));
+    EXPECT_EQ(KLVString("none"), NameMap(assigned).ConstGet(2));
+}
+
+TEST_F(OrderedMap, FailedAllocationLeavesTheMapAsItWasAndNothingBehind) {
+    NameMap map, target;
+    for (int key = 0; key < 20; ++key) {
+        map.Insert(key * 7 % 20, "name");
+    }
+    target.Insert(5, "old");
+    const std::string shape = Shape(map.m_root), targetShape = Shape(target.m_root);
+    const KLVString name = target.Get(5);
+    const int used = blocks;
+    for (int granted = 0; granted < 20; ++granted) {
+        allocationsLeft = granted;
+        EXPECT_THROW(target = map, std::bad_alloc);
+        EXPECT_EQ(used, blocks);
+    }
+    allocationsLeft = 0;
+    EXPECT_NO_THROW(map = *&map);
+    EXPECT_THROW(map.Insert(20, name), std::bad_alloc);
+    allocationsLeft = 1;
+    EXPECT_THROW(omi_BtreeIterator(map).First(), std::bad_alloc);
+    allocationsLeft = -1;
+    EXPECT_EQ(targetShape, Shape(target.m_root));
+    EXPECT_EQ(shape, Shape(map.m_root));
+    EXPECT_EQ(20, map.Size());
+    EXPECT_EQ(used, blocks);
+}
+
+TEST_F(OrderedMap, IteratorRestartsWritesThroughAndFreesItsPath) {
+    NameMap map;
+    omi_BtreeIterator<int, KLVString> position(map);
+    position.First();
+    EXPECT_TRUE(position.IsDone());
+    for (int key = 0; key < 9; ++key) {
+        map.Insert(key, "");
+    }
+    position.Last();
+    position.CurrentValue() = "seen";
+    EXPECT_EQ(KLVString("seen"), map.Get(8));
+    position.First();
+    const int used = blocks;
+    position.First();
+    EXPECT_EQ(used, blocks);
+    position.ClearStack();
+    EXPECT_TRUE(position.IsDone());
+    EXPECT_EQ(10, blocks);  // the entries and one text
+}
