@@ -15,8 +15,8 @@
 // The order of the keys, called with the key that a node holds and the key that is sought. 0 means
 // the same key, a negative result leads to the left, a positive one to the right.
 //
-// The difference wraps around: keys more than 2^31 - 1 apart compare the wrong way round. Integer keys
-// of one map lie closer together, or an entry may not be found again, or be inserted twice.
+// The difference wraps around: keys more than 2^31 - 1 apart compare the wrong way round. Integer
+// keys of one map lie closer together, or an entry may not be found again, or be inserted twice.
 inline int BtreeCompare(const int& a, const int& b) {
     return static_cast<int>(static_cast<unsigned int>(b) - static_cast<unsigned int>(a));
 }

@@ -28,8 +28,8 @@ private:
 // It has no position until First or Last is called on a map that has entries, and none again after
 // a step past either end. It does not notice changes of the map: after one, only First, Last,
 // ClearStack and destruction are valid. The map is neither owned nor locked and outlives the
-// iterator. std::bad_alloc passes through where a link is pushed; the position is then lost, and the
-// same four are valid.
+// iterator. std::bad_alloc passes through where a link is pushed; the position is then lost, and
+// the same four are valid.
 template <class K, class V>
 class omi_BtreeIterator {
 public:

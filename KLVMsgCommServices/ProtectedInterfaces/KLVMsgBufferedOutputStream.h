@@ -16,7 +16,9 @@ public:
     //
     // More go in pieces. Each piece starts at `data` + `count` and adds its result to `count`, so
     // that a short send resumes where the socket stopped; the last one, of what then remains, is
-    // not added. Results are not looked at: while a socket keeps failing, the writer is kept busy.
+    // not added. Results are not looked at: a failure counts as a step back by one byte, so that a
+    // failing socket keeps the writer busy for up to 2^31 steps, and one that recovers may be sent
+    // bytes that stand before `data`.
     // Requires: `count` is 0.
     //
     // Leaves `count` alone when the number is no stream socket. May block in send.

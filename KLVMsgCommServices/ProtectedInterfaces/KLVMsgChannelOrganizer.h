@@ -21,6 +21,7 @@ public:
 
     // Takes the channel off both lists, its first entry only, and shuts its connection down, also
     // when it was on neither. The caller's channel then holds -1. The flag has no effect.
+    // Requires: `channel` is not itself an entry of one of the lists.
     void RemoveChannel(KLVMsgChannel& channel, bool flag);
 
     // Removes every channel that the query selects, or all of them without a query.

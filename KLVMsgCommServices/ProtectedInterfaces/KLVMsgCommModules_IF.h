@@ -14,8 +14,8 @@
 KLVMSG_EXPORT void KLVMsgCommModules_initialize(int& status);
 
 // Takes the module down when it has been called as often as the initialize, and subtracts one
-// from `status` for each module that goes down with it. It destroys no object of the library: the application calls each
-// singleton's Finalize itself, when every thread that uses it has stopped.
+// from `status` for each module that goes down with it. It destroys no object of the library: the
+// application calls each singleton's Finalize itself, when every thread that uses it has stopped.
 //
 // A call without an initialize drives the count below zero and does nothing else. The next
 // initialize then only brings the count back, and the one after it brings the module up.

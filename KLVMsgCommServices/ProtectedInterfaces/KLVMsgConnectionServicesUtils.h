@@ -58,7 +58,9 @@ public:
 
     // Shuts the socket down, unregisters and destroys it; its name stays. Nothing happens for an
     // unknown number. Takes no lock: for callers that hold it, or know that nobody else uses the
-    // registry. ShutDownConnection is the form for everybody else.
+    // registry. ShutDownConnection is the form for everybody else. Neither waits for a body in
+    // transfer. A socket that is closed already has its number closed again (close), whoever has
+    // been given it since: remove dead connections before the process opens anything else.
     void RemoveConnection(int number);
 
     // RemoveConnection under the lock.

@@ -52,7 +52,8 @@ public:
 
     // Set-up --------------------------------------------------------------------------------------
 
-    // Makes a channel known; with `flag` the message task watches it.
+    // Makes a channel known; with `flag` the message task watches it. A channel made known twice is
+    // there twice: remove a dead one before you connect again, since its number may come back.
     void AddConnection(const KLVMsgChannel& channel, bool flag);
 
     // Shuts down and forgets the connections that the query selects, or all of them without a
@@ -113,7 +114,8 @@ public:
 
     // Writes every queued message, header and body, in the order of the queue, and empties it. What
     // cannot be written (no stream socket, output not open, header failed) is dropped without a
-    // report. Without an output stream it returns at once, and the queue stays. May block in send.
+    // report. Without an output stream it returns at once, and the queue stays. May block in
+    // send, and raise SIGPIPE where the thread does not block it as KLVBasAtiThread's do.
     void TransmitPendingMessage();
 
     // The message task ----------------------------------------------------------------------------
@@ -133,11 +135,12 @@ public:
     // One cycle: waits up to `timeout` milliseconds on the waitable, the watched channels without
     // one; makes the connections accepted meanwhile known and watched; and reads one message from
     // each connection that has data into the inbox. A message without a registered prototype is
-    // lost, and its body is taken for the next header. The lock is held throughout.
+    // lost, and its body is taken for the next header. The lock is held throughout:
+    // a peer that stops in the middle of a message holds it for as long as it stays connected.
     //
-    // A connection found lost is no longer watched; GetErrorsOnChannel cannot tell more of it. See
-    // KLVMsgChannelWaitable for the time and for what a wait reports.
-    // Requires: the input stream is set.
+    // A connection found lost is no longer watched; GetErrorsOnChannel cannot tell more of it.
+    // One whose descriptor is 1024 or above is accepted and never read. See KLVMsgChannelWaitable
+    // for the time and for what a wait reports. Requires: the input stream is set.
     void WaitConnectionsAndMessages(KLVMsgChannelWaitable* waitable, int timeout);
 
     // Appends a copy of the record to the inbox.

@@ -112,7 +112,13 @@ void KLVMsgChannelWaitable::AcceptConnection(KLVMsgServerSocket& server) {
         KLVMsgEraseEvery(channels, channel);
     }
     newChannels.PushBack(channel);
-    const bool registered = registry->AddConnection(accepted.get()) == 1;
+    bool registered = false;
+    try {
+        registered = registry->AddConnection(accepted.get()) == 1;
+    } catch (...) {
+        newChannels.Erase(static_cast<int>(newChannels.Size() - 1));
+        throw;
+    }
     KLVMsgSocket* const socket = accepted.release();
     if (!registered) {
         // The number is served through the entry that holds it; the second object goes alone.

@@ -247,16 +247,16 @@ void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable*
                                                           int timeout) {
     const CommunicatorLock lock;
     KLVMsgChannelWaitable& waited = waitable == nullptr ? m_organizer.waitable : *waitable;
+    const ClearAtExit<KLVMsgChannel> clear(waited.readyChannels);
     waited.WaitForConnectionAndMessages(timeout);
 
     for (std::size_t i = 0; i < waited.newChannels.Size(); ++i) {
-        // Entries that still hold the number belong to a connection that is gone.
+        // An entry that still holds the number would have it served twice.
         m_organizer.ForgetChannel(waited.newChannels[i]);
         m_organizer.RegisterChannel(waited.newChannels[i], true);
     }
     waited.newChannels.Clear();
 
-    const ClearAtExit<KLVMsgChannel> clear(waited.readyChannels);
     for (std::size_t i = 0; i < waited.readyChannels.Size(); ++i) {
         const KLVMsgChannel channel = waited.readyChannels[i];
         if (!ReceiveMessage(channel) && channel.GetSocket() == nullptr) {

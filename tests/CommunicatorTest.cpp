@@ -1,0 +1,389 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <vector>
+
+#include "Support.h"
+#include "SystemCalls.h"
+
+namespace {
+
+using Ids = std::vector<unsigned int>;
+
+template <class T>
+KLVBasVector<T> ListOf(const std::vector<T>& elements) {
+    KLVBasVector<T> list;
+    for (const T& element : elements) {
+        list.PushBack(element);
+    }
+    return list;
+}
+
+template <class T>
+std::vector<T> VectorOf(const KLVBasVector<T>& list) {
+    std::vector<T> elements;
+    for (std::size_t i = 0; i < list.Size(); ++i) {
+        elements.push_back(list[i]);
+    }
+    return elements;
+}
+
+KLVMsgChannel ChannelOf(int number) {
+    KLVMsgChannel channel;
+    channel.connection = number;
+    return channel;
+}
+
+Ids Pending(const Ids& asked) {
+    KLVBasVector<unsigned int> pending = ListOf<unsigned int>({99});
+    Communicator().QueryPendingStatus(ListOf(asked), pending);
+    return VectorOf(pending);
+}
+
+// Takes the received texts, the newest first, each followed by a space.
+std::string Take() {
+    KLVMsgMessageQueryByType query("Text");
+    KLVBasVector<KLVMsgSocketMessage*> messages;
+    Communicator().IRetrieveMessages(&query, messages);
+    std::string texts;
+    for (KLVMsgSocketMessage* message : VectorOf(messages)) {
+        texts += TextOf(message) + " ";
+        delete message;
+    }
+    return texts;
+}
+
+std::string Bytes(const std::string& text) { return TextBytes("Text", text); }
+
+// What this message's code is called for, it fails with an exception. Keeps the message it makes.
+struct ThrowingMessage : TextMessage {
+    ThrowingMessage() : TextMessage("Throwing") {}
+    int WriteMessage(KLVMsgOutputStream*) override { throw std::runtime_error("write"); }
+    int ReadMessage(KLVMsgInputStream*) override { throw std::runtime_error("read"); }
+    KLVMsgSocketMessage* NewInstance() override {
+        made = std::make_unique<ThrowingMessage>();
+        return made.get();
+    }
+    std::unique_ptr<ThrowingMessage> made;
+};
+
+// Selects the messages for which a function holds.
+struct QueryByFunction : KLVMsgMessageQuery {
+    explicit QueryByFunction(std::function<bool(KLVMsgSocketMessage*)> function)
+        : selects(std::move(function)) {}
+    void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
+                KLVBasVector<int>& indexes) const override {
+        for (std::size_t i = 0; i < messages.Size(); ++i) {
+            if (selects(messages[i])) {
+                indexes.PushBack(static_cast<int>(i));
+            }
+        }
+    }
+    std::function<bool(KLVMsgSocketMessage*)> selects;
+};
+
+// The message task on its thread, until it is told to end.
+struct RunningTask {
+    int Stop() {
+        Communicator().ShutdownMessageTask();
+        return thread.Join();
+    }
+    KLVMsgMessageTask task;
+    KLVBasAtiThread thread{(Communicator().PrepareStartupMessageTask(), task)};
+};
+
+class CommunicatorTest : public testing::Test {
+protected:
+    CommunicatorTest() {
+        Communicator().SetDefaultInputStream(&input);
+        Communicator().SetDefaultOutputStream(&output);
+        Communicator().RegisterMessagePrototype("Text", &prototype);
+        Communicator().AddConnection(KLVMsgChannel(server, "server"), true);
+    }
+
+    // One cycle; with data on the way it waits until there is some.
+    static void Cycle(KLVMsgChannelWaitable* waitable = nullptr) {
+        Communicator().WaitConnectionsAndMessages(waitable, 1000);
+    }
+
+    static std::vector<KLVMsgChannel> Known() {
+        KLVBasVector<KLVMsgChannel> channels;
+        Communicator().RetrieveConnections(nullptr, channels);
+        return VectorOf(channels);
+    }
+
+    // A foreign client, and the channel under which the communicator knows it.
+    struct Client {
+        Client(const CommunicatorTest& test, const KLVString& label)
+            : peer(test.server->address.port) {
+            Cycle();
+            channel = Known().back();
+            channel.SetLabel(label);
+        }
+        PlainPeer peer;
+        KLVMsgChannel channel;
+    };
+
+    static unsigned int Send(const KLVMsgChannel& channel, KLVMsgSocketMessage* message) {
+        unsigned int id = 0;
+        Communicator().ISendSocketMessage(channel, message, id);
+        return id;
+    }
+
+    static unsigned int Send(const char* label, KLVMsgSocketMessage* message) {
+        unsigned int id = 42;
+        Communicator().ISendSocketMessage(label, message, id);
+        return id;
+    }
+
+    KLVMsgSimpleInputStream input;
+    KLVMsgBufferedOutputStream output{65536};
+    TextMessage prototype{"Text"};
+    TextMessage hello{"Text", "hello"};
+    KLVMsgServerSocket* server = StartLoopbackServer();
+};
+
+}  // namespace
+
+TEST_F(CommunicatorTest, IdsCountFromOneThroughTheWholeProcess) {
+    const Client a(*this, "pair"), b(*this, "pair");
+    KLVMsgChannelQueryByLabel pair("pair");
+    KLVBasVector<unsigned int> ids = ListOf<unsigned int>({77});
+    EXPECT_EQ(1u, Send(ChannelOf(777), &hello));
+    Communicator().ISendSocketMessage(&pair, &hello, ids);
+    EXPECT_EQ((Ids{77, 2, 3}), VectorOf(ids));
+    EXPECT_EQ(0u, Send("pair", &hello));     // two: 4 and 5
+    EXPECT_EQ(0u, Send("nobody", &hello));   // none
+    EXPECT_EQ(6u, Send("server", nullptr));  // queued as well
+    EXPECT_EQ((Ids{1, 3, 5, 6}), Pending({6, 5, 7, 0, 3, 5, 1}));
+    KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Finalize();
+    EXPECT_EQ("hello", hello.text);
+    EXPECT_EQ((Ids{}), Pending({1, 2, 3}));
+    EXPECT_EQ(7u, Send(ChannelOf(777), &hello));
+}
+
+TEST_F(CommunicatorTest, QueueWaitsForAStreamAndGoesOutInItsOrder) {
+    Client a(*this, "pair"), b(*this, "pair");
+    TextMessage second("Text", "2"), third("Text", "3");
+    Communicator().SetDefaultOutputStream(nullptr);
+    Send("pair", &hello);
+    Send(b.channel, &second);
+    Send(a.channel, &third);
+    Communicator().TransmitPendingMessage();
+    EXPECT_EQ((Ids{1, 2, 3, 4}), Pending({4, 3, 2, 1}));
+    Communicator().SetDefaultOutputStream(&output);
+    const CallLog log;
+    Communicator().TransmitPendingMessage();
+    Communicator().TransmitPendingMessage();
+    EXPECT_EQ((Ids{}), Pending({1, 2, 3, 4}));
+    EXPECT_EQ(12u, log.Calls().size());  // length, name and body of each
+    EXPECT_EQ(Bytes("hello") + Bytes("3"), a.peer.Receive(Bytes("hello3").size() + 12));
+    EXPECT_EQ(Bytes("hello") + Bytes("2"), b.peer.Receive(Bytes("hello2").size() + 12));
+}
+
+TEST_F(CommunicatorTest, WhatCannotBeWrittenIsDroppedWithoutAWrite) {
+    Client client(*this, "client"), halfOpen(*this, "halfOpen");
+    auto* const socket = dynamic_cast<KLVMsgCommSocket*>(client.channel.GetSocket());
+    dynamic_cast<KLVMsgCommSocket*>(halfOpen.channel.GetSocket())->ShutDownInput();
+    socket->ShutDownOutput();
+    Send(client.channel, &hello);
+    Send(ChannelOf(777), &hello);
+    Send("server", &hello);
+    Send(halfOpen.channel, nullptr);
+    {
+        const CallLog log;
+        Communicator().TransmitPendingMessage();
+        EXPECT_EQ("", log.Names());
+    }
+    EXPECT_EQ((Ids{}), Pending({1, 2, 3, 4}));
+    Send(halfOpen.channel, &hello);
+    Communicator().TransmitPendingMessage();
+    EXPECT_EQ(Bytes("hello"), halfOpen.peer.Receive(Bytes("hello").size()));
+    const FailingCall failing("send", EIO, 1);
+    const CallLog log;
+    Send(halfOpen.channel, &hello);
+    Communicator().TransmitPendingMessage();
+    EXPECT_EQ("send", log.Names());
+    EXPECT_EQ((Ids{}), Pending({6}));
+}
+
+TEST_F(CommunicatorTest, OneMessageIsReadPerCycleAndTheNewestIsTakenFirst) {
+    Client client(*this, "client");
+    client.peer.Send(Bytes("a") + Bytes("b") + HeaderBytes("Unknown") + Bytes("body"));
+    Cycle();
+    EXPECT_EQ("a ", Take());
+    Cycle();
+    Cycle();
+    Cycle();  // the body of the unknown message is taken for a message
+    EXPECT_EQ("body b ", Take());
+    for (const std::string& broken : {std::string("\5\0", 2), std::string(4, '\0'),
+                                      std::string(4, '\xff'), HeaderBytes("Text").substr(0, 6)}) {
+        Client hostile(*this, "hostile");
+        hostile.peer.Send(broken);
+        Cycle();
+        client.peer.Send(Bytes("good"));
+        EXPECT_TRUE(Eventually([] { return Cycle(), Take() == "good "; }));
+    }
+}
+
+TEST_F(CommunicatorTest, ResetPeerIsForgottenAndAClosingOneStaysWatched) {
+    Client reset(*this, "reset"), closing(*this, "closing");
+    KLVMsgChannelWaitable waitable(
+        ListOf<KLVMsgChannel>({closing.channel, reset.channel, closing.channel}));
+    reset.peer.Reset();
+    Cycle(&waitable);
+    EXPECT_EQ(nullptr, reset.channel.GetSocket());
+    EXPECT_EQ(2u, waitable.channels.Size());
+    closing.peer.Close();
+    Cycle(&waitable);
+    EXPECT_FALSE(closing.channel.IsActiveInCurrentThreads());
+    EXPECT_NE(nullptr, closing.channel.GetSocket());
+    EXPECT_EQ(2u, waitable.channels.Size());
+    EXPECT_EQ(3u, Known().size());
+    KLVMsgChannelQueryByLabel query("reset");
+    Communicator().RemoveConnection(&query, true);
+    const CallLog log;
+    Cycle(&waitable);
+    EXPECT_EQ("", log.Names());
+    Communicator().WaitConnectionsAndMessages(nullptr, 0);
+    EXPECT_EQ(2u, Known().size());
+}
+
+// A client and its connection have the same numbers in every round: the system gives out the lowest
+// that is free.
+TEST_F(CommunicatorTest, ReconnectingClientsAreServedEveryTime) {
+    const int before = OpenDescriptors();
+    for (int round = 0; round < 100; ++round) {
+        Client client(*this, "client");
+        client.peer.Send(Bytes("a") + Bytes("b"));
+        Cycle();
+        ASSERT_EQ("a ", Take()) << "watched once, in round " << round;
+        Cycle();
+        ASSERT_EQ("b ", Take());
+        ASSERT_NE(0u, Send("client", &hello)) << "known once";
+        Communicator().TransmitPendingMessage();
+        ASSERT_EQ(Bytes("hello"), client.peer.Receive(Bytes("hello").size()));
+        round % 50 < 25 ? client.peer.Close() : client.peer.Reset();
+        Cycle();
+        ASSERT_FALSE(client.channel.IsActiveInCurrentThreads());
+        ASSERT_EQ(before, OpenDescriptors());
+        ASSERT_EQ(2u, Known().size());
+    }
+}
+
+TEST_F(CommunicatorTest, ErrorStaysUntilItIsClearedAndLeavesTheTextAloneWithoutOne) {
+    Client client(*this, "client");
+    KLVString text("before");
+    const auto errorOn = [&](const KLVMsgChannel& channel) {
+        int code = 42;
+        Communicator().GetErrorsOnChannel(channel, code, text);
+        return code;
+    };
+    EXPECT_EQ(0, errorOn(client.channel));
+    EXPECT_EQ(0, errorOn(ChannelOf(777)));
+    EXPECT_STREQ("before", text.Text());
+    client.peer.Send("x");
+    const FailingCall failing("recv", EIO);
+    Cycle();
+    EXPECT_EQ(EIO, errorOn(client.channel));
+    EXPECT_STREQ(std::strerror(EIO), text.Text());
+    EXPECT_EQ(EIO, errorOn(client.channel));
+    Registry().ClearError(client.channel.connection);
+    EXPECT_EQ(0, errorOn(client.channel));
+}
+
+TEST_F(CommunicatorTest, ExceptionsOfApplicationCodeLeaveNoLockAndNothingHalfDone) {
+    Client client(*this, "client");
+    ThrowingMessage throwing;
+    Communicator().RegisterMessagePrototype("Throwing", &throwing);
+    Send(client.channel, &throwing);
+    EXPECT_THROW(Communicator().TransmitPendingMessage(), std::runtime_error);
+    EXPECT_EQ((Ids{}), Pending({1}));
+    EXPECT_EQ(2u, Send(client.channel, &hello));
+    client.peer.Send(HeaderBytes("Throwing"));
+    EXPECT_THROW(Cycle(), std::runtime_error);
+    client.peer.Send(Bytes("a"));
+    Cycle();
+    QueryByFunction query([](auto*) -> bool { throw std::runtime_error("search"); });
+    KLVBasVector<KLVMsgSocketMessage*> messages;
+    EXPECT_THROW(Communicator().IRetrieveMessages(&query, messages), std::runtime_error);
+    EXPECT_EQ("a ", Take());
+}
+
+TEST_F(CommunicatorTest, BlockingOperationsReturnWhileTheTaskRunsAndItStopsInOrder) {
+    {
+        const CallLog log;
+        EXPECT_EQ(1, KLVMsgMessageTask().Run(0));
+        EXPECT_EQ("", log.Names());
+    }
+    Client client(*this, "client");
+    RunningTask running;
+    EXPECT_FALSE(Communicator().SendSocketMessage(client.channel, &hello));
+    Communicator().SendSocketMessage("client", &hello);
+    Communicator().SendSocketMessage("nobody", &hello);
+    EXPECT_EQ(Bytes("hello") + Bytes("hello"), client.peer.Receive(2 * Bytes("hello").size()));
+    client.peer.Send(Bytes("a"));
+    KLVMsgMessageQueryByType query("Text");
+    KLVBasVector<KLVMsgSocketMessage*> messages = ListOf<KLVMsgSocketMessage*>({&hello});
+    ASSERT_EQ(2u, Communicator().RetrieveMessages(&query, messages));
+    EXPECT_EQ("a", TextOf(messages[1]));
+    delete messages[1];
+    EXPECT_EQ(1, running.Stop());
+    EXPECT_EQ("", client.peer.Receive(1));
+    EXPECT_EQ(0u, Known().size());
+    EXPECT_TRUE(Communicator().IsOkToShutDownMessageTask());
+    EXPECT_EQ((Ids{3}), Pending({Send(client.channel, &hello)}));
+}
+
+// Inbox and queue against plain lists that are changed one element at a time.
+TEST_F(CommunicatorTest, InboxAndQueueFollowTheModel) {
+    const unsigned int seed = std::random_device()();
+    std::cout << "seed " << seed << '\n';
+    std::mt19937 random(seed);
+    std::vector<int> inbox;  // the channels of the messages
+    Ids queue;
+    for (unsigned int step = 0; step < 5000; ++step) {
+        Communicator().AddMessage({ChannelOf(static_cast<int>(step)), &hello, 0});
+        inbox.push_back(static_cast<int>(step));
+        queue.push_back(Send(ChannelOf(-1), &hello));
+        ASSERT_EQ(step + 1, queue.back());
+        if (random() % 8 == 0) {
+            std::vector<bool> chosen;
+            QueryByFunction query([&](auto*) { return chosen.emplace_back(random() % 3 == 0); });
+            KLVBasVector<KLVMsgChannelMsgStruct> records;
+            Communicator().IRetrieveMessagesWithChannel(&query, records);
+            ASSERT_EQ(inbox.size(), chosen.size());
+            std::vector<int> expected, taken;
+            for (std::size_t i = chosen.size(); i-- > 0;) {
+                if (chosen[i]) {
+                    expected.push_back(inbox[i]);
+                    inbox.erase(inbox.begin() + static_cast<std::ptrdiff_t>(i));
+                }
+            }
+            for (const KLVMsgChannelMsgStruct& record : VectorOf(records)) {
+                taken.push_back(record.channel.connection);
+            }
+            ASSERT_EQ(expected, taken);
+        }
+        Ids asked, expected;
+        for (int i = 0; i < 5; ++i) {
+            asked.push_back(step + 5 - static_cast<unsigned int>(random() % 20));
+        }
+        std::copy_if(queue.begin(), queue.end(), std::back_inserter(expected), [&](auto id) {
+            return std::find(asked.begin(), asked.end(), id) != asked.end();
+        });
+        ASSERT_EQ(expected, Pending(asked));
+        ASSERT_EQ(std::find(queue.begin(), queue.end(), asked[0]) != queue.end(),
+                  Communicator().QueryPendingStatus(asked[0]));
+        if (random() % 16 == 0) {
+            Communicator().TransmitPendingMessage();
+            queue.clear();
+        }
+    }
+}
