@@ -21,6 +21,7 @@ inline int BtreeCompare(const int& a, const int& b) {
     return static_cast<int>(static_cast<unsigned int>(b) - static_cast<unsigned int>(a));
 }
 
+// The same for texts, in the order of KLVString::Compare.
 inline int BtreeCompare(const KLVString& a, const KLVString& b) { return b.Compare(a); }
 
 // One entry of an omi_Btree: a single allocation that holds key and value and owns its children.
@@ -59,19 +60,22 @@ public:
     // Takes the depth from the children: 0 without any, otherwise one more than the largest.
     void SetMaxDepth();
 
+    // The height that this node was last given, in edges.
     int MaxDepth() const { return m_maxDepth; }
 
     // Puts `newChild` into the slot of `oldChild`, destroys `oldChild` with what it still holds,
     // and sets the depth. The right slot is meant when it holds `oldChild`, otherwise the left one.
     void RemoveNode(omi_BtreeNode* oldChild, omi_BtreeNode* newChild);
 
+    // The key and the value, in place.
     const K& ConstGetKey() const { return m_key; }
     V& GetValue() { return m_value; }
     const V& ConstGetValue() const { return m_value; }
 
-    // Rebalances the node in a slot and stores what heads the subtree afterwards.
-    // Requires: `slot` is not null.
-    static void BalanceSlot(omi_BtreeNode*& slot);
+    // Insert and Remove for the subtree in a slot, which they rebalance up to its head; the slot
+    // may be empty before or afterwards.
+    static bool InsertAt(omi_BtreeNode*& slot, const K& key, const V& value);
+    static bool RemoveAt(omi_BtreeNode*& slot, const K& key);
 
     // Where a key goes that compares as `order` with this node's.
     omi_BtreeNode*& Slot(int order) { return order < 0 ? m_left : m_right; }
@@ -85,8 +89,19 @@ public:
     int m_maxDepth = 0;                // in edges
 
 private:
+    // The depth of a child that may be missing: as a leaf's for balancing, one less for counting.
     static int Height(const omi_BtreeNode* node) { return node == nullptr ? 0 : node->m_maxDepth; }
+    static int DepthOf(const omi_BtreeNode* node) {
+        return node == nullptr ? -1 : node->m_maxDepth;
+    }
 
+    // SetMaxDepth and then Balance for the node in a slot, with one look at the children.
+    static void Settle(omi_BtreeNode*& slot);
+
+    // The depth of the child off the path is needed on the way back: it is fetched on the way down.
+    void FetchSlot(int order) { __builtin_prefetch(order < 0 ? m_left : m_right); }
+
+    omi_BtreeNode* Rotate(int difference);
     omi_BtreeNode* RotateLeft();
     omi_BtreeNode* RotateRight();
     omi_BtreeNode* DetachReplacement();
@@ -100,8 +115,10 @@ private:
 template <class K, class V>
 class omi_Btree : public mem_AllocationOperators {
 public:
+    // The entries that the map is made of.
     using Node = omi_BtreeNode<K, V>;
 
+    // An empty map whose null value is a default-made one.
     omi_Btree() : m_nullValue(GetNullValue()) {}
 
     // The copy has the same shape and depths: nothing is inserted anew.
@@ -118,6 +135,7 @@ public:
     // True when the entry was there and is gone.
     bool Remove(const K& key);
 
+    // True when there is an entry under `key`.
     bool IsMember(const K& key) const { return Find(key) != nullptr; }
 
     // The value under `key`, or the null value of this map when there is none; nothing is inserted.
@@ -134,6 +152,7 @@ public:
     // Removes all entries and keeps the null value.
     void Clear();
 
+    // The number of entries, and whether there is none.
     int Size() const { return m_size; }
     bool IsEmpty() const { return m_size == 0; }
 
@@ -172,7 +191,7 @@ omi_BtreeNode<K, V>::~omi_BtreeNode() {
 }
 
 template <class K, class V>
-omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Find(const K& key) const {
+inline omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Find(const K& key) const {
     omi_BtreeNode* node = const_cast<omi_BtreeNode*>(this);
     while (node != nullptr) {
         const int order = BtreeCompare(node->m_key, key);
@@ -187,18 +206,29 @@ omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Find(const K& key) const {
 template <class K, class V>
 bool omi_BtreeNode<K, V>::Insert(const K& key, const V& value) {
     const int order = BtreeCompare(m_key, key);
-    if (order == 0) {
-        return false;
-    }
-    omi_BtreeNode*& slot = Slot(order);
-    if (slot == nullptr) {
-        slot = new omi_BtreeNode(key, value);
-    } else if (slot->Insert(key, value)) {
-        BalanceSlot(slot);
-    } else {
+    if (order == 0 || !InsertAt(Slot(order), key, value)) {
         return false;
     }
     SetMaxDepth();
+    return true;
+}
+
+template <class K, class V>
+bool omi_BtreeNode<K, V>::InsertAt(omi_BtreeNode*& slot, const K& key, const V& value) {
+    omi_BtreeNode* const node = slot;
+    if (node == nullptr) {
+        slot = new omi_BtreeNode(key, value);
+        return true;
+    }
+    const int order = BtreeCompare(node->m_key, key);
+    if (order == 0) {
+        return false;
+    }
+    node->FetchSlot(-order);
+    if (!InsertAt(node->Slot(order), key, value)) {
+        return false;
+    }
+    Settle(slot);
     return true;
 }
 
@@ -210,31 +240,53 @@ bool omi_BtreeNode<K, V>::Remove(const K& key, omi_BtreeNode& parent) {
         parent.RemoveNode(this, replacement);
         return true;
     }
-    omi_BtreeNode*& slot = Slot(order);
-    if (slot == nullptr || !slot->Remove(key, *this)) {
+    if (!RemoveAt(Slot(order), key)) {
         return false;
     }
-    if (slot != nullptr) {
-        BalanceSlot(slot);
-        SetMaxDepth();
+    SetMaxDepth();
+    return true;
+}
+
+template <class K, class V>
+bool omi_BtreeNode<K, V>::RemoveAt(omi_BtreeNode*& slot, const K& key) {
+    omi_BtreeNode* const node = slot;
+    if (node == nullptr) {
+        return false;
     }
+    const int order = BtreeCompare(node->m_key, key);
+    if (order == 0) {
+        slot = node->DetachReplacement();
+        delete node;
+        omi_BtreeNode* const head = slot == nullptr ? nullptr : slot->Balance();
+        slot = head == nullptr ? slot : head;
+        return true;
+    }
+    node->FetchSlot(-order);
+    if (!RemoveAt(node->Slot(order), key)) {
+        return false;
+    }
+    Settle(slot);
     return true;
 }
 
 template <class K, class V>
 omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Balance() {
-    const int difference = Height(m_right) - Height(m_left);
-    if (difference > 1) {
+    return Rotate(Height(m_right) - Height(m_left));
+}
+
+template <class K, class V>
+inline omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Rotate(int difference) {
+    if (__builtin_expect(difference > 1, 0)) {
         return RotateLeft();
     }
-    if (difference < -1) {
+    if (__builtin_expect(difference < -1, 0)) {
         return RotateRight();
     }
     return nullptr;
 }
 
 template <class K, class V>
-omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::RotateLeft() {
+inline omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::RotateLeft() {
     omi_BtreeNode* const head = m_right;
     m_right = head->m_left;
     head->m_left = this;
@@ -244,7 +296,7 @@ omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::RotateLeft() {
 }
 
 template <class K, class V>
-omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::RotateRight() {
+inline omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::RotateRight() {
     omi_BtreeNode* const head = m_left;
     m_left = head->m_right;
     head->m_right = this;
@@ -254,10 +306,8 @@ omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::RotateRight() {
 }
 
 template <class K, class V>
-void omi_BtreeNode<K, V>::SetMaxDepth() {
-    const int left = m_left == nullptr ? 0 : m_left->m_maxDepth + 1;
-    const int right = m_right == nullptr ? 0 : m_right->m_maxDepth + 1;
-    m_maxDepth = std::max(left, right);
+inline void omi_BtreeNode<K, V>::SetMaxDepth() {
+    m_maxDepth = std::max(DepthOf(m_left), DepthOf(m_right)) + 1;
 }
 
 template <class K, class V>
@@ -269,8 +319,12 @@ void omi_BtreeNode<K, V>::RemoveNode(omi_BtreeNode* oldChild, omi_BtreeNode* new
 }
 
 template <class K, class V>
-void omi_BtreeNode<K, V>::BalanceSlot(omi_BtreeNode*& slot) {
-    omi_BtreeNode* const head = slot->Balance();
+inline void omi_BtreeNode<K, V>::Settle(omi_BtreeNode*& slot) {
+    omi_BtreeNode* const node = slot;
+    const int left = DepthOf(node->m_left);
+    const int right = DepthOf(node->m_right);
+    node->m_maxDepth = std::max(left, right) + 1;
+    omi_BtreeNode* const head = node->Rotate(std::max(right, 0) - std::max(left, 0));
     if (head != nullptr) {
         slot = head;
     }
@@ -331,36 +385,15 @@ omi_Btree<K, V>::~omi_Btree() {
 
 template <class K, class V>
 bool omi_Btree<K, V>::Insert(const K& key, const V& value) {
-    if (m_root == nullptr) {
-        m_root = new Node(key, value);
-        m_size = 1;
-        return true;
-    }
-    if (!m_root->Insert(key, value)) {
-        return false;
-    }
-    ++m_size;
-    Node::BalanceSlot(m_root);
-    return true;
+    const bool added = Node::InsertAt(m_root, key, value);
+    m_size += added ? 1 : 0;
+    return added;
 }
 
 template <class K, class V>
 bool omi_Btree<K, V>::Remove(const K& key) {
-    if (m_root == nullptr) {
-        return false;
-    }
-    // A head above the root lets the root be unlinked like any other node.
-    Node head(K(), m_nullValue);
-    head.m_left = m_root;
-    const bool removed = m_root->Remove(key, head);
-    if (removed) {
-        --m_size;
-        m_root = head.m_left;
-        if (m_root != nullptr) {
-            Node::BalanceSlot(m_root);
-        }
-    }
-    head.m_left = nullptr;  // the head goes, the tree stays
+    const bool removed = Node::RemoveAt(m_root, key);
+    m_size -= removed ? 1 : 0;
     return removed;
 }
 

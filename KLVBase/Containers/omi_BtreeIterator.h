@@ -9,9 +9,11 @@
 template <class K, class V>
 class omi_BtreeNodeLink : public mem_AllocationOperators {
 public:
+    // A link for `node` above the link `next`.
     omi_BtreeNodeLink(omi_BtreeNode<K, V>* node, omi_BtreeNodeLink* next)
         : m_node(node), m_next(next) {}
 
+    // The node of this step.
     omi_BtreeNode<K, V>* Node() const { return m_node; }
 
     // The link towards the root, or null for the root's own.
@@ -33,6 +35,7 @@ private:
 template <class K, class V>
 class omi_BtreeIterator {
 public:
+    // An iterator over `tree`, without a position.
     explicit omi_BtreeIterator(const omi_Btree<K, V>& tree) : m_tree(&tree) {}
     ~omi_BtreeIterator() { ClearStack(); }
 

@@ -17,11 +17,13 @@ public:
     // The value under `key`, or a default-made one when there is none.
     V Lookup(int key) const { return Half(key).Lookup(Magnitude(key)); }
 
+    // True when there is an entry under `key`.
     bool IsMember(int key) const { return Half(key).IsMember(Magnitude(key)); }
 
     // True when an entry was removed, false when there was none.
     bool Remove(int key) { return Half(key).Remove(Magnitude(key)); }
 
+    // The number of entries.
     std::size_t Size() const { return m_rest.Size() + m_negative.Size(); }
 
 private:
@@ -45,9 +47,11 @@ private:
 template <class V>
 class omi_IntTableIterator {
 public:
+    // An iterator over `table`, without a position.
     explicit omi_IntTableIterator(const omi_IntTable<V>& table)
         : m_rest(table.m_rest), m_negative(table.m_negative) {}
 
+    // Moves to the first entry; may be called at any time.
     void First() {
         m_rest.First();
         m_negative.First();
@@ -62,6 +66,7 @@ public:
         }
     }
 
+    // True when the iterator has no position.
     bool IsDone() const { return !InRest() && m_negative.IsDone(); }
 
     // Requires: IsDone() is false.

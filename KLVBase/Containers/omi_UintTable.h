@@ -33,6 +33,7 @@ public:
         return place == m_entries.end() ? V() : place->value;
     }
 
+    // True when there is an entry under `key`.
     bool IsMember(unsigned int key) const { return Find(key) != m_entries.end(); }
 
     // True when an entry was removed, false when there was none.
@@ -45,6 +46,7 @@ public:
         return true;
     }
 
+    // The number of entries.
     std::size_t Size() const { return m_entries.size(); }
 
 private:
@@ -76,14 +78,17 @@ private:
 template <class V>
 class omi_UintTableIterator {
 public:
+    // An iterator over `table`, without a position.
     explicit omi_UintTableIterator(const omi_UintTable<V>& table)
         : m_table(&table), m_position(table.Size()) {}
 
+    // Moves to the first entry; may be called at any time.
     void First() { m_position = 0; }
 
     // Requires: IsDone() is false.
     void Next() { ++m_position; }
 
+    // True when the iterator has no position.
     bool IsDone() const { return m_position >= m_table->Size(); }
 
     // Requires: IsDone() is false.

@@ -9,21 +9,15 @@
 // from one thread while no other uses the modules.
 KLVBASE_EXPORT void KLVSimContainers_initialize(int& status);
 KLVBASE_EXPORT void KLVSimContainers_finalize(int& status);
-
 KLVBASE_EXPORT void KLVBasXmlParser_initialize(int& status);
 KLVBASE_EXPORT void KLVBasXmlParser_finalize(int& status);
-
 KLVBASE_EXPORT void KLVBasShared_initialize(int& status);
 KLVBASE_EXPORT void KLVBasShared_finalize(int& status);
-
 KLVBASE_EXPORT void KLVBasMorva_initialize(int& status);
 KLVBASE_EXPORT void KLVBasMorva_finalize(int& status);
-
 KLVBASE_EXPORT void KLVBasCoreUtils_initialize(int& status);
 KLVBASE_EXPORT void KLVBasCoreUtils_finalize(int& status);
-
 KLVBASE_EXPORT void KLVBasGenericsLib_initialize(int& status);
 KLVBASE_EXPORT void KLVBasGenericsLib_finalize(int& status);
-
 KLVBASE_EXPORT void KLVBasAlloc_initialize(int& status);
 KLVBASE_EXPORT void KLVBasAlloc_finalize(int& status);

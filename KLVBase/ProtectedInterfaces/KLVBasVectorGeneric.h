@@ -39,9 +39,13 @@ void KLVBasStandardDestroy(void* element) {
 // was. No lock: one thread at a time.
 class KLVBASE_EXPORT KLVBasVectorGeneric {
 public:
+    // An empty array of elements of `elementSize` bytes. A null `destroy` says that they are plain
+    // data.
     KLVBasVectorGeneric(std::size_t elementSize, KLVBasElementCopy copy,
                         KLVBasElementDestroy destroy) noexcept
         : m_elementSize(elementSize), m_copy(copy), m_destroy(destroy) {}
+
+    // Copies every element.
     KLVBasVectorGeneric(const KLVBasVectorGeneric& other);
     KLVBasVectorGeneric& operator=(const KLVBasVectorGeneric& other);
     ~KLVBasVectorGeneric();
@@ -56,6 +60,7 @@ public:
     // Destroys all elements and keeps the memory for the next ones.
     void Clear() noexcept;
 
+    // The number of elements.
     std::size_t Size() const noexcept { return m_size; }
 
     // Requires: position < Size().

@@ -21,6 +21,7 @@ public:
     // empty string.
     KLVString(const char* text, int length);
 
+    // Shares the text of `other`.
     KLVString(const KLVString& other) noexcept;
 
     // Takes the new text before it releases the old one: assigning a string to itself is safe.
@@ -51,10 +52,12 @@ private:
     Shared* m_shared = nullptr;  // null for the empty string
 };
 
+// Equal means the same bytes.
 inline bool operator==(const KLVString& a, const KLVString& b) noexcept {
     return a.Compare(b) == 0;
 }
 
+// True when at least one byte, or the length, differs.
 inline bool operator!=(const KLVString& a, const KLVString& b) noexcept {
     return a.Compare(b) != 0;
 }

@@ -14,6 +14,7 @@ public:
     // Writes the decimal text of a number.
     void print_int(int number);
 
+    // Writes one character.
     void put(char character);
 
     // Hands everything written so far to the operating system.

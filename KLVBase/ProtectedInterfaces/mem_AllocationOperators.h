@@ -10,6 +10,7 @@
 // derived class use the functions above. It adds no data and no virtual operation.
 class KLVBASE_EXPORT mem_AllocationOperators {
 public:
+    // From the in-house allocator and back to it; the forms with a place leave memory alone.
     static void* operator new(std::size_t size) { return mem_OperatorNewThrow(size); }
     static void* operator new[](std::size_t size) { return mem_OperatorNewThrow(size); }
     static void* operator new(std::size_t, void* place) noexcept { return place; }

@@ -79,10 +79,13 @@ int KLVString::Compare(const KLVString& other) const noexcept {
     if (m_shared == other.m_shared) {
         return 0;
     }
-    const int length = Length();
-    const int otherLength = other.Length();
-    const int order =
-        std::memcmp(Text(), other.Text(), static_cast<std::size_t>(std::min(length, otherLength)));
+    if (m_shared == nullptr || other.m_shared == nullptr) {
+        return Length() - other.Length();
+    }
+    const int length = m_shared->length;
+    const int otherLength = other.m_shared->length;
+    const int order = std::memcmp(m_shared->Text(), other.m_shared->Text(),
+                                  static_cast<std::size_t>(std::min(length, otherLength)));
     return order != 0 ? order : length - otherLength;
 }
 

@@ -9,10 +9,11 @@
 // connection has no name.
 class KLVMSG_EXPORT KLVMsgChannelQueryByLabel : public KLVMsgChannelQuery {
 public:
+    // Selects by `labelText`.
     explicit KLVMsgChannelQueryByLabel(const KLVString& labelText);
 
     void Search(const KLVBasVector<KLVMsgChannel>& in,
                 KLVBasVector<KLVMsgChannel>& out) const override;
 
-    KLVString label;
+    KLVString label;  // the label that is looked for
 };

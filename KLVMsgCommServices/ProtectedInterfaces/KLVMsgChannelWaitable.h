@@ -14,6 +14,7 @@ public:
     // A waitable without channels.
     KLVMsgChannelWaitable() = default;
 
+    // A waitable that watches these channels.
     explicit KLVMsgChannelWaitable(const KLVBasVector<KLVMsgChannel>& watched);
 
     // Waits (select) until a watched connection is readable or the time is over, and appends what
@@ -36,10 +37,10 @@ public:
     // aio_cerr as "waiting for select" and the errno.
     void WaitForConnectionAndMessages(int timeoutMilliseconds);
 
-    bool acceptConnections = true;  // false: readable listening sockets are ignored
-    KLVBasVector<KLVMsgChannel> channels;
-    KLVBasVector<KLVMsgChannel> readyChannels;
-    KLVBasVector<KLVMsgChannel> newChannels;
+    bool acceptConnections = true;              // false: readable listening sockets are ignored
+    KLVBasVector<KLVMsgChannel> channels;       // the watched ones
+    KLVBasVector<KLVMsgChannel> readyChannels;  // found to have data
+    KLVBasVector<KLVMsgChannel> newChannels;    // accepted
 
 private:
     void AcceptConnection(KLVMsgServerSocket& server);

@@ -72,7 +72,8 @@ public:
 
     // Opens a listening socket and registers it, in place of one that is still registered under the
     // number and goes. Returns null only when no socket could be made: one whose bind or listen
-    // failed is registered too, and HasError tells.
+    // failed is registered too, and HasError tells. After a failed bind it may still listen, on a
+    // port of the system's choice, until it is shut down.
     //
     // Blocks for as long as the host takes to resolve. The socket is the registry's.
     KLVMsgServerSocket* StartServer(KLVMsgSocketAddress address, int backlog);

@@ -6,6 +6,7 @@
 
 class KLVMSG_EXPORT KLVMsgInetAddress {
 public:
+    // The address that `text` writes out; nothing is checked.
     explicit KLVMsgInetAddress(const KLVString& text);
 
     // Always true, an IPv6 text included: every internet address counts as IPv4 here.

@@ -8,11 +8,12 @@
 // Selects every message whose GetMessageType is exactly this name.
 class KLVMSG_EXPORT KLVMsgMessageQueryByType : public KLVMsgMessageQuery {
 public:
+    // Selects by `typeName`.
     explicit KLVMsgMessageQueryByType(const KLVString& typeName);
 
     // Requires: no message is null.
     void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
                 KLVBasVector<int>& indexes) const override;
 
-    KLVString type;
+    KLVString type;  // the name that is looked for
 };

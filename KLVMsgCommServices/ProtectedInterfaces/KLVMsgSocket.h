@@ -2,8 +2,7 @@
 //
 // Invariants:
 // - A socket holds no lock. Registered ones are used under the registry's lock; a caller that uses
-// a
-//   socket directly sees to it that nobody else does at the same time.
+//   one directly sees to it that nobody else does at the same time.
 // - Operations report nothing. A failing system call leaves its errno in `lastError`, which is only
 //   ever overwritten by them, never cleared.
 // - Shutdown closes the descriptor, a destructor never does.

@@ -8,6 +8,7 @@
 class KLVMSG_EXPORT KLVMsgSocketAddress {
 public:
     KLVMsgSocketAddress() = default;
+    // The port `portNumber` of `hostText`, see below for what they may be.
     KLVMsgSocketAddress(const KLVString& hostText, int portNumber)
         : host(hostText), port(portNumber) {}
 

@@ -88,7 +88,8 @@ public:
                             unsigned int& id);
 
     // Queues it for each known channel that the query selects, all without a query, and appends
-    // their ids in the same order.
+    // their ids in the same order. A listening socket's channel counts too; nothing is written
+    // there.
     void ISendSocketMessage(KLVMsgChannelQuery* query, KLVMsgSocketMessage* message,
                             KLVBasVector<unsigned int>& ids);
 
@@ -126,8 +127,8 @@ public:
     // True when the message task is not to run, or to end. Takes no lock.
     bool IsOkToShutDownMessageTask() const;
 
-    // Shuts all known connections down and asks the message task to end, which it does after the
-    // cycle that it is in. Does not wait for its thread.
+    // Shuts all known connections down, see KLVMsgChannel::Shutdown, and asks the message task to
+    // end, which it does after the cycle that it is in. Does not wait for its thread.
     void ShutdownMessageTask();
 
     // Receiving -----------------------------------------------------------------------------------
@@ -135,8 +136,9 @@ public:
     // One cycle: waits up to `timeout` milliseconds on the waitable, the watched channels without
     // one; makes the connections accepted meanwhile known and watched; and reads one message from
     // each connection that has data into the inbox. A message without a registered prototype is
-    // lost, and its body is taken for the next header. The lock is held throughout:
-    // a peer that stops in the middle of a message holds it for as long as it stays connected.
+    // lost, and its body is taken for the next header; so is one whose header has come in part
+    // only. The lock is held throughout: a peer that stops in the middle of a message holds it for
+    // as long as it stays connected.
     //
     // A connection found lost is no longer watched; GetErrorsOnChannel cannot tell more of it.
     // One whose descriptor is 1024 or above is accepted and never read. See KLVMsgChannelWaitable
@@ -162,7 +164,8 @@ public:
 
     // Sets `code` to the errno of the last failure on the channel's connection and `text` to its
     // message. Without one `code` is 0 and `text` is left alone. The error is not cleared.
-    // A channel without a socket has none.
+    // A channel without a socket has none, and a peer that has closed in order is no failure:
+    // KLVMsgChannel::IsActiveInCurrentThreads tells whether the connection is still there.
     void GetErrorsOnChannel(const KLVMsgChannel& channel, int& code, KLVString& text);
 
 private:
