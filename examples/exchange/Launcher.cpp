@@ -1,0 +1,153 @@
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <stdexcept>
+
+#include "Roles.h"
+
+namespace {
+
+class Launcher {
+public:
+    explicit Launcher(const Options& options) : m_options(options) {}
+    Launcher(const Launcher&) = delete;
+    Launcher& operator=(const Launcher&) = delete;
+
+    // Nothing is left behind when starting a process has failed.
+    ~Launcher() {
+        m_failed = m_failed || !m_running.empty();
+        WaitForAll();
+        if (m_rows != nullptr) {
+            std::fclose(m_rows);
+        }
+    }
+
+    int Run() {
+        const std::string port = StartHub();
+        if (port.empty()) {
+            WaitForAll();  // it has said why
+            return 1;
+        }
+        // Rows go to a file without a name: unlike a pipe it never fills up and holds a client.
+        m_rows = std::tmpfile();
+        Require(m_rows != nullptr && fcntl(fileno(m_rows), F_SETFD, FD_CLOEXEC) != -1, errno);
+        for (std::size_t i = 0; i < static_cast<std::size_t>(m_options.clients); ++i) {
+            StartClient(i, port);
+        }
+        WaitForAll();
+        PrintTable();
+        return m_failed ? 1 : 0;
+    }
+
+private:
+    static void Require(bool done, int error) {
+        if (!done) {
+            throw std::runtime_error(std::string("cannot start a process: ") +
+                                     std::strerror(error));
+        }
+    }
+
+    // Starts this program again in another role, with its standard output on `output`.
+    void Start(const std::string& name, std::vector<std::string> arguments, int output) {
+        std::vector<char*> pointers;
+        for (std::string& argument : arguments) {
+            pointers.push_back(argument.data());
+        }
+        pointers.push_back(nullptr);
+        const pid_t process = fork();
+        Require(process != -1, errno);
+        if (process == 0) {
+            dup2(output, STDOUT_FILENO);
+            execv("/proc/self/exe", pointers.data());
+            std::perror("exchange");
+            _exit(1);
+        }
+        m_running[process] = name;
+    }
+
+    // Returns the port, which stands at the end of the hub's first line, or nothing when the hub
+    // has ended without one.
+    std::string StartHub() {
+        int ends[2];
+        Require(pipe2(ends, O_CLOEXEC) == 0, errno);
+        Start("hub",
+              {"exchange", "hub", "--port", std::to_string(m_options.port), "--clients",
+               std::to_string(m_options.clients)},
+              ends[1]);
+        close(ends[1]);
+        std::string port;
+        for (char c = 0; read(ends[0], &c, 1) == 1 && c != '\n';) {
+            port = c == ' ' ? std::string() : port.append(1, c);
+        }
+        close(ends[0]);
+        return port;
+    }
+
+    // The files are dealt out like cards, and from the start again to clients that would have none.
+    void StartClient(std::size_t index, const std::string& port) {
+        const std::string name = "client-" + std::to_string(index + 1);
+        std::vector<std::string> arguments = {
+            "exchange", "client", "--port",  port,
+            "--name",   name,     "--chunk", std::to_string(m_options.chunkKiB),
+            "--"};
+        const std::size_t files = m_options.files.size();
+        const std::size_t clients = static_cast<std::size_t>(m_options.clients);
+        for (std::size_t card = index; card < std::max(files, clients); card += clients) {
+            arguments.push_back(m_options.files[card % files]);
+        }
+        Start(name, std::move(arguments), fileno(m_rows));
+    }
+
+    // The first failure ends the run: the hub, when it is still there, says farewell to all.
+    void WaitForAll() {
+        while (!m_running.empty()) {
+            for (const auto& [process, name] : m_running) {
+                if (m_failed && name == "hub") {
+                    kill(process, SIGTERM);
+                }
+            }
+            int status = 0;
+            const pid_t process = waitpid(-1, &status, 0);
+            if (process > 0 && WIFSIGNALED(status)) {
+                std::fprintf(stderr, "exchange: %s was killed by signal %d\n",
+                             m_running[process].c_str(), WTERMSIG(status));
+            }
+            m_failed = m_failed || status != 0;
+            m_running.erase(process);
+        }
+    }
+
+    void PrintTable() {
+        std::rewind(m_rows);
+        std::vector<std::string> rows;
+        for (char row[8192]; std::fgets(row, sizeof row, m_rows) != nullptr;) {
+            rows.emplace_back(row);
+        }
+        std::sort(rows.begin(), rows.end());
+        std::puts("client           bytes      lines      words   crc-32  verdict    file");
+        for (const std::string& row : rows) {
+            std::fputs(row.c_str(), stdout);
+        }
+        std::puts(m_failed ? "FAILED: not every file was agreed on"
+                           : "hub and clients agree on every file");
+    }
+
+    const Options& m_options;
+    std::map<pid_t, std::string> m_running;  // the name of each process
+    std::FILE* m_rows = nullptr;             // what the clients have printed
+    bool m_failed = false;
+};
+
+}  // namespace
+
+int RunLauncher(const Options& options) {
+    RequireReadable(options.files);
+    return Launcher(options).Run();
+}
