@@ -1,0 +1,80 @@
+#!/usr/bin/env bash
+# Builds and runs the consumer in one way, in a directory of its own:
+#   consumer_test.sh find_package|pkg_config|moved|subproject|own_base LIBRARY_BUILD
+# LIBRARY_BUILD is a finished build of the library; the first three install it into a new prefix.
+set -euo pipefail
+way=$1 library_build=$2
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+source=$(cd "$here/../.." && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+compiler=${CXX:-g++}
+
+say_and_fail() {
+  echo "$*" >&2
+  exit 1
+}
+
+install_library() {
+  prefix=$work/prefix
+  cmake --install "$library_build" --prefix "$prefix" >"$work/log"
+  libdir=$(dirname "$(find "$prefix" -name libKLVMsgCommModules.so.1)")
+}
+
+build_with_cmake() {  # DIRECTORY OPTION...
+  cmake -S "$1" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" "${@:2}"
+  cmake --build "$work/build" --parallel 2
+}
+
+try_find_package() {
+  build_with_cmake "$here/installed" -DCMAKE_PREFIX_PATH="$prefix"
+  "$work/build/consumer"
+}
+try_pkg_config() {
+  export PKG_CONFIG_PATH=$libdir/pkgconfig
+  local flags
+  flags=$(pkg-config --cflags --libs KLVMsgCommModules)
+  # shellcheck disable=SC2086  # the flags are several words
+  "$compiler" ${CXXFLAGS:-} -std=c++17 "$here/main.cpp" $flags -o "$work/consumer"
+  LD_LIBRARY_PATH=$libdir "$work/consumer"
+}
+
+case $way in
+  find_package)
+    install_library
+    try_find_package
+    if cmake -S "$here/installed" -B "$work/next" -DCMAKE_CXX_COMPILER="$compiler" \
+      -DCMAKE_PREFIX_PATH="$prefix" -DWANTED_VERSION=2.0 >"$work/log" 2>&1; then
+      say_and_fail "version 2.0 was asked for and version 1 accepted"
+    fi
+    ;;
+  pkg_config)
+    install_library
+    try_pkg_config
+    ;;
+  moved)
+    install_library
+    if grep -rlF -e "$prefix" -e "$source" "$libdir/cmake" "$libdir/pkgconfig"; then
+      say_and_fail "these files name a directory of this build"
+    fi
+    mv "$prefix" "$work/elsewhere"
+    libdir=$work/elsewhere${libdir#"$prefix"} prefix=$work/elsewhere
+    try_find_package
+    try_pkg_config
+    ;;
+  subproject)
+    build_with_cmake "$here/subproject" -DLIBRARY_SOURCE="$source"
+    "$work/build/consumer"
+    ;;
+  own_base)
+    build_with_cmake "$here/own_base" -DLIBRARY_SOURCE="$source"
+    "$work/build/consumer"
+    cmake --install "$work/build" --prefix "$work/prefix"
+    include=$work/prefix/include/KLVMsgCommModules
+    [ -f "$include/omi_Btree.h" ] || say_and_fail "the ordered map is not installed"
+    [ ! -e "$include/KLVString.h" ] || say_and_fail "a header of KLVBase is installed"
+    ;;
+  *)
+    say_and_fail "unknown way: $way"
+    ;;
+esac
