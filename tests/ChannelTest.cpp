@@ -138,11 +138,11 @@ TEST(Waitable, TimeLimitReachesSelectInMicrosecondsAndARefusalIsReported) {
     Connection connection;
     connection.peer.Send("x");
     KLVMsgChannelWaitable waitable(ListOf({connection.number}));
-    std::vector<long> limits;
+    std::vector<std::string> limits;
     testing::internal::CaptureStderr();
     {
         const Interposed selects([&](SystemCall& call) -> std::optional<long> {
-            limits.push_back(call.microseconds);
+            limits.push_back(call.limit);
             return limits.size() == 1 ? std::optional<long>(-EINTR) : std::nullopt;
         });
         for (const int milliseconds : {0, -1, 20, 1000, 1001, 2500}) {
@@ -151,7 +151,9 @@ TEST(Waitable, TimeLimitReachesSelectInMicrosecondsAndARefusalIsReported) {
     }
     EXPECT_EQ("waiting for select4\nwaiting for select22\n",
               testing::internal::GetCapturedStderr());
-    EXPECT_EQ((std::vector<long>{0, -1000, 20000, 1000000, 1001000, 2500000}), limits);
+    EXPECT_EQ(
+        (std::vector<std::string>{"0:0", "0:-1000", "0:20000", "0:1000000", "1:1000", "2:500000"}),
+        limits);
     EXPECT_EQ(4u, waitable.readyChannels.Size());
 }
 

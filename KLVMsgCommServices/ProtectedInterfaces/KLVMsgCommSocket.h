@@ -19,8 +19,9 @@ public:
     // closed (SO_LINGER with 0 seconds) and keeps idle ones alive (SO_KEEPALIVE). A socket that is
     // open in either direction is shut down first.
     //
-    // Success is read from IsConnected, the cause of a failure from `lastError`. After a failure a
-    // descriptor that was made stays open and stored until Shutdown.
+    // Success is read from IsConnected, the cause of a failure from `lastError`; where the host
+    // does not resolve that is whatever the resolver left in errno. After a failure a descriptor
+    // that was made stays open and stored: call Shutdown before you connect again, or it is lost.
     void Connect(KLVMsgSocketAddress peer);
 
     // Sends `length` bytes with one send and returns how many the system took, which may be fewer,

@@ -47,7 +47,7 @@ public:
     // Registers a KLVMsgCommSocket or KLVMsgServerSocket made with `new` under its descriptor and
     // returns 1: the registry owns it from then on. Returns 0 when the number is taken: the entry
     // stays, and the socket stays the caller's.
-    // Requires: `socket` is not null.
+    // Requires: `socket` is not null, and of one of these two classes itself.
     int AddConnection(KLVMsgSocket* socket);
 
     // The socket under a number, or null. The pointer is valid until the connection is removed.
@@ -106,9 +106,9 @@ public:
     // all (those bytes are lost), when the name is empty, or when its length is 2^31 - 1 or more or
     // more than there is memory for. Clears the socket's last error first.
     //
-    // A connection found lost on the length is removed from the registry; one that the peer has
-    // closed is shut down and stays. Waits while nothing has arrived, which holds up every other
-    // user of the registry.
+    // A connection found lost on the length is removed from the registry; one found lost on the
+    // name, or closed by the peer, is shut down and stays. Waits while nothing has arrived, which
+    // holds up every other user of the registry.
     int RetrieveMessageTypeFromSocket(int number, KLVString& typeName);
 
     // Registers a prototype, which stays the application's and outlives the registry's use of it. A

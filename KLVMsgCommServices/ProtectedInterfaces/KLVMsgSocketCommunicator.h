@@ -142,7 +142,8 @@ public:
     //
     // A connection found lost is no longer watched; GetErrorsOnChannel cannot tell more of it.
     // One whose descriptor is 1024 or above is accepted and never read. See KLVMsgChannelWaitable
-    // for the time and for what a wait reports. Requires: the input stream is set.
+    // for the time and for what a wait reports.
+    // Requires: the input stream is set.
     void WaitConnectionsAndMessages(KLVMsgChannelWaitable* waitable, int timeout);
 
     // Appends a copy of the record to the inbox.

@@ -60,6 +60,15 @@ private:
     int m_port;
 };
 
+// A registered connection made with ConnectToServer, and the peer at the other end.
+struct ConnectedPair {
+    PlainServer listener;
+    KLVMsgCommSocket* socket = Registry().ConnectToServer(
+        KLVMsgSocketAddress(), KLVMsgSocketAddress("127.0.0.1", listener.Port()));
+    int number = socket->descriptor;
+    PlainPeer peer{listener.Accept()};
+};
+
 // The bytes of a header, and of a whole TextMessage.
 std::string HeaderBytes(const std::string& typeName);
 std::string TextBytes(const std::string& typeName, const std::string& text);

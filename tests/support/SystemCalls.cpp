@@ -115,10 +115,10 @@ int connect(int descriptor, const sockaddr* address, socklen_t length) {
 
 int setsockopt(int descriptor, int level, int option, const void* value,
                socklen_t length) noexcept {
-    return Pass(
-        &setsockopt,
-        {"setsockopt", descriptor, 0, option, std::string(static_cast<const char*>(value), length)},
-        [&](auto* next, auto&) { return next(descriptor, level, option, value, length); });
+    return Pass(&setsockopt,
+                {"setsockopt", descriptor, 0, option,
+                 std::string(static_cast<const char*>(value), length), "", level},
+                [&](auto* next, auto&) { return next(descriptor, level, option, value, length); });
 }
 
 int getsockname(int descriptor, sockaddr* address, socklen_t* length) noexcept {
@@ -152,9 +152,10 @@ int close(int descriptor) {
 }
 
 int select(int count, fd_set* reads, fd_set* writes, fd_set* exceptions, timeval* timeout) {
-    const long microseconds =
-        timeout == nullptr ? -1 : timeout->tv_sec * 1000000 + timeout->tv_usec;
-    return Pass(&select, {"select", count, 0, 0, "", microseconds},
+    const std::string limit = timeout == nullptr ? "none"
+                                                 : std::to_string(timeout->tv_sec) + ":" +
+                                                       std::to_string(timeout->tv_usec);
+    return Pass(&select, {"select", count, 0, 0, "", limit},
                 [&](auto* next, auto&) { return next(count, reads, writes, exceptions, timeout); });
 }
 

@@ -14,7 +14,8 @@ struct SystemCall {
     long length = 0;  // send, recv: bytes asked for; a handler may lower it. listen: the backlog
     long option = 0;  // setsockopt: the option. shutdown: the direction. send, recv: the flags
     std::string value = {};  // setsockopt: the option's bytes. send: the bytes to be sent
-    long microseconds = 0;   // select: the whole time limit
+    std::string limit = {};  // select: the time limit as seconds:microseconds, "none" without one
+    long level = 0;          // setsockopt: the option's level
 };
 
 // A handler answers a call in the system's place, or lets it through with std::nullopt. A negative

@@ -14,6 +14,8 @@ static const linger resetOnClose = {1, 0};
 KLVMsgCommSocket::KLVMsgCommSocket(KLVMsgSocketAddress) {}
 
 void KLVMsgCommSocket::Connect(KLVMsgSocketAddress peer) {
+    KLVString service;  // first, since its memory may not be had
+    service += peer.port;
     if (inputOpen || outputOpen) {
         Shutdown();
         descriptor = -1;
@@ -21,8 +23,6 @@ void KLVMsgCommSocket::Connect(KLVMsgSocketAddress peer) {
         outputOpen = false;
         closed = true;
     }
-    KLVString service;
-    service += peer.port;
     const KLVMsgResolvedAddress resolved = KLVMsgResolveAddress(peer.host, service.Text());
     if (resolved == nullptr) {
         lastError = errno;

@@ -36,11 +36,11 @@ void KLVMsgSocket::Close() {
 }
 
 void KLVMsgSocket::BindLocalAddress(KLVMsgSocketAddress local) {
-    address = local;
-    KLVString service;
+    KLVString service;  // first, since its memory may not be had
     if (local.port > 0) {
         service += local.port;
     }
+    address = local;
     const char* const serviceText = local.port > 0 ? service.Text() : nullptr;
     const KLVMsgResolvedAddress resolved = KLVMsgResolveAddress(local.host, serviceText);
     if (resolved == nullptr) {

@@ -1,0 +1,283 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "Support.h"
+#include "SystemCalls.h"
+
+// Base facilities in front of those that the library would find: they count, and fail on request.
+static int blocks = 0;           // blocks of the in-house allocator that are not released yet
+static int failing = 0;          // the allocation to fail, counted from 1 from now on
+static std::size_t refused = 0;  // the last size that there was not enough memory for
+static int locks = 0;            // how often the registry's lock was taken
+static bool locked = false;
+
+void* mem_Malloc(std::size_t size) {
+    if (size > 1000000 || (failing != 0 && --failing == 0)) {
+        refused = size;
+        return nullptr;
+    }
+    ++blocks;
+    return std::malloc(size);
+}
+void* mem_OperatorNewThrow(std::size_t size) {
+    void* const block = mem_Malloc(size);
+    return block != nullptr ? block : throw std::bad_alloc();
+}
+void* mem_OperatorNewThrowBuiltin(std::size_t size) { return mem_OperatorNewThrow(size); }
+void mem_Free(void* block) {
+    blocks -= block == nullptr ? 0 : 1;
+    std::free(block);
+}
+
+struct RegistryMutex : KLVBasAtiMutex {
+    void Lock() override {
+        EXPECT_FALSE(locked);
+        locked = true;
+        ++locks;
+    }
+    void Unlock() override { locked = false; }
+};
+KLVBasAtiMutex* KLVBasAtiThreadingModel::newMutex() { return new RegistryMutex; }
+
+namespace {
+
+using Address = KLVMsgSocketAddress;
+
+// Reads a header: the result, the type name ("-" when it was left alone), and what has become of
+// the connection.
+std::string Read(int number) {
+    KLVString name("-");
+    const int result = Registry().RetrieveMessageTypeFromSocket(number, name);
+    const bool registered = Registry().GetSocket(number) != nullptr;
+    const std::string state = Registry().IsConnectionOpen(number) ? " open" : " closed";
+    return std::to_string(result) + " " +
+           std::string(name.Text(), static_cast<std::size_t>(name.Length())) +
+           (registered ? state : " removed");
+}
+
+int LastError(int number) {
+    int code = -42;
+    Registry().GetLastErrorCode(number, code);
+    return code;
+}
+
+const std::string header = HeaderBytes("Type");
+const int unknown = -5;
+
+}  // namespace
+
+TEST(Header, IsLengthAndNameAndNothingElse) {
+    ConnectedPair pair;
+    pair.socket->lastError = EIO;
+    const std::string bytes = HeaderBytes("") + HeaderBytes(std::string("a\0b", 3));
+    const int before = blocks;
+    const CallLog log;
+    EXPECT_EQ(1, Registry().SendMessageHeader(pair.number, KLVString()));
+    EXPECT_EQ(1, Registry().SendMessageHeader(pair.number, KLVString("a\0b", 3)));
+    EXPECT_EQ("send send send send", log.Names());
+    EXPECT_EQ(before, blocks);
+    EXPECT_EQ(0, LastError(pair.number));
+    pair.socket->ShutDownOutput();
+    EXPECT_EQ(bytes, pair.peer.Receive(100));
+    pair.peer.Send(bytes);
+    EXPECT_EQ("0 - open", Read(pair.number));
+    EXPECT_EQ("1 a open", Read(pair.number));
+}
+
+TEST(Header, ShortOrFailedSendIsNotRepeated) {
+    for (const int n : {1, 2}) {
+        for (const int error : {0, EAGAIN, ECONNRESET}) {
+            ConnectedPair pair;
+            int sends = 0;
+            const Interposed faulty([&](SystemCall& call) -> std::optional<long> {
+                const bool now = call.name == "send" && ++sends == n;
+                return now ? std::optional<long>(error == 0 ? 3 : -error) : std::nullopt;
+            });
+            EXPECT_EQ(0, Registry().SendMessageHeader(pair.number, "Type"));
+            EXPECT_EQ(n, sends);
+            EXPECT_EQ(error, LastError(pair.number));
+            EXPECT_EQ(error != ECONNRESET, Registry().IsConnectionOpen(pair.number));
+            EXPECT_EQ(pair.socket, Registry().GetSocket(pair.number));
+        }
+    }
+}
+
+TEST(Header, CutAnywhereFailsAndTheEndOfThePeerIsFound) {
+    for (std::size_t cut = 0; cut <= header.size(); ++cut) {
+        for (const bool reset : {false, true}) {
+            SCOPED_TRACE(testing::Message() << cut << (reset ? " reset" : " closed"));
+            ConnectedPair pair;
+            pair.peer.Send(header.substr(0, cut));
+            reset ? pair.peer.Reset() : pair.peer.Close();
+            const std::string end = reset && cut != 4 ? "0 - removed" : "0 - closed";
+            const std::string outcome = cut % 4 != 0 ? "0 - open" : cut == 8 ? "1 Type open" : end;
+            // A short length and a whole name keep their buffer; a removed socket goes.
+            const int kept = cut == 8 || cut < 4 ? 1 : 0;
+            const int before = blocks;
+            EXPECT_EQ(outcome, Read(pair.number));
+            EXPECT_EQ(kept - (outcome == "0 - removed" ? 1 : 0), blocks - before);
+            EXPECT_EQ(end, Read(pair.number));
+        }
+    }
+}
+
+TEST(Header, UnusableLengthFailsAndAGoodOneIsServed) {
+    for (const unsigned int length : {0u, 0x7ffffffeu, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
+        ConnectedPair hostile, good;
+        const int before = blocks;
+        refused = 0;
+        std::string bytes = header;
+        std::memcpy(bytes.data(), &length, sizeof length);
+        hostile.peer.Send(bytes);
+        good.peer.Send(header);
+        EXPECT_EQ("0 - open", Read(hostile.number));
+        EXPECT_EQ(length == 0x7ffffffe ? 0x7fffffffu : 0, refused);
+        EXPECT_EQ(before, blocks);
+        EXPECT_EQ(0, LastError(hostile.number));
+        EXPECT_EQ("1 Type open", Read(good.number));
+    }
+}
+
+TEST(Registry, WithoutAFittingSocketNothingIsTouched) {
+    ConnectedPair ended;
+    KLVMsgServerSocket* const server = StartLoopbackServer();
+    ended.socket->ShutDownInput();
+    ended.socket->ShutDownOutput();
+    ended.socket->lastError = server->lastError = EIO;
+    const CallLog log;
+    for (const int number : {ended.number, server->descriptor, unknown}) {
+        EXPECT_EQ(0, Registry().SendMessageHeader(number, "Type"));
+        EXPECT_EQ(number == unknown ? "0 - removed" : "0 - open", Read(number));
+        EXPECT_EQ(number == unknown ? -42 : EIO, LastError(number));
+        EXPECT_EQ(number != unknown, Registry().HasError(number));
+        Registry().ClearError(number);
+        EXPECT_FALSE(Registry().HasError(number));
+        EXPECT_FALSE(Registry().RetireClosedConnection(number));
+    }
+    Registry().ShutDownConnection(unknown);
+    EXPECT_EQ("", log.Names());
+}
+
+TEST(Registry, FailedStartIsReportedAndAFailedConnectLeavesNothing) {
+    PlainServer taken;
+    KLVMsgServerSocket* const server = Registry().StartServer(Address("", taken.Port()), 1);
+    EXPECT_EQ(server, Registry().GetSocket(server->descriptor));
+    EXPECT_EQ(EADDRINUSE, LastError(server->descriptor));
+    const int before = OpenDescriptors() + blocks;
+    {
+        KLVMsgServerSocket* const accepting = StartLoopbackServer();
+        const PlainPeer peer(accepting->address.port);
+        failing = 1;
+        EXPECT_THROW(accepting->Accept(), std::bad_alloc);
+        Registry().ShutDownConnection(accepting->descriptor);
+    }
+    for (const char* call : {"socket", "connect", "setsockopt"}) {
+        const FailingCall fault(call, EMFILE);
+        EXPECT_EQ(nullptr, Registry().ConnectToServer(Address(), Address("", taken.Port())));
+    }
+    const FailingCall fault("socket", EMFILE);
+    const CallLog log;
+    EXPECT_EQ(nullptr, Registry().StartServer(Address("", 0), 1));
+    EXPECT_EQ("socket bind listen", log.Names());
+    EXPECT_EQ(before, OpenDescriptors() + blocks);
+}
+
+TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
+    ConnectedPair left;
+    const int number = StartLoopbackServer()->descriptor;
+    Registry().SetName(number, "first");
+    Registry().SetName(number, "name");
+    for (const bool connect : {true, false}) {
+        ::close(number);  // behind the registry's back
+        const int before = blocks;
+        const CallLog log;
+        KLVMsgSocket* next = connect ? nullptr : StartLoopbackServer();
+        if (connect) {
+            next = Registry().ConnectToServer(Address(), Address("", left.listener.Port()));
+        }
+        EXPECT_EQ(next, Registry().GetSocket(number));
+        EXPECT_EQ(std::string::npos, log.Names().find("close"));
+        EXPECT_EQ(connect ? -1 : 1, blocks - before);  // the text of the server's host
+    }
+    const CallLog log;
+    Registry().ShutDownConnection(number);
+    EXPECT_EQ("shutdown close", log.Names());
+    EXPECT_EQ(nullptr, Registry().GetSocket(number));
+    KLVString name("-");
+    Registry().GetName(unknown, name);
+    EXPECT_EQ(KLVString("-"), name);
+    Registry().GetName(number, name);
+    EXPECT_EQ(KLVString("name"), name);
+    KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Finalize();
+    EXPECT_EQ(1, Registry().AddConnection(left.socket));
+    EXPECT_EQ(0, Registry().AddConnection(left.socket));
+    EXPECT_EQ(1, left.socket->write("x", 1));
+}
+
+TEST(Registry, FirstPrototypeMakesTheMessages) {
+    TextMessage first("first"), second("second");
+    Registry().RegisterMessagePrototype("Type", &first);
+    Registry().RegisterMessagePrototype("Type", &second);
+    KLVMsgSocketMessage* const message = Registry().GetMsgInstance("Type");
+    EXPECT_EQ(KLVString("first"), message->GetMessageType());
+    delete message;
+    EXPECT_EQ(nullptr, Registry().GetMsgInstance("Typ"));
+}
+
+TEST(Registry, LockIsHeldOnceAndLeftFreeWhenMemoryIsShort) {
+    ConnectedPair pair;
+    pair.peer.Send(header + header);
+    struct : TextMessage {
+        using TextMessage::TextMessage;
+        KLVMsgSocketMessage* NewInstance() override {
+            mem_Free(mem_OperatorNewThrow(1));
+            return nullptr;
+        }
+    } prototype("Throwing");
+    const KLVString name("Throwing");
+    KLVString text;
+    int code = 0;
+    KLVMsgConnectionServicesUtils& registry = Registry();
+    const std::function<void()> operations[] = {
+        [&] { registry.AddConnection(pair.socket); },
+        [&] { registry.GetSocket(pair.number); },
+        [&] { registry.SetName(unknown, name); },
+        [&] { registry.GetName(unknown, text); },
+        [&] { registry.StartServer(Address(), 1); },
+        [&] { registry.ConnectToServer(Address(), Address("", pair.listener.Port())); },
+        [&] { registry.RegisterMessagePrototype(name, &prototype); },
+        [&] { registry.GetMsgInstance(name); },
+        [&] { registry.SendMessageHeader(pair.number, name); },
+        [&] { registry.RetrieveMessageTypeFromSocket(pair.number, text); },
+        [&] { registry.HasError(pair.number); },
+        [&] { registry.ClearError(pair.number); },
+        [&] { registry.GetLastErrorCode(pair.number, code); },
+        [&] { registry.IsConnectionOpen(pair.number); },
+        [&] { registry.RetireClosedConnection(pair.number); },
+        [&] { registry.ShutDownConnection(pair.number); },
+    };
+    const Interposed inside([](SystemCall&) -> std::optional<long> {
+        EXPECT_TRUE(locked);
+        return std::nullopt;
+    });
+    for (const auto& operation : operations) {
+        for (int n = 1; failing == 0; ++n) {  // until the n-th allocation is not reached
+            const int before = OpenDescriptors();
+            failing = n;
+            locks = 0;
+            try {
+                operation();
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(before, OpenDescriptors());
+            }
+            EXPECT_EQ(1, locks);
+            EXPECT_FALSE(locked);
+        }
+        failing = 0;
+    }
+}

@@ -1,0 +1,222 @@
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "Support.h"
+#include "SystemCalls.h"
+
+static std::string asked;      // what the resolver was last asked for: host and service
+static int resolverError = 0;  // other than 0: the resolver fails and leaves it in errno
+
+extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo* hints,
+                           addrinfo** list) {
+    asked = std::string(host) + " " + (service == nullptr ? "none" : service);
+    auto* const next = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    errno = resolverError;
+    return resolverError != 0 ? EAI_NONAME : next(host, service, hints, list);
+}
+
+namespace {
+
+using Address = KLVMsgSocketAddress;
+
+// What is open, and the last error.
+std::string State(const KLVMsgCommSocket& socket) {
+    return std::string(socket.inputOpen ? "in " : "") + (socket.outputOpen ? "out " : "") +
+           (socket.closed ? "closed " : "open ") + std::to_string(socket.lastError);
+}
+
+const std::string one("\1\0\0\0", 4);  // the value of an option that is on
+
+}  // namespace
+
+TEST(StreamSocket, ConnectionIsResetOnCloseAndKeptAlive) {
+    for (const char* host : {"", "localhost", "::1"}) {
+        const CallLog log;
+        KLVMsgServerSocket server(Address(host, 0), 16);
+        ASSERT_NE("listen", log.Names()) << host << " does not resolve";
+        if (server.closed) {
+            GTEST_SKIP() << host << ": " << std::strerror(server.lastError);
+        }
+        KLVMsgCommSocket socket(server.address);
+        EXPECT_EQ(0, socket.address.port);
+        socket.Connect(server.address);
+        EXPECT_EQ("in out open 0", State(socket));
+        socket.Shutdown();
+        ASSERT_EQ("connect setsockopt setsockopt shutdown shutdown close",
+                  log.Names(socket.descriptor));
+        const std::vector<SystemCall> calls = log.Calls(socket.descriptor);
+        EXPECT_EQ(SO_LINGER, calls[1].option);
+        EXPECT_EQ(one + std::string(4, '\0'), calls[1].value);
+        EXPECT_EQ(SO_KEEPALIVE, calls[2].option);
+        EXPECT_EQ(one, calls[2].value);
+        EXPECT_EQ(2 * SOL_SOCKET, calls[1].level + calls[2].level);
+        EXPECT_EQ(SHUT_RD, calls[3].option);
+    }
+}
+
+TEST(StreamSocket, FailedConnectKeepsItsDescriptorUntilShutdown) {
+    const int before = OpenDescriptors();
+    const int port = PlainServer().Port();  // nothing listens there any more
+    KLVMsgCommSocket socket{Address()};
+    const CallLog log;
+    socket.Connect(Address("localhost", port));
+    EXPECT_EQ("socket connect", log.Names());  // the first address only
+    EXPECT_EQ("closed " + std::to_string(ECONNREFUSED), State(socket));
+    EXPECT_EQ(before + 1, OpenDescriptors());
+    socket.Shutdown();
+    EXPECT_EQ(before, OpenDescriptors());
+    PlainServer listener;
+    for (const int failing : {1, 2}) {
+        const FailingCall option("setsockopt", EPERM, failing);
+        socket.Connect(Address("", listener.Port()));
+        EXPECT_EQ(failing == 1 ? "open 1" : "in out open 1", State(socket));
+        EXPECT_EQ(failing == 2, socket.IsConnected());
+        socket.Shutdown();
+    }
+    socket.Connect(Address("", 0));
+    EXPECT_EQ("127.0.0.1 0", asked);
+}
+
+TEST(StreamSocket, ConnectEndsTheOldConnectionFirst) {
+    ConnectedPair pair;
+    const FailingCall stuck("shutdown", EINVAL);
+    const CallLog log;
+    resolverError = ENOENT;
+    pair.socket->Connect(Address("127.0.0.1", 80));
+    resolverError = 0;
+    EXPECT_EQ("shutdown shutdown close", log.Names());
+    EXPECT_EQ("closed " + std::to_string(ENOENT), State(*pair.socket));
+    EXPECT_EQ(-1, pair.socket->descriptor);
+}
+
+TEST(StreamSocket, EveryOperationIsOneCallWhateverItMoves) {
+    ConnectedPair pair;
+    pair.peer.Send("abcdef");
+    char buffer[100] = {};
+    const Interposed three([](SystemCall& call) -> std::optional<long> {
+        call.length = std::min(call.length, 3L);
+        return std::nullopt;
+    });
+    const CallLog log;
+    EXPECT_EQ(3, pair.socket->write("0123456", 7));
+    EXPECT_EQ(3, pair.socket->read(buffer, 100));
+    EXPECT_STREQ("abc", buffer);
+    EXPECT_EQ(0, pair.socket->write("", 0));
+    EXPECT_EQ(-1, pair.socket->write("", -1));
+    pair.socket->ShutDownOutput();
+    pair.socket->ShutDownOutput();
+    EXPECT_EQ(-1, pair.socket->write("x", 1));
+    EXPECT_TRUE(pair.socket->IsConnected());
+    pair.socket->ShutDownInput();
+    EXPECT_FALSE(pair.socket->IsConnected());
+    EXPECT_EQ("open 0", State(*pair.socket));
+    ASSERT_EQ("send recv send shutdown shutdown", log.Names());
+    std::string lengthsAndOptions;
+    for (const SystemCall& call : log.Calls()) {
+        lengthsAndOptions += std::to_string(call.length) + "/" + std::to_string(call.option) + " ";
+    }
+    EXPECT_EQ("7/0 100/0 0/0 0/1 0/0 ", lengthsAndOptions);
+}
+
+TEST(Socket, OnlyAConnectionLostErrorEndsIt) {
+    const std::set<int> ending = {ENETDOWN,   ENETUNREACH, ENETRESET, ECONNABORTED,
+                                  ECONNRESET, ENOTCONN,    ESHUTDOWN};
+    for (int error = 1; error <= EHWPOISON; ++error) {
+        SCOPED_TRACE(std::strerror(error));
+        const bool lost = ending.count(error) == 1;
+        ConnectedPair reader, writer, both;
+        KLVMsgServerSocket accepting(Address("", 0), 16), closing(Address("", 0), 16);
+        {
+            const FailingCall recv("recv", error), send("send", error), accept("accept", error);
+            const CallLog log;
+            char byte = 0;
+            EXPECT_EQ(-1, reader.socket->read(&byte, 1));
+            EXPECT_EQ(-1, writer.socket->write("x", 1));
+            EXPECT_EQ(nullptr, accepting.Accept());
+            EXPECT_EQ(lost ? "recv shutdown shutdown close send shutdown shutdown close "
+                             "accept shutdown close"
+                           : "recv send accept",
+                      log.Names());
+            const std::string state = (lost ? "closed " : "in out open ") + std::to_string(error);
+            EXPECT_EQ(state, State(*reader.socket));
+            EXPECT_EQ(state, State(*writer.socket));
+            EXPECT_EQ(error, accepting.lastError);
+        }
+        const FailingCall shutdown("shutdown", error);
+        both.socket->ShutDownInput();
+        EXPECT_EQ(lost ? "out open 0" : "in out open " + std::to_string(error),
+                  State(*both.socket));
+        both.socket->Shutdown();
+        EXPECT_EQ(lost ? "closed 0" : "in out closed " + std::to_string(error),
+                  State(*both.socket));
+        EXPECT_FALSE(both.socket->IsConnected());
+        closing.Shutdown();
+        EXPECT_TRUE(closing.closed);
+        EXPECT_EQ(lost ? 0 : error, closing.lastError);
+        for (const int left : {reader.number, writer.number, accepting.descriptor}) {
+            Registry().ShutDownConnection(left);
+        }
+    }
+}
+
+TEST(ServerSocket, BindsListensAndAcceptsWithoutFurtherOptions) {
+    const int before = OpenDescriptors();
+    const CallLog log;
+    KLVMsgServerSocket server(Address("", 0), -7);
+    EXPECT_EQ("127.0.0.1 none", asked);
+    EXPECT_EQ(0, server.address.host.Length() + server.lastError);
+    PlainPeer peer(server.address.port);
+    KLVMsgCommSocket* const accepted = server.Accept();
+    EXPECT_EQ("accept", log.Names().substr(log.Names().rfind(' ') + 1));
+    EXPECT_EQ("in out open 0", State(*accepted));
+    EXPECT_EQ(1, Registry().AddConnection(accepted));
+    server.Shutdown();
+    ASSERT_EQ("bind setsockopt getsockname listen accept shutdown close",
+              log.Names(server.descriptor));
+    const std::vector<SystemCall> calls = log.Calls(server.descriptor);
+    EXPECT_EQ(SO_REUSEADDR, calls[1].option);
+    EXPECT_EQ(one, calls[1].value);
+    EXPECT_EQ(-7, calls[3].length);
+    EXPECT_EQ(SHUT_RDWR, calls[5].option);
+    const int port = PlainServer().Port();
+    const CallLog given;
+    { const KLVMsgServerSocket left(Address("127.0.0.1", port), 3); }
+    EXPECT_EQ("127.0.0.1 " + std::to_string(port), asked);
+    EXPECT_EQ("socket bind setsockopt listen", given.Names());
+    EXPECT_EQ(before + 3, OpenDescriptors());  // a destructor does not close
+}
+
+TEST(ServerSocket, ListensEvenWhenTheBindFailed) {
+    PlainServer taken;
+    const FailingCall option("setsockopt", EPERM), name("getsockname", ENOBUFS);
+    KLVMsgCommSocket first{Address()};
+    resolverError = ENOENT;
+    first.BindLocalAddress(Address("", -1));
+    EXPECT_EQ("closed " + std::to_string(ENOENT), State(first));
+    resolverError = 0;
+    first.BindLocalAddress(Address("", -1));
+    EXPECT_EQ("open " + std::to_string(ENOBUFS), State(first));
+    const CallLog log;
+    const KLVMsgServerSocket second(Address("", taken.Port()), 16);
+    EXPECT_EQ("socket bind listen", log.Names());
+    EXPECT_TRUE(second.closed);
+    EXPECT_EQ(EADDRINUSE, second.lastError);
+    const FailingCall listen("listen", EOPNOTSUPP);
+    EXPECT_EQ(EOPNOTSUPP, KLVMsgServerSocket(Address("", taken.Port()), 16).lastError);
+}
+
+TEST(ErrorText, IsTheSystemsOwnInOneLine) {
+    testing::internal::CaptureStderr();
+    printError("bind", EADDRINUSE);
+    EXPECT_EQ(&aio_cerr, &endl(aio_cerr));
+    KLVString text;
+    KLVMsgSocketErrorInfo(EADDRINUSE, text);
+    EXPECT_STREQ(std::strerror(EADDRINUSE), text.Text());
+    EXPECT_EQ(std::string("bind: ") + text.Text() + "\n\n", testing::internal::GetCapturedStderr());
+}
