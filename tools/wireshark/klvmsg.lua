@@ -1,0 +1,255 @@
+-- Dissector for Wireshark and tshark: the typed messages that processes exchange on a TCP
+-- connection. A message is the length of its type's name (4 bytes), the name, and a body.
+--
+-- Nothing on the wire tells how long a body is. Rules, a preference, tell it for each type. Where
+-- there is none, everything up to the end of the stream's direction is that body. A header that
+-- cannot be one is marked as out of step, and so is all that follows in its direction: that is how
+-- a body looks that was read too far or not far enough.
+
+local klvmsg = Proto("klvmsg", "KLVMsg Typed Messages")
+
+local f_name_length = ProtoField.uint32("klvmsg.name_length", "Name length")
+local f_type = ProtoField.string("klvmsg.type", "Type")
+local f_body = ProtoField.bytes("klvmsg.body", "Body")
+local f_body_length = ProtoField.uint32("klvmsg.body_length", "Body length")
+local f_rest = ProtoField.bytes("klvmsg.rest", "Body, further on")
+local f_lost = ProtoField.bytes("klvmsg.out_of_step", "Out of step")
+klvmsg.fields = { f_name_length, f_type, f_body, f_body_length, f_rest, f_lost }
+
+local e_lost = ProtoExpert.new("klvmsg.out_of_step.expert", "Out of step",
+                               expert.group.MALFORMED, expert.severity.ERROR)
+local e_no_rule = ProtoExpert.new("klvmsg.no_rule", "No rule for this type",
+                                  expert.group.UNDECODED, expert.severity.NOTE)
+local e_bad_rule = ProtoExpert.new("klvmsg.bad_rule", "Rule not understood",
+                                   expert.group.PROTOCOL, expert.severity.WARN)
+klvmsg.experts = { e_lost, e_no_rule, e_bad_rule }
+
+-- Preferences -------------------------------------------------------------------------------------
+
+local LITTLE, BIG = 1, 2
+
+klvmsg.prefs.ports = Pref.range("TCP ports", "", "Ports whose connections carry messages", 65535)
+klvmsg.prefs.rules = Pref.string("Body rules", "",
+    "TYPE=SIZE or TYPE=length(OFFSET,WIDTH,little|big[,MORE]), separated by semicolons; " ..
+    "* is any type")
+klvmsg.prefs.order = Pref.enum("Byte order of the name length", LITTLE,
+    "The byte order of the hosts that talk",
+    { { 1, "little endian", LITTLE }, { 2, "big endian", BIG } }, false)
+klvmsg.prefs.max_name = Pref.uint("Longest type name", 255,
+    "A longer one is taken for a sign that the stream is out of step")
+klvmsg.prefs.max_body = Pref.uint("Largest body", 64 * 1024 * 1024,
+    "A larger length field is taken for a sign that the stream is out of step")
+
+local rules, bad_rules = {}, {}
+
+local function parse_rule(text)
+    local size = text:match("^%d+$")
+    if size then
+        return { size = tonumber(size) }
+    end
+    local offset, width, order, more =
+        text:match("^length%(%s*(%d+)%s*,%s*([1248])%s*,%s*(%a+)%s*,?%s*(%d*)%s*%)$")
+    if order ~= "little" and order ~= "big" then
+        return nil
+    end
+    return { offset = tonumber(offset), width = tonumber(width), big = order == "big",
+             more = tonumber(more) or 0 }
+end
+
+local function parse_rules(text)
+    rules, bad_rules = {}, {}
+    for item in text:gmatch("[^;]+") do
+        item = item:match("^%s*(.-)%s*$")
+        local name, value = item:match("^(.+)=%s*(.-)$")
+        local rule = value and parse_rule(value)
+        if rule then
+            rules[name:match("^(.-)%s*$")] = rule
+        elseif item ~= "" then
+            bad_rules[#bad_rules + 1] = item
+        end
+    end
+end
+
+local tcp_port = DissectorTable.get("tcp.port")
+local registered = ""
+tcp_port:add_for_decode_as(klvmsg)
+
+function klvmsg.prefs_changed()
+    parse_rules(klvmsg.prefs.rules)
+    if registered ~= klvmsg.prefs.ports then
+        if registered ~= "" then
+            tcp_port:remove(registered, klvmsg)
+        end
+        if klvmsg.prefs.ports ~= "" then
+            tcp_port:add(klvmsg.prefs.ports, klvmsg)
+        end
+        registered = klvmsg.prefs.ports
+    end
+end
+
+-- Streams -----------------------------------------------------------------------------------------
+
+local tcp_stream = Field.new("tcp.stream")
+
+-- The directions whose messages have come to an end before the stream did: by the number of the
+-- connection and the sender's port, the frame in which that happened and what all later bytes are.
+local ended = {}
+
+function klvmsg.init()
+    ended = {}
+end
+
+local function direction(pinfo)
+    local stream = tcp_stream()
+    return string.format("%s/%s:%d", stream and stream.value or "?", tostring(pinfo.src),
+                         pinfo.src_port)
+end
+
+-- The first frame counts: a capture is dissected once in order, and later frame by frame.
+local function end_messages(pinfo, what)
+    local key = direction(pinfo)
+    if not ended[key] then
+        ended[key] = { frame = pinfo.number, what = what }
+    end
+end
+
+-- Messages ----------------------------------------------------------------------------------------
+
+-- More bytes are needed from `start` on; a negative number tells TCP to ask again with each segment.
+local function ask_for(pinfo, start, missing)
+    pinfo.desegment_offset = start
+    pinfo.desegment_len = missing or DESEGMENT_ONE_MORE_SEGMENT
+end
+
+local function show_lost(tvb, start, pinfo, tree, why)
+    local range = tvb(start)
+    local item = tree:add(klvmsg, range, "KLVMsg, out of step")
+    item:add(f_lost, range)
+    item:add_proto_expert_info(e_lost, "Out of step: " .. why)
+    end_messages(pinfo, "lost")
+    return "out of step"
+end
+
+-- Nil when the bytes of a name are printable as far as they have come; otherwise the reason.
+local function unprintable(tvb, start, length)
+    for i = start, math.min(start + length, tvb:len()) - 1 do
+        local byte = tvb(i, 1):uint()
+        if byte < 0x20 or byte == 0x7f then
+            return string.format("the type name has the byte 0x%02x", byte)
+        end
+    end
+    return nil
+end
+
+local function length_field(range, rule)
+    if rule.width == 8 then
+        local value = rule.big and range:uint64() or range:le_uint64()
+        return value > UInt64.new(0xffffffff) and math.huge or value:tonumber()
+    end
+    return rule.big and range:uint() or range:le_uint()
+end
+
+-- The size of the body at `start`; or nil and how many of its bytes are needed to tell; or, when it
+-- is larger than a body can be, that size and true.
+local function body_size(tvb, start, rule)
+    if rule.size then
+        return rule.size, rule.size > klvmsg.prefs.max_body
+    end
+    local needed = rule.offset + rule.width
+    if tvb:len() - start < needed then
+        return nil, needed
+    end
+    local size = needed + length_field(tvb(start + rule.offset, rule.width), rule) +
+                 rule.more
+    return size, size > klvmsg.prefs.max_body
+end
+
+-- Dissects the message at `start`. Returns the offset behind it and a word for the packet list, or
+-- nil when more bytes have been asked for.
+local function dissect_message(tvb, start, pinfo, tree)
+    local available = tvb:len() - start
+    if available < 4 then
+        return ask_for(pinfo, start)
+    end
+    local field = tvb(start, 4)
+    local length = klvmsg.prefs.order == BIG and field:uint() or field:le_uint()
+    if length == 0 or length > klvmsg.prefs.max_name then
+        return tvb:len(), show_lost(tvb, start, pinfo, tree,
+                                    string.format("a type name of %u bytes", length))
+    end
+    local why = unprintable(tvb, start + 4, length)
+    if why then
+        return tvb:len(), show_lost(tvb, start, pinfo, tree, why)
+    end
+    if available < 4 + length then
+        return ask_for(pinfo, start)
+    end
+
+    local name = tvb(start + 4, length):string(ENC_UTF_8)
+    local body = start + 4 + length
+    local rule = rules[name] or rules["*"]
+    local size, too_large = tvb:len() - body, false
+    if rule then
+        size, too_large = body_size(tvb, body, rule)
+        if not size then
+            return ask_for(pinfo, start)
+        end
+        if too_large then
+            return tvb:len(), show_lost(tvb, start, pinfo, tree,
+                                        string.format("a body of %s with %.0f bytes", name, size))
+        end
+        if body + size > tvb:len() then
+            return ask_for(pinfo, start, body + size - tvb:len())
+        end
+    end
+
+    local item = tree:add(klvmsg, tvb(start, body + size - start),
+                          string.format("KLVMsg, %s, body of %d bytes%s", name, size,
+                                        rule and "" or " and more"))
+    item:add(f_name_length, field, length)
+    item:add(f_type, tvb(start + 4, length), name)
+    if rule then
+        item:add(f_body_length, tvb(body, size), size):set_generated()
+    end
+    if size > 0 then
+        item:add(f_body, tvb(body, size))
+    end
+    if not rule then
+        item:add_proto_expert_info(e_no_rule, "No rule for " .. name ..
+                                   ": its body is shown up to the end of the stream")
+        end_messages(pinfo, name)
+    end
+    return body + size, name
+end
+
+-- The bytes behind the point where the messages of a direction ended.
+local function dissect_rest(tvb, pinfo, tree, what)
+    local lost = what == "lost"
+    local item = tree:add(klvmsg, tvb(), lost and "KLVMsg, out of step" or
+                                         "KLVMsg, body of " .. what .. ", further on")
+    item:add(lost and f_lost or f_rest, tvb())
+    return lost and "out of step" or "body of " .. what
+end
+
+function klvmsg.dissector(tvb, pinfo, tree)
+    pinfo.cols.protocol = "KLVMSG"
+    local words = {}
+    local over = ended[direction(pinfo)]
+    if over and over.frame < pinfo.number then
+        words[1] = dissect_rest(tvb, pinfo, tree, over.what)
+    else
+        local offset = 0
+        while offset and offset < tvb:len() do
+            local word
+            offset, word = dissect_message(tvb, offset, pinfo, tree)
+            words[#words + 1] = word
+        end
+    end
+    for _, text in ipairs(bad_rules) do
+        tree:add_proto_expert_info(e_bad_rule, "Rule not understood: " .. text)
+    end
+    if #words > 0 then
+        pinfo.cols.info = table.concat(words, ", ")
+    end
+    return tvb:len()
+end
