@@ -99,7 +99,7 @@ private:
     static void Settle(omi_BtreeNode*& slot);
 
     // The depth of the child off the path is needed on the way back: it is fetched on the way down.
-    void FetchSlot(int order) { __builtin_prefetch(order < 0 ? m_left : m_right); }
+    void FetchOther(int order) { __builtin_prefetch(order < 0 ? m_right : m_left); }
 
     omi_BtreeNode* Rotate(int difference);
     omi_BtreeNode* RotateLeft();
@@ -224,7 +224,7 @@ bool omi_BtreeNode<K, V>::InsertAt(omi_BtreeNode*& slot, const K& key, const V& 
     if (order == 0) {
         return false;
     }
-    node->FetchSlot(-order);
+    node->FetchOther(order);
     if (!InsertAt(node->Slot(order), key, value)) {
         return false;
     }
@@ -261,7 +261,7 @@ bool omi_BtreeNode<K, V>::RemoveAt(omi_BtreeNode*& slot, const K& key) {
         slot = head == nullptr ? slot : head;
         return true;
     }
-    node->FetchSlot(-order);
+    node->FetchOther(order);
     if (!RemoveAt(node->Slot(order), key)) {
         return false;
     }
