@@ -1,6 +1,8 @@
 // For applications: the text type of every public operation.
 #pragma once
 
+#include <utility>
+
 #include "KLVBasExport.h"
 
 // An immutable run of characters, shared between copies and counted atomically, so that copies may
@@ -24,8 +26,17 @@ public:
     // Shares the text of `other`.
     KLVString(const KLVString& other) noexcept;
 
+    // Takes the text of `other`, which is empty afterwards.
+    KLVString(KLVString&& other) noexcept : m_shared(std::exchange(other.m_shared, nullptr)) {}
+
     // Takes the new text before it releases the old one: assigning a string to itself is safe.
     KLVString& operator=(const KLVString& other) noexcept;
+
+    // Changes texts with `other`.
+    KLVString& operator=(KLVString&& other) noexcept {
+        std::swap(m_shared, other.m_shared);
+        return *this;
+    }
 
     ~KLVString();
 

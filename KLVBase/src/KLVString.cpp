@@ -36,7 +36,10 @@ struct KLVString::Shared {
     }
 
     static void Release(Shared* shared) {
-        if (shared != nullptr && shared->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        // The only holder need not count down: nobody else can make a copy meanwhile.
+        if (shared != nullptr &&
+            (shared->references.load(std::memory_order_acquire) == 1 ||
+             shared->references.fetch_sub(1, std::memory_order_acq_rel) == 1)) {
             shared->~Shared();
             mem_Free(shared);
         }

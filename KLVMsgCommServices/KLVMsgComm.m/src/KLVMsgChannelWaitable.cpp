@@ -51,10 +51,13 @@ std::vector<ReadableChannel> FindReadable(const KLVBasVector<KLVMsgChannel>& cha
             found.push_back({socket->descriptor, socket, channels[i]});
         }
     }
-    std::stable_sort(found.begin(), found.end(),
-                     [](const ReadableChannel& a, const ReadableChannel& b) {
-                         return a.descriptor < b.descriptor;
-                     });
+    const auto byDescriptor = [](const ReadableChannel& a, const ReadableChannel& b) {
+        return a.descriptor < b.descriptor;
+    };
+    // Mostly in order already: the system hands out descriptors lowest first.
+    if (!std::is_sorted(found.begin(), found.end(), byDescriptor)) {
+        std::stable_sort(found.begin(), found.end(), byDescriptor);
+    }
     return found;
 }
 
