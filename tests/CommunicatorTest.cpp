@@ -1,12 +1,17 @@
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <memory>
 #include <random>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "Support.h"
@@ -314,6 +319,40 @@ TEST_F(CommunicatorTest, ExceptionsOfApplicationCodeLeaveNoLockAndNothingHalfDon
     KLVBasVector<KLVMsgSocketMessage*> messages;
     EXPECT_THROW(Communicator().IRetrieveMessages(&query, messages), std::runtime_error);
     EXPECT_EQ("a ", Take());
+}
+
+// The state letter of a thread of this process: S while it waits for something.
+char StateOf(int thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    const std::size_t name = text.rfind(')');
+    return name == std::string::npos ? '?' : text.at(name + 2);
+}
+
+TEST_F(CommunicatorTest, SendThatWaitsForAWaitToEndIsWrittenInTheSameCycle) {
+    const Client client(*this, "client");
+    std::thread sender;
+    for (int i = 0; i < 20; ++i) {
+        std::atomic<int> waiting{0};
+        {
+            const Interposed during([&](SystemCall& call) -> std::optional<long> {
+                if (call.name == "select") {
+                    sender = std::thread([&] {
+                        waiting = static_cast<int>(syscall(SYS_gettid));
+                        Send(client.channel, &hello);
+                    });
+                    EXPECT_TRUE(
+                        Eventually([&] { return waiting != 0 && StateOf(waiting) == 'S'; }));
+                }
+                return std::nullopt;
+            });
+            Communicator().WaitConnectionsAndMessages(nullptr, 0);
+        }
+        Communicator().TransmitPendingMessage();
+        sender.join();
+        EXPECT_EQ(Ids(), Pending({static_cast<unsigned int>(i + 1)}));
+    }
 }
 
 TEST_F(CommunicatorTest, BlockingOperationsReturnWhileTheTaskRunsAndItStopsInOrder) {

@@ -1,5 +1,7 @@
 #include "KLVBasAtiMutex.h"
 
+#include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <new>
 
@@ -8,13 +10,35 @@
 
 namespace {
 
-class StandardMutex final : public KLVBasAtiMutex {
+// Hands itself over in the order of arrival: each Lock draws a ticket, and each Unlock serves the
+// next one. Without waiters neither makes a system call.
+//
+// The counters are sequentially consistent: of a thread that draws a ticket and one that unlocks,
+// at least one sees what the other has done, so no waiter is left asleep.
+class TicketMutex final : public KLVBasAtiMutex {
 public:
-    void Lock() override { m_mutex.lock(); }
-    void Unlock() override { m_mutex.unlock(); }
+    void Lock() override {
+        const unsigned int ticket = m_next++;
+        if (m_serving == ticket) {
+            return;
+        }
+        std::unique_lock<std::mutex> sleepers(m_sleepers);
+        m_called.wait(sleepers, [this, ticket] { return m_serving == ticket; });
+    }
+
+    void Unlock() override {
+        const unsigned int serving = ++m_serving;
+        if (m_next != serving) {
+            const std::lock_guard<std::mutex> sleepers(m_sleepers);
+            m_called.notify_all();
+        }
+    }
 
 private:
-    std::mutex m_mutex;
+    std::atomic<unsigned int> m_next{0};
+    std::atomic<unsigned int> m_serving{0};
+    std::mutex m_sleepers;
+    std::condition_variable m_called;
 };
 
 }  // namespace
@@ -22,6 +46,6 @@ private:
 KLVBasAtiMutex::~KLVBasAtiMutex() = default;
 
 KLVBasAtiMutex* KLVBasAtiThreadingModel::newMutex() {
-    void* const memory = mem_Malloc(sizeof(StandardMutex));
-    return memory == nullptr ? nullptr : ::new (memory) StandardMutex;
+    void* const memory = mem_Malloc(sizeof(TicketMutex));
+    return memory == nullptr ? nullptr : ::new (memory) TicketMutex;
 }
