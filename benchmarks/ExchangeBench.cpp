@@ -1,10 +1,13 @@
 // Messages between two processes, one way and there and back: the library beside a bare loop of the
 // same system calls and beside messaging libraries.
 //
-// Every contender has a process of its own at the far end, made before anything starts a thread.
+// Every contender has two processes of its own, since the threads that some of them start would make
+// the system calls of the others dearer.
 #include <sys/prctl.h>
+#include <sys/wait.h>
 
 #include <csignal>
+#include <list>
 
 #include "Exchange.h"
 
@@ -30,12 +33,6 @@ const std::vector<Contender>& Contenders() {
 // The last message of each turn, which wakes a receiver that waits for the rest of the others.
 constexpr int trailerSize = streamMark;
 
-// What the far end is to do next.
-struct Command {
-    int size;
-    int count;
-};
-
 // The same bytes in both processes.
 const char* Body() {
     static char* const body = [] {
@@ -54,161 +51,171 @@ void CheckBody(const char* body, int size) {
     Require(!smoke || std::memcmp(body, Body(), last) == 0, "whole body");
 }
 
-// A connection to a process at its other end, which follows commands.
-class FarEnd {
+// A process that this one starts, seen from either side: a line for what they tell each other. It
+// ends with this object, or with its parent.
+class Process {
 public:
-    FarEnd(const Contender& contender, Tuning tuning) : m_contender(contender), m_tuning(tuning) {
+    template <class Work>
+    explicit Process(Work work) {
         int ends[2];
         Require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "socketpair");
-        m_control = ends[0];
-        Body();
-        if (fork() == 0) {
+        m_id = fork();
+        m_line = ends[m_id == 0 ? 1 : 0];
+        close(ends[m_id == 0 ? 0 : 1]);
+        if (m_id == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            close(ends[0]);
-            m_control = ends[1];
-            Serve();
+            work(*this);
         }
-        close(ends[1]);
     }
 
-    // Called when all far ends have been made.
-    void Open() {
-        m_endpoint = m_contender.make(m_tuning);
-        const int port = m_endpoint->Listen();
-        Tell(port);
-        m_endpoint->Accept();
+    ~Process() {
+        kill(m_id, SIGKILL);
+        waitpid(m_id, nullptr, 0);
+        close(m_line);
     }
 
-    // Nanoseconds for one of `count` messages. The trailer of the turn before is read first, that of
-    // this turn is left for the next one.
-    double Stream(int size, int count) {
-        const double start = Now();
-        Tell(Command{size, count});
-        CheckBody(m_endpoint->Receive(trailerSize), trailerSize);
-        for (int i = 0; i < count; ++i) {
-            CheckBody(m_endpoint->Receive(size), size);
-        }
-        return (Now() - start) / count;
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    template <class T>
+    void Tell(const T& what) {
+        Require(write(m_line, &what, sizeof what) == sizeof what, "telling a process");
     }
 
-    // The time of each of `count` messages there and back.
-    std::vector<double> PingPong(int size, int count) {
-        Tell(Command{size, count});
-        std::vector<double> times;
-        for (int i = 0; i < count; ++i) {
-            const double start = Now();
-            m_endpoint->Send(Body(), size);
-            const char* const body = m_endpoint->Receive(size);
-            times.push_back(Now() - start);
-            CheckBody(body, size);
+    // Ends this process, too, when the other one has ended; a failed check has been reported there.
+    template <class T>
+    T Hear() {
+        T what = {};
+        if (read(m_line, &what, sizeof what) != sizeof what) {
+            std::_Exit(1);
         }
-        return times;
+        return what;
     }
 
 private:
-    template <class T>
-    void Tell(const T& what) {
-        Require(write(m_control, &what, sizeof what) == sizeof what, "far end");
-    }
-
-    template <class T>
-    bool Hear(T& what) {
-        return read(m_control, &what, sizeof what) == sizeof what;
-    }
-
-    void SendTrailer() {
-        if (m_tuning == Tuning::OneWay) {
-            m_endpoint->Send(Body(), trailerSize);
-            m_endpoint->Flush();
-        }
-    }
-
-    // The far end's process.
-    [[noreturn]] void Serve() {
-        int port = 0;
-        Require(Hear(port), "port");
-        m_endpoint = m_contender.make(m_tuning);
-        m_endpoint->Connect(port);
-        SendTrailer();
-        for (Command command = {}; Hear(command);) {
-            for (int i = 0; i < command.count; ++i) {
-                if (m_tuning != Tuning::OneWay) {
-                    CheckBody(m_endpoint->Receive(command.size), command.size);
-                }
-                m_endpoint->Send(Body(), command.size);
-            }
-            SendTrailer();
-        }
-        std::_Exit(0);
-    }
-
-    Contender m_contender;
-    Tuning m_tuning;
-    int m_control = -1;
-    std::unique_ptr<Endpoint> m_endpoint;
+    pid_t m_id = -1;
+    int m_line = -1;
 };
 
-constexpr Tuning tunings[] = {Tuning::OneWay, Tuning::ThereAndBack, Tuning::ThereAndBackMarked};
+// What the ends of an exchange do next, and how long a message took them: in the middle and at 99 %
+// of all, or on the average of a stream.
+struct Command {
+    int size;
+    int count;
+};
 
-std::vector<FarEnd>& FarEnds(Tuning tuning) {
-    static std::vector<FarEnd> farEnds[std::size(tunings)];
-    return farEnds[static_cast<std::size_t>(tuning)];
+struct Times {
+    double middle;
+    double p99;
+};
+
+void SendTrailer(Endpoint& endpoint) {
+    endpoint.Send(Body(), trailerSize);
+    endpoint.Flush();
+}
+
+// A contender in the process that connects. One way it sends, with a trailer before the first turn
+// and after each; otherwise it answers.
+[[noreturn]] void FarEnd(Process& near, const Contender& contender, Tuning tuning) {
+    const std::unique_ptr<Endpoint> endpoint = contender.make(tuning);
+    endpoint->Connect(near.Hear<int>());
+    if (tuning == Tuning::OneWay) {
+        SendTrailer(*endpoint);
+    }
+    for (;;) {
+        const auto command = near.Hear<Command>();
+        for (int i = 0; i < command.count; ++i) {
+            if (tuning != Tuning::OneWay) {
+                CheckBody(endpoint->Receive(command.size), command.size);
+            }
+            endpoint->Send(Body(), command.size);
+        }
+        if (tuning == Tuning::OneWay) {
+            SendTrailer(*endpoint);
+        }
+    }
+}
+
+// The trailer of the turn before is read first, that of this turn is left for the next one.
+Times Stream(Endpoint& endpoint, Process& far, Command command) {
+    const double start = Now();
+    far.Tell(command);
+    CheckBody(endpoint.Receive(trailerSize), trailerSize);
+    for (int i = 0; i < command.count; ++i) {
+        CheckBody(endpoint.Receive(command.size), command.size);
+    }
+    const double average = (Now() - start) / command.count;
+    return {average, average};
+}
+
+Times PingPong(Endpoint& endpoint, Process& far, Command command) {
+    far.Tell(command);
+    std::vector<double> times;
+    for (int i = 0; i < command.count; ++i) {
+        const double start = Now();
+        endpoint.Send(Body(), command.size);
+        const char* const body = endpoint.Receive(command.size);
+        times.push_back(Now() - start);
+        CheckBody(body, command.size);
+    }
+    return {Median(times), Quantile(times, 0.99)};
+}
+
+// A contender in the process that listens and takes the times.
+[[noreturn]] void NearEnd(Process& bench, const Contender& contender, Tuning tuning) {
+    Process far([&](Process& near) { FarEnd(near, contender, tuning); });
+    const std::unique_ptr<Endpoint> endpoint = contender.make(tuning);
+    far.Tell(endpoint->Listen());
+    endpoint->Accept();
+    const auto takeTurn = tuning == Tuning::OneWay ? &Stream : &PingPong;
+    for (;;) {
+        bench.Tell(takeTurn(*endpoint, far, bench.Hear<Command>()));
+    }
+}
+
+Times TakeTurn(Process& near, int size, int count) {
+    near.Tell(Command{size, count});
+    return near.Hear<Times>();
 }
 
 // How many messages take a contender about 40 ms.
-int CountForTurn(FarEnd& farEnd, int size) {
+int CountForTurn(Process& near, int size) {
     const int probe = size < (1 << 16) ? 1000 : 40;
-    return smoke ? 20 : std::clamp(static_cast<int>(40e6 / farEnd.Stream(size, probe)), 20, 40000);
+    return smoke ? 20
+                 : std::clamp(static_cast<int>(40e6 / TakeTurn(near, size, probe).middle), 20, 40000);
 }
 
-void OneWay(benchmark::State& state, int size) {
-    Comparison comparison({"message"});
-    for (std::size_t i = 0; i < Contenders().size(); ++i) {
-        FarEnd& farEnd = FarEnds(Tuning::OneWay)[i];
-        const int count = CountForTurn(farEnd, size);
-        comparison.Add(Contenders()[i].name, [&farEnd, size, count] {
-            return std::vector<double>{farEnd.Stream(size, count)};
-        });
-    }
-    comparison.Run(state);
-}
-
-void ThereAndBack(benchmark::State& state, Tuning tuning, int size) {
-    Comparison comparison({"median", "p99"});
-    for (std::size_t i = 0; i < Contenders().size(); ++i) {
-        FarEnd& farEnd = FarEnds(tuning)[i];
-        comparison.Add(Contenders()[i].name, [&farEnd, size] {
-            const std::vector<double> times = farEnd.PingPong(size, smoke ? 20 : 1000);
-            return std::vector<double>{Median(times), Quantile(times, 0.99)};
+// Two new processes for each contender.
+void Exchange(benchmark::State& state, Tuning tuning, int size) {
+    const bool oneWay = tuning == Tuning::OneWay;
+    Comparison comparison(oneWay ? std::vector<std::string>{"message"}
+                                 : std::vector<std::string>{"median", "p99"});
+    std::list<Process> nears;
+    for (const Contender& contender : Contenders()) {
+        Process& near =
+            nears.emplace_back([&](Process& bench) { NearEnd(bench, contender, tuning); });
+        const int count = oneWay ? CountForTurn(near, size) : smoke ? 20 : 1000;
+        comparison.Add(contender.name, [&near, size, count] {
+            const Times times = TakeTurn(near, size, count);
+            return std::vector<double>{times.middle, times.p99};
         });
     }
     comparison.Run(state);
 }
 
 void RegisterAll() {
-    for (const Tuning tuning : tunings) {
-        FarEnds(tuning).reserve(Contenders().size());
-        for (const Contender& contender : Contenders()) {
-            FarEnds(tuning).emplace_back(contender, tuning);
-        }
-    }
-    for (const Tuning tuning : tunings) {
-        for (FarEnd& farEnd : FarEnds(tuning)) {
-            farEnd.Open();
-        }
-    }
+    const auto add = [](const std::string& name, Tuning tuning, int size, int rounds) {
+        Register(name + "/" + std::to_string(size), rounds,
+                 [=](benchmark::State& state) { Exchange(state, tuning, size); });
+    };
     for (const int size : {16, 1 << 10, 1 << 16, largestBody}) {
-        Register("one_way/" + std::to_string(size), 20,
-                 [size](benchmark::State& state) { OneWay(state, size); });
+        add("one_way", Tuning::OneWay, size, 20);
     }
-    for (const Tuning tuning : {Tuning::ThereAndBack, Tuning::ThereAndBackMarked}) {
-        const std::string name =
-            tuning == Tuning::ThereAndBack ? "there_and_back/" : "there_and_back_marked/";
-        for (const int size : {16, 1 << 10}) {
-            Register(name + std::to_string(size), 15, [tuning, size](benchmark::State& state) {
-                ThereAndBack(state, tuning, size);
-            });
-        }
+    for (const int size : {16, 1 << 10}) {
+        add("there_and_back", Tuning::ThereAndBack, size, 15);
+    }
+    for (const int size : {16, 1 << 10}) {
+        add("there_and_back_marked", Tuning::ThereAndBackMarked, size, 15);
     }
 }
 

@@ -173,13 +173,11 @@ int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number, const KLVS
         return 0;
     }
     const int length = typeName.Length();
-    char* const scratch = static_cast<char*>(mem_OperatorNewThrowBuiltin(sizeof(NameLength)));
-    std::memcpy(scratch, &length, sizeof(NameLength));
+    char scratch[sizeof(NameLength)];
+    std::memcpy(scratch, &length, sizeof scratch);
 
     socket->lastError = 0;
-    const int written = socket->write(scratch, sizeof(NameLength));
-    mem_Free(scratch);
-    if (written != sizeof(NameLength)) {
+    if (socket->write(scratch, sizeof scratch) != sizeof scratch) {
         return 0;
     }
     return socket->write(typeName.Text(), length) == length ? 1 : 0;
