@@ -181,8 +181,9 @@ Times TakeTurn(Process& near, int size, int count) {
 // How many messages take a contender about 40 ms.
 int CountForTurn(Process& near, int size) {
     const int probe = size < (1 << 16) ? 1000 : 40;
-    return smoke ? 20
-                 : std::clamp(static_cast<int>(40e6 / TakeTurn(near, size, probe).middle), 20, 40000);
+    return smoke
+               ? 20
+               : std::clamp(static_cast<int>(40e6 / TakeTurn(near, size, probe).middle), 20, 40000);
 }
 
 // Two new processes for each contender.

@@ -38,7 +38,7 @@ public:
     omi_BtreeNode& operator=(const omi_BtreeNode&) = delete;
 
     // Destroys the left subtree, then the right one, then key and value.
-    ~omi_BtreeNode();
+    [[gnu::noinline]] ~omi_BtreeNode();
 
     // The node that holds `key` in this subtree, or null.
     omi_BtreeNode* Find(const K& key) const;
@@ -95,13 +95,30 @@ private:
         return node == nullptr ? -1 : node->m_maxDepth;
     }
 
-    // SetMaxDepth and then Balance for the node in a slot, with one look at the children.
-    static void Settle(omi_BtreeNode*& slot);
+    // What became of a subtree: the node that heads it now and the height that it counts with in
+    // balancing, 0 when it is empty. The way back up the tree is quick since both stay in registers.
+    struct Change {
+        omi_BtreeNode* head;
+        int height;  // negative when nothing was changed; `head` means nothing then
+
+        bool Made() const { return height >= 0; }
+    };
+
+    // The recursions of InsertAt and RemoveAt, one call for each level.
+    static Change InsertBelow(omi_BtreeNode* node, const K& key, const V& value);
+    static Change RemoveBelow(omi_BtreeNode* node, const K& key);
+
+    // Their ends. Not inlined, so that the calls above them need next to no stack frame.
+    [[gnu::noinline]] static Change NewLeaf(const K& key, const V& value);
+    [[gnu::noinline]] Change RemoveThis();
+
+    // Takes a changed child into its slot, and sets the depth and balances this node by it and the
+    // child on the other side.
+    Change Settle(Change child, omi_BtreeNode*& slot, const omi_BtreeNode* other);
 
     // The depth of the child off the path is needed on the way back: it is fetched on the way down.
-    void FetchOther(int order) { __builtin_prefetch(order < 0 ? m_right : m_left); }
+    static void Fetch(const omi_BtreeNode* other) { __builtin_prefetch(other); }
 
-    omi_BtreeNode* Rotate(int difference);
     omi_BtreeNode* RotateLeft();
     omi_BtreeNode* RotateRight();
     omi_BtreeNode* DetachReplacement();
@@ -215,21 +232,37 @@ bool omi_BtreeNode<K, V>::Insert(const K& key, const V& value) {
 
 template <class K, class V>
 bool omi_BtreeNode<K, V>::InsertAt(omi_BtreeNode*& slot, const K& key, const V& value) {
-    omi_BtreeNode* const node = slot;
+    const Change change = InsertBelow(slot, key, value);
+    if (change.Made()) {
+        slot = change.head;
+    }
+    return change.Made();
+}
+
+template <class K, class V>
+typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::InsertBelow(omi_BtreeNode* node,
+                                                                      const K& key,
+                                                                      const V& value) {
     if (node == nullptr) {
-        slot = new omi_BtreeNode(key, value);
-        return true;
+        return NewLeaf(key, value);
     }
     const int order = BtreeCompare(node->m_key, key);
     if (order == 0) {
-        return false;
+        return {nullptr, -1};
     }
-    node->FetchOther(order);
-    if (!InsertAt(node->Slot(order), key, value)) {
-        return false;
+    if (order < 0) {
+        Fetch(node->m_right);
+        const Change child = InsertBelow(node->m_left, key, value);
+        return child.Made() ? node->Settle(child, node->m_left, node->m_right) : child;
     }
-    Settle(slot);
-    return true;
+    Fetch(node->m_left);
+    const Change child = InsertBelow(node->m_right, key, value);
+    return child.Made() ? node->Settle(child, node->m_right, node->m_left) : child;
+}
+
+template <class K, class V>
+typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::NewLeaf(const K& key, const V& value) {
+    return {new omi_BtreeNode(key, value), 0};
 }
 
 template <class K, class V>
@@ -249,37 +282,49 @@ bool omi_BtreeNode<K, V>::Remove(const K& key, omi_BtreeNode& parent) {
 
 template <class K, class V>
 bool omi_BtreeNode<K, V>::RemoveAt(omi_BtreeNode*& slot, const K& key) {
-    omi_BtreeNode* const node = slot;
+    const Change change = RemoveBelow(slot, key);
+    if (change.Made()) {
+        slot = change.head;
+    }
+    return change.Made();
+}
+
+template <class K, class V>
+typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::RemoveBelow(omi_BtreeNode* node,
+                                                                      const K& key) {
     if (node == nullptr) {
-        return false;
+        return {nullptr, -1};
     }
     const int order = BtreeCompare(node->m_key, key);
     if (order == 0) {
-        slot = node->DetachReplacement();
-        delete node;
-        omi_BtreeNode* const head = slot == nullptr ? nullptr : slot->Balance();
-        slot = head == nullptr ? slot : head;
-        return true;
+        return node->RemoveThis();
     }
-    node->FetchOther(order);
-    if (!RemoveAt(node->Slot(order), key)) {
-        return false;
+    if (order < 0) {
+        Fetch(node->m_right);
+        const Change child = RemoveBelow(node->m_left, key);
+        return child.Made() ? node->Settle(child, node->m_left, node->m_right) : child;
     }
-    Settle(slot);
-    return true;
+    Fetch(node->m_left);
+    const Change child = RemoveBelow(node->m_right, key);
+    return child.Made() ? node->Settle(child, node->m_right, node->m_left) : child;
+}
+
+template <class K, class V>
+typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::RemoveThis() {
+    omi_BtreeNode* const replacement = DetachReplacement();
+    delete this;
+    omi_BtreeNode* const rotated = replacement == nullptr ? nullptr : replacement->Balance();
+    omi_BtreeNode* const head = rotated == nullptr ? replacement : rotated;
+    return {head, Height(head)};
 }
 
 template <class K, class V>
 omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Balance() {
-    return Rotate(Height(m_right) - Height(m_left));
-}
-
-template <class K, class V>
-inline omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Rotate(int difference) {
-    if (__builtin_expect(difference > 1, 0)) {
+    const int difference = Height(m_right) - Height(m_left);
+    if (difference > 1) {
         return RotateLeft();
     }
-    if (__builtin_expect(difference < -1, 0)) {
+    if (difference < -1) {
         return RotateRight();
     }
     return nullptr;
@@ -319,15 +364,23 @@ void omi_BtreeNode<K, V>::RemoveNode(omi_BtreeNode* oldChild, omi_BtreeNode* new
 }
 
 template <class K, class V>
-inline void omi_BtreeNode<K, V>::Settle(omi_BtreeNode*& slot) {
-    omi_BtreeNode* const node = slot;
-    const int left = DepthOf(node->m_left);
-    const int right = DepthOf(node->m_right);
-    node->m_maxDepth = std::max(left, right) + 1;
-    omi_BtreeNode* const head = node->Rotate(std::max(right, 0) - std::max(left, 0));
-    if (head != nullptr) {
-        slot = head;
+inline typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::Settle(
+    Change child, omi_BtreeNode*& slot, const omi_BtreeNode* other) {
+    slot = child.head;
+    int depth = 0;
+    int difference = child.height;
+    if (__builtin_expect(other != nullptr, 1)) {
+        depth = std::max(child.height, other->m_maxDepth) + 1;
+        difference -= other->m_maxDepth;
+    } else if (child.head != nullptr) {
+        depth = child.height + 1;
     }
+    m_maxDepth = depth;
+    if (__builtin_expect(difference > 1 || difference < -1, 0)) {
+        omi_BtreeNode* const head = Balance();
+        return {head, head->m_maxDepth};
+    }
+    return {this, depth};
 }
 
 // Takes this node's children away and returns the subtree that stands in for this node: the only
