@@ -55,11 +55,13 @@ void CheckBody(const char* body, int size) {
 // ends with this object, or with its parent.
 class Process {
 public:
+    // What `work` does there does not return, nor may an exception leave it.
     template <class Work>
-    explicit Process(Work work) {
+    explicit Process(Work work) noexcept {
         int ends[2];
         Require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "socketpair");
         m_id = fork();
+        Require(m_id != -1, "fork");
         m_line = ends[m_id == 0 ? 1 : 0];
         close(ends[m_id == 0 ? 0 : 1]);
         if (m_id == 0) {

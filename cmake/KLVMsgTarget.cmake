@@ -1,10 +1,5 @@
 # What both libraries have in common.
 
-# Release builds are optimized across source files, where the compiler can: between the system calls of
-# a message little of the library is in the processor's caches, so what counts is how much code runs.
-include(CheckIPOSupported)
-check_ipo_supported(RESULT KLVMSG_CAN_OPTIMIZE_ACROSS_FILES OUTPUT ignored LANGUAGES CXX)
-
 # klvmsg_add_library(NAME HEADER_DIRS dir... SOURCE_DIRS dir...)
 # Adds the shared library NAME and its alias KLVMsgCommModules::NAME.
 function(klvmsg_add_library name)
@@ -25,7 +20,6 @@ function(klvmsg_add_library name)
   target_compile_features(${name} PUBLIC cxx_std_17)
   set_target_properties(${name} PROPERTIES
     CXX_EXTENSIONS OFF
-    INTERPROCEDURAL_OPTIMIZATION_RELEASE ${KLVMSG_CAN_OPTIMIZE_ACROSS_FILES}
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     VERSION ${PROJECT_VERSION}
