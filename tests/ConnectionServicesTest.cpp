@@ -143,6 +143,20 @@ TEST(Header, UnusableLengthFailsAndAGoodOneIsServed) {
     }
 }
 
+TEST(Header, RegisteredAndUnknownNamesArriveAlike) {
+    ConnectedPair pair;
+    TextMessage prototype("");
+    for (const KLVString& name : {KLVString("b"), KLVString("a\0b", 3), KLVString("bb")}) {
+        Registry().RegisterMessagePrototype(name, &prototype);
+    }
+    for (const char* const sent : {"a", "b", "b!", "bb", "c"}) {
+        KLVString received;
+        pair.peer.Send(HeaderBytes(sent));
+        EXPECT_EQ(1, Registry().RetrieveMessageTypeFromSocket(pair.number, received));
+        EXPECT_EQ(KLVString(sent), received);
+    }
+}
+
 TEST(Registry, WithoutAFittingSocketNothingIsTouched) {
     ConnectedPair ended;
     KLVMsgServerSocket* const server = StartLoopbackServer();

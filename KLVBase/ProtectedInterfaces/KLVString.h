@@ -1,6 +1,8 @@
 // For applications: the text type of every public operation.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <utility>
 
 #include "KLVBasExport.h"
@@ -24,13 +26,18 @@ public:
     KLVString(const char* text, int length);
 
     // Shares the text of `other`.
-    KLVString(const KLVString& other) noexcept;
+    KLVString(const KLVString& other) noexcept : m_shared(Acquire(other.m_shared)) {}
 
     // Takes the text of `other`, which is empty afterwards.
     KLVString(KLVString&& other) noexcept : m_shared(std::exchange(other.m_shared, nullptr)) {}
 
     // Takes the new text before it releases the old one: assigning a string to itself is safe.
-    KLVString& operator=(const KLVString& other) noexcept;
+    KLVString& operator=(const KLVString& other) noexcept {
+        Shared* const old = m_shared;
+        m_shared = Acquire(other.m_shared);
+        Release(old);
+        return *this;
+    }
 
     // Changes texts with `other`.
     KLVString& operator=(KLVString&& other) noexcept {
@@ -38,14 +45,14 @@ public:
         return *this;
     }
 
-    ~KLVString();
+    ~KLVString() { Release(m_shared); }
 
     // The number of bytes.
-    int Length() const noexcept;
+    int Length() const noexcept { return m_shared == nullptr ? 0 : m_shared->length; }
 
     // The bytes with a zero byte after the last, valid as long as this string is neither changed
     // nor destroyed. Never null.
-    const char* Text() const noexcept;
+    const char* Text() const noexcept { return m_shared == nullptr ? "" : m_shared->Text(); }
 
     // Requires: 0 <= position <= Length(). At Length() stands the terminating zero byte.
     char operator[](int position) const { return Text()[position]; }
@@ -58,7 +65,36 @@ public:
     KLVString& operator+=(int number);
 
 private:
-    struct Shared;
+    // The shared text: this head, then `length` bytes and a zero byte in the same block.
+    struct Shared {
+        std::atomic<int> references;
+        int length;
+
+        char* Text() { return reinterpret_cast<char*>(this + 1); }
+    };
+
+    // A block for `length` bytes of text, referenced once, the bytes left unset.
+    static Shared* NewShared(std::size_t length);
+
+    static Shared* CopyOf(const char* text, std::size_t length);
+    static void Destroy(Shared* shared) noexcept;
+
+    // Null, the empty string, is never counted.
+    static Shared* Acquire(Shared* shared) noexcept {
+        if (shared != nullptr) {
+            shared->references.fetch_add(1, std::memory_order_relaxed);
+        }
+        return shared;
+    }
+
+    static void Release(Shared* shared) noexcept {
+        // The only holder need not count down: nobody else can make a copy meanwhile.
+        if (shared != nullptr &&
+            (shared->references.load(std::memory_order_acquire) == 1 ||
+             shared->references.fetch_sub(1, std::memory_order_acq_rel) == 1)) {
+            Destroy(shared);
+        }
+    }
 
     Shared* m_shared = nullptr;  // null for the empty string
 };

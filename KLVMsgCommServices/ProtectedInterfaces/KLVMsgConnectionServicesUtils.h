@@ -136,6 +136,7 @@ private:
     KLVMsgCommSocket* FindStreamSocket(int number) const;
     void Register(KLVMsgSocket* socket);
     void Unregister(int number);
+    KLVString TypeName(const char* text) const;
     int SendMessageHeader_priv(int number, const KLVString& typeName);
     int RetrieveMessageTypeFromSocket_priv(int number, KLVString& typeName);
 

@@ -167,6 +167,26 @@ void KLVMsgConnectionServicesUtils::Unregister(int number) {
     KLVMsgDestroySocket(socket);
 }
 
+// The order of the keys of m_prototypes, for a text that is no KLVString: a key that goes on behind a
+// zero byte sorts after the text before it.
+static int CompareText(const char* text, const KLVString& key) {
+    const int order = std::strcmp(text, key.Text());
+    return order != 0 ? order : static_cast<int>(std::strlen(text)) - key.Length();
+}
+
+// A registered name is shared with its entry, so that receiving such a message copies no text.
+KLVString KLVMsgConnectionServicesUtils::TypeName(const char* text) const {
+    auto* type = m_prototypes.m_root;
+    while (type != nullptr) {
+        const int order = CompareText(text, type->ConstGetKey());
+        if (order == 0) {
+            return type->ConstGetKey();
+        }
+        type = type->Slot(order);
+    }
+    return KLVString(text);
+}
+
 int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number, const KLVString& typeName) {
     KLVMsgCommSocket* const socket = FindStreamSocket(number);
     if (socket == nullptr || !socket->outputOpen) {
@@ -218,6 +238,6 @@ int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number
         mem_Free(name);
         return 0;
     }
-    typeName = KLVString(name);  // the buffer is kept: it is released after a short read only
+    typeName = TypeName(name);  // the buffer is kept: it is released after a short read only
     return 1;
 }
