@@ -146,14 +146,18 @@ TEST(Header, UnusableLengthFailsAndAGoodOneIsServed) {
 TEST(Header, RegisteredAndUnknownNamesArriveAlike) {
     ConnectedPair pair;
     TextMessage prototype("");
-    for (const KLVString& name : {KLVString("b"), KLVString("a\0b", 3), KLVString("bb")}) {
+    const KLVString registered[] = {"b", {"a\0b", 3}, "bb", "A"};
+    for (const KLVString& name : registered) {
         Registry().RegisterMessagePrototype(name, &prototype);
     }
-    for (const char* const sent : {"a", "b", "b!", "bb", "c"}) {
+    for (const char* const sent : {"a", "A", "b", "b!", "bb", "c"}) {
         KLVString received;
         pair.peer.Send(HeaderBytes(sent));
         EXPECT_EQ(1, Registry().RetrieveMessageTypeFromSocket(pair.number, received));
         EXPECT_EQ(KLVString(sent), received);
+        for (const KLVString& name : registered) {  // such a name is not copied
+            EXPECT_EQ(name == received, name.Text() == received.Text());
+        }
     }
 }
 

@@ -37,7 +37,8 @@ public:
 
     omi_BtreeNode& operator=(const omi_BtreeNode&) = delete;
 
-    // Destroys the left subtree, then the right one, then key and value.
+    // Destroys the left subtree, then the right one, then key and value. Not inlined into itself,
+    // level upon level, where a single node is removed.
     [[gnu::noinline]] ~omi_BtreeNode();
 
     // The node that holds `key` in this subtree, or null.
@@ -102,7 +103,16 @@ private:
         int height;  // negative when nothing was changed; `head` means nothing then
 
         bool Made() const { return height >= 0; }
+
+        // Stores the head of a subtree that was changed; true when it was.
+        bool StoreIn(omi_BtreeNode*& slot) const {
+            if (Made()) {
+                slot = head;
+            }
+            return Made();
+        }
     };
+    static Change NoChange() { return {nullptr, -1}; }
 
     // The recursions of InsertAt and RemoveAt, one call for each level.
     static Change InsertBelow(omi_BtreeNode* node, const K& key, const V& value);
@@ -112,8 +122,8 @@ private:
     [[gnu::noinline]] static Change NewLeaf(const K& key, const V& value);
     [[gnu::noinline]] Change RemoveThis();
 
-    // Takes a changed child into its slot, and sets the depth and balances this node by it and the
-    // child on the other side.
+    // Takes a changed child into its slot, then does what SetMaxDepth and Balance do, without
+    // reading back the depth that the child has just been given.
     Change Settle(Change child, omi_BtreeNode*& slot, const omi_BtreeNode* other);
 
     // The depth of the child off the path is needed on the way back: it is fetched on the way down.
@@ -232,11 +242,7 @@ bool omi_BtreeNode<K, V>::Insert(const K& key, const V& value) {
 
 template <class K, class V>
 bool omi_BtreeNode<K, V>::InsertAt(omi_BtreeNode*& slot, const K& key, const V& value) {
-    const Change change = InsertBelow(slot, key, value);
-    if (change.Made()) {
-        slot = change.head;
-    }
-    return change.Made();
+    return InsertBelow(slot, key, value).StoreIn(slot);
 }
 
 template <class K, class V>
@@ -248,7 +254,7 @@ typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::InsertBelow(omi_BtreeN
     }
     const int order = BtreeCompare(node->m_key, key);
     if (order == 0) {
-        return {nullptr, -1};
+        return NoChange();
     }
     if (order < 0) {
         Fetch(node->m_right);
@@ -282,18 +288,14 @@ bool omi_BtreeNode<K, V>::Remove(const K& key, omi_BtreeNode& parent) {
 
 template <class K, class V>
 bool omi_BtreeNode<K, V>::RemoveAt(omi_BtreeNode*& slot, const K& key) {
-    const Change change = RemoveBelow(slot, key);
-    if (change.Made()) {
-        slot = change.head;
-    }
-    return change.Made();
+    return RemoveBelow(slot, key).StoreIn(slot);
 }
 
 template <class K, class V>
 typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::RemoveBelow(omi_BtreeNode* node,
                                                                       const K& key) {
     if (node == nullptr) {
-        return {nullptr, -1};
+        return NoChange();
     }
     const int order = BtreeCompare(node->m_key, key);
     if (order == 0) {

@@ -76,7 +76,10 @@ private:
     // A block for `length` bytes of text, referenced once, the bytes left unset.
     static Shared* NewShared(std::size_t length);
 
+    // A block with a copy of `length` bytes, or null for none.
     static Shared* CopyOf(const char* text, std::size_t length);
+
+    // Frees a block whose last holder is gone.
     static void Destroy(Shared* shared) noexcept;
 
     // Null, the empty string, is never counted.

@@ -70,15 +70,3 @@ void aio_ostream::print(const char* text) { std::cerr << text; }
 void aio_ostream::print_int(int number) { std::cerr << number; }
 void aio_ostream::put(char character) { std::cerr.put(character); }
 void aio_ostream::flush() { std::cerr.flush(); }
-
-// Here the application's modules are up from the start, so there is nothing to count.
-#define OWN_MODULE(name)            \
-    void name##_initialize(int&) {} \
-    void name##_finalize(int&) {}
-OWN_MODULE(KLVSimContainers)
-OWN_MODULE(KLVBasXmlParser)
-OWN_MODULE(KLVBasShared)
-OWN_MODULE(KLVBasMorva)
-OWN_MODULE(KLVBasCoreUtils)
-OWN_MODULE(KLVBasGenericsLib)
-OWN_MODULE(KLVBasAlloc)
