@@ -175,7 +175,6 @@ TEST(Registry, WithoutAFittingSocketNothingIsTouched) {
         EXPECT_EQ(number != unknown, Registry().HasError(number));
         Registry().ClearError(number);
         EXPECT_FALSE(Registry().HasError(number));
-        EXPECT_FALSE(Registry().RetireClosedConnection(number));
     }
     Registry().ShutDownConnection(unknown);
     EXPECT_EQ("", log.Names());
@@ -276,7 +275,6 @@ TEST(Registry, LockIsHeldOnceAndLeftFreeWhenMemoryIsShort) {
         [&] { registry.ClearError(pair.number); },
         [&] { registry.GetLastErrorCode(pair.number, code); },
         [&] { registry.IsConnectionOpen(pair.number); },
-        [&] { registry.RetireClosedConnection(pair.number); },
         [&] { registry.ShutDownConnection(pair.number); },
     };
     const Interposed inside([](SystemCall&) -> std::optional<long> {

@@ -20,16 +20,12 @@ public:
     void LookupChannel(KLVMsgChannelQuery* query, KLVBasVector<KLVMsgChannel>& out) const;
 
     // Takes the channel off both lists, its first entry only, and shuts its connection down, also
-    // when it was on neither. The caller's channel then holds -1. The flag has no effect.
-    // Requires: `channel` is not itself an entry of one of the lists.
+    // when it was on neither. The caller's channel then holds -1, unless it was itself an entry of one
+    // of the lists: that one is gone. The flag has no effect.
     void RemoveChannel(KLVMsgChannel& channel, bool flag);
 
     // Removes every channel that the query selects, or all of them without a query.
     void RemoveChannel(KLVMsgChannelQuery* query, bool flag);
-
-    // Takes every entry of a connection number off both lists and shuts nothing down: for a number
-    // that the system has given to another connection.
-    void ForgetChannel(const KLVMsgChannel& channel);
 
     // Shuts every channel's connection down and empties both lists.
     void Shutdown();

@@ -5,8 +5,6 @@
 #include "KLVMsgChannel.h"
 #include "KLVMsgExport.h"
 
-class KLVMsgServerSocket;
-
 // A set of channels to wait on, and what the waits have found. It holds no lock: the communicator
 // guards the ones that it is given.
 class KLVMSG_EXPORT KLVMsgChannelWaitable {
@@ -41,7 +39,4 @@ public:
     KLVBasVector<KLVMsgChannel> channels;       // the watched ones
     KLVBasVector<KLVMsgChannel> readyChannels;  // found to have data
     KLVBasVector<KLVMsgChannel> newChannels;    // accepted
-
-private:
-    void AcceptConnection(KLVMsgServerSocket& server);
 };

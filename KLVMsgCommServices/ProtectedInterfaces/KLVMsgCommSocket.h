@@ -49,6 +49,10 @@ public:
     bool outputOpen = false;  // the sending direction is usable
 
 private:
+    friend class KLVMsgServerSocket;  // which makes connected ones
+
+    void TakeOver(int connected);
+    void SetDirections(bool open);
     void ShutDownDirection(bool& open, int how);
-    void ShutDownWhenLost(int error);
+    void FailAndShutDownWhenLost(int error);
 };

@@ -66,10 +66,6 @@ public:
     // RemoveConnection under the lock.
     void ShutDownConnection(int number);
 
-    // Unregisters and destroys the socket under a number if it is marked as closed, and leaves the
-    // descriptor alone: the system has given the number to another connection. True when it did.
-    bool RetireClosedConnection(int number);
-
     // Opens a listening socket and registers it, in place of one that is still registered under the
     // number and goes. Returns null only when no socket could be made: one whose bind or listen
     // failed is registered too, and HasError tells. After a failed bind it may still listen, on a
@@ -132,10 +128,12 @@ public:
     void GetLastErrorCode(int number, int& code);
 
 private:
+    friend class KLVMsgRegistryInternals;  // for the library's floors above
+
     KLVMsgSocket* Find(int number) const;
     KLVMsgCommSocket* FindStreamSocket(int number) const;
     void Register(KLVMsgSocket* socket);
-    void Unregister(int number);
+    bool AddAccepted(KLVMsgCommSocket* socket);
     KLVString TypeName(const char* text) const;
     int SendMessageHeader_priv(int number, const KLVString& typeName);
     int RetrieveMessageTypeFromSocket_priv(int number, KLVString& typeName);

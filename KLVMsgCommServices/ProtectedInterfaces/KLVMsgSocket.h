@@ -7,6 +7,10 @@
 //   that set SO_REUSEADDR or SO_KEEPALIVE or end a direction of a lost connection. `lastError` is
 //   only ever overwritten by them, never cleared.
 // - Shutdown closes the descriptor, a destructor never does.
+// - A socket closes a descriptor once. From then on its number may be somebody else's: an operation
+//   that would still use it makes no system call and fails with EBADF. A caller who changes
+//   `descriptor`, `closed` or a direction flag after that has put a descriptor in, which the socket
+//   owns.
 #pragma once
 
 #include "KLVMsgExport.h"
@@ -23,7 +27,9 @@ public:
     virtual void Shutdown() = 0;
 
     // Closes the descriptor (close) and marks the socket as closed. The number stays in
-    // `descriptor`: closing twice closes whatever has been given that number since.
+    // `descriptor`. While the communicator, a wait or a stream is at work with the registered socket
+    // on another thread, or on this one, the mark is set at once and the descriptor closed when they
+    // are done with it: no other connection can be given its number before that.
     void Close();
 
     // Stores `local`, makes the descriptor (socket) and binds it (getaddrinfo, bind) to the first
@@ -41,4 +47,31 @@ public:
 
 protected:
     ~KLVMsgSocket() = default;
+
+    // Puts a descriptor in, or -1, which the socket owns from now on.
+    void PutIn(int number);
+
+    // True when the descriptor has been closed by this socket; stores EBADF then.
+    bool FailsAsClosed();
+
+    // Stores an errno in `lastError`.
+    void Fail(int error);
+
+private:
+    friend class KLVMsgCycle;  // which closes and destroys late what is still in use
+
+    void CloseDescriptor(int number);
+
+    // How the socket leaves.
+    struct Departure {
+        int closed = -1;               // the descriptor that Close has closed, as long as it stands
+        bool inputOpen = false;        // the direction flags as Close left them
+        bool outputOpen = false;
+        bool departing = false;        // a cycle still needs what is to be closed or destroyed
+        bool closing = false;          // being closed at the moment
+        bool destroyed = false;        // to be destroyed
+        int toClose = -1;              // the descriptor to be closed
+        KLVMsgSocket* next = nullptr;  // departing, too
+    };
+    Departure m_departure;
 };

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <vector>
 
 #include "KLVBasAtiGlobalSingleton.h"
 #include "KLVBasVector.h"
@@ -23,6 +24,8 @@
 
 class KLVMSG_EXPORT KLVMsgSocketCommunicator;
 class KLVMsgChannelQuery;
+class KLVMsgCommSocket;
+class KLVMsgCycle;
 class KLVMsgInputStream;
 class KLVMsgMessageQuery;
 class KLVMsgOutputStream;
@@ -170,9 +173,16 @@ public:
     void GetErrorsOnChannel(const KLVMsgChannel& channel, int& code, KLVString& text);
 
 private:
+    class Operation;
+
+    std::vector<int> ForgetNoted();
+    void Forget(int number);
     unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
     std::size_t PositionInQueue(unsigned int id) const;
-    void Transmit(const KLVMsgChannelMsgStruct& record, KLVMsgOutputStream& stream);
+    void Transmit(const KLVMsgChannelMsgStruct& record, const KLVMsgCommSocket* socket,
+                  KLVMsgOutputStream& stream);
+    void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);
+    void MakeKnown(KLVBasVector<KLVMsgChannel>& accepted);
     bool ReceiveMessage(const KLVMsgChannel& channel);
     template <class Element, class Project>
     void TakeFromInbox(KLVMsgMessageQuery* query, KLVBasVector<Element>& taken, Project project);

@@ -1,11 +1,7 @@
 #include "KLVMsgChannel.h"
 
-#include "KLVMsgConnectionServicesUtils.h"
+#include "KLVMsgRegistryInternals.h"
 #include "KLVMsgSocket.h"
-
-static KLVMsgConnectionServicesUtils& Registry() {
-    return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
-}
 
 KLVMsgChannel::KLVMsgChannel(KLVMsgSocket* socket, const KLVString& label) {
     if (socket != nullptr) {
@@ -16,20 +12,20 @@ KLVMsgChannel::KLVMsgChannel(KLVMsgSocket* socket, const KLVString& label) {
 
 KLVString KLVMsgChannel::GetLabel() const {
     KLVString label;
-    Registry().GetName(connection, label);
+    KLVMsgRegistry().GetName(connection, label);
     return label;
 }
 
-void KLVMsgChannel::SetLabel(const KLVString& label) { Registry().SetName(connection, label); }
+void KLVMsgChannel::SetLabel(const KLVString& label) { KLVMsgRegistry().SetName(connection, label); }
 
-KLVMsgSocket* KLVMsgChannel::GetSocket() const { return Registry().GetSocket(connection); }
+KLVMsgSocket* KLVMsgChannel::GetSocket() const { return KLVMsgRegistry().GetSocket(connection); }
 
 bool KLVMsgChannel::IsActiveInCurrentThreads() {
     // Asked for under the registry's lock: the message task may be removing the socket.
-    return connection != -1 && Registry().IsConnectionOpen(connection);
+    return connection != -1 && KLVMsgRegistry().IsConnectionOpen(connection);
 }
 
 void KLVMsgChannel::Shutdown() {
-    Registry().ShutDownConnection(connection);
+    KLVMsgRegistry().ShutDownConnection(connection);
     connection = -1;
 }

@@ -2,29 +2,40 @@
 
 #include "KLVMsgChannelList.h"
 #include "KLVMsgChannelQuery.h"
+#include "KLVMsgVectors.h"
 
 void KLVMsgChannelOrganizer::RegisterChannel(const KLVMsgChannel& channel, bool mark) {
+    KLVMsgAppending<KLVMsgChannel> appending(channels);
     channels.PushBack(channel);
     if (mark) {
         waitable.channels.PushBack(channel);
     }
+    appending.Keep();
 }
 
 void KLVMsgChannelOrganizer::LookupChannel(KLVMsgChannelQuery* query,
                                            KLVBasVector<KLVMsgChannel>& out) const {
+    KLVMsgAppending<KLVMsgChannel> appending(out);
     if (query != nullptr) {
         query->Search(channels, out);
-        return;
+    } else {
+        for (std::size_t i = 0; i < channels.Size(); ++i) {
+            out.PushBack(channels[i]);
+        }
     }
-    for (std::size_t i = 0; i < channels.Size(); ++i) {
-        out.PushBack(channels[i]);
-    }
+    appending.Keep();
 }
 
 void KLVMsgChannelOrganizer::RemoveChannel(KLVMsgChannel& channel, bool) {
-    KLVMsgEraseFirst(channels, channel);
-    KLVMsgEraseFirst(waitable.channels, channel);
-    channel.Shutdown();
+    // A copy, since `channel` may be an entry: then another one moves up into its place.
+    KLVMsgChannel removed = channel;
+    const bool isEntry = KLVMsgIsEntry(channels, channel) || KLVMsgIsEntry(waitable.channels, channel);
+    KLVMsgEraseFirst(channels, removed.connection);
+    KLVMsgEraseFirst(waitable.channels, removed.connection);
+    removed.Shutdown();
+    if (!isEntry) {
+        channel = removed;
+    }
 }
 
 void KLVMsgChannelOrganizer::RemoveChannel(KLVMsgChannelQuery* query, bool flag) {
@@ -33,11 +44,6 @@ void KLVMsgChannelOrganizer::RemoveChannel(KLVMsgChannelQuery* query, bool flag)
     for (std::size_t i = 0; i < selected.Size(); ++i) {
         RemoveChannel(selected[i], flag);
     }
-}
-
-void KLVMsgChannelOrganizer::ForgetChannel(const KLVMsgChannel& channel) {
-    KLVMsgEraseEvery(channels, channel);
-    KLVMsgEraseEvery(waitable.channels, channel);
 }
 
 void KLVMsgChannelOrganizer::Shutdown() {

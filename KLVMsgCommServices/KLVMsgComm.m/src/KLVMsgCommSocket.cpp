@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "KLVMsgResolvedAddress.h"
+#include "KLVMsgSocketField.h"
 #include "KLVMsgSocketInternals.h"
 
 // Closing resets the connection at once instead of draining it.
@@ -16,50 +17,58 @@ KLVMsgCommSocket::KLVMsgCommSocket(KLVMsgSocketAddress) {}
 void KLVMsgCommSocket::Connect(KLVMsgSocketAddress peer) {
     KLVString service;  // first, since its memory may not be had
     service += peer.port;
-    if (inputOpen || outputOpen) {
+    if (KLVMsgLoad(inputOpen) || KLVMsgLoad(outputOpen)) {
         Shutdown();
-        descriptor = -1;
-        inputOpen = false;
-        outputOpen = false;
-        closed = true;
+        PutIn(-1);
+        SetDirections(false);
+        KLVMsgStore(closed, true);
     }
     const KLVMsgResolvedAddress resolved = KLVMsgResolveAddress(peer.host, service.Text());
     if (resolved == nullptr) {
-        lastError = errno;
+        Fail(errno);
         return;
     }
 
-    descriptor = socket(resolved->ai_family, resolved->ai_socktype, resolved->ai_protocol);
+    PutIn(socket(resolved->ai_family, resolved->ai_socktype, resolved->ai_protocol));
     if (connect(descriptor, resolved->ai_addr, resolved->ai_addrlen) == -1) {
-        lastError = errno;
+        Fail(errno);
         return;
     }
-    closed = false;
+    KLVMsgStore(closed, false);
     if (setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &resetOnClose, sizeof resetOnClose) == -1) {
-        lastError = errno;
+        Fail(errno);
         return;
     }
     const int on = 1;
     setsockopt(descriptor, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    inputOpen = true;
-    outputOpen = true;
+    SetDirections(true);
+}
+
+void KLVMsgCommSocket::TakeOver(int connected) {
+    PutIn(connected);
+    KLVMsgStore(closed, false);
+    SetDirections(true);
+}
+
+void KLVMsgCommSocket::SetDirections(bool open) {
+    KLVMsgStore(inputOpen, open);
+    KLVMsgStore(outputOpen, open);
 }
 
 int KLVMsgCommSocket::write(const char* data, int length) {
-    if (!outputOpen || length < 0) {
+    if (!KLVMsgLoad(outputOpen) || length < 0 || FailsAsClosed()) {
         return -1;
     }
     const ssize_t sent = send(descriptor, data, static_cast<std::size_t>(length), 0);
     if (sent == -1) {
-        lastError = errno;
-        ShutDownWhenLost(lastError);
+        FailAndShutDownWhenLost(errno);
         return -1;
     }
     return static_cast<int>(sent);
 }
 
 int KLVMsgCommSocket::read(char* buffer, int length) {
-    if (!inputOpen || length < 0) {
+    if (!KLVMsgLoad(inputOpen) || length < 0 || FailsAsClosed()) {
         return -1;
     }
     const ssize_t received = recv(descriptor, buffer, static_cast<std::size_t>(length), 0);
@@ -68,15 +77,15 @@ int KLVMsgCommSocket::read(char* buffer, int length) {
         return 0;
     }
     if (received == -1) {
-        lastError = errno;
-        ShutDownWhenLost(lastError);
+        FailAndShutDownWhenLost(errno);
         return -1;
     }
     return static_cast<int>(received);
 }
 
 bool KLVMsgCommSocket::IsConnected() {
-    return descriptor != -1 && !closed && (outputOpen || inputOpen);
+    return descriptor != -1 && !KLVMsgLoad(closed) &&
+           (KLVMsgLoad(outputOpen) || KLVMsgLoad(inputOpen));
 }
 
 void KLVMsgCommSocket::ShutDownInput() { ShutDownDirection(inputOpen, SHUT_RD); }
@@ -90,17 +99,18 @@ void KLVMsgCommSocket::Shutdown() {
 }
 
 void KLVMsgCommSocket::ShutDownDirection(bool& open, int how) {
-    if (!open || descriptor == -1) {
+    if (!KLVMsgLoad(open) || descriptor == -1 || FailsAsClosed()) {
         return;
     }
     if (shutdown(descriptor, how) == -1 && !KLVMsgIsConnectionLost(errno)) {
-        lastError = errno;
+        Fail(errno);
         return;
     }
-    open = false;
+    KLVMsgStore(open, false);
 }
 
-void KLVMsgCommSocket::ShutDownWhenLost(int error) {
+void KLVMsgCommSocket::FailAndShutDownWhenLost(int error) {
+    Fail(error);
     if (KLVMsgIsConnectionLost(error)) {
         Shutdown();
     }

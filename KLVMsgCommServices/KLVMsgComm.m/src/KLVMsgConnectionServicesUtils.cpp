@@ -1,29 +1,41 @@
 #include "KLVMsgConnectionServicesUtils.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 
 #include "KLVMsgCommSocket.h"
+#include "KLVMsgCycle.h"
+#include "KLVMsgNotedNumbers.h"
+#include "KLVMsgRegistryInternals.h"
 #include "KLVMsgServerSocket.h"
+#include "KLVMsgSocketField.h"
 #include "KLVMsgSocketInternals.h"
 #include "KLVMsgSocketMessage.h"
 #include "mem_Allocation.h"
 
 template class KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>;
 
-using RegistryLock = KLVBasAtiGlobalSingletonLock<KLVMsgConnectionServicesUtils>;
-
 // The length that stands before the type name.
 using NameLength = unsigned int;
 static_assert(sizeof(NameLength) == 4);
+
+namespace {
+
+struct KLVMsgFree {
+    void operator()(void* block) const { mem_Free(block); }
+};
+
+}  // namespace
 
 KLVMsgConnectionServicesUtils::KLVMsgConnectionServicesUtils() = default;
 
 KLVMsgConnectionServicesUtils::~KLVMsgConnectionServicesUtils() = default;
 
 int KLVMsgConnectionServicesUtils::AddConnection(KLVMsgSocket* socket) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     if (m_connections.IsMember(socket->descriptor)) {
         return 0;
     }
@@ -32,42 +44,34 @@ int KLVMsgConnectionServicesUtils::AddConnection(KLVMsgSocket* socket) {
 }
 
 KLVMsgSocket* KLVMsgConnectionServicesUtils::GetSocket(int number) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     return Find(number);
 }
 
 bool KLVMsgConnectionServicesUtils::IsConnectionOpen(int number) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     const KLVMsgSocket* const socket = Find(number);
-    return socket != nullptr && !socket->closed;
+    return socket != nullptr && !KLVMsgLoad(socket->closed);
 }
 
 void KLVMsgConnectionServicesUtils::RemoveConnection(int number) {
     KLVMsgSocket* const socket = Find(number);
     if (socket != nullptr) {
         socket->Shutdown();
-        Unregister(number);
+        m_connections.Remove(number);
+        KLVMsgCycle::Destroy(socket);
     }
 }
 
 void KLVMsgConnectionServicesUtils::ShutDownConnection(int number) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     RemoveConnection(number);
-}
-
-bool KLVMsgConnectionServicesUtils::RetireClosedConnection(int number) {
-    const RegistryLock lock;
-    const KLVMsgSocket* const socket = Find(number);
-    if (socket == nullptr || !socket->closed) {
-        return false;
-    }
-    Unregister(number);
-    return true;
 }
 
 KLVMsgServerSocket* KLVMsgConnectionServicesUtils::StartServer(KLVMsgSocketAddress address,
                                                                int backlog) {
-    const RegistryLock lock;
+    KLVMsgCycle::AwaitClosedListeners();  // the port may be that of one
+    const KLVMsgRegistryLock lock;
     KLVMsgSocketOwner<KLVMsgServerSocket> socket(new KLVMsgServerSocket(address, backlog));
     if (socket->descriptor == -1) {
         return nullptr;
@@ -78,71 +82,76 @@ KLVMsgServerSocket* KLVMsgConnectionServicesUtils::StartServer(KLVMsgSocketAddre
 
 KLVMsgCommSocket* KLVMsgConnectionServicesUtils::ConnectToServer(KLVMsgSocketAddress first,
                                                                  KLVMsgSocketAddress server) {
-    const RegistryLock lock;
-    KLVMsgSocketOwner<KLVMsgCommSocket> socket(new KLVMsgCommSocket(first));
-    socket->Connect(server);
-    if (!socket->IsConnected()) {
-        return nullptr;
+    int cause = 0;
+    {
+        const KLVMsgRegistryLock lock;
+        KLVMsgSocketOwner<KLVMsgCommSocket> socket(new KLVMsgCommSocket(first));
+        socket->Connect(server);
+        if (socket->IsConnected()) {
+            Register(socket.get());
+            return socket.release();
+        }
+        cause = socket->lastError;
     }
-    Register(socket.get());
-    return socket.release();
+    errno = cause;  // last: what tidies up may change it
+    return nullptr;
 }
 
 void KLVMsgConnectionServicesUtils::SetName(int number, const KLVString& name) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     if (!m_names.Insert(number, name)) {
         m_names.Get(number) = name;
     }
 }
 
 void KLVMsgConnectionServicesUtils::GetName(int number, KLVString& name) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     if (m_names.IsMember(number)) {
         name = m_names.Get(number);
     }
 }
 
 int KLVMsgConnectionServicesUtils::SendMessageHeader(int number, const KLVString& typeName) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     return SendMessageHeader_priv(number, typeName);
 }
 
 int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket(int number, KLVString& typeName) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     return RetrieveMessageTypeFromSocket_priv(number, typeName);
 }
 
 void KLVMsgConnectionServicesUtils::RegisterMessagePrototype(const KLVString& typeName,
                                                              KLVMsgSocketMessage* prototype) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     m_prototypes.Insert(typeName, prototype);  // leaves the first one in its place
 }
 
 KLVMsgSocketMessage* KLVMsgConnectionServicesUtils::GetMsgInstance(const KLVString& typeName) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     KLVMsgSocketMessage* const prototype = m_prototypes.Get(typeName);
     return prototype == nullptr ? nullptr : prototype->NewInstance();
 }
 
 bool KLVMsgConnectionServicesUtils::HasError(int number) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     const KLVMsgSocket* const socket = Find(number);
-    return socket != nullptr && socket->lastError != 0;
+    return socket != nullptr && KLVMsgLoad(socket->lastError) != 0;
 }
 
 void KLVMsgConnectionServicesUtils::ClearError(int number) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     KLVMsgSocket* const socket = Find(number);
     if (socket != nullptr) {
-        socket->lastError = 0;
+        KLVMsgStore(socket->lastError, 0);
     }
 }
 
 void KLVMsgConnectionServicesUtils::GetLastErrorCode(int number, int& code) {
-    const RegistryLock lock;
+    const KLVMsgRegistryLock lock;
     const KLVMsgSocket* const socket = Find(number);
     if (socket != nullptr) {
-        code = socket->lastError;
+        code = KLVMsgLoad(socket->lastError);
     }
 }
 
@@ -154,17 +163,25 @@ KLVMsgCommSocket* KLVMsgConnectionServicesUtils::FindStreamSocket(int number) co
     return KLVMsgAsStreamSocket(Find(number));
 }
 
-// The system has given the number to this socket: one that still stands there is gone for good.
+// The system has given the number to this socket: one that still stands there is gone for good, and
+// so is what is known elsewhere under the number.
 void KLVMsgConnectionServicesUtils::Register(KLVMsgSocket* socket) {
+    KLVMsgNoteNumber(socket->descriptor);
     KLVMsgSocket* const replaced = Find(socket->descriptor);
     m_connections.Insert(socket->descriptor, socket);
-    KLVMsgDestroySocket(replaced);
+    KLVMsgCycle::DestroyReplaced(replaced);
 }
 
-void KLVMsgConnectionServicesUtils::Unregister(int number) {
-    KLVMsgSocket* const socket = Find(number);
-    m_connections.Remove(number);
-    KLVMsgDestroySocket(socket);
+bool KLVMsgConnectionServicesUtils::AddAccepted(KLVMsgCommSocket* socket) {
+    const KLVMsgRegistryLock lock;
+    if (const KLVMsgSocket* const entry = Find(socket->descriptor)) {
+        if (!KLVMsgLoad(entry->closed)) {
+            KLVMsgNoteNumber(socket->descriptor);
+            return false;
+        }
+    }
+    Register(socket);
+    return true;
 }
 
 // The order of the keys of m_prototypes, for a text that is no KLVString: a key that goes on behind a
@@ -188,15 +205,17 @@ KLVString KLVMsgConnectionServicesUtils::TypeName(const char* text) const {
 }
 
 int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number, const KLVString& typeName) {
+    KLVMsgCycle cycle;
     KLVMsgCommSocket* const socket = FindStreamSocket(number);
-    if (socket == nullptr || !socket->outputOpen) {
+    cycle.Hold(socket);
+    if (socket == nullptr || !KLVMsgLoad(socket->outputOpen)) {
         return 0;
     }
     const int length = typeName.Length();
     char scratch[sizeof(NameLength)];
     std::memcpy(scratch, &length, sizeof scratch);
 
-    socket->lastError = 0;
+    KLVMsgStore(socket->lastError, 0);
     if (socket->write(scratch, sizeof scratch) != sizeof scratch) {
         return 0;
     }
@@ -205,11 +224,13 @@ int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number, const KLVS
 
 int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number,
                                                                       KLVString& typeName) {
+    KLVMsgCycle cycle;
     KLVMsgCommSocket* const socket = FindStreamSocket(number);
-    if (socket == nullptr || !socket->inputOpen) {
+    cycle.Hold(socket);
+    if (socket == nullptr || !KLVMsgLoad(socket->inputOpen)) {
         return 0;
     }
-    socket->lastError = 0;
+    KLVMsgStore(socket->lastError, 0);
     // Released below when all four bytes have come, and on no earlier return.
     char* const scratch = static_cast<char*>(mem_OperatorNewThrowBuiltin(sizeof(NameLength)));
     const int count = socket->read(scratch, sizeof(NameLength));
@@ -228,16 +249,17 @@ int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number
         return 0;
     }
 
-    char* const name = static_cast<char*>(mem_Malloc(static_cast<std::size_t>(length) + 1));
+    std::unique_ptr<char, KLVMsgFree> name(
+        static_cast<char*>(mem_Malloc(static_cast<std::size_t>(length) + 1)));
     if (name == nullptr) {
         return 0;
     }
-    name[length] = '\0';
+    name.get()[length] = '\0';
     const int nameLength = static_cast<int>(length);
-    if (socket->read(name, nameLength) != nameLength) {
-        mem_Free(name);
+    if (socket->read(name.get(), nameLength) != nameLength) {
         return 0;
     }
-    typeName = TypeName(name);  // the buffer is kept: it is released after a short read only
+    typeName = TypeName(name.get());
+    name.release();  // kept: the buffer is released after a short read only
     return 1;
 }

@@ -13,17 +13,21 @@ KLVMsgServerSocket::KLVMsgServerSocket(KLVMsgSocketAddress local, int backlog) {
         BindLocalAddress(local);
     }
     if (listen(descriptor, backlog) == -1) {
-        lastError = errno;
+        Fail(errno);
     }
 }
 
 KLVMsgCommSocket* KLVMsgServerSocket::Accept() {
+    if (FailsAsClosed()) {
+        return nullptr;
+    }
     sockaddr_storage peer;
     socklen_t length = sizeof peer;
     const int accepted = accept(descriptor, reinterpret_cast<sockaddr*>(&peer), &length);
     if (accepted == -1) {
-        lastError = errno;
-        if (KLVMsgIsConnectionLost(lastError)) {
+        const int error = errno;
+        Fail(error);
+        if (KLVMsgIsConnectionLost(error)) {
             Shutdown();
         }
         return nullptr;
@@ -35,17 +39,14 @@ KLVMsgCommSocket* KLVMsgServerSocket::Accept() {
         close(accepted);  // nobody else knows of it
         throw;
     }
-    connection->descriptor = accepted;
-    connection->closed = false;
-    connection->inputOpen = true;
-    connection->outputOpen = true;
+    connection->TakeOver(accepted);
     return connection;
 }
 
 void KLVMsgServerSocket::Shutdown() {
-    if (descriptor != -1 && shutdown(descriptor, SHUT_RDWR) == -1 &&
+    if (descriptor != -1 && !FailsAsClosed() && shutdown(descriptor, SHUT_RDWR) == -1 &&
         !KLVMsgIsConnectionLost(errno)) {
-        lastError = errno;
+        Fail(errno);
     }
     Close();
 }

@@ -6,14 +6,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <typeinfo>
 
-#include "KLVMsgCommSocket.h"
 #include "KLVMsgComm_IF.h"
+#include "KLVMsgCycle.h"
 #include "KLVMsgResolvedAddress.h"
-#include "KLVMsgServerSocket.h"
-#include "KLVMsgSocketInternals.h"
-#include "mem_Allocation.h"
+#include "KLVMsgSocketField.h"
 
 // The port that the system has given to a bound descriptor, or -1 with errno set.
 static int BoundPort(int descriptor) {
@@ -30,11 +27,31 @@ static int BoundPort(int descriptor) {
 KLVMsgSocket::KLVMsgSocket() { Startup(); }
 
 void KLVMsgSocket::Close() {
-    if (close(descriptor) == -1) {
-        lastError = errno;
+    if (KLVMsgCycle::ClosesNow(*this)) {
+        CloseDescriptor(descriptor);
     }
-    closed = true;
 }
+
+void KLVMsgSocket::CloseDescriptor(int number) {
+    if (close(number) == -1) {
+        Fail(errno);
+    }
+}
+
+bool KLVMsgSocket::FailsAsClosed() {
+    if (!KLVMsgLoad(closed) || !KLVMsgCycle::HasClosed(*this)) {
+        return false;
+    }
+    Fail(EBADF);
+    return true;
+}
+
+void KLVMsgSocket::PutIn(int number) {
+    KLVMsgCycle::Renew(*this);
+    descriptor = number;
+}
+
+void KLVMsgSocket::Fail(int error) { KLVMsgStore(lastError, error); }
 
 void KLVMsgSocket::BindLocalAddress(KLVMsgSocketAddress local) {
     KLVString service;  // first, since its memory may not be had
@@ -43,18 +60,21 @@ void KLVMsgSocket::BindLocalAddress(KLVMsgSocketAddress local) {
     }
     address = local;
     const char* const serviceText = local.port > 0 ? service.Text() : nullptr;
-    const KLVMsgResolvedAddress resolved = KLVMsgResolveAddress(local.host, serviceText);
+    KLVMsgResolvedAddress resolved = KLVMsgResolveAddress(local.host, serviceText);
     if (resolved == nullptr) {
-        lastError = errno;
+        Fail(errno);
         return;
     }
 
-    descriptor = socket(resolved->ai_family, resolved->ai_socktype, resolved->ai_protocol);
-    if (bind(descriptor, resolved->ai_addr, resolved->ai_addrlen) == -1) {
-        lastError = errno;
+    PutIn(socket(resolved->ai_family, resolved->ai_socktype, resolved->ai_protocol));
+    const bool bound = bind(descriptor, resolved->ai_addr, resolved->ai_addrlen) == 0;
+    const int error = errno;  // before the release, which may change it
+    resolved.reset();
+    if (!bound) {
+        Fail(error);
         return;
     }
-    closed = false;
+    KLVMsgStore(closed, false);
     // The option is set after the bind, so it does not affect this bind.
     const int on = 1;
     setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -62,43 +82,9 @@ void KLVMsgSocket::BindLocalAddress(KLVMsgSocketAddress local) {
     if (local.port <= 0) {
         const int port = BoundPort(descriptor);
         if (port == -1) {
-            lastError = errno;
+            Fail(errno);
         } else {
             address.port = port;
         }
-    }
-}
-
-bool KLVMsgIsConnectionLost(int error) {
-    switch (error) {
-        case ENETDOWN:
-        case ENETUNREACH:
-        case ENETRESET:
-        case ECONNABORTED:
-        case ECONNRESET:
-        case ENOTCONN:
-        case ESHUTDOWN:
-            return true;
-        default:
-            return false;
-    }
-}
-
-KLVMsgCommSocket* KLVMsgAsStreamSocket(KLVMsgSocket* socket) {
-    // Mostly it is exactly that, which is quicker to tell than whether it derives from it.
-    if (socket != nullptr && typeid(*socket) == typeid(KLVMsgCommSocket)) {
-        return static_cast<KLVMsgCommSocket*>(socket);
-    }
-    return dynamic_cast<KLVMsgCommSocket*>(socket);
-}
-
-void KLVMsgDestroySocket(KLVMsgSocket* socket) {
-    // Named destructors, since the base class has no virtual one.
-    if (KLVMsgCommSocket* const stream = KLVMsgAsStreamSocket(socket)) {
-        stream->KLVMsgCommSocket::~KLVMsgCommSocket();
-        mem_Free(stream);
-    } else if (KLVMsgServerSocket* const server = dynamic_cast<KLVMsgServerSocket*>(socket)) {
-        server->KLVMsgServerSocket::~KLVMsgServerSocket();
-        mem_Free(server);
     }
 }

@@ -6,18 +6,20 @@
 #include "KLVBasUtlsleep.h"
 #include "KLVMsgChannelList.h"
 #include "KLVMsgChannelQueryByLabel.h"
+#include "KLVMsgChannelWait.h"
 #include "KLVMsgCommSocket.h"
-#include "KLVMsgConnectionServicesUtils.h"
 #include "KLVMsgInputStream.h"
 #include "KLVMsgMessageQuery.h"
+#include "KLVMsgNotedNumbers.h"
 #include "KLVMsgOutputStream.h"
+#include "KLVMsgRegistryInternals.h"
 #include "KLVMsgSocketErrorInfo.h"
+#include "KLVMsgSocketField.h"
 #include "KLVMsgSocketInternals.h"
 #include "KLVMsgSocketMessage.h"
+#include "KLVMsgVectors.h"
 
 template class KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>;
-
-using CommunicatorLock = KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator>;
 
 // The id of the next record; guarded by the communicator's lock, never reset.
 static unsigned int msg_send_id_counter = 1;
@@ -25,35 +27,19 @@ static unsigned int msg_send_id_counter = 1;
 // How often the blocking operations look again, in milliseconds.
 static const unsigned pollMilliseconds = 20;
 
-namespace {
-
-KLVMsgConnectionServicesUtils& Registry() {
-    return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
-}
-
-// Empties a vector when its work is over, also when a message's own code throws in the middle of
-// it.
-template <class T>
-class ClearAtExit {
+// Holds the communicator's lock, and begins as every operation does that takes it.
+class KLVMsgSocketCommunicator::Operation {
 public:
-    explicit ClearAtExit(KLVBasVector<T>& vector) : m_vector(vector) {}
-    ~ClearAtExit() { m_vector.Clear(); }
-    ClearAtExit(const ClearAtExit&) = delete;
-    ClearAtExit& operator=(const ClearAtExit&) = delete;
+    explicit Operation(KLVMsgSocketCommunicator& communicator) {
+        for (const int number : communicator.ForgetNoted()) {
+            // Accepted before that, and not yet made known.
+            KLVMsgEraseEvery(communicator.m_organizer.waitable.newChannels, number);
+        }
+    }
 
 private:
-    KLVBasVector<T>& m_vector;
+    const KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator> m_lock;
 };
-
-// Takes elements off the end until `size` are left.
-template <class T>
-void Shrink(KLVBasVector<T>& vector, std::size_t size) {
-    while (vector.Size() > size) {
-        vector.Erase(static_cast<int>(vector.Size() - 1));
-    }
-}
-
-}  // namespace
 
 KLVMsgSocketCommunicator::KLVMsgSocketCommunicator() = default;
 
@@ -62,36 +48,58 @@ KLVMsgSocketCommunicator::~KLVMsgSocketCommunicator() {
     m_outputStream = nullptr;
 }
 
+// Drops what is known under numbers that have been given out anew: it is about connections that have
+// gone. Returns the numbers. Requires, as Forget does: the lock is held.
+std::vector<int> KLVMsgSocketCommunicator::ForgetNoted() {
+    std::vector<int> numbers = KLVMsgTakeNotedNumbers();
+    for (const int number : numbers) {
+        Forget(number);
+    }
+    return numbers;
+}
+
+// A queued record keeps its place and its id: the ids of the queue have no gap.
+void KLVMsgSocketCommunicator::Forget(int number) {
+    KLVMsgEraseEvery(m_organizer.channels, number);
+    KLVMsgEraseEvery(m_organizer.waitable.channels, number);
+    for (std::size_t i = 0; i < m_pending.Size(); ++i) {
+        if (m_pending[i].channel.connection == number) {
+            m_pending[i].channel = KLVMsgChannel();
+            m_pending[i].message = nullptr;
+        }
+    }
+}
+
 // Set-up ------------------------------------------------------------------------------------------
 
 void KLVMsgSocketCommunicator::AddConnection(const KLVMsgChannel& channel, bool flag) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     m_organizer.RegisterChannel(channel, flag);
 }
 
 void KLVMsgSocketCommunicator::RemoveConnection(KLVMsgChannelQuery* query, bool flag) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     m_organizer.RemoveChannel(query, flag);
 }
 
 void KLVMsgSocketCommunicator::RetrieveConnections(KLVMsgChannelQuery* query,
                                                    KLVBasVector<KLVMsgChannel>& channels) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     m_organizer.LookupChannel(query, channels);
 }
 
 void KLVMsgSocketCommunicator::RegisterMessagePrototype(const char* type,
                                                         KLVMsgSocketMessage* prototype) {
-    Registry().RegisterMessagePrototype(KLVString(type), prototype);
+    KLVMsgRegistry().RegisterMessagePrototype(KLVString(type), prototype);
 }
 
 void KLVMsgSocketCommunicator::SetDefaultInputStream(KLVMsgInputStream* stream) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     m_inputStream = stream;
 }
 
 void KLVMsgSocketCommunicator::SetDefaultOutputStream(KLVMsgOutputStream* stream) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     m_outputStream = stream;
 }
 
@@ -99,25 +107,29 @@ void KLVMsgSocketCommunicator::SetDefaultOutputStream(KLVMsgOutputStream* stream
 
 void KLVMsgSocketCommunicator::ISendSocketMessage(const KLVMsgChannel& channel,
                                                   KLVMsgSocketMessage* message, unsigned int& id) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     id = Queue(channel, message);
 }
 
 void KLVMsgSocketCommunicator::ISendSocketMessage(KLVMsgChannelQuery* query,
                                                   KLVMsgSocketMessage* message,
                                                   KLVBasVector<unsigned int>& ids) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     KLVBasVector<KLVMsgChannel> channels;
     m_organizer.LookupChannel(query, channels);
+
+    KLVMsgAppending<unsigned int> appendingIds(ids);
     for (std::size_t i = 0; i < channels.Size(); ++i) {
-        ids.PushBack(msg_send_id_counter);
-        try {
-            Queue(channels[i], message);
-        } catch (...) {
-            Shrink(ids, ids.Size() - 1);  // the next record will have this id
-            throw;
-        }
+        ids.PushBack(msg_send_id_counter + static_cast<unsigned int>(i));
     }
+    KLVMsgAppending<KLVMsgChannelMsgStruct> appending(m_pending);
+    for (std::size_t i = 0; i < channels.Size(); ++i) {
+        const unsigned int id = msg_send_id_counter + static_cast<unsigned int>(i);
+        m_pending.PushBack({channels[i], message, id});
+    }
+    msg_send_id_counter += static_cast<unsigned int>(channels.Size());
+    appendingIds.Keep();
+    appending.Keep();
 }
 
 void KLVMsgSocketCommunicator::ISendSocketMessage(const char* label, KLVMsgSocketMessage* message,
@@ -161,14 +173,14 @@ void KLVMsgSocketCommunicator::SendSocketMessage(const char* label, KLVMsgSocket
 }
 
 bool KLVMsgSocketCommunicator::QueryPendingStatus(unsigned int& id) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     return PositionInQueue(id) < m_pending.Size();
 }
 
 void KLVMsgSocketCommunicator::QueryPendingStatus(const KLVBasVector<unsigned int>& ids,
                                                   KLVBasVector<unsigned int>& pending) {
     pending.Clear();
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     std::vector<bool> asked(m_pending.Size());
     for (std::size_t i = 0; i < ids.Size(); ++i) {
         const std::size_t position = PositionInQueue(ids[i]);
@@ -176,25 +188,32 @@ void KLVMsgSocketCommunicator::QueryPendingStatus(const KLVBasVector<unsigned in
             asked[position] = true;
         }
     }
+    KLVMsgAppending<unsigned int> appending(pending);
     for (std::size_t i = 0; i < asked.size(); ++i) {
         if (asked[i]) {
             pending.PushBack(m_pending[i].id);
         }
     }
+    appending.Keep();
 }
 
 void KLVMsgSocketCommunicator::TransmitPendingMessage() {
     if (m_outputStream == nullptr) {
         return;
     }
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     KLVMsgOutputStream* const stream = m_outputStream;
     if (stream == nullptr) {
         return;  // taken away while this call waited for the lock
     }
-    const ClearAtExit<KLVMsgChannelMsgStruct> clear(m_pending);
+    const KLVMsgClearAtExit<KLVMsgChannelMsgStruct> clear(m_pending);
+    KLVMsgCycle cycle;
+    KLVMsgRegistryInternals::Hold(cycle, m_pending.Size(), [this](std::size_t i) {
+        return m_pending[i].channel.connection;
+    });
     for (std::size_t i = 0; i < m_pending.Size(); ++i) {
-        Transmit(m_pending[i], *stream);
+        Transmit(m_pending[i], KLVMsgAsStreamSocket(cycle.Current()), *stream);
+        cycle.EndTurn();
     }
 }
 
@@ -210,17 +229,17 @@ std::size_t KLVMsgSocketCommunicator::PositionInQueue(unsigned int id) const {
     return m_pending.Size() == 0 ? 0 : id - m_pending[0].id;
 }
 
+// `socket` is what stood under the record's number when the transmission began; null if it was none
+// that could be written to.
 void KLVMsgSocketCommunicator::Transmit(const KLVMsgChannelMsgStruct& record,
+                                        const KLVMsgCommSocket* socket,
                                         KLVMsgOutputStream& stream) {
-    if (record.message == nullptr) {
+    if (record.message == nullptr || socket == nullptr || !KLVMsgLoad(socket->outputOpen)) {
         return;
     }
-    const KLVMsgCommSocket* const socket = KLVMsgAsStreamSocket(record.channel.GetSocket());
-    if (socket == nullptr || !socket->outputOpen) {
-        return;
-    }
-    stream.m_connectionNumber = socket->descriptor;
-    if (Registry().SendMessageHeader(socket->descriptor, record.message->GetMessageType()) != 0) {
+    const int number = socket->descriptor;
+    stream.m_connectionNumber = number;
+    if (KLVMsgRegistry().SendMessageHeader(number, record.message->GetMessageType()) != 0) {
         record.message->WriteMessage(&stream);
     }
 }
@@ -236,54 +255,90 @@ bool KLVMsgSocketCommunicator::IsOkToShutDownMessageTask() const {
 }
 
 void KLVMsgSocketCommunicator::ShutdownMessageTask() {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     m_organizer.Shutdown();
     m_taskRunning.store(false, std::memory_order_relaxed);
 }
 
 // Receiving ---------------------------------------------------------------------------------------
 
+// True when the list has the channel of position `i` before that. Each wait appends in ascending order
+// of descriptors, so only the first `foundEarlier`, of earlier waits, can stand apart.
+static bool IsRepeated(const KLVBasVector<KLVMsgChannel>& list, std::size_t i,
+                       std::size_t foundEarlier) {
+    if (foundEarlier != 0) {
+        return static_cast<std::size_t>(KLVMsgFindChannel(list, list[i].connection)) != i;
+    }
+    return i != 0 && list[i] == list[i - 1];
+}
+
 void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable* waitable,
                                                           int timeout) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     KLVMsgChannelWaitable& waited = waitable == nullptr ? m_organizer.waitable : *waitable;
-    const ClearAtExit<KLVMsgChannel> clear(waited.readyChannels);
-    waited.WaitForConnectionAndMessages(timeout);
-
-    for (std::size_t i = 0; i < waited.newChannels.Size(); ++i) {
-        // An entry that still holds the number would have it served twice.
-        m_organizer.ForgetChannel(waited.newChannels[i]);
-        m_organizer.RegisterChannel(waited.newChannels[i], true);
-    }
-    waited.newChannels.Clear();
+    const KLVMsgClearAtExit<KLVMsgChannel> clear(waited.readyChannels);
+    const std::size_t foundEarlier = waited.readyChannels.Size();
+    KLVMsgCycle cycle;
+    Wait(waited, timeout, cycle);
+    MakeKnown(waited.newChannels);
 
     for (std::size_t i = 0; i < waited.readyChannels.Size(); ++i) {
         const KLVMsgChannel channel = waited.readyChannels[i];
-        if (!ReceiveMessage(channel) && channel.GetSocket() == nullptr) {
-            KLVMsgEraseFirst(waited.channels, channel);
+        const bool received = cycle.Current() != nullptr &&
+                              !IsRepeated(waited.readyChannels, i, foundEarlier) &&
+                              ReceiveMessage(channel);
+        if (!received && channel.GetSocket() == nullptr) {
+            KLVMsgEraseFirst(waited.channels, channel.connection);
         }
+        cycle.EndTurn();
+    }
+}
+
+// Waits, and looks at the notes again: what it has accepted is noted too, and the next operation would
+// take that for gone. Accepted connections stay in the waitable when the wait fails half way.
+void KLVMsgSocketCommunicator::Wait(KLVMsgChannelWaitable& waitable, int timeout,
+                                    KLVMsgCycle& cycle) {
+    try {
+        KLVMsgWaitInCycle(waitable, timeout, cycle);
+    } catch (...) {
+        ForgetNoted();
+        throw;
+    }
+    ForgetNoted();
+}
+
+// Takes the accepted connections over, one by one: where memory runs short the others remain.
+void KLVMsgSocketCommunicator::MakeKnown(KLVBasVector<KLVMsgChannel>& accepted) {
+    while (accepted.Size() != 0) {
+        m_organizer.RegisterChannel(accepted[0], true);
+        accepted.Erase(0);
     }
 }
 
 // Reads one message into the inbox. False when there was no header to read; a message that nobody
 // registered is passed over, its body left in the socket.
 bool KLVMsgSocketCommunicator::ReceiveMessage(const KLVMsgChannel& channel) {
+    // Room in the inbox comes first: what has been read cannot be put back.
+    KLVMsgAppending<KLVMsgChannelMsgStruct> room(m_inbox);
+    m_inbox.PushBack({});
+
     KLVString type;
-    if (Registry().RetrieveMessageTypeFromSocket(channel.connection, type) == 0 ||
+    if (KLVMsgRegistry().RetrieveMessageTypeFromSocket(channel.connection, type) == 0 ||
         type.Length() == 0) {
         return false;
     }
-    KLVMsgSocketMessage* const message = Registry().GetMsgInstance(type);
+    KLVMsgSocketMessage* const message = KLVMsgRegistry().GetMsgInstance(type);
     if (message != nullptr) {
         m_inputStream->m_connectionNumber = channel.connection;
         message->ReadMessage(m_inputStream);
-        m_inbox.PushBack({channel, message, 0});
+        m_inbox[m_inbox.Size() - 1] = {channel, message, 0};
+        room.Keep();
     }
     return true;
 }
 
 void KLVMsgSocketCommunicator::AddMessage(const KLVMsgChannelMsgStruct& record) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     m_inbox.PushBack(record);
 }
 
@@ -303,7 +358,7 @@ void KLVMsgSocketCommunicator::IRetrieveMessages(KLVMsgMessageQuery* query,
 template <class Element, class Project>
 void KLVMsgSocketCommunicator::TakeFromInbox(KLVMsgMessageQuery* query,
                                              KLVBasVector<Element>& taken, Project project) {
-    const CommunicatorLock lock;
+    const Operation operation(*this);
     KLVBasVector<KLVMsgSocketMessage*> messages;
     for (std::size_t i = 0; i < m_inbox.Size(); ++i) {
         messages.PushBack(m_inbox[i].message);
@@ -312,19 +367,15 @@ void KLVMsgSocketCommunicator::TakeFromInbox(KLVMsgMessageQuery* query,
     query->Search(messages, indexes);
 
     std::vector<bool> leaving(m_inbox.Size());
-    const std::size_t before = taken.Size();
-    try {
-        for (std::size_t i = indexes.Size(); i-- > 0;) {
-            const std::size_t position = static_cast<std::size_t>(indexes[i]);
-            if (position < leaving.size() && !leaving[position]) {
-                taken.PushBack(project(m_inbox[position]));
-                leaving[position] = true;
-            }
+    KLVMsgAppending<Element> appending(taken);
+    for (std::size_t i = indexes.Size(); i-- > 0;) {
+        const std::size_t position = static_cast<std::size_t>(indexes[i]);
+        if (position < leaving.size() && !leaving[position]) {
+            taken.PushBack(project(m_inbox[position]));
+            leaving[position] = true;
         }
-    } catch (...) {
-        Shrink(taken, before);  // they are still in the inbox
-        throw;
     }
+    appending.Keep();
 
     std::size_t kept = 0;
     for (std::size_t i = 0; i < m_inbox.Size(); ++i) {
@@ -332,7 +383,7 @@ void KLVMsgSocketCommunicator::TakeFromInbox(KLVMsgMessageQuery* query,
             m_inbox[kept++] = m_inbox[i];
         }
     }
-    Shrink(m_inbox, kept);
+    KLVMsgShrink(m_inbox, kept);
 }
 
 std::size_t KLVMsgSocketCommunicator::RetrieveMessages(
@@ -350,11 +401,11 @@ std::size_t KLVMsgSocketCommunicator::RetrieveMessages(
 
 void KLVMsgSocketCommunicator::GetErrorsOnChannel(const KLVMsgChannel& channel, int& code,
                                                   KLVString& text) {
-    const CommunicatorLock lock;
-    code = 0;
-    const KLVMsgSocket* const socket = channel.GetSocket();
-    if (socket != nullptr && Registry().HasError(socket->descriptor)) {
-        Registry().GetLastErrorCode(socket->descriptor, code);
-        KLVMsgSocketErrorInfo(code, text);
+    const Operation operation(*this);
+    int error = 0;
+    KLVMsgRegistry().GetLastErrorCode(channel.connection, error);
+    if (error != 0) {
+        KLVMsgSocketErrorInfo(error, text);
     }
+    code = error;
 }

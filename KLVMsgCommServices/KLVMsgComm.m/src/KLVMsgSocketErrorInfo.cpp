@@ -25,8 +25,3 @@ aio_ostream& endl(aio_ostream& stream) {
     KLVMsgEndLine(stream);
     return stream;
 }
-
-void KLVMsgEndLine(aio_ostream& stream) {
-    stream.put('\n');
-    stream.flush();
-}

@@ -6,12 +6,16 @@
 #include "KLVMsgSocket.h"
 
 class KLVMsgCommSocket;
+class KLVMsgServerSocket;
 
 // True for the errno values that tell that the peer or the network is gone.
 bool KLVMsgIsConnectionLost(int error);
 
 // The socket as a stream socket, or null when it is none (or is null itself).
 KLVMsgCommSocket* KLVMsgAsStreamSocket(KLVMsgSocket* socket);
+
+// The same for a listening socket.
+KLVMsgServerSocket* KLVMsgAsServerSocket(KLVMsgSocket* socket);
 
 // Destroys a stream or listening socket as what it is, and leaves its descriptor alone. Null is
 // ignored.

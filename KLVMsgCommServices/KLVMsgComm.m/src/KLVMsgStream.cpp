@@ -1,18 +1,13 @@
 #include "KLVMsgStream.h"
 
+#include <climits>
 #include <cstdint>
 
 #include "KLVMsgBufferedOutputStream.h"
 #include "KLVMsgCommSocket.h"
-#include "KLVMsgConnectionServicesUtils.h"
+#include "KLVMsgRegistryInternals.h"
 #include "KLVMsgSimpleInputStream.h"
-#include "KLVMsgSocketInternals.h"
-
-// The stream socket of a connection, or null.
-static KLVMsgCommSocket* FindSocket(int connectionNumber) {
-    auto* const registry = KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
-    return KLVMsgAsStreamSocket(registry->GetSocket(connectionNumber));
-}
+#include "KLVMsgSocketField.h"
 
 // A count may fall below zero while a socket fails, and in the end wrap around: the sums are made
 // where that is defined, on unsigned values.
@@ -29,8 +24,16 @@ static const char* At(const void* data, int offset) {
                                          static_cast<std::uintptr_t>(offset));
 }
 
+// False when a send of so many bytes fails without a system call, now and ever after.
+static bool CanSend(KLVMsgCommSocket& socket, int length) {
+    return length >= 0 && KLVMsgLoad(socket.outputOpen) &&
+           !(KLVMsgLoad(socket.closed) && KLVMsgCycle::HasClosed(socket));
+}
+
 void KLVMsgSimpleInputStream::read(void* buffer, int length, int& count) {
-    KLVMsgCommSocket* const socket = FindSocket(m_connectionNumber);
+    KLVMsgCycle transfer;
+    KLVMsgCommSocket* const socket =
+        KLVMsgRegistryInternals::HoldStreamSocket(transfer, m_connectionNumber);
     if (socket != nullptr) {
         count = socket->read(static_cast<char*>(buffer), length);
     }
@@ -39,7 +42,9 @@ void KLVMsgSimpleInputStream::read(void* buffer, int length, int& count) {
 KLVMsgBufferedOutputStream::KLVMsgBufferedOutputStream(int bufferSize) : m_bufferSize(bufferSize) {}
 
 void KLVMsgBufferedOutputStream::write(void* data, int length, int& count) {
-    KLVMsgCommSocket* const socket = FindSocket(m_connectionNumber);
+    KLVMsgCycle transfer;
+    KLVMsgCommSocket* const socket =
+        KLVMsgRegistryInternals::HoldStreamSocket(transfer, m_connectionNumber);
     if (socket == nullptr) {
         return;
     }
@@ -54,6 +59,11 @@ void KLVMsgBufferedOutputStream::write(void* data, int length, int& count) {
         count = Sum(count, socket->write(At(data, offset), m_bufferSize));
         offset = count;
         remaining = Difference(length, count);
+        if (remaining > m_bufferSize && !CanSend(*socket, m_bufferSize)) {
+            // Each further piece would step back by one byte, until what remains no longer grows.
+            remaining = INT_MIN;
+            count = Difference(length, remaining);
+        }
     } while (remaining > m_bufferSize);
     if (remaining != 0) {
         socket->write(At(data, offset), remaining);

@@ -1,0 +1,16 @@
+// For the library's own sources: connection numbers that have been given out anew.
+//
+// What the communicator knows under such a number is about a connection that has gone. The registry,
+// which never calls the communicator, notes the number before it registers the new connection; the
+// communicator looks at the notes before everything else that it does under its lock.
+//
+// The notes have a mutex of their own, the last lock that a thread takes.
+#pragma once
+
+#include <vector>
+
+// Notes a number, once. Takes memory: std::bad_alloc notes nothing.
+void KLVMsgNoteNumber(int number);
+
+// Hands over all notes and forgets them. Without any it takes neither a lock nor memory.
+std::vector<int> KLVMsgTakeNotedNumbers();
