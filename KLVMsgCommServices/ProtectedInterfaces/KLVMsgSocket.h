@@ -13,6 +13,8 @@
 //   owns.
 #pragma once
 
+#include <atomic>
+
 #include "KLVMsgExport.h"
 #include "KLVMsgSocketAddress.h"
 #include "mem_AllocationOperators.h"
@@ -58,20 +60,28 @@ protected:
     void Fail(int error);
 
 private:
-    friend class KLVMsgCycle;  // which closes and destroys late what is still in use
+    friend class KLVMsgSocketHold;
+
+    // How the socket is closed and destroyed while others are at work with it. A copy of a socket
+    // shares nothing of that but what is closed already.
+    struct Departure {
+        Departure() = default;
+        Departure(const Departure& other) { *this = other; }
+        Departure& operator=(const Departure& other);
+
+        std::atomic<int> holds{0};     // how many must end first
+        std::atomic<int> waits{0};     // the same, for waits
+        int closed = -1;               // the descriptor that Close has closed, -1: none
+        bool inputOpen = false;        // the direction flags as Close left them
+        bool outputOpen = false;
+        bool departing = false;        // to be closed or destroyed when all holds have ended
+        bool closing = false;          // being closed at the moment
+        bool removed = false;          // to be destroyed
+        int toClose = -1;              // the descriptor to be closed, -1: none
+        KLVMsgSocket* next = nullptr;  // departing, too
+    };
 
     void CloseDescriptor(int number);
 
-    // How the socket leaves.
-    struct Departure {
-        int closed = -1;               // the descriptor that Close has closed, as long as it stands
-        bool inputOpen = false;        // the direction flags as Close left them
-        bool outputOpen = false;
-        bool departing = false;        // a cycle still needs what is to be closed or destroyed
-        bool closing = false;          // being closed at the moment
-        bool destroyed = false;        // to be destroyed
-        int toClose = -1;              // the descriptor to be closed
-        KLVMsgSocket* next = nullptr;  // departing, too
-    };
     Departure m_departure;
 };

@@ -12,7 +12,7 @@
 
 #include <atomic>
 #include <cstddef>
-#include <vector>
+#include <memory>
 
 #include "KLVBasAtiGlobalSingleton.h"
 #include "KLVBasVector.h"
@@ -26,6 +26,7 @@ class KLVMSG_EXPORT KLVMsgSocketCommunicator;
 class KLVMsgChannelQuery;
 class KLVMsgCommSocket;
 class KLVMsgCycle;
+struct KLVMsgCycleLists;
 class KLVMsgInputStream;
 class KLVMsgMessageQuery;
 class KLVMsgOutputStream;
@@ -175,12 +176,15 @@ public:
 private:
     class Operation;
 
-    std::vector<int> ForgetNoted();
+    void ForgetNoted();
+    void ForgetReplaced();
     void Forget(int number);
+    void ShutDown(int number);
     unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
     std::size_t PositionInQueue(unsigned int id) const;
     void Transmit(const KLVMsgChannelMsgStruct& record, const KLVMsgCommSocket* socket,
                   KLVMsgOutputStream& stream);
+    void AddTurns(KLVMsgCycle& cycle);
     void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);
     void MakeKnown(KLVBasVector<KLVMsgChannel>& accepted);
     bool ReceiveMessage(const KLVMsgChannel& channel);
@@ -193,4 +197,5 @@ private:
     KLVMsgInputStream* m_inputStream = nullptr;                // not owned
     std::atomic<KLVMsgOutputStream*> m_outputStream{nullptr};  // not owned; null: nothing is sent
     std::atomic<bool> m_taskRunning{false};
+    const std::unique_ptr<KLVMsgCycleLists> m_lists;  // of the cycle at work
 };

@@ -77,9 +77,11 @@ PlainPeer::PlainPeer(int port) : m_descriptor(socket(AF_INET, SOCK_STREAM, 0)) {
 
 PlainPeer::~PlainPeer() { Close(); }
 
-void PlainPeer::Send(const std::string& bytes) {
-    EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
-              ::send(m_descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+void PlainPeer::Send(const std::string& bytes) { EXPECT_TRUE(SendAny(bytes)); }
+
+bool PlainPeer::SendAny(const std::string& bytes) {
+    return ::send(m_descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
 }
 
 std::string PlainPeer::Receive(std::size_t length) {
@@ -121,7 +123,7 @@ std::string TextBytes(const std::string& typeName, const std::string& text) {
     return HeaderBytes(typeName) + LengthBytes(text) + text;
 }
 
-int TextMessage::alive = 0;
+std::atomic<int> TextMessage::alive{0};
 
 TextMessage::TextMessage(const std::string& typeName, const std::string& content)
     : type(typeName), text(content) {

@@ -4,6 +4,7 @@
 
 #include <KLVMsgCommModules.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
 
@@ -33,6 +34,7 @@ public:
     PlainPeer& operator=(const PlainPeer&) = delete;
 
     void Send(const std::string& bytes);
+    bool SendAny(const std::string& bytes);  // the same to a connection that may have gone
 
     // Exactly `length` bytes, or as many as came before the connection ended.
     std::string Receive(std::size_t length);
@@ -87,7 +89,7 @@ public:
     KLVMsgSocketMessage* NewInstance() override;
     KLVString GetMessageType() const override;
 
-    static int alive;
+    static std::atomic<int> alive;
 
     std::string type;
     std::string text;

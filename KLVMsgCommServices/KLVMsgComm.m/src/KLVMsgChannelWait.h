@@ -1,11 +1,14 @@
-// For the library's own sources: a wait as the beginning of a longer cycle.
+// For the library's own sources: a wait in its two steps, as the beginning of a cycle.
 #pragma once
 
 class KLVMsgChannelWaitable;
 class KLVMsgCycle;
 
-// What KLVMsgChannelWaitable::WaitForConnectionAndMessages does, in a cycle that may go on: from then
-// on it has one turn for each entry of `readyChannels`, in their order. Those of the listening sockets
-// are over.
-void KLVMsgWaitInCycle(KLVMsgChannelWaitable& waitable, int timeoutMilliseconds,
-                       KLVMsgCycle& cycle);
+// Looks up and holds the sockets of the live channels that the waitable watches. What an earlier wait
+// has found ready gets a turn.
+// Requires: the registry's lock is held.
+void KLVMsgBeginWait(const KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle);
+
+// Waits on them, accepts, and adds a turn for each channel that it appends to `readyChannels`: there
+// is one for each entry then, in their order. See KLVMsgChannelWaitable::WaitForConnectionAndMessages.
+void KLVMsgWait(KLVMsgChannelWaitable& waitable, int timeoutMilliseconds, KLVMsgCycle& cycle);

@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <vector>
 
 #include "KLVMsgChannelList.h"
 #include "KLVMsgChannelWait.h"
 #include "KLVMsgCommSocket.h"
+#include "KLVMsgCycle.h"
 #include "KLVMsgDiagnostics.h"
 #include "KLVMsgRegistryInternals.h"
 #include "KLVMsgServerSocket.h"
@@ -19,64 +21,33 @@
 
 namespace {
 
-// A watched channel that was found readable, and its socket.
-struct ReadableChannel {
-    KLVMsgSocket* socket;
-    KLVMsgChannel channel;
-};
-
-using Channels = KLVBasVector<KLVMsgChannel>;
-
 bool FitsDescriptorSet(int descriptor) { return descriptor >= 0 && descriptor < FD_SETSIZE; }
 
-// Has the cycle hold the sockets of the watched channels, and behind them of those that an earlier
-// wait has found ready: they are going to be read as well.
-void HoldSockets(const KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle) {
-    const std::size_t watched = waitable.channels.Size();
-    KLVMsgRegistryInternals::Hold(
-        cycle, watched + waitable.readyChannels.Size(), [&](std::size_t i) {
-            return (i < watched ? waitable.channels[i] : waitable.readyChannels[i - watched])
-                .connection;
-        });
-}
-
-// Adds the descriptors of the live sockets to the set; returns the highest one, or -1.
-int CollectDescriptors(const KLVMsgCycle& cycle, std::size_t watched, fd_set& set) {
-    int highest = -1;
-    for (std::size_t i = 0; i < watched; ++i) {
-        const KLVMsgSocket* const socket = cycle.Socket(i);
-        if (socket == nullptr || KLVMsgLoad(socket->closed) ||
-            !FitsDescriptorSet(socket->descriptor)) {
-            continue;
+// Ends the wait: each watched channel whose socket's descriptor is in the set gets a turn, by
+// descriptor, those of the same descriptor in list order; what has none is held no more. A channel
+// that was removed meanwhile is left out.
+void EndWait(KLVMsgCycle& cycle, const fd_set& set) {
+    std::vector<KLVMsgTurn>& turns = cycle.Turns();
+    const auto first = static_cast<std::ptrdiff_t>(turns.size());
+    {
+        const KLVMsgRegistryLock lock;
+        for (const KLVMsgTurn& watched : cycle.Watched()) {
+            if (FD_ISSET(watched.socket->descriptor, &set) &&
+                KLVMsgRegistryInternals::Find(watched.channel.connection) == watched.socket) {
+                cycle.AddTurn(watched);
+            }
         }
-        FD_SET(socket->descriptor, &set);
-        highest = std::max(highest, socket->descriptor);
+        cycle.EndWatch();
     }
-    return highest;
-}
+    KLVMsgSocketHold::AfterWait();
 
-// The channels whose socket's descriptor is in the set, by descriptor, those of the same descriptor
-// in list order. One that was removed during the wait is left out.
-std::vector<ReadableChannel> FindReadable(const KLVMsgCycle& cycle, const Channels& channels,
-                                          const fd_set& set) {
-    std::vector<ReadableChannel> found;
-    const KLVMsgRegistryLock lock;
-    for (std::size_t i = 0; i < channels.Size(); ++i) {
-        KLVMsgSocket* const socket = cycle.Socket(i);
-        if (socket != nullptr && FitsDescriptorSet(socket->descriptor) &&
-            FD_ISSET(socket->descriptor, &set) &&
-            KLVMsgRegistryInternals::IsRegistered(channels[i].connection, socket)) {
-            found.push_back({socket, channels[i]});
-        }
-    }
-    const auto byDescriptor = [](const ReadableChannel& a, const ReadableChannel& b) {
+    const auto byDescriptor = [](const KLVMsgTurn& a, const KLVMsgTurn& b) {
         return a.socket->descriptor < b.socket->descriptor;
     };
     // Mostly in order already: the system hands out descriptors lowest first.
-    if (!std::is_sorted(found.begin(), found.end(), byDescriptor)) {
-        std::stable_sort(found.begin(), found.end(), byDescriptor);
+    if (!std::is_sorted(turns.begin() + first, turns.end(), byDescriptor)) {
+        std::stable_sort(turns.begin() + first, turns.end(), byDescriptor);
     }
-    return found;
 }
 
 // Exactly 1000 ms become a million microseconds, and a negative time negative ones.
@@ -93,33 +64,21 @@ void ReportFailedWait(int error) {
     KLVMsgEndLine(aio_cerr);
 }
 
-// Waits until a descriptor of the cycle's first sockets is readable or the time is over, and tells
-// which are.
-std::vector<ReadableChannel> Select(const KLVMsgCycle& cycle, const Channels& channels,
-                                    int timeoutMilliseconds) {
-    fd_set readable;
-    FD_ZERO(&readable);
-    const int highest = CollectDescriptors(cycle, channels.Size(), readable);
-    if (highest == -1) {
-        return {};
+// The descriptors of what is watched that are readable before the time is over.
+fd_set Select(const KLVMsgCycle& cycle, int timeoutMilliseconds) {
+    fd_set set;
+    FD_ZERO(&set);
+    int highest = -1;
+    for (const KLVMsgTurn& watched : cycle.Watched()) {
+        FD_SET(watched.socket->descriptor, &set);
+        highest = std::max(highest, watched.socket->descriptor);
     }
     timeval timeout = ToTimeval(timeoutMilliseconds);
-    if (select(highest + 1, &readable, nullptr, nullptr, &timeout) == -1) {
+    if (select(highest + 1, &set, nullptr, nullptr, &timeout) == -1) {
         ReportFailedWait(errno);
-        return {};
+        FD_ZERO(&set);
     }
-    return FindReadable(cycle, channels, readable);
-}
-
-// Appends the readable listening sockets, each once.
-void AppendListening(const std::vector<ReadableChannel>& readable,
-                     std::vector<KLVMsgSocket*>& turns) {
-    for (const ReadableChannel& found : readable) {
-        if (KLVMsgAsServerSocket(found.socket) != nullptr &&
-            (turns.empty() || turns.back() != found.socket)) {
-            turns.push_back(found.socket);
-        }
-    }
+    return set;
 }
 
 // Accepts one connection, registers it and appends its channel to `newChannels`.
@@ -141,43 +100,63 @@ void AcceptConnection(KLVMsgServerSocket& server, KLVMsgChannelWaitable& waitabl
     }
 }
 
-}  // namespace
-
-void KLVMsgWaitInCycle(KLVMsgChannelWaitable& waitable, int timeoutMilliseconds,
-                       KLVMsgCycle& cycle) {
-    HoldSockets(waitable, cycle);
-    const std::vector<ReadableChannel> readable =
-        Select(cycle, waitable.channels, timeoutMilliseconds);
-
-    // From now on only what has a turn is held: first the listening sockets, then what is ready.
-    std::vector<KLVMsgSocket*>& turns = cycle.Plan();
-    if (waitable.acceptConnections) {
-        AppendListening(readable, turns);
-    }
-    const std::size_t accepts = turns.size();
-    for (std::size_t i = 0; i < waitable.readyChannels.Size(); ++i) {
-        turns.push_back(cycle.Socket(waitable.channels.Size() + i));
-    }
+// Serves the listening sockets among the turns from `first` on, each once, and appends the channels of
+// the others to `readyChannels`. No listening socket is held after that.
+void ServeReadable(KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle, std::size_t first) {
     KLVMsgAppending<KLVMsgChannel> appending(waitable.readyChannels);
-    for (const ReadableChannel& found : readable) {
-        if (KLVMsgAsServerSocket(found.socket) == nullptr) {
-            turns.push_back(found.socket);
-            waitable.readyChannels.PushBack(found.channel);
+    const KLVMsgSocket* served = nullptr;
+    for (std::size_t i = first; i < cycle.Turns().size(); ++i) {
+        const KLVMsgTurn turn = cycle.Turns()[i];
+        KLVMsgServerSocket* const server = KLVMsgAsServerSocket(turn.socket);
+        if (server == nullptr) {
+            waitable.readyChannels.PushBack(turn.channel);
+            continue;
         }
-    }
-    cycle.Hold();
-
-    for (std::size_t i = 0; i < accepts; ++i) {
-        AcceptConnection(*KLVMsgAsServerSocket(cycle.Current()), waitable);
-        cycle.EndTurn();
+        if (waitable.acceptConnections && server != served) {
+            AcceptConnection(*server, waitable);
+        }
+        served = server;
+        cycle.DropTurn(i--);
     }
     appending.Keep();
+}
+
+}  // namespace
+
+void KLVMsgBeginWait(const KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle) {
+    for (std::size_t i = 0; i < waitable.channels.Size(); ++i) {
+        const KLVMsgChannel channel = waitable.channels[i];
+        KLVMsgSocket* const socket = KLVMsgRegistryInternals::Find(channel.connection);
+        if (socket != nullptr && !KLVMsgLoad(socket->closed) &&
+            FitsDescriptorSet(socket->descriptor)) {
+            cycle.Watch(socket, channel);
+        }
+    }
+    for (std::size_t i = 0; i < waitable.readyChannels.Size(); ++i) {
+        const KLVMsgChannel channel = waitable.readyChannels[i];
+        cycle.AddTurn({KLVMsgRegistryInternals::Find(channel.connection), channel});
+    }
+}
+
+void KLVMsgWait(KLVMsgChannelWaitable& waitable, int timeoutMilliseconds, KLVMsgCycle& cycle) {
+    if (cycle.Watched().empty()) {
+        return;
+    }
+    const fd_set readable = Select(cycle, timeoutMilliseconds);
+    const std::size_t first = cycle.Turns().size();
+    EndWait(cycle, readable);
+    ServeReadable(waitable, cycle, first);
 }
 
 KLVMsgChannelWaitable::KLVMsgChannelWaitable(const KLVBasVector<KLVMsgChannel>& watched)
     : channels(watched) {}
 
 void KLVMsgChannelWaitable::WaitForConnectionAndMessages(int timeoutMilliseconds) {
-    KLVMsgCycle cycle;
-    KLVMsgWaitInCycle(*this, timeoutMilliseconds, cycle);
+    KLVMsgCycleLists lists;
+    KLVMsgCycle cycle(lists);
+    {
+        const KLVMsgRegistryLock lock;
+        KLVMsgBeginWait(*this, cycle);
+    }
+    KLVMsgWait(*this, timeoutMilliseconds, cycle);
 }

@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "KLVMsgCommSocket.h"
-#include "KLVMsgCycle.h"
 #include "KLVMsgNotedNumbers.h"
 #include "KLVMsgRegistryInternals.h"
 #include "KLVMsgServerSocket.h"
@@ -59,7 +58,7 @@ void KLVMsgConnectionServicesUtils::RemoveConnection(int number) {
     if (socket != nullptr) {
         socket->Shutdown();
         m_connections.Remove(number);
-        KLVMsgCycle::Destroy(socket);
+        KLVMsgSocketHold::Destroy(socket);
     }
 }
 
@@ -70,7 +69,7 @@ void KLVMsgConnectionServicesUtils::ShutDownConnection(int number) {
 
 KLVMsgServerSocket* KLVMsgConnectionServicesUtils::StartServer(KLVMsgSocketAddress address,
                                                                int backlog) {
-    KLVMsgCycle::AwaitClosedListeners();  // the port may be that of one
+    KLVMsgSocketHold::AwaitClosedListeners();  // the port may be that of one
     const KLVMsgRegistryLock lock;
     KLVMsgSocketOwner<KLVMsgServerSocket> socket(new KLVMsgServerSocket(address, backlog));
     if (socket->descriptor == -1) {
@@ -169,7 +168,7 @@ void KLVMsgConnectionServicesUtils::Register(KLVMsgSocket* socket) {
     KLVMsgNoteNumber(socket->descriptor);
     KLVMsgSocket* const replaced = Find(socket->descriptor);
     m_connections.Insert(socket->descriptor, socket);
-    KLVMsgCycle::DestroyReplaced(replaced);
+    KLVMsgSocketHold::DestroyReplaced(replaced);
 }
 
 bool KLVMsgConnectionServicesUtils::AddAccepted(KLVMsgCommSocket* socket) {
@@ -205,9 +204,7 @@ KLVString KLVMsgConnectionServicesUtils::TypeName(const char* text) const {
 }
 
 int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number, const KLVString& typeName) {
-    KLVMsgCycle cycle;
     KLVMsgCommSocket* const socket = FindStreamSocket(number);
-    cycle.Hold(socket);
     if (socket == nullptr || !KLVMsgLoad(socket->outputOpen)) {
         return 0;
     }
@@ -224,9 +221,7 @@ int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number, const KLVS
 
 int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number,
                                                                       KLVString& typeName) {
-    KLVMsgCycle cycle;
     KLVMsgCommSocket* const socket = FindStreamSocket(number);
-    cycle.Hold(socket);
     if (socket == nullptr || !KLVMsgLoad(socket->inputOpen)) {
         return 0;
     }

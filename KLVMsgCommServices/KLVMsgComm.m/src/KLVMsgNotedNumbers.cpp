@@ -1,27 +1,36 @@
 #include "KLVMsgNotedNumbers.h"
 
 #include <algorithm>
-#include <atomic>
 #include <mutex>
+#include <utility>
 
 static std::mutex mutex;
 static std::vector<int> noted;
-static std::atomic<bool> anyNoted{false};
+std::atomic<bool> KLVMsgNumbersAreNoted{false};
+
+// Requires: the mutex is held.
+static bool IsNoted(int number) {
+    return std::find(noted.begin(), noted.end(), number) != noted.end();
+}
 
 void KLVMsgNoteNumber(int number) {
     const std::lock_guard<std::mutex> lock(mutex);
-    if (std::find(noted.begin(), noted.end(), number) == noted.end()) {
+    if (!IsNoted(number)) {
         noted.push_back(number);
     }
-    anyNoted = true;
+    KLVMsgNumbersAreNoted = true;
+}
+
+bool KLVMsgIsNoted(int number) {
+    if (!KLVMsgNumbersAreNoted) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(mutex);
+    return IsNoted(number);
 }
 
 std::vector<int> KLVMsgTakeNotedNumbers() {
-    std::vector<int> taken;
-    if (anyNoted) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        taken.swap(noted);
-        anyNoted = false;
-    }
-    return taken;
+    const std::lock_guard<std::mutex> lock(mutex);
+    KLVMsgNumbersAreNoted = false;
+    return std::exchange(noted, {});
 }

@@ -8,9 +8,9 @@
 #include <cstring>
 
 #include "KLVMsgComm_IF.h"
-#include "KLVMsgCycle.h"
 #include "KLVMsgResolvedAddress.h"
 #include "KLVMsgSocketField.h"
+#include "KLVMsgSocketHold.h"
 
 // The port that the system has given to a bound descriptor, or -1 with errno set.
 static int BoundPort(int descriptor) {
@@ -26,8 +26,15 @@ static int BoundPort(int descriptor) {
 
 KLVMsgSocket::KLVMsgSocket() { Startup(); }
 
+KLVMsgSocket::Departure& KLVMsgSocket::Departure::operator=(const Departure& other) {
+    closed = other.closed;
+    inputOpen = other.inputOpen;
+    outputOpen = other.outputOpen;
+    return *this;
+}
+
 void KLVMsgSocket::Close() {
-    if (KLVMsgCycle::ClosesNow(*this)) {
+    if (KLVMsgSocketHold::ClosesNow(*this)) {
         CloseDescriptor(descriptor);
     }
 }
@@ -39,7 +46,7 @@ void KLVMsgSocket::CloseDescriptor(int number) {
 }
 
 bool KLVMsgSocket::FailsAsClosed() {
-    if (!KLVMsgLoad(closed) || !KLVMsgCycle::HasClosed(*this)) {
+    if (!KLVMsgLoad(closed) || !KLVMsgSocketHold::HasClosed(*this)) {
         return false;
     }
     Fail(EBADF);
@@ -47,7 +54,7 @@ bool KLVMsgSocket::FailsAsClosed() {
 }
 
 void KLVMsgSocket::PutIn(int number) {
-    KLVMsgCycle::Renew(*this);
+    KLVMsgSocketHold::Renew(*this);
     descriptor = number;
 }
 

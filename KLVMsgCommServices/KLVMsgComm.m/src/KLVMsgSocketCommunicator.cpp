@@ -8,6 +8,7 @@
 #include "KLVMsgChannelQueryByLabel.h"
 #include "KLVMsgChannelWait.h"
 #include "KLVMsgCommSocket.h"
+#include "KLVMsgCycle.h"
 #include "KLVMsgInputStream.h"
 #include "KLVMsgMessageQuery.h"
 #include "KLVMsgNotedNumbers.h"
@@ -27,35 +28,43 @@ static unsigned int msg_send_id_counter = 1;
 // How often the blocking operations look again, in milliseconds.
 static const unsigned pollMilliseconds = 20;
 
-// Holds the communicator's lock, and begins as every operation does that takes it.
+// Holds the communicator's lock, and begins as every operation does that takes it: numbers that have
+// been given out anew are noted, and what is known under them is about connections that have gone.
 class KLVMsgSocketCommunicator::Operation {
 public:
     explicit Operation(KLVMsgSocketCommunicator& communicator) {
-        for (const int number : communicator.ForgetNoted()) {
-            // Accepted before that, and not yet made known.
-            KLVMsgEraseEvery(communicator.m_organizer.waitable.newChannels, number);
-        }
+        communicator.ForgetNoted();
     }
 
 private:
     const KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator> m_lock;
 };
 
-KLVMsgSocketCommunicator::KLVMsgSocketCommunicator() = default;
+KLVMsgSocketCommunicator::KLVMsgSocketCommunicator()
+    : m_lists(std::make_unique<KLVMsgCycleLists>()) {}
 
 KLVMsgSocketCommunicator::~KLVMsgSocketCommunicator() {
     m_inputStream = nullptr;
     m_outputStream = nullptr;
 }
 
-// Drops what is known under numbers that have been given out anew: it is about connections that have
-// gone. Returns the numbers. Requires, as Forget does: the lock is held.
-std::vector<int> KLVMsgSocketCommunicator::ForgetNoted() {
-    std::vector<int> numbers = KLVMsgTakeNotedNumbers();
-    for (const int number : numbers) {
+// Drops what is known under the noted numbers, and what was accepted under them and is not known yet.
+// Requires, as the next three do: the lock is held. With the registry's lock held as well no number is
+// noted until that is released.
+void KLVMsgSocketCommunicator::ForgetNoted() {
+    if (KLVMsgNumbersAreNoted) {
+        for (const int number : KLVMsgTakeNotedNumbers()) {
+            Forget(number);
+            KLVMsgEraseEvery(m_organizer.waitable.newChannels, number);
+        }
+    }
+}
+
+// The same after a wait, whose accepts are noted too: these are about to be made known.
+void KLVMsgSocketCommunicator::ForgetReplaced() {
+    for (const int number : KLVMsgTakeNotedNumbers()) {
         Forget(number);
     }
-    return numbers;
 }
 
 // A queued record keeps its place and its id: the ids of the queue have no gap.
@@ -70,6 +79,14 @@ void KLVMsgSocketCommunicator::Forget(int number) {
     }
 }
 
+// Shuts a known connection down, unless its number has been given out anew since the operation began.
+void KLVMsgSocketCommunicator::ShutDown(int number) {
+    const KLVMsgRegistryLock lock;
+    if (!KLVMsgIsNoted(number)) {
+        KLVMsgRegistry().RemoveConnection(number);
+    }
+}
+
 // Set-up ------------------------------------------------------------------------------------------
 
 void KLVMsgSocketCommunicator::AddConnection(const KLVMsgChannel& channel, bool flag) {
@@ -77,9 +94,17 @@ void KLVMsgSocketCommunicator::AddConnection(const KLVMsgChannel& channel, bool 
     m_organizer.RegisterChannel(channel, flag);
 }
 
-void KLVMsgSocketCommunicator::RemoveConnection(KLVMsgChannelQuery* query, bool flag) {
+// What the organizer's RemoveChannel does with a query, for connections that may come back meanwhile.
+void KLVMsgSocketCommunicator::RemoveConnection(KLVMsgChannelQuery* query, bool) {
     const Operation operation(*this);
-    m_organizer.RemoveChannel(query, flag);
+    KLVBasVector<KLVMsgChannel> selected;
+    m_organizer.LookupChannel(query, selected);
+    for (std::size_t i = 0; i < selected.Size(); ++i) {
+        const int number = selected[i].connection;
+        KLVMsgEraseFirst(m_organizer.channels, number);
+        KLVMsgEraseFirst(m_organizer.waitable.channels, number);
+        ShutDown(number);
+    }
 }
 
 void KLVMsgSocketCommunicator::RetrieveConnections(KLVMsgChannelQuery* query,
@@ -207,13 +232,21 @@ void KLVMsgSocketCommunicator::TransmitPendingMessage() {
         return;  // taken away while this call waited for the lock
     }
     const KLVMsgClearAtExit<KLVMsgChannelMsgStruct> clear(m_pending);
-    KLVMsgCycle cycle;
-    KLVMsgRegistryInternals::Hold(cycle, m_pending.Size(), [this](std::size_t i) {
-        return m_pending[i].channel.connection;
-    });
+    KLVMsgCycle cycle(*m_lists);
+    AddTurns(cycle);
     for (std::size_t i = 0; i < m_pending.Size(); ++i) {
-        Transmit(m_pending[i], KLVMsgAsStreamSocket(cycle.Current()), *stream);
+        Transmit(m_pending[i], KLVMsgAsStreamSocket(cycle.Current().socket), *stream);
         cycle.EndTurn();
+    }
+}
+
+// One turn for each queued record.
+void KLVMsgSocketCommunicator::AddTurns(KLVMsgCycle& cycle) {
+    const KLVMsgRegistryLock lock;
+    ForgetNoted();
+    for (std::size_t i = 0; i < m_pending.Size(); ++i) {
+        const KLVMsgChannel& channel = m_pending[i].channel;
+        cycle.AddTurn({KLVMsgRegistryInternals::Find(channel.connection), channel});
     }
 }
 
@@ -256,7 +289,11 @@ bool KLVMsgSocketCommunicator::IsOkToShutDownMessageTask() const {
 
 void KLVMsgSocketCommunicator::ShutdownMessageTask() {
     const Operation operation(*this);
-    m_organizer.Shutdown();
+    for (std::size_t i = 0; i < m_organizer.channels.Size(); ++i) {
+        ShutDown(m_organizer.channels[i].connection);
+    }
+    m_organizer.channels.Clear();
+    m_organizer.waitable.channels.Clear();
     m_taskRunning.store(false, std::memory_order_relaxed);
 }
 
@@ -278,13 +315,13 @@ void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable*
     KLVMsgChannelWaitable& waited = waitable == nullptr ? m_organizer.waitable : *waitable;
     const KLVMsgClearAtExit<KLVMsgChannel> clear(waited.readyChannels);
     const std::size_t foundEarlier = waited.readyChannels.Size();
-    KLVMsgCycle cycle;
+    KLVMsgCycle cycle(*m_lists);
     Wait(waited, timeout, cycle);
     MakeKnown(waited.newChannels);
 
     for (std::size_t i = 0; i < waited.readyChannels.Size(); ++i) {
         const KLVMsgChannel channel = waited.readyChannels[i];
-        const bool received = cycle.Current() != nullptr &&
+        const bool received = cycle.Current().socket != nullptr &&
                               !IsRepeated(waited.readyChannels, i, foundEarlier) &&
                               ReceiveMessage(channel);
         if (!received && channel.GetSocket() == nullptr) {
@@ -294,17 +331,21 @@ void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable*
     }
 }
 
-// Waits, and looks at the notes again: what it has accepted is noted too, and the next operation would
-// take that for gone. Accepted connections stay in the waitable when the wait fails half way.
+// Waits. What it has accepted remains in the waitable when it fails half way.
 void KLVMsgSocketCommunicator::Wait(KLVMsgChannelWaitable& waitable, int timeout,
                                     KLVMsgCycle& cycle) {
-    try {
-        KLVMsgWaitInCycle(waitable, timeout, cycle);
-    } catch (...) {
+    {
+        const KLVMsgRegistryLock lock;
         ForgetNoted();
+        KLVMsgBeginWait(waitable, cycle);
+    }
+    try {
+        KLVMsgWait(waitable, timeout, cycle);
+    } catch (...) {
+        ForgetReplaced();
         throw;
     }
-    ForgetNoted();
+    ForgetReplaced();
 }
 
 // Takes the accepted connections over, one by one: where memory runs short the others remain.

@@ -27,13 +27,11 @@ static const char* At(const void* data, int offset) {
 // False when a send of so many bytes fails without a system call, now and ever after.
 static bool CanSend(KLVMsgCommSocket& socket, int length) {
     return length >= 0 && KLVMsgLoad(socket.outputOpen) &&
-           !(KLVMsgLoad(socket.closed) && KLVMsgCycle::HasClosed(socket));
+           !(KLVMsgLoad(socket.closed) && KLVMsgSocketHold::HasClosed(socket));
 }
 
 void KLVMsgSimpleInputStream::read(void* buffer, int length, int& count) {
-    KLVMsgCycle transfer;
-    KLVMsgCommSocket* const socket =
-        KLVMsgRegistryInternals::HoldStreamSocket(transfer, m_connectionNumber);
+    const auto socket = KLVMsgRegistryInternals::HoldStreamSocket(m_connectionNumber);
     if (socket != nullptr) {
         count = socket->read(static_cast<char*>(buffer), length);
     }
@@ -42,9 +40,7 @@ void KLVMsgSimpleInputStream::read(void* buffer, int length, int& count) {
 KLVMsgBufferedOutputStream::KLVMsgBufferedOutputStream(int bufferSize) : m_bufferSize(bufferSize) {}
 
 void KLVMsgBufferedOutputStream::write(void* data, int length, int& count) {
-    KLVMsgCycle transfer;
-    KLVMsgCommSocket* const socket =
-        KLVMsgRegistryInternals::HoldStreamSocket(transfer, m_connectionNumber);
+    const auto socket = KLVMsgRegistryInternals::HoldStreamSocket(m_connectionNumber);
     if (socket == nullptr) {
         return;
     }

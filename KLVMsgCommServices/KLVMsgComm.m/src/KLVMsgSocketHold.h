@@ -1,0 +1,89 @@
+// For the library's own sources: what keeps a socket from being closed and destroyed.
+//
+// A connection number is a descriptor: once closed, it is the next one that the system gives away.
+// Whoever is at work with registered sockets holds them. One that is closed meanwhile is marked as
+// closed at once, one that is removed leaves the registry at once; the descriptor is closed, and the
+// object destroyed, when the last hold ends. Without a hold both are done at once.
+//
+// A hold begins while the registry's lock is held, which is what removes sockets. There are two
+// kinds, so that a wait on hundreds of connections costs little: `waits`, begun and ended under the
+// registry's lock for many sockets at once, and `holds`, which end at any time.
+//
+// A mutex guards what is in KLVMsgSocket::m_departure beside these two counts. It is the last lock
+// that a thread takes, only where something is closed or destroyed, and not while that is done.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "KLVMsgSocket.h"
+
+class KLVMsgSocketHold {
+public:
+    // Requires: the socket is registered and the registry's lock held, or the socket is held already.
+    static void Begin(KLVMsgSocket& socket) { socket.m_departure.holds.fetch_add(1); }
+
+    // May close and destroy the socket.
+    static void End(KLVMsgSocket& socket) {
+        socket.m_departure.holds.fetch_sub(1);
+        if (s_departures.load() != 0) {
+            Settle();
+        }
+    }
+
+    // The same for a wait. Requires: the registry's lock is held. The last EndWait of a wait is
+    // followed by AfterWait, without the lock, which closes and destroys what is free then.
+    static void BeginWait(KLVMsgSocket& socket) { AddWaits(socket, 1); }
+    static void EndWait(KLVMsgSocket& socket) { AddWaits(socket, -1); }
+    static void AfterWait() {
+        if (s_departures.fetch_add(0) != 0) {
+            Settle();
+        }
+    }
+
+    // Marks the socket as closed. True when the caller is to close the descriptor, false when that is
+    // left to the end of the last hold, or was done before: EBADF is stored then.
+    static bool ClosesNow(KLVMsgSocket& socket);
+
+    // True when the socket has closed the descriptor that it has, and nobody has put in another one.
+    static bool HasClosed(KLVMsgSocket& socket);
+
+    // A descriptor has been put into the socket, which owns it.
+    static void Renew(KLVMsgSocket& socket);
+
+    // Destroys a socket that is no longer registered, now or when its last hold ends.
+    static void Destroy(KLVMsgSocket* socket);
+
+    // The same for one whose number the system has given to somebody else: it is never closed. Null
+    // is ignored.
+    static void DestroyReplaced(KLVMsgSocket* socket);
+
+    // Waits until listening sockets that were shut down are closed: until the waits of other threads
+    // have woken up the port stays taken. Not longer than a second, should one not wake up.
+    static void AwaitClosedListeners();
+
+private:
+    // Only ever changed under the registry's lock, so that adding needs no locked instruction.
+    static void AddWaits(KLVMsgSocket& socket, int count) {
+        std::atomic<int>& waits = socket.m_departure.waits;
+        waits.store(waits.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
+    }
+
+    static bool IsHeld(const KLVMsgSocket& socket);
+    static bool IsUnchanged(KLVMsgSocket& socket);
+    static bool Departs(KLVMsgSocket& socket);
+    static KLVMsgSocket* FirstFree();
+    static void Remove(KLVMsgSocket& socket);
+    static void Settle();
+
+    // How many sockets wait for the end of a hold. A hold ends before this is looked at, and a socket
+    // is counted here before its holds are looked at: of the two threads one sees the other.
+    static std::atomic<int> s_departures;
+};
+
+// Ends a hold with its scope.
+struct KLVMsgEndHold {
+    void operator()(KLVMsgSocket* socket) const { KLVMsgSocketHold::End(*socket); }
+};
+template <class Socket>
+using KLVMsgHeldSocket = std::unique_ptr<Socket, KLVMsgEndHold>;
