@@ -128,7 +128,7 @@ public:
     void GetLastErrorCode(int number, int& code);
 
 private:
-    friend class KLVMsgRegistryInternals;  // for the library's floors above
+    friend class KLVMsgLockedRegistry;  // through which the floors above look up sockets
 
     KLVMsgSocket* Find(int number) const;
     KLVMsgCommSocket* FindStreamSocket(int number) const;

@@ -3,11 +3,12 @@
 
 class KLVMsgChannelWaitable;
 class KLVMsgCycle;
+class KLVMsgLockedRegistry;
 
 // Looks up and holds the sockets of the live channels that the waitable watches. What an earlier wait
 // has found ready gets a turn.
-// Requires: the registry's lock is held.
-void KLVMsgBeginWait(const KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle);
+void KLVMsgBeginWait(const KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle,
+                     const KLVMsgLockedRegistry& registry);
 
 // Waits on them, accepts, and adds a turn for each channel that it appends to `readyChannels`: there
 // is one for each entry then, in their order. See KLVMsgChannelWaitable::WaitForConnectionAndMessages.

@@ -30,10 +30,10 @@ void EndWait(KLVMsgCycle& cycle, const fd_set& set) {
     std::vector<KLVMsgTurn>& turns = cycle.Turns();
     const auto first = static_cast<std::ptrdiff_t>(turns.size());
     {
-        const KLVMsgRegistryLock lock;
+        const KLVMsgLockedRegistry registry;
         for (const KLVMsgTurn& watched : cycle.Watched()) {
             if (FD_ISSET(watched.socket->descriptor, &set) &&
-                KLVMsgRegistryInternals::Find(watched.channel.connection) == watched.socket) {
+                registry.Find(watched.channel.connection) == watched.socket) {
                 cycle.AddTurn(watched);
             }
         }
@@ -90,7 +90,7 @@ void AcceptConnection(KLVMsgServerSocket& server, KLVMsgChannelWaitable& waitabl
     const KLVMsgChannel channel(connection.get(), "");
     KLVMsgAppending<KLVMsgChannel> appending(waitable.newChannels);
     waitable.newChannels.PushBack(channel);
-    const bool registered = KLVMsgRegistryInternals::AddAccepted(connection.get());
+    const bool registered = KLVMsgLockedRegistry().AddAccepted(connection.get());
     appending.Keep();
     KLVMsgEraseEvery(waitable.channels, channel.connection);  // they were somebody else's
     KLVMsgSocket* const socket = connection.release();
@@ -123,10 +123,11 @@ void ServeReadable(KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle, std::siz
 
 }  // namespace
 
-void KLVMsgBeginWait(const KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle) {
+void KLVMsgBeginWait(const KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle,
+                     const KLVMsgLockedRegistry& registry) {
     for (std::size_t i = 0; i < waitable.channels.Size(); ++i) {
         const KLVMsgChannel channel = waitable.channels[i];
-        KLVMsgSocket* const socket = KLVMsgRegistryInternals::Find(channel.connection);
+        KLVMsgSocket* const socket = registry.Find(channel.connection);
         if (socket != nullptr && !KLVMsgLoad(socket->closed) &&
             FitsDescriptorSet(socket->descriptor)) {
             cycle.Watch(socket, channel);
@@ -134,7 +135,7 @@ void KLVMsgBeginWait(const KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle) 
     }
     for (std::size_t i = 0; i < waitable.readyChannels.Size(); ++i) {
         const KLVMsgChannel channel = waitable.readyChannels[i];
-        cycle.AddTurn({KLVMsgRegistryInternals::Find(channel.connection), channel});
+        cycle.AddTurn({registry.Find(channel.connection), channel});
     }
 }
 
@@ -155,8 +156,8 @@ void KLVMsgChannelWaitable::WaitForConnectionAndMessages(int timeoutMilliseconds
     KLVMsgCycleLists lists;
     KLVMsgCycle cycle(lists);
     {
-        const KLVMsgRegistryLock lock;
-        KLVMsgBeginWait(*this, cycle);
+        const KLVMsgLockedRegistry registry;
+        KLVMsgBeginWait(*this, cycle, registry);
     }
     KLVMsgWait(*this, timeoutMilliseconds, cycle);
 }

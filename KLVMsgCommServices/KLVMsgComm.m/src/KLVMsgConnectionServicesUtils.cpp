@@ -8,14 +8,16 @@
 
 #include "KLVMsgCommSocket.h"
 #include "KLVMsgNotedNumbers.h"
-#include "KLVMsgRegistryInternals.h"
 #include "KLVMsgServerSocket.h"
 #include "KLVMsgSocketField.h"
+#include "KLVMsgSocketHold.h"
 #include "KLVMsgSocketInternals.h"
 #include "KLVMsgSocketMessage.h"
 #include "mem_Allocation.h"
 
 template class KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>;
+
+using RegistryLock = KLVBasAtiGlobalSingletonLock<KLVMsgConnectionServicesUtils>;
 
 // The length that stands before the type name.
 using NameLength = unsigned int;
@@ -34,7 +36,7 @@ KLVMsgConnectionServicesUtils::KLVMsgConnectionServicesUtils() = default;
 KLVMsgConnectionServicesUtils::~KLVMsgConnectionServicesUtils() = default;
 
 int KLVMsgConnectionServicesUtils::AddConnection(KLVMsgSocket* socket) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     if (m_connections.IsMember(socket->descriptor)) {
         return 0;
     }
@@ -43,12 +45,12 @@ int KLVMsgConnectionServicesUtils::AddConnection(KLVMsgSocket* socket) {
 }
 
 KLVMsgSocket* KLVMsgConnectionServicesUtils::GetSocket(int number) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     return Find(number);
 }
 
 bool KLVMsgConnectionServicesUtils::IsConnectionOpen(int number) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     const KLVMsgSocket* const socket = Find(number);
     return socket != nullptr && !KLVMsgLoad(socket->closed);
 }
@@ -63,14 +65,14 @@ void KLVMsgConnectionServicesUtils::RemoveConnection(int number) {
 }
 
 void KLVMsgConnectionServicesUtils::ShutDownConnection(int number) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     RemoveConnection(number);
 }
 
 KLVMsgServerSocket* KLVMsgConnectionServicesUtils::StartServer(KLVMsgSocketAddress address,
                                                                int backlog) {
     KLVMsgSocketHold::AwaitClosedListeners();  // the port may be that of one
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     KLVMsgSocketOwner<KLVMsgServerSocket> socket(new KLVMsgServerSocket(address, backlog));
     if (socket->descriptor == -1) {
         return nullptr;
@@ -83,7 +85,7 @@ KLVMsgCommSocket* KLVMsgConnectionServicesUtils::ConnectToServer(KLVMsgSocketAdd
                                                                  KLVMsgSocketAddress server) {
     int cause = 0;
     {
-        const KLVMsgRegistryLock lock;
+        const RegistryLock lock;
         KLVMsgSocketOwner<KLVMsgCommSocket> socket(new KLVMsgCommSocket(first));
         socket->Connect(server);
         if (socket->IsConnected()) {
@@ -97,49 +99,49 @@ KLVMsgCommSocket* KLVMsgConnectionServicesUtils::ConnectToServer(KLVMsgSocketAdd
 }
 
 void KLVMsgConnectionServicesUtils::SetName(int number, const KLVString& name) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     if (!m_names.Insert(number, name)) {
         m_names.Get(number) = name;
     }
 }
 
 void KLVMsgConnectionServicesUtils::GetName(int number, KLVString& name) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     if (m_names.IsMember(number)) {
         name = m_names.Get(number);
     }
 }
 
 int KLVMsgConnectionServicesUtils::SendMessageHeader(int number, const KLVString& typeName) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     return SendMessageHeader_priv(number, typeName);
 }
 
 int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket(int number, KLVString& typeName) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     return RetrieveMessageTypeFromSocket_priv(number, typeName);
 }
 
 void KLVMsgConnectionServicesUtils::RegisterMessagePrototype(const KLVString& typeName,
                                                              KLVMsgSocketMessage* prototype) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     m_prototypes.Insert(typeName, prototype);  // leaves the first one in its place
 }
 
 KLVMsgSocketMessage* KLVMsgConnectionServicesUtils::GetMsgInstance(const KLVString& typeName) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     KLVMsgSocketMessage* const prototype = m_prototypes.Get(typeName);
     return prototype == nullptr ? nullptr : prototype->NewInstance();
 }
 
 bool KLVMsgConnectionServicesUtils::HasError(int number) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     const KLVMsgSocket* const socket = Find(number);
     return socket != nullptr && KLVMsgLoad(socket->lastError) != 0;
 }
 
 void KLVMsgConnectionServicesUtils::ClearError(int number) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     KLVMsgSocket* const socket = Find(number);
     if (socket != nullptr) {
         KLVMsgStore(socket->lastError, 0);
@@ -147,7 +149,7 @@ void KLVMsgConnectionServicesUtils::ClearError(int number) {
 }
 
 void KLVMsgConnectionServicesUtils::GetLastErrorCode(int number, int& code) {
-    const KLVMsgRegistryLock lock;
+    const RegistryLock lock;
     const KLVMsgSocket* const socket = Find(number);
     if (socket != nullptr) {
         code = KLVMsgLoad(socket->lastError);
@@ -171,8 +173,8 @@ void KLVMsgConnectionServicesUtils::Register(KLVMsgSocket* socket) {
     KLVMsgSocketHold::DestroyReplaced(replaced);
 }
 
+// Requires, as Register does: the lock is held.
 bool KLVMsgConnectionServicesUtils::AddAccepted(KLVMsgCommSocket* socket) {
-    const KLVMsgRegistryLock lock;
     if (const KLVMsgSocket* const entry = Find(socket->descriptor)) {
         if (!KLVMsgLoad(entry->closed)) {
             KLVMsgNoteNumber(socket->descriptor);

@@ -6,7 +6,7 @@
 KLVMsgCycle::~KLVMsgCycle() {
     if (!m_lists.watched.empty()) {
         {
-            const KLVMsgRegistryLock lock;
+            const KLVMsgLockedRegistry locked;
             EndWatch();
         }
         KLVMsgSocketHold::AfterWait();

@@ -6,29 +6,39 @@
 #include "KLVMsgConnectionServicesUtils.h"
 #include "KLVMsgSocketHold.h"
 
-using KLVMsgRegistryLock = KLVBasAtiGlobalSingletonLock<KLVMsgConnectionServicesUtils>;
-
 inline KLVMsgConnectionServicesUtils& KLVMsgRegistry() {
     return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
 }
 
-class KLVMsgRegistryInternals {
+// The registry, locked as long as this lives. Meanwhile no number is given out and no socket removed.
+class KLVMsgLockedRegistry {
 public:
-    // The socket under a number, or null. Requires: the lock is held.
-    static KLVMsgSocket* Find(int number) { return KLVMsgRegistry().Find(number); }
+    // The socket under a number, or null.
+    KLVMsgSocket* Find(int number) const { return m_registry.Find(number); }
 
-    // The stream socket under a number, held for one transfer, or null. Takes the lock.
-    static KLVMsgHeldSocket<KLVMsgCommSocket> HoldStreamSocket(int number) {
-        const KLVMsgRegistryLock lock;
-        KLVMsgCommSocket* const socket = KLVMsgRegistry().FindStreamSocket(number);
-        if (socket != nullptr) {
-            KLVMsgSocketHold::Begin(*socket);
-        }
-        return KLVMsgHeldSocket<KLVMsgCommSocket>(socket);
+    // The same if it is a stream socket.
+    KLVMsgCommSocket* FindStreamSocket(int number) const {
+        return m_registry.FindStreamSocket(number);
     }
+
+    // What ShutDownConnection does.
+    void ShutDownConnection(int number) const { m_registry.RemoveConnection(number); }
 
     // Registers an accepted connection and returns true. False when an entry that is not marked as
     // closed has its number: that one stays and serves the connection, and `socket` is the caller's.
-    // Takes the lock.
-    static bool AddAccepted(KLVMsgCommSocket* socket) { return KLVMsgRegistry().AddAccepted(socket); }
+    bool AddAccepted(KLVMsgCommSocket* socket) const { return m_registry.AddAccepted(socket); }
+
+private:
+    KLVMsgConnectionServicesUtils& m_registry = KLVMsgRegistry();  // made before it is locked
+    const KLVBasAtiGlobalSingletonLock<KLVMsgConnectionServicesUtils> m_lock;
 };
+
+// The stream socket under a number, held for one transfer, or null.
+inline KLVMsgHeldSocket<KLVMsgCommSocket> KLVMsgHoldStreamSocket(int number) {
+    const KLVMsgLockedRegistry registry;
+    KLVMsgCommSocket* const socket = registry.FindStreamSocket(number);
+    if (socket != nullptr) {
+        KLVMsgSocketHold::Begin(*socket);
+    }
+    return KLVMsgHeldSocket<KLVMsgCommSocket>(socket);
+}

@@ -81,9 +81,9 @@ void KLVMsgSocketCommunicator::Forget(int number) {
 
 // Shuts a known connection down, unless its number has been given out anew since the operation began.
 void KLVMsgSocketCommunicator::ShutDown(int number) {
-    const KLVMsgRegistryLock lock;
+    const KLVMsgLockedRegistry registry;
     if (!KLVMsgIsNoted(number)) {
-        KLVMsgRegistry().RemoveConnection(number);
+        registry.ShutDownConnection(number);
     }
 }
 
@@ -242,11 +242,11 @@ void KLVMsgSocketCommunicator::TransmitPendingMessage() {
 
 // One turn for each queued record.
 void KLVMsgSocketCommunicator::AddTurns(KLVMsgCycle& cycle) {
-    const KLVMsgRegistryLock lock;
+    const KLVMsgLockedRegistry registry;
     ForgetNoted();
     for (std::size_t i = 0; i < m_pending.Size(); ++i) {
         const KLVMsgChannel& channel = m_pending[i].channel;
-        cycle.AddTurn({KLVMsgRegistryInternals::Find(channel.connection), channel});
+        cycle.AddTurn({registry.Find(channel.connection), channel});
     }
 }
 
@@ -335,9 +335,9 @@ void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable*
 void KLVMsgSocketCommunicator::Wait(KLVMsgChannelWaitable& waitable, int timeout,
                                     KLVMsgCycle& cycle) {
     {
-        const KLVMsgRegistryLock lock;
+        const KLVMsgLockedRegistry registry;
         ForgetNoted();
-        KLVMsgBeginWait(waitable, cycle);
+        KLVMsgBeginWait(waitable, cycle, registry);
     }
     try {
         KLVMsgWait(waitable, timeout, cycle);

@@ -31,7 +31,7 @@ static bool CanSend(KLVMsgCommSocket& socket, int length) {
 }
 
 void KLVMsgSimpleInputStream::read(void* buffer, int length, int& count) {
-    const auto socket = KLVMsgRegistryInternals::HoldStreamSocket(m_connectionNumber);
+    const auto socket = KLVMsgHoldStreamSocket(m_connectionNumber);
     if (socket != nullptr) {
         count = socket->read(static_cast<char*>(buffer), length);
     }
@@ -40,7 +40,7 @@ void KLVMsgSimpleInputStream::read(void* buffer, int length, int& count) {
 KLVMsgBufferedOutputStream::KLVMsgBufferedOutputStream(int bufferSize) : m_bufferSize(bufferSize) {}
 
 void KLVMsgBufferedOutputStream::write(void* data, int length, int& count) {
-    const auto socket = KLVMsgRegistryInternals::HoldStreamSocket(m_connectionNumber);
+    const auto socket = KLVMsgHoldStreamSocket(m_connectionNumber);
     if (socket == nullptr) {
         return;
     }
