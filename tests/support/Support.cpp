@@ -31,15 +31,12 @@ std::string LengthBytes(const std::string& text) {
 
 // Reads until `length` bytes have come or the stream has no more; true for all of them.
 bool ReadWhole(KLVMsgInputStream* stream, char* buffer, int length) {
-    for (int done = 0; done < length;) {
-        int count = 0;
+    int done = 0, count = 1;
+    for (; done < length && count > 0; done += count) {
+        count = 0;
         stream->read(buffer + done, length - done, count);
-        if (count <= 0) {
-            return false;
-        }
-        done += count;
     }
-    return true;
+    return count > 0;
 }
 
 // Puts everything back after each test and looks whether that was all.

@@ -51,11 +51,11 @@ Result PassOn(Result (*)(Parameters...), SystemCall& call, const void* data,
     using Function = Result(Parameters...);
     auto* const next = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, call.name.c_str()));
     const std::optional<long> answer = Ask(call, data);
-    if (!answer || call.name == "close") {
-        const Result result = next(arguments...);
-        if (!answer) {
-            return result;
-        }
+    if (!answer) {
+        return next(arguments...);
+    }
+    if (call.name == "close") {
+        next(arguments...);  // one that fails has closed all the same
     }
     errno = *answer < 0 ? static_cast<int>(-*answer) : errno;
     return static_cast<Result>(std::max(*answer, -1L));
@@ -83,10 +83,11 @@ Interposed::~Interposed() {
 std::vector<SystemCall> CallLog::Calls(int descriptor) const {
     const std::lock_guard<std::recursive_mutex> lock(Mutex());
     std::vector<SystemCall> calls;
-    std::copy_if(m_calls.begin(), m_calls.end(), std::back_inserter(calls),
-                 [descriptor](const SystemCall& call) {
-                     return descriptor == -1 || call.descriptor == descriptor;
-                 });
+    for (const SystemCall& call : m_calls) {
+        if (descriptor == -1 || call.descriptor == descriptor) {
+            calls.push_back(call);
+        }
+    }
     return calls;
 }
 
@@ -99,26 +100,67 @@ std::string CallLog::Names(int descriptor) const {
 }
 
 CallLog::CallLog()
-    : m_interposed([this](SystemCall& call) -> std::optional<long> {
+    : m_interposed([this](SystemCall& call) {
           const Exempt exempt;
           if (call.name != "getaddrinfo") {
               m_calls.push_back(call);
           }
-          return std::nullopt;
+          return std::optional<long>();
       }) {}
 
 FailingCall::FailingCall(const std::string& name, int error, int n)
-    : m_interposed([this, name, error, n](SystemCall& call) -> std::optional<long> {
-          if (call.name == name && Exempt::depth == 0 && (++m_count == n || n == 0)) {
-              return -error;
-          }
-          return std::nullopt;
+    : m_interposed([this, name, error, n](SystemCall& call) {
+          const bool meant = call.name == name && Exempt::depth == 0;
+          return meant && (++m_count == n || n == 0) ? std::optional<long>(-error) : std::nullopt;
       }) {}
 
 // The calls themselves. The library reaches them through the dynamic linker, which finds these
 // first.
 extern "C" {
 
+int socket(int domain, int type, int protocol) noexcept {
+    return Pass(&socket, {"socket", domain}, domain, type, protocol);
+}
+int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
+    return Pass(&bind, {"bind", fd}, fd, address, length);
+}
+int listen(int fd, int backlog) noexcept {
+    return Pass(&listen, {"listen", fd, backlog}, fd, backlog);
+}
+int accept(int fd, sockaddr* address, socklen_t* length) {
+    return Pass(&accept, {"accept", fd}, fd, address, length);
+}
+int connect(int fd, const sockaddr* address, socklen_t length) {
+    return Pass(&connect, {"connect", fd}, fd, address, length);
+}
+int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
+    return Pass(&getsockname, {"getsockname", fd}, fd, address, length);
+}
+int shutdown(int fd, int how) noexcept {
+    return Pass(&shutdown, {"shutdown", fd, 0, how}, fd, how);
+}
+int close(int fd) { return Pass(&close, {"close", fd}, fd); }
+
+int setsockopt(int fd, int level, int option, const void* value, socklen_t size) noexcept {
+    const std::string bytes(static_cast<const char*>(value), size);
+    return Pass(&setsockopt, {"setsockopt", fd, 0, option, bytes, "", level}, fd, level, option,
+                value, size);
+}
+ssize_t send(int fd, const void* data, std::size_t length, int flags) {
+    SystemCall call{"send", fd, static_cast<long>(length), flags};
+    return PassOn(&send, call, data, fd, data, std::cref(call.length), flags);
+}
+ssize_t recv(int fd, void* buffer, std::size_t length, int flags) {
+    SystemCall call{"recv", fd, static_cast<long>(length), flags};
+    return PassOn(&recv, call, nullptr, fd, buffer, std::cref(call.length), flags);
+}
+int select(int count, fd_set* reads, fd_set* writes, fd_set* exceptions, timeval* limit) {
+    const auto text = [](const timeval& t) {
+        return std::to_string(t.tv_sec) + ":" + std::to_string(t.tv_usec);
+    };
+    return Pass(&select, {"select", count, 0, 0, "", limit == nullptr ? "none" : text(*limit)},
+                count, reads, writes, exceptions, limit);
+}
 int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** list) {
     SystemCall call{"getaddrinfo", 0};
     {
@@ -126,60 +168,6 @@ int getaddrinfo(const char* host, const char* service, const addrinfo* hints, ad
         call.value = std::string(host) + " " + (service == nullptr ? "none" : service);
     }
     return PassOn(&getaddrinfo, call, nullptr, host, service, hints, list);
-}
-
-int socket(int domain, int type, int protocol) noexcept {
-    return Pass(&socket, {"socket", domain}, domain, type, protocol);
-}
-
-int bind(int descriptor, const sockaddr* address, socklen_t length) noexcept {
-    return Pass(&bind, {"bind", descriptor}, descriptor, address, length);
-}
-
-int listen(int descriptor, int backlog) noexcept {
-    return Pass(&listen, {"listen", descriptor, backlog}, descriptor, backlog);
-}
-
-int accept(int descriptor, sockaddr* address, socklen_t* length) {
-    return Pass(&accept, {"accept", descriptor}, descriptor, address, length);
-}
-
-int connect(int descriptor, const sockaddr* address, socklen_t length) {
-    return Pass(&connect, {"connect", descriptor}, descriptor, address, length);
-}
-
-int setsockopt(int descriptor, int level, int option, const void* value, socklen_t size) noexcept {
-    const std::string bytes(static_cast<const char*>(value), size);
-    return Pass(&setsockopt, {"setsockopt", descriptor, 0, option, bytes, "", level}, descriptor,
-                level, option, value, size);
-}
-
-int getsockname(int descriptor, sockaddr* address, socklen_t* length) noexcept {
-    return Pass(&getsockname, {"getsockname", descriptor}, descriptor, address, length);
-}
-
-ssize_t send(int descriptor, const void* data, std::size_t length, int flags) {
-    SystemCall call{"send", descriptor, static_cast<long>(length), flags};
-    return PassOn(&send, call, data, descriptor, data, std::cref(call.length), flags);
-}
-
-ssize_t recv(int descriptor, void* buffer, std::size_t length, int flags) {
-    SystemCall call{"recv", descriptor, static_cast<long>(length), flags};
-    return PassOn(&recv, call, nullptr, descriptor, buffer, std::cref(call.length), flags);
-}
-
-int shutdown(int descriptor, int how) noexcept {
-    return Pass(&shutdown, {"shutdown", descriptor, 0, how}, descriptor, how);
-}
-
-int close(int descriptor) { return Pass(&close, {"close", descriptor}, descriptor); }
-
-int select(int count, fd_set* reads, fd_set* writes, fd_set* exceptions, timeval* timeout) {
-    SystemCall call{"select", count};
-    call.limit = timeout == nullptr
-                     ? "none"
-                     : std::to_string(timeout->tv_sec) + ":" + std::to_string(timeout->tv_usec);
-    return PassOn(&select, call, nullptr, count, reads, writes, exceptions, timeout);
 }
 
 }  // extern "C"
