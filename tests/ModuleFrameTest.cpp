@@ -133,6 +133,6 @@ TEST(SingletonDeathTest, SecondObjectAndMissingLockAreReportedWithTheirLines) {
     Single::Instance();
     EXPECT_DEATH(Single(), "AssertionFailed:m_instance == 0" + file + "17");
     Single::Finalize();
-    EXPECT_DEATH((FailingAllocation(2), Single::Instance()),
+    EXPECT_DEATH((WatchedMutex::available = false, Single::Instance()),
                  "AssertionFailed:m_lock != 0" + file + "15");
 }

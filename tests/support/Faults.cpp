@@ -105,8 +105,7 @@ void WatchedMutex::Unlock() {
 
 KLVBasAtiMutex* KLVBasAtiThreadingModel::newMutex() {
     static auto* const next = Next(&newMutex, "_ZN23KLVBasAtiThreadingModel8newMutexEv");
-    const bool fails = Fails();
     const Exempt exempt;
-    KLVBasAtiMutex* const mutex = fails ? nullptr : next();
+    KLVBasAtiMutex* const mutex = WatchedMutex::available ? next() : nullptr;
     return mutex == nullptr ? nullptr : new WatchedMutex(mutex);
 }
