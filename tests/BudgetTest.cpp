@@ -1,33 +1,17 @@
 // The costs of one message that a clock cannot tell exactly, against the budget file.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <map>
-#include <new>
 #include <sstream>
 
+#include "Faults.h"
 #include "Support.h"
 #include "SystemCalls.h"
 
-// Every allocation of the libraries comes through here; the tests' own stand outside the count.
-static long allocations = 0;
-
-void* mem_Malloc(std::size_t size) {
-    ++allocations;
-    return std::malloc(size);
-}
-void* mem_OperatorNewThrow(std::size_t size) { return mem_Malloc(size); }
-void* mem_OperatorNewThrowBuiltin(std::size_t size) { return mem_Malloc(size); }
-void mem_Free(void* block) { std::free(block); }
-void* operator new(std::size_t size) { return mem_Malloc(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return mem_Malloc(size); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-
 namespace {
 
-// A body of 8 bytes, written and read with one call; allocates nothing, nor does the log of its call.
+// A body of 8 bytes, written and read with one call; allocates nothing.
 class FixedMessage : public KLVMsgSocketMessage {
 public:
     int WriteMessage(KLVMsgOutputStream* stream) override {
@@ -48,92 +32,67 @@ private:
     KLVString m_type{"TwelveLetter"};
 };
 
-class Budget : public testing::Test {
-protected:
-    Budget() {
-        std::ifstream file(BUDGET_FILE);
-        for (std::string line; std::getline(file, line);) {
-            std::istringstream words(line[0] == '#' ? "" : line);
-            std::string name;
-            words >> name >> m_limits[name];
-        }
-        Communicator().SetDefaultInputStream(&m_input);
-        Communicator().SetDefaultOutputStream(&m_output);
-        Communicator().RegisterMessagePrototype("TwelveLetter", &m_message);
-        KLVMsgServerSocket* const server = StartLoopbackServer();
-        m_sender =
-            KLVMsgChannel(Registry().ConnectToServer(KLVMsgSocketAddress(), server->address), "");
-        KLVMsgSocket* const accepted = server->Accept();
-        Registry().AddConnection(accepted);
-        m_receiver = KLVMsgChannel(accepted, "");
-        Communicator().AddConnection(m_receiver, true);
-        m_output.m_connectionNumber = m_sender.connection;
-        m_input.m_connectionNumber = m_receiver.connection;
+// The limits by name.
+std::map<std::string, int> Limits() {
+    std::map<std::string, int> limits;
+    std::ifstream file(BUDGET_FILE);
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream words(line[0] == '#' ? "" : line);
+        std::string name;
+        words >> name >> limits[name];
     }
-
-    void Send() {
-        Registry().SendMessageHeader(m_sender.connection, m_message.GetMessageType());
-        m_message.WriteMessage(&m_output);
-    }
-
-    void Receive() {
-        KLVString type;
-        Registry().RetrieveMessageTypeFromSocket(m_receiver.connection, type);
-        Registry().GetMsgInstance(type)->ReadMessage(&m_input);
-    }
-
-    void QueueAndTransmit() {
-        unsigned int id = 0;
-        Communicator().ISendSocketMessage(m_sender, &m_message, id);
-        Communicator().TransmitPendingMessage();
-    }
-
-    void WaitAndReceive() { Communicator().WaitConnectionsAndMessages(nullptr, 1000); }
-
-    // Counts what an action costs, the scratch buffers of a received header apart.
-    template <class Action>
-    void Check(const std::string& name, long scratchBuffers, Action action) {
-        std::size_t calls = 0;
-        long allocated = 0;
-        {
-            const CallLog log;
-            action();
-            calls = log.Calls().size();
-        }
-        Prepare(name);
-        allocated = -allocations;
-        action();
-        allocated += allocations - scratchBuffers;
-        EXPECT_LE(static_cast<long>(calls), m_limits.at(name + "_calls")) << name;
-        EXPECT_LE(allocated, m_limits.at(name + "_allocations")) << name;
-    }
-
-    // Receiving needs something that was sent.
-    void Prepare(const std::string& name) {
-        if (name == "receive" || name == "wait_and_receive") {
-            Send();
-        }
-    }
-
-    std::map<std::string, long> m_limits;
-    KLVMsgSimpleInputStream m_input;
-    KLVMsgBufferedOutputStream m_output{64};
-    FixedMessage m_message;
-    KLVMsgChannel m_sender;
-    KLVMsgChannel m_receiver;
-};
-
-TEST_F(Budget, OneMessageCostsNoMoreCallsAndAllocationsThanBefore) {
-    for (int i = 0; i < 5; ++i) {  // makes room in queue and inbox
-        QueueAndTransmit();
-        WaitAndReceive();
-    }
-    Check("send", 0, [this] { Send(); });
-    Receive();
-    Check("receive", 2, [this] { Receive(); });
-    Check("queue_and_transmit", 0, [this] { QueueAndTransmit(); });
-    WaitAndReceive();
-    Check("wait_and_receive", 2, [this] { WaitAndReceive(); });
+    return limits;
 }
 
 }  // namespace
+
+TEST(Budget, OneMessageCostsNoMoreCallsAndAllocationsThanBefore) {
+    FixedMessage message;
+    KLVMsgSimpleInputStream input;
+    KLVMsgBufferedOutputStream output(64);
+    Communicator().SetDefaultInputStream(&input);
+    Communicator().SetDefaultOutputStream(&output);
+    Communicator().RegisterMessagePrototype("TwelveLetter", &message);
+    KLVMsgServerSocket* const server = StartLoopbackServer();
+    const KLVMsgChannel sender(Registry().ConnectToServer(KLVMsgSocketAddress(), server->address),
+                               "");
+    Communicator().AddConnection(KLVMsgChannel(server, ""), true);
+    const auto wait = [] { Communicator().WaitConnectionsAndMessages(nullptr, 1000); };
+    wait();
+    KLVBasVector<KLVMsgChannel> known;
+    Communicator().RetrieveConnections(nullptr, known);
+    output.m_connectionNumber = sender.connection;
+    input.m_connectionNumber = known[1].connection;
+
+    const auto send = [&] {
+        Registry().SendMessageHeader(sender.connection, message.GetMessageType());
+        message.WriteMessage(&output);
+    };
+    const auto receive = [&] {
+        KLVString type;
+        Registry().RetrieveMessageTypeFromSocket(input.m_connectionNumber, type);
+        Registry().GetMsgInstance(type)->ReadMessage(&input);
+    };
+    const auto transmit = [&] {
+        unsigned int id = 0;
+        Communicator().ISendSocketMessage(sender, &message, id);
+        Communicator().TransmitPendingMessage();
+    };
+    // The scratch buffers of a received header stand outside the budget.
+    const auto check = [limits = Limits()](const std::string& name, int buffers, auto action) {
+        const CallLog log;
+        const int before = Allocations() + buffers;
+        action();
+        const int allocations = Allocations() - before;
+        EXPECT_LE(allocations, limits.at(name + "_allocations")) << name;
+        EXPECT_LE(static_cast<int>(log.Calls().size()), limits.at(name + "_calls")) << name;
+    };
+    for (int i = 0; i < 5; ++i) {  // makes room in queue and inbox
+        transmit();
+        wait();
+    }
+    check("send", 0, send);
+    check("receive", 2, receive);
+    check("queue_and_transmit", 0, transmit);
+    check("wait_and_receive", 2, wait);
+}

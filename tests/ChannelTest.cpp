@@ -11,29 +11,6 @@
 
 namespace {
 
-// A registered connection with its channel, and the peer at the other end.
-struct Connection {
-    explicit Connection(const KLVString& label = "")
-        : socket(Registry().ConnectToServer(KLVMsgSocketAddress(),
-                                            KLVMsgSocketAddress("127.0.0.1", listener.Port()))),
-          channel(socket, label),
-          number(channel.connection),
-          peer(listener.Accept()) {}
-
-    // The peer closes, and the socket learns of it by reading.
-    void EndByPeer() {
-        peer.Close();
-        char byte = 0;
-        EXPECT_EQ(0, socket->read(&byte, 1));
-    }
-
-    PlainServer listener;
-    KLVMsgCommSocket* socket;
-    KLVMsgChannel channel;
-    int number;
-    PlainPeer peer;
-};
-
 const int unknown = 777;
 
 using Channels = KLVBasVector<KLVMsgChannel>;
@@ -42,16 +19,15 @@ using Numbers = std::vector<int>;
 Channels ListOf(const Numbers& numbers) {
     Channels list;
     for (const int number : numbers) {
-        list.PushBack(KLVMsgChannel());
-        list[list.Size() - 1].connection = number;
+        list.PushBack(ChannelOf(number));
     }
     return list;
 }
 
 Numbers NumbersOf(const Channels& channels) {
     Numbers numbers;
-    for (std::size_t i = 0; i < channels.Size(); ++i) {
-        numbers.push_back(channels[i].connection);
+    for (const KLVMsgChannel& channel : VectorOf(channels)) {
+        numbers.push_back(channel.connection);
     }
     return numbers;
 }
@@ -59,7 +35,7 @@ Numbers NumbersOf(const Channels& channels) {
 // Writes `text` through a stream of this piece size, from behind a byte "<". Returns the lengths
 // that were asked of send, the resulting count, and what came out at the peer.
 std::string Write(const std::string& text, int pieceSize) {
-    Connection connection;
+    ConnectedPair connection;
     KLVMsgBufferedOutputStream stream(pieceSize);
     stream.m_connectionNumber = connection.number;
     std::string buffer = "<" + text;
@@ -77,7 +53,7 @@ std::string Write(const std::string& text, int pieceSize) {
 }  // namespace
 
 TEST(Channel, SharesLabelAndLifeWithItsConnection) {
-    Connection ended, shut("first");
+    ConnectedPair ended, shut("first");
     KLVMsgChannel copy(shut.socket, "second");
     EXPECT_TRUE(shut.channel == copy);
     EXPECT_EQ(KLVString("second"), shut.channel.GetLabel());
@@ -92,7 +68,7 @@ TEST(Channel, SharesLabelAndLifeWithItsConnection) {
 }
 
 TEST(Query, SelectsExactMatchesInOrderAndAppends) {
-    Connection a("pair"), other("Pair"), b("pair");
+    ConnectedPair a("pair"), other("Pair"), b("pair");
     const Channels all = ListOf({b.number, other.number, unknown, a.number});
     Channels found = ListOf({other.number});
     KLVMsgChannelQueryByLabel("pair").Search(all, found);
@@ -113,7 +89,7 @@ TEST(Query, SelectsExactMatchesInOrderAndAppends) {
 }
 
 TEST(Organizer, RemovingShutsDownAndTakesTheFirstEntryOffEachList) {
-    Connection twice("twice"), unwatched("once"), stranger;
+    ConnectedPair twice("twice"), unwatched("once"), stranger;
     KLVMsgChannelOrganizer organizer;
     organizer.RegisterChannel(unwatched.channel, false);
     organizer.RegisterChannel(twice.channel, true);
@@ -135,7 +111,7 @@ TEST(Organizer, RemovingShutsDownAndTakesTheFirstEntryOffEachList) {
 }
 
 TEST(Waitable, TimeLimitReachesSelectInMicrosecondsAndARefusalIsReported) {
-    Connection connection;
+    ConnectedPair connection;
     connection.peer.Send("x");
     KLVMsgChannelWaitable waitable(ListOf({connection.number}));
     std::vector<std::string> limits;
@@ -158,7 +134,7 @@ TEST(Waitable, TimeLimitReachesSelectInMicrosecondsAndARefusalIsReported) {
 }
 
 TEST(Waitable, ReadableConnectionsAreReportedOncePerEntry) {
-    Connection low, high, quiet, ended;
+    ConnectedPair low, high, quiet, ended;
     ended.EndByPeer();
     KLVMsgChannelWaitable dead(ListOf({ended.number, -1, unknown}));
     const CallLog log;
@@ -209,7 +185,7 @@ TEST(Waitable, DescriptorsBeyondTheSetAreLeftOut) {
     if (limit.rlim_max < limit.rlim_cur || setrlimit(RLIMIT_NOFILE, &limit) == -1) {
         GTEST_SKIP() << "the system allows too few descriptors";
     }
-    Connection connection;
+    ConnectedPair connection;
     connection.peer.Send("x");
     for (const int number : {1023, 1024}) {
         auto* const socket = new KLVMsgCommSocket(KLVMsgSocketAddress());
@@ -225,7 +201,7 @@ TEST(Waitable, DescriptorsBeyondTheSetAreLeftOut) {
 
 TEST(Waitable, NumberOfAClosedSocketGoesToTheNewConnection) {
     KLVMsgServerSocket* const server = StartLoopbackServer();
-    Connection old("old");
+    ConnectedPair old("old");
     PlainPeer next(server->address.port);
     old.EndByPeer();
     KLVMsgChannelWaitable waitable(ListOf({old.number, server->descriptor, old.number}));
@@ -240,7 +216,7 @@ TEST(Waitable, NumberOfAClosedSocketGoesToTheNewConnection) {
 
 TEST(Waitable, NumberOfAnOpenSocketKeepsItsEntry) {
     KLVMsgServerSocket* const server = StartLoopbackServer();
-    Connection holder;
+    ConnectedPair holder;
     PlainPeer next(server->address.port);
     ::close(holder.number);  // behind the socket's back
     KLVMsgChannelWaitable waitable(ListOf({server->descriptor}));
@@ -274,7 +250,7 @@ TEST(Stream, NextPieceStartsWhereTheCountStands) {
 }
 
 TEST(Stream, ReadIsOneReceiveAndNothingMovesWithoutAStreamSocket) {
-    Connection connection;
+    ConnectedPair connection;
     KLVMsgSimpleInputStream input;
     KLVMsgBufferedOutputStream output(4);
     char buffer[100] = {};

@@ -12,7 +12,6 @@
 #include <random>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "Support.h"
 #include "SystemCalls.h"
@@ -20,36 +19,6 @@
 namespace {
 
 using Ids = std::vector<unsigned int>;
-
-template <class T>
-KLVBasVector<T> ListOf(const std::vector<T>& elements) {
-    KLVBasVector<T> list;
-    for (const T& element : elements) {
-        list.PushBack(element);
-    }
-    return list;
-}
-
-template <class T>
-std::vector<T> VectorOf(const KLVBasVector<T>& list) {
-    std::vector<T> elements;
-    for (std::size_t i = 0; i < list.Size(); ++i) {
-        elements.push_back(list[i]);
-    }
-    return elements;
-}
-
-KLVMsgChannel ChannelOf(int number) {
-    KLVMsgChannel channel;
-    channel.connection = number;
-    return channel;
-}
-
-Ids Pending(const Ids& asked) {
-    KLVBasVector<unsigned int> pending = ListOf<unsigned int>({99});
-    Communicator().QueryPendingStatus(ListOf(asked), pending);
-    return VectorOf(pending);
-}
 
 // Takes the received texts, the newest first, each followed by a space.
 std::string Take() {
@@ -95,6 +64,7 @@ struct QueryByFunction : KLVMsgMessageQuery {
 
 // The message task on its thread, until it is told to end.
 struct RunningTask {
+    ~RunningTask() { Stop(); }
     int Stop() {
         Communicator().ShutdownMessageTask();
         return thread.Join();
@@ -110,6 +80,10 @@ protected:
         Communicator().SetDefaultOutputStream(&output);
         Communicator().RegisterMessagePrototype("Text", &prototype);
         Communicator().AddConnection(KLVMsgChannel(server, "server"), true);
+        static const unsigned int firstOfAll = Send(ChannelOf(-1), nullptr);
+        EXPECT_EQ(1u, firstOfAll);
+        lastId = Send(ChannelOf(-1), nullptr);
+        Communicator().TransmitPendingMessage();
     }
 
     // One cycle; with data on the way it waits until there is some.
@@ -135,18 +109,29 @@ protected:
         KLVMsgChannel channel;
     };
 
-    static unsigned int Send(const KLVMsgChannel& channel, KLVMsgSocketMessage* message) {
+    // The ids here count from the start of the test.
+    unsigned int Send(const KLVMsgChannel& channel, KLVMsgSocketMessage* message) const {
         unsigned int id = 0;
         Communicator().ISendSocketMessage(channel, message, id);
-        return id;
+        return id - lastId;
     }
 
-    static unsigned int Send(const char* label, KLVMsgSocketMessage* message) {
+    unsigned int Send(const char* label, KLVMsgSocketMessage* message) const {
         unsigned int id = 42;
         Communicator().ISendSocketMessage(label, message, id);
-        return id;
+        return id == 0 ? 0 : id - lastId;
     }
 
+    Ids Pending(Ids ids) const {
+        KLVBasVector<unsigned int> pending = ListOf<unsigned int>({99});
+        std::for_each(ids.begin(), ids.end(), [this](unsigned int& id) { id += lastId; });
+        Communicator().QueryPendingStatus(ListOf(ids), pending);
+        ids = VectorOf(pending);
+        std::for_each(ids.begin(), ids.end(), [this](unsigned int& id) { id -= lastId; });
+        return ids;
+    }
+
+    unsigned int lastId = 0;  // the last one before the test
     KLVMsgSimpleInputStream input;
     KLVMsgBufferedOutputStream output{65536};
     TextMessage prototype{"Text"};
@@ -156,13 +141,13 @@ protected:
 
 }  // namespace
 
-TEST_F(CommunicatorTest, IdsCountFromOneThroughTheWholeProcess) {
+TEST_F(CommunicatorTest, IdsCountThroughTheWholeProcess) {
     const Client a(*this, "pair"), b(*this, "pair");
     KLVMsgChannelQueryByLabel pair("pair");
     KLVBasVector<unsigned int> ids = ListOf<unsigned int>({77});
     EXPECT_EQ(1u, Send(ChannelOf(777), &hello));
     Communicator().ISendSocketMessage(&pair, &hello, ids);
-    EXPECT_EQ((Ids{77, 2, 3}), VectorOf(ids));
+    EXPECT_EQ((Ids{77, lastId + 2, lastId + 3}), VectorOf(ids));
     EXPECT_EQ(0u, Send("pair", &hello));     // two: 4 and 5
     EXPECT_EQ(0u, Send("nobody", &hello));   // none
     EXPECT_EQ(6u, Send("server", nullptr));  // queued as well
@@ -418,8 +403,9 @@ TEST_F(CommunicatorTest, InboxAndQueueFollowTheModel) {
             return std::find(asked.begin(), asked.end(), id) != asked.end();
         });
         ASSERT_EQ(expected, Pending(asked));
+        unsigned int one = asked[0] + lastId;
         ASSERT_EQ(std::find(queue.begin(), queue.end(), asked[0]) != queue.end(),
-                  Communicator().QueryPendingStatus(asked[0]));
+                  Communicator().QueryPendingStatus(one));
         if (random() % 16 == 0) {
             Communicator().TransmitPendingMessage();
             queue.clear();

@@ -2,47 +2,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <new>
+#include <functional>
 
+#include "Faults.h"
 #include "Support.h"
 #include "SystemCalls.h"
-
-// Base facilities in front of those that the library would find: they count, and fail on request.
-static int blocks = 0;           // blocks of the in-house allocator that are not released yet
-static int failing = 0;          // the allocation to fail, counted from 1 from now on
-static std::size_t refused = 0;  // the last size that there was not enough memory for
-static int locks = 0;            // how often the registry's lock was taken
-static bool locked = false;
-
-void* mem_Malloc(std::size_t size) {
-    if (size > 1000000 || (failing != 0 && --failing == 0)) {
-        refused = size;
-        return nullptr;
-    }
-    ++blocks;
-    return std::malloc(size);
-}
-void* mem_OperatorNewThrow(std::size_t size) {
-    void* const block = mem_Malloc(size);
-    return block != nullptr ? block : throw std::bad_alloc();
-}
-void* mem_OperatorNewThrowBuiltin(std::size_t size) { return mem_OperatorNewThrow(size); }
-void mem_Free(void* block) {
-    blocks -= block == nullptr ? 0 : 1;
-    std::free(block);
-}
-
-struct RegistryMutex : KLVBasAtiMutex {
-    void Lock() override {
-        EXPECT_FALSE(locked);
-        locked = true;
-        ++locks;
-    }
-    void Unlock() override { locked = false; }
-};
-KLVBasAtiMutex* KLVBasAtiThreadingModel::newMutex() { return new RegistryMutex; }
 
 namespace {
 
@@ -75,12 +40,12 @@ TEST(Header, IsLengthAndNameAndNothingElse) {
     ConnectedPair pair;
     pair.socket->lastError = EIO;
     const std::string bytes = HeaderBytes("") + HeaderBytes(std::string("a\0b", 3));
-    const int before = blocks;
+    const int before = Blocks();
     const CallLog log;
     EXPECT_EQ(1, Registry().SendMessageHeader(pair.number, KLVString()));
     EXPECT_EQ(1, Registry().SendMessageHeader(pair.number, KLVString("a\0b", 3)));
     EXPECT_EQ("send send send send", log.Names());
-    EXPECT_EQ(before, blocks);
+    EXPECT_EQ(before, Blocks());
     EXPECT_EQ(0, LastError(pair.number));
     pair.socket->ShutDownOutput();
     EXPECT_EQ(bytes, pair.peer.Receive(100));
@@ -118,9 +83,9 @@ TEST(Header, CutAnywhereFailsAndTheEndOfThePeerIsFound) {
             const std::string outcome = cut % 4 != 0 ? "0 - open" : cut == 8 ? "1 Type open" : end;
             // A short length and a whole name keep their buffer; a removed socket goes.
             const int kept = cut == 8 || cut < 4 ? 1 : 0;
-            const int before = blocks;
+            const int before = Blocks();
             EXPECT_EQ(outcome, Read(pair.number));
-            EXPECT_EQ(kept - (outcome == "0 - removed" ? 1 : 0), blocks - before);
+            EXPECT_EQ(kept - (outcome == "0 - removed" ? 1 : 0), Blocks() - before);
             EXPECT_EQ(end, Read(pair.number));
         }
     }
@@ -129,18 +94,17 @@ TEST(Header, CutAnywhereFailsAndTheEndOfThePeerIsFound) {
 TEST(Header, UnusableLengthFailsAndAGoodOneIsServed) {
     for (const unsigned int length : {0u, 0x7ffffffeu, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
         ConnectedPair hostile, good;
-        const int before = blocks;
-        refused = 0;
+        const int before = Blocks();
         std::string bytes = header;
         std::memcpy(bytes.data(), &length, sizeof length);
         hostile.peer.Send(bytes);
         good.peer.Send(header);
         EXPECT_EQ("0 - open", Read(hostile.number));
-        EXPECT_EQ(length == 0x7ffffffe ? 0x7fffffffu : 0, refused);
-        EXPECT_EQ(before, blocks);
+        EXPECT_EQ(before, Blocks());
         EXPECT_EQ(0, LastError(hostile.number));
         EXPECT_EQ("1 Type open", Read(good.number));
     }
+    EXPECT_EQ(0x7fffffffu, RefusedSize()) << "the one that fits was asked for";
 }
 
 TEST(Header, RegisteredAndUnknownNamesArriveAlike) {
@@ -185,11 +149,11 @@ TEST(Registry, FailedStartIsReportedAndAFailedConnectLeavesNothing) {
     KLVMsgServerSocket* const server = Registry().StartServer(Address("", taken.Port()), 1);
     EXPECT_EQ(server, Registry().GetSocket(server->descriptor));
     EXPECT_EQ(EADDRINUSE, LastError(server->descriptor));
-    const int before = OpenDescriptors() + blocks;
+    const int before = OpenDescriptors() + Blocks();
     {
         KLVMsgServerSocket* const accepting = StartLoopbackServer();
         const PlainPeer peer(accepting->address.port);
-        failing = 1;
+        const FailingAllocation fault(1);
         EXPECT_THROW(accepting->Accept(), std::bad_alloc);
         Registry().ShutDownConnection(accepting->descriptor);
     }
@@ -201,7 +165,7 @@ TEST(Registry, FailedStartIsReportedAndAFailedConnectLeavesNothing) {
     const CallLog log;
     EXPECT_EQ(nullptr, Registry().StartServer(Address("", 0), 1));
     EXPECT_EQ("socket bind listen", log.Names());
-    EXPECT_EQ(before, OpenDescriptors() + blocks);
+    EXPECT_EQ(before, OpenDescriptors() + Blocks());
 }
 
 TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
@@ -211,7 +175,7 @@ TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
     Registry().SetName(number, "name");
     for (const bool connect : {true, false}) {
         ::close(number);  // behind the registry's back
-        const int before = blocks;
+        const int before = Blocks();
         const CallLog log;
         KLVMsgSocket* next = connect ? nullptr : StartLoopbackServer();
         if (connect) {
@@ -219,7 +183,7 @@ TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
         }
         EXPECT_EQ(next, Registry().GetSocket(number));
         EXPECT_EQ(std::string::npos, log.Names().find("close"));
-        EXPECT_EQ(connect ? -1 : 1, blocks - before);  // the text of the server's host
+        EXPECT_EQ(connect ? -1 : 1, Blocks() - before);  // the text of the server's host
     }
     const CallLog log;
     Registry().ShutDownConnection(number);
@@ -277,23 +241,19 @@ TEST(Registry, LockIsHeldOnceAndLeftFreeWhenMemoryIsShort) {
         [&] { registry.IsConnectionOpen(pair.number); },
         [&] { registry.ShutDownConnection(pair.number); },
     };
-    const Interposed inside([](SystemCall&) -> std::optional<long> {
-        EXPECT_TRUE(locked);
+    const WatchedMutex& lock = LockOf<KLVMsgConnectionServicesUtils>();
+    const Interposed inside([&](SystemCall&) -> std::optional<long> {
+        EXPECT_TRUE(lock.held || Exempt::depth != 0);
         return std::nullopt;
     });
     for (const auto& operation : operations) {
-        for (int n = 1; failing == 0; ++n) {  // until the n-th allocation is not reached
-            const int before = OpenDescriptors();
-            failing = n;
-            locks = 0;
-            try {
-                operation();
-            } catch (const std::bad_alloc&) {
-                EXPECT_EQ(before, OpenDescriptors());
-            }
-            EXPECT_EQ(1, locks);
-            EXPECT_FALSE(locked);
-        }
-        failing = 0;
+        int before = OpenDescriptors(), taken = lock.taken;
+        FailEachAllocation(operation, [&](int, bool) {
+            EXPECT_EQ(before, OpenDescriptors());
+            EXPECT_EQ(++taken, lock.taken);
+            EXPECT_FALSE(lock.held);
+        });
+        EXPECT_EQ(++taken, lock.taken);
+        EXPECT_FALSE(lock.held);
     }
 }

@@ -1,110 +1,64 @@
 // The exchange example as its users run it: as processes.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
+#include "Program.h"
 #include "Support.h"
 
-#ifndef EXCHANGE_PROGRAM
-#define EXCHANGE_PROGRAM ""
-#endif
+namespace {
 
-// Runs the program in a folder of its own, with its output in a file there.
-class ExchangeTest : public testing::Test {
-protected:
-    void SetUp() override {
-        if (std::string(EXCHANGE_PROGRAM).empty()) {
-            GTEST_SKIP() << "built without the examples";
-        }
-        char folder[] = "/tmp/exchangeXXXXXX";
-        ASSERT_NE(mkdtemp(folder), nullptr);
-        std::filesystem::current_path(folder);
-    }
-
-    void TearDown() override {
-        const std::filesystem::path folder = std::filesystem::current_path();
-        std::filesystem::current_path("/");
-        if (!IsSkipped()) {
-            std::filesystem::remove_all(folder);
-        }
-    }
-
-    static void Make(const std::string& name, const std::string& content) {
-        std::ofstream(name, std::ios::binary) << content;
-    }
-
-    static pid_t Start(const std::string& arguments) {
-        Make("output", "");
-        const std::string command = "exec '" EXCHANGE_PROGRAM "' " + arguments + " >output 2>&1";
-        const pid_t process = fork();
-        if (process == 0) {
-            _exit(execl("/bin/sh", "sh", "-c", command.c_str(), nullptr));
-        }
-        return process;
-    }
-
-    // The exit code, or -1 when the process was killed.
-    static int ExitCode(pid_t process) {
-        int status = 0;
-        EXPECT_EQ(waitpid(process, &status, 0), process);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    static bool Said(const std::string& text) {
-        std::ifstream file("output");
-        const std::string all(std::istreambuf_iterator<char>(file), {});
-        return all.find(text) != std::string::npos;
-    }
+struct Exchange : Program {
+    explicit Exchange(const std::string& arguments) : Program(EXCHANGE_PROGRAM, arguments) {}
 };
 
-TEST_F(ExchangeTest, HubAndClientsAgreeOnEveryFile) {
-    Make("empty", "");
-    Make("check", "123456789");
-    Make("large", std::string(9 << 20, 'x') + " y\nz");  // more than a socket buffers
-    EXPECT_EQ(ExitCode(Start("--clients 2 empty check large")), 0);
-    EXPECT_TRUE(Said("client-1             0          0          0 00000000  agreed     empty"));
-    EXPECT_TRUE(Said("client-2             9          0          1 cbf43926  agreed     check"));
-    EXPECT_TRUE(Said("client-1       9437188          1          3 "));
+using ExchangeTest = ProgramTest;
 
-    EXPECT_EQ(ExitCode(Start("--clients 3 check")), 0);  // more clients than files
-    EXPECT_TRUE(Said("client-3             9          0          1 cbf43926  agreed     check"));
+}  // namespace
+
+TEST_F(ExchangeTest, HubAndClientsAgreeOnEveryFile) {
+    File("empty", "");
+    File("check", "123456789");
+    File("large", std::string(9 << 20, 'x') + " y\nz");  // more than a socket buffers
+    Exchange two("--clients 2 empty check large");
+    EXPECT_EQ(0, two.End());
+    EXPECT_TRUE(
+        two.Said("client-1             0          0          0 00000000  agreed     empty"));
+    EXPECT_TRUE(
+        two.Said("client-2             9          0          1 cbf43926  agreed     check"));
+    EXPECT_TRUE(two.Said("client-1       9437188          1          3 "));
+
+    Exchange idle("--clients 3 check");  // more clients than files
+    EXPECT_EQ(0, idle.End());
+    EXPECT_TRUE(
+        idle.Said("client-3             9          0          1 cbf43926  agreed     check"));
 }
 
 TEST_F(ExchangeTest, WhatCannotStartEndsWithAMessage) {
-    Make("file", "text\n");
-    EXPECT_EQ(ExitCode(Start("file missing")), 1);
-    EXPECT_TRUE(Said("missing: No such file or directory"));
-
+    const auto fails = [](const std::string& arguments, const char* message) {
+        Exchange exchange(arguments);
+        EXPECT_EQ(1, exchange.End());
+        EXPECT_TRUE(exchange.Said(message));
+    };
+    File("file", "text\n");
+    fails("file missing", "missing: No such file or directory");
     std::string port;
     {
         const PlainServer other;
         port = "--port " + std::to_string(other.Port());
-        EXPECT_EQ(ExitCode(Start(port + " file")), 1);
-        EXPECT_TRUE(Said("Address already in use"));
+        fails(port + " file", "Address already in use");
     }
-    EXPECT_EQ(ExitCode(Start("client " + port + " file")), 1);
-    EXPECT_TRUE(Said("no hub listens there"));
+    fails("client " + port + " file", "no hub listens there");
 }
 
 TEST_F(ExchangeTest, AKilledProcessEndsTheRun) {
-    Make("large", std::string(64 << 20, 'x'));
+    File("large", std::string(64 << 20, 'x'));
     for (const bool killHub : {true, false}) {
         // In chunks so small that the files would travel for minutes.
-        const pid_t run = Start("--chunk 64 large large");
-        ASSERT_TRUE(Eventually([] { return Said("0 of 2 files"); }));
-        const std::string number = std::to_string(run);
-        pid_t hub = 0;
-        pid_t client = 0;
+        Exchange run("--chunk 64 large large");
+        ASSERT_TRUE(Eventually([&] { return run.Said("0 of 2 files"); }));
+        const std::string number = std::to_string(run.Process());
+        pid_t hub = 0, client = 0;
         std::ifstream("/proc/" + number + "/task/" + number + "/children") >> hub >> client;
-        ASSERT_EQ(kill(killHub ? hub : client, SIGKILL), 0);
-        EXPECT_EQ(ExitCode(run), 1);
-        EXPECT_TRUE(Said(killHub ? "hub was killed by signal 9" : "client-1 was killed"));
-        EXPECT_TRUE(Said(killHub ? "client-2: lost the hub" : "client-2: sent away"));
+        ASSERT_EQ(0, kill(killHub ? hub : client, SIGKILL));
+        EXPECT_EQ(1, run.End());
+        EXPECT_TRUE(run.Said(killHub ? "hub was killed by signal 9" : "client-1 was killed"));
+        EXPECT_TRUE(run.Said(killHub ? "client-2: lost the hub" : "client-2: sent away"));
     }
 }

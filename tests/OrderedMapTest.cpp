@@ -1,39 +1,13 @@
-// The ordered map against a plain model of the same rules, known shapes, and its memory.
+// The ordered map against a plain model of the same rules, and known shapes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
-#include <cstdlib>
 #include <memory>
-#include <new>
 #include <random>
 
+#include "Faults.h"
 #include "Support.h"
-
-static int blocks = 0;            // of the in-house allocator, in use
-static int allocationsLeft = -1;  // before they fail; -1: without limit
-
-// In place of the base library's.
-void* mem_OperatorNewThrow(std::size_t size) {
-    if (allocationsLeft == 0) {
-        throw std::bad_alloc();
-    }
-    allocationsLeft -= allocationsLeft > 0 ? 1 : 0;
-    ++blocks;
-    return std::malloc(size);
-}
-
-void mem_Free(void* block) {
-    blocks -= block != nullptr ? 1 : 0;
-    std::free(block);
-}
-
-using NameMap = omi_Btree<int, KLVString>;
-
-class OrderedMap : public testing::Test {
-protected:
-    void TearDown() override { EXPECT_EQ(0, blocks); }
-};
 
 static long long Order(int stored, int sought) {
     const long long difference = static_cast<long long>(sought) - stored;
@@ -199,7 +173,7 @@ void FollowsTheModel(K (*makeKey)(std::size_t), V (*makeValue)(std::size_t)) {
     }
 }
 
-TEST_F(OrderedMap, OfIntegersFollowsTheModelAlsoWhereComparisonWraps) {
+TEST(OrderedMap, OfIntegersFollowsTheModelAlsoWhereComparisonWraps) {
     FollowsTheModel<int, KLVString>(
         [](std::size_t n) {
             return (static_cast<int>(n % 256) - 128) * (n % 4096 < 512 ? 1 << 24 : 1);
@@ -207,7 +181,7 @@ TEST_F(OrderedMap, OfIntegersFollowsTheModelAlsoWhereComparisonWraps) {
         [](std::size_t n) { return KLVString((" " + std::to_string(n)).c_str()); });
 }
 
-TEST_F(OrderedMap, OfTextsFollowsTheModel) {
+TEST(OrderedMap, OfTextsFollowsTheModel) {
     FollowsTheModel<KLVString, KLVMsgSocketMessage*>(
         [](std::size_t n) {
             return KLVString(n % 150 == 0 ? "" : std::to_string(n % 150).c_str());
@@ -215,7 +189,7 @@ TEST_F(OrderedMap, OfTextsFollowsTheModel) {
         [](std::size_t n) { return reinterpret_cast<KLVMsgSocketMessage*>(n * 8); });
 }
 
-TEST_F(OrderedMap, KeepsTheKnownShapes) {
+TEST(OrderedMap, KeepsTheKnownShapesAndAnswersWithItsNullValueForAbsentKeys) {
     const struct {
         std::vector<int> inserted, removed;
         const char* shape;
@@ -229,7 +203,8 @@ TEST_F(OrderedMap, KeepsTheKnownShapes) {
         {{-1, INT_MAX}, {}, "-1:1(2147483647:0,-)"},
     };
     for (const auto& each : known) {
-        NameMap map;
+        omi_Btree<int, KLVString> map, assigned;
+        map.SetNullValue("none");
         for (const int key : each.inserted) {
             map.Insert(key, "");
         }
@@ -237,67 +212,52 @@ TEST_F(OrderedMap, KeepsTheKnownShapes) {
             map.Remove(key);
         }
         EXPECT_EQ(each.shape, Shape(map.m_root));
+        EXPECT_EQ(KLVString("none"), map.Get(42));
+        EXPECT_EQ(KLVString(""), map.GetNullValue());
+        assigned = map;
+        map.Clear();
+        EXPECT_TRUE(map.IsEmpty());
+        EXPECT_EQ(KLVString("none"), map.ConstGet(each.inserted[0]));
+        EXPECT_EQ(KLVString("none"), decltype(map)(assigned).Get(42));
     }
 }
 
-TEST_F(OrderedMap, NullValueAnswersForAbsentKeysAndOutlivesTheEntries) {
-    NameMap map;
-    map.SetNullValue("none");
-    map.Insert(1, "one");
-    EXPECT_EQ(KLVString("none"), map.Get(2));
-    EXPECT_EQ(KLVString("one"), map.ConstGet(1));
-    EXPECT_EQ(KLVString(""), map.GetNullValue());
-    EXPECT_EQ(1, map.Size());
-    NameMap assigned;
-    assigned = map;
-    map.Clear();
-    EXPECT_TRUE(map.IsEmpty());
-    EXPECT_EQ(KLVString("none"), map.Get(1));
-    EXPECT_EQ(KLVString("none"), NameMap(assigned).ConstGet(2));
-}
-
-TEST_F(OrderedMap, FailedAllocationLeavesTheMapAsItWasAndNothingBehind) {
-    NameMap map, target;
+TEST(OrderedMap, ShortMemoryChangesNothing) {
+    omi_Btree<int, KLVString> map, target;
+    const KLVString name("name");
     for (int key = 0; key < 20; ++key) {
-        map.Insert(key * 7 % 20, "name");
+        map.Insert(key * 7 % 20, name);
     }
-    target.Insert(5, "old");
-    const std::string shape = Shape(map.m_root), targetShape = Shape(target.m_root);
-    const KLVString name = target.Get(5);
-    const int used = blocks;
-    for (int granted = 0; granted < 20; ++granted) {
-        allocationsLeft = granted;
-        EXPECT_THROW(target = map, std::bad_alloc);
-        EXPECT_EQ(used, blocks);
-    }
-    allocationsLeft = 0;
-    EXPECT_NO_THROW(map = *&map);
-    EXPECT_THROW(map.Insert(20, name), std::bad_alloc);
-    allocationsLeft = 1;
-    EXPECT_THROW(omi_BtreeIterator(map).First(), std::bad_alloc);
-    allocationsLeft = -1;
-    EXPECT_EQ(targetShape, Shape(target.m_root));
-    EXPECT_EQ(shape, Shape(map.m_root));
-    EXPECT_EQ(20, map.Size());
-    EXPECT_EQ(used, blocks);
+    target.Insert(5, name);
+    const auto show = [&] {
+        return Shape(map.m_root) + Shape(target.m_root) + Text(map.Size() + 100 * target.Size());
+    };
+    EXPECT_EQ(0, ShortMemoryChangesNothing([&] { map = *&map; }, show));
+    EXPECT_EQ(20, ShortMemoryChangesNothing([&] { decltype(map) copy(map); }, show));
+    EXPECT_EQ(21, ShortMemoryChangesNothing([&] { delete map.Copy(); }, show));
+    EXPECT_EQ(20, ShortMemoryChangesNothing([&] { target = map; }, show));
+    EXPECT_EQ(1, ShortMemoryChangesNothing([&] { map.Insert(20, name); }, show));
+    const auto walk = [&] { Walk(map, true), Walk(map, false); };
+    EXPECT_LT(20, ShortMemoryChangesNothing(walk, show));
 }
 
-TEST_F(OrderedMap, IteratorRestartsWritesThroughAndFreesItsPath) {
-    NameMap map;
+TEST(OrderedMap, IteratorRestartsWritesThroughAndFreesItsPath) {
+    omi_Btree<int, KLVString> map;
     omi_BtreeIterator<int, KLVString> position(map);
     position.First();
     EXPECT_TRUE(position.IsDone());
     for (int key = 0; key < 9; ++key) {
         map.Insert(key, "");
     }
+    const int used = Blocks();
     position.Last();
+    position.First();
+    const int positioned = Blocks();
+    position.First();
+    EXPECT_EQ(positioned, Blocks());
     position.CurrentValue() = "seen";
-    EXPECT_EQ(KLVString("seen"), map.Get(8));
-    position.First();
-    const int used = blocks;
-    position.First();
-    EXPECT_EQ(used, blocks);
+    EXPECT_EQ(KLVString("seen"), map.ConstGet(0));
     position.ClearStack();
     EXPECT_TRUE(position.IsDone());
-    EXPECT_EQ(10, blocks);  // the entries and one text
+    EXPECT_EQ(used + 1, Blocks()) << "one text more";
 }

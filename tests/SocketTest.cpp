@@ -1,7 +1,6 @@
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <netdb.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -10,26 +9,30 @@
 #include "Support.h"
 #include "SystemCalls.h"
 
-static std::string asked;      // what the resolver was last asked for: host and service
-static int resolverError = 0;  // other than 0: the resolver fails and leaves it in errno
-
-extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo* hints,
-                           addrinfo** list) {
-    asked = std::string(host) + " " + (service == nullptr ? "none" : service);
-    auto* const next = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
-    errno = resolverError;
-    return resolverError != 0 ? EAI_NONAME : next(host, service, hints, list);
-}
-
 namespace {
 
 using Address = KLVMsgSocketAddress;
+
+// One that closes at its end.
+struct Server : KLVMsgServerSocket {
+    using KLVMsgServerSocket::KLVMsgServerSocket;
+    ~Server() { closed ? void() : Shutdown(); }
+};
 
 // What is open, and the last error.
 std::string State(const KLVMsgCommSocket& socket) {
     return std::string(socket.inputOpen ? "in " : "") + (socket.outputOpen ? "out " : "") +
            (socket.closed ? "closed " : "open ") + std::to_string(socket.lastError);
 }
+
+// What the resolver is asked for meanwhile: host and service.
+struct Asked {
+    std::string last;
+    Interposed interposed{[this](SystemCall& call) -> std::optional<long> {
+        last = call.name == "getaddrinfo" ? call.value : last;
+        return std::nullopt;
+    }};
+};
 
 const std::string one("\1\0\0\0", 4);  // the value of an option that is on
 
@@ -38,7 +41,7 @@ const std::string one("\1\0\0\0", 4);  // the value of an option that is on
 TEST(StreamSocket, ConnectionIsResetOnCloseAndKeptAlive) {
     for (const char* host : {"", "localhost", "::1"}) {
         const CallLog log;
-        KLVMsgServerSocket server(Address(host, 0), 16);
+        Server server(Address(host, 0), 16);
         ASSERT_NE("listen", log.Names()) << host << " does not resolve";
         if (server.closed) {
             GTEST_SKIP() << host << ": " << std::strerror(server.lastError);
@@ -79,17 +82,17 @@ TEST(StreamSocket, FailedConnectKeepsItsDescriptorUntilShutdown) {
         EXPECT_EQ(failing == 2, socket.IsConnected());
         socket.Shutdown();
     }
+    const Asked asked;
     socket.Connect(Address("", 0));
-    EXPECT_EQ("127.0.0.1 0", asked);
+    EXPECT_EQ("127.0.0.1 0", asked.last);
+    socket.Shutdown();
 }
 
 TEST(StreamSocket, ConnectEndsTheOldConnectionFirst) {
     ConnectedPair pair;
-    const FailingCall stuck("shutdown", EINVAL);
+    const FailingCall stuck("shutdown", EINVAL), unknown("getaddrinfo", ENOENT);
     const CallLog log;
-    resolverError = ENOENT;
     pair.socket->Connect(Address("127.0.0.1", 80));
-    resolverError = 0;
     EXPECT_EQ("shutdown shutdown close", log.Names());
     EXPECT_EQ("closed " + std::to_string(ENOENT), State(*pair.socket));
     EXPECT_EQ(-1, pair.socket->descriptor);
@@ -131,7 +134,7 @@ TEST(Socket, OnlyAConnectionLostErrorEndsIt) {
         SCOPED_TRACE(std::strerror(error));
         const bool lost = ending.count(error) == 1;
         ConnectedPair reader, writer, both;
-        KLVMsgServerSocket accepting(Address("", 0), 16), closing(Address("", 0), 16);
+        Server accepting(Address("", 0), 16), closing(Address("", 0), 16);
         {
             const FailingCall recv("recv", error), send("send", error), accept("accept", error);
             const CallLog log;
@@ -159,17 +162,17 @@ TEST(Socket, OnlyAConnectionLostErrorEndsIt) {
         closing.Shutdown();
         EXPECT_TRUE(closing.closed);
         EXPECT_EQ(lost ? 0 : error, closing.lastError);
-        for (const int left : {reader.number, writer.number, accepting.descriptor}) {
-            Registry().ShutDownConnection(left);
-        }
+        Registry().ShutDownConnection(reader.number);
+        Registry().ShutDownConnection(writer.number);
     }
 }
 
 TEST(ServerSocket, BindsListensAndAcceptsWithoutFurtherOptions) {
     const int before = OpenDescriptors();
+    const Asked asked;
     const CallLog log;
     KLVMsgServerSocket server(Address("", 0), -7);
-    EXPECT_EQ("127.0.0.1 none", asked);
+    EXPECT_EQ("127.0.0.1 none", asked.last);
     EXPECT_EQ(0, server.address.host.Length() + server.lastError);
     PlainPeer peer(server.address.port);
     KLVMsgCommSocket* const accepted = server.Accept();
@@ -186,29 +189,35 @@ TEST(ServerSocket, BindsListensAndAcceptsWithoutFurtherOptions) {
     EXPECT_EQ(SHUT_RDWR, calls[5].option);
     const int port = PlainServer().Port();
     const CallLog given;
-    { const KLVMsgServerSocket left(Address("127.0.0.1", port), 3); }
-    EXPECT_EQ("127.0.0.1 " + std::to_string(port), asked);
+    const int left = KLVMsgServerSocket(Address("127.0.0.1", port), 3).descriptor;
+    EXPECT_EQ("127.0.0.1 " + std::to_string(port), asked.last);
     EXPECT_EQ("socket bind setsockopt listen", given.Names());
     EXPECT_EQ(before + 3, OpenDescriptors());  // a destructor does not close
+    ::close(left);
 }
 
 TEST(ServerSocket, ListensEvenWhenTheBindFailed) {
     PlainServer taken;
-    const FailingCall option("setsockopt", EPERM), name("getsockname", ENOBUFS);
     KLVMsgCommSocket first{Address()};
-    resolverError = ENOENT;
-    first.BindLocalAddress(Address("", -1));
-    EXPECT_EQ("closed " + std::to_string(ENOENT), State(first));
-    resolverError = 0;
+    {
+        const FailingCall unknown("getaddrinfo", ENOENT);
+        first.BindLocalAddress(Address("", -1));
+        EXPECT_EQ("closed " + std::to_string(ENOENT), State(first));
+    }
+    const FailingCall option("setsockopt", EPERM), name("getsockname", ENOBUFS);
     first.BindLocalAddress(Address("", -1));
     EXPECT_EQ("open " + std::to_string(ENOBUFS), State(first));
+    first.Shutdown();
     const CallLog log;
-    const KLVMsgServerSocket second(Address("", taken.Port()), 16);
+    KLVMsgServerSocket second(Address("", taken.Port()), 16);
     EXPECT_EQ("socket bind listen", log.Names());
     EXPECT_TRUE(second.closed);
     EXPECT_EQ(EADDRINUSE, second.lastError);
+    second.Shutdown();
     const FailingCall listen("listen", EOPNOTSUPP);
-    EXPECT_EQ(EOPNOTSUPP, KLVMsgServerSocket(Address("", taken.Port()), 16).lastError);
+    KLVMsgServerSocket third(Address("", taken.Port()), 16);
+    EXPECT_EQ(EOPNOTSUPP, third.lastError);
+    third.Shutdown();
 }
 
 TEST(ErrorText, IsTheSystemsOwnInOneLine) {

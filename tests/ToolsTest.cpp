@@ -1,85 +1,50 @@
 // The example programs as processes of their own: with each other, and with peers that misbehave.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
+#include "Program.h"
 #include "Support.h"
 
 namespace {
 
-// A program that runs; its standard output and error are read together.
-struct Program {
-    Program(const std::string& name, const std::string& arguments) {
-        const std::string path = EXAMPLE_DIR "/" + name + "/" + name;
-        EXPECT_EQ(0, access(path.c_str(), X_OK)) << path << " has not been built";
-        output = popen((path + " 2>&1 " + arguments).c_str(), "r");
-    }
+struct Example : Program {
+    Example(const std::string& name, const std::string& arguments)
+        : Program(EXAMPLE_DIR "/" + name + "/" + name, arguments) {}
 
-    int Port() {  // the one that a klvmsgcat listens on, from its first line
-        int port = 0;
-        EXPECT_EQ(1, std::fscanf(output, "klvmsgcat: listening on 127.0.0.1:%d%*c", &port));
-        return port;
+    // The one that a klvmsgcat listens on, from its first line.
+    int Port() const {
+        EXPECT_TRUE(Eventually([this] { return Said("\n"); }));
+        const std::string line = "klvmsgcat: listening on 127.0.0.1:";
+        EXPECT_EQ(0u, Output().find(line));
+        return std::stoi(Output().substr(line.size()));
     }
-
-    int End() {  // waits for it and returns the exit code; called once
-        for (int byte = 0; (byte = std::fgetc(output)) != EOF;) {
-            rest += static_cast<char>(byte);
-        }
-        const int status = pclose(output);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    std::FILE* output;
-    std::string rest;  // what had not been read before the end
 };
 
-int RunKlvmsgcat(const std::string& arguments) { return Program("klvmsgcat", arguments).End(); }
-
-std::string Content(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-}
+int RunKlvmsgcat(const std::string& arguments) { return Example("klvmsgcat", arguments).End(); }
 
 std::string To(int port) { return "-t 60 --connect 127.0.0.1:" + std::to_string(port) + " "; }
 
-struct Klvmsgcat : testing::Test {
-    ~Klvmsgcat() override { std::filesystem::remove_all(folder); }
-    std::string File(const std::string& name, const std::string& content) {
-        std::ofstream(folder + "/" + name, std::ios::binary) << content;
-        return folder + "/" + name;
-    }
-
-    const std::string folder = mkdtemp((testing::TempDir() + "toolsXXXXXX").data());
-};
+using Klvmsgcat = ProgramTest;
 
 }  // namespace
 
 TEST_F(Klvmsgcat, PrintsWhatAnotherOneSends) {
     const std::string note = File("note", std::string("a\0\n", 3)), tick = File("tick", "xyz");
     const std::string large = File("large", std::string(8000000, 'w')), kept = File("kept", "");
-    Program listener("klvmsgcat", "-t 60 -l 0 -r Note -r Tick --fixed Tick=3 --hex >" + kept);
+    Example listener("klvmsgcat", "-t 60 -l 0 -r Note -r Tick --fixed Tick=3 --hex >" + kept);
     EXPECT_EQ(0, RunKlvmsgcat(To(listener.Port()) + "-f Tick=3 -s Note=" + note +
                               " -s Tick=" + tick + " -s Note=/dev/null -s Note=" + large));
     EXPECT_EQ(0, listener.End());
-    EXPECT_TRUE(Content(kept) == "Note 3 61000a\nTick 3 78797a\nNote 0 \nNote 8000000 " +
-                                     std::string(16000000, '7') + "\n");
+    EXPECT_TRUE(Program::Content(kept) == "Note 3 61000a\nTick 3 78797a\nNote 0 \nNote 8000000 " +
+                                              std::string(16000000, '7') + "\n");
 }
 
 TEST_F(Klvmsgcat, AnswersTheOneThatConnects) {
     const std::string bytes("\0a\n\xff", 4), kept = File("kept", "");
     const std::string note = File("note", bytes), lines = File("lines", "one\n\n\\three");
-    Program listener("klvmsgcat", "-t 60 --listen 0 -r Line -s Note=" + note);
+    Example listener("klvmsgcat", "-t 60 --listen 0 -r Line -s Note=" + note);
     EXPECT_EQ(0, RunKlvmsgcat(To(listener.Port()) + "-r Note -n 1 --raw --lines Line <" + lines +
                               " >" + kept));
     EXPECT_EQ(0, listener.End());
-    EXPECT_EQ("Line 3 one\nLine 0 \nLine 6 \\x5cthree\n", listener.rest);
-    EXPECT_EQ(bytes, Content(kept));
+    EXPECT_TRUE(listener.Said("\nLine 3 one\nLine 0 \nLine 6 \\x5cthree\n"));
+    EXPECT_EQ(bytes, Program::Content(kept));
 }
 
 TEST_F(Klvmsgcat, SaysByItsExitCodeWhatIsWrong) {
@@ -99,15 +64,15 @@ TEST_F(Klvmsgcat, SurvivesPeersThatMisbehave) {
     const std::string odd = HeaderBytes("Odd"), huge = HeaderBytes("Note") + "\xff\xff\xff\xff";
     for (const auto& [bytes, code] :
          {std::pair(cut, 4), {whole, 4}, {noName, 5}, {odd, 5}, {huge, 5}}) {
-        Program listener("klvmsgcat", "-t 60 --listen 0 -r Note --count 2");
+        Example listener("klvmsgcat", "-t 60 --listen 0 -r Note --count 2");
         PlainPeer peer(listener.Port());
         peer.Send(bytes);
         peer.Close();
-        EXPECT_EQ(code, listener.End()) << bytes << listener.rest;
+        EXPECT_EQ(code, listener.End()) << bytes << listener.Output();
     }
 }
 
-TEST(Examples, PubsubAndWorkersComeToTheirEnd) {
-    EXPECT_EQ(0, Program("pubsub", "").End());
-    EXPECT_EQ(0, Program("workers", "").End());
+TEST_F(ProgramTest, PubsubAndWorkersComeToTheirEnd) {
+    EXPECT_EQ(0, Example("pubsub", "").End());
+    EXPECT_EQ(0, Example("workers", "").End());
 }

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Builds and runs the consumer in one way, in a directory of its own:
+# Builds the README's program in one way, in a directory of its own, and runs it:
 #   consumer_test.sh find_package|pkg_config|moved|subproject|own_base LIBRARY_BUILD
 # LIBRARY_BUILD is a finished build of the library; the first three install it into a new prefix.
 set -euo pipefail
 way=$1 library_build=$2
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source=$(cd "$here/../.." && pwd)
+project=$library_build/tests/readme/project  # the program, and how the README builds it
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 compiler=${CXX:-g++}
@@ -21,30 +22,33 @@ install_library() {
   libdir=$(dirname "$(find "$prefix" -name libKLVMsgCommModules.so.1)")
 }
 
-build_with_cmake() {  # DIRECTORY OPTION...
+try_cmake() {  # DIRECTORY OPTION...
   cmake -S "$1" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" "${@:2}"
   cmake --build "$work/build" --parallel 2
+  "$here/../readme/first_program_test.sh" "$work/build/first"
 }
 
 try_find_package() {
-  build_with_cmake "$here/installed" -DCMAKE_PREFIX_PATH="$prefix"
-  "$work/build/consumer"
+  try_cmake "$project" -DCMAKE_PREFIX_PATH="$prefix"
 }
 try_pkg_config() {
   export PKG_CONFIG_PATH=$libdir/pkgconfig
   local flags
   flags=$(pkg-config --cflags --libs KLVMsgCommModules)
   # shellcheck disable=SC2086  # the flags are several words
-  "$compiler" ${CXXFLAGS:-} -std=c++17 "$here/main.cpp" $flags -o "$work/consumer"
-  LD_LIBRARY_PATH=$libdir "$work/consumer"
+  "$compiler" ${CXXFLAGS:-} -std=c++17 "$project/first.cpp" $flags -o "$work/first"
+  LD_LIBRARY_PATH=$libdir "$here/../readme/first_program_test.sh" "$work/first"
 }
 
 case $way in
   find_package)
     install_library
     try_find_package
-    if cmake -S "$here/installed" -B "$work/next" -DCMAKE_CXX_COMPILER="$compiler" \
-      -DCMAKE_PREFIX_PATH="$prefix" -DWANTED_VERSION=2.0 >"$work/log" 2>&1; then
+    cp -r "$project" "$work/next"
+    sed -i 's/KLVMsgCommModules 1\.0/KLVMsgCommModules 2.0/' "$work/next/CMakeLists.txt"
+    grep -q 2.0 "$work/next/CMakeLists.txt"
+    if cmake -S "$work/next" -B "$work/next" -DCMAKE_CXX_COMPILER="$compiler" \
+      -DCMAKE_PREFIX_PATH="$prefix" >"$work/log" 2>&1; then
       say_and_fail "version 2.0 was asked for and version 1 accepted"
     fi
     ;;
@@ -63,12 +67,10 @@ case $way in
     try_pkg_config
     ;;
   subproject)
-    build_with_cmake "$here/subproject" -DLIBRARY_SOURCE="$source"
-    "$work/build/consumer"
+    try_cmake "$here/subproject" -DLIBRARY_SOURCE="$source" -DPROGRAM_SOURCE="$project/first.cpp"
     ;;
   own_base)
-    build_with_cmake "$here/own_base" -DLIBRARY_SOURCE="$source"
-    "$work/build/consumer"
+    try_cmake "$here/own_base" -DLIBRARY_SOURCE="$source" -DPROGRAM_SOURCE="$project/first.cpp"
     cmake --install "$work/build" --prefix "$work/prefix"
     include=$work/prefix/include/KLVMsgCommModules
     [ -f "$include/omi_Btree.h" ] || say_and_fail "the ordered map is not installed"

@@ -7,9 +7,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <thread>
+
+#include "Faults.h"
 
 namespace {
 
@@ -28,18 +31,47 @@ std::string LengthBytes(const std::string& text) {
 
 // Reads until `length` bytes have come or the stream has no more; true for all of them.
 bool ReadWhole(KLVMsgInputStream* stream, char* buffer, int length) {
-    for (int done = 0; done < length;) {
-        int count = 0;
+    int done = 0, count = 1;
+    for (; done < length && count > 0; done += count) {
+        count = 0;
         stream->read(buffer + done, length - done, count);
-        if (count <= 0) {
-            return false;
-        }
-        done += count;
     }
-    return true;
+    return count > 0;
 }
 
+// Puts everything back after each test and looks whether that was all.
+class Housekeeper : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo&) override {
+        m_descriptors = OpenDescriptors();
+        m_blocks = Blocks() - KeptBuffers();
+    }
+
+    void OnTestEnd(const testing::TestInfo& test) override {
+        for (int number = -10; number < 1100; ++number) {
+            Registry().ShutDownConnection(number);
+        }
+        KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Finalize();
+        KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Finalize();
+        if (test.result()->Passed()) {
+            EXPECT_EQ(m_descriptors, OpenDescriptors()) << "descriptors are left";
+            EXPECT_EQ(m_blocks, Blocks() - KeptBuffers()) << "blocks are left";
+            EXPECT_EQ(0, TextMessage::alive) << "messages are left";
+        }
+    }
+
+    int m_descriptors = 0;
+    int m_blocks = 0;
+};
+
+const bool housekeeping = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new Housekeeper);
+    return setenv("LSAN_OPTIONS", SUPPRESSED_LEAKS, 0) == 0;  // for the programs that a test runs
+}();
+
 }  // namespace
+
+// The buffers that a received header keeps are no leaks.
+extern "C" const char* __lsan_default_options() { return SUPPRESSED_LEAKS; }
 
 KLVMsgSocketCommunicator& Communicator() {
     return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
@@ -74,8 +106,6 @@ PlainPeer::PlainPeer(int port) : m_descriptor(socket(AF_INET, SOCK_STREAM, 0)) {
     EXPECT_EQ(0,
               connect(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address));
 }
-
-PlainPeer::~PlainPeer() { Close(); }
 
 void PlainPeer::Send(const std::string& bytes) { EXPECT_TRUE(SendAny(bytes)); }
 
@@ -117,20 +147,17 @@ PlainServer::~PlainServer() { close(m_descriptor); }
 
 PlainPeer::TakeOver PlainServer::Accept() { return {accept(m_descriptor, nullptr, nullptr)}; }
 
+void ConnectedPair::EndByPeer() {
+    peer.Close();
+    char byte = 0;
+    EXPECT_EQ(0, socket->read(&byte, 1));
+}
+
 std::string HeaderBytes(const std::string& typeName) { return LengthBytes(typeName) + typeName; }
 
 std::string TextBytes(const std::string& typeName, const std::string& text) {
     return HeaderBytes(typeName) + LengthBytes(text) + text;
 }
-
-std::atomic<int> TextMessage::alive{0};
-
-TextMessage::TextMessage(const std::string& typeName, const std::string& content)
-    : type(typeName), text(content) {
-    ++alive;
-}
-
-TextMessage::~TextMessage() { --alive; }
 
 int TextMessage::WriteMessage(KLVMsgOutputStream* stream) {
     std::string bytes = LengthBytes(text) + text;
@@ -148,10 +175,12 @@ int TextMessage::ReadMessage(KLVMsgInputStream* stream) {
     return ReadWhole(stream, text.data(), static_cast<int>(length)) ? 1 : 0;
 }
 
-KLVMsgSocketMessage* TextMessage::NewInstance() { return new TextMessage(type); }
-
-KLVString TextMessage::GetMessageType() const { return KLVString(type.c_str()); }
-
 const std::string& TextOf(const KLVMsgSocketMessage* message) {
     return dynamic_cast<const TextMessage&>(*message).text;
+}
+
+KLVMsgChannel ChannelOf(int number) {
+    KLVMsgChannel channel;
+    channel.connection = number;
+    return channel;
 }

@@ -1,5 +1,9 @@
 // The vocabulary of the tests: plain TCP peers, a message class, waiting for a condition, counting
 // descriptors.
+//
+// Every test starts and ends with nothing: after it both singletons are finalized, what they had
+// open is closed, and a descriptor, a message or a block of the library that is left is a failure.
+// Only the send ids go on: they count through the whole process.
 #pragma once
 
 #include <KLVMsgCommModules.h>
@@ -7,6 +11,7 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <vector>
 
 KLVMsgSocketCommunicator& Communicator();
 KLVMsgConnectionServicesUtils& Registry();
@@ -29,7 +34,7 @@ public:
         int descriptor;
     };
     explicit PlainPeer(TakeOver connected) : m_descriptor(connected.descriptor) {}
-    ~PlainPeer();
+    ~PlainPeer() { Close(); }
     PlainPeer(const PlainPeer&) = delete;
     PlainPeer& operator=(const PlainPeer&) = delete;
 
@@ -62,11 +67,17 @@ private:
     int m_port;
 };
 
-// A registered connection made with ConnectToServer, and the peer at the other end.
+// A registered connection made with ConnectToServer, its channel, and the peer at the other end.
 struct ConnectedPair {
+    explicit ConnectedPair(const KLVString& label = "") : channel(socket, label) {}
+
+    // The peer closes, and the socket learns of it by reading.
+    void EndByPeer();
+
     PlainServer listener;
     KLVMsgCommSocket* socket = Registry().ConnectToServer(
         KLVMsgSocketAddress(), KLVMsgSocketAddress("127.0.0.1", listener.Port()));
+    KLVMsgChannel channel;
     int number = socket->descriptor;
     PlainPeer peer{listener.Accept()};
 };
@@ -79,17 +90,20 @@ std::string TextBytes(const std::string& typeName, const std::string& text);
 // objects alive.
 class TextMessage : public KLVMsgSocketMessage {
 public:
-    explicit TextMessage(const std::string& typeName, const std::string& text = "");
-    ~TextMessage() override;
+    explicit TextMessage(const std::string& typeName, const std::string& content = "")
+        : type(typeName), text(content) {
+        ++alive;
+    }
+    ~TextMessage() override { --alive; }
     TextMessage(const TextMessage&) = delete;
     TextMessage& operator=(const TextMessage&) = delete;
 
     int WriteMessage(KLVMsgOutputStream* stream) override;
     int ReadMessage(KLVMsgInputStream* stream) override;
-    KLVMsgSocketMessage* NewInstance() override;
-    KLVString GetMessageType() const override;
+    KLVMsgSocketMessage* NewInstance() override { return new TextMessage(type); }
+    KLVString GetMessageType() const override { return KLVString(type.c_str()); }
 
-    static std::atomic<int> alive;
+    static inline std::atomic<int> alive{0};
 
     std::string type;
     std::string text;
@@ -97,3 +111,22 @@ public:
 
 // The text of a message that is known to be a TextMessage.
 const std::string& TextOf(const KLVMsgSocketMessage* message);
+
+// The library's arrays and the standard's, and a channel made of its number.
+template <class T>
+KLVBasVector<T> ListOf(const std::vector<T>& elements) {
+    KLVBasVector<T> list;
+    for (const T& element : elements) {
+        list.PushBack(element);
+    }
+    return list;
+}
+template <class T>
+std::vector<T> VectorOf(const KLVBasVector<T>& list) {
+    std::vector<T> elements;
+    for (std::size_t i = 0; i < list.Size(); ++i) {
+        elements.push_back(list[i]);
+    }
+    return elements;
+}
+KLVMsgChannel ChannelOf(int number);

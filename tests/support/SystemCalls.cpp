@@ -1,12 +1,15 @@
 #include "SystemCalls.h"
 
 #include <dlfcn.h>
+#include <netdb.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <mutex>
+
+#include "Faults.h"
 
 namespace {
 
@@ -21,8 +24,18 @@ std::vector<SystemCallHandler>& Handlers() {
     return *handlers;
 }
 
-std::optional<long> Ask(SystemCall& call) {
+// Looked at before the lock is taken, which would order what the threads of a test do.
+std::atomic<bool> interposed{false};
+
+std::optional<long> Ask(SystemCall& call, const void* data) {
+    if (!interposed.load(std::memory_order_relaxed)) {
+        return std::nullopt;
+    }
     const std::lock_guard<std::recursive_mutex> lock(Mutex());
+    if (data != nullptr) {
+        const Exempt exempt;
+        call.value.assign(static_cast<const char*>(data), static_cast<std::size_t>(call.length));
+    }
     for (auto handler = Handlers().rbegin(); handler != Handlers().rend(); ++handler) {
         if (const std::optional<long> answer = (*handler)(call)) {
             return answer;
@@ -32,18 +45,25 @@ std::optional<long> Ask(SystemCall& call) {
 }
 
 // Answers from a handler, or else makes the real call with what the handlers made of the length.
-template <class Function, class RealCall>
-auto Pass(Function*, SystemCall call, RealCall real) {
+template <class Result, class... Parameters, class... Arguments>
+Result PassOn(Result (*)(Parameters...), SystemCall& call, const void* data,
+              Arguments... arguments) {
+    using Function = Result(Parameters...);
     auto* const next = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, call.name.c_str()));
-    using Result = decltype(real(next, call));
-    if (const std::optional<long> answer = Ask(call)) {
-        if (*answer < 0) {
-            errno = static_cast<int>(-*answer);
-            return static_cast<Result>(-1);
-        }
-        return static_cast<Result>(*answer);
+    const std::optional<long> answer = Ask(call, data);
+    if (!answer) {
+        return next(arguments...);
     }
-    return real(next, call);
+    if (call.name == "close") {
+        next(arguments...);  // one that fails has closed all the same
+    }
+    errno = *answer < 0 ? static_cast<int>(-*answer) : errno;
+    return static_cast<Result>(std::max(*answer, -1L));
+}
+
+template <class Function, class... Arguments>
+auto Pass(Function* function, SystemCall call, Arguments... arguments) {
+    return PassOn(function, call, nullptr, arguments...);
 }
 
 }  // namespace
@@ -51,20 +71,23 @@ auto Pass(Function*, SystemCall call, RealCall real) {
 Interposed::Interposed(SystemCallHandler handler) {
     const std::lock_guard<std::recursive_mutex> lock(Mutex());
     Handlers().push_back(std::move(handler));
+    interposed = true;
 }
 
 Interposed::~Interposed() {
     const std::lock_guard<std::recursive_mutex> lock(Mutex());
     Handlers().pop_back();
+    interposed = !Handlers().empty();
 }
 
 std::vector<SystemCall> CallLog::Calls(int descriptor) const {
     const std::lock_guard<std::recursive_mutex> lock(Mutex());
     std::vector<SystemCall> calls;
-    std::copy_if(m_calls.begin(), m_calls.end(), std::back_inserter(calls),
-                 [descriptor](const SystemCall& call) {
-                     return descriptor == -1 || call.descriptor == descriptor;
-                 });
+    for (const SystemCall& call : m_calls) {
+        if (descriptor == -1 || call.descriptor == descriptor) {
+            calls.push_back(call);
+        }
+    }
     return calls;
 }
 
@@ -76,12 +99,19 @@ std::string CallLog::Names(int descriptor) const {
     return names;
 }
 
-FailingCall::FailingCall(const std::string& name, int error, int n)
-    : m_interposed([this, name, error, n](SystemCall& call) -> std::optional<long> {
-          if (call.name == name && (++m_count == n || n == 0)) {
-              return -error;
+CallLog::CallLog()
+    : m_interposed([this](SystemCall& call) {
+          const Exempt exempt;
+          if (call.name != "getaddrinfo") {
+              m_calls.push_back(call);
           }
-          return std::nullopt;
+          return std::optional<long>();
+      }) {}
+
+FailingCall::FailingCall(const std::string& name, int error, int n)
+    : m_interposed([this, name, error, n](SystemCall& call) {
+          const bool meant = call.name == name && Exempt::depth == 0;
+          return meant && (++m_count == n || n == 0) ? std::optional<long>(-error) : std::nullopt;
       }) {}
 
 // The calls themselves. The library reaches them through the dynamic linker, which finds these
@@ -89,74 +119,55 @@ FailingCall::FailingCall(const std::string& name, int error, int n)
 extern "C" {
 
 int socket(int domain, int type, int protocol) noexcept {
-    return Pass(&socket, {"socket", domain},
-                [&](auto* next, auto&) { return next(domain, type, protocol); });
+    return Pass(&socket, {"socket", domain}, domain, type, protocol);
 }
-
-int bind(int descriptor, const sockaddr* address, socklen_t length) noexcept {
-    return Pass(&bind, {"bind", descriptor},
-                [&](auto* next, auto&) { return next(descriptor, address, length); });
+int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
+    return Pass(&bind, {"bind", fd}, fd, address, length);
 }
-
-int listen(int descriptor, int backlog) noexcept {
-    return Pass(&listen, {"listen", descriptor, backlog},
-                [&](auto* next, auto&) { return next(descriptor, backlog); });
+int listen(int fd, int backlog) noexcept {
+    return Pass(&listen, {"listen", fd, backlog}, fd, backlog);
 }
-
-int accept(int descriptor, sockaddr* address, socklen_t* length) {
-    return Pass(&accept, {"accept", descriptor},
-                [&](auto* next, auto&) { return next(descriptor, address, length); });
+int accept(int fd, sockaddr* address, socklen_t* length) {
+    return Pass(&accept, {"accept", fd}, fd, address, length);
 }
-
-int connect(int descriptor, const sockaddr* address, socklen_t length) {
-    return Pass(&connect, {"connect", descriptor},
-                [&](auto* next, auto&) { return next(descriptor, address, length); });
+int connect(int fd, const sockaddr* address, socklen_t length) {
+    return Pass(&connect, {"connect", fd}, fd, address, length);
 }
-
-int setsockopt(int descriptor, int level, int option, const void* value,
-               socklen_t length) noexcept {
-    return Pass(&setsockopt,
-                {"setsockopt", descriptor, 0, option,
-                 std::string(static_cast<const char*>(value), length), "", level},
-                [&](auto* next, auto&) { return next(descriptor, level, option, value, length); });
+int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
+    return Pass(&getsockname, {"getsockname", fd}, fd, address, length);
 }
-
-int getsockname(int descriptor, sockaddr* address, socklen_t* length) noexcept {
-    return Pass(&getsockname, {"getsockname", descriptor},
-                [&](auto* next, auto&) { return next(descriptor, address, length); });
+int shutdown(int fd, int how) noexcept {
+    return Pass(&shutdown, {"shutdown", fd, 0, how}, fd, how);
 }
+int close(int fd) { return Pass(&close, {"close", fd}, fd); }
 
-ssize_t send(int descriptor, const void* data, std::size_t length, int flags) {
-    return Pass(&send,
-                {"send", descriptor, static_cast<long>(length), flags,
-                 std::string(static_cast<const char*>(data), length)},
-                [&](auto* next, auto& call) {
-                    return next(descriptor, data, static_cast<std::size_t>(call.length), flags);
-                });
+int setsockopt(int fd, int level, int option, const void* value, socklen_t size) noexcept {
+    const std::string bytes(static_cast<const char*>(value), size);
+    return Pass(&setsockopt, {"setsockopt", fd, 0, option, bytes, "", level}, fd, level, option,
+                value, size);
 }
-
-ssize_t recv(int descriptor, void* buffer, std::size_t length, int flags) {
-    return Pass(&recv, {"recv", descriptor, static_cast<long>(length), flags},
-                [&](auto* next, auto& call) {
-                    return next(descriptor, buffer, static_cast<std::size_t>(call.length), flags);
-                });
+ssize_t send(int fd, const void* data, std::size_t length, int flags) {
+    SystemCall call{"send", fd, static_cast<long>(length), flags};
+    return PassOn(&send, call, data, fd, data, std::cref(call.length), flags);
 }
-
-int shutdown(int descriptor, int how) noexcept {
-    return Pass(&shutdown, {"shutdown", descriptor, 0, how},
-                [&](auto* next, auto&) { return next(descriptor, how); });
+ssize_t recv(int fd, void* buffer, std::size_t length, int flags) {
+    SystemCall call{"recv", fd, static_cast<long>(length), flags};
+    return PassOn(&recv, call, nullptr, fd, buffer, std::cref(call.length), flags);
 }
-
-int close(int descriptor) {
-    return Pass(&close, {"close", descriptor}, [&](auto* next, auto&) { return next(descriptor); });
+int select(int count, fd_set* reads, fd_set* writes, fd_set* exceptions, timeval* limit) {
+    const auto text = [](const timeval& t) {
+        return std::to_string(t.tv_sec) + ":" + std::to_string(t.tv_usec);
+    };
+    return Pass(&select, {"select", count, 0, 0, "", limit == nullptr ? "none" : text(*limit)},
+                count, reads, writes, exceptions, limit);
 }
-
-int select(int count, fd_set* reads, fd_set* writes, fd_set* exceptions, timeval* timeout) {
-    const std::string limit = timeout == nullptr ? "none"
-                                                 : std::to_string(timeout->tv_sec) + ":" +
-                                                       std::to_string(timeout->tv_usec);
-    return Pass(&select, {"select", count, 0, 0, "", limit},
-                [&](auto* next, auto&) { return next(count, reads, writes, exceptions, timeout); });
+int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** list) {
+    SystemCall call{"getaddrinfo", 0};
+    {
+        const Exempt exempt;
+        call.value = std::string(host) + " " + (service == nullptr ? "none" : service);
+    }
+    return PassOn(&getaddrinfo, call, nullptr, host, service, hints, list);
 }
 
 }  // extern "C"

@@ -13,13 +13,15 @@ struct SystemCall {
     int descriptor;   // the first argument; for `socket` the domain, for `select` the highest + 1
     long length = 0;  // send, recv: bytes asked for; a handler may lower it. listen: the backlog
     long option = 0;  // setsockopt: the option. shutdown: the direction. send, recv: the flags
-    std::string value = {};  // setsockopt: the option's bytes. send: the bytes to be sent
+    std::string value = {};  // setsockopt: the option's bytes. send: the bytes to be sent.
+                             // getaddrinfo: host and service, "none" without one
     std::string limit = {};  // select: the time limit as seconds:microseconds, "none" without one
     long level = 0;          // setsockopt: the option's level
 };
 
 // A handler answers a call in the system's place, or lets it through with std::nullopt. A negative
-// answer -E makes the call fail with errno E.
+// answer -E makes the call fail with errno E; a close that fails so has closed, as the system's
+// would have.
 using SystemCallHandler = std::function<std::optional<long>(SystemCall&)>;
 
 // Puts a handler in place as long as it lives; the innermost one is asked first. Made and destroyed
@@ -32,9 +34,11 @@ public:
     Interposed& operator=(const Interposed&) = delete;
 };
 
-// Lets all calls through and keeps them.
+// Lets all calls through and keeps them, but for the resolver's.
 class CallLog {
 public:
+    CallLog();
+
     // Every call, or only those on one descriptor.
     std::vector<SystemCall> Calls(int descriptor = -1) const;
 
@@ -43,17 +47,17 @@ public:
 
 private:
     std::vector<SystemCall> m_calls;
-    Interposed m_interposed{[this](SystemCall& call) -> std::optional<long> {
-        m_calls.push_back(call);
-        return std::nullopt;
-    }};
+    Interposed m_interposed;
 };
 
-// Makes the n-th call of a function from now on (counted from 1) fail with an errno, or every one
-// with n = 0.
+// Makes the n-th call of a function from now on (counted from 1) fail with an errno, every one with
+// n = 0, none with n = -1.
 class FailingCall {
 public:
     FailingCall(const std::string& name, int error, int n = 0);
+
+    // How many there were since then, the failed ones included.
+    int Count() const { return m_count; }
 
 private:
     int m_count = 0;

@@ -1,0 +1,147 @@
+// Base facilities of an application, made without KLVBase and differently where that is simple: the
+// messaging library must rely on their interfaces alone.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <future>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+inline void VORFatalError(const char* text, const char*, const char*, const char*, const char* file,
+                          int line) {
+    std::cerr << file << ':' << line << ": " << text << std::endl;
+    std::terminate();
+}
+
+// Each block starts with a mark: freeing one that was not allocated here ends the process.
+union OwnMark {
+    unsigned value;
+    std::max_align_t alignment;
+};
+inline void* mem_OperatorNewThrow(std::size_t size) {
+    auto* const mark = static_cast<OwnMark*>(::operator new(size + sizeof(OwnMark)));
+    mark->value = 0x0BADBA5E;
+    return mark + 1;
+}
+inline void* mem_OperatorNewThrowBuiltin(std::size_t size) { return mem_OperatorNewThrow(size); }
+inline void* mem_Malloc(std::size_t size) { return mem_OperatorNewThrow(size); }
+inline void mem_Free(void* block) {
+    auto* const mark = block == nullptr ? nullptr : static_cast<OwnMark*>(block) - 1;
+    if (mark != nullptr && mark->value != 0x0BADBA5E) {
+        VORFatalError("foreign block", nullptr, nullptr, nullptr, __FILE__, __LINE__);
+    }
+    ::operator delete(mark);
+}
+
+class mem_AllocationOperators {
+public:
+    static void* operator new(std::size_t size) { return mem_OperatorNewThrow(size); }
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+    static void operator delete(void* block) { mem_Free(block); }
+    static void operator delete(void*, void*) noexcept {}
+};
+
+class KLVString {
+public:
+    KLVString(const char* text = nullptr) : m_text(text == nullptr ? "" : text) {}
+    KLVString(const char* text, int length)
+        : m_text(text, static_cast<std::size_t>(text == nullptr || length < 1 ? 0 : length)) {}
+    int Length() const { return static_cast<int>(m_text.size()); }
+    const char* Text() const { return m_text.c_str(); }
+    char operator[](int position) const { return Text()[position]; }
+    int Compare(const KLVString& other) const { return m_text.compare(other.m_text); }
+    KLVString& operator+=(int number) { return m_text += std::to_string(number), *this; }
+
+private:
+    std::string m_text;
+};
+inline bool operator==(const KLVString& a, const KLVString& b) { return a.Compare(b) == 0; }
+inline bool operator!=(const KLVString& a, const KLVString& b) { return a.Compare(b) != 0; }
+
+template <class T>
+class KLVBasVector : std::vector<T> {
+public:
+    void PushBack(const T& element) { this->push_back(element); }
+    void Erase(int position) {
+        if (position >= 0 && static_cast<std::size_t>(position) < Size()) {
+            this->erase(this->begin() + position);
+        }
+    }
+    void Clear() noexcept { this->clear(); }
+    std::size_t Size() const { return this->size(); }
+    using std::vector<T>::operator[];
+};
+
+template <class Key, class V>
+class OwnTable {
+public:
+    void Insert(Key key, const V& value) { m_entries[key] = value; }
+    V Lookup(Key key) const { return IsMember(key) ? m_entries.at(key) : V(); }
+    bool IsMember(Key key) const { return m_entries.count(key) != 0; }
+    bool Remove(Key key) { return m_entries.erase(key) != 0; }
+    std::size_t Size() const { return m_entries.size(); }
+
+private:
+    std::map<Key, V> m_entries;
+};
+template <class V>
+using omi_IntTable = OwnTable<int, V>;
+template <class V>
+using omi_UintTable = OwnTable<unsigned int, V>;
+
+class KLVBasAtiMutex : public mem_AllocationOperators {
+public:
+    virtual ~KLVBasAtiMutex() = default;
+    virtual void Lock() { m_mutex.lock(); }
+    virtual void Unlock() { m_mutex.unlock(); }
+
+private:
+    std::timed_mutex m_mutex;
+};
+struct KLVBasAtiThreadingModel {
+    static KLVBasAtiMutex* newMutex() { return new KLVBasAtiMutex; }
+};
+
+class KLVBasAtiThreadTask : public mem_AllocationOperators {
+public:
+    virtual ~KLVBasAtiThreadTask() = default;
+    virtual int Run(int argument) = 0;
+};
+class KLVBasAtiThread {
+public:
+    explicit KLVBasAtiThread(KLVBasAtiThreadTask& task)
+        : m_result(std::async(std::launch::async, [&task] { return task.Run(0); }).share()) {}
+    int Join() { return m_result.get(); }
+
+private:
+    std::shared_future<int> m_result;
+};
+inline void KLVBasUtlsleep(unsigned milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+struct aio_ostream {
+    void print(const char* text) { std::cerr << text; }
+    void print_int(int number) { std::cerr << number; }
+    void put(char character) { std::cerr.put(character); }
+    void flush() { std::cerr.flush(); }
+};
+inline aio_ostream aio_cerr;
+
+// The application's modules are up from the start, so there is nothing to count.
+#define OWN_MODULE(name)                   \
+    inline void name##_initialize(int&) {} \
+    inline void name##_finalize(int&) {}
+OWN_MODULE(KLVSimContainers)
+OWN_MODULE(KLVBasXmlParser)
+OWN_MODULE(KLVBasShared)
+OWN_MODULE(KLVBasMorva)
+OWN_MODULE(KLVBasCoreUtils)
+OWN_MODULE(KLVBasGenericsLib)
+OWN_MODULE(KLVBasAlloc)
+#undef OWN_MODULE

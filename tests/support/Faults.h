@@ -1,0 +1,110 @@
+// Stands between both libraries and their memory and locks: tests count blocks, make one allocation
+// fail, and see how often a lock is taken. Linked into every test program; what it does not change
+// is left to the base library.
+#pragma once
+
+#include <KLVMsgCommModules.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <new>
+
+// The blocks of the in-house allocator that are in use, and which of them are buffers of a received
+// header that were never released.
+int Blocks();
+int KeptBuffers();
+
+// The allocations of this thread so far: the in-house allocator's and operator new's.
+int Allocations();
+
+// The last size that mem_Malloc had no memory for: here it never has more than a gigabyte.
+std::size_t RefusedSize();
+
+// Makes the n-th allocation of this thread from now on fail (counted from 1), none with n = 0.
+class FailingAllocation {
+public:
+    explicit FailingAllocation(int n);
+    ~FailingAllocation();
+    FailingAllocation(const FailingAllocation&) = delete;
+    FailingAllocation& operator=(const FailingAllocation&) = delete;
+
+    // How many there were since then, the failed one included.
+    int Count() const { return Allocations() - m_before; }
+
+private:
+    const int m_before = Allocations();
+};
+
+// What this thread does meanwhile is the test's own: its allocations are not counted, and neither
+// they nor its system calls are made to fail.
+class Exempt {
+public:
+    Exempt() { ++depth; }
+    ~Exempt() { --depth; }
+    Exempt(const Exempt&) = delete;
+    Exempt& operator=(const Exempt&) = delete;
+
+    static inline thread_local int depth = 0;
+};
+
+// Runs the operation with its n-th allocation failing, for every n that it reaches; `check` is told
+// n and whether std::bad_alloc came out. The last run succeeds.
+template <class Operation, class Check>
+void FailEachAllocation(Operation operation, Check check) {
+    for (int n = 1;; ++n) {
+        bool thrown = false;
+        const FailingAllocation fault(n);
+        try {
+            operation();
+        } catch (const std::bad_alloc&) {
+            thrown = true;
+        }
+        if (fault.Count() < n) {
+            return;
+        }
+        const Exempt exempt;
+        check(n, thrown);
+    }
+}
+
+// The same: each failure comes out, and what `show` returns and the number of blocks stay as they
+// were. Returns the number of failures.
+template <class Operation, class Show>
+int ShortMemoryChangesNothing(Operation operation, Show show) {
+    const auto shown = show();
+    const int blocks = Blocks();
+    int failures = 0;
+    FailEachAllocation(operation, [&](int n, bool thrown) {
+        EXPECT_TRUE(thrown) << n;
+        EXPECT_EQ(shown, show()) << n;
+        EXPECT_EQ(blocks, Blocks()) << n;
+        ++failures;
+    });
+    return failures;
+}
+
+// A mutex of the base library that keeps account of itself.
+class WatchedMutex : public KLVBasAtiMutex {
+public:
+    explicit WatchedMutex(KLVBasAtiMutex* mutex) : m_mutex(mutex) {}
+    void Lock() override;
+    void Unlock() override;
+
+    std::atomic<int> taken{0};  // how often, so far
+    std::atomic<bool> held{false};
+
+    static inline thread_local WatchedMutex* last = nullptr;  // the one that this thread took last
+    static inline bool available = true;                      // false: no mutex can be made
+
+private:
+    const std::unique_ptr<KLVBasAtiMutex> m_mutex;
+};
+
+// The lock of a singleton, until that is finalized.
+// Requires: there is an instance, and its lock is free.
+template <class T>
+const WatchedMutex& LockOf() {
+    KLVBasAtiGlobalSingletonLock<T>();
+    return *WatchedMutex::last;
+}
