@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -67,6 +68,17 @@ TEST(Channel, SharesLabelAndLifeWithItsConnection) {
     }
 }
 
+TEST(Channel, ElementFunctionsComeFromTheLibrary) {
+    for (const char* name : {"21KLVBasStandardDestroyI13KLVMsgChannelEvPv",
+                             "21KLVBasStandardDestroyI22KLVMsgChannelMsgStructEvPv",
+                             "18KLVBasStandardCopyI13KLVMsgChannelEvPvPKv",
+                             "18KLVBasStandardCopyI22KLVMsgChannelMsgStructEvPvPKv",
+                             "13KLVBasPODCopyIjEvPvPKv", "13KLVBasPODCopyIiEvPvPKv",
+                             "13KLVBasPODCopyIPvEvS0_PKv"}) {
+        EXPECT_NE(nullptr, dlsym(RTLD_DEFAULT, ("_Z" + std::string(name)).c_str())) << name;
+    }
+}
+
 TEST(Query, SelectsExactMatchesInOrderAndAppends) {
     ConnectedPair a("pair"), other("Pair"), b("pair");
     const Channels all = ListOf({b.number, other.number, unknown, a.number});
@@ -106,6 +118,13 @@ TEST(Organizer, RemovingShutsDownAndTakesTheFirstEntryOffEachList) {
     EXPECT_EQ("", unwatched.peer.Receive(1));
     EXPECT_EQ((Numbers{twice.number}), NumbersOf(organizer.channels));
     EXPECT_EQ((Numbers{twice.number}), NumbersOf(organizer.waitable.channels));
+    ConnectedPair first, second;
+    organizer.RegisterChannel(first.channel, true);
+    organizer.RegisterChannel(second.channel, true);
+    organizer.RemoveChannel(organizer.channels[1], true);  // an entry itself
+    organizer.RemoveChannel(organizer.waitable.channels[1], true);
+    EXPECT_EQ("", first.peer.Receive(1) + second.peer.Receive(1));
+    EXPECT_EQ((Numbers{twice.number}), NumbersOf(organizer.channels));
     organizer.RemoveChannel(nullptr, true);
     EXPECT_EQ(0u, organizer.channels.Size() + organizer.waitable.channels.Size());
 }

@@ -158,8 +158,9 @@ TEST(Registry, FailedStartIsReportedAndAFailedConnectLeavesNothing) {
         Registry().ShutDownConnection(accepting->descriptor);
     }
     for (const char* call : {"socket", "connect", "setsockopt"}) {
-        const FailingCall fault(call, EMFILE);
+        const FailingCall fault(call, EMFILE), tidying("close", EIO);
         EXPECT_EQ(nullptr, Registry().ConnectToServer(Address(), Address("", taken.Port())));
+        EXPECT_EQ(call == std::string("socket") ? EBADF : EMFILE, errno);
     }
     const FailingCall fault("socket", EMFILE);
     const CallLog log;
@@ -208,6 +209,9 @@ TEST(Registry, FirstPrototypeMakesTheMessages) {
     EXPECT_EQ(KLVString("first"), message->GetMessageType());
     delete message;
     EXPECT_EQ(nullptr, Registry().GetMsgInstance("Typ"));
+    Registry().RegisterMessagePrototype("Null", nullptr);
+    Registry().RegisterMessagePrototype("Null", &first);
+    EXPECT_EQ(nullptr, Registry().GetMsgInstance("Null")) << "it holds its name";
 }
 
 TEST(Registry, LockIsHeldOnceAndLeftFreeWhenMemoryIsShort) {

@@ -208,6 +208,13 @@ TEST(ServerSocket, ListensEvenWhenTheBindFailed) {
     first.BindLocalAddress(Address("", -1));
     EXPECT_EQ("open " + std::to_string(ENOBUFS), State(first));
     first.Shutdown();
+    std::string order;
+    const Interposed bound([&](SystemCall& call) -> std::optional<long> {
+        order += call.name == "freeaddrinfo" ? "free " : call.name == "setsockopt" ? "set " : "";
+        return std::nullopt;
+    });
+    KLVMsgServerSocket(Address("", 0), 1).Shutdown();
+    EXPECT_EQ("free set ", order) << "the list goes as soon as it has been used";
     const CallLog log;
     KLVMsgServerSocket second(Address("", taken.Port()), 16);
     EXPECT_EQ("socket bind listen", log.Names());

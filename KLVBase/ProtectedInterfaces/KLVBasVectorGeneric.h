@@ -16,19 +16,19 @@ using KLVBasElementDestroy = void (*)(void* element);
 
 // Copies an element that is plain data.
 template <class T>
-void KLVBasPODCopy(void* to, const void* from) {
+KLVBASE_EXPORT void KLVBasPODCopy(void* to, const void* from) {
     std::memcpy(to, from, sizeof(T));
 }
 
 // Copies an element with its copy constructor.
 template <class T>
-void KLVBasStandardCopy(void* to, const void* from) {
+KLVBASE_EXPORT void KLVBasStandardCopy(void* to, const void* from) {
     ::new (to) T(*static_cast<const T*>(from));
 }
 
 // Destroys an element with its destructor.
 template <class T>
-void KLVBasStandardDestroy(void* element) {
+KLVBASE_EXPORT void KLVBasStandardDestroy(void* element) {
     static_cast<T*>(element)->~T();
 }
 

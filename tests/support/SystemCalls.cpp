@@ -102,7 +102,7 @@ std::string CallLog::Names(int descriptor) const {
 CallLog::CallLog()
     : m_interposed([this](SystemCall& call) {
           const Exempt exempt;
-          if (call.name != "getaddrinfo") {
+          if (call.name != "getaddrinfo" && call.name != "freeaddrinfo") {
               m_calls.push_back(call);
           }
           return std::optional<long>();
@@ -168,6 +168,12 @@ int getaddrinfo(const char* host, const char* service, const addrinfo* hints, ad
         call.value = std::string(host) + " " + (service == nullptr ? "none" : service);
     }
     return PassOn(&getaddrinfo, call, nullptr, host, service, hints, list);
+}
+void freeaddrinfo(addrinfo* list) noexcept {
+    SystemCall call{"freeaddrinfo", 0};
+    Ask(call, nullptr);
+    reinterpret_cast<decltype(&freeaddrinfo)>(dlsym(RTLD_NEXT, "freeaddrinfo"))(list);
+    errno = E2BIG;  // as it may do
 }
 
 }  // extern "C"
