@@ -41,9 +41,7 @@ inline void mem_Free(void* block) {
 class mem_AllocationOperators {
 public:
     static void* operator new(std::size_t size) { return mem_OperatorNewThrow(size); }
-    static void* operator new(std::size_t, void* place) noexcept { return place; }
     static void operator delete(void* block) { mem_Free(block); }
-    static void operator delete(void*, void*) noexcept {}
 };
 
 class KLVString {
@@ -53,7 +51,6 @@ public:
         : m_text(text, static_cast<std::size_t>(text == nullptr || length < 1 ? 0 : length)) {}
     int Length() const { return static_cast<int>(m_text.size()); }
     const char* Text() const { return m_text.c_str(); }
-    char operator[](int position) const { return Text()[position]; }
     int Compare(const KLVString& other) const { return m_text.compare(other.m_text); }
     KLVString& operator+=(int number) { return m_text += std::to_string(number), *this; }
 
@@ -61,7 +58,6 @@ private:
     std::string m_text;
 };
 inline bool operator==(const KLVString& a, const KLVString& b) { return a.Compare(b) == 0; }
-inline bool operator!=(const KLVString& a, const KLVString& b) { return a.Compare(b) != 0; }
 
 template <class T>
 class KLVBasVector : std::vector<T> {
@@ -77,22 +73,17 @@ public:
     using std::vector<T>::operator[];
 };
 
-template <class Key, class V>
-class OwnTable {
+template <class V>
+class omi_IntTable {
 public:
-    void Insert(Key key, const V& value) { m_entries[key] = value; }
-    V Lookup(Key key) const { return IsMember(key) ? m_entries.at(key) : V(); }
-    bool IsMember(Key key) const { return m_entries.count(key) != 0; }
-    bool Remove(Key key) { return m_entries.erase(key) != 0; }
-    std::size_t Size() const { return m_entries.size(); }
+    void Insert(int key, const V& value) { m_entries[key] = value; }
+    V Lookup(int key) const { return IsMember(key) ? m_entries.at(key) : V(); }
+    bool IsMember(int key) const { return m_entries.count(key) != 0; }
+    bool Remove(int key) { return m_entries.erase(key) != 0; }
 
 private:
-    std::map<Key, V> m_entries;
+    std::map<int, V> m_entries;
 };
-template <class V>
-using omi_IntTable = OwnTable<int, V>;
-template <class V>
-using omi_UintTable = OwnTable<unsigned int, V>;
 
 class KLVBasAtiMutex : public mem_AllocationOperators {
 public:
