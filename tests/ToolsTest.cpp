@@ -15,16 +15,16 @@ namespace {
 
 // A program that runs; its standard output and error are read together.
 struct Program {
-    Program(const std::string& name, const std::string& arguments) {
+    Program(const std::string& name, const std::string& arguments, const std::string& limits = "") {
         const std::string path = EXAMPLE_DIR "/" + name + "/" + name;
         EXPECT_EQ(0, access(path.c_str(), X_OK)) << path << " has not been built";
-        output = popen((path + " 2>&1 " + arguments).c_str(), "r");
+        output = popen(("exec 2>&1; " + limits + path + " " + arguments).c_str(), "r");
     }
 
-    int Port() {  // the one that a klvmsgcat listens on, from its first line
-        int port = 0;
-        EXPECT_EQ(1, std::fscanf(output, "klvmsgcat: listening on 127.0.0.1:%d%*c", &port));
-        return port;
+    int Port() {  // the one that it listens on, at the end of its first line
+        char line[200] = "";
+        EXPECT_NE(nullptr, std::fgets(line, sizeof line, output));
+        return std::atoi(line + std::string(line).find_last_of(": ") + 1);
     }
 
     int End() {  // waits for it and returns the exit code; called once
@@ -108,6 +108,77 @@ TEST_F(Klvmsgcat, SurvivesPeersThatMisbehave) {
 }
 
 TEST(Examples, PubsubAndWorkersComeToTheirEnd) {
-    EXPECT_EQ(0, Program("pubsub", "").End());
-    EXPECT_EQ(0, Program("workers", "").End());
+    for (const std::string name : {"pubsub", "workers"}) {
+        EXPECT_EQ(0, Program(name, "").End());
+        // The fewer descriptors, the earlier it goes wrong: in the launcher, the server, a client.
+        std::string said;
+        for (int limit = 4; limit < 8; ++limit) {
+            Program starved(name, "--timeout 1", "ulimit -n " + std::to_string(limit) + "; exec ");
+            EXPECT_NE(-1, starved.End());
+            EXPECT_NE("", starved.rest);
+            said += starved.rest;
+        }
+        EXPECT_NE(std::string::npos, said.find("cannot listen")) << said;
+        EXPECT_NE(std::string::npos, said.find("gave up")) << said;
+        Program alone(name, "",
+                      "ulimit -s 100000000000; exec ");  // no room for the stack of a thread
+        EXPECT_EQ(1, alone.End());
+        EXPECT_NE(std::string::npos, alone.rest.find("cannot start a thread")) << alone.rest;
+    }
+}
+
+TEST(Examples, TellHelpAndVersion) {
+    for (const std::string name : {"klvmsgcat", "pubsub", "workers"}) {
+        Program help(name, "--help"), version(name, "--version");
+        EXPECT_EQ(0, help.End());
+        EXPECT_EQ(0u, help.rest.find("usage: " + name));
+        EXPECT_EQ(0, version.End());
+        EXPECT_EQ(0u, version.rest.find(name + " "));
+        EXPECT_EQ(version.rest.size() - 1, version.rest.find_last_of("0123456789") + 1);
+    }
+}
+
+// A client of a server that says something and no more.
+static std::string Meets(const std::string& client, const std::string& bytes, bool closes) {
+    PlainServer server;
+    const std::size_t role = client.find(' ');
+    Program program(client.substr(0, role), "--timeout 2" + client.substr(role) + " " +
+                                                std::to_string(server.Port()) +
+                                                (client == "pubsub subscribe" ? " x" : ""));
+    PlainPeer peer(server.Accept());
+    peer.Send(bytes);
+    if (closes) {
+        peer.Close();
+    }
+    EXPECT_EQ(1, program.End());
+    return program.rest;
+}
+
+TEST(Examples, HalfMessagesAndSilentPeersAreNoSuccess) {
+    const std::string full(32, 'x'), news = HeaderBytes("News"), job = HeaderBytes("Job");
+    EXPECT_EQ("a subscriber of x has read: " + full + "; \n",
+              Meets("pubsub subscribe", news + full, false));
+    for (const std::string client : {"pubsub subscribe", "workers work"}) {
+        const std::string half = (client == "workers work" ? job : news) + "xyz";
+        EXPECT_NE(std::string::npos, Meets(client, half, true).find("in the middle")) << client;
+        EXPECT_NE(std::string::npos, Meets(client, half, false).find("gave up")) << client;
+    }
+
+    Program publisher("pubsub", "--timeout 2 publish");
+    const int port = publisher.Port();
+    PlainPeer(port).Send(HeaderBytes("Subscribe") + "x");  // and is gone
+    PlainPeer one(port), two(port), three(port);
+    for (PlainPeer* const peer : {&one, &two, &three}) {
+        peer->Send(HeaderBytes("Subscribe") + full);
+    }
+    EXPECT_EQ(1, publisher.End());  // has not taken the half one for the fourth
+
+    Program dispatcher("workers", "--timeout 2 dispatch");
+    PlainPeer worker(dispatcher.Port());
+    worker.Send(HeaderBytes("Result") + std::string(8, '\0'));
+    worker.Receive(job.size() + 8);
+    worker.Send(HeaderBytes("Result") + "\1");
+    worker.Close();
+    EXPECT_EQ(1, dispatcher.End());
+    EXPECT_EQ("workers: lost a worker\n", dispatcher.rest);
 }
