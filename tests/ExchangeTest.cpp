@@ -89,22 +89,46 @@ TEST_F(ExchangeTest, WhatCannotStartEndsWithAMessage) {
         EXPECT_TRUE(Said("Address already in use"));
     }
     EXPECT_EQ(ExitCode(Start("client " + port + " file")), 1);
-    EXPECT_TRUE(Said("no hub listens there"));
+    EXPECT_TRUE(Said("Connection refused"));
+}
+
+TEST_F(ExchangeTest, ServesOnTheHostThatItIsTold) {
+    Make("clear\x1b[2J\n", "");
+    const PlainServer other;  // has the port on 127.0.0.1, and would not answer
+    const std::string port = std::to_string(other.Port());
+    EXPECT_EQ(ExitCode(Start("--timeout 20 --host 127.0.0.2 --clients 10 --port " + port + " c*")),
+              0);
+    EXPECT_TRUE(Said("100 %"));
+    // In the order of their numbers, and nothing that a terminal would obey.
+    EXPECT_TRUE(Said("agreed     clear\\x1b[2J\\x0a\nclient-10 "));
+    EXPECT_EQ(ExitCode(Start("client --timeout 1 --port " + port + " c*")), 1);
+    EXPECT_TRUE(Said("gave up: no answer from the hub"));
+    for (const std::string option : {"help", "version"}) {
+        EXPECT_EQ(ExitCode(Start("--" + option)), 0);
+        EXPECT_TRUE(Said(option == "help" ? "usage: exchange" : "exchange "));
+    }
 }
 
 TEST_F(ExchangeTest, AKilledProcessEndsTheRun) {
     Make("large", std::string(64 << 20, 'x'));
-    for (const bool killHub : {true, false}) {
+    for (const int victim : {0, 1, 2}) {
         // In chunks so small that the files would travel for minutes.
         const pid_t run = Start("--chunk 64 large large");
         ASSERT_TRUE(Eventually([] { return Said("0 of 2 files"); }));
         const std::string number = std::to_string(run);
-        pid_t hub = 0;
-        pid_t client = 0;
-        std::ifstream("/proc/" + number + "/task/" + number + "/children") >> hub >> client;
-        ASSERT_EQ(kill(killHub ? hub : client, SIGKILL), 0);
-        EXPECT_EQ(ExitCode(run), 1);
-        EXPECT_TRUE(Said(killHub ? "hub was killed by signal 9" : "client-1 was killed"));
-        EXPECT_TRUE(Said(killHub ? "client-2: lost the hub" : "client-2: sent away"));
+        pid_t processes[] = {run, 0, 0};  // the launcher, the hub, a client
+        std::ifstream("/proc/" + number + "/task/" + number + "/children") >> processes[1] >>
+            processes[2];
+        ASSERT_EQ(kill(processes[victim], SIGKILL), 0);
+        EXPECT_EQ(ExitCode(run), victim == 0 ? -1 : 1);
+        for (const pid_t process : processes) {  // not even a zombie has a command line
+            EXPECT_TRUE(Eventually([process] {
+                return std::ifstream("/proc/" + std::to_string(process) + "/cmdline").get() == EOF;
+            }));
+        }
+        if (victim != 0) {
+            EXPECT_TRUE(Said(victim == 1 ? "hub was killed by signal 9" : "client-1 was killed"));
+            EXPECT_TRUE(Said(victim == 1 ? "client-2: lost the hub" : "client-2: sent away"));
+        }
     }
 }
