@@ -148,6 +148,10 @@ private:
         m_nextProgress = now + std::chrono::milliseconds(m_terminal ? 100 : 1000);
         m_shown = state;
         std::string line = Progress(now);
+        if (!m_terminal && line == m_line) {
+            return;
+        }
+        m_line = line;
         winsize size = {};
         if (m_terminal && ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1) {
             line = line.substr(0, size.ws_col - 1U);  // a line that wraps could not be written over
@@ -158,23 +162,28 @@ private:
 
     // The share is one of the bytes where their total is known, and of the files otherwise.
     std::string Progress(Clock::time_point now) const {
-        const double mebibyte = 1 << 20;
         const std::chrono::duration<double> seconds = now - m_start;
-        const double received = static_cast<double>(m_bytes) / mebibyte;
-        const double whole = static_cast<double>(m_totalBytes != 0 ? m_totalBytes : m_files);
-        const double part = static_cast<double>(m_totalBytes != 0 ? m_bytes : m_reported);
-        char total[32] = "";
+        const auto share = [](std::uint64_t part, std::uint64_t whole) {
+            const double ratio = static_cast<double>(part) / static_cast<double>(whole);
+            return " (" + std::to_string(static_cast<int>(100 * std::min(1.0, ratio))) + " %)";
+        };
+        std::string line = "hub: " + Mebibytes(static_cast<double>(m_bytes));
         if (m_totalBytes != 0) {
-            std::snprintf(total, sizeof total, " of %.1f",
-                          static_cast<double>(m_totalBytes) / mebibyte);
+            line += " of " + Mebibytes(static_cast<double>(m_totalBytes)) + " MiB" +
+                    share(m_bytes, m_totalBytes);
+        } else {
+            line += " MiB";
         }
-        char line[200];
-        std::snprintf(line, sizeof line, "hub: %d %%, %.1f%s MiB, %.1f MiB/s, %llu of %llu files",
-                      whole > 0 ? static_cast<int>(100 * std::min(1.0, part / whole)) : 0, received,
-                      total, received / std::max(seconds.count(), 0.001),
-                      static_cast<unsigned long long>(m_reported),
-                      static_cast<unsigned long long>(m_files));
-        return line;
+        line += ", " + Mebibytes(static_cast<double>(m_bytes) / std::max(seconds.count(), 0.001)) +
+                " MiB/s, " + std::to_string(m_reported) + " of " + std::to_string(m_files) +
+                " files";
+        return line + (m_totalBytes == 0 && m_files != 0 ? share(m_reported, m_files) : "");
+    }
+
+    static std::string Mebibytes(double bytes) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%.1f", bytes / (1 << 20));
+        return text;
     }
 
     // One message for all channels. Then the hub waits for the clients to leave: closing first
@@ -208,6 +217,7 @@ private:
     Clock::time_point m_start;  // when the first client came
     Clock::time_point m_nextProgress = Clock::now() + std::chrono::seconds(1);
     std::tuple<std::uint64_t, std::uint64_t, std::uint64_t> m_shown;  // all zero: nothing yet
+    std::string m_line;
 };
 
 }  // namespace
