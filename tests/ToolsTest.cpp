@@ -177,7 +177,8 @@ TEST(Examples, HalfMessagesAndSilentPeersAreNoSuccess) {
     for (PlainPeer* const peer : {&one, &two, &three}) {
         peer->Send(HeaderBytes("Subscribe") + full);
     }
-    EXPECT_EQ(1, publisher.End());  // has not taken the half one for the fourth
+    EXPECT_EQ(1, publisher.End());  // it has not taken the half one for the fourth
+    EXPECT_EQ("pubsub: gave up: not all subscribers have come\n", publisher.rest);
 
     Program dispatcher("workers", "--timeout 2 dispatch");
     PlainPeer worker(dispatcher.Port());

@@ -92,10 +92,9 @@ static int HandOut() {
     TimeLimit::Restart("workers: gave up: no workers have come\n");
     while (done < jobCount) {
         KLVBasUtlsleep(20);
+        bool lost = false;  // asked before the last look
         for (KLVMsgChannel& worker : workers) {
-            if (!worker.IsActiveInCurrentThreads()) {
-                throw std::runtime_error("lost a worker");
-            }
+            lost = lost || !worker.IsActiveInCurrentThreads();
         }
         for (const auto& [channel, result] : Take<Numbers>("Result")) {
             if (!result->whole) {
@@ -115,6 +114,9 @@ static int HandOut() {
                 Numbers job("Job", next++);
                 Communicator().SendSocketMessage(channel, &job);
             }
+        }
+        if (lost && done < jobCount) {
+            throw std::runtime_error("lost a worker");
         }
     }
     return wrong;
