@@ -100,7 +100,9 @@ TEST_F(ExchangeTest, ServesOnTheHostThatItIsTold) {
               0);
     EXPECT_TRUE(Said("100 %"));
     // In the order of their numbers, and nothing that a terminal would obey.
-    EXPECT_TRUE(Said("agreed     clear\\x1b[2J\\x0a\nclient-10 "));
+    EXPECT_TRUE(Said(
+        "client-9             0          0          0 00000000  agreed     clear\\x1b[2J\\x0a\n"
+        "client-10 "));
     EXPECT_EQ(ExitCode(Start("client --timeout 1 --port " + port + " c*")), 1);
     EXPECT_TRUE(Said("gave up: no answer from the hub"));
     for (const std::string option : {"help", "version"}) {
