@@ -4,6 +4,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "Program.h"
 #include "Roles.h"
 #include "Session.h"
 
@@ -26,18 +27,12 @@ class Client {
 public:
     explicit Client(const Options& options)
         : m_name(options.name), m_chunkBytes(static_cast<std::size_t>(options.chunkKiB) << 10) {
-        const KLVMsgSocketAddress address("127.0.0.1", options.port);
-        KLVMsgSocket* const socket = Registry().ConnectToServer(KLVMsgSocketAddress(), address);
-        if (socket == nullptr) {
-            throw std::runtime_error("cannot connect to port " + std::to_string(options.port) +
-                                     ": no hub listens there");
-        }
-        m_hub = KLVMsgChannel(socket, "hub");
-        Communicator().AddConnection(m_hub, true);
+        m_hub = Connect(KLVMsgSocketAddress(options.host.c_str(), options.port), "hub");
         m_session.Start();
         Hello hello;
         hello.name = options.name;
         hello.files = options.files.size();
+        TimeLimit::Restart("exchange: gave up: no answer from the hub\n");
         Communicator().SendSocketMessage("hub", &hello);  // waits until it is written
     }
 
@@ -60,15 +55,18 @@ public:
         }
         const bool agreed = Await<Report>()->found == own;
         std::printf(
-            "%-10s %11llu %10llu %10llu %08llx  %-9s  %s\n", m_name.c_str(),
+            "%-10s %11llu %10llu %10llu %08llx  %-9s  %s\n", Printable(m_name).c_str(),
             static_cast<unsigned long long>(own.bytes), static_cast<unsigned long long>(own.lines),
             static_cast<unsigned long long>(own.words), static_cast<unsigned long long>(own.crc),
-            agreed ? "agreed" : "DIFFERENT", path.c_str());
+            agreed ? "agreed" : "DIFFERENT", Printable(path).c_str());
         return agreed;
     }
 
     // Leaving resets the connection; the farewell says that there is nothing left on it.
-    void Leave() { Await<Farewell>(); }
+    void Leave() {
+        TimeLimit::End();  // the others may take their time
+        Await<Farewell>();
+    }
 
 private:
     // The communicator's own blocking retrieve has no time limit, and the hub may be gone.
@@ -79,6 +77,7 @@ private:
             m_session.DropWritten();
             auto received = m_session.Take<Message>();
             if (!received.empty() && received[0].second->complete) {
+                TimeLimit::Restart("exchange: gave up: no answer from the hub\n");
                 return std::move(received[0].second);
             }
             const auto farewells = m_session.Take<Farewell>();
@@ -111,8 +110,9 @@ void RequireReadable(const std::vector<std::string>& files) {
 
 int RunClient(const Options& options) {
     RequireReadable(options.files);
-    std::setvbuf(stdout, nullptr, _IOLBF,
-                 BUFSIZ);  // clients that share a file mix whole lines only
+    // Clients that share a file mix whole lines only.
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    TimeLimit::Restart("exchange: gave up: the hub does not accept\n");
     Client client(options);
     bool agreed = true;
     for (const std::string& path : options.files) {

@@ -6,10 +6,13 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 
+#include "Program.h"
 #include "Roles.h"
 
 namespace {
@@ -61,8 +64,7 @@ private:
             pointers.push_back(argument.data());
         }
         pointers.push_back(nullptr);
-        const pid_t process = fork();
-        Require(process != -1, errno);
+        const pid_t process = ForkTied();
         if (process == 0) {
             dup2(output, STDOUT_FILENO);
             execv("/proc/self/exe", pointers.data());
@@ -77,10 +79,12 @@ private:
     std::string StartHub() {
         int ends[2];
         Require(pipe2(ends, O_CLOEXEC) == 0, errno);
-        Start("hub",
-              {"exchange", "hub", "--port", std::to_string(m_options.port), "--clients",
-               std::to_string(m_options.clients)},
-              ends[1]);
+        Start(
+            "hub",
+            {"exchange", "hub", "--host", m_options.host, "--port", std::to_string(m_options.port),
+             "--clients", std::to_string(m_options.clients), "--timeout",
+             std::to_string(TimeLimit::seconds), "--total", std::to_string(TotalBytes())},
+            ends[1]);
         close(ends[1]);
         std::string port;
         for (char c = 0; read(ends[0], &c, 1) == 1 && c != '\n';) {
@@ -91,16 +95,34 @@ private:
     }
 
     // The files are dealt out like cards, and from the start again to clients that would have none.
+    std::size_t Cards() const {
+        return std::max(m_options.files.size(), static_cast<std::size_t>(m_options.clients));
+    }
+
+    // As far as it is known before the files are read.
+    std::uintmax_t TotalBytes() const {
+        std::uintmax_t total = 0;
+        for (std::size_t card = 0; card < Cards(); ++card) {
+            std::error_code ignored;  // what is no regular file has no size
+            const std::string& path = m_options.files[card % m_options.files.size()];
+            const std::uintmax_t size = std::filesystem::file_size(path, ignored);
+            total += ignored ? 0 : size;
+        }
+        return total;
+    }
+
     void StartClient(std::size_t index, const std::string& port) {
         const std::string name = "client-" + std::to_string(index + 1);
-        std::vector<std::string> arguments = {
-            "exchange", "client", "--port",  port,
-            "--name",   name,     "--chunk", std::to_string(m_options.chunkKiB),
-            "--"};
-        const std::size_t files = m_options.files.size();
+        std::vector<std::string> arguments = {"exchange",  "client",
+                                              "--host",    m_options.host,
+                                              "--port",    port,
+                                              "--name",    name,
+                                              "--chunk",   std::to_string(m_options.chunkKiB),
+                                              "--timeout", std::to_string(TimeLimit::seconds),
+                                              "--"};
         const std::size_t clients = static_cast<std::size_t>(m_options.clients);
-        for (std::size_t card = index; card < std::max(files, clients); card += clients) {
-            arguments.push_back(m_options.files[card % files]);
+        for (std::size_t card = index; card < Cards(); card += clients) {
+            arguments.push_back(m_options.files[card % m_options.files.size()]);
         }
         Start(name, std::move(arguments), fileno(m_rows));
     }
@@ -126,11 +148,20 @@ private:
 
     void PrintTable() {
         std::rewind(m_rows);
-        std::vector<std::string> rows;
-        for (char row[8192]; std::fgets(row, sizeof row, m_rows) != nullptr;) {
-            rows.emplace_back(row);
+        std::vector<std::string> rows(1);
+        for (int c = 0; (c = std::fgetc(m_rows)) != EOF;) {
+            rows.back() += static_cast<char>(c);
+            if (c == '\n') {
+                rows.emplace_back();
+            }
         }
-        std::sort(rows.begin(), rows.end());
+        rows.pop_back();
+        // By the number in the client's name; each client's rows stay in their order.
+        const auto number = [](const std::string& row) {
+            return std::atoi(row.c_str() + std::strlen("client-"));
+        };
+        std::stable_sort(rows.begin(), rows.end(),
+                         [&](const auto& a, const auto& b) { return number(a) < number(b); });
         std::puts("client           bytes      lines      words   crc-32  verdict    file");
         for (const std::string& row : rows) {
             std::fputs(row.c_str(), stdout);

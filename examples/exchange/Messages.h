@@ -7,11 +7,15 @@
 
 #include <cstdint>
 #include <string>
+#include <tuple>
 
 #include "TextStatistics.h"
 
 // No text in a message is longer than this, so that a broken length cannot ask for all the memory.
 const int maximalTextBytes = 64 << 20;
+
+// Nor is a client's name, so that what follows it finds its header in one piece on any network.
+const std::size_t maximalNameBytes = 100;
 
 // Carries the fields of a message body, one after the other, to or from a stream.
 class Body {
@@ -56,7 +60,10 @@ struct Hello : TypedMessage<Hello> {
     std::string name;
     std::uint64_t files = 0;  // how many will follow
 
-    void Fields(Body& body) { body.Text(name), body.Number(files); }
+    void Fields(Body& body) {
+        body.Text(name);
+        body.Number(files);
+    }
 };
 
 struct Chunk : TypedMessage<Chunk> {
@@ -64,7 +71,10 @@ struct Chunk : TypedMessage<Chunk> {
     std::uint64_t last = 0;  // 1: the file ends here
     std::string data;
 
-    void Fields(Body& body) { body.Number(last), body.Text(data); }
+    void Fields(Body& body) {
+        body.Number(last);
+        body.Text(data);
+    }
 };
 
 struct Receipt : TypedMessage<Receipt> {
@@ -79,8 +89,10 @@ struct Report : TypedMessage<Report> {
     TextStatistics found;
 
     void Fields(Body& body) {
-        body.Number(found.bytes), body.Number(found.lines);
-        body.Number(found.words), body.Number(found.crc);
+        body.Number(found.bytes);
+        body.Number(found.lines);
+        body.Number(found.words);
+        body.Number(found.crc);
     }
 };
 
@@ -90,3 +102,7 @@ struct Farewell : TypedMessage<Farewell> {
 
     void Fields(Body& body) { body.Text(reason); }
 };
+
+// All of them: a type is added here, once. One that is not cannot be received, and one that is there
+// twice neither: it does not compile.
+using MessageTypes = std::tuple<Hello, Chunk, Receipt, Report, Farewell>;

@@ -2,14 +2,17 @@
 // message for the user.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 struct Options {
     int clients = 2;
+    std::string host = "127.0.0.1";
     int port = 0;
     int chunkKiB = 4096;
     std::string name = "client";
+    std::uint64_t totalBytes = 0;  // of what will come to the hub; 0: not known
     std::vector<std::string> files;
 };
 

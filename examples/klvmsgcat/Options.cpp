@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "Program.h"
+
 static const char help[] =
     R"(usage: klvmsgcat (--connect HOST:PORT | --listen [HOST:]PORT) [OPTION]...
 
@@ -26,6 +28,7 @@ Sends typed messages to a program and prints those that it sends.
       --raw                  print bodies as they are, and nothing else
   -t, --timeout SECONDS      give up when nothing has come or gone for so long
   -h, --help                 print this
+      --version              print the version
 
 exit codes: 0 done, 1 no connection, 2 usage, 3 a file or body, 4 the peer has gone too early,
             5 out of step, 6 timeout
@@ -116,17 +119,27 @@ static void ParseOption(int option, const std::string& value, Options& options) 
 }
 
 Options ParseOptions(int argc, char** argv) {
-    static const option known[] = {
-        {"connect", required_argument, nullptr, 'c'}, {"listen", required_argument, nullptr, 'l'},
-        {"send", required_argument, nullptr, 's'},    {"lines", required_argument, nullptr, 'L'},
-        {"receive", required_argument, nullptr, 'r'}, {"fixed", required_argument, nullptr, 'f'},
-        {"count", required_argument, nullptr, 'n'},   {"hex", no_argument, nullptr, 'x'},
-        {"raw", no_argument, nullptr, 'R'},           {"timeout", required_argument, nullptr, 't'},
-        {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
+    static const option known[] = {{"connect", required_argument, nullptr, 'c'},
+                                   {"listen", required_argument, nullptr, 'l'},
+                                   {"send", required_argument, nullptr, 's'},
+                                   {"lines", required_argument, nullptr, 'L'},
+                                   {"receive", required_argument, nullptr, 'r'},
+                                   {"fixed", required_argument, nullptr, 'f'},
+                                   {"count", required_argument, nullptr, 'n'},
+                                   {"hex", no_argument, nullptr, 'x'},
+                                   {"raw", no_argument, nullptr, 'R'},
+                                   {"timeout", required_argument, nullptr, 't'},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, 'v'},
+                                   {nullptr, 0, nullptr, 0}};
     Options options;
     for (int found; (found = getopt_long(argc, argv, "c:l:s:r:f:n:xt:h", known, nullptr)) != -1;) {
         if (found == 'h') {
             std::fputs(help, stdout);
+            std::exit(kDone);
+        }
+        if (found == 'v') {
+            PrintVersion("klvmsgcat");
             std::exit(kDone);
         }
         ParseOption(found, optarg == nullptr ? "" : optarg, options);

@@ -1,12 +1,11 @@
 // A peer for the command line: sends messages whose bodies are files or lines, and prints what
 // comes. One thread drives everything by hand. It takes messages apart itself (header, prototype,
 // body), where a communicator's cycle would pass over a type that nobody has registered.
-#include <KLVMsgCommModules.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -14,51 +13,15 @@
 #include <vector>
 
 #include "BodyMessage.h"
+#include "Library.h"
 #include "Options.h"
+#include "Program.h"
 
 namespace {
 
-KLVMsgConnectionServicesUtils& Registry() {
-    return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
+void RestartTimeLimit() {
+    TimeLimit::Restart("klvmsgcat: nothing has come or gone within the time limit\n", kTimeout);
 }
-
-KLVMsgSocketCommunicator& Communicator() {
-    return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
-}
-
-// The library from its start to its end.
-class Library {
-public:
-    Library() {
-        KLVMsgCommModules_initialize(m_modules);
-        Registry();
-        Communicator().SetDefaultInputStream(&m_input);
-        Communicator().SetDefaultOutputStream(&m_output);
-    }
-    ~Library() {
-        KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Finalize();
-        KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Finalize();
-        KLVMsgCommModules_finalize(m_modules);
-    }
-    Library(const Library&) = delete;
-    Library& operator=(const Library&) = delete;
-
-private:
-    int m_modules = 0;
-    KLVMsgSimpleInputStream m_input;
-    KLVMsgBufferedOutputStream m_output{INT_MAX};  // each body goes with one send
-};
-
-// The time limit holds wherever the program waits: in a connect, in a send, amid a body.
-int timeoutSeconds = 0;
-
-void GiveUp(int) {
-    static const char text[] = "klvmsgcat: nothing has come or gone within the time limit\n";
-    (void)!write(STDERR_FILENO, text, sizeof text - 1);
-    _exit(kTimeout);
-}
-
-void RestartTimeLimit() { alarm(static_cast<unsigned>(timeoutSeconds)); }
 
 // Opening -----------------------------------------------------------------------------------------
 
@@ -116,7 +79,8 @@ std::string ReadFile(const std::string& name) {
     std::string bytes;
     char piece[65536];
     std::size_t count = 0;
-    while (file != nullptr && (count = std::fread(piece, 1, sizeof piece, file)) > 0) {
+    while (file != nullptr && bytes.size() <= static_cast<std::size_t>(kLargestBody) &&
+           (count = std::fread(piece, 1, sizeof piece, file)) > 0) {
         bytes.append(piece, count);
     }
     if (file == nullptr || std::ferror(file) != 0) {
@@ -132,8 +96,11 @@ BodyMessage MakeMessage(const Options& options, const std::string& type, const s
     const bool fits = size == kNotFixed ? body.size() <= static_cast<std::size_t>(kLargestBody)
                                         : body.size() == static_cast<std::size_t>(size);
     if (!fits) {
-        throw Failure{kFile, origin + " has " + std::to_string(body.size()) +
-                                 " bytes, which is no body of " + type};
+        const bool huge = body.size() > static_cast<std::size_t>(kLargestBody);
+        throw Failure{kFile,
+                      origin + " has " +
+                          (huge ? "more than 1 GiB" : std::to_string(body.size()) + " bytes") +
+                          ", which is no body of " + type};
     }
     return BodyMessage(type, size, body);
 }
@@ -175,17 +142,15 @@ private:
     std::string m_bytes;
 };
 
-std::string Printable(const std::string& bytes, bool hex) {
+std::string Escaped(const std::string& bytes, bool hex) {
     std::string text;
-    char code[8];
     for (const char character : bytes) {
         const auto byte = static_cast<unsigned char>(character);
         if (!hex && byte >= ' ' && byte < 0x7f && character != '\\') {
             text += character;
-            continue;
+        } else {
+            AppendCode(hex ? "" : "\\x", byte, text);
         }
-        std::snprintf(code, sizeof code, hex ? "%02x" : "\\x%02x", byte);
-        text += code;
     }
     return text;
 }
@@ -193,8 +158,8 @@ std::string Printable(const std::string& bytes, bool hex) {
 void Print(const std::string& type, const std::string& body, Options::Form form) {
     const std::string line = form == Options::Form::kRaw
                                  ? body
-                                 : Printable(type, false) + " " + std::to_string(body.size()) +
-                                       " " + Printable(body, form == Options::Form::kHex) + "\n";
+                                 : Escaped(type, false) + " " + std::to_string(body.size()) + " " +
+                                       Escaped(body, form == Options::Form::kHex) + "\n";
     if (std::fwrite(line.data(), 1, line.size(), stdout) != line.size() ||
         std::fflush(stdout) != 0) {
         throw Failure{kFile, "cannot write standard output"};
@@ -283,8 +248,8 @@ private:
         const std::unique_ptr<BodyMessage> message(
             static_cast<BodyMessage*>(Registry().GetMsgInstance(type)));
         if (message == nullptr) {
-            throw Failure{kOutOfStep, "a message of type '" + Printable(name, false) +
-                                          "' has come, which no --receive names"};
+            throw Failure{kOutOfStep,
+                          "a message of type '" + name + "' has come, which no --receive names"};
         }
         m_input.m_connectionNumber = m_peer.connection;
         message->ReadMessage(&m_input);
@@ -337,8 +302,7 @@ void Run(const Options& options) {
         Communicator().RegisterMessagePrototype(type.c_str(), prototypes.back().get());
     }
     std::signal(SIGPIPE, SIG_IGN);  // a send to a peer that has gone fails instead
-    std::signal(SIGALRM, GiveUp);
-    timeoutSeconds = options.timeoutSeconds;
+    TimeLimit::seconds = options.timeoutSeconds;
     RestartTimeLimit();
     const KLVMsgChannel peer = options.listen ? AwaitPeer(options) : Connect(options);
     RestartTimeLimit();
@@ -348,11 +312,15 @@ void Run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::setlocale(LC_CTYPE, "");
     try {
         Run(ParseOptions(argc, argv));
         return kDone;
     } catch (const Failure& failure) {
-        std::fprintf(stderr, "klvmsgcat: %s\n", failure.text.c_str());
+        std::fprintf(stderr, "klvmsgcat: %s\n", Printable(failure.text).c_str());
         return failure.code;
+    } catch (const std::bad_alloc&) {
+        std::fputs("klvmsgcat: there is not enough memory for a body\n", stderr);
+        return kFile;
     }
 }
