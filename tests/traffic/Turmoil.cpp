@@ -230,7 +230,7 @@ void AskAround() {
             channels[i].IsActiveInCurrentThreads();
             Registry().ClearError(channels[i].connection);
             if (channels[i].GetLabel() == KLVString("")) {
-                Registry().HasError(channels[i].connection);
+                channels[i].SetLabel("passing");
             }
         }
         Pause(2);
