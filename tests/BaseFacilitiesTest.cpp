@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <map>
+#include <new>
 #include <random>
 #include <thread>
 
@@ -113,6 +114,58 @@ void FollowsTheStandardVector(const T& first, const T& second) {
 TEST(Vector, FollowsTheStandardVectorAndReleasesItsElements) {
     FollowsTheStandardVector<int>(1, 2);
     FollowsTheStandardVector<KLVString>("one", "two");
+    EXPECT_EQ(0, blocks);
+}
+
+// An element whose copies are counted, and may fail.
+struct Fragile {
+    explicit Fragile(int number) : value(number) { ++alive; }
+    Fragile(const Fragile& other) : value(other.value) {
+        if (copiesLeft == 0) {
+            throw std::bad_alloc();
+        }
+        copiesLeft -= copiesLeft > 0 ? 1 : 0;
+        ++alive;
+    }
+    ~Fragile() { --alive; }
+    int value;
+
+    static inline int alive = 0;
+    static inline int copiesLeft = -1;  // before they fail; -1: without limit
+};
+
+static KLVBasVector<Fragile> OneTo(int count) {
+    KLVBasVector<Fragile> array;
+    for (int value = 1; value <= count; ++value) {
+        array.PushBack(Fragile(value));
+    }
+    return array;
+}
+
+TEST(Vector, CopyThatThrowsLeavesItAsItWasOrEndsItBeforeTheGap) {
+    for (int copies = 0; copies < 5; ++copies) {
+        KLVBasVector<Fragile> grows = OneTo(4), shrinks = OneTo(6);
+        const Fragile* const first = &shrinks[0];
+        const Fragile five(5);
+        Fragile::copiesLeft = copies;
+        EXPECT_THROW(grows.PushBack(five), std::bad_alloc);
+        EXPECT_EQ(4u, grows.Size());
+        EXPECT_EQ(4, grows[3].value);
+        Fragile::copiesLeft = copies;
+        if (copies < 4) {
+            EXPECT_THROW(shrinks.Erase(1), std::bad_alloc);
+        } else {
+            shrinks.Erase(1);
+        }
+        Fragile::copiesLeft = -1;
+        ASSERT_EQ(static_cast<std::size_t>(copies) + 1, shrinks.Size());
+        for (std::size_t i = 0; i < shrinks.Size(); ++i) {
+            EXPECT_EQ(i == 0 ? 1 : static_cast<int>(i) + 2, shrinks[i].value);
+        }
+        EXPECT_EQ(first, &shrinks[0]) << "moved to other memory";
+        EXPECT_EQ(4 + copies + 1 + 1, Fragile::alive);
+    }
+    EXPECT_EQ(0, Fragile::alive);
     EXPECT_EQ(0, blocks);
 }
 
