@@ -145,8 +145,7 @@ public:
 // What node and map do alike, on the slot that holds a subtree. These are no members: the members of
 // a map that a library exports are part of its binary interface, private ones as well.
 
-// The depth of a child that may be missing, as SetMaxDepth counts it. Balancing counts a missing
-// one like a leaf.
+// The depth of a child that may be missing, as SetMaxDepth counts it.
 template <class Node>
 int omi_BtreeDepth(const Node* child) {
     return child == nullptr ? -1 : child->m_maxDepth;
@@ -176,6 +175,16 @@ inline Node* omi_BtreeRotate(Node& node, Node* Node::*heavy, Node* Node::*light)
     return head;
 }
 
+// By how much a node with such children leans to the right, a missing one counting like a leaf.
+inline int omi_BtreeLean(int left, int right) { return std::max(right, 0) - std::max(left, 0); }
+
+// The rotation at a node that leans too far to the right (above 0) or to the left: the new head.
+template <class Node>
+Node* omi_BtreeTurn(Node& node, int lean) {
+    return lean > 0 ? omi_BtreeRotate(node, &Node::m_right, &Node::m_left)
+                    : omi_BtreeRotate(node, &Node::m_left, &Node::m_right);
+}
+
 // SetMaxDepth, then Balance, for the node in a slot, with one look at its children.
 template <class Node>
 inline void omi_BtreeRebalanceAt(Node*& slot) {
@@ -183,9 +192,9 @@ inline void omi_BtreeRebalanceAt(Node*& slot) {
     const int left = omi_BtreeDepth(node.m_left);
     const int right = omi_BtreeDepth(node.m_right);
     node.m_maxDepth = std::max(left, right) + 1;
-    const int difference = std::max(right, 0) - std::max(left, 0);
-    if (difference > 1 || difference < -1) {
-        slot = node.Balance();
+    const int lean = omi_BtreeLean(left, right);
+    if (lean > 1 || lean < -1) {
+        slot = omi_BtreeTurn(node, lean);
     }
 }
 
@@ -198,11 +207,16 @@ bool omi_BtreeInsertAt(Node*& slot, const K& key, const V& value) {
         return true;
     }
     const int order = BtreeCompare(node->m_key, key);
-    if (order == 0 || !omi_BtreeInsertAt(node->Slot(order), key, value)) {
+    if (order == 0) {
         return false;
     }
-    omi_BtreeRebalanceAt(slot);
-    return true;
+    // A branch for each side: the processor then need not wait for the comparison to go on.
+    const bool added = order < 0 ? omi_BtreeInsertAt(node->m_left, key, value)
+                                 : omi_BtreeInsertAt(node->m_right, key, value);
+    if (added) {
+        omi_BtreeRebalanceAt(slot);
+    }
+    return added;
 }
 
 // Takes the children of `node` away and returns the subtree that stands in for it: the only child,
@@ -255,11 +269,12 @@ bool omi_BtreeRemoveAt(Node*& slot, const K& key) {
         omi_BtreeDeleteAt(slot);
         return true;
     }
-    if (!omi_BtreeRemoveAt(node->Slot(order), key)) {
-        return false;
+    const bool removed =
+        order < 0 ? omi_BtreeRemoveAt(node->m_left, key) : omi_BtreeRemoveAt(node->m_right, key);
+    if (removed) {
+        omi_BtreeRebalanceAt(slot);
     }
-    omi_BtreeRebalanceAt(slot);
-    return true;
+    return removed;
 }
 
 template <class K, class V>
@@ -315,15 +330,8 @@ bool omi_BtreeNode<K, V>::Remove(const K& key, omi_BtreeNode& parent) {
 
 template <class K, class V>
 omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Balance() {
-    const int left = std::max(omi_BtreeDepth(m_left), 0);
-    const int right = std::max(omi_BtreeDepth(m_right), 0);
-    if (right - left > 1) {
-        return omi_BtreeRotate(*this, &omi_BtreeNode::m_right, &omi_BtreeNode::m_left);
-    }
-    if (left - right > 1) {
-        return omi_BtreeRotate(*this, &omi_BtreeNode::m_left, &omi_BtreeNode::m_right);
-    }
-    return nullptr;
+    const int lean = omi_BtreeLean(omi_BtreeDepth(m_left), omi_BtreeDepth(m_right));
+    return lean > 1 || lean < -1 ? omi_BtreeTurn(*this, lean) : nullptr;
 }
 
 template <class K, class V>
@@ -380,7 +388,7 @@ bool omi_Btree<K, V>::Remove(const K& key) {
 }
 
 template <class K, class V>
-bool omi_Btree<K, V>::IsMember(const K& key) const {
+inline bool omi_Btree<K, V>::IsMember(const K& key) const {
     return omi_BtreeFind(m_root, key) != nullptr;
 }
 
