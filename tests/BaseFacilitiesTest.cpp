@@ -1,4 +1,4 @@
-// Strings, arrays, tables, threads and diagnostics.
+// Strings, arrays, tables, mutexes, threads and diagnostics.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -7,7 +7,9 @@
 #include <climits>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <map>
+#include <memory>
 #include <new>
 #include <random>
 #include <thread>
@@ -191,6 +193,57 @@ TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {
         }
         ASSERT_EQ(model, walked);
         ASSERT_EQ(model.size(), table.Size());
+    }
+}
+
+// Whether a thread of this process sleeps, as one does that waits for a mutex.
+static bool Sleeps(int thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string number, name, state;
+    stat >> number >> name >> state;
+    return state == "S";
+}
+
+TEST(Mutex, GoesToItsWaitersInTheOrderOfTheirArrival) {
+    const std::unique_ptr<KLVBasAtiMutex> mutex(KLVBasAtiThreadingModel::newMutex());
+    std::vector<std::thread> threads;
+    std::vector<int> served, arrived;
+    mutex->Lock();
+    for (int i = 0; i < 70; ++i) {
+        std::atomic<int> id{0};
+        threads.emplace_back([i, &id, &mutex, &served] {
+            id = gettid();
+            mutex->Lock();
+            served.push_back(i);
+            mutex->Unlock();
+        });
+        EXPECT_TRUE(Eventually([&id] { return id != 0 && Sleeps(id); }));
+        arrived.push_back(i);
+    }
+    mutex->Unlock();
+    mutex->Lock();
+    served.push_back(70);
+    arrived.push_back(70);
+    mutex->Unlock();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(arrived, served);
+}
+
+// With a sanitizer: Unlock leaves the mutex alone once another thread has it.
+TEST(Mutex, MayBeDestroyedByTheThreadThatItWasHandedTo) {
+    for (int round = 0; round < 500; ++round) {
+        KLVBasAtiMutex* const mutex = KLVBasAtiThreadingModel::newMutex();
+        mutex->Lock();
+        std::thread next([mutex] {
+            mutex->Lock();
+            mutex->Unlock();
+            delete mutex;
+        });
+        std::this_thread::yield();
+        mutex->Unlock();
+        next.join();
     }
 }
 
