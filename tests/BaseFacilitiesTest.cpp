@@ -247,6 +247,25 @@ TEST(Mutex, MayBeDestroyedByTheThreadThatItWasHandedTo) {
     }
 }
 
+// With functions of its own, and a base that is not where the object begins.
+struct Counter {
+    virtual ~Counter() = default;
+    int count = 0;
+};
+struct Single;
+struct Part : KLVBasAtiGlobalSingleton<Single> {
+    int part = 0;
+};
+struct Single : Counter, Part {
+    Single() { registered = Instance() == this; }
+    bool registered;
+};
+
+TEST(Singleton, IsRegisteredWhereItsObjectBegins) {
+    EXPECT_TRUE(Single::Instance()->registered);
+    Single::Finalize();
+}
+
 static bool BrokenPipeIsBlocked() {
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
