@@ -25,17 +25,17 @@ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DKLVMSG_BUILD_TESTS=OFF
 cmake --build "$build" --parallel "$(nproc)" >"$build/build.log" 2>&1 ||
   { cat "$build/build.log" >&2; exit 1; }
 
-programs=(exchange cycle map queue task)
+programs=(exchange cycle map queue lock task)
 rm -f "$build"/json/*.json
 for i in "${!programs[@]}"; do
-  echo "== $((i + 1)) of 6: ${programs[i]} ($(date +%T))"
+  echo "== $((i + 1)) of 7: ${programs[i]} ($(date +%T))"
   "$build/benchmarks/bench${programs[i]}" --benchmark_out="$build/json/${programs[i]}.json" \
     --benchmark_out_format=json >"$build/json/${programs[i]}.log" 2>&1 ||
     { cat "$build/json/${programs[i]}.log" >&2; exit 1; }
 done
 
 # Two runs of different length: the difference is the messages, without what stands around them.
-echo "== 6 of 6: instructions ($(date +%T))"
+echo "== 7 of 7: instructions ($(date +%T))"
 instructions() {  # PATH COUNT: executed within Measured
   valgrind --tool=callgrind --collect-atstart=no --toggle-collect=Measured \
     --callgrind-out-file=/dev/null "$build/benchmarks/instructions" "$1" "$2" 2>&1 |

@@ -1,4 +1,4 @@
-// Strings, arrays, tables, threads and diagnostics.
+// Strings, arrays, tables, mutexes, threads and diagnostics.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <fstream>
 #include <map>
 #include <memory>
+#include <new>
 #include <random>
 #include <thread>
 
@@ -101,6 +103,57 @@ TEST(Vector, FollowsTheStandardVectorAndReleasesItsElements) {
     FollowsTheStandardVector<KLVString>("one", "two");
 }
 
+// An element whose copies are counted, and may fail.
+struct Fragile {
+    explicit Fragile(int number) : value(number) { ++alive; }
+    Fragile(const Fragile& other) : value(other.value) {
+        if (copiesLeft == 0) {
+            throw std::bad_alloc();
+        }
+        copiesLeft -= copiesLeft > 0 ? 1 : 0;
+        ++alive;
+    }
+    ~Fragile() { --alive; }
+    int value;
+
+    static inline int alive = 0;
+    static inline int copiesLeft = -1;  // before they fail; -1: without limit
+};
+
+static KLVBasVector<Fragile> OneTo(int count) {
+    KLVBasVector<Fragile> array;
+    for (int value = 1; value <= count; ++value) {
+        array.PushBack(Fragile(value));
+    }
+    return array;
+}
+
+TEST(Vector, CopyThatThrowsLeavesItAsItWasOrEndsItBeforeTheGap) {
+    for (int copies = 0; copies < 5; ++copies) {
+        KLVBasVector<Fragile> grows = OneTo(4), shrinks = OneTo(6);
+        const Fragile* const first = &shrinks[0];
+        const Fragile five(5);
+        Fragile::copiesLeft = copies;
+        EXPECT_THROW(grows.PushBack(five), std::bad_alloc);
+        EXPECT_EQ(4u, grows.Size());
+        EXPECT_EQ(4, grows[3].value);
+        Fragile::copiesLeft = copies;
+        if (copies < 4) {
+            EXPECT_THROW(shrinks.Erase(1), std::bad_alloc);
+        } else {
+            shrinks.Erase(1);
+        }
+        Fragile::copiesLeft = -1;
+        ASSERT_EQ(static_cast<std::size_t>(copies) + 1, shrinks.Size());
+        for (std::size_t i = 0; i < shrinks.Size(); ++i) {
+            EXPECT_EQ(i == 0 ? 1 : static_cast<int>(i) + 2, shrinks[i].value);
+        }
+        EXPECT_EQ(first, &shrinks[0]) << "moved to other memory";
+        EXPECT_EQ(4 + copies + 1 + 1, Fragile::alive);
+    }
+    EXPECT_EQ(0, Fragile::alive);
+}
+
 TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {
     const int keys[] = {INT_MIN, INT_MIN + 1, -5, -1, 0, 1, 5, INT_MAX};
     std::mt19937 random;
@@ -124,6 +177,76 @@ TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {
         ASSERT_EQ(model, walked);
         ASSERT_EQ(model.size(), table.Size());
     }
+}
+
+// Whether a thread of this process sleeps, as one does that waits for a mutex.
+static bool Sleeps(int thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string number, name, state;
+    stat >> number >> name >> state;
+    return state == "S";
+}
+
+TEST(Mutex, GoesToItsWaitersInTheOrderOfTheirArrival) {
+    const std::unique_ptr<KLVBasAtiMutex> mutex(KLVBasAtiThreadingModel::newMutex());
+    std::vector<std::thread> threads;
+    std::vector<int> served, arrived;
+    mutex->Lock();
+    for (int i = 0; i < 70; ++i) {
+        std::atomic<int> id{0};
+        threads.emplace_back([i, &id, &mutex, &served] {
+            id = gettid();
+            mutex->Lock();
+            served.push_back(i);
+            mutex->Unlock();
+        });
+        EXPECT_TRUE(Eventually([&id] { return id != 0 && Sleeps(id); }));
+        arrived.push_back(i);
+    }
+    mutex->Unlock();
+    mutex->Lock();
+    served.push_back(70);
+    arrived.push_back(70);
+    mutex->Unlock();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(arrived, served);
+}
+
+// With a sanitizer: Unlock leaves the mutex alone once another thread has it.
+TEST(Mutex, MayBeDestroyedByTheThreadThatItWasHandedTo) {
+    for (int round = 0; round < 500; ++round) {
+        KLVBasAtiMutex* const mutex = KLVBasAtiThreadingModel::newMutex();
+        mutex->Lock();
+        std::thread next([mutex] {
+            mutex->Lock();
+            mutex->Unlock();
+            delete mutex;
+        });
+        std::this_thread::yield();
+        mutex->Unlock();
+        next.join();
+    }
+}
+
+// With functions of its own, and a base that is not where the object begins.
+struct Counter {
+    virtual ~Counter() = default;
+    int count = 0;
+};
+struct Single;
+struct Part : KLVBasAtiGlobalSingleton<Single> {
+    int part = 0;
+};
+struct Single : Counter, Part {
+    Single() { registered = Instance() == this; }
+    bool registered;
+};
+
+TEST(Singleton, IsRegisteredWhereItsObjectBegins) {
+    EXPECT_TRUE(Single::Instance()->registered);
+    Single::Finalize();
 }
 
 static bool BrokenPipeIsBlocked() {

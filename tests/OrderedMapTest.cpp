@@ -5,6 +5,7 @@
 #include <climits>
 #include <memory>
 #include <random>
+#include <utility>
 
 #include "Faults.h"
 #include "Support.h"
@@ -132,6 +133,23 @@ std::vector<std::string> Walk(const omi_Btree<K, V>& map, bool forward) {
     return keys;
 }
 
+// The same by the root's own operations, which leave rebalancing the root to their caller.
+template <class K, class V>
+bool ChangeByRoot(omi_Btree<K, V>& map, const K& key, const V* value) {
+    omi_BtreeNode<K, V> head(key, V());
+    head.m_left = map.m_root;
+    const bool changes =
+        value != nullptr ? map.m_root->Insert(key, *value) : map.m_root->Remove(key, head);
+    map.m_root = std::exchange(head.m_left, nullptr);
+    map.m_size += !changes ? 0 : value != nullptr ? 1 : -1;
+    return changes;
+}
+
+template <class K, class V>
+bool Change(omi_Btree<K, V>& map, const K& key, const V* value) {
+    return value != nullptr ? map.Insert(key, *value) : map.Remove(key);
+}
+
 // Thousands of random insertions and removals; after each the whole map is as the model says.
 template <class K, class V>
 void FollowsTheModel(K (*makeKey)(std::size_t), V (*makeValue)(std::size_t)) {
@@ -146,12 +164,14 @@ void FollowsTheModel(K (*makeKey)(std::size_t), V (*makeValue)(std::size_t)) {
         const bool insert = random() % 8 < (step / 500 % 2 == 0 ? 6 : 2);  // grows, shrinks, ...
         const K key = makeKey(random());
         const V value = makeValue(random());
-        const bool changes = Model<K, V>::Change(model, key, insert ? &value : nullptr);
-        if (changes) {
+        const V* const inserted = insert ? &value : nullptr;
+        const bool byRoot = !map.IsEmpty() && random() % 4 == 0;
+        const bool changes = Model<K, V>::Change(model, key, inserted);
+        if (changes && !byRoot) {
             Model<K, V>::Balance(model);
         }
         ASSERT_EQ(insert != changes, map.IsMember(key));
-        ASSERT_EQ(changes, insert ? map.Insert(key, value) : map.Remove(key));
+        ASSERT_EQ(changes, (byRoot ? ChangeByRoot<K, V> : Change<K, V>)(map, key, inserted));
         std::vector<std::string> keys;
         const std::string shape = Shape(model, keys);
         ASSERT_EQ(shape, Shape(map.m_root));

@@ -37,9 +37,8 @@ public:
 
     omi_BtreeNode& operator=(const omi_BtreeNode&) = delete;
 
-    // Destroys the left subtree, then the right one, then key and value. Not inlined into itself,
-    // level upon level, where a single node is removed.
-    [[gnu::noinline]] ~omi_BtreeNode();
+    // Destroys the left subtree, then the right one, then key and value.
+    ~omi_BtreeNode();
 
     // The node that holds `key` in this subtree, or null.
     omi_BtreeNode* Find(const K& key) const;
@@ -73,11 +72,6 @@ public:
     V& GetValue() { return m_value; }
     const V& ConstGetValue() const { return m_value; }
 
-    // Insert and Remove for the subtree in a slot, which they rebalance up to its head; the slot
-    // may be empty before or afterwards.
-    static bool InsertAt(omi_BtreeNode*& slot, const K& key, const V& value);
-    static bool RemoveAt(omi_BtreeNode*& slot, const K& key);
-
     // Where a key goes that compares as `order` with this node's.
     omi_BtreeNode*& Slot(int order) { return order < 0 ? m_left : m_right; }
 
@@ -88,50 +82,6 @@ public:
     omi_BtreeNode* m_left = nullptr;   // owned, keys ordered before m_key
     omi_BtreeNode* m_right = nullptr;  // owned, keys ordered after m_key
     int m_maxDepth = 0;                // in edges
-
-private:
-    // The depth of a child that may be missing: as a leaf's for balancing, one less for counting.
-    static int Height(const omi_BtreeNode* node) { return node == nullptr ? 0 : node->m_maxDepth; }
-    static int DepthOf(const omi_BtreeNode* node) {
-        return node == nullptr ? -1 : node->m_maxDepth;
-    }
-
-    // What became of a subtree: the node that heads it now and the height that it counts with in
-    // balancing, 0 when it is empty. The way back up the tree is quick since both stay in registers.
-    struct Change {
-        omi_BtreeNode* head;
-        int height;  // negative when nothing was changed; `head` means nothing then
-
-        bool Made() const { return height >= 0; }
-
-        // Stores the head of a subtree that was changed; true when it was.
-        bool StoreIn(omi_BtreeNode*& slot) const {
-            if (Made()) {
-                slot = head;
-            }
-            return Made();
-        }
-    };
-    static Change NoChange() { return {nullptr, -1}; }
-
-    // The recursions of InsertAt and RemoveAt, one call for each level.
-    static Change InsertBelow(omi_BtreeNode* node, const K& key, const V& value);
-    static Change RemoveBelow(omi_BtreeNode* node, const K& key);
-
-    // Their ends. Not inlined, so that the calls above them need next to no stack frame.
-    [[gnu::noinline]] static Change NewLeaf(const K& key, const V& value);
-    [[gnu::noinline]] Change RemoveThis();
-
-    // Takes a changed child into its slot, then does what SetMaxDepth and Balance do, without
-    // reading back the depth that the child has just been given.
-    Change Settle(Change child, omi_BtreeNode*& slot, const omi_BtreeNode* other);
-
-    // The depth of the child off the path is needed on the way back: it is fetched on the way down.
-    static void Fetch(const omi_BtreeNode* other) { __builtin_prefetch(other); }
-
-    omi_BtreeNode* RotateLeft();
-    omi_BtreeNode* RotateRight();
-    omi_BtreeNode* DetachReplacement();
 };
 
 // A map from K to V: a binary search tree kept roughly balanced by single rotations, one allocation
@@ -163,7 +113,7 @@ public:
     bool Remove(const K& key);
 
     // True when there is an entry under `key`.
-    bool IsMember(const K& key) const { return Find(key) != nullptr; }
+    bool IsMember(const K& key) const;
 
     // The value under `key`, or the null value of this map when there is none; nothing is inserted.
     // The reference is valid until the entry is removed or the map destroyed.
@@ -190,10 +140,142 @@ public:
     Node* m_root = nullptr;  // owned
     int m_size = 0;
     V m_nullValue;
-
-private:
-    Node* Find(const K& key) const { return m_root == nullptr ? nullptr : m_root->Find(key); }
 };
+
+// What node and map do alike, on the slot that holds a subtree. These are no members: the members of
+// a map that a library exports are part of its binary interface, private ones as well.
+
+// The depth of a child that may be missing, as SetMaxDepth counts it.
+template <class Node>
+int omi_BtreeDepth(const Node* child) {
+    return child == nullptr ? -1 : child->m_maxDepth;
+}
+
+// The node that holds `key` in the subtree headed by `node`, or null.
+template <class Node, class K>
+inline Node* omi_BtreeFind(Node* node, const K& key) {
+    while (node != nullptr) {
+        const int order = BtreeCompare(node->m_key, key);
+        if (order == 0) {
+            break;
+        }
+        node = node->Slot(order);
+    }
+    return node;
+}
+
+// A single rotation: the child of `node` on the `heavy` side takes its place and is returned.
+template <class Node>
+inline Node* omi_BtreeRotate(Node& node, Node* Node::*heavy, Node* Node::*light) {
+    Node* const head = node.*heavy;
+    node.*heavy = head->*light;
+    head->*light = &node;
+    node.SetMaxDepth();
+    head->SetMaxDepth();
+    return head;
+}
+
+// By how much a node with such children leans to the right, a missing one counting like a leaf.
+inline int omi_BtreeLean(int left, int right) { return std::max(right, 0) - std::max(left, 0); }
+
+// The rotation at a node that leans too far to the right (above 0) or to the left: the new head.
+template <class Node>
+Node* omi_BtreeTurn(Node& node, int lean) {
+    return lean > 0 ? omi_BtreeRotate(node, &Node::m_right, &Node::m_left)
+                    : omi_BtreeRotate(node, &Node::m_left, &Node::m_right);
+}
+
+// SetMaxDepth, then Balance, for the node in a slot, with one look at its children.
+template <class Node>
+inline void omi_BtreeRebalanceAt(Node*& slot) {
+    Node& node = *slot;
+    const int left = omi_BtreeDepth(node.m_left);
+    const int right = omi_BtreeDepth(node.m_right);
+    node.m_maxDepth = std::max(left, right) + 1;
+    const int lean = omi_BtreeLean(left, right);
+    if (lean > 1 || lean < -1) {
+        slot = omi_BtreeTurn(node, lean);
+    }
+}
+
+// Inserts into the subtree in a slot, which may be empty, and rebalances it up to its head.
+template <class Node, class K, class V>
+bool omi_BtreeInsertAt(Node*& slot, const K& key, const V& value) {
+    Node* const node = slot;
+    if (node == nullptr) {
+        slot = new Node(key, value);
+        return true;
+    }
+    const int order = BtreeCompare(node->m_key, key);
+    if (order == 0) {
+        return false;
+    }
+    // A branch for each side: the processor then need not wait for the comparison to go on.
+    const bool added = order < 0 ? omi_BtreeInsertAt(node->m_left, key, value)
+                                 : omi_BtreeInsertAt(node->m_right, key, value);
+    if (added) {
+        omi_BtreeRebalanceAt(slot);
+    }
+    return added;
+}
+
+// Takes the children of `node` away and returns the subtree that stands in for it: the only child,
+// or with two the leftmost node of the right subtree put at the head of both. Only that node and
+// the one it hung from get fresh depths; those between keep theirs, even where too large.
+template <class Node>
+Node* omi_BtreeDetachReplacement(Node& node) {
+    Node* replacement = node.m_right;
+    if (replacement == nullptr) {
+        replacement = node.m_left;
+    } else if (node.m_left != nullptr) {
+        Node* above = &node;
+        while (replacement->m_left != nullptr) {
+            above = replacement;
+            replacement = replacement->m_left;
+        }
+        if (above != &node) {
+            above->m_left = replacement->m_right;
+            replacement->m_right = node.m_right;
+            above->SetMaxDepth();
+        }
+        replacement->m_left = node.m_left;
+        replacement->SetMaxDepth();
+    }
+    node.m_left = nullptr;
+    node.m_right = nullptr;
+    return replacement;
+}
+
+// Puts what stands in for the node in a slot there, rebalances that, and destroys the node.
+template <class Node>
+void omi_BtreeDeleteAt(Node*& slot) {
+    Node* const node = slot;
+    slot = omi_BtreeDetachReplacement(*node);
+    delete node;
+    Node* const rotated = slot == nullptr ? nullptr : slot->Balance();
+    slot = rotated == nullptr ? slot : rotated;
+}
+
+// Removes from the subtree in a slot, which may be empty before or afterwards, and rebalances it up
+// to its head.
+template <class Node, class K>
+bool omi_BtreeRemoveAt(Node*& slot, const K& key) {
+    Node* const node = slot;
+    if (node == nullptr) {
+        return false;
+    }
+    const int order = BtreeCompare(node->m_key, key);
+    if (order == 0) {
+        omi_BtreeDeleteAt(slot);
+        return true;
+    }
+    const bool removed =
+        order < 0 ? omi_BtreeRemoveAt(node->m_left, key) : omi_BtreeRemoveAt(node->m_right, key);
+    if (removed) {
+        omi_BtreeRebalanceAt(slot);
+    }
+    return removed;
+}
 
 template <class K, class V>
 omi_BtreeNode<K, V>::omi_BtreeNode(const K& key, const V& value) : m_value(value), m_key(key) {}
@@ -218,68 +300,28 @@ omi_BtreeNode<K, V>::~omi_BtreeNode() {
 }
 
 template <class K, class V>
-inline omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Find(const K& key) const {
-    omi_BtreeNode* node = const_cast<omi_BtreeNode*>(this);
-    while (node != nullptr) {
-        const int order = BtreeCompare(node->m_key, key);
-        if (order == 0) {
-            break;
-        }
-        node = node->Slot(order);
-    }
-    return node;
+omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Find(const K& key) const {
+    return omi_BtreeFind(const_cast<omi_BtreeNode*>(this), key);
 }
 
 template <class K, class V>
 bool omi_BtreeNode<K, V>::Insert(const K& key, const V& value) {
     const int order = BtreeCompare(m_key, key);
-    if (order == 0 || !InsertAt(Slot(order), key, value)) {
+    if (order == 0 || !omi_BtreeInsertAt(Slot(order), key, value)) {
         return false;
     }
     SetMaxDepth();
     return true;
-}
-
-template <class K, class V>
-bool omi_BtreeNode<K, V>::InsertAt(omi_BtreeNode*& slot, const K& key, const V& value) {
-    return InsertBelow(slot, key, value).StoreIn(slot);
-}
-
-template <class K, class V>
-typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::InsertBelow(omi_BtreeNode* node,
-                                                                      const K& key,
-                                                                      const V& value) {
-    if (node == nullptr) {
-        return NewLeaf(key, value);
-    }
-    const int order = BtreeCompare(node->m_key, key);
-    if (order == 0) {
-        return NoChange();
-    }
-    if (order < 0) {
-        Fetch(node->m_right);
-        const Change child = InsertBelow(node->m_left, key, value);
-        return child.Made() ? node->Settle(child, node->m_left, node->m_right) : child;
-    }
-    Fetch(node->m_left);
-    const Change child = InsertBelow(node->m_right, key, value);
-    return child.Made() ? node->Settle(child, node->m_right, node->m_left) : child;
-}
-
-template <class K, class V>
-typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::NewLeaf(const K& key, const V& value) {
-    return {new omi_BtreeNode(key, value), 0};
 }
 
 template <class K, class V>
 bool omi_BtreeNode<K, V>::Remove(const K& key, omi_BtreeNode& parent) {
     const int order = BtreeCompare(m_key, key);
     if (order == 0) {
-        omi_BtreeNode* const replacement = DetachReplacement();
-        parent.RemoveNode(this, replacement);
+        parent.RemoveNode(this, omi_BtreeDetachReplacement(*this));
         return true;
     }
-    if (!RemoveAt(Slot(order), key)) {
+    if (!omi_BtreeRemoveAt(Slot(order), key)) {
         return false;
     }
     SetMaxDepth();
@@ -287,74 +329,14 @@ bool omi_BtreeNode<K, V>::Remove(const K& key, omi_BtreeNode& parent) {
 }
 
 template <class K, class V>
-bool omi_BtreeNode<K, V>::RemoveAt(omi_BtreeNode*& slot, const K& key) {
-    return RemoveBelow(slot, key).StoreIn(slot);
-}
-
-template <class K, class V>
-typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::RemoveBelow(omi_BtreeNode* node,
-                                                                      const K& key) {
-    if (node == nullptr) {
-        return NoChange();
-    }
-    const int order = BtreeCompare(node->m_key, key);
-    if (order == 0) {
-        return node->RemoveThis();
-    }
-    if (order < 0) {
-        Fetch(node->m_right);
-        const Change child = RemoveBelow(node->m_left, key);
-        return child.Made() ? node->Settle(child, node->m_left, node->m_right) : child;
-    }
-    Fetch(node->m_left);
-    const Change child = RemoveBelow(node->m_right, key);
-    return child.Made() ? node->Settle(child, node->m_right, node->m_left) : child;
-}
-
-template <class K, class V>
-typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::RemoveThis() {
-    omi_BtreeNode* const replacement = DetachReplacement();
-    delete this;
-    omi_BtreeNode* const rotated = replacement == nullptr ? nullptr : replacement->Balance();
-    omi_BtreeNode* const head = rotated == nullptr ? replacement : rotated;
-    return {head, Height(head)};
-}
-
-template <class K, class V>
 omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Balance() {
-    const int difference = Height(m_right) - Height(m_left);
-    if (difference > 1) {
-        return RotateLeft();
-    }
-    if (difference < -1) {
-        return RotateRight();
-    }
-    return nullptr;
-}
-
-template <class K, class V>
-inline omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::RotateLeft() {
-    omi_BtreeNode* const head = m_right;
-    m_right = head->m_left;
-    head->m_left = this;
-    SetMaxDepth();
-    head->SetMaxDepth();
-    return head;
-}
-
-template <class K, class V>
-inline omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::RotateRight() {
-    omi_BtreeNode* const head = m_left;
-    m_left = head->m_right;
-    head->m_right = this;
-    SetMaxDepth();
-    head->SetMaxDepth();
-    return head;
+    const int lean = omi_BtreeLean(omi_BtreeDepth(m_left), omi_BtreeDepth(m_right));
+    return lean > 1 || lean < -1 ? omi_BtreeTurn(*this, lean) : nullptr;
 }
 
 template <class K, class V>
 inline void omi_BtreeNode<K, V>::SetMaxDepth() {
-    m_maxDepth = std::max(DepthOf(m_left), DepthOf(m_right)) + 1;
+    m_maxDepth = std::max(omi_BtreeDepth(m_left), omi_BtreeDepth(m_right)) + 1;
 }
 
 template <class K, class V>
@@ -363,53 +345,6 @@ void omi_BtreeNode<K, V>::RemoveNode(omi_BtreeNode* oldChild, omi_BtreeNode* new
     slot = newChild;
     delete oldChild;
     SetMaxDepth();
-}
-
-template <class K, class V>
-inline typename omi_BtreeNode<K, V>::Change omi_BtreeNode<K, V>::Settle(
-    Change child, omi_BtreeNode*& slot, const omi_BtreeNode* other) {
-    slot = child.head;
-    int depth = 0;
-    int difference = child.height;
-    if (__builtin_expect(other != nullptr, 1)) {
-        depth = std::max(child.height, other->m_maxDepth) + 1;
-        difference -= other->m_maxDepth;
-    } else if (child.head != nullptr) {
-        depth = child.height + 1;
-    }
-    m_maxDepth = depth;
-    if (__builtin_expect(difference > 1 || difference < -1, 0)) {
-        omi_BtreeNode* const head = Balance();
-        return {head, head->m_maxDepth};
-    }
-    return {this, depth};
-}
-
-// Takes this node's children away and returns the subtree that stands in for this node: the only
-// child, or with two the leftmost node of the right subtree put at the head of both. Only that node
-// and the one it hung from get fresh depths; those between keep theirs, even where too large.
-template <class K, class V>
-omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::DetachReplacement() {
-    omi_BtreeNode* replacement = m_right;
-    if (replacement == nullptr) {
-        replacement = m_left;
-    } else if (m_left != nullptr) {
-        omi_BtreeNode* above = this;
-        while (replacement->m_left != nullptr) {
-            above = replacement;
-            replacement = replacement->m_left;
-        }
-        if (above != this) {
-            above->m_left = replacement->m_right;
-            replacement->m_right = m_right;
-            above->SetMaxDepth();
-        }
-        replacement->m_left = m_left;
-        replacement->SetMaxDepth();
-    }
-    m_left = nullptr;
-    m_right = nullptr;
-    return replacement;
 }
 
 template <class K, class V>
@@ -440,27 +375,32 @@ omi_Btree<K, V>::~omi_Btree() {
 
 template <class K, class V>
 bool omi_Btree<K, V>::Insert(const K& key, const V& value) {
-    const bool added = Node::InsertAt(m_root, key, value);
+    const bool added = omi_BtreeInsertAt(m_root, key, value);
     m_size += added ? 1 : 0;
     return added;
 }
 
 template <class K, class V>
 bool omi_Btree<K, V>::Remove(const K& key) {
-    const bool removed = Node::RemoveAt(m_root, key);
+    const bool removed = omi_BtreeRemoveAt(m_root, key);
     m_size -= removed ? 1 : 0;
     return removed;
 }
 
 template <class K, class V>
+inline bool omi_Btree<K, V>::IsMember(const K& key) const {
+    return omi_BtreeFind(m_root, key) != nullptr;
+}
+
+template <class K, class V>
 V& omi_Btree<K, V>::Get(const K& key) {
-    Node* const node = Find(key);
+    Node* const node = omi_BtreeFind(m_root, key);
     return node == nullptr ? m_nullValue : node->m_value;
 }
 
 template <class K, class V>
 const V& omi_Btree<K, V>::ConstGet(const K& key) const {
-    const Node* const node = Find(key);
+    const Node* const node = omi_BtreeFind(m_root, key);
     return node == nullptr ? m_nullValue : node->m_value;
 }
 

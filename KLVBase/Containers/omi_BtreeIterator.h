@@ -64,49 +64,68 @@ public:
     void Pop();
     void ClearStack();
 
-private:
-    using Node = omi_BtreeNode<K, V>;
-    using Link = omi_BtreeNodeLink<K, V>;
-    using Child = Node* Node::*;  // m_left or m_right: a walk and its mirror image share their code
-
-    void Descend(Node* node, Child child);
-    void Step(Child ahead, Child behind);
-
+    // Readable like the map's fields; changed by the operations above only.
     const omi_Btree<K, V>* m_tree;
-    Link* m_top = nullptr;  // owned, with all links below
+    omi_BtreeNodeLink<K, V>* m_top = nullptr;  // owned, with all links below
 };
+
+// What a walk and its mirror image share, beside the class for the same reason as the map's steps.
+
+// Pushes `node` and then child after child until there is none.
+template <class Iterator, class Node>
+void omi_BtreeDescend(Iterator& position, Node* node, Node* Node::*child) {
+    for (; node != nullptr; node = node->*child) {
+        position.Push(node);
+    }
+}
+
+// Moves to the neighbour on the `ahead` side: the nearest node of the subtree there or, without
+// one, the first node on the way up that was not reached from its `ahead` side.
+template <class Iterator, class Node>
+void omi_BtreeStep(Iterator& position, Node* Node::*ahead, Node* Node::*behind) {
+    Node* node = position.m_top->Node();
+    if (node->*ahead != nullptr) {
+        omi_BtreeDescend(position, node->*ahead, behind);
+        return;
+    }
+    position.Pop();
+    while (position.m_top != nullptr && position.m_top->Node()->*ahead == node) {
+        node = position.m_top->Node();
+        position.Pop();
+    }
+}
 
 template <class K, class V>
 void omi_BtreeIterator<K, V>::First() {
     ClearStack();
-    Descend(m_tree->m_root, &Node::m_left);
+    omi_BtreeDescend(*this, m_tree->m_root, &omi_BtreeNode<K, V>::m_left);
 }
 
 template <class K, class V>
 void omi_BtreeIterator<K, V>::Last() {
     ClearStack();
-    Descend(m_tree->m_root, &Node::m_right);
+    omi_BtreeDescend(*this, m_tree->m_root, &omi_BtreeNode<K, V>::m_right);
 }
 
 template <class K, class V>
 void omi_BtreeIterator<K, V>::Next() {
-    Step(&Node::m_right, &Node::m_left);
+    omi_BtreeStep(*this, &omi_BtreeNode<K, V>::m_right, &omi_BtreeNode<K, V>::m_left);
 }
 
 template <class K, class V>
 void omi_BtreeIterator<K, V>::Previous() {
-    Step(&Node::m_left, &Node::m_right);
+    omi_BtreeStep(*this, &omi_BtreeNode<K, V>::m_left, &omi_BtreeNode<K, V>::m_right);
 }
 
 template <class K, class V>
-void omi_BtreeIterator<K, V>::Push(Node* node) {
-    m_top = new Link(node, m_top);
+void omi_BtreeIterator<K, V>::Push(omi_BtreeNode<K, V>* node) {
+    m_top = new omi_BtreeNodeLink<K, V>(node, m_top);
 }
 
 template <class K, class V>
 void omi_BtreeIterator<K, V>::Pop() {
     if (m_top != nullptr) {
-        Link* const old = m_top;
+        omi_BtreeNodeLink<K, V>* const old = m_top;
         m_top = old->Next();
         delete old;
     }
@@ -115,30 +134,6 @@ void omi_BtreeIterator<K, V>::Pop() {
 template <class K, class V>
 void omi_BtreeIterator<K, V>::ClearStack() {
     while (m_top != nullptr) {
-        Pop();
-    }
-}
-
-// Pushes `node` and then child after child until there is none.
-template <class K, class V>
-void omi_BtreeIterator<K, V>::Descend(Node* node, Child child) {
-    for (; node != nullptr; node = node->*child) {
-        Push(node);
-    }
-}
-
-// Moves to the neighbour on the `ahead` side: the nearest node of the subtree there or, without
-// one, the first node on the way up that was not reached from its `ahead` side.
-template <class K, class V>
-void omi_BtreeIterator<K, V>::Step(Child ahead, Child behind) {
-    Node* node = m_top->Node();
-    if (node->*ahead != nullptr) {
-        Descend(node->*ahead, behind);
-        return;
-    }
-    Pop();
-    while (m_top != nullptr && m_top->Node()->*ahead == node) {
-        node = m_top->Node();
         Pop();
     }
 }

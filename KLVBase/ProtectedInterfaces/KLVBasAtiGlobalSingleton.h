@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <new>
 
 #include "KLVBasAtiMutex.h"
@@ -118,7 +119,11 @@ KLVBasAtiGlobalSingleton<T>::KLVBasAtiGlobalSingleton() {
     }
     const KLVBasAtiGlobalSingletonLock<T> lock;
     Assert(m_instance == nullptr, "AssertionFailed:m_instance == 0", 17);
-    m_instance = static_cast<T*>(this);
+    // Where the object begins that this is the base of, told from where this base lies in any T: the
+    // object itself does not exist yet, and a cast to it would use it as if it did.
+    T* const any = reinterpret_cast<T*>(alignof(T));
+    const auto base = reinterpret_cast<std::uintptr_t>(static_cast<KLVBasAtiGlobalSingleton*>(any));
+    m_instance = reinterpret_cast<T*>(reinterpret_cast<std::uintptr_t>(this) - base + alignof(T));
 }
 
 // The reported lines are numbers that tools look for; they do not follow this file.

@@ -12,6 +12,8 @@ public:
     // Waits without limit until the mutex is free, and takes it.
     virtual void Lock() = 0;
 
+    // Hands the mutex over or leaves it free. The thread that gets it next may destroy it at once,
+    // even before this call has returned.
     // Requires: the calling thread holds the mutex.
     virtual void Unlock() = 0;
 };

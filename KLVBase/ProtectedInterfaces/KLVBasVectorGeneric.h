@@ -36,7 +36,7 @@ KLVBASE_EXPORT void KLVBasStandardDestroy(void* element) {
 // that copy and destroy one. Elements lie one behind the other and move when the array grows.
 //
 // std::bad_alloc, or an exception of an element's copy, passes through and leaves the array as it
-// was. No lock: one thread at a time.
+// was, but for Erase. No lock: one thread at a time.
 class KLVBASE_EXPORT KLVBasVectorGeneric {
 public:
     // An empty array of elements of `elementSize` bytes. A null `destroy` says that they are plain
@@ -53,8 +53,9 @@ public:
     // Appends a copy of the element; it may be one of this array's own.
     void PushBack(const void* element);
 
-    // Removes the element at `position` and moves the later ones down. A position that is not in
-    // the array, -1 among them, erases nothing.
+    // Removes the element at `position` and moves the later ones down; allocates nothing. A position
+    // that is not in the array, -1 among them, erases nothing. Should copying a later element throw,
+    // that one and those behind it are destroyed, too, and the array ends before them.
     void Erase(int position);
 
     // Destroys all elements and keeps the memory for the next ones.
@@ -73,7 +74,9 @@ public:
 
 private:
     void Reserve(std::size_t capacity);
-    void AppendAll(const KLVBasVectorGeneric& other, std::size_t begin, std::size_t end);
+    void AppendAll(const KLVBasVectorGeneric& other);
+    void MoveDown(std::size_t gap);
+    void DestroyFrom(std::size_t position) noexcept;
     void Swap(KLVBasVectorGeneric& other) noexcept;
 
     std::size_t m_elementSize;

@@ -1,5 +1,6 @@
 #include "KLVBasVector.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -10,7 +11,7 @@ KLVBasVectorGeneric::KLVBasVectorGeneric(const KLVBasVectorGeneric& other)
     // The delegated constructor has run: should a copy throw, the destructor tidies up.
     if (other.m_size != 0) {
         Reserve(other.m_size);
-        AppendAll(other, 0, other.m_size);
+        AppendAll(other);
     }
 }
 
@@ -33,7 +34,7 @@ void KLVBasVectorGeneric::PushBack(const void* element) {
     }
     KLVBasVectorGeneric grown(m_elementSize, m_copy, m_destroy);
     grown.Reserve(m_capacity == 0 ? 4 : m_capacity * 2);
-    grown.AppendAll(*this, 0, m_size);
+    grown.AppendAll(*this);
     m_copy(grown.At(m_size), element);  // before the old storage goes: the element may lie in it
     ++grown.m_size;
     Swap(grown);
@@ -46,23 +47,37 @@ void KLVBasVectorGeneric::Erase(int position) {
     }
     if (m_destroy == nullptr) {
         std::memmove(At(index), At(index) + m_elementSize, (m_size - index - 1) * m_elementSize);
-        --m_size;
-        return;
+    } else {
+        MoveDown(index);
     }
-    KLVBasVectorGeneric shorter(m_elementSize, m_copy, m_destroy);
-    shorter.Reserve(m_capacity);
-    shorter.AppendAll(*this, 0, index);
-    shorter.AppendAll(*this, index + 1, m_size);
-    Swap(shorter);
+    --m_size;
+}
+
+// Destroys the element at `gap` and moves the later ones down. A copy that throws leaves a gap that
+// only the elements behind it could fill: they go, and those before it stay.
+void KLVBasVectorGeneric::MoveDown(std::size_t gap) {
+    m_destroy(At(gap));
+    try {
+        for (; gap + 1 < m_size; ++gap) {
+            m_copy(At(gap), At(gap + 1));
+            m_destroy(At(gap + 1));
+        }
+    } catch (...) {
+        DestroyFrom(gap + 1);
+        m_size = gap;
+        throw;
+    }
 }
 
 void KLVBasVectorGeneric::Clear() noexcept {
-    if (m_destroy != nullptr) {
-        for (std::size_t i = 0; i < m_size; ++i) {
-            m_destroy(At(i));
-        }
-    }
+    DestroyFrom(0);
     m_size = 0;
+}
+
+void KLVBasVectorGeneric::DestroyFrom(std::size_t position) noexcept {
+    for (; m_destroy != nullptr && position < m_size; ++position) {
+        m_destroy(At(position));
+    }
 }
 
 // Requires: the array is empty.
@@ -71,18 +86,16 @@ void KLVBasVectorGeneric::Reserve(std::size_t capacity) {
     m_capacity = capacity;
 }
 
-void KLVBasVectorGeneric::AppendAll(const KLVBasVectorGeneric& other, std::size_t begin,
-                                    std::size_t end) {
-    if (begin == end) {
+// Requires: there is room for the elements of `other`.
+void KLVBasVectorGeneric::AppendAll(const KLVBasVectorGeneric& other) {
+    if (m_destroy == nullptr) {
+        std::copy_n(other.m_elements, other.m_size * m_elementSize, At(m_size));
+        m_size += other.m_size;
         return;
     }
-    if (m_destroy == nullptr && m_size + (end - begin) <= m_capacity) {
-        std::memcpy(At(m_size), other.At(begin), (end - begin) * m_elementSize);
-        m_size += end - begin;
-        return;
-    }
-    for (std::size_t i = begin; i < end; ++i) {
-        PushBack(other.At(i));
+    for (std::size_t i = 0; i < other.m_size; ++i) {
+        m_copy(At(m_size), other.At(i));
+        ++m_size;
     }
 }
 
