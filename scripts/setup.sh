@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the commands: installs Debian packages that are missing, and tells where builds go.
 
 # Builds go into folders of their own below this one. A tree that cannot be written to is built
@@ -37,7 +38,8 @@ run_logged() {  # LOG COMMAND...
     local status=${PIPESTATUS[0]}
     printf '\r\033[K'
   else
-    "$@" >>"$log" 2>&1 && local status=0 || local status=$?
+    local status=0
+    "$@" >>"$log" 2>&1 || status=$?
   fi
   [ "$status" -eq 0 ] || { cat "$log" >&2; return "$status"; }
 }
@@ -59,7 +61,7 @@ is_there() {  # PACKAGE
     graphviz) command -v dot ;;
     libbenchmark-dev) has_header benchmark/benchmark.h ;;
     libboost-dev) has_header boost/asio.hpp ;;
-    libc++-dev) has_header __config -stdlib=libc++ ;;
+    libc++-dev) CXX=clang++ has_header __config -stdlib=libc++ ;;
     libgtest-dev) has_header gtest/gtest.h ;;
     libnng-dev) has_header nng/nng.h ;;
     libzmq3-dev) has_header zmq.h ;;
