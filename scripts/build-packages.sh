@@ -29,11 +29,7 @@ source=$folder/klvmsgcommmodules-$version
 mkdir "$source"
 rm -rf "$build"
 mkdir -p "$build"
-if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
-  git ls-files -z --cached --others --exclude-standard
-else
-  find . -path ./build -prune -o -type f -print0
-fi | xargs -0 cp --parents -t "$source"
+copy_tree "$root" "$source"
 debian=$source/debian
 mv "$source/packaging/debian" "$debian"
 

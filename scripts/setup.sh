@@ -44,6 +44,18 @@ run_logged() {  # LOG COMMAND...
   [ "$status" -eq 0 ] || { cat "$log" >&2; return "$status"; }
 }
 
+# Copies the source tree without what git ignores.
+copy_tree() {  # SOURCE DESTINATION
+  (
+    cd "$1" || return
+    if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+      git ls-files -z --cached --others --exclude-standard
+    else
+      find . -path ./build -prune -o -type f -print0
+    fi | xargs -0 cp --parents -t "$2"
+  )
+}
+
 has_header() {  # HEADER [OPTION...]
   echo "#include <$1>" | "${CXX:-c++}" "${@:2}" -x c++ -E - >/dev/null 2>&1
 }
