@@ -67,13 +67,14 @@ write_copyright() {
 }
 
 # Weak symbols come from templates and inline functions: it is the compiler's choice which of them there
-# are. All have been there since the first version.
+# are. A symbol has the version that brought it, or has been there from the first one.
 write_symbols() {
   local library
   for library in KLVBase KLVMsgCommModules; do
     echo "lib$library.so.${version%%.*} libklvmsgcommmodules${version%%.*} #MINVER#"
     echo "* Build-Depends-Package: libklvmsgcommmodules-dev"
-    awk '{ print " " ($2 ~ /^[TBDR]$/ ? "" : "(optional)") $1 "@Base 1.0.0" }' "abi/$library.symbols"
+    awk '{ print " " ($2 ~ /^[TBDR]$/ ? "" : "(optional)") $1 "@Base " ($3 == "" ? "1.0.0" : $3) }' \
+      "abi/$library.symbols"
   done >"$debian/libklvmsgcommmodules${version%%.*}.symbols"
 }
 

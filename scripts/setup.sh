@@ -71,6 +71,7 @@ is_there() {  # PACKAGE
     g++) command -v "${CXX:-c++}" ;;
     gnuplot-nox) command -v gnuplot ;;
     graphviz) command -v dot ;;
+    iproute2) command -v ip ;;
     libbenchmark-dev) has_header benchmark/benchmark.h ;;
     libboost-dev) has_header boost/asio.hpp ;;
     libc++-dev) CXX=clang++ has_header __config -stdlib=libc++ ;;
