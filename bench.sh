@@ -2,10 +2,11 @@
 # Sets up, builds and runs all benchmarks, and prints what they found beside what they must reach.
 # bench.sh [--output FILE.json] [--document]: --document puts table and plots into docs/ as well.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)
 . "$root/scripts/setup.sh"
 
-output=$root/build/bench/results.json
+build=$(build_root "$root")/bench
+output=$build/results.json
 document=
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -14,12 +15,12 @@ while [ $# -gt 0 ]; do
     *) echo "usage: bench.sh [--output FILE.json] [--document]" >&2; exit 2 ;;
   esac
 done
-need_packages cmake g++ make libbenchmark-dev libzmq3-dev libnng-dev libboost-dev \
-  gnuplot-nox python3 valgrind
+need_packages cmake g++ make libbenchmark-dev gnuplot-nox python3 valgrind \
+  -- libboost-dev libnng-dev libzmq3-dev
 
-build=$root/build/bench
+prepare_build "$build" "$root"
 mkdir -p "$build/json"
-echo "== Building in build/bench"
+echo "== Building in $build"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DKLVMSG_BUILD_TESTS=OFF \
   -DKLVMSG_BUILD_EXAMPLES=OFF -DKLVMSG_INSTALL=OFF | grep -i "left out" || true
 cmake --build "$build" --parallel "$(nproc)" >"$build/build.log" 2>&1 ||

@@ -1,38 +1,52 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs the main job: a hub and several clients exchange files as messages.
-# Arguments are passed on to the exchange program, see ./demo.sh --help.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)
 . "$root/scripts/setup.sh"
+build=$(build_root "$root")/demo
+program=$build/examples/exchange/exchange
 
-# True when the arguments, options with a value each, name no file and do not ask for help.
-without_files() {
-  while [ $# -gt 0 ]; do
-    case "$1" in
-      --help | -h) return 1 ;;
-      --*=*) shift ;;
-      --*) shift; shift || true ;;
-      *) return 1 ;;
-    esac
-  done
+print_help() {
+  cat <<EOF
+usage: demo.sh [OPTION]... [--] [FILE]...
+
+Installs what is missing, builds the exchange example, and runs it with these arguments. Without a
+FILE it sends some files of this repository and of the system. The example is built in
+$build,
+or below the folder that the variable KLVMSG_BUILD_DIR names.
+
+EOF
+  sed -n '/usage = R"(/,/^)";/{s/.*usage = R"(//;/^)";/d;p;}' "$root/examples/exchange/main.cpp"
 }
 
+# Whether the arguments name a file. The program's help tells its options, and which have a value.
+names_files() {
+  local options parsed
+  options=$("$program" --help |
+    sed -nE 's/^ +(-., )?--([a-z-]+) [A-Z].*/\2:/p; t; s/^ +(-., )?--([a-z-]+).*/\2/p' | paste -sd,)
+  parsed=$(getopt --options h --longoptions "$options" -- "$@" 2>/dev/null) || return 0
+  [ "${parsed% --}" = "$parsed" ]
+}
+
+for argument in "$@"; do
+  case $argument in
+    --) break ;;
+    --help | -h) print_help; exit ;;
+  esac
+done
+
 need_packages cmake g++ make
+prepare_build "$build" "$root"
+echo "== Building the exchange example in $build (a minute or so the first time)"
+: >"$build/build.log"
+run_logged "$build/build.log" cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release \
+  -DKLVMSG_BUILD_TESTS=OFF -DKLVMSG_BUILD_BENCHMARKS=OFF -DKLVMSG_INSTALL=OFF
+run_logged "$build/build.log" cmake --build "$build" --parallel "$(nproc)" --target exchange
 
-build=$root/build/demo
-log=$build/build.log
-mkdir -p "$build"
-echo "== Building the exchange example in build/demo"
-{
-  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release \
-    -DKLVMSG_BUILD_TESTS=OFF -DKLVMSG_BUILD_BENCHMARKS=OFF -DKLVMSG_INSTALL=OFF &&
-    cmake --build "$build" --parallel "$(nproc)" --target exchange
-} >"$log" 2>&1 || { cat "$log" >&2; exit 1; }
-
-if without_files "$@"; then
+if ! names_files "$@"; then
   echo "== No files given: sending some of this repository and of the system"
   set -- "$@" "$root/README.md" "$root/CMakeLists.txt" "$build/libKLVMsgCommModules.so" \
     /etc/passwd /bin/bash
 fi
 echo "== Running: exchange $*"
-exec "$build/examples/exchange/exchange" "$@"
+exec "$program" "$@"

@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # Sets up, builds and passes the tests. Arguments are passed on to ctest.
 set -euo pipefail
-root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)
 . "$root/scripts/setup.sh"
 
-need_packages cmake g++ make libgtest-dev libbenchmark-dev pkg-config tshark python3
+need_packages cmake g++ make libgtest-dev -- libbenchmark-dev pkg-config python3 tshark
 
+build=$(build_root "$root")/release
+prepare_build "$build" "$root"
 cd "$root"
-echo "== Building in build/release"
-cmake --preset release
-cmake --build --preset release --parallel "$(nproc)"
+echo "== Building in $build"
+cmake --preset release -B "$build"
+cmake --build "$build" --parallel "$(nproc)"
 echo "== Running the tests"
-ctest --preset release --parallel "$(nproc)" "$@"
+ctest --test-dir "$build" --output-on-failure --parallel "$(nproc)" "$@"

@@ -1,4 +1,4 @@
-# What `cmake --install` puts where, the CMake package, the pkg-config file, and the Debian packages.
+# What `cmake --install` puts where: the libraries, what is needed to build with them, and the tools.
 include(CMakePackageConfigHelpers)
 
 set(include_dir ${CMAKE_INSTALL_INCLUDEDIR}/KLVMsgCommModules)
@@ -43,13 +43,31 @@ install(FILES ${PROJECT_BINARY_DIR}/KLVMsgCommModulesConfig.cmake
 install(EXPORT KLVMsgCommModulesTargets NAMESPACE KLVMsgCommModules::
   DESTINATION ${package_dir} COMPONENT development)
 
-# pkg-config KLVMsgCommModules: all its paths start from where the file itself stands.
-file(RELATIVE_PATH pc_to_include
-  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+# pkg-config KLVMsgCommModules: with the system's own prefix plain paths, otherwise such that start
+# from where the file itself stands, since that tree can be moved.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(pc_prefix /usr)
+  set(pc_libdir ${CMAKE_INSTALL_FULL_LIBDIR})
+  set(pc_includedir ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+else()
+  set(from ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
+  file(RELATIVE_PATH pc_prefix ${from} ${CMAKE_INSTALL_PREFIX})
+  file(RELATIVE_PATH pc_includedir ${from} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+  set(pc_prefix \${pcfiledir}/${pc_prefix})
+  set(pc_libdir \${pcfiledir}/..)
+  set(pc_includedir \${pcfiledir}/${pc_includedir})
+endif()
 configure_file(cmake/KLVMsgCommModules.pc.in ${PROJECT_BINARY_DIR}/KLVMsgCommModules.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/KLVMsgCommModules.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-if(PROJECT_IS_TOP_LEVEL)
-  include(cmake/KLVMsgPackages.cmake)
+# The command-line peer, and the dissector where a Wireshark of the same prefix looks for it.
+if(TARGET klvmsgcat)
+  file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(klvmsgcat PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
+  install(TARGETS klvmsgcat RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(FILES examples/klvmsgcat/klvmsgcat.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 endif()
+install(FILES tools/wireshark/klvmsg.lua
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT tools)

@@ -12,10 +12,14 @@ function(klvmsg_add_library name)
 
   add_library(${name} SHARED ${sources})
   add_library(KLVMsgCommModules::${name} ALIAS ${name})
+  # For those who use it the headers are the system's, as they are once installed: a warning that an
+  # application turns on is about the application.
   foreach(dir IN LISTS arg_HEADER_DIRS)
-    target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/${dir}>)
+    target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/${dir})
+    target_include_directories(${name} SYSTEM INTERFACE
+      $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/${dir}>)
   endforeach()
-  target_include_directories(${name} PUBLIC
+  target_include_directories(${name} SYSTEM INTERFACE
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/KLVMsgCommModules>)
   target_compile_features(${name} PUBLIC cxx_std_17)
   set_target_properties(${name} PROPERTIES

@@ -1,17 +1,100 @@
 #!/usr/bin/env bash
-# Makes the Debian packages in build/packages and has lintian check them; its errors fail.
+# Makes the Debian packages in build/packages and has lintian check them; its warnings fail.
+# build-packages.sh [--no-check]
+#
+# They are built from a copy of the tree, in which packaging/debian stands where Debian's tools look for
+# it, with what is made from other files: the changelog from CHANGELOG.md, the copyright from LICENSE, the
+# symbols from abi/. The same commit gives the same bytes, whatever the folder, the time and the umask.
 set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
+cd "$root"
 . scripts/setup.sh
-need_packages cmake g++ make dpkg-dev lintian
+umask 022
 
-build=build/packages
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-  -DKLVMSG_BUILD_TESTS=OFF -DKLVMSG_BUILD_EXAMPLES=OFF -DKLVMSG_BUILD_BENCHMARKS=OFF
-cmake --build "$build" --parallel "$(nproc)"
-rm -f "$build"/*.deb
-(cd "$build" && cpack)
+check=yes
+case "$*" in
+  "") ;;
+  --no-check) check=no ;;
+  *) echo "usage: build-packages.sh [--no-check]" >&2; exit 2 ;;
+esac
+need_packages cmake g++ make debhelper dpkg-dev
+[ $check = no ] || need_packages lintian
 
-lintian --allow-root --fail-on error --info "$build"/*.deb
-echo "lintian accepts:"
+version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+build=$(build_root "$root")/packages
+# Debian's tools leave the folder's path out of what they build only if it is a plain one.
+folder=$(mktemp -d /tmp/klvmsg-packages.XXXXXX)
+trap 'rm -rf "$folder"' EXIT
+source=$folder/klvmsgcommmodules-$version
+mkdir "$source"
+rm -rf "$build"
+mkdir -p "$build"
+copy_tree "$root" "$source"
+debian=$source/debian
+mv "$source/packaging/debian" "$debian"
+
+# "## VERSION (DATE)", and below it items that begin with "- ".
+write_changelog() {
+  awk -v maintainer="$(sed -n 's/^Maintainer: //p' "$debian/control")" '
+    function finish() {
+      if (date != "") {
+        command = "LC_ALL=C date --utc --date=" date " +\"%a, %d %b %Y %H:%M:%S +0000\""
+        command | getline stamp
+        printf "\n -- %s  %s\n\n", maintainer, stamp
+      }
+    }
+    /^## / {
+      finish()
+      date = substr($3, 2, length($3) - 2)
+      printf "klvmsgcommmodules (%s) unstable; urgency=medium\n\n", $2
+      next
+    }
+    date != "" && /^- / { print "  * " substr($0, 3) }
+    date != "" && /^  / { print "  " $0 }
+    END { finish() }' CHANGELOG.md >"$debian/changelog"
+}
+
+# The licence is what LICENSE says. Without that file nobody is given any right.
+write_copyright() {
+  if [ -f LICENSE ]; then
+    sed 's/@LICENSE@/LICENSE/' "$debian/copyright.in"
+    sed 's/^$/./; s/^/ /' LICENSE
+  else
+    sed 's/@LICENSE@/proprietary/' "$debian/copyright.in"
+    echo " All rights reserved by the authors."
+  fi >"$debian/copyright"
+  rm "$debian/copyright.in"
+}
+
+# Weak symbols come from templates and inline functions: it is the compiler's choice which of them there
+# are. A symbol has the version that brought it, or has been there from the first one.
+write_symbols() {
+  local library
+  for library in KLVBase KLVMsgCommModules; do
+    echo "lib$library.so.${version%%.*} libklvmsgcommmodules${version%%.*} #MINVER#"
+    echo "* Build-Depends-Package: libklvmsgcommmodules-dev"
+    awk '{ print " " ($2 ~ /^[TBDR]$/ ? "" : "(optional)") $1 "@Base " ($3 == "" ? "1.0.0" : $3) }' \
+      "abi/$library.symbols"
+  done >"$debian/libklvmsgcommmodules${version%%.*}.symbols"
+}
+
+write_changelog
+write_copyright
+write_symbols
+[ "$(dpkg-parsechangelog -l "$debian/changelog" -S Version)" = "$version" ] ||
+  { echo "CHANGELOG.md does not begin with version $version" >&2; exit 1; }
+SOURCE_DATE_EPOCH=$(dpkg-parsechangelog -l "$debian/changelog" -S Timestamp)
+export SOURCE_DATE_EPOCH
+find "$source" -exec touch -h -d "@$SOURCE_DATE_EPOCH" {} +
+
+echo "== Building the packages in $build"
+(cd "$source" && env -u CXX -u CXXFLAGS -u CMAKE_CXX_COMPILER_LAUNCHER \
+  dpkg-buildpackage --build=binary --no-sign --jobs="$(nproc)") \
+  >"$build/build.log" 2>&1 || { cat "$build/build.log" >&2; exit 1; }
+cp "$folder"/*.deb "$build"
+
+if [ $check = yes ]; then
+  lintian --allow-root --fail-on error,warning --info "$folder"/*.changes
+  echo "lintian accepts:"
+fi
 ls "$build"/*.deb

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Compares the binary interface with the baseline in abi/; with --accept, writes the baseline anew.
 #
-# For each library, abi/*.symbols lists what it exports and abi/*.abi describes the functions and the
+# For each library, abi/*.symbols lists what it exports, with the version that brought it where that is
+# not the first one, and abi/*.abi describes the functions and the
 # types that its public headers hand out. Every difference fails, growth included: a baseline that
 # lags behind would not notice when the addition goes away again.
 set -euo pipefail
@@ -55,8 +56,9 @@ check_names() {  # LIBRARY: nothing foreign is exported
 
 check_symbols() {  # LIBRARY
   local missing added
-  missing=$(LC_ALL=C comm -23 "abi/$1.symbols" "$build/$1.symbols" | c++filt)
-  added=$(LC_ALL=C comm -13 "abi/$1.symbols" "$build/$1.symbols" | c++filt)
+  cut -d ' ' -f 1,2 "abi/$1.symbols" >"$build/$1.accepted"
+  missing=$(LC_ALL=C comm -23 "$build/$1.accepted" "$build/$1.symbols" | c++filt)
+  added=$(LC_ALL=C comm -13 "$build/$1.accepted" "$build/$1.symbols" | c++filt)
   [ -z "$missing" ] || printf 'Symbols that lib%s no longer exports like this:\n%s\n' "$1" "$missing"
   [ -z "$added" ] || printf 'Symbols that lib%s newly exports:\n%s\n' "$1" "$added"
   [ -z "$missing$added" ]
@@ -64,6 +66,13 @@ check_symbols() {  # LIBRARY
 
 check_types() {  # LIBRARY
   abidiff --no-show-locs "abi/$1.abi" "$build/$1.abi"
+}
+
+with_versions() {  # LIBRARY: its symbols, each with the version that it came with
+  awk -v version="$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)" '
+    NR == FNR { since[$1] = $3 == "" ? "" : " " $3; next }
+    { print $0 ($1 in since ? since[$1] : version == "1.0.0" ? "" : " " version) }' \
+    "abi/$1.symbols" "$build/$1.symbols"
 }
 
 failed=no
@@ -74,9 +83,11 @@ done
 [ $failed = no ] || exit 1
 
 if [ $accept = yes ]; then
-  mkdir -p abi
+  mkdir -p abi && touch abi/{KLVBase,KLVMsgCommModules}.symbols
   for library in "${libraries[@]}"; do
-    cp "$build/$library.symbols" "$build/$library.abi" abi/
+    with_versions "$library" >"$build/$library.accepted"
+    mv "$build/$library.accepted" "abi/$library.symbols"
+    cp "$build/$library.abi" abi/
   done
   echo "The baseline in abi/ is now the interface as it stands; commit it with the change."
   exit

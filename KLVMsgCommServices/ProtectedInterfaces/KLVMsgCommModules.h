@@ -8,6 +8,10 @@
 // - Times are in milliseconds, sizes in bytes, error numbers are errno values.
 #pragma once
 
+#if __cplusplus < 201703L
+#error "KLVMsgCommModules needs C++17 or later: compile with -std=c++17"
+#endif
+
 #include "KLVBasAtiGlobalSingleton.h"
 #include "KLVBasAtiMutex.h"
 #include "KLVBasAtiThread.h"

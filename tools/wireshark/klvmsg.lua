@@ -144,7 +144,8 @@ end
 local function length_field(range, rule)
     if rule.width == 8 then
         local value = rule.big and range:uint64() or range:le_uint64()
-        return value > UInt64.new(0xffffffff) and math.huge or value:tonumber()
+        -- By way of its digits, since Lua 5.4 tells integers from other numbers and wants one here.
+        return value > UInt64.new(0xffffffff) and math.huge or tonumber(tostring(value))
     end
     return rule.big and range:uint() or range:le_uint()
 end
