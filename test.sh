@@ -4,7 +4,7 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 . "$root/scripts/setup.sh"
 
-need_packages cmake g++ make libgtest-dev libbenchmark-dev pkg-config tshark python3
+need_packages cmake g++ make libgtest-dev libbenchmark-dev pkg-config tshark python3 python3-pytest
 
 cd "$root"
 echo "== Building in build/release"
