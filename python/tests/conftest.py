@@ -29,7 +29,8 @@ class Program:
     def __init__(self, folder: pathlib.Path, arguments: List[str], stdin: Any = None,
                  stdout: Any = None) -> None:  # fmt: skip
         self.output = folder / f"output-{time.monotonic_ns()}"
-        environment = {**os.environ, "PYTHONPATH": str(SOURCES)}
+        path = os.pathsep.join(filter(None, (str(SOURCES), os.environ.get("PYTHONPATH"))))
+        environment = {**os.environ, "PYTHONPATH": path}
         with open(self.output, "wb") as out:
             self.process = subprocess.Popen(
                 arguments, stdin=stdin, stdout=stdout or out, stderr=subprocess.PIPE, env=environment

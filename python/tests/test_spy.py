@@ -8,6 +8,7 @@ import re
 import select
 import signal
 import socket
+import struct
 import threading
 import time
 from typing import Any, Tuple
@@ -63,6 +64,23 @@ def test_10000_messages_each_way_are_the_same_behind_it(start: Any, tmp_path: pa
     assert digest(line.split(" ")[2].encode() for line in output.splitlines()) == digest(answers)
     shown = lines(spy.end()[1])
     assert (shown.count("#1 > Answer "), shown.count("#1 < Line ")) == (count, count)
+
+
+@pytest.mark.parametrize("through_spy", [False, True])
+def test_no_header_is_cut_by_the_end_of_a_segment(
+    start: Any, listener: socket.socket, through_spy: bool
+) -> None:
+    """Not even when a receiver is slow and messages wait: each segment begins with a message."""
+    port = listener.getsockname()[1]
+    if through_spy:
+        port = start("klvmsg", "spy", "-l", 0, "-c", f"127.0.0.1:{port}", "-n", 1).port()
+    with klvmsg.connect("127.0.0.1", port) as peer, answer(listener) as slow:
+        with pytest.raises(klvmsg.TimedOut):
+            for count in range(10_000_000):
+                peer.send("Note", b"1234567", timeout=0.3)
+        received = len(read_all(slow, count * 19))
+        largest = received / struct.unpack_from("I", slow.getsockopt(6, socket.TCP_INFO, 160), 152)[0]
+    assert largest < 536, "on average, and a smaller one holds every header that begins in it"
 
 
 def test_no_byte_changes_when_the_rule_is_wrong(start: Any, listener: socket.socket) -> None:
