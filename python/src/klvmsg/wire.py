@@ -18,6 +18,7 @@ from .rules import Bytes, Rule, Rules
 
 MAX_NAME = 255
 MAX_BODY = 64 * 1024 * 1024
+_SHOWN = 16  # bytes of what cannot be a header
 
 
 def to_name(name: Bytes) -> str:
@@ -54,8 +55,9 @@ class Decoder:
     """
 
     def __init__(self, rules: Rules, keep_bodies: bool, max_body: int = MAX_BODY) -> None:
-        self.lost: Optional[str] = None  # why the stream is out of step
+        self.lost: Optional[str] = None  # why the stream is out of step, and the bytes there
         self.starts: List[int] = []  # where in the last piece messages began
+        self._why = ""  # the short form of `lost`
         self._rules = rules
         self._keep = keep_bodies
         self._max_body = max_body
@@ -74,7 +76,7 @@ class Decoder:
         found: List[Found] = []
         self.starts = []
         position = 0
-        while position < len(data) and self.lost is None:
+        while position < len(data) and not self._why:
             if not self._head:
                 self.starts.append(position)
             count = min(self._missing or self._needed - len(self._head), len(data) - position)
@@ -90,6 +92,10 @@ class Decoder:
                     continue
             if not self._missing:
                 found.append(self._finish())
+        if self.lost is None and self._why:
+            shown = bytes(self._head[:_SHOWN]) + bytes(data[position : position + _SHOWN])
+            after = f"after {self._last}" if self._last else "at the start"
+            self.lost = f"{self._why} ({shown[:_SHOWN].hex(' ')}), {after}"
         return found
 
     @property
@@ -139,8 +145,7 @@ class Decoder:
         return True
 
     def _lose(self, why: str) -> bool:
-        after = f", after {self._last}" if self._last else ", at the start"
-        self.lost = f"{why} ({self._head[:16].hex(' ')}){after}"
+        self._why = why
         return False
 
     def _finish(self) -> Found:
