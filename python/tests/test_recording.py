@@ -8,7 +8,7 @@ import time
 from typing import Any, List
 
 import pytest
-from conftest import LIMIT, answer, dial, framed, message, read_all
+from conftest import LIMIT, answer, dial, framed, message, read_all, reset
 
 EXCHANGE = ("Hello=length(0,8,little,8); Chunk=length(8,8,little); Receipt=8; Report=32;"
             "Farewell=length(0,8,little)")  # fmt: skip
@@ -143,6 +143,13 @@ def test_failures_have_codes_and_words(
         read_all(sock, 100)  # and closes with the rest unread
     code, _, errors = player.end()
     assert code == 4 and ("not everything may have been read" in errors or "has gone" in errors)
+    small = write_recording(tmp_path / "small", (0, 1, "to-server", "A", b""))
+    player = start("klvmsg", "replay", small, "-c", at)
+    sock = answer(listener)
+    read_all(sock)
+    reset(sock)
+    code, _, errors = player.end()
+    assert code == 4 and "not everything may have been read" in errors
     code, errors = outcome("replay", cut, "-c", at)
     assert code == 3 and "line 2" in errors
     assert outcome("replay", good, "-c", at, "--timeout", 0.2)[0] == 6  # nobody reads it
