@@ -47,7 +47,7 @@ def test_what_is_not_drawn_is_said(start: Any, recording: pathlib.Path, tmp_path
     out = tmp_path / "out.svg"
     assert start("klvmsg", "chart", recording, "--svg", out, "--rows", 2).end()[0] == 0
     drawn = texts(out.read_text())
-    assert any(text.startswith("1,001 later messages not drawn") for text in drawn), drawn
+    assert any(text.startswith("1,002 later events not drawn") for text in drawn), drawn
     assert start("klvmsg", "chart", recording, "--svg", out, "-t", "Many").end()[0] == 0
     drawn = texts(out.read_text())
     assert "Ask  4 B" not in drawn and any(text.startswith("Many") for text in drawn)

@@ -1,5 +1,6 @@
 """What stands between two programs passes on every byte, and says what it saw."""
 
+import fcntl
 import hashlib
 import os
 import pathlib
@@ -9,6 +10,7 @@ import select
 import signal
 import socket
 import struct
+import termios
 import threading
 import time
 from typing import Any, Tuple
@@ -131,7 +133,8 @@ def test_a_reset_is_passed_on_after_what_came_before_it(
 ) -> None:
     spy, client, server = between(start, listener)
     client.sendall(message(b"Note", framed(bytes(500_000))) + message(b"Note", framed(b"xyz"))[:-1])
-    time.sleep(0.2)  # what has not left the client would be lost without spy too
+    while fcntl.ioctl(client, termios.TIOCOUTQ, bytes(4)) != bytes(4):
+        time.sleep(0.01)  # what has not left the client would be lost without spy too
     reset(client)
     received = b""
     with pytest.raises(ConnectionResetError):
@@ -199,9 +202,10 @@ def test_the_live_table_counts(start: Any, listener: socket.socket) -> None:
     spy = start("klvmsg", "spy", "--top", "-l", 0, "-c", f"127.0.0.1:{port}", stdout=terminal)
     os.close(terminal)
     client, server = dial(spy.port()), answer(listener)
-    client.sendall(message(b"No\x1bte[b]", framed(bytes(96))) * 1234)
+    wire = message(b"No\x1bte[b]", framed(bytes(96))) * 1234
+    client.sendall(wire)
     server.sendall(message(b"Back", framed(b"")))
-    read_all(client, 12)
+    read_all(server, len(wire)), read_all(client, 12)
     time.sleep(1)
     spy.process.send_signal(signal.SIGTERM)
     picture = b""

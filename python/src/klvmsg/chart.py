@@ -18,7 +18,7 @@ from .text import plural, printable, size
 
 _LANES = 40  # processes that are drawn
 _SILENCE = 1.0  # seconds without a message that are worth a row
-_LONGEST_NAME = 40  # characters of a type in a drawing
+_LONGEST_NAME = 22  # characters of a type in a drawing
 _BINS = (10, 120)  # fewest and most in a plot of rates
 _NOTICES = 50  # in the page
 _COLOURED = 9  # types with a colour of their own
@@ -60,7 +60,7 @@ class Story:
         """`rows`: at most so many are drawn."""
         self._limit = rows
         self.rows: List[Row] = []
-        self.left_out = 0  # messages beyond the last row
+        self.left_out = 0  # messages and other events beyond the last row
         self.kinds: Dict[Tuple[str, str], Kind] = {}  # by type and direction
         self.start: Optional[float] = None
         self.end = 0.0  # seconds from the start
@@ -101,8 +101,7 @@ class Story:
             self.server = server or self.server
         elif event.is_notable():
             self.notices.append(Row(event, seconds))
-            if len(self.rows) < self._limit and not self.left_out:
-                self.rows.append(self.notices[-1])
+            self._add_row(self.notices[-1])
 
     def _add(self, event: Event, seconds: float) -> None:
         self.names.setdefault(event.connection, "client")
@@ -110,10 +109,13 @@ class Story:
         kind.times.append(seconds)
         kind.lengths.append(event.length)
         if self.left_out or not (self.rows and self.rows[-1].add(event, seconds)):
-            if self.left_out or len(self.rows) >= self._limit:
-                self.left_out += 1
-            else:
-                self.rows.append(Row(event, seconds))
+            self._add_row(Row(event, seconds))
+
+    def _add_row(self, row: Row) -> None:
+        if len(self.rows) < self._limit:
+            self.rows.append(row)
+        else:
+            self.left_out += 1
 
 
 # The messages between the processes ---------------------------------------------------------------
@@ -160,7 +162,7 @@ def _with_silences(rows: List[Row]) -> List[Union[Row, float]]:
 def _remarks(story: Story, lanes: Dict[int, float]) -> List[str]:
     remarks = []
     if story.left_out:
-        remarks.append(f"{plural(story.left_out, 'later message')} not drawn: choose with --rows, "
+        remarks.append(f"{plural(story.left_out, 'later event')} not drawn: choose with --rows, "
                        "--type, --direction, --connection, --after, --before")  # fmt: skip
     others = {row.event.connection for row in story.rows} - set(lanes)
     if others:
@@ -273,8 +275,10 @@ _PAGE = """<!DOCTYPE html>
 body {{ font: 15px/1.5 "DejaVu Sans", Verdana, sans-serif; margin: 2em auto; max-width: 75em;
   padding: 0 1em; color: #222; background: #fff; }}
 table {{ border-collapse: collapse; }}
-th, td {{ text-align: right; padding: 0.2em 0.8em; border-bottom: 1px solid #ddd; }}
-th:first-child, td:first-child {{ text-align: left; overflow-wrap: anywhere; }}
+th, td {{ text-align: right; padding: 0.2em 0.8em; border-bottom: 1px solid #ddd;
+  white-space: nowrap; }}
+th:first-child, td:first-child {{ text-align: left; overflow-wrap: anywhere;
+  white-space: normal; }}
 .notice {{ color: #c00000; }}
 .drawing {{ overflow-x: auto; }}
 .rates svg {{ max-width: 100%; height: auto; }}

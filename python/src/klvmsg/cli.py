@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import os
 import signal
 import socket
 import sys
@@ -273,7 +274,9 @@ def _spy(options: argparse.Namespace) -> int:
     entrance = _listen(options)
     printer = Printer(options.bodies)
     _relay(options, entrance, printer.observe, options.bodies > 0)
-    printer.close()
+    if not printer.close():
+        complain("the last lines are not printed: the output takes none")
+        os._exit(DONE)  # Python's own end would wait for the output
     return DONE
 
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import sys
 import threading
 from typing import BinaryIO, List, Tuple
@@ -23,6 +24,7 @@ class Printer:
         self._body_bytes = body_bytes
         self._waiting: List[Event] = []
         self._left_out = 0
+        self._printed = 0
         self._over = False
         self._change = threading.Condition()
         self._thread = threading.Thread(target=self._print, daemon=True)
@@ -37,12 +39,16 @@ class Printer:
             self._left_out += max(0, len(events) - room)
             self._change.notify()
 
-    def close(self) -> None:
-        """Prints what waits, for as long as the output takes it within two seconds."""
+    def close(self) -> bool:
+        """Prints what waits; False when the output has taken nothing for two seconds."""
         with self._change:
             self._over = True
             self._change.notify()
-        self._thread.join(2)
+        before = -1
+        while self._thread.is_alive() and self._printed != before:
+            before = self._printed
+            self._thread.join(2)
+        return not self._thread.is_alive()
 
     def _print(self) -> None:
         try:
@@ -50,6 +56,7 @@ class Printer:
                 events, left_out, over = self._next()
                 for event in events:
                     sys.stdout.write(describe(event, self._body_bytes) + "\n")
+                    self._printed += 1
                 if left_out:
                     sys.stdout.write(f"-- {left_out} lines left out: the output was too slow\n")
                 sys.stdout.flush()
@@ -57,6 +64,7 @@ class Printer:
                     return
         except OSError as error:  # nobody reads any more
             complain(f"no more lines are printed, bytes are passed on: {error.strerror}")
+            os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # for Python's own flush
             while not self._next()[2]:
                 pass
 
