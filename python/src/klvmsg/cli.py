@@ -246,11 +246,11 @@ def _add_chart(commands: _Commands[argparse.ArgumentParser]) -> None:
 
 def _relay(
     options: argparse.Namespace, entrance: socket.socket, observe: Callable[[List[Event]], None],
-    keep_bodies: bool,
+    keep: int,
 ) -> None:  # fmt: skip
     relay = Relay(
         entrance, options.connect, options.rules, observe,
-        keep_bodies=keep_bodies, max_body=options.max_body,
+        keep=keep, max_body=options.max_body,
     )  # fmt: skip
     try:
         relay.run(options.connections)
@@ -273,7 +273,7 @@ def _spy(options: argparse.Namespace) -> int:
         return _top(options)
     entrance = _listen(options)
     printer = Printer(options.bodies)
-    _relay(options, entrance, printer.observe, options.bodies > 0)
+    _relay(options, entrance, printer.observe, options.bodies)
     if not printer.close():
         complain("the last lines are not printed: the output takes none")
         os._exit(DONE)  # Python's own end would wait for the output
@@ -290,7 +290,7 @@ def _top(options: argparse.Namespace) -> int:
     entrance = _listen(options)
     here, there = show_address(entrance.getsockname()), show_address(options.connect)
     top = Top(f"klvmsg spy, {here} for {there}, Ctrl-C ends")
-    _relay(options, entrance, top.observe, False)
+    _relay(options, entrance, top.observe, 0)
     top.close()
     return DONE
 
@@ -298,7 +298,7 @@ def _top(options: argparse.Namespace) -> int:
 def _record(options: argparse.Namespace) -> int:
     entrance = _listen(options)
     recorder = Recorder(_open_for_writing(options.file))
-    _relay(options, entrance, recorder.observe, True)
+    _relay(options, entrance, recorder.observe, options.max_body)
     recorder.close()
     complain(f"recorded {plural(recorder.messages, 'message')}")
     return FILE if recorder.failed else DONE

@@ -29,7 +29,7 @@ class Event(NamedTuple):
     text: str = ""
     type: str = ""
     length: int = 0  # of the body on the wire
-    body: bytes = b""
+    body: bytes = b""  # what is kept of it
 
     def is_notable(self) -> bool:
         """Whether something has gone wrong."""
@@ -47,8 +47,8 @@ def describe(event: Event, body_bytes: int = 0) -> str:
     if event.kind != MESSAGE:
         return head + f"-- {event.kind}" + (f": {printable(event.text)}" if event.text else "")
     line = head + f"{printable(event.type)} {event.length}"
-    if body_bytes and event.body:
-        line += " " + printable(event.body[:body_bytes]) + ("..." * (len(event.body) > body_bytes))
+    if body_bytes and event.length:
+        line += " " + printable(event.body[:body_bytes]) + ("..." if event.length > body_bytes else "")
     return line
 
 

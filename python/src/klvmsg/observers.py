@@ -31,8 +31,6 @@ class Printer:
         self._thread.start()
 
     def observe(self, events: List[Event]) -> None:
-        if self._body_bytes:
-            events = [event._replace(body=event.body[: self._body_bytes + 1]) for event in events]
         with self._change:
             room = _WAITING_LINES - len(self._waiting)
             self._waiting += events[:room]

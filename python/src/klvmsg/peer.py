@@ -62,7 +62,7 @@ class Connection:
         """Takes over a connected stream socket. `max_body`: a larger body is out of step."""
         self._rules = as_rules(rules)
         self._socket = sock
-        self._decoder = Decoder(self._rules, keep_bodies=True, max_body=max_body)
+        self._decoder = Decoder(self._rules, max_body, max_body)
         self._max_body = max_body
         self._received: Deque[Message] = deque()
         self._cut = False  # a message has gone in part
@@ -131,7 +131,7 @@ class Connection:
             where = printable(self._decoder.where())
             raise PeerGone(f"the peer has gone in the middle of a message: {where}")
         for type, _, body in self._decoder.feed(data):
-            self._received.append(Message(type, self._rules.of(type).unwrap(body or b"")))
+            self._received.append(Message(type, self._rules.of(type).unwrap(body)))
 
     def __iter__(self) -> Iterator[Message]:
         """The messages up to the end of the connection; an end amid a message raises PeerGone."""

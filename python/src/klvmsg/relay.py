@@ -45,7 +45,8 @@ class Relay:
     too.
 
     `observe` is called with what has happened, on the thread that passes the bytes on, after they have
-    gone: it must not raise, and when it takes long the next bytes of that direction wait.
+    gone: it must not raise, and when it takes long the next bytes of that direction wait. Of a body the
+    event has the first `keep` bytes.
     """
 
     def __init__(
@@ -55,18 +56,21 @@ class Relay:
         rules: Rules,
         observe: Callable[[List[Event]], None],
         *,
-        keep_bodies: bool = False,
+        keep: int = 0,
         max_body: int = MAX_BODY,
     ) -> None:
         self._entrance = entrance
         self._server = server
         self._rules = rules
         self._observe = observe
-        self._keep_bodies = keep_bodies
+        self._keep = keep
         self._max_body = max_body
 
     def run(self, connections: Optional[int] = None) -> None:
-        """Serves so many connections to their end, or until the caller's thread is interrupted."""
+        """Serves so many connections to their end, or all until the caller's thread is interrupted.
+
+        Closes the listening socket as soon as nobody else will be served.
+        """
         threads = []
         for number in itertools.count(1):
             if connections is not None and number > connections:
@@ -76,6 +80,7 @@ class Relay:
             thread.start()
             if connections is not None:
                 threads.append(thread)
+        self._entrance.close()
         for thread in threads:
             thread.join()
 
@@ -125,7 +130,7 @@ class Relay:
 
         `broken` is shared by the two directions: how the connection broke, once it has.
         """
-        decoder = Decoder(self._rules, self._keep_bodies, self._max_body)
+        decoder = Decoder(self._rules, self._keep, self._max_body)
         try:
             self._pass_bytes(number, direction, source, target, decoder)
             if not broken:
@@ -168,7 +173,7 @@ class Relay:
             held = (held + bytes(data[-data_held:]))[-data_held:] if data_held else b""
             now = time.time()
             events = [
-                Event(now, number, MESSAGE, direction, "", type, length, body or b"")
+                Event(now, number, MESSAGE, direction, "", type, length, body)
                 for type, length, body in messages
             ]
             if decoder.lost is not None and was_lost is None:

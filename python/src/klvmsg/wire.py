@@ -39,27 +39,27 @@ def header(type: str) -> bytes:
 
 
 class Found(NamedTuple):
-    """A message that has come. `body` is as it is on the wire, or None when bodies are not kept."""
+    """A message that has come. `body` is what is kept of the body on the wire."""
 
     type: str
     length: int  # of the body
-    body: Optional[bytes]
+    body: bytes
 
 
 class Decoder:
     """Takes one direction of a connection apart, in pieces of any size.
 
-    It holds a header, the start of a body up to its length, and a body only when bodies are kept. A
+    It holds a header, the start of a body up to its length, and of bodies no more than `keep` bytes. A
     body over `max_body` or a name over 255 bytes is a sign that the stream is out of step, as is a
     name with a zero byte, which no receiver sees whole. From there on nothing is decoded.
     """
 
-    def __init__(self, rules: Rules, keep_bodies: bool, max_body: int = MAX_BODY) -> None:
+    def __init__(self, rules: Rules, keep: int, max_body: int = MAX_BODY) -> None:
         self.lost: Optional[str] = None  # why the stream is out of step, and the bytes there
         self.starts: List[int] = []  # where in the last piece messages began
         self._why = ""  # the short form of `lost`
         self._rules = rules
-        self._keep = keep_bodies
+        self._keep = keep
         self._max_body = max_body
         self._head = bytearray()  # of the message that is coming: header and start of the body
         self._needed = 4  # bytes of _head to go on
@@ -84,8 +84,8 @@ class Decoder:
             position += count
             if self._missing:
                 self._missing -= count
-                if self._keep:
-                    self._body += piece
+                if len(self._body) < self._keep:
+                    self._body += piece[: self._keep - len(self._body)]
             else:
                 self._head += piece
                 if len(self._head) < self._needed or not self._understand_head():
@@ -140,8 +140,7 @@ class Decoder:
         if self._length > self._max_body:
             return self._lose(f"a body of {self._type} with {self._length} bytes")
         self._missing = self._length - len(start)
-        if self._keep:
-            self._body = start
+        self._body = start[: self._keep]
         return True
 
     def _lose(self, why: str) -> bool:
@@ -149,7 +148,7 @@ class Decoder:
         return False
 
     def _finish(self) -> Found:
-        message = Found(self._type, self._length, bytes(self._body) if self._keep else None)
+        message = Found(self._type, self._length, bytes(self._body))
         self._last = f"{self._type} with {self._length} bytes"
         self._head.clear()
         self._body = bytearray()
