@@ -16,9 +16,10 @@ public:
     //
     // More go in pieces. Each piece starts at `data` + `count` and adds its result to `count`, so
     // that a short send resumes where the socket stopped; the last one, of what then remains, is
-    // not added. Results are not looked at: a failure counts as a step back by one byte, so that a
-    // failing socket keeps the writer busy for up to 2^31 steps, and one that recovers may be sent
-    // bytes that stand before `data`.
+    // not added. Results are not looked at: a failure counts as a step back by one byte. Sends that
+    // keep failing while the output stays open (EPIPE, say) keep the writer busy for up to 2^31
+    // steps, which can take minutes, and one that recovers may be sent bytes that stand before
+    // `data`. On an output that has ended the result of all these steps is there at once.
     // Requires: `count` is 0.
     //
     // Leaves `count` alone when the number is no stream socket. May block in send.

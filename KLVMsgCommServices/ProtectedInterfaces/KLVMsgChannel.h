@@ -29,10 +29,8 @@ public:
     // True when the connection is registered and not marked as closed.
     bool IsActiveInCurrentThreads();
 
-    // Shuts the connection down for all its channels; this one then holds -1. It does not wait for
-    // a transfer on another thread: while the message task runs, use the communicator's
-    // RemoveConnection. A connection that the peer has closed has its number closed again, whoever
-    // has been given it since.
+    // Shuts the connection down for all its channels; this one then holds -1. See the registry's
+    // ShutDownConnection.
     void Shutdown();
 
     int connection = -1;  // -1: none

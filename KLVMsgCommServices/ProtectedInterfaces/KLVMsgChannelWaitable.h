@@ -19,15 +19,18 @@ public:
     // it found. The results of earlier waits stay: the caller clears them.
     //
     // A readable listening socket has its waiting connection accepted and registered, and a channel
-    // for it with an empty label goes to `newChannels`. Where a socket that is marked as closed
-    // still holds the new connection's number, it is retired first and its entries leave
-    // `channels`. Any other readable connection, one that the peer has closed included, goes to
-    // `readyChannels`: in ascending order of descriptors, and once for each of its entries in
-    // `channels`.
+    // for it with an empty label goes to `newChannels`; entries of `channels` with its number leave,
+    // since they are about a connection that has gone. Any other readable connection, one that the
+    // peer has closed included, goes to `readyChannels`: in ascending order of descriptors, and once
+    // for each of its entries in `channels`. One that is removed during the wait does not.
     //
     // Connections that are unknown or marked as closed are passed over, as are those whose
-    // descriptor does not fit the descriptor set (1024 and above). With none left it returns at
-    // once.
+    // descriptor does not fit the descriptor set (1024 and above): they are never found readable,
+    // and the end of such a connection shows on a send only. With none left it returns at once.
+    //
+    // Takes the registry's lock to look the connections up, before the wait and after it, and holds
+    // none while it waits. std::bad_alloc may come when some connections have been accepted: these
+    // are in `newChannels`, and nothing else has changed.
     //
     // The time is in milliseconds. 0 looks without waiting. Exactly 1000 (given to the system as
     // 1,000,000 microseconds) and negative times are passed on as they are, for select to judge:

@@ -4,9 +4,9 @@
 // - One lock, the singleton's, guards all fields. Every operation but RemoveConnection holds it for
 //   its whole run, blocking socket calls included, and none calls another that takes it.
 // - A connection number is the registered socket's descriptor. The operating system reuses numbers,
-//   and so does the registry.
-// - The registry owns the sockets: RemoveConnection destroys them. It owns no prototype, and its
-//   destruction (Finalize) closes and destroys no socket.
+//   and so does the registry; a number that it hands out anew starts unknown to the communicator.
+// - The registry owns the sockets: RemoveConnection destroys them, once nobody is at work with them.
+//   It owns no prototype, and its destruction (Finalize) closes and destroys no registered socket.
 #pragma once
 
 #include "KLVBasAtiGlobalSingleton.h"
@@ -58,25 +58,31 @@ public:
 
     // Shuts the socket down, unregisters and destroys it; its name stays. Nothing happens for an
     // unknown number. Takes no lock: for callers that hold it, or know that nobody else uses the
-    // registry. ShutDownConnection is the form for everybody else. Neither waits for a body in
-    // transfer. A socket that is closed already has its number closed again (close), whoever has
-    // been given it since: remove dead connections before the process opens anything else.
+    // registry. ShutDownConnection is the form for everybody else.
+    //
+    // Neither waits for a cycle or a transfer that is at work with the socket, on whichever thread: it
+    // ends both directions and unregisters at once, which ends a read or a write in progress, and
+    // leaves closing and destroying to the end of that connection's turn. A socket that is closed
+    // already makes no system call.
     void RemoveConnection(int number);
 
     // RemoveConnection under the lock.
     void ShutDownConnection(int number);
 
     // Opens a listening socket and registers it, in place of one that is still registered under the
-    // number and goes. Returns null only when no socket could be made: one whose bind or listen
-    // failed is registered too, and HasError tells. After a failed bind it may still listen, on a
-    // port of the system's choice, until it is shut down.
+    // number and is destroyed. Returns null only when no socket could be made: one whose bind or
+    // listen failed is registered too, and HasError tells. After a failed bind it may still listen,
+    // on a port of the system's choice, until it is shut down.
     //
-    // Blocks for as long as the host takes to resolve. The socket is the registry's.
+    // Blocks for as long as the host takes to resolve; before that, until listening sockets that
+    // were shut down have left the waits of other threads, and their ports are free (a moment, a
+    // second at the most). The socket is the registry's.
     KLVMsgServerSocket* StartServer(KLVMsgSocketAddress address, int backlog);
 
     // Connects to `server` and registers the socket like StartServer. Returns null when that
-    // failed; nothing is left open then. One attempt, without a time limit of its own, which holds
-    // up every other user of the registry. The first argument is not used. The socket is the
+    // failed: errno tells the cause, and nothing is left open. Where the host does not resolve that
+    // is whatever the resolver left in errno. One attempt, without a time limit of its own, which
+    // holds up every other user of the registry. The first argument is not used. The socket is the
     // registry's.
     KLVMsgCommSocket* ConnectToServer(KLVMsgSocketAddress first, KLVMsgSocketAddress server);
 
@@ -108,7 +114,7 @@ public:
     int RetrieveMessageTypeFromSocket(int number, KLVString& typeName);
 
     // Registers a prototype, which stays the application's and outlives the registry's use of it. A
-    // second one under the same name is ignored.
+    // second one under the same name is ignored. A null one holds its name and makes no message.
     void RegisterMessagePrototype(const KLVString& typeName, KLVMsgSocketMessage* prototype);
 
     // A new message, made by the prototype's NewInstance under the lock and owned by the caller, or

@@ -8,6 +8,9 @@
 // - Messages and streams are the application's. The inbox and the queue only point to messages.
 // - The ids in the pending queue are consecutive: each queued record takes the next one, and the
 //   queue is only ever emptied as a whole.
+// - What is known under a number (channels, watched channels, queued records) is about the connection
+//   that has it. When the registry hands a number out anew, every operation that takes the lock begins
+//   by dropping that; a queued record is emptied and leaves with the next transmission.
 #pragma once
 
 #include <atomic>
@@ -57,7 +60,7 @@ public:
     // Set-up --------------------------------------------------------------------------------------
 
     // Makes a channel known; with `flag` the message task watches it. A channel made known twice is
-    // there twice: remove a dead one before you connect again, since its number may come back.
+    // there twice: sends by label go out twice, and it is read once in a cycle all the same.
     void AddConnection(const KLVMsgChannel& channel, bool flag);
 
     // Shuts down and forgets the connections that the query selects, or all of them without a
@@ -121,6 +124,9 @@ public:
     // cannot be written (no stream socket, output not open, header failed) is dropped without a
     // report. Without an output stream it returns at once, and the queue stays. May block in
     // send, and raise SIGPIPE where the thread does not block it as KLVBasAtiThread's do.
+    //
+    // The connections are looked up once, at the beginning; none gets a byte of a record that was
+    // queued for another. An exception, of memory or of a message's own code, empties the queue too.
     void TransmitPendingMessage();
 
     // The message task ----------------------------------------------------------------------------
@@ -139,14 +145,18 @@ public:
 
     // One cycle: waits up to `timeout` milliseconds on the waitable, the watched channels without
     // one; makes the connections accepted meanwhile known and watched; and reads one message from
-    // each connection that has data into the inbox. A message without a registered prototype is
+    // each connection that has data, however often it is listed, into the inbox. A message without
+    // a registered prototype is
     // lost, and its body is taken for the next header; so is one whose header has come in part
     // only. The lock is held throughout: a peer that stops in the middle of a message holds it for
     // as long as it stays connected.
     //
     // A connection found lost is no longer watched; GetErrorsOnChannel cannot tell more of it.
-    // One whose descriptor is 1024 or above is accepted and never read. See KLVMsgChannelWaitable
-    // for the time and for what a wait reports.
+    // One whose descriptor is 1024 or above is accepted and never read: its end shows on a send
+    // only. See KLVMsgChannelWaitable for the time and for what a wait reports.
+    //
+    // std::bad_alloc passes through between two messages: one that has been read is in the inbox,
+    // and connections accepted by then are made known by the next cycle.
     // Requires: the input stream is set.
     void WaitConnectionsAndMessages(KLVMsgChannelWaitable* waitable, int timeout);
 

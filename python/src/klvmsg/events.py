@@ -1,0 +1,116 @@
+"""What happens on connections: what spy shows, record writes, and replay and chart read."""
+
+from __future__ import annotations
+
+import json
+from typing import Any, Dict, Iterator, List, NamedTuple, Optional, TextIO
+
+from .text import clock, printable
+from .wire import header
+
+TO_SERVER = "to-server"
+TO_CLIENT = "to-client"
+DIRECTIONS = (TO_SERVER, TO_CLIENT)
+
+MESSAGE = "message"
+OPENED = "opened"  # text: the client's address and the server's
+LOST = "out of step"  # text: why
+ENDED = "ended"  # one direction; text: how, when that is not in order
+FAILED = "failed"  # the server could not be reached; text: why
+
+
+class Event(NamedTuple):
+    """Something that happened. A message happens when its last byte has come."""
+
+    time: float  # seconds since 1970
+    connection: int  # counted from 1
+    kind: str
+    direction: str = ""
+    text: str = ""
+    type: str = ""
+    length: int = 0  # of the body on the wire
+    body: bytes = b""  # what is kept of it
+
+    def is_notable(self) -> bool:
+        """Whether something has gone wrong."""
+        return self.kind in (LOST, FAILED) or (self.kind == ENDED and self.text != "")
+
+
+class BadRecording(Exception):
+    """A line that is no event."""
+
+
+def describe(event: Event, body_bytes: int = 0) -> str:
+    """One line, safe to print, with up to so many bytes of the body if it was kept."""
+    arrow = {TO_SERVER: ">", TO_CLIENT: "<"}.get(event.direction, " ")
+    head = f"{clock(event.time)} #{event.connection} {arrow} "
+    if event.kind != MESSAGE:
+        return head + f"-- {event.kind}" + (f": {printable(event.text)}" if event.text else "")
+    line = head + f"{printable(event.type)} {event.length}"
+    if body_bytes and event.length:
+        line += " " + printable(event.body[:body_bytes]) + ("..." if event.length > body_bytes else "")
+    return line
+
+
+def to_json(event: Event) -> str:
+    """The event as a line of a recording, without the line's end."""
+    record: Dict[str, Any] = {"time": round(event.time, 6), "connection": event.connection}
+    if event.direction:
+        record["direction"] = event.direction
+    if event.kind == MESSAGE:
+        record.update(type=event.type, length=event.length, body=event.body.hex())
+    else:
+        record["event"] = event.kind
+        if event.text:
+            record["text"] = event.text
+    return json.dumps(record)
+
+
+def from_json(line: str) -> Event:
+    """The event of a line. Raises BadRecording when it is none."""
+    try:
+        record = json.loads(line)
+        event = Event(
+            float(record["time"]),
+            int(record["connection"]),
+            str(record.get("event", MESSAGE)),
+            str(record.get("direction", "")),
+            str(record.get("text", "")),
+        )
+        if event.kind != MESSAGE:
+            return event
+        body = bytes.fromhex(record["body"])
+        if event.direction not in DIRECTIONS or len(body) != record["length"]:
+            raise ValueError("direction or length")
+        header(record["type"])  # that it can be sent
+        return event._replace(type=record["type"], length=len(body), body=body)
+    except (ValueError, KeyError, TypeError, AttributeError) as error:
+        raise BadRecording(f"not a line of a recording ({error!r})") from error
+
+
+class Selection(NamedTuple):
+    """Which messages are meant; what is empty selects everything."""
+
+    types: List[str]
+    direction: str
+    connections: List[int]
+    after: Optional[float] = None  # seconds from the start of the recording
+    before: Optional[float] = None
+
+    def takes(self, event: Event, start: float) -> bool:
+        return (
+            (not self.types or event.type in self.types)
+            and (not self.direction or event.direction == self.direction)
+            and (not self.connections or event.connection in self.connections)
+            and (self.after is None or event.time - start >= self.after)
+            and (self.before is None or event.time - start < self.before)
+        )
+
+
+def read_recording(file: TextIO) -> Iterator[Event]:
+    """The events of a recording. Raises BadRecording, which names the line."""
+    for number, line in enumerate(file, 1):
+        try:
+            yield from_json(line)
+        except BadRecording as bad:
+            raise BadRecording(f"line {number}: {bad}") from bad

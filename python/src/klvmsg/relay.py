@@ -1,0 +1,240 @@
+"""Stands between clients and a server and passes every byte on, while it looks at the messages.
+
+Each connection has two threads, one for each direction, so that neither waits for the other.
+"""
+
+from __future__ import annotations
+
+import errno
+import fcntl
+import itertools
+import select
+import socket
+import struct
+import termios
+import threading
+import time
+from typing import Callable, List, Optional, Tuple
+
+from .events import ENDED, FAILED, LOST, MESSAGE, OPENED, TO_CLIENT, TO_SERVER, Event
+from .rules import Bytes, Rules
+from .wire import MAX_BODY, Decoder
+
+Address = Tuple[str, int]
+
+_PIECE = 65536
+_HEADER_WAIT = 0.010  # seconds that a header in pieces may wait for its rest
+_CONNECT_TIMEOUT = 10.0
+_SHARED = 256  # from the start of a send: a header that begins there fits into every segment
+_TCP_CLOSE = 7  # the state of a connection that has been reset
+_DRAIN_TIMEOUT = 10.0  # without progress
+
+
+def show_address(address: Tuple[object, ...]) -> str:
+    """HOST:PORT, with brackets around an IPv6 address."""
+    host, port = address[0], address[1]
+    return f"[{host}]:{port}" if ":" in str(host) else f"{host}:{port}"
+
+
+class Relay:
+    """Accepts on a listening socket and connects each client to the server.
+
+    Every byte is passed on as it came, whatever is made of the messages, and at once, but for one
+    thing: of a header of which only a piece has come, that piece waits up to 10 ms for its rest,
+    since receivers take a header with two single reads. An end or a reset of one side is passed on
+    too.
+
+    `observe` is called with what has happened, on the thread that passes the bytes on, after they have
+    gone: it must not raise, and when it takes long the next bytes of that direction wait. Of a body the
+    event has the first `keep` bytes.
+    """
+
+    def __init__(
+        self,
+        entrance: socket.socket,
+        server: Address,
+        rules: Rules,
+        observe: Callable[[List[Event]], None],
+        *,
+        keep: int = 0,
+        max_body: int = MAX_BODY,
+    ) -> None:
+        self._entrance = entrance
+        self._server = server
+        self._rules = rules
+        self._observe = observe
+        self._keep = keep
+        self._max_body = max_body
+
+    def run(self, connections: Optional[int] = None) -> None:
+        """Serves so many connections to their end, or all until the caller's thread is interrupted.
+
+        Closes the listening socket as soon as nobody else will be served.
+        """
+        threads = []
+        for number in itertools.count(1):
+            if connections is not None and number > connections:
+                break
+            client, address = self._accept()
+            thread = threading.Thread(target=self._serve, args=(number, client, address), daemon=True)
+            thread.start()
+            if connections is not None:
+                threads.append(thread)
+        self._entrance.close()
+        for thread in threads:
+            thread.join()
+
+    def _accept(self) -> Tuple[socket.socket, Tuple[object, ...]]:
+        while True:
+            try:
+                return self._entrance.accept()
+            except OSError as error:
+                if error.errno not in (errno.EMFILE, errno.ENFILE, errno.ECONNABORTED):
+                    raise
+                time.sleep(0.05)  # until connections that end give their descriptors back
+
+    def _serve(self, number: int, client: socket.socket, address: Tuple[object, ...]) -> None:
+        def report(kind: str, text: str) -> None:
+            self._observe([Event(time.time(), number, kind, text=text)])
+
+        report(OPENED, f"{show_address(address)} to {show_address(self._server)}")
+        try:
+            server = socket.create_connection(self._server, _CONNECT_TIMEOUT)
+        except OSError as error:
+            _reset_when_closed(client)
+            client.close()
+            cause = error.strerror or error
+            return report(FAILED, f"cannot connect to {show_address(self._server)}: {cause}")
+        server.settimeout(None)
+        for sock in (client, server):
+            sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        broken: List[str] = []
+        back = threading.Thread(
+            target=self._pass_on, args=(number, TO_CLIENT, server, client, broken), daemon=True
+        )
+        back.start()
+        self._pass_on(number, TO_SERVER, client, server, broken)
+        back.join()
+        client.close()
+        server.close()
+
+    def _pass_on(
+        self,
+        number: int,
+        direction: str,
+        source: socket.socket,
+        target: socket.socket,
+        broken: List[str],
+    ) -> None:
+        """Until the source ends, or one of the two is reset, which the other one then is too.
+
+        `broken` is shared by the two directions: how the connection broke, once it has.
+        """
+        decoder = Decoder(self._rules, self._keep, self._max_body)
+        try:
+            self._pass_bytes(number, direction, source, target, decoder)
+            if not broken:
+                _end(target, socket.SHUT_WR)
+        except OSError as error:
+            broken.append(error.strerror or str(error))
+            _drain(target)
+            for sock in (source, target):
+                _reset_when_closed(sock)
+                _end(sock, socket.SHUT_RD)  # the other direction's wait, without a word to the peer
+        how = broken[:1]
+        if decoder.lost is None and not decoder.between_messages:
+            how.append(f"in the middle of a message: {decoder.where()}")
+        self._observe([Event(time.time(), number, ENDED, direction, ", ".join(how))])
+
+    def _pass_bytes(
+        self,
+        number: int,
+        direction: str,
+        source: socket.socket,
+        target: socket.socket,
+        decoder: Decoder,
+    ) -> None:
+        buffer = memoryview(bytearray(_PIECE))
+        held = b""  # a piece of a header
+        while True:
+            if held and not _readable(source, _HEADER_WAIT):
+                target.sendall(held)
+                held = b""
+            count = source.recv_into(buffer)
+            if count == 0:
+                if held:
+                    target.sendall(held)
+                return
+            data = buffer[:count]
+            was_lost = decoder.lost
+            messages = decoder.feed(data)
+            data_held = min(decoder.header_bytes, len(held) + count)
+            _send_messages(target, held, data, decoder, data_held)
+            held = (held + bytes(data[-data_held:]))[-data_held:] if data_held else b""
+            now = time.time()
+            events = [
+                Event(now, number, MESSAGE, direction, "", type, length, body)
+                for type, length, body in messages
+            ]
+            if decoder.lost is not None and was_lost is None:
+                events.append(Event(now, number, LOST, direction, decoder.lost))
+            if events:
+                self._observe(events)
+
+
+def _send_messages(
+    target: socket.socket, held: bytes, data: memoryview, decoder: Decoder, held_next: int
+) -> None:
+    """Sends what was held and the data but for its last bytes, and cuts no header.
+
+    The kernel may send a segment as soon as it is full, and a receiver may look at it before the next
+    one comes. So a send begins with a message and is marked as the end of a record, which makes the
+    next one begin a segment; further messages share it only if they begin well within that.
+    """
+    whole: Bytes = held + bytes(data) if held else data
+    shift = len(held)
+    end = len(whole) - held_next
+    begin = 0
+    for start in decoder.starts:
+        if start + shift < end and (begin == 0 or start + shift - begin > _SHARED):
+            begin = _send_record(target, whole, begin, start + shift)
+    marked = held_next or decoder.between_messages
+    _send_record(target, whole, begin, end, socket.MSG_EOR if marked else 0)
+
+
+def _send_record(
+    target: socket.socket, data: Bytes, begin: int, end: int, flags: int = socket.MSG_EOR
+) -> int:
+    if begin < end:
+        target.sendall(data[begin:end], flags)
+    return end
+
+
+def _readable(sock: socket.socket, seconds: float) -> bool:
+    poll = select.poll()
+    poll.register(sock, select.POLLIN)
+    return bool(poll.poll(seconds * 1000))
+
+
+def _reset_when_closed(sock: socket.socket) -> None:
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+
+
+def _end(sock: socket.socket, direction: int) -> None:
+    try:
+        sock.shutdown(direction)
+    except OSError:
+        pass  # that side has gone already
+
+
+def _drain(sock: socket.socket) -> None:
+    """Waits until the peer's host has taken what was sent: a reset would throw the rest away."""
+    waiting, deadline = -1, 0.0
+    while True:
+        state = sock.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 1)[0]
+        left = struct.unpack("i", fcntl.ioctl(sock, termios.TIOCOUTQ, b"\0\0\0\0"))[0]
+        if state == _TCP_CLOSE or left == 0 or (left == waiting and time.monotonic() > deadline):
+            return
+        if left != waiting:
+            waiting, deadline = left, time.monotonic() + _DRAIN_TIMEOUT
+        time.sleep(0.001)

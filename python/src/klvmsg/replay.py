@@ -1,0 +1,113 @@
+"""Plays the messages of a recording to a program that listens."""
+
+from __future__ import annotations
+
+import socket
+import threading
+from typing import Callable, Dict, Iterable, Optional
+
+from .errors import PeerGone, TimedOut
+from .events import ENDED, MESSAGE, Event, Selection
+from .relay import Address
+from .wire import header
+
+Pause = Callable[[Event, float], bool]
+
+
+class Player:
+    """Sends the selected messages, each recorded connection on one of its own.
+
+    A connection is made when its first message is due. What comes back is taken and dropped. The
+    output of a connection ends where the recorded one did.
+    """
+
+    def __init__(self, server: Address, selection: Selection, patience: float) -> None:
+        """`patience`: seconds that the program may take to accept, to take a message, to close."""
+        self._server = server
+        self._selection = selection
+        self._patience = patience
+        self._playing: Dict[int, _Playing] = {}
+        self.messages = 0
+
+    def play(self, events: Iterable[Event], pause: Pause) -> None:
+        """Plays all, and waits until the program has closed every connection.
+
+        `pause` is called before each message, and each end of a connection that was played, with the
+        seconds since the recording began; it returns False to end. Raises PeerGone, TimedOut, and
+        OSError when a connection cannot be made.
+        """
+        start: Optional[float] = None
+        for event in events:
+            start = event.time if start is None else start
+            if event.kind == MESSAGE and self._selection.takes(event, start):
+                if not pause(event, event.time - start):
+                    break
+                self._send(event)
+            elif event.kind == ENDED and event.connection in self._playing:
+                if event.direction == self._selection.direction:
+                    if not pause(event, event.time - start):
+                        break
+                    self._playing[event.connection].end()
+        for playing in self._playing.values():
+            playing.end()
+        for playing in self._playing.values():
+            playing.finish()
+
+    def _send(self, event: Event) -> None:
+        playing = self._playing.get(event.connection)
+        if playing is None:
+            playing = _Playing(event.connection, self._server, self._patience)
+            self._playing[event.connection] = playing
+        playing.send(header(event.type) + event.body)
+        self.messages += 1
+
+
+class _Playing:
+    """One connection, and a thread that takes what comes back."""
+
+    def __init__(self, number: int, server: Address, patience: float) -> None:
+        self._name = f"connection #{number}"
+        self._patience = patience
+        try:
+            self._socket = socket.create_connection(server, patience)
+        except socket.timeout as error:
+            raise TimedOut(f"{self._name}: not accepted in time") from error
+        self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        self._broken: Optional[OSError] = None
+        self._thread = threading.Thread(target=self._take, daemon=True)
+        self._thread.start()
+
+    def send(self, data: bytes) -> None:
+        try:
+            self._socket.sendall(data, socket.MSG_EOR)
+        except socket.timeout as error:
+            raise TimedOut(f"{self._name}: a message was not taken in time") from error
+        except OSError as error:
+            raise PeerGone(f"{self._name}: the peer has gone: {error.strerror}") from error
+
+    def end(self) -> None:
+        try:
+            self._socket.shutdown(socket.SHUT_WR)
+        except OSError:
+            pass  # it is broken, which finish() tells
+
+    def finish(self) -> None:
+        """To close at once could throw away what the peer has not read: it goes first."""
+        self._thread.join(self._patience)
+        if self._thread.is_alive():
+            raise TimedOut(f"{self._name}: the peer does not close it in time")
+        self._socket.close()
+        if self._broken is not None:
+            cause = self._broken.strerror
+            raise PeerGone(f"{self._name}: {cause}; not everything may have been read")
+
+    def _take(self) -> None:
+        while True:
+            try:
+                if not self._socket.recv(65536):
+                    return
+            except socket.timeout:
+                continue
+            except OSError as error:
+                self._broken = error
+                return

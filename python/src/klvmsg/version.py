@@ -1,0 +1,3 @@
+"""The version, the same as the C++ library's."""
+
+__version__ = "1.0.0"

@@ -1,0 +1,157 @@
+"""Messages to bytes and back.
+
+    message = length name body
+    length  = 4 bytes in the byte order of this machine: the number of bytes in name
+    name    = the type
+    body    = as long as the rule for the type says
+
+Names are text here. Bytes that are no UTF-8 stand in them as lone surrogates ("surrogateescape"), so
+that every name comes out again as it went in.
+"""
+
+from __future__ import annotations
+
+import sys
+from typing import List, NamedTuple, Optional
+
+from .rules import Bytes, Rule, Rules
+
+MAX_NAME = 255
+MAX_BODY = 64 * 1024 * 1024
+_SHOWN = 16  # bytes of what cannot be a header
+
+
+def to_name(name: Bytes) -> str:
+    return bytes(name).decode("utf-8", "surrogateescape")
+
+
+def from_name(type: str) -> bytes:
+    return type.encode("utf-8", "surrogateescape")
+
+
+def header(type: str) -> bytes:
+    """The header of a message. Raises ValueError for a name that a receiver refuses or cuts: an empty
+    one, one of more than 255 bytes, one with a zero byte."""
+    name = from_name(type)
+    if not 0 < len(name) <= MAX_NAME or 0 in name:
+        raise ValueError(f"no name for a type: {type[:MAX_NAME]!r}")
+    return len(name).to_bytes(4, sys.byteorder) + name
+
+
+class Found(NamedTuple):
+    """A message that has come. `body` is what is kept of the body on the wire."""
+
+    type: str
+    length: int  # of the body
+    body: bytes
+
+
+class Decoder:
+    """Takes one direction of a connection apart, in pieces of any size.
+
+    It holds a header, the start of a body up to its length, and of bodies no more than `keep` bytes. A
+    body over `max_body` or a name over 255 bytes is a sign that the stream is out of step, as is a
+    name with a zero byte, which no receiver sees whole. From there on nothing is decoded.
+    """
+
+    def __init__(self, rules: Rules, keep: int, max_body: int = MAX_BODY) -> None:
+        self.lost: Optional[str] = None  # why the stream is out of step, and the bytes there
+        self.starts: List[int] = []  # where in the last piece messages began
+        self._why = ""  # the short form of `lost`
+        self._rules = rules
+        self._keep = keep
+        self._max_body = max_body
+        self._head = bytearray()  # of the message that is coming: header and start of the body
+        self._needed = 4  # bytes of _head to go on
+        self._body_at = 0  # where in _head the body starts; 0 while that is not known
+        self._type = ""
+        self._rule = Rule()
+        self._length = 0  # of the body
+        self._missing = 0  # bytes of the body behind _head
+        self._body = bytearray()
+        self._last = ""  # the last whole message, in words
+
+    def feed(self, data: Bytes) -> List[Found]:
+        """The messages that come to their end in this piece."""
+        found: List[Found] = []
+        self.starts = []
+        position = 0
+        while position < len(data) and not self._why:
+            if not self._head:
+                self.starts.append(position)
+            count = min(self._missing or self._needed - len(self._head), len(data) - position)
+            piece = data[position : position + count]
+            position += count
+            if self._missing:
+                self._missing -= count
+                if len(self._body) < self._keep:
+                    self._body += piece[: self._keep - len(self._body)]
+            else:
+                self._head += piece
+                if len(self._head) < self._needed or not self._understand_head():
+                    continue
+            if not self._missing:
+                found.append(self._finish())
+        if self.lost is None and self._why:
+            shown = bytes(self._head[:_SHOWN]) + bytes(data[position : position + _SHOWN])
+            after = f"after {self._last}" if self._last else "at the start"
+            self.lost = f"{self._why} ({shown[:_SHOWN].hex(' ')}), {after}"
+        return found
+
+    @property
+    def header_bytes(self) -> int:
+        """How many bytes of a header have come, when it is not whole; otherwise 0."""
+        return 0 if self.lost or self._body_at or self._missing else len(self._head)
+
+    @property
+    def between_messages(self) -> bool:
+        return not self._head
+
+    def where(self) -> str:
+        """What the stream is in the middle of, in words."""
+        if self._body_at == 0:
+            return f"a header, {len(self._head)} bytes"
+        come = len(self._head) - self._body_at if self._missing == 0 else self._length - self._missing
+        known = f" of {self._length}" if self._missing else ""
+        return f"{self._type}, {come}{known} bytes"
+
+    def _understand_head(self) -> bool:
+        """Looks at the head, of which all needed bytes are there. True when it is complete."""
+        if self._body_at == 0:
+            name_length = int.from_bytes(self._head[:4], sys.byteorder)
+            if not 0 < name_length <= MAX_NAME:
+                return self._lose(f"a type name of {name_length} bytes")
+            if len(self._head) < 4 + name_length:
+                self._needed = 4 + name_length
+                return False
+            name = self._head[4:]
+            if 0 in name:
+                return self._lose("the type name has the byte 0x00")
+            self._type = to_name(name)
+            self._body_at = len(self._head)
+            self._rule = self._rules.of(self._type)
+            if self._rule.prefix > self._max_body:
+                return self._lose(f"a body of {self._type} with more than {self._max_body} bytes")
+            self._needed = self._body_at + self._rule.prefix
+            if len(self._head) < self._needed:
+                return False
+        start = self._head[self._body_at :]
+        self._length = self._rule.size(start)
+        if self._length > self._max_body:
+            return self._lose(f"a body of {self._type} with {self._length} bytes")
+        self._missing = self._length - len(start)
+        self._body = start[: self._keep]
+        return True
+
+    def _lose(self, why: str) -> bool:
+        self._why = why
+        return False
+
+    def _finish(self) -> Found:
+        message = Found(self._type, self._length, bytes(self._body))
+        self._last = f"{self._type} with {self._length} bytes"
+        self._head.clear()
+        self._body = bytearray()
+        self._needed = 4
+        self._body_at = 0
+        return message

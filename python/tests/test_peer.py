@@ -1,0 +1,151 @@
+"""The peer, with programs of the C++ library and with ones that misbehave."""
+
+import hashlib
+import pathlib
+import socket
+import threading
+import time
+from typing import Any, Tuple
+
+import pytest
+from conftest import LIMIT, answer, framed, message, read_all, reset
+
+import klvmsg
+
+
+@pytest.fixture
+def pair(listener: socket.socket) -> Tuple[klvmsg.Connection, socket.socket]:
+    """A connection, and the plain socket at its other end."""
+    port = listener.getsockname()[1]
+    return klvmsg.connect("127.0.0.1", port, rules="Tick=8", timeout=LIMIT), answer(listener)
+
+
+def test_it_connects_to_a_cpp_program_and_answers(start: Any, tmp_path: pathlib.Path) -> None:
+    large = tmp_path / "large"
+    large.write_bytes(bytes(range(256)) * 100_000)
+    (tmp_path / "tick").write_bytes(b"8 bytes!")
+    cat = start("klvmsgcat", "-t", LIMIT, "-l", 0, "-s", f"Big={large}", "-s",
+                f"Tick={tmp_path / 'tick'}", "-f", "Tick=8", "-r", "Note", "-r", "Tick", "-x")  # fmt: skip
+    with klvmsg.connect("127.0.0.1", cat.port(), rules="Tick=8", timeout=LIMIT) as peer:
+        assert peer.receive(LIMIT) == ("Big", large.read_bytes())
+        assert peer.receive(LIMIT) == ("Tick", b"8 bytes!")
+        peer.send("Note", b"\0\xff")
+        peer.send("Tick", b"12345678", timeout=LIMIT)
+        peer.send("Note")
+        peer.finish(LIMIT)
+    assert cat.end()[:2] == (0, "Note 2 00ff\nTick 8 3132333435363738\nNote 0 \n")
+
+
+def test_it_serves_a_cpp_program(start: Any) -> None:
+    with klvmsg.serve(0) as server:
+        cat = start("klvmsgcat", "-t", LIMIT, "-c", f"127.0.0.1:{server.port}", "-s",
+                    f"Source={__file__}", "-r", "Digest", "-n", 1)  # fmt: skip
+        with server.accept(LIMIT) as peer:
+            type, body = peer.receive(LIMIT)
+            peer.send("Digest", hashlib.sha256(body).hexdigest().encode())
+            assert list(peer) == []
+    digest = hashlib.sha256(pathlib.Path(__file__).read_bytes()).hexdigest()
+    assert type == "Source" and cat.end()[:2] == (0, f"Digest 64 {digest}\n")
+
+
+def test_a_time_limit_loses_nothing(pair: Tuple[klvmsg.Connection, socket.socket]) -> None:
+    peer, other = pair
+    data = message(b"Tick", b"12345678") + message(b"Note", framed(b"hello"))
+    other.sendall(data[:3])
+    with pytest.raises(klvmsg.TimedOut):
+        peer.receive(0.05)
+    other.sendall(data[3:20])
+    assert peer.receive(LIMIT) == ("Tick", b"12345678")
+    with pytest.raises(klvmsg.TimedOut):
+        peer.receive(0)
+    other.sendall(data[20:])
+    assert peer.receive(LIMIT) == ("Note", b"hello")
+
+
+def test_a_lost_peer_is_an_exception(listener: socket.socket) -> None:
+    for ending, orderly, says in (("close", True, "has closed"), ("amid", False, "Note, 6 of 8 bytes"),
+                                  ("reset", False, "reset")):  # fmt: skip
+        peer, other = klvmsg.connect("127.0.0.1", listener.getsockname()[1]), answer(listener)
+        other.sendall(message(b"Note", framed(b"")))
+        if ending == "amid":
+            other.sendall(message(b"Note", framed(b"abcd"))[:-2])
+        (reset if ending == "reset" else socket.socket.close)(other)
+        if ending != "reset":
+            assert peer.receive(LIMIT) == ("Note", b"")
+        with pytest.raises(klvmsg.PeerGone, match=says) as gone:
+            for _ in range(2):
+                peer.receive(LIMIT)
+        assert gone.value.orderly == orderly
+        with pytest.raises(klvmsg.PeerGone):
+            for _ in range(100):
+                peer.send("Note", bytes(1000), timeout=LIMIT)
+        peer.close()
+
+
+def test_a_stream_out_of_step_is_an_exception_after_its_messages(
+    pair: Tuple[klvmsg.Connection, socket.socket],
+) -> None:
+    peer, other = pair
+    other.sendall(message(b"Tick", bytes(12)) + message(b"Tick", bytes(8)))
+    assert peer.receive(LIMIT).type == "Tick"
+    for _ in range(2):
+        with pytest.raises(klvmsg.OutOfStep, match="of 0 bytes .*after Tick with 8 bytes"):
+            peer.receive(LIMIT)
+
+
+def test_a_peer_that_does_not_read_is_told_apart(
+    pair: Tuple[klvmsg.Connection, socket.socket],
+) -> None:
+    peer, other = pair
+    began = time.monotonic()
+    with pytest.raises(klvmsg.TimedOut):
+        peer.send("Note", bytes(50_000_000), timeout=0.2)
+    assert 0.2 <= time.monotonic() - began < LIMIT
+    with pytest.raises(klvmsg.PeerGone, match="could not be sent whole"):
+        peer.send("Note")
+
+
+def test_what_a_receiver_would_not_understand_is_not_sent(
+    pair: Tuple[klvmsg.Connection, socket.socket],
+) -> None:
+    peer, other = pair
+    for type, body in (("", b""), ("a\0b", b""), ("n" * 256, b""), ("Tick", bytes(7))):
+        with pytest.raises(ValueError):
+            peer.send(type, body)
+    odd = "\udcff\x1b"
+    peer.send(odd, b"x")
+    peer.send("n" * 255)
+    peer.close()
+    wanted = message(b"\xff\x1b", framed(b"x")) + message(b"n" * 255, framed(b""))
+    assert read_all(other) == wanted
+
+
+def test_no_connection_tells_its_cause(listener: socket.socket) -> None:
+    with klvmsg.serve(0) as server:
+        with pytest.raises(OSError, match="in use"):
+            klvmsg.serve(server.port)
+        with pytest.raises(klvmsg.TimedOut):
+            server.accept(0.05)
+    with pytest.raises(ConnectionRefusedError):
+        klvmsg.connect("127.0.0.1", server.port)
+    with pytest.raises(ValueError):
+        klvmsg.connect("127.0.0.1", server.port, rules="Tick")
+
+
+def test_finish_waits_until_the_peer_has_read(listener: socket.socket) -> None:
+    peer, other = klvmsg.connect("127.0.0.1", listener.getsockname()[1]), answer(listener)
+    body = bytes(20_000_000)
+    other.sendall(message(b"Note", framed(b"not received by anybody")))
+
+    def send() -> None:
+        peer.send("Big", body)
+        peer.finish(LIMIT)
+
+    sender = threading.Thread(target=send)
+    sender.start()
+    time.sleep(0.1)
+    assert read_all(other) == message(b"Big", framed(body))
+    assert sender.is_alive()
+    other.close()
+    sender.join(LIMIT)
+    assert not sender.is_alive()

@@ -1,0 +1,180 @@
+"""What is recorded, and what comes out when it is played."""
+
+import json
+import pathlib
+import re
+import socket
+import time
+from typing import Any, List
+
+import pytest
+from conftest import LIMIT, answer, dial, framed, message, read_all, reset
+
+EXCHANGE = ("Hello=length(0,8,little,8); Chunk=length(8,8,little); Receipt=8; Report=32;"
+            "Farewell=length(0,8,little)")  # fmt: skip
+
+
+def messages(recording: pathlib.Path) -> List[Any]:
+    """Direction, type and body of each message."""
+    found = map(json.loads, recording.read_text().splitlines())
+    return [(m["direction"], m["type"], bytes.fromhex(m["body"])) for m in found if "type" in m]
+
+
+def write_recording(path: pathlib.Path, *events: Any) -> pathlib.Path:
+    """A recording of framed messages: (seconds, connection, direction, type, content)."""
+    lines = []
+    for seconds, connection, direction, type, content in events:
+        body = framed(content)
+        lines.append(json.dumps({"time": 1e9 + seconds, "connection": connection,
+                                 "direction": direction, "type": type, "length": len(body),
+                                 "body": body.hex()}) + "\n")  # fmt: skip
+    path.write_text("".join(lines))
+    return path
+
+
+def test_a_recording_that_is_played_gives_the_same_inbox(start: Any, tmp_path: pathlib.Path) -> None:
+    for name, content in (("one", b"\0\1\xff"), ("two", bytes(range(256)) * 5000), ("none", b"")):
+        (tmp_path / name).write_bytes(content)
+    inbox = ["klvmsgcat", "-t", LIMIT, "-l", 0, "-x", "-f", "Tick=3"]
+    inbox += [word for type in ("One", "Two", "Tick", "\u00e4\n") for word in ("-r", type)]
+    first = start(*inbox)
+    file = tmp_path / "run.jsonl"
+    recorder = start("klvmsg", "record", file, "-l", 0, "-c", f"127.0.0.1:{first.port()}", "-n", 1,
+                     "-r", "Tick=3")  # fmt: skip
+    sending = [f"Tick={tmp_path / 'one'}", f"One={tmp_path / 'two'}", f"Two={tmp_path / 'none'}",
+               f"\u00e4\n={tmp_path / 'one'}"] * 5  # fmt: skip
+    assert start("klvmsgcat", "-t", LIMIT, "-c", f"127.0.0.1:{recorder.port()}", "-f", "Tick=3",
+                 *[word for one in sending for word in ("-s", one)]).end()[0] == 0  # fmt: skip
+    code, wanted, _ = first.end()
+    assert code == 0 and wanted.count("\n") == 20
+    assert recorder.end()[2] == "klvmsg: recorded 20 messages\n"
+    second = start(*inbox)
+    played = start("klvmsg", "replay", file, "-c", f"127.0.0.1:{second.port()}", "--fast")
+    assert played.end() == (0, "", "klvmsg: sent 20 messages\n")
+    assert second.end()[:2] == (0, wanted)
+
+
+def test_the_exchange_is_recorded_and_played_to_another_hub(
+    start: Any, tmp_path: pathlib.Path
+) -> None:
+    (tmp_path / "a").write_bytes(b"some words\nin lines\n" * 300)
+    (tmp_path / "b").write_bytes(b"x")
+
+    def through(file: pathlib.Path) -> Any:
+        hub = start("exchange", "hub", stdout=-1)
+        port = int(re.findall(rb"port (\d+)", hub.process.stdout.readline())[0])
+        return hub, start("klvmsg", "record", file, "-l", 0, "-c", f"127.0.0.1:{port}", "-n", 1,
+                          "--rules", EXCHANGE)  # fmt: skip
+
+    hub, recorder = through(tmp_path / "first")
+    client = start("exchange", "client", "--port", recorder.port(), "--chunk", 4,
+                   tmp_path / "a", tmp_path / "b")  # fmt: skip
+    assert client.end()[0] == 0 and hub.process.wait(LIMIT) == 0 and recorder.end()[0] == 0
+    wanted = messages(tmp_path / "first")
+    assert [m[1] for m in wanted] == ["Hello", "Chunk", "Receipt", "Chunk", "Report", "Chunk",
+                                      "Report", "Farewell"]  # fmt: skip
+
+    hub, recorder = through(tmp_path / "second")
+    player = start("klvmsg", "replay", tmp_path / "first", "-c", f"127.0.0.1:{recorder.port()}")
+    assert player.end()[0] == 0 and hub.process.wait(LIMIT) == 0 and recorder.end()[0] == 0
+    for direction in ("to-server", "to-client"):
+        again = [m for m in messages(tmp_path / "second") if m[0] == direction]
+        assert again == [m for m in wanted if m[0] == direction]
+
+
+def test_a_choice_is_played_in_the_recorded_time(
+    start: Any, listener: socket.socket, tmp_path: pathlib.Path
+) -> None:
+    file = write_recording(tmp_path / "run", (0, 1, "to-server", "A", b"no"),
+                           (5, 1, "to-server", "A", b"1"), (5.2, 1, "to-client", "A", b"no"),
+                           (7, 2, "to-server", "A", b"2"), (7.1, 3, "to-server", "A", b"no"),
+                           (8, 1, "to-server", "B", b"3"), (9, 1, "to-server", "A", b"no"))  # fmt: skip
+    player = start("klvmsg", "replay", file, "-c", f"127.0.0.1:{listener.getsockname()[1]}", "--speed",
+                   2, "-t", "A", "-t", "B", "-n", 1, "-n", 2, "--after", 1, "--before", 8.5)  # fmt: skip
+    first = answer(listener)
+    assert read_all(first, 10) == message(b"A", framed(b"1"))
+    began = time.monotonic()
+    second = answer(listener)
+    assert time.monotonic() - began > 0.5
+    assert read_all(second) == message(b"A", framed(b"2"))
+    assert time.monotonic() - began > 1
+    assert read_all(first) == message(b"B", framed(b"3"))
+    first.close()
+    second.close()
+    assert player.end() == (0, "", "klvmsg: sent 3 messages\n")
+
+
+def test_step_by_step_each_message_waits_for_enter(
+    start: Any, listener: socket.socket, tmp_path: pathlib.Path
+) -> None:
+    file = write_recording(tmp_path / "run", *[(n, 1, "to-server", f"T{n}", b"") for n in range(3)])
+    player = start("klvmsg", "replay", file, "-c", f"127.0.0.1:{listener.getsockname()[1]}", "--step",
+                   stdin=-1)  # fmt: skip
+    player.process.stdin.write(b"\n")
+    player.process.stdin.flush()
+    sock = answer(listener)
+    assert read_all(sock, 10) == message(b"T0", framed(b""))
+    sock.settimeout(0.3)
+    with pytest.raises(socket.timeout):
+        sock.recv(1)
+    sock.settimeout(LIMIT)
+    player.process.stdin.write(b"\nq\n")
+    player.process.stdin.flush()
+    assert read_all(sock) == message(b"T1", framed(b""))
+    sock.close()
+    code, _, errors = player.end()
+    assert code == 0 and "#1 > T2 4" in errors and "sent 2 messages" in errors
+
+
+def test_failures_have_codes_and_words(
+    start: Any, listener: socket.socket, tmp_path: pathlib.Path
+) -> None:
+    good = write_recording(tmp_path / "good", (0, 1, "to-server", "A", bytes(5_000_000)))
+    cut = write_recording(tmp_path / "cut", (0, 1, "to-server", "A", b""))
+    cut.write_text(cut.read_text() + '{"time": 1, "connection": 1, "direc')
+    at = f"127.0.0.1:{listener.getsockname()[1]}"
+
+    def outcome(*arguments: object) -> Any:
+        code, _, errors = start("klvmsg", *arguments).end()
+        return code, errors
+
+    player = start("klvmsg", "replay", good, "-c", at)
+    with answer(listener) as sock:
+        read_all(sock, 100)  # and closes with the rest unread
+    code, _, errors = player.end()
+    assert code == 4 and ("not everything may have been read" in errors or "has gone" in errors)
+    small = write_recording(tmp_path / "small", (0, 1, "to-server", "A", b""))
+    player = start("klvmsg", "replay", small, "-c", at)
+    sock = answer(listener)
+    read_all(sock)
+    reset(sock)
+    code, _, errors = player.end()
+    assert code == 4 and "not everything may have been read" in errors
+    code, errors = outcome("replay", cut, "-c", at)
+    assert code == 3 and "line 2" in errors
+    assert outcome("replay", good, "-c", at, "--timeout", 0.2)[0] == 6  # nobody reads it
+    listener.close()
+    assert outcome("replay", good, "-c", at)[0] == 1
+    assert outcome("replay", tmp_path / "none", "-c", at)[0] == 3
+    assert outcome("record", tmp_path / "none" / "x", "-l", 0, "-c", at)[0] == 3
+    assert outcome("spy", "-l", "80a", "-c", at)[0] == 2
+    assert outcome("spy", "-l", 0, "-c", at, "-r", "Tick=x")[0] == 2
+    with socket.create_server(("127.0.0.1", 0)) as other:
+        assert outcome("spy", "-l", other.getsockname()[1], "-c", at)[0] == 1
+    assert outcome("spy", "--top", "-l", 0, "-c", at)[0] == 2
+
+
+def test_recording_ends_with_a_word_when_the_disk_is_full(
+    start: Any, listener: socket.socket
+) -> None:
+    recorder = start("klvmsg", "record", "/dev/full", "-l", 0, "-n", 1, "-c",
+                     f"127.0.0.1:{listener.getsockname()[1]}")  # fmt: skip
+    client = dial(recorder.port())
+    server = answer(listener)
+    wire = message(b"Note", framed(bytes(1000))) * 500
+    client.sendall(wire)
+    assert read_all(server, len(wire)) == wire
+    client.close()
+    server.close()
+    code, _, errors = recorder.end()
+    assert code == 3 and "No space left" in errors

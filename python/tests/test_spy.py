@@ -1,0 +1,221 @@
+"""What stands between two programs passes on every byte, and says what it saw."""
+
+import fcntl
+import hashlib
+import os
+import pathlib
+import pty
+import re
+import select
+import signal
+import socket
+import struct
+import termios
+import threading
+import time
+from typing import Any, Tuple
+
+import pytest
+from conftest import LIMIT, Program, answer, dial, framed, message, read_all, reset
+
+import klvmsg
+
+
+def between(
+    start: Any, listener: socket.socket, *options: str
+) -> Tuple[Program, socket.socket, socket.socket]:
+    """A spy, and the two plain sockets that it stands between."""
+    port = listener.getsockname()[1]
+    spy = start("klvmsg", "spy", "-l", 0, "-c", f"127.0.0.1:{port}", "-n", 1, *options)
+    client = dial(spy.port())
+    return spy, client, answer(listener)
+
+
+def lines(output: str) -> str:
+    """Without the times."""
+    return re.sub(r"(?m)^\d\d:\d\d:\d\d\.\d{6} ", "", output)
+
+
+def test_10000_messages_each_way_are_the_same_behind_it(start: Any, tmp_path: pathlib.Path) -> None:
+    count = 10_000
+    sent = [hashlib.sha256(b"%d" % i).hexdigest() * (i % 40) for i in range(count)]
+    (tmp_path / "lines").write_text("\n".join(sent))
+    cat = start("klvmsgcat", "-t", LIMIT, "-l", 0, "--lines", "Line", "-r", "Answer", "-n", count,
+                stdin=open(tmp_path / "lines"))  # fmt: skip
+    spy = start("klvmsg", "spy", "-l", 0, "-c", f"127.0.0.1:{cat.port()}", "-n", 1)
+    with klvmsg.connect("127.0.0.1", spy.port(), timeout=LIMIT) as peer:
+        answers = [line[::-1].encode() for line in sent]
+
+        def send() -> None:
+            for body in answers:
+                peer.send("Answer", body)
+
+        sender = threading.Thread(target=send)
+        sender.start()
+        received = [peer.receive(LIMIT) for _ in range(count)]
+        sender.join(LIMIT)
+        peer.finish(LIMIT)
+
+    def digest(bodies: Any) -> str:
+        return hashlib.sha256(b"\n".join(bodies)).hexdigest()
+
+    assert {message.type for message in received} == {"Line"}
+    assert digest(message.body for message in received) == digest(line.encode() for line in sent)
+    code, output, errors = cat.end()
+    assert (code, errors) == (0, "")
+    assert digest(line.split(" ")[2].encode() for line in output.splitlines()) == digest(answers)
+    shown = lines(spy.end()[1])
+    assert (shown.count("#1 > Answer "), shown.count("#1 < Line ")) == (count, count)
+
+
+@pytest.mark.parametrize("through_spy", [False, True])
+def test_no_header_is_cut_by_the_end_of_a_segment(
+    start: Any, listener: socket.socket, through_spy: bool
+) -> None:
+    """Not even when a receiver is slow and messages wait: each segment begins with a message."""
+    port = listener.getsockname()[1]
+    if through_spy:
+        port = start("klvmsg", "spy", "-l", 0, "-c", f"127.0.0.1:{port}", "-n", 1).port()
+    with klvmsg.connect("127.0.0.1", port) as peer, answer(listener) as slow:
+        with pytest.raises(klvmsg.TimedOut):
+            for count in range(10_000_000):
+                peer.send("Note", b"1234567", timeout=0.3)
+        received = len(read_all(slow, count * 19))
+        largest = received / struct.unpack_from("I", slow.getsockopt(6, socket.TCP_INFO, 160), 152)[0]
+    assert largest < 536, "on average, and a smaller one holds every header that begins in it"
+
+
+def test_no_byte_changes_when_the_rule_is_wrong(start: Any, listener: socket.socket) -> None:
+    spy, client, server = between(start, listener, "--rules", "Tick=4;Note=length(0,1,big)")
+    noise = message(b"Tick", bytes(8)) + os.urandom(3_000_000)
+    sender = threading.Thread(target=client.sendall, args=(noise,))
+    sender.start()
+    assert read_all(server, len(noise)) == noise
+    sender.join()
+    server.sendall(message(b"Note", b"\x03abc"))
+    assert read_all(client, 12) == message(b"Note", b"\x03abc")
+    client.close()
+    server.close()
+    code, output, _ = spy.end()
+    assert code == 0
+    shown = lines(output).splitlines()
+    assert "#1 > Tick 4" in shown and "#1 < Note 4" in shown
+    assert any(line.startswith("#1 > -- out of step: a type name of 0 bytes (00 00 00 00")
+               and line.endswith("after Tick with 4 bytes") for line in shown)  # fmt: skip
+
+
+def test_bytes_are_passed_on_at_once_and_pieces_of_a_header_soon(
+    start: Any, listener: socket.socket
+) -> None:
+    spy, client, server = between(start, listener)
+    wire = message(b"Note", framed(b"hello"))
+    for byte in wire * 2:  # nothing may wait for the byte that comes after it
+        client.sendall(bytes([byte]))
+        assert read_all(server, 1) == bytes([byte])
+    for byte in wire:  # what waits for the rest of a header is not lost when that comes in pieces too
+        client.sendall(bytes([byte]))
+        time.sleep(0.001)
+    assert read_all(server, len(wire)) == wire
+    server.sendall(b"\7")
+    assert read_all(client, 1) == b"\7"
+    client.shutdown(socket.SHUT_WR)
+    assert read_all(server) == b""
+    server.sendall(wire[:9])
+    server.close()
+    assert read_all(client) == wire[:9]
+    shown = lines(spy.end()[1])
+    assert shown.count("#1 > Note 9\n") == 3 and "#1 > -- ended\n" in shown
+    assert "#1 < -- out of step" in shown
+
+
+def test_a_reset_is_passed_on_after_what_came_before_it(
+    start: Any, listener: socket.socket
+) -> None:
+    spy, client, server = between(start, listener)
+    client.sendall(message(b"Note", framed(bytes(500_000))) + message(b"Note", framed(b"xyz"))[:-1])
+    while fcntl.ioctl(client, termios.TIOCOUTQ, bytes(4)) != bytes(4):
+        time.sleep(0.01)  # what has not left the client would be lost without spy too
+    reset(client)
+    received = b""
+    with pytest.raises(ConnectionResetError):
+        while True:
+            time.sleep(0.01)
+            piece = server.recv(50_000)
+            assert piece
+            received += piece
+    assert received.endswith(b"\3\0\0\0xy")
+    shown = lines(spy.end()[1])
+    assert "#1 > Note 500004\n" in shown
+    assert "#1 > -- ended: Connection reset by peer, in the middle of a message: Note, 6 of 7" in shown
+
+
+def test_a_server_that_is_not_there_resets_the_client(start: Any) -> None:
+    with socket.create_server(("127.0.0.1", 0)) as gone:
+        port = gone.getsockname()[1]
+    spy = start("klvmsg", "spy", "-l", 0, "-c", f"127.0.0.1:{port}", "-n", 1)
+    client = dial(spy.port())
+    with pytest.raises(ConnectionResetError):
+        read_all(client)
+    assert f"#1   -- failed: cannot connect to 127.0.0.1:{port}: Connection refused" in spy.end()[1]
+
+
+def test_it_goes_on_when_nobody_reads_its_lines(start: Any, listener: socket.socket) -> None:
+    reading, writing = os.pipe()
+    port = listener.getsockname()[1]
+    spy = start("klvmsg", "spy", "-l", 0, "-c", f"127.0.0.1:{port}", "-n", 2, stdout=writing)
+    os.close(writing)
+    entrance = spy.port()
+    stalled, other = dial(entrance), answer(listener)
+    many = message(b"Note", framed(b"")) * 20_000  # their lines are more than a pipe takes
+    sender = threading.Thread(target=stalled.sendall, args=(many,))
+    sender.start()
+    assert read_all(other, len(many)) == many
+    os.close(reading)
+    sender.join()
+    client, server = dial(entrance), answer(listener)
+    client.sendall(many)
+    assert read_all(server, len(many)) == many
+    for sock in (stalled, other, client, server):
+        sock.close()
+    code, _, errors = spy.end()
+    assert code == 0 and "no more lines are printed" in errors
+
+
+def test_names_do_nothing_to_the_terminal(start: Any, listener: socket.socket) -> None:
+    spy, client, server = between(start, listener, "--bodies", "4")
+    for name in (b"\x1b[31m\r\nforged", "\u202eright\u009b2J".encode(), b"\xff\\", "Gr\u00fc\u00dfe".encode()):
+        client.sendall(message(name, framed(b"\x1b")))
+    client.close()
+    read_all(server)
+    server.close()
+    shown = lines(spy.end()[1])
+    assert "\x1b" not in shown and "\u202e" not in shown and "\u009b" not in shown
+    assert "#1 > \\x1b[31m\\x0d\\x0aforged 5 \\x01\\x00\\x00\\x00...\n" in shown
+    assert "#1 > \\xe2\\x80\\xaeright\\xc2\\x9b2J 5" in shown
+    assert "#1 > \\xff\\x5c 5" in shown and "#1 > Gr\u00fc\u00dfe 5" in shown
+
+
+def test_the_live_table_counts(start: Any, listener: socket.socket) -> None:
+    pytest.importorskip("rich")
+    main, terminal = pty.openpty()
+    port = listener.getsockname()[1]
+    spy = start("klvmsg", "spy", "--top", "-l", 0, "-c", f"127.0.0.1:{port}", stdout=terminal)
+    os.close(terminal)
+    client, server = dial(spy.port()), answer(listener)
+    wire = message(b"No\x1bte[b]", framed(bytes(96))) * 1234
+    client.sendall(wire)
+    server.sendall(message(b"Back", framed(b"")))
+    read_all(server, len(wire)), read_all(client, 12)
+    time.sleep(1)
+    spy.process.send_signal(signal.SIGTERM)
+    picture = b""
+    try:
+        while select.select([main], [], [], LIMIT)[0]:
+            picture += os.read(main, 65536)
+    except OSError:
+        pass  # the terminal's other end is closed
+    os.close(main)
+    assert spy.process.wait(LIMIT) == 0
+    last = picture.decode()[picture.decode().rindex("klvmsg spy") :]
+    assert re.search(r"#1 +server +No\\x1bte\[b\] +1,234 ", last), last
+    assert re.search(r"#1 +client +Back +1 ", last), last
