@@ -20,7 +20,7 @@ need_packages cmake g++ make binutils abigail-tools
 build=build/abi
 mkdir -p "$build"
 libraries=(KLVBase KLVMsgCommModules)
-own='^(KLV|omi_|mem_|aio_|(VORFatalError|BtreeCompare|Startup|endl|printError)\()'
+own='^(void )?(KLV|omi_|mem_|aio_|(VORFatalError|BtreeCompare|Startup|endl|printError)\()'
 
 # Always built the same way, and with no path of this machine in the debugging information.
 if ! { cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=None -DCMAKE_CXX_COMPILER=g++ \

@@ -69,12 +69,12 @@ TEST(Channel, SharesLabelAndLifeWithItsConnection) {
 }
 
 TEST(Channel, ElementFunctionsComeFromTheLibrary) {
-    for (const char* name : {"21KLVBasStandardDestroyI13KLVMsgChannelEvPv",
-                             "21KLVBasStandardDestroyI22KLVMsgChannelMsgStructEvPv",
-                             "18KLVBasStandardCopyI13KLVMsgChannelEvPvPKv",
-                             "18KLVBasStandardCopyI22KLVMsgChannelMsgStructEvPvPKv",
-                             "13KLVBasPODCopyIjEvPvPKv", "13KLVBasPODCopyIiEvPvPKv",
-                             "13KLVBasPODCopyIPvEvS0_PKv"}) {
+    for (const char* name :
+         {"21KLVBasStandardDestroyI13KLVMsgChannelEvPv",
+          "21KLVBasStandardDestroyI22KLVMsgChannelMsgStructEvPv",
+          "18KLVBasStandardCopyI13KLVMsgChannelEvPvPKv",
+          "18KLVBasStandardCopyI22KLVMsgChannelMsgStructEvPvPKv", "13KLVBasPODCopyIjEvPvPKv",
+          "13KLVBasPODCopyIiEvPvPKv", "13KLVBasPODCopyIPvEvS0_PKv"}) {
         EXPECT_NE(nullptr, dlsym(RTLD_DEFAULT, ("_Z" + std::string(name)).c_str())) << name;
     }
 }

@@ -69,10 +69,10 @@ private:
         Departure(const Departure& other) { *this = other; }
         Departure& operator=(const Departure& other);
 
-        std::atomic<int> holds{0};     // how many must end first
-        std::atomic<int> waits{0};     // the same, for waits
-        int closed = -1;               // the descriptor that Close has closed, -1: none
-        bool inputOpen = false;        // the direction flags as Close left them
+        std::atomic<int> holds{0};  // how many must end first
+        std::atomic<int> waits{0};  // the same, for waits
+        int closed = -1;            // the descriptor that Close has closed, -1: none
+        bool inputOpen = false;     // the direction flags as Close left them
         bool outputOpen = false;
         bool departing = false;        // to be closed or destroyed when all holds have ended
         bool closing = false;          // being closed at the moment

@@ -191,9 +191,14 @@ void ConnectAndEnd(int self) {
         Pause(5);
         KLVMsgChannelQueryByLabel query(label.c_str());
         switch (Random(3)) {
-            case 0: Communicator().RemoveConnection(&query, true); break;
-            case 1: stays ? channel.Shutdown() : void(); break;  // else it may be somebody else's
-            default: break;  // left dead or alive; the next connection may get its number
+            case 0:
+                Communicator().RemoveConnection(&query, true);
+                break;
+            case 1:
+                stays ? channel.Shutdown() : void();
+                break;  // else it may be somebody else's
+            default:
+                break;  // left dead or alive; the next connection may get its number
         }
         while (Communicator().QueryPendingStatus(id)) {
             Pause(1);  // the message is ours until then

@@ -16,7 +16,9 @@ KLVString KLVMsgChannel::GetLabel() const {
     return label;
 }
 
-void KLVMsgChannel::SetLabel(const KLVString& label) { KLVMsgRegistry().SetName(connection, label); }
+void KLVMsgChannel::SetLabel(const KLVString& label) {
+    KLVMsgRegistry().SetName(connection, label);
+}
 
 KLVMsgSocket* KLVMsgChannel::GetSocket() const { return KLVMsgRegistry().GetSocket(connection); }
 

@@ -29,7 +29,8 @@ void KLVMsgChannelOrganizer::LookupChannel(KLVMsgChannelQuery* query,
 void KLVMsgChannelOrganizer::RemoveChannel(KLVMsgChannel& channel, bool) {
     // A copy, since `channel` may be an entry: then another one moves up into its place.
     KLVMsgChannel removed = channel;
-    const bool isEntry = KLVMsgIsEntry(channels, channel) || KLVMsgIsEntry(waitable.channels, channel);
+    const bool isEntry =
+        KLVMsgIsEntry(channels, channel) || KLVMsgIsEntry(waitable.channels, channel);
     KLVMsgEraseFirst(channels, removed.connection);
     KLVMsgEraseFirst(waitable.channels, removed.connection);
     removed.Shutdown();

@@ -1,36 +1,54 @@
 #include "KLVMsgNotedNumbers.h"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
-#include <utility>
+#include <vector>
+
+namespace {
+
+struct Note {
+    int number;
+};
+
+}  // namespace
 
 static std::mutex mutex;
-static std::vector<int> noted;
-std::atomic<bool> KLVMsgNumbersAreNoted{false};
+static std::vector<Note> notes;
+static std::atomic<bool> anyNoted{false};
 
 // Requires: the mutex is held.
 static bool IsNoted(int number) {
-    return std::find(noted.begin(), noted.end(), number) != noted.end();
+    return std::any_of(notes.begin(), notes.end(),
+                       [number](const Note& note) { return note.number == number; });
 }
 
 void KLVMsgNoteNumber(int number) {
     const std::lock_guard<std::mutex> lock(mutex);
     if (!IsNoted(number)) {
-        noted.push_back(number);
+        notes.push_back({number});
     }
-    KLVMsgNumbersAreNoted = true;
+    anyNoted = true;
 }
 
 bool KLVMsgIsNoted(int number) {
-    if (!KLVMsgNumbersAreNoted) {
+    if (!anyNoted) {
         return false;
     }
     const std::lock_guard<std::mutex> lock(mutex);
     return IsNoted(number);
 }
 
-std::vector<int> KLVMsgTakeNotedNumbers() {
+bool KLVMsgTakeNote(int& number) {
+    if (!anyNoted) {
+        return false;
+    }
     const std::lock_guard<std::mutex> lock(mutex);
-    KLVMsgNumbersAreNoted = false;
-    return std::exchange(noted, {});
+    if (notes.empty()) {
+        return false;
+    }
+    number = notes.back().number;
+    notes.pop_back();
+    anyNoted = !notes.empty();
+    return true;
 }

@@ -7,17 +7,11 @@
 // The notes have a mutex of their own, the last lock that a thread takes.
 #pragma once
 
-#include <atomic>
-#include <vector>
-
 // Notes a number, once. Takes memory: std::bad_alloc notes nothing.
 void KLVMsgNoteNumber(int number);
-
-// True when there are notes.
-extern std::atomic<bool> KLVMsgNumbersAreNoted;
 
 // True when this number is noted.
 bool KLVMsgIsNoted(int number);
 
-// Hands over all notes and forgets them. Takes no memory.
-std::vector<int> KLVMsgTakeNotedNumbers();
+// Takes one note back and sets `number` to it; false when there is none.
+bool KLVMsgTakeNote(int& number);

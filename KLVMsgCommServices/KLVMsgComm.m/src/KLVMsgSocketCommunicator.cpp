@@ -32,9 +32,7 @@ static const unsigned pollMilliseconds = 20;
 // been given out anew are noted, and what is known under them is about connections that have gone.
 class KLVMsgSocketCommunicator::Operation {
 public:
-    explicit Operation(KLVMsgSocketCommunicator& communicator) {
-        communicator.ForgetNoted();
-    }
+    explicit Operation(KLVMsgSocketCommunicator& communicator) { communicator.ForgetNoted(); }
 
 private:
     const KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator> m_lock;
@@ -52,17 +50,15 @@ KLVMsgSocketCommunicator::~KLVMsgSocketCommunicator() {
 // Requires, as the next three do: the lock is held. With the registry's lock held as well no number is
 // noted until that is released.
 void KLVMsgSocketCommunicator::ForgetNoted() {
-    if (KLVMsgNumbersAreNoted) {
-        for (const int number : KLVMsgTakeNotedNumbers()) {
-            Forget(number);
-            KLVMsgEraseEvery(m_organizer.waitable.newChannels, number);
-        }
+    for (int number = 0; KLVMsgTakeNote(number);) {
+        Forget(number);
+        KLVMsgEraseEvery(m_organizer.waitable.newChannels, number);
     }
 }
 
 // The same after a wait, whose accepts are noted too: these are about to be made known.
 void KLVMsgSocketCommunicator::ForgetReplaced() {
-    for (const int number : KLVMsgTakeNotedNumbers()) {
+    for (int number = 0; KLVMsgTakeNote(number);) {
         Forget(number);
     }
 }

@@ -95,8 +95,8 @@ void KLVMsgSocketHold::AwaitClosedListeners() {
     Lock lock(mutex);
     departed.wait_for(lock, std::chrono::seconds(1), [] {
         KLVMsgSocket* socket = departing;
-        while (socket != nullptr && (socket->m_departure.toClose == -1 ||
-                                     KLVMsgAsServerSocket(socket) == nullptr)) {
+        while (socket != nullptr &&
+               (socket->m_departure.toClose == -1 || KLVMsgAsServerSocket(socket) == nullptr)) {
             socket = socket->m_departure.next;
         }
         return socket == nullptr;
