@@ -28,7 +28,7 @@ public:
     // The instance, made on first use with the in-house allocator; owned by the template until
     // Finalize. Takes no lock. An exception of T's constructor, or std::bad_alloc, passes through
     // and leaves no instance behind.
-    static T* Instance();
+    static T* Instance() { return m_instance != nullptr ? m_instance : Make(); }
 
     // Destroys the instance, then the lock. Does nothing for whichever is not there. The next
     // Instance makes both anew.
@@ -46,6 +46,7 @@ protected:
     ~KLVBasAtiGlobalSingleton() {}
 
 private:
+    static T* Make();
     static void Assert(bool holds, const char* text, int line);
 
     static T* m_instance;
@@ -69,10 +70,7 @@ template <class T>
 KLVBasAtiMutex* KLVBasAtiGlobalSingleton<T>::m_lock = nullptr;
 
 template <class T>
-T* KLVBasAtiGlobalSingleton<T>::Instance() {
-    if (m_instance != nullptr) {
-        return m_instance;
-    }
+T* KLVBasAtiGlobalSingleton<T>::Make() {
     static_assert(alignof(T) <= alignof(std::max_align_t), "the allocator aligns no further");
     void* const memory = mem_OperatorNewThrow(sizeof(T));
     try {

@@ -39,7 +39,7 @@ public:
         return *this;
     }
 
-    // Changes texts with `other`.
+    // Exchanges texts with `other`.
     KLVString& operator=(KLVString&& other) noexcept {
         std::swap(m_shared, other.m_shared);
         return *this;
@@ -59,7 +59,9 @@ public:
 
     // Compares byte by byte as unsigned values; a prefix sorts first. The result is negative when
     // this string sorts before `other`, 0 when both are equal, positive otherwise.
-    int Compare(const KLVString& other) const noexcept;
+    int Compare(const KLVString& other) const noexcept {
+        return m_shared == other.m_shared ? 0 : CompareBytes(other);
+    }
 
     // Appends the decimal text of `number`.
     KLVString& operator+=(int number);
@@ -81,6 +83,8 @@ private:
 
     // Frees a block whose last holder is gone.
     static void Destroy(Shared* shared) noexcept;
+
+    int CompareBytes(const KLVString& other) const noexcept;
 
     // Null, the empty string, is never counted.
     static Shared* Acquire(Shared* shared) noexcept {

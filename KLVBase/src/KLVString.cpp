@@ -39,7 +39,7 @@ KLVString::KLVString(const char* text, int length)
     : m_shared(text == nullptr || length < 1 ? nullptr
                                              : CopyOf(text, static_cast<std::size_t>(length))) {}
 
-int KLVString::Compare(const KLVString& other) const noexcept {
+int KLVString::CompareBytes(const KLVString& other) const noexcept {
     if (m_shared == other.m_shared) {
         return 0;
     }

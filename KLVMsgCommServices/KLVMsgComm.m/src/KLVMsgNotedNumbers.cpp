@@ -1,7 +1,6 @@
 #include "KLVMsgNotedNumbers.h"
 
 #include <algorithm>
-#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -15,7 +14,7 @@ struct Note {
 
 static std::mutex mutex;
 static std::vector<Note> notes;
-static std::atomic<bool> anyNoted{false};
+std::atomic<bool> KLVMsgAnyNoted{false};
 
 // Requires: the mutex is held.
 static bool IsNoted(int number) {
@@ -28,11 +27,11 @@ void KLVMsgNoteNumber(int number) {
     if (!IsNoted(number)) {
         notes.push_back({number});
     }
-    anyNoted = true;
+    KLVMsgAnyNoted = true;
 }
 
 bool KLVMsgIsNoted(int number) {
-    if (!anyNoted) {
+    if (!KLVMsgAnyNoted) {
         return false;
     }
     const std::lock_guard<std::mutex> lock(mutex);
@@ -40,15 +39,12 @@ bool KLVMsgIsNoted(int number) {
 }
 
 bool KLVMsgTakeNote(int& number) {
-    if (!anyNoted) {
-        return false;
-    }
     const std::lock_guard<std::mutex> lock(mutex);
     if (notes.empty()) {
         return false;
     }
     number = notes.back().number;
     notes.pop_back();
-    anyNoted = !notes.empty();
+    KLVMsgAnyNoted = !notes.empty();
     return true;
 }

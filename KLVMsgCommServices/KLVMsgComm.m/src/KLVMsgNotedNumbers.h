@@ -7,6 +7,11 @@
 // The notes have a mutex of their own, the last lock that a thread takes.
 #pragma once
 
+#include <atomic>
+
+// True when there are notes. Looked at by every operation of the communicator.
+extern std::atomic<bool> KLVMsgAnyNoted;
+
 // Notes a number, once. Takes memory: std::bad_alloc notes nothing.
 void KLVMsgNoteNumber(int number);
 

@@ -46,7 +46,7 @@ public:
     static bool ClosesNow(KLVMsgSocket& socket);
 
     // True when the socket has closed the descriptor that it has, and nobody has put in another one.
-    static bool HasClosed(KLVMsgSocket& socket);
+    [[gnu::cold]] static bool HasClosed(KLVMsgSocket& socket);
 
     // A descriptor has been put into the socket, which owns it.
     static void Renew(KLVMsgSocket& socket);
@@ -74,7 +74,7 @@ private:
     static bool Departs(KLVMsgSocket& socket);
     static KLVMsgSocket* FirstFree();
     static void Remove(KLVMsgSocket& socket);
-    static void Settle();
+    [[gnu::cold]] static void Settle();  // out of the way of what ends a hold
 
     // How many sockets wait for the end of a hold. A hold ends before this is looked at, and a socket
     // is counted here before its holds are looked at: of the two threads one sees the other.
