@@ -32,7 +32,11 @@ static const unsigned pollMilliseconds = 20;
 // been given out anew are noted, and what is known under them is about connections that have gone.
 class KLVMsgSocketCommunicator::Operation {
 public:
-    explicit Operation(KLVMsgSocketCommunicator& communicator) { communicator.ForgetNoted(); }
+    explicit Operation(KLVMsgSocketCommunicator& communicator) {
+        if (KLVMsgAnyNoted) {
+            communicator.ForgetNoted();
+        }
+    }
 
 private:
     const KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator> m_lock;
@@ -50,7 +54,7 @@ KLVMsgSocketCommunicator::~KLVMsgSocketCommunicator() {
 // Requires, as the next three do: the lock is held. With the registry's lock held as well no number is
 // noted until that is released.
 void KLVMsgSocketCommunicator::ForgetNoted() {
-    for (int number = 0; KLVMsgTakeNote(number);) {
+    for (int number = 0; KLVMsgAnyNoted && KLVMsgTakeNote(number);) {
         Forget(number);
         KLVMsgEraseEvery(m_organizer.waitable.newChannels, number);
     }
@@ -58,7 +62,7 @@ void KLVMsgSocketCommunicator::ForgetNoted() {
 
 // The same after a wait, whose accepts are noted too: these are about to be made known.
 void KLVMsgSocketCommunicator::ForgetReplaced() {
-    for (int number = 0; KLVMsgTakeNote(number);) {
+    for (int number = 0; KLVMsgAnyNoted && KLVMsgTakeNote(number);) {
         Forget(number);
     }
 }
