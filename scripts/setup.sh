@@ -73,12 +73,14 @@ is_there() {  # PACKAGE
     graphviz) command -v dot ;;
     iproute2) command -v ip ;;
     libbenchmark-dev) has_header benchmark/benchmark.h ;;
+    libclang-rt-*) [ -e "$(clang++ -print-resource-dir)/lib/linux/libclang_rt.fuzzer-$(uname -m).a" ] ;;
     libboost-dev) has_header boost/asio.hpp ;;
     libc++-dev) CXX=clang++ has_header __config -stdlib=libc++ ;;
     libgtest-dev) has_header gtest/gtest.h ;;
     libnng-dev) has_header nng/nng.h ;;
     libzmq3-dev) has_header zmq.h ;;
     python3) python3 -c 'import json' 2>/dev/null ;;
+    python3-*) /usr/bin/python3 -c "import ${1#python3-}" 2>/dev/null ;;
     *) command -v "$1" ;;
   esac >/dev/null
 }
