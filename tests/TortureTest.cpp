@@ -238,7 +238,7 @@ private:
         Do("Send", [&] { Communicator().ISendSocketMessage(&label, &m_message, m_ids); });
         Do("Send", [&] { Communicator().ISendSocketMessage("accepted", &m_message, id); });
         Do("Pending", [&] { Communicator().QueryPendingStatus(m_ids, m_pending); });
-        Expect(m_ids.Size(), m_pending.Size(), "pending");
+        Expect(VectorOf(m_ids), VectorOf(m_pending), "pending");
         Move("Transmit", [] { Communicator().TransmitPendingMessage(); });
         EXPECT_FALSE(Communicator().QueryPendingStatus(m_id)) << "also when it was cut short";
         Cycle();
