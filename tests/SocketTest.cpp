@@ -85,7 +85,9 @@ TEST(StreamSocket, FailedConnectKeepsItsDescriptorUntilShutdown) {
     const Asked asked;
     socket.Connect(Address("", 0));
     EXPECT_EQ("127.0.0.1 0", asked.last);
+    const FailingCall closing("close", EIO);
     socket.Shutdown();
+    EXPECT_EQ("closed " + std::to_string(EIO), State(socket));
 }
 
 TEST(StreamSocket, ConnectEndsTheOldConnectionFirst) {
