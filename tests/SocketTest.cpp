@@ -6,6 +6,7 @@
 #include <cstring>
 #include <set>
 
+#include "Faults.h"
 #include "Support.h"
 #include "SystemCalls.h"
 
@@ -220,6 +221,18 @@ TEST(ServerSocket, ListensEvenWhenTheBindFailed) {
     KLVMsgServerSocket third(Address("", taken.Port()), 16);
     EXPECT_EQ(EOPNOTSUPP, third.lastError);
     third.Shutdown();
+}
+
+TEST(Socket, ShortMemoryChangesNothing) {
+    ConnectedPair pair;
+    const Address taken("127.0.0.1", pair.listener.Port());
+    KLVMsgCommSocket unbound{Address()};
+    const auto show = [&] {
+        return State(*pair.socket) + State(unbound) + std::to_string(unbound.address.port);
+    };
+    EXPECT_EQ(1, ShortMemoryChangesNothing([&] { pair.socket->Connect(taken); }, show));
+    EXPECT_EQ(1, ShortMemoryChangesNothing([&] { unbound.BindLocalAddress(taken); }, show));
+    unbound.Shutdown();
 }
 
 TEST(ErrorText, IsTheSystemsOwnInOneLine) {
