@@ -160,12 +160,6 @@ private:
     void SetUp() {
         Communicator().SetDefaultInputStream(&m_input);
         Communicator().SetDefaultOutputStream(&m_output);
-        KLVMsgMessageQueryByType texts("Text");
-        for (int i = 0; i < 8; ++i) {  // makes room in the inbox
-            Communicator().AddMessage({KLVMsgChannel(), &m_message, 0});
-        }
-        Communicator().IRetrieveMessages(&texts, m_messages);
-        m_messages.Clear();
         Do("Register", [&] { Communicator().RegisterMessagePrototype("Text", &m_prototype); });
         KLVMsgServerSocket* server = nullptr;
         while (server == nullptr) {
@@ -189,7 +183,7 @@ private:
                 setsockopt(socket->descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
             }
             Do("Channel", [&] { channel = KLVMsgChannel(socket, label); });
-            Communicator().AddConnection(channel, true);
+            Do("AddConnection", [&] { Communicator().AddConnection(channel, true); });
         }
         return channel;
     }
@@ -326,7 +320,7 @@ private:
 
     TextMessage m_prototype{"Text"}, m_message{"Text", "text"};
     KLVMsgSimpleInputStream m_input;
-    KLVMsgBufferedOutputStream m_output{64};
+    KLVMsgBufferedOutputStream m_output{4};
     Address m_address;
     KLVMsgChannel m_server, m_client, m_accepted;
     KLVBasVector<KLVMsgChannel> m_channels;
