@@ -231,10 +231,12 @@ private:
         Do("Send", [&] { Communicator().ISendSocketMessage(nullptr, &m_message, m_ids); });
         Do("Send", [&] { Communicator().ISendSocketMessage(&label, &m_message, m_ids); });
         Do("Send", [&] { Communicator().ISendSocketMessage("accepted", &m_message, id); });
+        Do("Send", [&] { Communicator().ISendSocketMessage(nullptr, &m_message, m_ids); });
         Do("Pending", [&] { Communicator().QueryPendingStatus(m_ids, m_pending); });
         Expect(VectorOf(m_ids), VectorOf(m_pending), "pending");
         Move("Transmit", [] { Communicator().TransmitPendingMessage(); });
         EXPECT_FALSE(Communicator().QueryPendingStatus(m_id)) << "also when it was cut short";
+        Cycle();
         Cycle();
         Cycle();
         std::optional<KLVMsgChannelWaitable> own;
@@ -243,7 +245,7 @@ private:
         auto* const added = new TextMessage("Text", "added");
         Do("AddMessage", [&] { Communicator().AddMessage({m_client, added, 0}); });
         Do("Retrieve", [&] { Communicator().IRetrieveMessagesWithChannel(&texts, m_records); });
-        Expect<std::size_t>(6, m_records.Size(), "received");
+        Expect<std::size_t>(8, m_records.Size(), "received");
         for (const KLVMsgChannelMsgStruct& record : VectorOf(m_records)) {
             Expect<std::string>(record.message == added ? "added" : "text", TextOf(record.message),
                                 "text");
