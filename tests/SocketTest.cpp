@@ -6,6 +6,7 @@
 #include <cstring>
 #include <set>
 
+#include "Faults.h"
 #include "Support.h"
 #include "SystemCalls.h"
 
@@ -85,7 +86,9 @@ TEST(StreamSocket, FailedConnectKeepsItsDescriptorUntilShutdown) {
     const Asked asked;
     socket.Connect(Address("", 0));
     EXPECT_EQ("127.0.0.1 0", asked.last);
+    const FailingCall closing("close", EIO);
     socket.Shutdown();
+    EXPECT_EQ("closed " + std::to_string(EIO), State(socket));
 }
 
 TEST(StreamSocket, ConnectEndsTheOldConnectionFirst) {
@@ -225,6 +228,18 @@ TEST(ServerSocket, ListensEvenWhenTheBindFailed) {
     KLVMsgServerSocket third(Address("", taken.Port()), 16);
     EXPECT_EQ(EOPNOTSUPP, third.lastError);
     third.Shutdown();
+}
+
+TEST(Socket, ShortMemoryChangesNothing) {
+    ConnectedPair pair;
+    const Address taken("127.0.0.1", pair.listener.Port());
+    KLVMsgCommSocket unbound{Address()};
+    const auto show = [&] {
+        return State(*pair.socket) + State(unbound) + std::to_string(unbound.address.port);
+    };
+    EXPECT_EQ(1, ShortMemoryChangesNothing([&] { pair.socket->Connect(taken); }, show));
+    EXPECT_EQ(1, ShortMemoryChangesNothing([&] { unbound.BindLocalAddress(taken); }, show));
+    unbound.Shutdown();
 }
 
 TEST(ErrorText, IsTheSystemsOwnInOneLine) {

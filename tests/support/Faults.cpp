@@ -63,7 +63,7 @@ void* mem_OperatorNewThrowBuiltin(std::size_t size) {
 
 void* mem_Malloc(std::size_t size) {
     static auto* const next = Next(&mem_Malloc, "_Z10mem_Mallocm");
-    if (Fails() || size > 1U << 30) {
+    if (Fails() || size > 1U << 30 || !WatchedMutex::available) {
         refusedSize = size;
         return nullptr;
     }
@@ -106,6 +106,6 @@ void WatchedMutex::Unlock() {
 KLVBasAtiMutex* KLVBasAtiThreadingModel::newMutex() {
     static auto* const next = Next(&newMutex, "_ZN23KLVBasAtiThreadingModel8newMutexEv");
     const Exempt exempt;
-    KLVBasAtiMutex* const mutex = WatchedMutex::available ? next() : nullptr;
+    KLVBasAtiMutex* const mutex = next();
     return mutex == nullptr ? nullptr : new WatchedMutex(mutex);
 }

@@ -95,7 +95,7 @@ public:
     std::atomic<bool> held{false};
 
     static inline thread_local WatchedMutex* last = nullptr;  // the one that this thread took last
-    static inline bool available = true;                      // false: no mutex can be made
+    static inline bool available = true;                      // false: there is no memory for one
 
 private:
     const std::unique_ptr<KLVBasAtiMutex> m_mutex;

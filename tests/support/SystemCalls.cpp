@@ -52,10 +52,10 @@ Result PassOn(Result (*)(Parameters...), SystemCall& call, const void* data,
     auto* const next = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, call.name.c_str()));
     const std::optional<long> answer = Ask(call, data);
     if (!answer) {
-        return next(arguments...);
+        return next(static_cast<Parameters>(arguments)...);
     }
     if (call.name == "close") {
-        next(arguments...);  // one that fails has closed all the same
+        next(static_cast<Parameters>(arguments)...);  // one that fails has closed all the same
     }
     errno = *answer < 0 ? static_cast<int>(-*answer) : errno;
     return static_cast<Result>(std::max(*answer, -1L));
