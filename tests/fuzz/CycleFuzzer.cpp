@@ -1,49 +1,58 @@
 // Bytes from a peer, for libFuzzer: into the header reader and the whole cycle. The first byte says how
 // the peer ends the connection; what follows it is sent. However it goes, a good peer is served after it.
+#include <KLVMsgCommModules.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-
-#include "Support.h"
+#include <string>
 
 namespace {
 
-// Reads its body in pieces of a fixed size until there is no more: a body without an end of its own.
-struct GreedyMessage : TextMessage {
-    using TextMessage::TextMessage;
-    int ReadMessage(KLVMsgInputStream* stream) override {
-        char piece[7];
-        int count = 0;
-        do {
-            stream->read(piece, sizeof piece, count = 0);
-        } while (count > 0);
-        return 1;
-    }
-    KLVMsgSocketMessage* NewInstance() override { return new GreedyMessage(type); }
-};
+// How a message class reads its body: a length and so many bytes, or whatever comes, in small pieces.
+enum class Body { Framed, Endless };
 
-// Asks for a body whose length is believed, but for the largest ones.
-struct BoundedMessage : TextMessage {
-    using TextMessage::TextMessage;
+class FuzzedMessage : public KLVMsgSocketMessage {
+public:
+    FuzzedMessage(const char* type, Body body) : m_type(type), m_body(body) {}
+
+    int WriteMessage(KLVMsgOutputStream*) override { return 0; }
     int ReadMessage(KLVMsgInputStream* stream) override {
-        unsigned int length = 0;
+        unsigned int length = 7;
         int count = 0;
-        stream->read(&length, sizeof length, count);
-        if (count != sizeof length || length > 4096) {
-            return 0;
+        if (m_body == Body::Framed) {
+            stream->read(&length, sizeof length, count);
+            if (count != sizeof length || length > 4096) {
+                return 0;
+            }
         }
-        text.resize(length);
-        stream->read(text.data(), static_cast<int>(length), count);
+        std::string bytes(length, '\0');
+        do {
+            count = 0;
+            stream->read(bytes.data(), static_cast<int>(length), count);
+        } while (m_body == Body::Endless && count > 0);
         return 1;
     }
-    KLVMsgSocketMessage* NewInstance() override { return new BoundedMessage(type); }
+    KLVMsgSocketMessage* NewInstance() override { return new FuzzedMessage(m_type, m_body); }
+    KLVString GetMessageType() const override { return m_type; }
+
+private:
+    const char* m_type;
+    Body m_body;
 };
 
-BoundedMessage empty("\x01"), text("Text");
-GreedyMessage greedy("Greedy");
+FuzzedMessage shortest("T", Body::Framed), framed("Framed", Body::Framed),
+    endless("Endless", Body::Endless);
 KLVMsgSimpleInputStream input;
+
+KLVMsgSocketCommunicator& Communicator() {
+    return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
+}
+
+KLVMsgConnectionServicesUtils& Registry() {
+    return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
+}
 
 void Require(bool holds, const char* what) {
     if (!holds) {
@@ -76,7 +85,7 @@ std::size_t Feed(const char* bytes, std::size_t size, bool reset) {
     Communicator().RemoveConnection(&query, true);
 
     std::size_t count = 0;
-    for (const char* type : {"\x01", "Text", "Greedy"}) {
+    for (const char* type : {"T", "Framed", "Endless"}) {
         KLVMsgMessageQueryByType ofType(type);
         KLVBasVector<KLVMsgSocketMessage*> messages;
         Communicator().IRetrieveMessages(&ofType, messages);
@@ -91,20 +100,19 @@ std::size_t Feed(const char* bytes, std::size_t size, bool reset) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     Communicator().SetDefaultInputStream(&input);
-    for (TextMessage* prototype : {static_cast<TextMessage*>(&empty),
-                                   static_cast<TextMessage*>(&text),
-                                   static_cast<TextMessage*>(&greedy)}) {
-        Communicator().RegisterMessagePrototype(prototype->type.c_str(), prototype);
-    }
+    Communicator().RegisterMessagePrototype("T", &shortest);
+    Communicator().RegisterMessagePrototype("Framed", &framed);
+    Communicator().RegisterMessagePrototype("Endless", &endless);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
     if (size != 0 && size < 60000) {
         Feed(reinterpret_cast<const char*>(data) + 1, size - 1, data[0] % 2 == 1);
-        const std::string good = TextBytes("Text", "good");
-        Require(Feed(good.data(), good.size(), false) == 1, "a good peer was not served");
-        Require(OpenDescriptors() < 20, "descriptors are left");
+        Require(Feed("\1\0\0\0T\2\0\0\0ok", 11, false) == 1, "a good peer was not served");
+        const int next = dup(0);
+        Require(next < 20, "descriptors are left");
+        close(next);
     }
     return 0;
 }
