@@ -25,51 +25,27 @@ void RestartTimeLimit() {
 
 // Opening -----------------------------------------------------------------------------------------
 
-[[noreturn]] void FailToOpen(const char* what, const Options& options, int number) {
-    int code = 0;
-    Registry().GetLastErrorCode(number, code);
-    KLVString text("the host is unknown, or there is no socket for it");
-    if (number != -1) {
-        KLVMsgSocketErrorInfo(code, text);
-    }
-    Registry().ShutDownConnection(number);
-    throw Failure{kNoConnection, std::string("cannot ") + what + " " + options.host + ":" +
-                                     std::to_string(options.port) + ": " + text.Text()};
-}
-
-// The socket is connected directly rather than through the registry's ConnectToServer, which would
-// take the cause of a failure away with the socket. The registry owns it either way.
-KLVMsgChannel Connect(const Options& options) {
-    const KLVMsgSocketAddress address(options.host.c_str(), options.port);
-    auto* const socket = new KLVMsgCommSocket(address);
-    socket->Connect(address);
-    Registry().AddConnection(socket);
-    if (!socket->IsConnected()) {
-        FailToOpen("connect to", options, socket->descriptor);
-    }
-    return KLVMsgChannel(socket, "peer");
-}
-
 // The first peer that connects; the next ones are refused.
-KLVMsgChannel AwaitPeer(const Options& options) {
-    const KLVMsgServerSocket* const server =
-        Registry().StartServer(KLVMsgSocketAddress(options.host.c_str(), options.port), 1);
-    const int number = server == nullptr ? -1 : server->descriptor;
-    if (server == nullptr || Registry().HasError(number)) {
-        FailToOpen("listen on", options, number);
-    }
-    std::fprintf(stderr, "klvmsgcat: listening on %s:%d\n", options.host.c_str(),
-                 server->address.port);
+KLVMsgChannel AwaitPeer(const KLVMsgSocketAddress& address) {
+    KLVMsgChannel entrance = Serve(address, 1, "entrance");
+    std::fprintf(stderr, "klvmsgcat: listening on %s:%d\n", address.host.Text(),
+                 entrance.GetSocket()->address.port);
     KLVMsgChannelWaitable waitable;
-    KLVMsgChannel entrance;
-    entrance.connection = number;
     waitable.channels.PushBack(entrance);
     while (waitable.newChannels.Size() == 0) {
         waitable.WaitForConnectionAndMessages(500);
     }
-    const KLVMsgChannel peer = waitable.newChannels[0];
-    Registry().ShutDownConnection(number);
-    return peer;
+    entrance.Shutdown();
+    return waitable.newChannels[0];
+}
+
+KLVMsgChannel Open(const Options& options) {
+    const KLVMsgSocketAddress address(options.host.c_str(), options.port);
+    try {
+        return options.listen ? AwaitPeer(address) : Connect(address, "peer");
+    } catch (const std::runtime_error& error) {
+        throw Failure{kNoConnection, error.what()};
+    }
 }
 
 // Bodies ------------------------------------------------------------------------------------------
@@ -304,7 +280,7 @@ void Run(const Options& options) {
     std::signal(SIGPIPE, SIG_IGN);  // a send to a peer that has gone fails instead
     TimeLimit::seconds = options.timeoutSeconds;
     RestartTimeLimit();
-    const KLVMsgChannel peer = options.listen ? AwaitPeer(options) : Connect(options);
+    const KLVMsgChannel peer = Open(options);
     RestartTimeLimit();
     Conversation(peer, options, messages).Run();
 }
