@@ -65,6 +65,7 @@ is_there() {  # PACKAGE
   case $1 in
     abigail-tools) command -v abidw ;;
     binutils) command -v nm ;;
+    build-essential) dpkg-query -W -f '${Status}' build-essential 2>/dev/null | grep ' installed$' ;;
     clang) command -v clang++ ;;
     debhelper) command -v dh ;;
     dpkg-dev) command -v dpkg-buildpackage ;;
