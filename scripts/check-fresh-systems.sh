@@ -173,7 +173,7 @@ apt-get install -q -y --no-install-recommends /srv/packages/libklvmsgcommmodules
   /srv/packages/klvmsgcommmodules-tools_*.deb tshark
 [ -z "$(command -v c++)" ]
 EOF
-  run_in "$2" tester <<'EOF'
+  run_in "$2" tester offline <<'EOF'
 klvmsgcat --listen 127.0.0.1:45999 --receive Note --count 1 >/tmp/got &
 for attempt in $(seq 50); do
   sleep 0.2
@@ -201,7 +201,7 @@ pkg-config --cflags --libs KLVMsgCommModules
 g++ -std=c++17 -Wall -Wextra -Wnon-virtual-dtor -Wold-style-cast -Werror /srv/consumer/main.cpp \
   $(pkg-config --cflags --libs KLVMsgCommModules) -o ~/by-pkg-config
 ~/by-pkg-config
-gdb --batch -ex 'break KLVMsgMessageTask::Run' -ex run -ex 'info source' ~/by-pkg-config
+gdb --batch -ex 'set breakpoint pending on' -ex 'break KLVMsgMessageTask::Run' -ex run -ex 'info source' ~/by-pkg-config
 EOF
   expect "hub and clients agree on every file"
   expect "-isystem/usr/include/KLVMsgCommModules"
