@@ -37,9 +37,11 @@ class Program:
         return pathlib.Path(self.file.name).read_bytes()
 
     def says(self, pattern):
-        """Waits until a part of the output matches, and returns the match."""
+        """Waits until a part of the output matches, or will not any more; returns the match."""
         limit = time.monotonic() + 30
-        while time.monotonic() < limit:
+        ended = False
+        while not ended and time.monotonic() < limit:
+            ended = self.process.poll() is not None  # before the last look
             if found := re.search(pattern, self.output()):
                 return found
             time.sleep(0.01)
@@ -236,6 +238,14 @@ class Klvmsgcat(ProgramTest):
         self.assertTrue(shown.endswith(b"\0a\n\xff"), shown)
         self.assertEqual(0, listener.end())
         listener.says(rb"\nLine 3 one\nLine 0 \nLine 6 \\x5cthree\n$")
+
+    def test_listens_for_one_peer_only(self):
+        listener = self.listen("-r", "Note")
+        peer = Peer(listener.port()).says(field(b"Note") + field(b"text"))
+        listener.says(rb"\nNote 4 text\n")
+        self.assertRaises(ConnectionRefusedError, Peer, listener.port())
+        peer.goes()
+        self.ended(0, listener)
 
     def test_says_by_its_exit_code_what_is_wrong(self):
         pathlib.Path("three").write_bytes(b"xyz")
