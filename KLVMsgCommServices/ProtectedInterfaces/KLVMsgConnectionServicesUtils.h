@@ -45,8 +45,10 @@ public:
     // Connections ---------------------------------------------------------------------------------
 
     // Registers a KLVMsgCommSocket or KLVMsgServerSocket made with `new` under its descriptor and
-    // returns 1: the registry owns it from then on. Returns 0 when the number is taken: the entry
-    // stays, and the socket stays the caller's.
+    // returns 1: the registry owns it from then on. Returns 0 when the number is taken, also by a
+    // socket that is closed (ShutDownConnection takes that one out): the entry stays, and the socket
+    // stays the caller's. What the communicator knows under the number is kept, since a channel may
+    // be made known before its socket.
     // Requires: `socket` is not null, and of one of these two classes itself.
     int AddConnection(KLVMsgSocket* socket);
 
@@ -60,10 +62,10 @@ public:
     // unknown number. Takes no lock: for callers that hold it, or know that nobody else uses the
     // registry. ShutDownConnection is the form for everybody else.
     //
-    // Neither waits for a cycle or a transfer that is at work with the socket, on whichever thread: it
-    // ends both directions and unregisters at once, which ends a read or a write in progress, and
-    // leaves closing and destroying to the end of that connection's turn. A socket that is closed
-    // already makes no system call.
+    // Neither waits for the transfer of a body, on whichever thread (of a header ShutDownConnection
+    // does, as every operation here): it ends both directions and unregisters at once, which ends a
+    // read or a write in progress, and leaves closing and destroying to the end of that connection's
+    // turn. A socket that is closed already makes no system call.
     void RemoveConnection(int number);
 
     // RemoveConnection under the lock.

@@ -58,6 +58,8 @@ bool KLVMsgConnectionServicesUtils::IsConnectionOpen(int number) {
 void KLVMsgConnectionServicesUtils::RemoveConnection(int number) {
     KLVMsgSocket* const socket = Find(number);
     if (socket != nullptr) {
+        // Held: a transfer may find its end and close the descriptor at any moment.
+        const KLVMsgHeldSocket<KLVMsgSocket> held = KLVMsgHold(socket);
         socket->Shutdown();
         m_connections.Remove(number);
         KLVMsgSocketHold::Destroy(socket);
@@ -114,11 +116,13 @@ void KLVMsgConnectionServicesUtils::GetName(int number, KLVString& name) {
 
 int KLVMsgConnectionServicesUtils::SendMessageHeader(int number, const KLVString& typeName) {
     const RegistryLock lock;
+    const auto held = KLVMsgHold(FindStreamSocket(number));
     return SendMessageHeader_priv(number, typeName);
 }
 
 int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket(int number, KLVString& typeName) {
     const RegistryLock lock;
+    const auto held = KLVMsgHold(FindStreamSocket(number));
     return RetrieveMessageTypeFromSocket_priv(number, typeName);
 }
 
@@ -170,7 +174,12 @@ void KLVMsgConnectionServicesUtils::Register(KLVMsgSocket* socket) {
     KLVMsgNoteNumber(socket->descriptor);
     KLVMsgSocket* const replaced = Find(socket->descriptor);
     m_connections.Insert(socket->descriptor, socket);
-    KLVMsgSocketHold::DestroyReplaced(replaced);
+    if (replaced != nullptr) {
+        if (replaced->descriptor != socket->descriptor) {
+            replaced->Shutdown();  // it was connected anew since, and has another one now
+        }
+        KLVMsgSocketHold::Destroy(replaced);
+    }
 }
 
 // Requires, as Register does: the lock is held.
