@@ -266,6 +266,6 @@ int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number
         return 0;
     }
     typeName = TypeName(name.get());
-    name.release();  // kept: the buffer is released after a short read only
+    static_cast<void>(name.release());  // kept: the buffer is released after a short read only
     return 1;
 }

@@ -322,8 +322,8 @@ void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable*
 
     for (std::size_t i = 0; i < waited.readyChannels.Size(); ++i) {
         const KLVMsgChannel channel = waited.readyChannels[i];
-        const bool received = !IsRepeated(waited.readyChannels, i, foundEarlier) &&
-                              ReceiveMessage(cycle.Current());
+        const bool received =
+            !IsRepeated(waited.readyChannels, i, foundEarlier) && ReceiveMessage(cycle.Current());
         if (!received && channel.GetSocket() == nullptr) {
             KLVMsgEraseFirst(waited.channels, channel.connection);
         }
