@@ -31,18 +31,24 @@ class Client:
         self.file = tempfile.TemporaryFile()
         self.file.truncate(32)
         self.killed = False
-        self.process = subprocess.Popen(
-            [options.program, "client", *map(str, (
-                port, self.name, options.seed + self.name, int(1000 * (end - time.monotonic())), options.largest,
-                "task" if place % 3 == 0 else "hand"))], stdout=self.file)
+        left = int(1000 * (end - time.monotonic()))
+        mode = "task" if place % 3 == 0 else "hand"
+        arguments = port, self.name, options.seed + self.name, left, options.largest, mode
+        self.process = subprocess.Popen([options.program, "client", *map(str, arguments)],
+                                        stdout=self.file)
 
     def kill(self):
         self.killed = self.process.poll() is None
         self.process.kill()
-        self.read()
+        self.read(10)
 
-    def read(self):
-        code = self.process.wait(120)
+    def read(self, limit):
+        """Waits for its end for at most so many seconds."""
+        try:
+            code = self.process.wait(max(0, limit))
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            code = self.process.wait()
         # One that was about to end by itself may have been quicker than the signal.
         self.well = code == 0 or self.killed and code == -signal.SIGKILL
         self.killed = self.killed and code != 0
@@ -53,9 +59,10 @@ class Client:
 
 class Hub:
     def __init__(self, program):
-        # Large blocks go back to the system, so that what stays is what was kept.
+        # What is released goes back to the system, so that what stays is what was kept.
         self.process = subprocess.Popen([program, "hub"], stdout=subprocess.PIPE, text=True, env={
-            **os.environ, "MALLOC_MMAP_THRESHOLD_": "65536"})
+            **os.environ, "MALLOC_MMAP_THRESHOLD_": "65536",
+            "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"})
         self.port = int(self.process.stdout.readline())
         self.folder = pathlib.Path(f"/proc/{self.process.pid}")
 
@@ -75,12 +82,15 @@ class Hub:
         """Its exit code, and how many messages it has received from each client."""
         def field(content):
             return len(content).to_bytes(4, sys.byteorder) + content
-        with socket.create_connection(("127.0.0.1", self.port), 30) as connection:
-            connection.sendall(field(b"Text") + field(b"end."))
-            connection.recv(1, socket.MSG_WAITALL)
+        try:
+            with socket.create_connection(("127.0.0.1", self.port), 10) as connection:
+                connection.sendall(field(b"Text") + field(b"end."))
+                connection.recv(1)  # until it is answered
+        except OSError:
+            self.process.kill()  # it hangs
         lines = self.process.communicate()[0].splitlines()
         received = dict(map(int, line.split()) for line in lines)
-        del received[0]  # the end's
+        received.pop(0, None)  # the end's
         return self.process.returncode, received
 
 
@@ -96,7 +106,7 @@ def run(options, hub, clients, done):
         done.append(clients[place])
         clients[place] = Client(options, hub.port, end, place)
     for client in clients:
-        client.read()
+        client.read(end + 60 - time.monotonic())
     done += clients
 
 
@@ -106,6 +116,9 @@ def megabytes(count):
 
 def account(options, hub, done, before):
     """Prints it; true if it holds."""
+    if hub.process.poll() is not None:
+        print(f"! the hub has ended, with {hub.process.returncode} (seed {options.seed})")
+        return False
     limit = time.monotonic() + 10  # for the hub to see that the last one has gone
     while hub.descriptors() != before["descriptors"] and time.monotonic() < limit:
         time.sleep(0.01)
@@ -127,16 +140,17 @@ def account(options, hub, done, before):
         print(f"{' ' if holds else '!'} {name:13}{text}")
 
     print(f"soak: {options.seconds:g} s, seed {options.seed}, {len(done)} clients, {len(killed)} killed")
-    line("sent", total("sent", living) > 0, f"{total('sent')}, of which {came} came")
-    line("acknowledged", total("acknowledged") > 0, total("acknowledged"))
+    line("sent", True, f"{total('sent')}, of which {came} came")
+    line("acknowledged", total("acknowledged", living) > 0, total("acknowledged"))
     missing = total("sent", living) - total("acknowledged", living)
     line("missing", missing == 0,
          f"{missing}, and {total('sent', killed) - total('acknowledged', killed)} of the killed")
-    # What is acknowledged has come, and what has come was sent.
-    wrong = [client.name for client in done
-             if not client.acknowledged <= received.get(client.name, 0) <= client.sent]
     twice = total("twice")
-    line("twice", twice == 0 and not wrong, f"{twice}" + (f", and by the hub from {wrong}" if wrong else ""))
+    # What is acknowledged has come, and what has come was sent.
+    differ = [client.name for client in done
+              if not client.acknowledged <= received.get(client.name, 0) <= client.sent]
+    line("twice", twice == 0 and not differ,
+         f"{twice}" + (f"; the hub counts otherwise than clients {differ}" if differ else ""))
     line("cut", total("cut") == 0 and cut <= len(killed), f"{cut} of the killed, {total('cut')} others")
     kept = KEPT * (came + cut)
     excess = after["memory"] - before["memory"] - kept
@@ -145,9 +159,11 @@ def account(options, hub, done, before):
          f"{megabytes(kept)} for headers and {megabytes(excess)} more")
     line("descriptors", before["descriptors"] == after["descriptors"],
          f"{before['descriptors']}, then {after['descriptors']}")
-    line("processor", True, f"{after['processor']:.1f} s the hub, {processor_clients:.1f} s the clients")
+    line("processor", True,
+         f"{after['processor']:.1f} s the hub, {processor_clients:.1f} s the clients")
     ill = [client.name for client in done if not client.well]
-    line("ended", code == 0 and not ill, f"the hub with {code}" + (f", not well: {ill}" if ill else ""))
+    line("ended", code == 0 and not ill,
+         f"the hub with {code}" + (f", badly the clients {ill}" if ill else ""))
     return result
 
 
@@ -161,6 +177,7 @@ def main():
     parser.add_argument("--largest", type=int, default=12000000, help="bytes of a text")
     parser.add_argument("--memory", type=float, default=16, help="megabytes that the hub may grow")
     options = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
 
     hub, done, clients = Hub(options.program), [], []
     try:
