@@ -5,6 +5,7 @@
 # - A comment counts for every declaration that follows it without an empty line between.
 # - A class without one is what the first line of its file says.
 # - A comment behind a member belongs to that member.
+# - What is deleted is left out, and every header joins a group of docs/groups.dox.
 # - "// Name -----" inside a class starts a group of that name, "Requires:" a precondition.
 
 function flush_comment(    i) {
@@ -25,9 +26,32 @@ function close_group() {
     in_group = 0
 }
 
+# The group of the header that is being read.
+function group_of(name) {
+    sub(/.*\//, "", name)
+    sub(/\.h$/, "", name)
+    if (name ~ /^KLVMsgComm(Modules)?(_IF)?$|^KLVBasModules$|GlobalSingleton$/) return "start"
+    if (name ~ /^KLVMsg(SocketCommunicator|MessageTask)$|^KLVBasAtiThread(Task)?$/) return "talk"
+    if (name ~ /^KLVMsgSocketMessage$|Stream$/) return "messages"
+    if (name ~ /^KLVMsg(Channel|ChannelMsgStruct|SocketAddress|ConnectionServicesUtils)$/) return "connections"
+    if (name ~ /^KLVMsg.*Query/) return "queries"
+    if (name ~ /^(KLVString|KLVBasVector|KLVBasUtlsleep|aio_ostream)$/) return "text"
+    return name ~ /^KLVMsg.*(Socket|Waitable|Organizer|Address)/ ? "sockets" : "base"
+}
+
 BEGIN {
     at_head = 1
     print "/// @file"
+}
+
+FNR == 1 {
+    group = group_of(FILENAME)
+}
+
+END {
+    if (group_is_open) {
+        print "/// @}"
+    }
 }
 
 # The head of the file, up to the first line that is no comment.
@@ -38,10 +62,15 @@ at_head && /^\/\// {
     }
     next
 }
-{ at_head = 0 }
+at_head {
+    at_head = 0
+    print "/// @addtogroup " group "\n/// @{"
+    group_is_open = 1
+}
 
-# Instantiations say nothing to a reader.
+# Instantiations and friends say nothing to a reader.
 /^extern template / { next }
+/^ *friend class / { next }
 
 /^ *\/\/ [-A-Za-z ]+ -----+$/ {
     close_group()
@@ -93,12 +122,13 @@ at_head && /^\/\// {
     in_comment = 0
     code = $0
     sub(/ *\/\/.*/, "", code)
+    if (code ~ / = delete;$/) {
+        next
+    }
     behind = match($0, / +\/\/ /) ? "  ///< " substr($0, RSTART + RLENGTH) : ""
     if (!open && code !~ /^ *}/ && code !~ /^#(pragma|include)/) {
         if (code ~ /^class .*[{:]$/ && comment_lines == 0) {
             print "/// " head
-        } else if (code ~ / = delete;$/ && (used || comment_lines == 0)) {
-            print "    /// Not available."
         } else if (!(used && (code ~ /^ *~/ || behind != ""))) {
             flush_comment()
         }

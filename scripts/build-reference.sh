@@ -1,15 +1,27 @@
 #!/usr/bin/env bash
-# Builds the reference in build/reference/html; a public operation without a comment fails.
+# Builds the reference in build/reference/html; fails on a public operation without a comment and on a
+# link that leads nowhere.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/setup.sh
-need_packages doxygen graphviz
+need_packages doxygen graphviz python3
 
 rm -rf build/reference
-mkdir -p build/reference/images
+source=build/reference/source
+mkdir -p "$source"
+cp -r --parents README.md CONTRIBUTING.md CHANGELOG.md docs tools/wireshark/klvmsg.md python/README.md \
+  examples/README.md KLVBase KLVMsgCommServices/ProtectedInterfaces "$source"
+
+# One README only can be the first page.
+for folder in python examples; do
+  mv "$source/$folder/README.md" "$source/$folder/$folder.md"
+  find "$source" -name '*.md' -exec sed -i "s#$folder/README\.md#$folder/$folder.md#g" {} +
+done
+
 for diagram in docs/images/*.dot; do
-  [ ! -e "$diagram" ] || dot -Tsvg "$diagram" -o "build/reference/images/$(basename "$diagram" .dot).svg"
+  dot -Tsvg "$diagram" -o "$source/docs/images/$(basename "$diagram" .dot).svg"
 done
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
-{ cat docs/Doxyfile; echo "PROJECT_NUMBER = $version"; } | doxygen -
+(cd "$source" && { cat docs/Doxyfile; echo "PROJECT_NUMBER = $version"; } | doxygen -)
+python3 scripts/link_reference.py build/reference/html build/reference/names.xml .
 echo "The reference starts at build/reference/html/index.html"
