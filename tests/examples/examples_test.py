@@ -367,6 +367,14 @@ class Others(ProgramTest):
         worker.says(field(b"Result") + b"\1").goes()
         self.ended(1, dispatcher).says(rb"\nworkers: lost a worker\n$")
 
+    def test_bodies_of_other_libraries_come_back(self):
+        for name, says in (("protobuf", rb"100 x bolt: 2000 cents\n(?s:.)*to pay: 8000 cents"),
+                           ("cereal", rb"humidity: 0.375\ntemperature: 20.5\n")):
+            with self.subTest(name):
+                if not (PROGRAMS / name / name).exists():
+                    self.skipTest(f"{name} is not built: its library is not installed")
+                self.ends(0, name).says(says)
+
 
 if __name__ == "__main__":
     unittest.main()
