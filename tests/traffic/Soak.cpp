@@ -24,7 +24,7 @@ using Record = KLVMsgChannelMsgStruct;
 
 // Of a client, in the file that is its standard output: it survives the client.
 struct Account {
-    long sent, acknowledged, twice, cut;
+    long sent, acknowledged, twice, cut;  // twice: or out of order
 };
 
 // A text is "NAME NUMBER letters."; without its last byte it is cut.

@@ -150,7 +150,7 @@ def account(options, hub, done, before):
     differ = [client.name for client in done
               if not client.acknowledged <= received.get(client.name, 0) <= client.sent]
     line("twice", twice == 0 and not differ,
-         f"{twice}" + (f"; the hub counts otherwise than clients {differ}" if differ else ""))
+         f"{twice}, or out of order" + (f"; the hub counts otherwise than clients {differ}" if differ else ""))
     line("cut", total("cut") == 0 and cut <= len(killed), f"{cut} of the killed, {total('cut')} others")
     kept = KEPT * (came + cut)
     excess = after["memory"] - before["memory"] - kept
