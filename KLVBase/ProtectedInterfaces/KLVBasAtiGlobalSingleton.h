@@ -30,8 +30,7 @@ public:
     // and leaves no instance behind.
     static T* Instance() { return m_instance != nullptr ? m_instance : Make(); }
 
-    // Destroys the instance, then the lock. Does nothing for whichever is not there. The next
-    // Instance makes both anew.
+    // Destroys the instance, then the lock, where they exist. The next Instance makes both anew.
     static void Finalize();
 
     // Takes and releases the one lock, which is not recursive.

@@ -54,8 +54,8 @@ public:
     void PushBack(const void* element);
 
     // Removes the element at `position` and moves the later ones down; allocates nothing. A position
-    // that is not in the array, -1 among them, erases nothing. Should copying a later element throw,
-    // that one and those behind it are destroyed, too, and the array ends before them.
+    // that is not in the array, such as -1, erases nothing. If copying a later element throws, that
+    // element and those behind it are destroyed too, and the array ends before them.
     void Erase(int position);
 
     // Destroys all elements and keeps the memory for the next ones.

@@ -11,8 +11,8 @@
 // be made and dropped on several threads at once. One KLVString object itself is used by one thread
 // at a time. Zero bytes inside are kept. An empty string allocates nothing.
 //
-// A text longer than an int can count, or memory that cannot be had, ends in std::bad_alloc and
-// leaves the string as it was. Copying never throws.
+// A text that is longer than an int can count, or for which there is no memory, ends in
+// std::bad_alloc and leaves the string as it was. Copying never throws.
 class KLVBASE_EXPORT KLVString {
 public:
     KLVString() noexcept = default;

@@ -25,17 +25,17 @@ public:
     // for each of its entries in `channels`. One that is removed during the wait does not.
     //
     // Connections that are unknown or marked as closed are passed over, as are those whose
-    // descriptor does not fit the descriptor set (1024 and above): they are never found readable,
-    // and the end of such a connection shows on a send only. With none left it returns at once.
+    // descriptor does not fit the descriptor set (1024 and above): these are never found readable,
+    // and their end shows on a send only. With none left to watch it returns at once.
     //
     // Takes the registry's lock to look the connections up, before the wait and after it, and holds
     // none while it waits. std::bad_alloc may come when some connections have been accepted: these
     // are in `newChannels`, and nothing else has changed.
     //
-    // The time is in milliseconds. 0 looks without waiting. Exactly 1000 (given to the system as
-    // 1,000,000 microseconds) and negative times are passed on as they are, for select to judge:
-    // one that it refuses ends the wait, as does a signal. A wait that ended so is reported on
-    // aio_cerr as "waiting for select" and the errno.
+    // The time is in milliseconds. 0 looks without waiting. Exactly 1000 is given to the system as
+    // 1,000,000 microseconds, and a negative time as it is. A time that select refuses ends the wait,
+    // as does a signal. A wait that ended so is reported on aio_cerr as "waiting for select" and the
+    // errno.
     void WaitForConnectionAndMessages(int timeoutMilliseconds);
 
     bool acceptConnections = true;              // false: readable listening sockets are ignored

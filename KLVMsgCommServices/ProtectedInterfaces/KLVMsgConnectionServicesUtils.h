@@ -62,10 +62,17 @@ public:
     // unknown number. Takes no lock: for callers that hold it, or know that nobody else uses the
     // registry. ShutDownConnection is the form for everybody else.
     //
+<<<<<<< HEAD
     // Neither waits for the transfer of a body, on whichever thread (of a header ShutDownConnection
     // does, as every operation here): it ends both directions and unregisters at once, which ends a
     // read or a write in progress, and leaves closing and destroying to the end of that connection's
     // turn. A socket that is closed already makes no system call.
+=======
+    // Neither waits for a cycle or a transfer that works with the socket. Both directions end and the
+    // number is unregistered at once, which ends a read or a write in progress. Closing and destroying
+    // are left to the end of that connection's turn. A socket that is closed already makes no system
+    // call.
+>>>>>>> h-docs
     void RemoveConnection(int number);
 
     // RemoveConnection under the lock.
@@ -76,9 +83,9 @@ public:
     // listen failed is registered too, and HasError tells. After a failed bind it may still listen,
     // on a port of the system's choice, until it is shut down.
     //
-    // Blocks for as long as the host takes to resolve; before that, until listening sockets that
-    // were shut down have left the waits of other threads, and their ports are free (a moment, a
-    // second at the most). The socket is the registry's.
+    // Blocks until the host is resolved. Before that it lets other threads' waits let go of listening
+    // sockets that were shut down, so that their ports are free: a moment, a second at the most. The
+    // socket is the registry's.
     KLVMsgServerSocket* StartServer(KLVMsgSocketAddress address, int backlog);
 
     // Connects to `server` and registers the socket like StartServer. Returns null when that
@@ -110,9 +117,10 @@ public:
     // all (those bytes are lost), when the name is empty, or when its length is 2^31 - 1 or more or
     // more than there is memory for. Clears the socket's last error first.
     //
-    // A connection found lost on the length is removed from the registry; one found lost on the
-    // name, or closed by the peer, is shut down and stays. Waits while nothing has arrived, which
-    // holds up every other user of the registry.
+    // A connection found lost on the length is removed from the registry, and its error with it. One
+    // found lost on the name, or closed by the peer, is shut down and stays. Waits while nothing has
+    // arrived, which holds up every other user of the registry. The name's buffer is kept until the
+    // process ends.
     int RetrieveMessageTypeFromSocket(int number, KLVString& typeName);
 
     // With true the buffers that headers are read into are released from now on; at first, and with

@@ -1,10 +1,10 @@
 // For applications: sending and receiving messages.
 //
 // Invariants:
-// - One lock, the singleton's, guards all fields; two of them, the output stream and the task flag,
-//   are atomic, since they are also looked at without it. Every operation holds it for its
-//   whole run, except where it says otherwise. With it held the registry's lock may be taken, never
-//   the other way round.
+// - One lock, the singleton's, guards all fields. Two of them, the output stream and the task flag,
+//   are atomic, since they are also looked at without it. Every operation holds the lock for its
+//   whole run, except where it says otherwise. The registry's lock may be taken while it is held, and
+//   never the other way round.
 // - Messages and streams are the application's. The inbox and the queue only point to messages.
 // - The ids in the pending queue are consecutive: each queued record takes the next one, and the
 //   queue is only ever emptied as a whole.
@@ -139,20 +139,19 @@ public:
     bool IsOkToShutDownMessageTask() const;
 
     // Shuts all known connections down, see KLVMsgChannel::Shutdown, and asks the message task to
-    // end, which it does after the cycle that it is in. Does not wait for its thread.
+    // end. The task first ends its current cycle. Does not wait for its thread.
     void ShutdownMessageTask();
 
     // Receiving -----------------------------------------------------------------------------------
 
     // One cycle: waits up to `timeout` milliseconds on the waitable, the watched channels without
     // one; makes the connections accepted meanwhile known and watched; and reads one message from
-    // each connection that has data, however often it is listed, into the inbox. A message without
-    // a registered prototype is
-    // lost, and its body is taken for the next header; so is one whose header has come in part
-    // only. The lock is held throughout: a peer that stops in the middle of a message holds it for
-    // as long as it stays connected.
+    // each connection that has data, however often it is listed, into the inbox. A message without a
+    // registered prototype is lost, and its body is taken for the next header. A message is also lost
+    // when only a part of its header has come. The lock is held throughout: a peer that stops in the
+    // middle of a message holds it for as long as it stays connected.
     //
-    // A connection found lost is no longer watched; GetErrorsOnChannel cannot tell more of it.
+    // A connection found lost is no longer watched, and GetErrorsOnChannel gives 0 for it.
     // One whose descriptor is 1024 or above is accepted and never read: its end shows on a send
     // only. See KLVMsgChannelWaitable for the time and for what a wait reports.
     //
@@ -180,8 +179,8 @@ public:
 
     // Sets `code` to the errno of the last failure on the channel's connection and `text` to its
     // message. Without one `code` is 0 and `text` is left alone. The error is not cleared.
-    // A channel without a socket has none, and a peer that has closed in order is no failure:
-    // KLVMsgChannel::IsActiveInCurrentThreads tells whether the connection is still there.
+    // There is none for a peer that has closed in order, nor for a connection that was reset and so
+    // removed: KLVMsgChannel::IsActiveInCurrentThreads tells whether it is still there.
     void GetErrorsOnChannel(const KLVMsgChannel& channel, int& code, KLVString& text);
 
 private:

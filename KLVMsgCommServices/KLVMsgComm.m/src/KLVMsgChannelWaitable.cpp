@@ -23,8 +23,8 @@ namespace {
 
 bool FitsDescriptorSet(int descriptor) { return descriptor >= 0 && descriptor < FD_SETSIZE; }
 
-// Ends the wait: each watched channel whose socket's descriptor is in the set gets a turn, by
-// descriptor, those of the same descriptor in list order; what has none is held no more. A channel
+// Ends the wait. Each watched channel whose socket's descriptor is in the set gets a turn: in the order
+// of descriptors, those of the same descriptor in list order. The others are held no more. A channel
 // that was removed meanwhile is left out.
 void EndWait(KLVMsgCycle& cycle, const fd_set& set) {
     std::vector<KLVMsgTurn>& turns = cycle.Turns();

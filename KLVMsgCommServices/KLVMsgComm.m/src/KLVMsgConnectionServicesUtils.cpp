@@ -175,8 +175,8 @@ KLVMsgCommSocket* KLVMsgConnectionServicesUtils::FindStreamSocket(int number) co
     return KLVMsgAsStreamSocket(Find(number));
 }
 
-// The system has given the number to this socket: one that still stands there is gone for good, and
-// so is what is known elsewhere under the number.
+// The system has given the number to this socket. So a socket that still stands there is gone for
+// good, and with it what is known elsewhere under the number.
 void KLVMsgConnectionServicesUtils::Register(KLVMsgSocket* socket) {
     KLVMsgNoteNumber(socket->descriptor);
     KLVMsgSocket* const replaced = Find(socket->descriptor);
@@ -201,8 +201,8 @@ bool KLVMsgConnectionServicesUtils::AddAccepted(KLVMsgCommSocket* socket) {
     return true;
 }
 
-// The order of the keys of m_prototypes, for a text that is no KLVString: a key that goes on behind a
-// zero byte sorts after the text before it.
+// The order of the keys of m_prototypes, for a text that is no KLVString. A key with a zero byte in it
+// sorts after the text that stands before that byte.
 static int CompareText(const char* text, const KLVString& key) {
     const int order = std::strcmp(text, key.Text());
     return order != 0 ? order : static_cast<int>(std::strlen(text)) - key.Length();

@@ -1,8 +1,8 @@
 // For the library's own sources: the sockets that a cycle works with, turn by turn.
 //
 // A cycle (a wait and the reads that follow it, or a transmission) looks its sockets up once and holds
-// them, see KLVMsgSocketHold: while it works their numbers are given to nobody else, and it serves no
-// connection that was registered later. Each is let go of at the end of its last turn.
+// them, see KLVMsgSocketHold. While it works their numbers are given to nobody else, and it serves no
+// connection that was registered later. It lets a socket go at the end of that socket's last turn.
 #pragma once
 
 #include <cstddef>

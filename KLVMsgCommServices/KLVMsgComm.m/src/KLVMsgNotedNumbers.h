@@ -4,7 +4,7 @@
 // which never calls the communicator, notes the number before it registers the new connection; the
 // communicator looks at the notes before everything else that it does under its lock.
 //
-// The notes have a mutex of their own, the last lock that a thread takes.
+// The notes have a mutex of their own. A thread that has it takes no further lock.
 #pragma once
 
 #include <atomic>

@@ -28,8 +28,8 @@ static unsigned int msg_send_id_counter = 1;
 // How often the blocking operations look again, in milliseconds.
 static const unsigned pollMilliseconds = 20;
 
-// Holds the communicator's lock, and begins as every operation does that takes it: numbers that have
-// been given out anew are noted, and what is known under them is about connections that have gone.
+// Holds the communicator's lock, and begins as every operation that takes it: by forgetting what is
+// known under noted numbers. They have been given out anew, and the old connections have gone.
 class KLVMsgSocketCommunicator::Operation {
 public:
     explicit Operation(KLVMsgSocketCommunicator& communicator) {

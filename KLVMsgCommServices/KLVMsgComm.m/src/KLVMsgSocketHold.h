@@ -1,16 +1,22 @@
 // For the library's own sources: what keeps a socket from being closed and destroyed.
 //
 // A connection number is a descriptor: once closed, it is the next one that the system gives away.
-// Whoever is at work with registered sockets holds them. One that is closed meanwhile is marked as
-// closed at once, one that is removed leaves the registry at once; the descriptor is closed, and the
-// object destroyed, when the last hold ends. Without a hold both are done at once.
+// Whoever works with registered sockets holds them. A socket that is closed meanwhile is marked as
+// closed at once, and one that is removed leaves the registry at once. The descriptor is closed, and
+// the object destroyed, when the last hold ends. Without a hold both are done at once.
 //
 // A hold begins while the registry's lock is held, which is what removes sockets. There are two
 // kinds, so that a wait on hundreds of connections costs little: `waits`, begun and ended under the
 // registry's lock for many sockets at once, and `holds`, which end at any time.
 //
+<<<<<<< HEAD
 // A mutex guards what is in KLVMsgSocket::m_departure beside these two counts. It is the last lock
 // that a thread takes: where something is closed, destroyed or found closed, and not while it closes.
+=======
+// A mutex guards what is in KLVMsgSocket::m_departure beside these two counts. A thread that has it
+// takes no further lock. It is taken only where something is to be closed or destroyed, and given back
+// while a descriptor is closed.
+>>>>>>> h-docs
 #pragma once
 
 #include <atomic>
@@ -72,8 +78,8 @@ private:
     static void Remove(KLVMsgSocket& socket);
     [[gnu::cold]] static void Settle();  // out of the way of what ends a hold
 
-    // How many sockets wait for the end of a hold. A hold ends before this is looked at, and a socket
-    // is counted here before its holds are looked at: of the two threads one sees the other.
+    // How many sockets wait for the end of a hold. Who ends a hold does so before it looks here. Who
+    // closes a socket counts it here before it looks at the holds. So one of the two sees the other.
     static std::atomic<int> s_departures;
 };
 

@@ -13,7 +13,7 @@ void KLVMsgShrink(KLVBasVector<T>& vector, std::size_t size) {
     }
 }
 
-// Takes back at its end what was appended to a vector since its beginning, unless it is to be kept.
+// When it ends, takes back what was appended to a vector since it began, unless Keep was called.
 template <class T>
 class KLVMsgAppending {
 public:
