@@ -1,11 +1,7 @@
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
-#include <iostream>
 #include <random>
 #include <stdexcept>
-#include <thread>
 
 #include "Support.h"
 #include "SystemCalls.h"
@@ -191,28 +187,6 @@ TEST_F(CommunicatorTest, ResetPeerIsForgottenAndAClosingOneStaysWatched) {
     EXPECT_EQ(2u, Known().size());
 }
 
-// A client and its connection have the same numbers in every round: the system gives out the lowest
-// that is free.
-TEST_F(CommunicatorTest, ReconnectingClientsAreServedEveryTime) {
-    const int before = OpenDescriptors();
-    for (int round = 0; round < 100; ++round) {
-        Client client(*this, "client");
-        client.peer.Send(Bytes("a") + Bytes("b"));
-        Cycle();
-        ASSERT_EQ(Texts{"a"}, Take()) << "watched once, in round " << round;
-        Cycle();
-        ASSERT_EQ(Texts{"b"}, Take());
-        ASSERT_NE(0u, Send("client", &hello)) << "known once";
-        Communicator().TransmitPendingMessage();
-        ASSERT_EQ(Bytes("hello"), client.peer.Receive(Bytes("hello").size()));
-        round % 50 < 25 ? client.peer.Close() : client.peer.Reset();
-        Cycle();
-        ASSERT_FALSE(client.channel.IsActiveInCurrentThreads());
-        ASSERT_EQ(before, OpenDescriptors());
-        ASSERT_EQ(2u, Known().size());
-    }
-}
-
 TEST_F(CommunicatorTest, ErrorStaysUntilItIsClearedAndLeavesTheTextAloneWithoutOne) {
     Client client(*this, "client");
     KLVString text("before");
@@ -252,30 +226,6 @@ TEST_F(CommunicatorTest, ExceptionsOfApplicationCodeLeaveNoLockAndNothingHalfDon
     EXPECT_EQ(Texts{"a"}, Take());
 }
 
-TEST_F(CommunicatorTest, SendThatWaitsForAWaitToEndIsWrittenInTheSameCycle) {
-    const Client client(*this, "client");
-    std::thread sender;
-    for (int i = 0; i < 20; ++i) {
-        std::atomic<int> waiting{0};
-        {
-            const Interposed during([&](SystemCall& call) -> std::optional<long> {
-                if (call.name == "select") {
-                    sender = std::thread([&] {
-                        waiting = gettid();
-                        Send(client.channel, &hello);
-                    });
-                    EXPECT_TRUE(Eventually([&] { return waiting != 0 && Sleeps(waiting); }));
-                }
-                return std::nullopt;
-            });
-            Communicator().WaitConnectionsAndMessages(nullptr, 0);
-        }
-        Communicator().TransmitPendingMessage();
-        sender.join();
-        EXPECT_EQ(Ids(), Pending({static_cast<unsigned int>(i + 1)}));
-    }
-}
-
 TEST_F(CommunicatorTest, BlockingOperationsReturnWhileTheTaskRunsAndItStopsInOrder) {
     {
         const CallLog log;
@@ -307,7 +257,7 @@ TEST_F(CommunicatorTest, BlockingOperationsReturnWhileTheTaskRunsAndItStopsInOrd
 // Inbox and queue against plain lists that are changed one element at a time.
 TEST_F(CommunicatorTest, InboxAndQueueFollowTheModel) {
     const unsigned int seed = std::random_device()();
-    std::cout << "seed " << seed << '\n';
+    SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
     std::vector<int> inbox;  // the channels of the messages
     Ids queue;
