@@ -1,6 +1,4 @@
 // The costs of one message that a clock cannot tell exactly, against the budget file.
-#include <gtest/gtest.h>
-
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -12,24 +10,22 @@
 namespace {
 
 // A body of 8 bytes, written and read with one call; allocates nothing.
-class FixedMessage : public KLVMsgSocketMessage {
-public:
+struct FixedMessage : KLVMsgSocketMessage {
     int WriteMessage(KLVMsgOutputStream* stream) override {
         int count = 0;
-        stream->write(m_body, sizeof m_body, count);
+        stream->write(body, sizeof body, count);
         return count;
     }
     int ReadMessage(KLVMsgInputStream* stream) override {
         int count = 0;
-        stream->read(m_body, sizeof m_body, count);
+        stream->read(body, sizeof body, count);
         return count;
     }
     KLVMsgSocketMessage* NewInstance() override { return this; }
-    KLVString GetMessageType() const override { return m_type; }
+    KLVString GetMessageType() const override { return type; }
 
-private:
-    char m_body[8] = {};
-    KLVString m_type{"TwelveLetter"};
+    char body[8] = {};
+    KLVString type{"TwelveLetter"};
 };
 
 // The limits by name.
@@ -46,36 +42,29 @@ std::map<std::string, int> Limits() {
 
 }  // namespace
 
-TEST(Budget, OneMessageCostsNoMoreCallsAndAllocationsThanBefore) {
+using Budget = MessagingTest;
+
+TEST_F(Budget, OneMessageCostsNoMoreCallsAndAllocationsThanBefore) {
     FixedMessage message;
-    KLVMsgSimpleInputStream input;
-    KLVMsgBufferedOutputStream output(64);
-    Communicator().SetDefaultInputStream(&input);
-    Communicator().SetDefaultOutputStream(&output);
     Communicator().RegisterMessagePrototype("TwelveLetter", &message);
-    KLVMsgServerSocket* const server = StartLoopbackServer();
-    const KLVMsgChannel sender(Registry().ConnectToServer(KLVMsgSocketAddress(), server->address),
-                               "");
-    Communicator().AddConnection(KLVMsgChannel(server, ""), true);
-    const auto wait = [] { Communicator().WaitConnectionsAndMessages(nullptr, 1000); };
-    wait();
-    KLVBasVector<KLVMsgChannel> known;
-    Communicator().RetrieveConnections(nullptr, known);
-    output.m_connectionNumber = sender.connection;
-    input.m_connectionNumber = known[1].connection;
+    ConnectedPair sender;
+    Connection receiver(sender.listener);
+    Communicator().AddConnection(receiver.channel, true);
+    input.m_connectionNumber = receiver.number;
+    output.m_connectionNumber = sender.number;
+    const std::string bytes = HeaderBytes("TwelveLetter") + "12345678";
 
     const auto send = [&] {
-        Registry().SendMessageHeader(sender.connection, message.GetMessageType());
+        Registry().SendMessageHeader(sender.number, message.type);
         message.WriteMessage(&output);
     };
     const auto receive = [&] {
         KLVString type;
-        Registry().RetrieveMessageTypeFromSocket(input.m_connectionNumber, type);
+        Registry().RetrieveMessageTypeFromSocket(receiver.number, type);
         Registry().GetMsgInstance(type)->ReadMessage(&input);
     };
     const auto transmit = [&] {
-        unsigned int id = 0;
-        Communicator().ISendSocketMessage(sender, &message, id);
+        Send(sender.channel, &message);
         Communicator().TransmitPendingMessage();
     };
     // The scratch buffers of a received header stand outside the budget.
@@ -89,10 +78,12 @@ TEST(Budget, OneMessageCostsNoMoreCallsAndAllocationsThanBefore) {
     };
     for (int i = 0; i < 5; ++i) {  // makes room in queue and inbox
         transmit();
-        wait();
+        receiver.peer.Send(bytes);
+        Cycle();
     }
+    receiver.peer.Send(bytes + bytes);
     check("send", 0, send);
     check("receive", 2, receive);
     check("queue_and_transmit", 0, transmit);
-    check("wait_and_receive", 2, wait);
+    check("wait_and_receive", 2, [] { Cycle(); });
 }

@@ -1,7 +1,5 @@
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 
 #include "Faults.h"
@@ -39,18 +37,26 @@ TEST(Header, IsLengthAndNameAndNothingElse) {
     ConnectedPair pair;
     pair.socket->lastError = EIO;
     const std::string bytes = HeaderBytes("") + HeaderBytes(std::string("a\0b", 3));
-    const int before = Blocks();
+    struct Derived : KLVMsgCommSocket {
+        using KLVMsgCommSocket::KLVMsgCommSocket;
+    };
+    auto* const derived = new Derived(Address());
+    derived->outputOpen = true;
+    derived->descriptor = -7;
+    Registry().AddConnection(derived);
+    derived->descriptor = dup(pair.number);
     const CallLog log;
     EXPECT_EQ(1, Registry().SendMessageHeader(pair.number, KLVString()));
-    EXPECT_EQ(1, Registry().SendMessageHeader(pair.number, KLVString("a\0b", 3)));
+    EXPECT_EQ(1, Registry().SendMessageHeader(-7, KLVString("a\0b", 3)));
     EXPECT_EQ("send send send send", log.Names());
-    EXPECT_EQ(before, Blocks());
     EXPECT_EQ(0, LastError(pair.number));
     pair.socket->ShutDownOutput();
     EXPECT_EQ(bytes, pair.peer.Receive(100));
     pair.peer.Send(bytes);
     EXPECT_EQ("0 - open", Read(pair.number));
+    pair.socket->lastError = EIO;
     EXPECT_EQ("1 a open", Read(pair.number));
+    EXPECT_EQ(0, LastError(pair.number));
 }
 
 TEST(Header, ShortOrFailedSendIsNotRepeated) {
@@ -111,7 +117,7 @@ TEST(Header, UnusableLengthFailsAndAGoodOneIsServed) {
 TEST(Header, RegisteredAndUnknownNamesArriveAlike) {
     ConnectedPair pair;
     TextMessage prototype("");
-    const KLVString registered[] = {"b", {"a\0b", 3}, "bb", "A"};
+    const KLVString registered[] = {"b", {"a\0b", 3}, "bb", "A", "a"};
     for (const KLVString& name : registered) {
         Registry().RegisterMessagePrototype(name, &prototype);
     }

@@ -1,7 +1,6 @@
 // Every public operation of both singletons, with memory at hand and with each allocation failing,
 // those of a message's own code among them: how often it takes its lock, that it holds it across its
 // system calls, and that the lock is free afterwards.
-#include <gtest/gtest.h>
 
 #include <functional>
 
@@ -11,18 +10,12 @@
 
 namespace {
 
-using Address = KLVMsgSocketAddress;
-
 // Moves nothing and needs memory for everything.
 struct NeedyMessage : KLVMsgSocketMessage {
-    int WriteMessage(KLVMsgOutputStream*) override { return Need(); }
-    int ReadMessage(KLVMsgInputStream*) override { return Need(); }
-    KLVMsgSocketMessage* NewInstance() override { return Need() == 1 ? this : nullptr; }
+    int WriteMessage(KLVMsgOutputStream*) override { return mem_Free(mem_OperatorNewThrow(1)), 1; }
+    int ReadMessage(KLVMsgInputStream*) override { return WriteMessage(nullptr); }
+    KLVMsgSocketMessage* NewInstance() override { return WriteMessage(nullptr), this; }
     KLVString GetMessageType() const override { return "Type"; }
-    static int Need() {
-        mem_Free(mem_OperatorNewThrow(1));
-        return 1;
-    }
 };
 
 // Operations that take the lock so often each.
@@ -56,6 +49,7 @@ TEST(Lock, OfTheRegistryIsTakenOnceForAnOperation) {
     KLVString text;
     int code = 0;
     KLVMsgConnectionServicesUtils& registry = Registry();
+    const KLVMsgSocketAddress here("", pair.listener.Port());
     pair.peer.Send(HeaderBytes("Type") + HeaderBytes("Type"));
     Check(LockOf<KLVMsgConnectionServicesUtils>(),
           {
@@ -63,8 +57,8 @@ TEST(Lock, OfTheRegistryIsTakenOnceForAnOperation) {
               {1, [&] { registry.GetSocket(pair.number); }},
               {1, [&] { registry.SetName(-5, name); }},
               {1, [&] { registry.GetName(-5, text); }},
-              {1, [&] { registry.StartServer(Address(), 1); }},
-              {1, [&] { registry.ConnectToServer(Address(), Address("", pair.listener.Port())); }},
+              {1, [&] { registry.StartServer(KLVMsgSocketAddress(), 1); }},
+              {1, [&] { registry.ConnectToServer(here, here); }},
               {1, [&] { registry.RegisterMessagePrototype(name, &message); }},
               {1, [&] { registry.GetMsgInstance(name); }},
               {1, [&] { registry.SendMessageHeader(pair.number, name); }},
@@ -81,13 +75,13 @@ TEST(Lock, OfTheRegistryIsTakenOnceForAnOperation) {
 TEST(Lock, OfTheCommunicatorIsTakenOnceUnlessTheOperationSleeps) {
     ConnectedPair pair("label");
     NeedyMessage message;
-    KLVMsgSimpleInputStream input;
-    KLVMsgBufferedOutputStream output(64);
+    Messaging messaging;
     KLVMsgChannelQueryByLabel label("label");
     KLVMsgMessageQueryByType texts("Type");
     KLVBasVector<KLVMsgChannel> channels;
     KLVBasVector<KLVMsgSocketMessage*> messages;
     KLVBasVector<KLVMsgChannelMsgStruct> records;
+    const KLVMsgChannelMsgStruct record{pair.channel, &message, 0};
     KLVBasVector<unsigned int> ids, pending;
     KLVString text;
     unsigned int id = 0;
@@ -102,9 +96,8 @@ TEST(Lock, OfTheCommunicatorIsTakenOnceUnlessTheOperationSleeps) {
     };
     Check(LockOf<KLVMsgSocketCommunicator>(),
           {
-              {1, [&] { communicator.SetDefaultInputStream(&input); }},
-              {0, [&] { communicator.TransmitPendingMessage(); }},
-              {1, [&] { communicator.SetDefaultOutputStream(&output); }},
+              {1, [&] { communicator.SetDefaultInputStream(&messaging.input); }},
+              {1, [&] { communicator.SetDefaultOutputStream(&messaging.output); }},
               {0, [&] { communicator.RegisterMessagePrototype("Type", &message); }},
               {1, [&] { communicator.AddConnection(pair.channel, true); }},
               {1, [&] { communicator.RetrieveConnections(&label, channels); }},
@@ -116,10 +109,7 @@ TEST(Lock, OfTheCommunicatorIsTakenOnceUnlessTheOperationSleeps) {
               {1, [&] { communicator.TransmitPendingMessage(); }},
               {2, [&] { communicator.SendSocketMessage("nobody", &message); }},
               {1, receive},
-              {1,
-               [&] {
-                   communicator.AddMessage({pair.channel, &message, 0});
-               }},
+              {1, [&] { communicator.AddMessage(record); }},
               {1, [&] { communicator.IRetrieveMessages(&texts, messages); }},
               {1, [&] { communicator.IRetrieveMessagesWithChannel(&texts, records); }},
               {1, [&] { communicator.GetErrorsOnChannel(pair.channel, code, text); }},

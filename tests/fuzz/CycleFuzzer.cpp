@@ -10,40 +10,37 @@
 
 namespace {
 
-// How a message class reads its body: a length and so many bytes, or whatever comes, in small pieces.
-enum class Body { Framed, Endless };
-
+// Reads its body as a length and so many bytes or, endless, whatever comes in small pieces.
 class FuzzedMessage : public KLVMsgSocketMessage {
 public:
-    FuzzedMessage(const char* type, Body body) : m_type(type), m_body(body) {}
+    FuzzedMessage(const char* type, bool endless) : m_type(type), m_endless(endless) {}
 
     int WriteMessage(KLVMsgOutputStream*) override { return 0; }
     int ReadMessage(KLVMsgInputStream* stream) override {
         unsigned int length = 7;
-        int count = 0;
-        if (m_body == Body::Framed) {
+        int count = sizeof length;
+        if (!m_endless) {
             stream->read(&length, sizeof length, count);
-            if (count != sizeof length || length > 4096) {
-                return 0;
-            }
+        }
+        if (count != sizeof length || length > 4096) {
+            return 0;
         }
         std::string bytes(length, '\0');
         do {
             count = 0;
             stream->read(bytes.data(), static_cast<int>(length), count);
-        } while (m_body == Body::Endless && count > 0);
+        } while (m_endless && count > 0);
         return 1;
     }
-    KLVMsgSocketMessage* NewInstance() override { return new FuzzedMessage(m_type, m_body); }
+    KLVMsgSocketMessage* NewInstance() override { return new FuzzedMessage(*this); }
     KLVString GetMessageType() const override { return m_type; }
 
 private:
     const char* m_type;
-    Body m_body;
+    bool m_endless;
 };
 
-FuzzedMessage shortest("T", Body::Framed), framed("Framed", Body::Framed),
-    endless("Endless", Body::Endless);
+FuzzedMessage prototypes[] = {{"T", false}, {"Framed", false}, {"Endless", true}};
 KLVMsgSimpleInputStream input;
 
 KLVMsgSocketCommunicator& Communicator() {
@@ -85,8 +82,8 @@ std::size_t Feed(const char* bytes, std::size_t size, bool reset) {
     Communicator().RemoveConnection(&query, true);
 
     std::size_t count = 0;
-    for (const char* type : {"T", "Framed", "Endless"}) {
-        KLVMsgMessageQueryByType ofType(type);
+    for (const FuzzedMessage& prototype : prototypes) {
+        KLVMsgMessageQueryByType ofType(prototype.GetMessageType());
         KLVBasVector<KLVMsgSocketMessage*> messages;
         Communicator().IRetrieveMessages(&ofType, messages);
         for (std::size_t i = 0; i < messages.Size(); ++i, ++count) {
@@ -100,9 +97,9 @@ std::size_t Feed(const char* bytes, std::size_t size, bool reset) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     Communicator().SetDefaultInputStream(&input);
-    Communicator().RegisterMessagePrototype("T", &shortest);
-    Communicator().RegisterMessagePrototype("Framed", &framed);
-    Communicator().RegisterMessagePrototype("Endless", &endless);
+    for (FuzzedMessage& prototype : prototypes) {
+        Communicator().RegisterMessagePrototype(prototype.GetMessageType().Text(), &prototype);
+    }
     return 0;
 }
 

@@ -18,7 +18,7 @@ int KeptBuffers();
 // The allocations of this thread so far: the in-house allocator's and operator new's.
 int Allocations();
 
-// The last size that mem_Malloc had no memory for: here it never has more than a gigabyte.
+// The last size that mem_Malloc had no memory for: here it never has one or two gigabytes.
 std::size_t RefusedSize();
 
 // Makes the n-th allocation of this thread from now on fail (counted from 1), none with n = 0.
@@ -27,7 +27,6 @@ public:
     explicit FailingAllocation(int n);
     ~FailingAllocation();
     FailingAllocation(const FailingAllocation&) = delete;
-    FailingAllocation& operator=(const FailingAllocation&) = delete;
 
     // How many there were since then, the failed one included.
     int Count() const { return Allocations() - m_before; }
@@ -43,7 +42,6 @@ public:
     Exempt() { ++depth; }
     ~Exempt() { --depth; }
     Exempt(const Exempt&) = delete;
-    Exempt& operator=(const Exempt&) = delete;
 
     static inline thread_local int depth = 0;
 };

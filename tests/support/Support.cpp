@@ -1,13 +1,15 @@
 #include "Support.h"
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <thread>
 
@@ -28,23 +30,21 @@ std::string LengthBytes(const std::string& text) {
     return std::string(reinterpret_cast<const char*>(&length), sizeof length);
 }
 
-// Reads until `length` bytes have come or the stream has no more; true for all of them.
-bool ReadWhole(KLVMsgInputStream* stream, char* buffer, int length) {
-    int done = 0, count = 1;
-    for (; done < length && count > 0; done += count) {
+// Reads until so many bytes have come or the stream has no more.
+std::string Read(KLVMsgInputStream* stream, std::size_t length) {
+    std::string bytes(length, '\0');
+    std::size_t done = 0;
+    for (int count = 1; done < length && count > 0; done += static_cast<std::size_t>(count)) {
         count = 0;
-        stream->read(buffer + done, length - done, count);
+        stream->read(&bytes[done], static_cast<int>(length - done), count);
+        count = std::max(count, 0);
     }
-    return count > 0;
+    return bytes.substr(0, done);
 }
 
 // Puts everything back after each test and looks whether that was all.
 class Housekeeper : public testing::EmptyTestEventListener {
-    void OnTestStart(const testing::TestInfo&) override {
-        m_descriptors = OpenDescriptors();
-        m_blocks = Blocks() - KeptBuffers();
-        m_messages = TextMessage::alive;
-    }
+    void OnTestStart(const testing::TestInfo&) override { m_before = Held(); }
 
     void OnTestEnd(const testing::TestInfo& test) override {
         for (int number = -10; number < 1100; ++number) {
@@ -53,15 +53,11 @@ class Housekeeper : public testing::EmptyTestEventListener {
         KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Finalize();
         KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Finalize();
         if (test.result()->Passed()) {
-            EXPECT_EQ(m_descriptors, OpenDescriptors()) << "descriptors are left";
-            EXPECT_EQ(m_blocks, Blocks() - KeptBuffers()) << "blocks are left";
-            EXPECT_EQ(m_messages, TextMessage::alive) << "messages are left";
+            EXPECT_EQ(m_before, Held());
         }
     }
 
-    int m_descriptors = 0;
-    int m_blocks = 0;
-    int m_messages = 0;
+    std::array<int, 3> m_before;
 };
 
 const bool housekeeping = [] {
@@ -93,9 +89,20 @@ bool Eventually(const std::function<bool()>& condition) {
     return true;
 }
 
+bool Sleeps(int thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string number, name, state;
+    stat >> number >> name >> state;
+    return state == "S";
+}
+
 int OpenDescriptors() {
     const std::filesystem::directory_iterator open("/proc/self/fd");
     return static_cast<int>(std::distance(begin(open), end(open))) - 1;  // without the walk's own
+}
+
+std::array<int, 3> Held() {
+    return {OpenDescriptors(), Blocks() - KeptBuffers(), TextMessage::alive};
 }
 
 KLVMsgServerSocket* StartLoopbackServer(int backlog) {
@@ -148,7 +155,14 @@ PlainServer::~PlainServer() { close(m_descriptor); }
 
 PlainPeer::TakeOver PlainServer::Accept() { return {accept(m_descriptor, nullptr, nullptr)}; }
 
-void ConnectedPair::EndByPeer() {
+Connection::Connection(PlainServer& listener, const KLVString& label)
+    : socket(Registry().ConnectToServer(KLVMsgSocketAddress(),
+                                        KLVMsgSocketAddress("127.0.0.1", listener.Port()))),
+      channel(socket, label),
+      number(channel.connection),
+      peer(listener.Accept()) {}
+
+void Connection::EndByPeer() {
     peer.Close();
     char byte = 0;
     EXPECT_EQ(0, socket->read(&byte, 1));
@@ -168,12 +182,11 @@ int TextMessage::WriteMessage(KLVMsgOutputStream* stream) {
 }
 
 int TextMessage::ReadMessage(KLVMsgInputStream* stream) {
+    const std::string bytes = Read(stream, 4);
     unsigned int length = 0;
-    if (!ReadWhole(stream, reinterpret_cast<char*>(&length), sizeof length)) {
-        return 0;
-    }
-    text.resize(length);
-    return ReadWhole(stream, text.data(), static_cast<int>(length)) ? 1 : 0;
+    std::memcpy(&length, bytes.data(), bytes.size());
+    text = Read(stream, length);
+    return text.size() == length ? 1 : 0;
 }
 
 const std::string& TextOf(const KLVMsgSocketMessage* message) {
@@ -184,4 +197,35 @@ KLVMsgChannel ChannelOf(int number) {
     KLVMsgChannel channel;
     channel.connection = number;
     return channel;
+}
+
+std::vector<KLVMsgChannel> Known(const char* label) {
+    KLVMsgChannelQueryByLabel query(label);
+    KLVBasVector<KLVMsgChannel> channels;
+    Communicator().RetrieveConnections(label == nullptr ? nullptr : &query, channels);
+    return VectorOf(channels);
+}
+
+unsigned int Send(const KLVMsgChannel& channel, KLVMsgSocketMessage* message) {
+    unsigned int id = 0;
+    Communicator().ISendSocketMessage(channel, message, id);
+    return id;
+}
+
+std::vector<std::string> Take(const char* type) {
+    KLVMsgMessageQueryByType query(type);
+    KLVBasVector<KLVMsgSocketMessage*> messages;
+    Communicator().IRetrieveMessages(&query, messages);
+    std::vector<std::string> texts;
+    for (KLVMsgSocketMessage* message : VectorOf(messages)) {
+        texts.push_back(TextOf(message));
+        delete message;
+    }
+    return texts;
+}
+
+Messaging::Messaging() {
+    Communicator().SetDefaultInputStream(&input);
+    Communicator().SetDefaultOutputStream(&output);
+    Communicator().RegisterMessagePrototype("Text", &prototype);
 }

@@ -1,5 +1,5 @@
-// The vocabulary of the tests: plain TCP peers, a message class, waiting for a condition, counting
-// descriptors.
+// The vocabulary of the tests: plain TCP peers, a message class, what the communicator knows and has
+// received, waiting for a condition, counting descriptors.
 //
 // Every test starts and ends with nothing: after it both singletons are finalized, what they had
 // open is closed, and a descriptor, a message or a block of the library that is left is a failure.
@@ -7,7 +7,9 @@
 #pragma once
 
 #include <KLVMsgCommModules.h>
+#include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <string>
@@ -19,8 +21,15 @@ KLVMsgConnectionServicesUtils& Registry();
 // Asks again and again until it holds, for half a minute at the most; false when it never did.
 bool Eventually(const std::function<bool()>& condition);
 
+// Whether a thread of this process sleeps, as one does that waits for a mutex.
+bool Sleeps(int thread);
+
 // How many descriptors the process has open.
 int OpenDescriptors();
+
+// That, the blocks of the library that are in use without those it never releases, and the
+// TextMessages that are alive: what may not grow.
+std::array<int, 3> Held();
 
 // A listening socket of the registry on 127.0.0.1 and a port of the system's choice.
 KLVMsgServerSocket* StartLoopbackServer(int backlog = 16);
@@ -36,7 +45,6 @@ public:
     explicit PlainPeer(TakeOver connected) : m_descriptor(connected.descriptor) {}
     ~PlainPeer() { Close(); }
     PlainPeer(const PlainPeer&) = delete;
-    PlainPeer& operator=(const PlainPeer&) = delete;
 
     void Send(const std::string& bytes);
     bool SendAny(const std::string& bytes);  // the same to a connection that may have gone
@@ -57,7 +65,6 @@ public:
     PlainServer();
     ~PlainServer();
     PlainServer(const PlainServer&) = delete;
-    PlainServer& operator=(const PlainServer&) = delete;
 
     int Port() const { return m_port; }
     PlainPeer::TakeOver Accept();
@@ -67,19 +74,25 @@ private:
     int m_port;
 };
 
-// A registered connection made with ConnectToServer, its channel, and the peer at the other end.
-struct ConnectedPair {
-    explicit ConnectedPair(const KLVString& label = "") : channel(socket, label) {}
+// A registered connection made to a listener, its channel, and the peer at the other end.
+struct Connection {
+    explicit Connection(PlainServer& listener, const KLVString& label = "");
 
     // The peer closes, and the socket learns of it by reading.
     void EndByPeer();
 
-    PlainServer listener;
-    KLVMsgCommSocket* socket = Registry().ConnectToServer(
-        KLVMsgSocketAddress(), KLVMsgSocketAddress("127.0.0.1", listener.Port()));
+    KLVMsgCommSocket* socket;
     KLVMsgChannel channel;
-    int number = socket->descriptor;
-    PlainPeer peer{listener.Accept()};
+    int number;
+    PlainPeer peer;
+};
+
+// The same with a listener of its own.
+struct OwnListener {
+    PlainServer listener;
+};
+struct ConnectedPair : OwnListener, Connection {
+    explicit ConnectedPair(const KLVString& label = "") : Connection(listener, label) {}
 };
 
 // The bytes of a header, and of a whole TextMessage.
@@ -95,8 +108,6 @@ public:
         ++alive;
     }
     ~TextMessage() override { --alive; }
-    TextMessage(const TextMessage&) = delete;
-    TextMessage& operator=(const TextMessage&) = delete;
 
     int WriteMessage(KLVMsgOutputStream* stream) override;
     int ReadMessage(KLVMsgInputStream* stream) override;
@@ -123,10 +134,30 @@ KLVBasVector<T> ListOf(const std::vector<T>& elements) {
 }
 template <class T>
 std::vector<T> VectorOf(const KLVBasVector<T>& list) {
-    std::vector<T> elements;
-    for (std::size_t i = 0; i < list.Size(); ++i) {
-        elements.push_back(list[i]);
-    }
-    return elements;
+    return list.Size() == 0 ? std::vector<T>() : std::vector<T>(&list[0], &list[0] + list.Size());
 }
 KLVMsgChannel ChannelOf(int number);
+
+// The channels that the communicator knows: all, or those with a label.
+std::vector<KLVMsgChannel> Known(const char* label = nullptr);
+
+// Queues a message and returns its id.
+unsigned int Send(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
+
+// Takes the received texts out of the inbox, the newest first.
+std::vector<std::string> Take(const char* type = "Text");
+
+// The communicator with streams and a prototype for "Text" messages.
+struct Messaging {
+    Messaging();
+    KLVMsgSimpleInputStream input;
+    KLVMsgBufferedOutputStream output{65536};
+    TextMessage prototype{"Text"}, hello{"Text", "hello"};
+};
+struct MessagingTest : testing::Test, Messaging {
+    // One cycle; with data on the way it waits until there is some.
+    static void Cycle(KLVMsgChannelWaitable* waitable = nullptr, int limit = 1000) {
+        Communicator().WaitConnectionsAndMessages(waitable, limit);
+    }
+    using Texts = std::vector<std::string>;
+};

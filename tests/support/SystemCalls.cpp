@@ -8,49 +8,49 @@
 #include <algorithm>
 #include <cerrno>
 #include <mutex>
+#include <sstream>
 
 #include "Faults.h"
 
 namespace {
 
 // Never destroyed: the C library's calls may come after the end of main.
-std::recursive_mutex& Mutex() {
-    static auto* const mutex = new std::recursive_mutex;
-    return *mutex;
-}
-
-std::vector<SystemCallHandler>& Handlers() {
-    static auto* const handlers = new std::vector<SystemCallHandler>;
-    return *handlers;
-}
+std::recursive_mutex& mutex = *new std::recursive_mutex;
+auto& handlers = *new std::vector<SystemCallHandler>;
+using Lock = std::lock_guard<std::recursive_mutex>;
 
 // Looked at before the lock is taken, which would order what the threads of a test do.
 std::atomic<bool> interposed{false};
 
-std::optional<long> Ask(SystemCall& call, const void* data) {
+template <class... Values>
+std::string Words(const Values&... values) {
+    if (!interposed.load(std::memory_order_relaxed)) {
+        return "";
+    }
+    const Exempt exempt;
+    std::ostringstream words;
+    ((words << values << ' '), ...);
+    return words.str();
+}
+
+std::optional<long> Ask(SystemCall& call) {
     if (!interposed.load(std::memory_order_relaxed)) {
         return std::nullopt;
     }
-    const std::lock_guard<std::recursive_mutex> lock(Mutex());
-    if (data != nullptr) {
-        const Exempt exempt;
-        call.value.assign(static_cast<const char*>(data), static_cast<std::size_t>(call.length));
+    const Lock lock(mutex);
+    std::optional<long> answer;
+    for (auto handler = handlers.rbegin(); handler != handlers.rend() && !answer; ++handler) {
+        answer = (*handler)(call);
     }
-    for (auto handler = Handlers().rbegin(); handler != Handlers().rend(); ++handler) {
-        if (const std::optional<long> answer = (*handler)(call)) {
-            return answer;
-        }
-    }
-    return std::nullopt;
+    return answer;
 }
 
 // Answers from a handler, or else makes the real call with what the handlers made of the length.
 template <class Result, class... Parameters, class... Arguments>
-Result PassOn(Result (*)(Parameters...), SystemCall& call, const void* data,
-              Arguments... arguments) {
+Result Pass(Result (*)(Parameters...), SystemCall&& call, Arguments... arguments) {
     using Function = Result(Parameters...);
     auto* const next = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, call.name.c_str()));
-    const std::optional<long> answer = Ask(call, data);
+    const std::optional<long> answer = Ask(call);
     if (!answer) {
         return next(static_cast<Parameters>(arguments)...);
     }
@@ -61,33 +61,25 @@ Result PassOn(Result (*)(Parameters...), SystemCall& call, const void* data,
     return static_cast<Result>(std::max(*answer, -1L));
 }
 
-template <class Function, class... Arguments>
-auto Pass(Function* function, SystemCall call, Arguments... arguments) {
-    return PassOn(function, call, nullptr, arguments...);
-}
-
 }  // namespace
 
 Interposed::Interposed(SystemCallHandler handler) {
-    const std::lock_guard<std::recursive_mutex> lock(Mutex());
-    Handlers().push_back(std::move(handler));
+    const Lock lock(mutex);
+    handlers.push_back(std::move(handler));
     interposed = true;
 }
 
 Interposed::~Interposed() {
-    const std::lock_guard<std::recursive_mutex> lock(Mutex());
-    Handlers().pop_back();
-    interposed = !Handlers().empty();
+    const Lock lock(mutex);
+    handlers.pop_back();
+    interposed = !handlers.empty();
 }
 
 std::vector<SystemCall> CallLog::Calls(int descriptor) const {
-    const std::lock_guard<std::recursive_mutex> lock(Mutex());
+    const Lock lock(mutex);
     std::vector<SystemCall> calls;
-    for (const SystemCall& call : m_calls) {
-        if (descriptor == -1 || call.descriptor == descriptor) {
-            calls.push_back(call);
-        }
-    }
+    std::copy_if(m_calls.begin(), m_calls.end(), std::back_inserter(calls),
+                 [=](auto& call) { return descriptor == -1 || call.descriptor == descriptor; });
     return calls;
 }
 
@@ -125,7 +117,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
     return Pass(&bind, {"bind", fd}, fd, address, length);
 }
 int listen(int fd, int backlog) noexcept {
-    return Pass(&listen, {"listen", fd, backlog}, fd, backlog);
+    return Pass(&listen, {"listen", fd, Words(backlog)}, fd, backlog);
 }
 int accept(int fd, sockaddr* address, socklen_t* length) {
     return Pass(&accept, {"accept", fd}, fd, address, length);
@@ -137,41 +129,35 @@ int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
     return Pass(&getsockname, {"getsockname", fd}, fd, address, length);
 }
 int shutdown(int fd, int how) noexcept {
-    return Pass(&shutdown, {"shutdown", fd, 0, how}, fd, how);
+    return Pass(&shutdown, {"shutdown", fd, Words(how)}, fd, how);
 }
 int close(int fd) { return Pass(&close, {"close", fd}, fd); }
 
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) noexcept {
-    const std::string bytes(static_cast<const char*>(value), size);
-    return Pass(&setsockopt, {"setsockopt", fd, 0, option, bytes, "", level}, fd, level, option,
-                value, size);
+    const int* const first = static_cast<const int*>(value);
+    const int second = size > sizeof *first ? first[1] : 0;
+    SystemCall call{"setsockopt", fd, Words(level, option, *first, second)};
+    return Pass(&setsockopt, std::move(call), fd, level, option, value, size);
 }
 ssize_t send(int fd, const void* data, std::size_t length, int flags) {
-    SystemCall call{"send", fd, static_cast<long>(length), flags};
-    return PassOn(&send, call, data, fd, data, std::cref(call.length), flags);
+    SystemCall call{"send", fd, Words(length, flags), static_cast<long>(length)};
+    return Pass(&send, std::move(call), fd, data, std::cref(call.length), flags);
 }
 ssize_t recv(int fd, void* buffer, std::size_t length, int flags) {
-    SystemCall call{"recv", fd, static_cast<long>(length), flags};
-    return PassOn(&recv, call, nullptr, fd, buffer, std::cref(call.length), flags);
+    SystemCall call{"recv", fd, Words(length, flags), static_cast<long>(length)};
+    return Pass(&recv, std::move(call), fd, buffer, std::cref(call.length), flags);
 }
 int select(int count, fd_set* reads, fd_set* writes, fd_set* exceptions, timeval* limit) {
-    const auto text = [](const timeval& t) {
-        return std::to_string(t.tv_sec) + ":" + std::to_string(t.tv_usec);
-    };
-    return Pass(&select, {"select", count, 0, 0, "", limit == nullptr ? "none" : text(*limit)},
-                count, reads, writes, exceptions, limit);
+    SystemCall call{"select", count, limit ? Words(limit->tv_sec, limit->tv_usec) : "for ever"};
+    return Pass(&select, std::move(call), count, reads, writes, exceptions, limit);
 }
 int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** list) {
-    SystemCall call{"getaddrinfo", 0};
-    {
-        const Exempt exempt;
-        call.value = std::string(host) + " " + (service == nullptr ? "none" : service);
-    }
-    return PassOn(&getaddrinfo, call, nullptr, host, service, hints, list);
+    SystemCall call{"getaddrinfo", 0, Words(host, service == nullptr ? "none" : service)};
+    return Pass(&getaddrinfo, std::move(call), host, service, hints, list);
 }
 void freeaddrinfo(addrinfo* list) noexcept {
     SystemCall call{"freeaddrinfo", 0};
-    Ask(call, nullptr);
+    Ask(call);
     reinterpret_cast<decltype(&freeaddrinfo)>(dlsym(RTLD_NEXT, "freeaddrinfo"))(list);
     errno = E2BIG;  // as it may do
 }

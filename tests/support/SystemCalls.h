@@ -10,13 +10,9 @@
 // One call, before it is made. `name` is that of the C function.
 struct SystemCall {
     std::string name;
-    int descriptor;   // the first argument; for `socket` the domain, for `select` the highest + 1
-    long length = 0;  // send, recv: bytes asked for; a handler may lower it. listen: the backlog
-    long option = 0;  // setsockopt: the option. shutdown: the direction. send, recv: the flags
-    std::string value = {};  // setsockopt: the option's bytes. send: the bytes to be sent.
-                             // getaddrinfo: host and service, "none" without one
-    std::string limit = {};  // select: the time limit as seconds:microseconds, "none" without one
-    long level = 0;          // setsockopt: the option's level
+    int descriptor;  // the first argument; for `socket` the domain, for `select` the highest + 1
+    std::string rest = {};  // the other arguments that a test looks at, each followed by a space
+    long length = 0;        // send, recv: bytes asked for; a handler may lower it
 };
 
 // A handler answers a call in the system's place, or lets it through with std::nullopt. A negative
@@ -31,7 +27,6 @@ public:
     explicit Interposed(SystemCallHandler handler);
     ~Interposed();
     Interposed(const Interposed&) = delete;
-    Interposed& operator=(const Interposed&) = delete;
 };
 
 // Lets all calls through and keeps them, but for the resolver's.

@@ -2,23 +2,18 @@
 // stall and stay. What the peers that stay have sent and been sent is accounted for, and a thread with
 // files of its own sees whether anybody touches them. Usage: turmoil SECONDS [SEED]
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <mutex>
 #include <random>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "Support.h"
 
@@ -28,13 +23,15 @@ constexpr int steadyPeers = 3;
 std::atomic<bool> over{false};
 unsigned int seed = 0;
 
-void Fail(const std::string& what) {
-    std::cerr << "turmoil: " << what << " (seed " << seed << ")\n";
-    std::_Exit(1);
+void Require(bool holds, const std::string& what) {
+    if (!holds) {
+        std::cerr << "turmoil: " << what << " (seed " << seed << ")\n";
+        std::_Exit(1);
+    }
 }
 
 // A random number below `limit`, for each thread in an order of its own.
-unsigned int Random(unsigned int limit) {
+unsigned int Random(std::size_t limit) {
     static std::atomic<unsigned int> threads{0};
     thread_local std::mt19937 generator(seed + threads++);
     return static_cast<unsigned int>(generator() % limit);
@@ -44,7 +41,6 @@ void Pause(unsigned int most) { KLVBasUtlsleep(Random(most + 1)); }
 
 // Drives the communicator like the message task, without its pause.
 class Driver : public KLVBasAtiThreadTask {
-public:
     int Run(int) override {
         while (!Communicator().IsOkToShutDownMessageTask()) {
             Communicator().WaitConnectionsAndMessages(nullptr, 5);
@@ -56,165 +52,123 @@ public:
 };
 
 // What was promised to whom: every text is expected once, and forgotten when it has come.
-class Account {
-public:
+struct Account {
     void Expect(const std::string& text) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_expected.insert(text);
-        ++m_count;
+        const std::lock_guard<std::mutex> lock(mutex);
+        expected.insert(text);
+        ++count;
     }
     void Arrive(const std::string& text) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_expected.erase(text) == 0) {
-            Fail("unexpected: " + text);
-        }
+        const std::lock_guard<std::mutex> lock(mutex);
+        Require(expected.erase(text) == 1, "unexpected: " + text);
     }
     std::size_t Missing() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_expected.size();
+        const std::lock_guard<std::mutex> lock(mutex);
+        return expected.size();
     }
-    long Count() const { return m_count; }
+    std::mutex mutex;
+    std::set<std::string> expected;
+    long count = 0;
+} received, sent;
 
-private:
-    std::mutex m_mutex;
-    std::set<std::string> m_expected;
-    long m_count = 0;
-};
-Account received, sent;
+std::string Steady(int n) { return "steady" + std::to_string(n % steadyPeers); }
 
-// Sends to the peers that stay, in all forms.
+void Await(unsigned int id) {
+    while (Communicator().QueryPendingStatus(id)) {
+        Pause(1);
+    }
+}
+
+// Sends to the peers that stay, in two forms.
 void SendToSteady() {
     for (int n = 0; !over; ++n) {
-        const std::string label = "steady" + std::to_string(n % steadyPeers);
-        TextMessage message("Steady", label + " " + std::to_string(n));
+        TextMessage message("Steady", Steady(n) + " " + std::to_string(n));
         sent.Expect(message.text);
         if (n % 2 == 0) {
-            Communicator().SendSocketMessage(label.c_str(), &message);
-            continue;
-        }
-        KLVMsgChannelQueryByLabel query(label.c_str());
-        KLVBasVector<KLVMsgChannel> channels;
-        Communicator().RetrieveConnections(&query, channels);
-        if (channels.Size() != 1) {
-            Fail(label + " is known " + std::to_string(channels.Size()) + " times");
-        }
-        unsigned int id = 0;
-        Communicator().ISendSocketMessage(channels[0], &message, id);
-        while (Communicator().QueryPendingStatus(id)) {
-            Pause(1);
+            Communicator().SendSocketMessage(Steady(n).c_str(), &message);
+        } else {
+            const std::vector<KLVMsgChannel> channels = Known(Steady(n).c_str());
+            Require(channels.size() == 1, Steady(n) + " is not known once");
+            Await(Send(channels[0], &message));
         }
     }
 }
 
-void Retrieve(const char* type) {
-    KLVMsgMessageQueryByType query(type);
-    KLVBasVector<KLVMsgChannelMsgStruct> records;
-    Communicator().IRetrieveMessagesWithChannel(&query, records);
-    for (std::size_t i = 0; i < records.Size(); ++i) {
-        if (std::strcmp(type, "Steady") == 0) {
-            received.Arrive(TextOf(records[i].message));
-        }
-        delete records[i].message;
+void Retrieve() {
+    for (const std::string& text : Take("Steady")) {
+        received.Arrive(text);
     }
-}
-
-void RetrieveAll() {
-    while (!over) {
-        Retrieve("Steady");
-        Retrieve("Passing");
-        Pause(3);
-    }
+    Take("Passing");
 }
 
 // A peer that stays: sends numbered texts, and reads those that it is sent.
 void StaySteady(PlainPeer& peer, int self) {
-    const std::string label = "steady" + std::to_string(self);
     std::thread reader([&peer] {
-        for (;;) {
-            const std::string header = peer.Receive(HeaderBytes("Steady").size() + 4);
-            if (header.empty()) {
-                return;
-            }
+        const std::size_t headerSize = HeaderBytes("Steady").size() + 4;
+        for (std::string header; !(header = peer.Receive(headerSize)).empty();) {
             unsigned int length = 0;
-            std::memcpy(&length, header.data() + header.size() - 4, sizeof length);
+            std::memcpy(&length, header.data() + headerSize - 4, sizeof length);
             sent.Arrive(peer.Receive(length));
         }
     });
-    for (int n = 0; !over; ++n) {
-        const std::string text = label + " says " + std::to_string(n);
+    for (int n = 0; !over; ++n, Pause(4)) {
+        const std::string text = Steady(self) + " says " + std::to_string(n);
         received.Expect(text);
         peer.Send(TextBytes("Steady", text));
-        Pause(4);
     }
     reader.join();
 }
+
+void Leave(PlainPeer& peer) { Random(2) == 0 ? peer.Close() : peer.Reset(); }
 
 // Peers that come, send something whole or broken, and go in every way.
 void ComeAndGo(int port) {
     while (!over) {
         PlainPeer peer(port);
-        std::string bytes = TextBytes("Passing", std::string(Random(2000), 'x'));
-        if (Random(2) == 0) {
-            bytes.resize(Random(static_cast<unsigned int>(bytes.size())));
-        }
-        peer.SendAny(bytes);
+        const std::string bytes = TextBytes("Passing", std::string(Random(2000), 'x'));
+        peer.SendAny(bytes.substr(0, Random(2) == 0 ? Random(bytes.size()) : bytes.size()));
         Pause(Random(10) == 0 ? 200 : 2);  // stalls, in the middle or not
-        Random(2) == 0 ? peer.Close() : peer.Reset();
+        Leave(peer);
     }
 }
 
 // Connects to a server outside, sends, and ends the connection in every way.
-void ConnectAndEnd(int self) {
+void ConnectAndEnd(const char* label) {
     PlainServer outside;
-    const std::string label = "outgoing" + std::to_string(self);
     TextMessage message("Passing", "hello");
+    const std::string bytes = TextBytes("Passing", "from outside");
     while (!over) {
         KLVMsgCommSocket* const socket = Registry().ConnectToServer(
             KLVMsgSocketAddress(), KLVMsgSocketAddress("127.0.0.1", outside.Port()));
-        if (socket == nullptr) {
-            Fail("cannot connect: " + std::string(std::strerror(errno)));
-        }
+        Require(socket != nullptr, "cannot connect");
         PlainPeer peer{outside.Accept()};
-        KLVMsgChannel channel(socket, label.c_str());
+        KLVMsgChannel channel(socket, label);
         Communicator().AddConnection(channel, true);
-        unsigned int id = 0;
-        Communicator().ISendSocketMessage(channel, &message, id);
-        const std::string bytes = TextBytes("Passing", "from outside");
+        const unsigned int id = Send(channel, &message);
         const bool stays = Random(2) == 0;
-        if (stays) {
-            peer.SendAny(bytes);
-        } else {
-            peer.SendAny(bytes.substr(0, Random(static_cast<unsigned int>(bytes.size()))));
+        peer.SendAny(bytes.substr(0, stays ? bytes.size() : Random(bytes.size())));
+        if (!stays) {
             Pause(5);  // until it has gone it holds everybody up
-            Random(2) == 0 ? peer.Close() : peer.Reset();
+            Leave(peer);
         }
         Pause(5);
-        KLVMsgChannelQueryByLabel query(label.c_str());
-        switch (Random(3)) {
-            case 0:
-                Communicator().RemoveConnection(&query, true);
-                break;
-            case 1:
-                stays ? channel.Shutdown() : void();
-                break;  // else it may be somebody else's
-            default:
-                break;  // left dead or alive; the next connection may get its number
-        }
-        while (Communicator().QueryPendingStatus(id)) {
-            Pause(1);  // the message is ours until then
-        }
+        KLVMsgChannelQueryByLabel query(label);
+        const unsigned int end = Random(3);
+        if (end == 0) {
+            Communicator().RemoveConnection(&query, true);
+        } else if (end == 1 && stays) {  // else it may be somebody else's
+            channel.Shutdown();
+        }           // or it is left dead or alive; the next connection may get its number
+        Await(id);  // the message is ours until then
     }
 }
 
 // Shuts a server down and starts it on the same port.
 void Restart() {
-    int port = 0;
-    while (!over) {
+    for (int port = 0; !over;) {
         KLVMsgServerSocket* const server =
             Registry().StartServer(KLVMsgSocketAddress("127.0.0.1", port), 5);
-        if (server == nullptr || Registry().HasError(server->descriptor)) {
-            Fail("cannot start again on port " + std::to_string(port));
-        }
+        Require(server != nullptr && !Registry().HasError(server->descriptor), "cannot restart");
         port = server->address.port;
         KLVMsgChannel channel(server, "restarted");
         Communicator().AddConnection(channel, true);
@@ -223,22 +177,20 @@ void Restart() {
     }
 }
 
-// Asks and changes what can be asked and changed of every connection.
+// Takes what has come, and asks and changes what can be asked and changed of every connection.
 void AskAround() {
-    while (!over) {
-        KLVBasVector<KLVMsgChannel> channels;
-        Communicator().RetrieveConnections(nullptr, channels);
-        for (std::size_t i = 0; i < channels.Size(); ++i) {
+    for (; !over; Pause(2)) {
+        Retrieve();
+        for (KLVMsgChannel& channel : Known()) {
             int code = 0;
             KLVString text;
-            Communicator().GetErrorsOnChannel(channels[i], code, text);
-            channels[i].IsActiveInCurrentThreads();
-            Registry().ClearError(channels[i].connection);
-            if (channels[i].GetLabel() == KLVString("")) {
-                channels[i].SetLabel("passing");
+            Communicator().GetErrorsOnChannel(channel, code, text);
+            channel.IsActiveInCurrentThreads();
+            Registry().ClearError(channel.connection);
+            if (channel.GetLabel() == KLVString("")) {
+                channel.SetLabel("passing");
             }
         }
-        Pause(2);
     }
 }
 
@@ -246,7 +198,7 @@ void AskAround() {
 void KeepFiles() {
     char name[] = "/tmp/turmoilXXXXXX";
     const int first = mkstemp(name);
-    struct stat own = {};
+    struct stat own = {}, now = {};
     fstat(first, &own);
     while (!over) {
         std::vector<int> files(1 + Random(8));
@@ -255,80 +207,57 @@ void KeepFiles() {
         }
         Pause(3);
         for (const int file : files) {
-            struct stat now = {};
-            if (fstat(file, &now) == -1 || now.st_ino != own.st_ino || close(file) == -1) {
-                Fail("a file of ours is not ours any more");
-            }
+            Require(fstat(file, &now) == 0 && now.st_ino == own.st_ino && close(file) == 0,
+                    "a file of ours is not ours any more");
         }
     }
     close(first);
     unlink(name);
 }
 
-// The peers that stay, and the labels under which they are known.
-void Welcome(std::vector<std::unique_ptr<PlainPeer>>& peers, int port) {
-    for (int i = 0; i < steadyPeers; ++i) {
-        KLVBasVector<KLVMsgChannel> before, now;
-        Communicator().RetrieveConnections(nullptr, before);
-        peers.push_back(std::make_unique<PlainPeer>(port));
-        do {
-            Communicator().WaitConnectionsAndMessages(nullptr, 100);
-            now.Clear();
-            Communicator().RetrieveConnections(nullptr, now);
-        } while (now.Size() == before.Size());
-        now[now.Size() - 1].SetLabel(("steady" + std::to_string(i)).c_str());
-    }
-}
-
-int Run(int seconds) {
-    KLVMsgSimpleInputStream input;
-    KLVMsgBufferedOutputStream output(65536);
+void Run(int seconds) {
+    const Messaging messaging;
     TextMessage steady("Steady"), passing("Passing");
-    Communicator().SetDefaultInputStream(&input);
-    Communicator().SetDefaultOutputStream(&output);
     Communicator().RegisterMessagePrototype("Steady", &steady);
     Communicator().RegisterMessagePrototype("Passing", &passing);
     KLVMsgServerSocket* const server = StartLoopbackServer();
     const int port = server->address.port;
     Communicator().AddConnection(KLVMsgChannel(server, "server"), true);
     std::vector<std::unique_ptr<PlainPeer>> peers;
-    Welcome(peers, port);
-
+    std::vector<std::thread> staying, turmoil;
+    for (int i = 0; i < steadyPeers; ++i) {
+        peers.push_back(std::make_unique<PlainPeer>(port));
+        Communicator().WaitConnectionsAndMessages(nullptr, 10000);
+        Known().back().SetLabel(Steady(i).c_str());
+    }
     Communicator().PrepareStartupMessageTask();
     Driver driver;
     KLVBasAtiThread driving(driver);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < steadyPeers; ++i) {
-        threads.emplace_back(StaySteady, std::ref(*peers[static_cast<std::size_t>(i)]), i);
+    for (std::size_t i = 0; i < peers.size(); ++i) {
+        staying.emplace_back(StaySteady, std::ref(*peers[i]), static_cast<int>(i));
     }
-    std::vector<std::thread> turmoil;
-    turmoil.emplace_back(SendToSteady);
-    turmoil.emplace_back(RetrieveAll);
     turmoil.emplace_back(ComeAndGo, port);
-    turmoil.emplace_back(ConnectAndEnd, 0);
-    turmoil.emplace_back(ConnectAndEnd, 1);
-    turmoil.emplace_back(Restart);
-    turmoil.emplace_back(AskAround);
-    turmoil.emplace_back(KeepFiles);
+    turmoil.emplace_back(ConnectAndEnd, "outgoing");
+    turmoil.emplace_back(ConnectAndEnd, "another");
+    for (void (*each)() : {SendToSteady, Restart, AskAround, KeepFiles}) {
+        turmoil.emplace_back(each);
+    }
 
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     over = true;
     for (std::thread& thread : turmoil) {
         thread.join();
     }
-    if (!Eventually([] { return Retrieve("Steady"), received.Missing() + sent.Missing() == 0; })) {
-        Fail("missing: " + std::to_string(received.Missing()) + " received, " +
-             std::to_string(sent.Missing()) + " sent");
-    }
-    Retrieve("Passing");
+    Require(Eventually([] { return Retrieve(), received.Missing() + sent.Missing() == 0; }),
+            std::to_string(received.Missing()) + " to receive and " +
+                std::to_string(sent.Missing()) + " sent are missing");
     Communicator().ShutdownMessageTask();
     driving.Join();
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : staying) {
         thread.join();
     }
-    std::cout << "turmoil: " << received.Count() << " received and " << sent.Count()
+    std::cout << "turmoil: " << received.count << " received and " << sent.count
               << " sent, each once (seed " << seed << ")\n";
-    return 0;
 }
 
 }  // namespace
@@ -336,8 +265,7 @@ int Run(int seconds) {
 int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     seed = argc > 2 ? static_cast<unsigned int>(std::atoi(argv[2])) : std::random_device()();
-    const int result = Run(argc > 1 ? std::atoi(argv[1]) : 1);
+    Run(argc > 1 ? std::atoi(argv[1]) : 1);
     KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Finalize();
     KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Finalize();
-    return result;
 }

@@ -1,13 +1,26 @@
-// Base facilities of an application, made without KLVBase and differently where that is simple: the
-// messaging library must rely on their interfaces alone.
+// What an application's own base facilities must supply, made of the standard library: copy it and put
+// the application's facilities in the place of each. OwnBase.cmake makes a target of it.
+//
+// The messaging library uses what is declared here and nothing else of a base. The singleton and the
+// ordered map are its own. It asks for more than a compiler sees:
+// - mem_Malloc returns null where there is no memory; the other two throw std::bad_alloc.
+// - KLVString compares and keeps zero bytes, is empty for a null pointer, and copies without throwing
+//   if short memory is to leave the library as it was.
+// - KLVBasVector keeps its elements one behind the other; Erase passes over a position outside.
+// - newMutex returns null where there is no memory. A mutex that is handed over in the order of arrival
+//   keeps a sender from waiting for several waits of the message task.
+// - KLVBasAtiThread blocks SIGPIPE on its thread, or the application ignores that signal: else a send
+//   to a peer that has gone ends the process.
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <future>
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,7 +42,13 @@ inline void* mem_OperatorNewThrow(std::size_t size) {
     return mark + 1;
 }
 inline void* mem_OperatorNewThrowBuiltin(std::size_t size) { return mem_OperatorNewThrow(size); }
-inline void* mem_Malloc(std::size_t size) { return mem_OperatorNewThrow(size); }
+inline void* mem_Malloc(std::size_t size) {
+    try {
+        return mem_OperatorNewThrow(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 inline void mem_Free(void* block) {
     auto* const mark = block == nullptr ? nullptr : static_cast<OwnMark*>(block) - 1;
     if (mark != nullptr && mark->value != 0x0BADBA5E) {
@@ -95,7 +114,10 @@ private:
     std::timed_mutex m_mutex;
 };
 struct KLVBasAtiThreadingModel {
-    static KLVBasAtiMutex* newMutex() { return new KLVBasAtiMutex; }
+    static KLVBasAtiMutex* newMutex() {
+        void* const memory = mem_Malloc(sizeof(KLVBasAtiMutex));
+        return memory == nullptr ? nullptr : ::new (memory) KLVBasAtiMutex;
+    }
 };
 
 class KLVBasAtiThreadTask : public mem_AllocationOperators {
@@ -106,10 +128,18 @@ public:
 class KLVBasAtiThread {
 public:
     explicit KLVBasAtiThread(KLVBasAtiThreadTask& task)
-        : m_result(std::async(std::launch::async, [&task] { return task.Run(0); }).share()) {}
+        : m_result(std::async(std::launch::async, [&task] { return RunTask(task); }).share()) {}
     int Join() { return m_result.get(); }
 
 private:
+    static int RunTask(KLVBasAtiThreadTask& task) {
+        sigset_t brokenPipe;
+        sigemptyset(&brokenPipe);
+        sigaddset(&brokenPipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
+        return task.Run(0);
+    }
+
     std::shared_future<int> m_result;
 };
 inline void KLVBasUtlsleep(unsigned milliseconds) {
