@@ -7,7 +7,8 @@ file(GLOB base_headers CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/KLVBase/ProtectedInterfaces/*.h
   ${PROJECT_SOURCE_DIR}/KLVBase/Containers/*.h)
 file(GLOB message_headers CONFIGURE_DEPENDS
-  ${PROJECT_SOURCE_DIR}/KLVMsgCommServices/ProtectedInterfaces/*.h)
+  ${PROJECT_SOURCE_DIR}/KLVMsgCommServices/ProtectedInterfaces/*.h
+  ${PROJECT_SOURCE_DIR}/KLVMsgKit/*.h)
 
 # The libraries are looked up beside each other, so that the installed tree can be moved.
 set(libraries KLVMsgCommModules)
@@ -27,7 +28,7 @@ if(KLVMSG_BASE_TARGET)
   return()
 endif()
 
-install(TARGETS ${libraries} EXPORT KLVMsgCommModulesTargets
+install(TARGETS ${libraries} KLVMsgKit EXPORT KLVMsgCommModulesTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 install(FILES ${base_headers} ${message_headers} DESTINATION ${include_dir} COMPONENT development)
 
@@ -53,7 +54,7 @@ else()
   set(from ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
   file(RELATIVE_PATH pc_prefix ${from} ${CMAKE_INSTALL_PREFIX})
   file(RELATIVE_PATH pc_includedir ${from} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
-  set(pc_prefix \${pcfiledir}/${pc_prefix})
+  string(REGEX REPLACE "/$" "" pc_prefix \${pcfiledir}/${pc_prefix})
   set(pc_libdir \${pcfiledir}/..)
   set(pc_includedir \${pcfiledir}/${pc_includedir})
 endif()

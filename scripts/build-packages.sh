@@ -17,7 +17,7 @@ case "$*" in
   --no-check) check=no ;;
   *) echo "usage: build-packages.sh [--no-check]" >&2; exit 2 ;;
 esac
-need_packages cmake g++ make debhelper dpkg-dev
+need_packages build-essential cmake debhelper dpkg-dev
 [ $check = no ] || need_packages lintian
 
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)

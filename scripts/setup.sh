@@ -26,7 +26,7 @@ prepare_build() {  # BUILD SOURCE
 # Runs a build step with its output in a log; a terminal shows the last line of it meanwhile. When
 # the step fails, the log is printed.
 run_logged() {  # LOG COMMAND...
-  local log=$1 line width
+  local log=$1 line width status=0
   shift
   if [ -t 1 ]; then
     { width=$(stty size <&3 2>/dev/null | cut -d ' ' -f 2) || width=80; } 3<&1
@@ -34,11 +34,9 @@ run_logged() {  # LOG COMMAND...
     "$@" 2>&1 | while IFS= read -r line; do
       printf '%s\n' "$line" >>"$log"
       printf '\r\033[K%.*s' "$width" "$line"
-    done
-    local status=${PIPESTATUS[0]}
+    done || status=$?
     printf '\r\033[K'
   else
-    local status=0
     "$@" >>"$log" 2>&1 || status=$?
   fi
   [ "$status" -eq 0 ] || { cat "$log" >&2; return "$status"; }
@@ -65,6 +63,7 @@ is_there() {  # PACKAGE
   case $1 in
     abigail-tools) command -v abidw ;;
     binutils) command -v nm ;;
+    build-essential) dpkg-query -W -f '${Status}' build-essential 2>/dev/null | grep ' installed$' ;;
     clang) command -v clang++ ;;
     debhelper) command -v dh ;;
     dpkg-dev) command -v dpkg-buildpackage ;;

@@ -30,6 +30,7 @@ class KLVMsgChannelQuery;
 class KLVMsgCommSocket;
 class KLVMsgCycle;
 struct KLVMsgCycleLists;
+struct KLVMsgTurn;
 class KLVMsgInputStream;
 class KLVMsgMessageQuery;
 class KLVMsgOutputStream;
@@ -155,7 +156,7 @@ public:
     // only. See KLVMsgChannelWaitable for the time and for what a wait reports.
     //
     // std::bad_alloc passes through between two messages: one that has been read is in the inbox,
-    // and connections accepted by then are made known by the next cycle.
+    // and connections accepted by then are made known by the next cycle with this waitable.
     // Requires: the input stream is set.
     void WaitConnectionsAndMessages(KLVMsgChannelWaitable* waitable, int timeout);
 
@@ -196,7 +197,7 @@ private:
     void AddTurns(KLVMsgCycle& cycle);
     void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);
     void MakeKnown(KLVBasVector<KLVMsgChannel>& accepted);
-    bool ReceiveMessage(const KLVMsgChannel& channel);
+    bool ReceiveMessage(const KLVMsgTurn& turn);
     template <class Element, class Project>
     void TakeFromInbox(KLVMsgMessageQuery* query, KLVBasVector<Element>& taken, Project project);
 

@@ -134,3 +134,18 @@ std::vector<std::pair<KLVMsgChannel, std::unique_ptr<Message>>> Take(const char*
     }
     return taken;
 }
+
+// Waits for a message of the prototype's type and hands over the oldest with its channel.
+// Requires: there is one of them to come, since this looks at no other.
+template <class Message>
+std::pair<KLVMsgChannel, std::unique_ptr<Message>> Await(const Message& prototype) {
+    for (;; KLVBasUtlsleep(20)) {
+        auto received = Take<Message>(prototype.GetMessageType().Text());
+        if (!received.empty()) {
+            if (!received[0].second->whole) {
+                throw std::runtime_error("the peer's message has not come to its end");
+            }
+            return std::move(received[0]);
+        }
+    }
+}

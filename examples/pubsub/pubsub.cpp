@@ -70,13 +70,13 @@ static int Subscribe(int port, const std::string& topic) {
     KLVMsgChannel publisher = Connect(KLVMsgSocketAddress("127.0.0.1", port), "publisher");
     library.Start();
     Text request("Subscribe", topic);
+    TimeLimit::Restart("pubsub: gave up: no news from the publisher\n");
     Communicator().SendSocketMessage("publisher", &request);
 
     std::string expected;
     for (const std::string& each : news) {
         expected += each.rfind(topic, 0) == 0 || each == news.back() ? each + "; " : "";
     }
-    TimeLimit::Restart("pubsub: gave up: no news from the publisher\n");
     std::string received;
     while (received.size() < expected.size()) {
         KLVBasUtlsleep(20);

@@ -65,8 +65,8 @@ static int Work(int port) {
     KLVMsgChannel dispatcher = Connect(KLVMsgSocketAddress("127.0.0.1", port), "dispatcher");
     library.Start();
     Numbers result("Result");
-    Communicator().SendSocketMessage(dispatcher, &result);
     TimeLimit::Restart("workers: gave up: no job from the dispatcher\n");
+    Communicator().SendSocketMessage(dispatcher, &result);
     for (bool connected = true; connected;) {
         KLVBasUtlsleep(20);
         connected = dispatcher.IsActiveInCurrentThreads();  // before the last look

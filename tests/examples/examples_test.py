@@ -2,9 +2,11 @@
 """The example programs as their users run them: as processes, with each other and with peers that
 misbehave. examples_test.py DIRECTORY [TEST...]: the directory in which they were built."""
 
+import contextlib
 import os
 import pathlib
 import re
+import resource
 import signal
 import socket
 import subprocess
@@ -14,42 +16,74 @@ import time
 import unittest
 
 PROGRAMS = pathlib.Path(sys.argv.pop(1)).resolve()
+SANITIZED = re.search(rb"__[at]san_init", (PROGRAMS / "pubsub/pubsub").read_bytes())
 
 
 class Program:
-    """A program that runs, its standard output and error in a file."""
+    """A program that runs, its standard output and error in a file. The limit is one of the
+    system's resources and how much of it there is."""
 
     started = []
 
-    def __init__(self, name, *arguments, stdin=None):
+    def __init__(self, name, *arguments, stdin=None, limit=None):
         self.file = tempfile.NamedTemporaryFile()
-        self.process = subprocess.Popen([PROGRAMS / name / name, *map(str, arguments)],
-                                        stdin=stdin, stdout=self.file, stderr=subprocess.STDOUT)
+        self.process = subprocess.Popen(
+            [PROGRAMS / name / name, *map(str, arguments)], stdin=stdin, stdout=self.file,
+            stderr=subprocess.STDOUT,
+            preexec_fn=limit and (lambda: resource.setrlimit(limit[0], (limit[1], limit[1]))))
         self.started.append(self.process)
 
     def output(self):
         return pathlib.Path(self.file.name).read_bytes()
 
     def says(self, pattern):
-        """Waits until a part of the output matches, and returns the match."""
+        """Waits until a part of the output matches, or will not any more; returns the match."""
         limit = time.monotonic() + 30
-        while time.monotonic() < limit:
+        ended = False
+        while not ended and time.monotonic() < limit:
+            ended = self.process.poll() is not None  # before the last look
             if found := re.search(pattern, self.output()):
                 return found
             time.sleep(0.01)
         raise AssertionError(f"{pattern} is not in {self.output()}")
 
     def port(self):
-        """The one that a klvmsgcat listens on."""
-        return int(self.says(rb"^klvmsgcat: listening on 127.0.0.1:(\d+)\n")[1])
+        """The one that its first line tells."""
+        return int(self.says(rb"^(?:klvmsgcat: )?\w+ing on 127.0.0.1(?:, port |:)(\d+)\n")[1])
 
     def end(self):
         """Waits for its end; the exit code."""
-        return self.process.wait()
+        return self.process.wait(90)
 
 
-def field(content):
-    return len(content).to_bytes(4, sys.byteorder) + content
+def field(content, size=4):
+    """A text behind its length, which is how a message begins: with the name of its type."""
+    return len(content).to_bytes(size, sys.byteorder) + content
+
+
+def number(value, size=8):
+    return value.to_bytes(size, sys.byteorder)
+
+
+class Peer:
+    """Somebody who connects and says just what the test wants."""
+
+    def __init__(self, port):
+        self.socket = socket.create_connection(("127.0.0.1", port), timeout=30)
+        self.stream = self.socket.makefile("rb")
+
+    def says(self, content):
+        self.socket.sendall(content)
+        return self
+
+    def hears(self, content):
+        heard = self.stream.read(len(content))
+        assert heard == content, (heard, content)
+        return self
+
+    def goes(self):
+        self.stream.close()
+        self.socket.close()
 
 
 class ProgramTest(unittest.TestCase):
@@ -66,10 +100,20 @@ class ProgramTest(unittest.TestCase):
             process.kill()  # one that a failed test has left
             process.wait()
 
-    def ends(self, code, name, *arguments):
-        program = Program(name, *arguments)
+    def ends(self, code, name, *arguments, **options):
+        return self.ended(code, Program(name, *arguments, **options))
+
+    def ended(self, code, program):
         self.assertEqual(code, program.end(), program.output())
         return program
+
+    def gone(self, process):
+        """Waits until it is; a dead one that nobody has asked about has no command line."""
+        limit = time.monotonic() + 30
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            while pathlib.Path(f"/proc/{process}/cmdline").read_bytes():
+                self.assertLess(time.monotonic(), limit, f"{process} lives on")
+                time.sleep(0.01)
 
 
 class Exchange(ProgramTest):
@@ -95,20 +139,71 @@ class Exchange(ProgramTest):
             taken = self.ends(1, "exchange", "--port", port, "file")
             taken.says(rb"Address already in use")
         alone = self.ends(1, "exchange", "client", "--port", port, "file")
-        alone.says(rb"no hub listens there")
+        alone.says(rb"cannot connect to 127.0.0.1, port \d+: Connection refused")
+
+    def test_serves_on_the_host_that_it_is_told(self):
+        file = "clear\x1b[2J\n"
+        pathlib.Path(file).write_bytes(b"")
+        with socket.create_server(("127.0.0.1", 0)) as other:  # which would not answer
+            port = other.getsockname()[1]
+            run = self.ends(0, "exchange", "--timeout", 20, "--host", "127.0.0.2", "--port", port,
+                            "--clients", 10, file)
+        # In the order of their numbers, and nothing that a terminal would obey.
+        rows = re.findall(rb"^(client-\d+ .*)\n", run.output(), re.MULTILINE)
+        row = b"client-%-3d           0          0          0 00000000  agreed     " \
+              rb"clear\x1b[2J\x0a"
+        self.assertEqual([row % client for client in range(1, 11)], rows)
+        run.says(rb"10 of 10 files \(100 %\)")
 
     def test_a_killed_process_ends_the_run(self):
         pathlib.Path("large").write_bytes(b"x" * (64 << 20))
-        for victim, says in ((0, (rb"hub was killed by signal 9", rb"client-2: lost the hub")),
-                             (1, (rb"client-1 was killed", rb"client-2: sent away"))):
+        for victim, says in ((0, ()),
+                             (1, (rb"hub was killed by signal 9", rb"client-2: lost the hub")),
+                             (2, (rb"client-1 was killed", rb"client-2: sent away"))):
             # In chunks so small that the files would travel for minutes.
             run = Program("exchange", "--chunk", 64, "large", "large")
             run.says(rb"0 of 2 files")
             tasks = pathlib.Path(f"/proc/{run.process.pid}/task/{run.process.pid}/children")
-            os.kill(int(tasks.read_text().split()[victim]), signal.SIGKILL)
-            self.assertEqual(1, run.end())
+            processes = [run.process.pid, *map(int, tasks.read_text().split())]
+            os.kill(processes[victim], signal.SIGKILL)
+            self.assertEqual(1 if victim else -signal.SIGKILL, run.end())
             for text in says:
                 run.says(text)
+            self.assertEqual(4, len(processes))
+            for process in processes:
+                self.gone(process)
+
+    def test_a_hub_takes_no_half_file_and_no_second_one_of_a_name(self):
+        hub = Program("exchange", "hub")
+        last = field(b"Chunk") + number(1) + field(b"text", 8)
+        hello = field(b"Hello") + field(b"one", 8) + number(1)
+        peer = Peer(hub.port()).says(hello)
+        hub.says(rb"of 1 files")
+        refusal = b"the name is taken or none, or there are no files"
+        Peer(hub.port()).says(hello).hears(field(b"Farewell") + field(refusal, 8)).goes()
+        peer.says(last[:-1]).goes()
+        self.ended(1, hub).says(rb"exchange hub: lost one")
+
+    def test_a_hub_does_not_wait_for_the_rest_of_a_message(self):
+        hub = Program("exchange", "hub", "--timeout", 1)
+        peer = Peer(hub.port()).says(field(b"Hello") + field(b"one", 8))
+        self.ended(1, hub).says(b"a client has stopped amid a message")
+        peer.goes()
+
+    def test_a_hub_tells_its_progress_when_there_is_some(self):
+        hub = Program("exchange", "hub", "--total", 4 << 20)
+        time.sleep(2.2)  # more than two lines' time
+        peer = Peer(hub.port()).says(field(b"Hello") + field(b"\x1b[2J", 8) + number(1))
+        peer.says(field(b"Chunk") + number(0) + field(bytes(2 << 20), 8))
+        peer.hears(field(b"Receipt") + number(2 << 20))
+        time.sleep(3.2)  # the rate falls meanwhile
+        peer.goes()
+        self.ended(1, hub)
+        self.assertRegex(hub.output(), rb"""^listening .*
+(hub: 0.0 of 4.0 MiB \(0 %\), 0.0 MiB/s, 0 of 1 files
+)?hub: 2.0 of 4.0 MiB \(50 %\), [0-9.]+ MiB/s, 0 of 1 files
+exchange hub: lost \\x1b\[2J.*
+$""")
 
 
 class Klvmsgcat(ProgramTest):
@@ -144,6 +239,14 @@ class Klvmsgcat(ProgramTest):
         self.assertEqual(0, listener.end())
         listener.says(rb"\nLine 3 one\nLine 0 \nLine 6 \\x5cthree\n$")
 
+    def test_listens_for_one_peer_only(self):
+        listener = self.listen("-r", "Note")
+        peer = Peer(listener.port()).says(field(b"Note") + field(b"text"))
+        listener.says(rb"\nNote 4 text\n")
+        self.assertRaises(ConnectionRefusedError, Peer, listener.port())
+        peer.goes()
+        self.ended(0, listener)
+
     def test_says_by_its_exit_code_what_is_wrong(self):
         pathlib.Path("three").write_bytes(b"xyz")
         with socket.create_server(("127.0.0.1", 0)) as refused:
@@ -169,9 +272,108 @@ class Klvmsgcat(ProgramTest):
 
 
 class Others(ProgramTest):
+    def test_each_tells_its_help_and_version(self):
+        for name in ("exchange", "klvmsgcat", "pubsub", "workers"):
+            usage = self.ends(0, name, "--help").output()
+            self.assertTrue(usage.startswith(b"usage: %b " % name.encode()), usage)
+            version = self.ends(0, name, "--version").output()
+            self.assertRegex(version, rb"^%b \d+\.\d+\.\d+\n$" % name.encode())
+
     def test_pubsub_and_workers_come_to_their_end(self):
         self.ends(0, "pubsub")
         self.ends(0, "workers")
+
+    def test_each_says_that_its_host_is_unknown(self):
+        pathlib.Path("file").write_bytes(b"")
+        for line in ("exchange hub --host", "exchange client --port 1 file --host",
+                     "klvmsgcat -r Note -t 60 -l", "klvmsgcat -r Note -t 60 -c"):
+            host = "no host:1" if line.startswith("klvmsgcat") else "no host"  # never looked up
+            self.ends(1, *line.split(), host).says(
+                rb": cannot (listen on|connect to) no host, port [01]: the host is unknown")
+
+    @unittest.skipIf(SANITIZED, "the sanitizers need descriptors of their own")
+    def test_each_says_that_descriptors_run_out(self):
+        pathlib.Path("file").write_bytes(b"")
+        for line in ("exchange --timeout 2 file", "pubsub --timeout 2", "workers --timeout 2"):
+            # The fewer, the earlier it goes wrong: in the launcher, the server, a client.
+            starved = [Program(*line.split(), limit=(resource.RLIMIT_NOFILE, most))
+                       for most in range(4, 8)]
+            self.assertTrue({program.end() for program in starved} <= {0, 1})
+            said = [program.output() for program in starved]
+            self.assertTrue(all(said), said)
+            self.assertRegex(said[0], b"cannot (make a pipe|start a process)")
+            if not line.startswith("exchange"):  # whose hub does not inherit the pipe
+                self.assertIn(b"cannot listen on 127.0.0.1, port 0: the host is unknown", said[1])
+            self.assertTrue(any(b"gave up" in words for words in said), said)
+
+    @unittest.skipIf(SANITIZED, "the sanitizers need stacks of their own")
+    def test_each_says_that_there_is_no_thread(self):
+        for line in ("exchange hub", "pubsub", "workers"):
+            # No room for the stack of one.
+            self.ends(1, *line.split(), limit=(resource.RLIMIT_STACK, 10 ** 14)).says(
+                b"cannot start a thread")
+
+    def test_nobody_is_waited_for_without_end(self):
+        pathlib.Path("file").write_bytes(b"")
+        with socket.create_server(("127.0.0.1", 0)) as silent, \
+                socket.create_server(("127.0.0.1", 0), backlog=0) as full:
+            port, full_port = silent.getsockname()[1], full.getsockname()[1]
+            first = Peer(full_port)
+            started = [(Program(*line.split()), code, says) for line, code, says in (
+                (f"exchange client --timeout 1 --port {port} file", 1, b"no answer from the hub"),
+                (f"exchange client --timeout 1 --port {full_port} file", 1, b"does not accept"),
+                (f"pubsub --timeout 1 subscribe {port} x", 1, b"no news from the publisher"),
+                (f"pubsub --timeout 1 subscribe {full_port} x", 1, b"does not accept"),
+                ("pubsub --timeout 1 publish", 1, b"not all subscribers have come"),
+                (f"workers --timeout 1 work {port}", 1, b"no job from the dispatcher"),
+                (f"workers --timeout 1 work {full_port}", 1, b"does not accept"),
+                ("workers --timeout 1 dispatch", 1, b"no workers have come"),
+                (f"klvmsgcat -t 1 -r Note -c 127.0.0.1:{full_port}", 6, b"within the time limit"))]
+            for program, code, says in started:
+                self.ended(code, program).says(says)
+            first.goes()
+
+    def meets(self, line, content, goes):
+        """What a client says whose server says something and no more."""
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            client = Program(*line.replace("PORT", str(server.getsockname()[1])).split())
+            with server.accept()[0] as peer:
+                peer.sendall(content)
+                if goes:
+                    peer.shutdown(socket.SHUT_WR)  # a close would throw away what is on its way
+                return self.ended(1, client).output()
+
+    def test_a_client_takes_no_half_message(self):
+        for line, half in (("pubsub --timeout 2 subscribe PORT x", field(b"News") + b"xyz"),
+                           ("workers --timeout 2 work PORT", field(b"Job") + b"xyz")):
+            self.assertIn(b"in the middle of a message", self.meets(line, half, True))
+            self.assertIn(b"gave up: no", self.meets(line, half, False))
+
+    def test_a_text_that_fills_its_body_ends_with_it(self):
+        news = b"\x1b[2J" + b"x" * 28
+        said = self.meets("pubsub --timeout 2 subscribe PORT x", field(b"News") + news, False)
+        self.assertEqual(rb"a subscriber of x has read: \x1b[2J" + b"x" * 28 + b"; \n", said)
+
+    def test_a_server_takes_no_half_message(self):
+        publisher = Program("pubsub", "--timeout", 2, "publish")
+        Peer(publisher.port()).says(field(b"Subscribe") + b"x").goes()
+        rest = [Peer(publisher.port()).says(field(b"Subscribe") + b"x" * 32) for _ in range(3)]
+        self.ended(1, publisher).says(rb"\npubsub: gave up: not all subscribers have come\n$")
+        for peer in rest:
+            peer.goes()
+        dispatcher = Program("workers", "--timeout", 2, "dispatch")
+        worker = Peer(dispatcher.port()).says(field(b"Result") + bytes(8))
+        worker.hears(field(b"Job") + number(1, 4) + bytes(4))
+        worker.says(field(b"Result") + b"\1").goes()
+        self.ended(1, dispatcher).says(rb"\nworkers: lost a worker\n$")
+
+    def test_bodies_of_other_libraries_come_back(self):
+        for name, says in (("protobuf", rb"100 x bolt: 2000 cents\n(?s:.)*to pay: 8000 cents"),
+                           ("cereal", rb"humidity: 0.375\ntemperature: 20.5\n")):
+            with self.subTest(name):
+                if not (PROGRAMS / name / name).exists():
+                    self.skipTest(f"{name} is not built: its library is not installed")
+                self.ends(0, name).says(says)
 
 
 if __name__ == "__main__":

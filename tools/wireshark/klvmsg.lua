@@ -5,6 +5,9 @@
 -- there is none, everything up to the end of the stream's direction is that body. A header that
 -- cannot be one is marked as out of step, and so is all that follows in its direction: that is how
 -- a body looks that was read too far or not far enough.
+--
+-- A rule may also say that a body is a message of Protocol Buffers; Wireshark's own dissector shows
+-- its fields then.
 
 local klvmsg = Proto("klvmsg", "KLVMsg Typed Messages")
 
@@ -30,8 +33,8 @@ local LITTLE, BIG = 1, 2
 
 klvmsg.prefs.ports = Pref.range("TCP ports", "", "Ports whose connections carry messages", 65535)
 klvmsg.prefs.rules = Pref.string("Body rules", "",
-    "TYPE=SIZE or TYPE=length(OFFSET,WIDTH,little|big[,MORE]), separated by semicolons; " ..
-    "* is any type")
+    "TYPE=SIZE or TYPE=length(OFFSET,WIDTH,little|big[,MORE]), either followed by " ..
+    "protobuf(MESSAGE) where the rest of the body is one, separated by semicolons; * is any type")
 klvmsg.prefs.order = Pref.enum("Byte order of the name length", LITTLE,
     "The byte order of the hosts that talk",
     { { 1, "little endian", LITTLE }, { 2, "big endian", BIG } }, false)
@@ -42,7 +45,14 @@ klvmsg.prefs.max_body = Pref.uint("Largest body", 64 * 1024 * 1024,
 
 local rules, bad_rules = {}, {}
 
-local function parse_rule(text)
+-- What the body is made of, as the end of a rule tells it: the rule without that, and the name of the
+-- message; an empty one is that of the type.
+local function parse_content(text)
+    local form, name = text:match("^(.-)%s+protobuf%(%s*([%w_.]*)%s*%)$")
+    return form or text, name
+end
+
+local function parse_size(text)
     local size = text:match("^%d+$")
     if size then
         return { size = tonumber(size) }
@@ -54,6 +64,15 @@ local function parse_rule(text)
     end
     return { offset = tonumber(offset), width = tonumber(width), big = order == "big",
              more = tonumber(more) or 0 }
+end
+
+local function parse_rule(text)
+    local form, message = parse_content(text)
+    local rule = parse_size(form)
+    if rule then
+        rule.message = message
+    end
+    return rule
 end
 
 local function parse_rules(text)
@@ -165,6 +184,19 @@ local function body_size(tvb, start, rule)
     return size, size > klvmsg.prefs.max_body
 end
 
+local protobuf = Dissector.get("protobuf")
+
+-- Hands what stands behind the length, or all of a body of fixed size, to another dissector.
+local function dissect_content(body, name, rule, pinfo, item)
+    local start = rule.size and 0 or rule.offset + rule.width
+    if protobuf and rule.message and start < body:len() then
+        local message = rule.message == "" and name or rule.message
+        pinfo.private["pb_msg_type"] = "message," .. message
+        protobuf:call(body(start):tvb(), pinfo, item)
+        pinfo.cols.protocol = "KLVMSG"
+    end
+end
+
 -- Dissects the message at `start`. Returns the offset behind it and a word for the packet list, or
 -- nil when more bytes have been asked for.
 local function dissect_message(tvb, start, pinfo, tree)
@@ -214,6 +246,9 @@ local function dissect_message(tvb, start, pinfo, tree)
     end
     if size > 0 then
         item:add(f_body, tvb(body, size))
+    end
+    if rule and size > 0 then
+        dissect_content(tvb(body, size), name, rule, pinfo, item)
     end
     if not rule then
         item:add_proto_expert_info(e_no_rule, "No rule for " .. name ..

@@ -29,6 +29,8 @@ struct KLVMsgFree {
     void operator()(void* block) const { mem_Free(block); }
 };
 
+using HeaderBuffer = std::unique_ptr<char, KLVMsgFree>;
+
 }  // namespace
 
 KLVMsgConnectionServicesUtils::KLVMsgConnectionServicesUtils() = default;
@@ -58,6 +60,8 @@ bool KLVMsgConnectionServicesUtils::IsConnectionOpen(int number) {
 void KLVMsgConnectionServicesUtils::RemoveConnection(int number) {
     KLVMsgSocket* const socket = Find(number);
     if (socket != nullptr) {
+        // Held: a transfer may find its end and close the descriptor at any moment.
+        const KLVMsgHeldSocket<KLVMsgSocket> held = KLVMsgHold(socket);
         socket->Shutdown();
         m_connections.Remove(number);
         KLVMsgSocketHold::Destroy(socket);
@@ -114,12 +118,19 @@ void KLVMsgConnectionServicesUtils::GetName(int number, KLVString& name) {
 
 int KLVMsgConnectionServicesUtils::SendMessageHeader(int number, const KLVString& typeName) {
     const RegistryLock lock;
+    const auto held = KLVMsgHold(FindStreamSocket(number));
     return SendMessageHeader_priv(number, typeName);
 }
 
 int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket(int number, KLVString& typeName) {
     const RegistryLock lock;
+    const auto held = KLVMsgHold(FindStreamSocket(number));
     return RetrieveMessageTypeFromSocket_priv(number, typeName);
+}
+
+void KLVMsgConnectionServicesUtils::ReleaseHeaderBuffers(bool release) {
+    const RegistryLock lock;
+    m_releaseHeaderBuffers = release;
 }
 
 void KLVMsgConnectionServicesUtils::RegisterMessagePrototype(const KLVString& typeName,
@@ -170,7 +181,12 @@ void KLVMsgConnectionServicesUtils::Register(KLVMsgSocket* socket) {
     KLVMsgNoteNumber(socket->descriptor);
     KLVMsgSocket* const replaced = Find(socket->descriptor);
     m_connections.Insert(socket->descriptor, socket);
-    KLVMsgSocketHold::DestroyReplaced(replaced);
+    if (replaced != nullptr) {
+        if (replaced->descriptor != socket->descriptor) {
+            replaced->Shutdown();  // it was connected anew since, and has another one now
+        }
+        KLVMsgSocketHold::Destroy(replaced);
+    }
 }
 
 // Requires, as Register does: the lock is held.
@@ -228,26 +244,26 @@ int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number
         return 0;
     }
     KLVMsgStore(socket->lastError, 0);
-    // Released below when all four bytes have come, and on no earlier return.
-    char* const scratch = static_cast<char*>(mem_OperatorNewThrowBuiltin(sizeof(NameLength)));
-    const int count = socket->read(scratch, sizeof(NameLength));
-    if (count == -1 && !socket->IsConnected()) {
-        RemoveConnection(number);
-        return 0;
-    }
+    HeaderBuffer scratch(static_cast<char*>(mem_OperatorNewThrowBuiltin(sizeof(NameLength))));
+    const int count = socket->read(scratch.get(), sizeof(NameLength));
     if (count != sizeof(NameLength)) {
+        if (!m_releaseHeaderBuffers) {
+            scratch.release();  // kept: the buffer is released when all four bytes have come
+        }
+        if (count == -1 && !socket->IsConnected()) {
+            RemoveConnection(number);
+        }
         return 0;
     }
     NameLength length = 0;
-    std::memcpy(&length, scratch, sizeof length);
-    mem_Free(scratch);
+    std::memcpy(&length, scratch.get(), sizeof length);
+    scratch.reset();
     // The buffer's size, one more than the length, must be a positive int.
     if (length == 0 || length >= INT_MAX) {
         return 0;
     }
 
-    std::unique_ptr<char, KLVMsgFree> name(
-        static_cast<char*>(mem_Malloc(static_cast<std::size_t>(length) + 1)));
+    HeaderBuffer name(static_cast<char*>(mem_Malloc(static_cast<std::size_t>(length) + 1)));
     if (name == nullptr) {
         return 0;
     }
@@ -257,6 +273,8 @@ int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number
         return 0;
     }
     typeName = TypeName(name.get());
-    name.release();  // kept: the buffer is released after a short read only
+    if (!m_releaseHeaderBuffers) {
+        static_cast<void>(name.release());  // kept: the buffer is released after a short read only
+    }
     return 1;
 }

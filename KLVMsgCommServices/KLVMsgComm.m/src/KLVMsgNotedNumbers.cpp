@@ -13,7 +13,7 @@ struct Note {
 }  // namespace
 
 static std::mutex mutex;
-static std::vector<Note> notes;
+static auto& notes = *new std::vector<Note>;  // never destroyed: threads may connect at exit
 std::atomic<bool> KLVMsgAnyNoted{false};
 
 // Requires: the mutex is held.

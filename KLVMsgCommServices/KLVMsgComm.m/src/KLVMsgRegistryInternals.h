@@ -21,6 +21,17 @@ public:
         return m_registry.FindStreamSocket(number);
     }
 
+    // What the registry's operations of these names do, if the socket is still the one under the
+    // number: what has been registered since is not served. Requires: the socket is held.
+    int SendMessageHeader(const KLVMsgSocket* socket, int number, const KLVString& typeName) const {
+        return Find(number) == socket ? m_registry.SendMessageHeader_priv(number, typeName) : 0;
+    }
+    int RetrieveMessageType(const KLVMsgSocket* socket, int number, KLVString& typeName) const {
+        return Find(number) == socket
+                   ? m_registry.RetrieveMessageTypeFromSocket_priv(number, typeName)
+                   : 0;
+    }
+
     // What ShutDownConnection does.
     void ShutDownConnection(int number) const { m_registry.RemoveConnection(number); }
 
@@ -35,10 +46,5 @@ private:
 
 // The stream socket under a number, held for one transfer, or null.
 inline KLVMsgHeldSocket<KLVMsgCommSocket> KLVMsgHoldStreamSocket(int number) {
-    const KLVMsgLockedRegistry registry;
-    KLVMsgCommSocket* const socket = registry.FindStreamSocket(number);
-    if (socket != nullptr) {
-        KLVMsgSocketHold::Begin(*socket);
-    }
-    return KLVMsgHeldSocket<KLVMsgCommSocket>(socket);
+    return KLVMsgHold(KLVMsgLockedRegistry().FindStreamSocket(number));
 }

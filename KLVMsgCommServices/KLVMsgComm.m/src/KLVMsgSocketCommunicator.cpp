@@ -235,18 +235,18 @@ void KLVMsgSocketCommunicator::TransmitPendingMessage() {
     KLVMsgCycle cycle(*m_lists);
     AddTurns(cycle);
     for (std::size_t i = 0; i < m_pending.Size(); ++i) {
-        Transmit(m_pending[i], KLVMsgAsStreamSocket(cycle.Current().socket), *stream);
+        Transmit(m_pending[i], static_cast<KLVMsgCommSocket*>(cycle.Current().socket), *stream);
         cycle.EndTurn();
     }
 }
 
-// One turn for each queued record.
+// One turn for each queued record. A listening socket is not held: nothing is written there.
 void KLVMsgSocketCommunicator::AddTurns(KLVMsgCycle& cycle) {
     const KLVMsgLockedRegistry registry;
     ForgetNoted();
     for (std::size_t i = 0; i < m_pending.Size(); ++i) {
         const KLVMsgChannel& channel = m_pending[i].channel;
-        cycle.AddTurn({registry.Find(channel.connection), channel});
+        cycle.AddTurn({registry.FindStreamSocket(channel.connection), channel});
     }
 }
 
@@ -272,7 +272,8 @@ void KLVMsgSocketCommunicator::Transmit(const KLVMsgChannelMsgStruct& record,
     }
     const int number = socket->descriptor;
     stream.m_connectionNumber = number;
-    if (KLVMsgRegistry().SendMessageHeader(number, record.message->GetMessageType()) != 0) {
+    const KLVString type = record.message->GetMessageType();  // which may call the registry
+    if (KLVMsgLockedRegistry().SendMessageHeader(socket, number, type) != 0) {
         record.message->WriteMessage(&stream);
     }
 }
@@ -321,9 +322,8 @@ void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable*
 
     for (std::size_t i = 0; i < waited.readyChannels.Size(); ++i) {
         const KLVMsgChannel channel = waited.readyChannels[i];
-        const bool received = cycle.Current().socket != nullptr &&
-                              !IsRepeated(waited.readyChannels, i, foundEarlier) &&
-                              ReceiveMessage(channel);
+        const bool received =
+            !IsRepeated(waited.readyChannels, i, foundEarlier) && ReceiveMessage(cycle.Current());
         if (!received && channel.GetSocket() == nullptr) {
             KLVMsgEraseFirst(waited.channels, channel.connection);
         }
@@ -358,22 +358,26 @@ void KLVMsgSocketCommunicator::MakeKnown(KLVBasVector<KLVMsgChannel>& accepted) 
 
 // Reads one message into the inbox. False when there was no header to read; a message that nobody
 // registered is passed over, its body left in the socket.
-bool KLVMsgSocketCommunicator::ReceiveMessage(const KLVMsgChannel& channel) {
+bool KLVMsgSocketCommunicator::ReceiveMessage(const KLVMsgTurn& turn) {
+    if (turn.socket == nullptr) {
+        return false;
+    }
     // Room in the inbox comes first: what has been read cannot be put back.
     KLVMsgAppending<KLVMsgChannelMsgStruct> room(m_inbox);
     m_inbox.PushBack({});
 
+    const int number = turn.channel.connection;
     KLVString type;
-    if (KLVMsgRegistry().RetrieveMessageTypeFromSocket(channel.connection, type) == 0 ||
+    if (KLVMsgLockedRegistry().RetrieveMessageType(turn.socket, number, type) == 0 ||
         type.Length() == 0) {
         return false;
     }
     KLVMsgSocketMessage* const message = KLVMsgRegistry().GetMsgInstance(type);
     if (message != nullptr) {
-        m_inputStream->m_connectionNumber = channel.connection;
+        m_inbox[m_inbox.Size() - 1] = {turn.channel, message, 0};
+        room.Keep();  // also when it throws: the application has no other way to find it
+        m_inputStream->m_connectionNumber = number;
         message->ReadMessage(m_inputStream);
-        m_inbox[m_inbox.Size() - 1] = {channel, message, 0};
-        room.Keep();
     }
     return true;
 }

@@ -17,8 +17,8 @@ static std::mutex mutex;
 // The sockets that were held when they were closed or removed, the last one first.
 static KLVMsgSocket* departing = nullptr;
 
-// One of them has been closed or destroyed.
-static std::condition_variable departed;
+// One of them has been closed or destroyed. Never destroyed: threads may still wait at exit.
+static auto& departed = *new std::condition_variable;
 
 using Lock = std::unique_lock<std::mutex>;
 
@@ -77,17 +77,6 @@ void KLVMsgSocketHold::Destroy(KLVMsgSocket* socket) {
     KLVMsgDestroySocket(socket);
 }
 
-void KLVMsgSocketHold::DestroyReplaced(KLVMsgSocket* socket) {
-    if (socket == nullptr) {
-        return;
-    }
-    {
-        const Lock lock(mutex);
-        socket->m_departure.toClose = -1;
-    }
-    Destroy(socket);
-}
-
 void KLVMsgSocketHold::AwaitClosedListeners() {
     if (s_departures.load() == 0) {
         return;
@@ -105,8 +94,9 @@ void KLVMsgSocketHold::AwaitClosedListeners() {
 
 // The end of the last hold ------------------------------------------------------------------------
 
+// In this order: the end of a wait begins the hold of a turn before it ends its own.
 bool KLVMsgSocketHold::IsHeld(const KLVMsgSocket& socket) {
-    return socket.m_departure.holds.load() != 0 || socket.m_departure.waits.load() != 0;
+    return socket.m_departure.waits.load() != 0 || socket.m_departure.holds.load() != 0;
 }
 
 // Puts the socket among the departing ones if it is held, and tells whether it is there.

@@ -9,9 +9,14 @@
 // kinds, so that a wait on hundreds of connections costs little: `waits`, begun and ended under the
 // registry's lock for many sockets at once, and `holds`, which end at any time.
 //
+<<<<<<< HEAD
+// A mutex guards what is in KLVMsgSocket::m_departure beside these two counts. It is the last lock
+// that a thread takes: where something is closed, destroyed or found closed, and not while it closes.
+=======
 // A mutex guards what is in KLVMsgSocket::m_departure beside these two counts. A thread that has it
 // takes no further lock. It is taken only where something is to be closed or destroyed, and given back
 // while a descriptor is closed.
+>>>>>>> h-docs
 #pragma once
 
 #include <atomic>
@@ -55,10 +60,6 @@ public:
     // Destroys a socket that is no longer registered, now or when its last hold ends.
     static void Destroy(KLVMsgSocket* socket);
 
-    // The same for one whose number the system has given to somebody else: it is never closed. Null
-    // is ignored.
-    static void DestroyReplaced(KLVMsgSocket* socket);
-
     // Waits until listening sockets that were shut down are closed: until the waits of other threads
     // have woken up the port stays taken. Not longer than a second, should one not wake up.
     static void AwaitClosedListeners();
@@ -67,7 +68,7 @@ private:
     // Only ever changed under the registry's lock, so that adding needs no locked instruction.
     static void AddWaits(KLVMsgSocket& socket, int count) {
         std::atomic<int>& waits = socket.m_departure.waits;
-        waits.store(waits.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
+        waits.store(waits.load(std::memory_order_relaxed) + count, std::memory_order_release);
     }
 
     static bool IsHeld(const KLVMsgSocket& socket);
@@ -88,3 +89,12 @@ struct KLVMsgEndHold {
 };
 template <class Socket>
 using KLVMsgHeldSocket = std::unique_ptr<Socket, KLVMsgEndHold>;
+
+// Holds a socket, or nothing if it is null. See KLVMsgSocketHold::Begin.
+template <class Socket>
+KLVMsgHeldSocket<Socket> KLVMsgHold(Socket* socket) {
+    if (socket != nullptr) {
+        KLVMsgSocketHold::Begin(*socket);
+    }
+    return KLVMsgHeldSocket<Socket>(socket);
+}

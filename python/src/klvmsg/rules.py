@@ -6,7 +6,8 @@
     Hello=length(0,8,little,8)  8 bytes more than the length counts
     *=length(0,4,little)        every type without a rule of its own
 
-Rules are separated by semicolons; the last one for a type holds. Without a rule for * bodies begin
+What the dissector is told about the content of a body, such as protobuf(shop.Order) behind any of
+these, is passed over. Rules are separated by semicolons; the last one for a type holds. Without a rule for * bodies begin
 with a 4-byte length in the byte order of this machine.
 """
 
@@ -23,6 +24,8 @@ Bytes = Union[bytes, bytearray, memoryview]
 _LENGTH = re.compile(
     r"length\(\s*(\d+)\s*,\s*([1248])\s*,\s*(little|big)\s*,?\s*(\d*)\s*\)", re.ASCII)
 
+_CONTENT = re.compile(r"\s+protobuf\(\s*[\w.]*\s*\)$", re.ASCII)
+
 
 @dataclass(frozen=True)
 class Rule:
@@ -37,6 +40,7 @@ class Rule:
     @staticmethod
     def parse(text: str) -> Rule:
         """The rule that the text behind the equals sign states. Raises ValueError."""
+        text = _CONTENT.sub("", text)
         if re.fullmatch(r"\d+", text, re.ASCII):
             return Rule(fixed=int(text))
         found = _LENGTH.fullmatch(text)

@@ -116,7 +116,8 @@ inline void KLVBasUtlsleep(unsigned milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-struct aio_ostream {
+class aio_ostream {
+public:
     void print(const char* text) { std::cerr << text; }
     void print_int(int number) { std::cerr << number; }
     void put(char character) { std::cerr.put(character); }
