@@ -10,34 +10,20 @@
 // - Times are in milliseconds, sizes in bytes, error numbers are errno values.
 //
 // A connection number is a descriptor, and the system gives it to somebody else when it is free. Any
-<<<<<<< HEAD
-// thread may connect, serve, add, remove, shut down, relabel and ask while the message task runs:
-// what is at work with a connection keeps its number taken until it is done, no message takes a byte
-// from another connection or gives it one, and nothing waits but for a peer that stops in the middle
-// of a message, or that is slow to be connected to. What the application must see to itself:
-// - A channel, a pointer from GetSocket or a waitable of its own is not used when its connection has
-//   gone: the number, or the memory, may be somebody else's.
-// - It does not close the number of a registered socket itself.
-// - RemoveConnection of the registry, which takes no lock, has no other users of the registry beside
-//   it. ShutDownConnection may have any.
-// - A listening socket, or a connection, is watched by one wait at a time, and no other stream reads
-//   from a connection that is watched.
-// - Connect and BindLocalAddress of a registered socket have no other users of it beside them.
-// - A message written by hand, as a header and a body, is two steps: the connection may go between.
-// - The process is not forked while a cycle works: the child would have it work for ever.
-=======
 // thread may connect, serve, add, remove, shut down, relabel and ask while the message task runs.
 // Whoever works with a connection keeps its number taken until the work is done. No message takes a
 // byte from another connection or gives it one. Nothing waits for long, unless a peer stops in the
-// middle of a message. The rest is up to the application:
+// middle of a message or is slow to be connected to. The rest is up to the application:
 // - A channel, a pointer from GetSocket or a waitable of its own is not used when its connection has
 //   gone: the number, or the memory, may be somebody else's.
 // - It does not close the number of a registered socket itself.
 // - It calls RemoveConnection of the registry, which takes no lock, only while nobody else uses the
 //   registry. ShutDownConnection may be called at any time.
-// - A listening socket, or a connection, is watched by one wait at a time.
+// - A listening socket, or a connection, is watched by one wait at a time, and no other stream reads
+//   from a connection that is watched.
+// - Connect and BindLocalAddress of a registered socket are called only while nobody else uses it.
+// - A message written by hand, as a header and a body, is two steps: the connection may go between.
 // - The process is not forked while a cycle works: in the child that cycle would never end.
->>>>>>> h-docs
 // - NewInstance runs under the registry's lock and does not call the registry. WriteMessage,
 //   ReadMessage, GetMessageType and a query's Search run under the communicator's lock: they may call
 //   the registry, and do not call the communicator.

@@ -62,17 +62,10 @@ public:
     // unknown number. Takes no lock: for callers that hold it, or know that nobody else uses the
     // registry. ShutDownConnection is the form for everybody else.
     //
-<<<<<<< HEAD
-    // Neither waits for the transfer of a body, on whichever thread (of a header ShutDownConnection
-    // does, as every operation here): it ends both directions and unregisters at once, which ends a
-    // read or a write in progress, and leaves closing and destroying to the end of that connection's
-    // turn. A socket that is closed already makes no system call.
-=======
-    // Neither waits for a cycle or a transfer that works with the socket. Both directions end and the
-    // number is unregistered at once, which ends a read or a write in progress. Closing and destroying
-    // are left to the end of that connection's turn. A socket that is closed already makes no system
-    // call.
->>>>>>> h-docs
+    // Neither waits for the transfer of a body, on whichever thread; for that of a header
+    // ShutDownConnection does, as every operation here. Both directions end and the number is
+    // unregistered at once, which ends a read or a write in progress. Closing and destroying are left
+    // to the end of that connection's turn. A socket that is closed already makes no system call.
     void RemoveConnection(int number);
 
     // RemoveConnection under the lock.

@@ -9,14 +9,9 @@
 // kinds, so that a wait on hundreds of connections costs little: `waits`, begun and ended under the
 // registry's lock for many sockets at once, and `holds`, which end at any time.
 //
-<<<<<<< HEAD
-// A mutex guards what is in KLVMsgSocket::m_departure beside these two counts. It is the last lock
-// that a thread takes: where something is closed, destroyed or found closed, and not while it closes.
-=======
 // A mutex guards what is in KLVMsgSocket::m_departure beside these two counts. A thread that has it
-// takes no further lock. It is taken only where something is to be closed or destroyed, and given back
-// while a descriptor is closed.
->>>>>>> h-docs
+// takes no further lock. It is taken only where something is closed, destroyed or found closed, and
+// given back while a descriptor is closed.
 #pragma once
 
 #include <atomic>
