@@ -62,7 +62,7 @@ public:
     KLVMsgSocketMessage* NewInstance() override { return new KLVMsgCerealMessage(m_type); }
     KLVString GetMessageType() const override { return m_type; }
 
-    Content content;
+    Content content;  // what the body holds
 
 private:
     // Appends what is written to a string.

@@ -40,5 +40,5 @@ public:
     KLVMsgSocketMessage* NewInstance() override { return new KLVMsgProtobufMessage; }
     KLVString GetMessageType() const override { return std::string(content.GetTypeName()).c_str(); }
 
-    Content content;
+    Content content;  // what the body holds
 };

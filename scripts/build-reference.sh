@@ -10,7 +10,7 @@ rm -rf build/reference
 source=build/reference/source
 mkdir -p "$source"
 cp -r --parents README.md CONTRIBUTING.md CHANGELOG.md docs tools/wireshark/klvmsg.md python/README.md \
-  examples/README.md KLVBase KLVMsgCommServices/ProtectedInterfaces "$source"
+  examples/README.md KLVBase KLVMsgCommServices/ProtectedInterfaces KLVMsgKit "$source"
 
 # One README only can be the first page.
 for folder in python examples; do
