@@ -1,6 +1,7 @@
 // Strings, arrays, tables, mutexes, threads and diagnostics.
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <map>
@@ -216,8 +217,13 @@ TEST(Mutex, MayBeDestroyedByTheThreadThatItWasHandedTo) {
 
 struct HitByBrokenPipe : KLVBasAtiThreadTask {
     int Run(int argument) override {
+        const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(0, raise(SIGPIPE));
+        sigset_t blocked;
+        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+        EXPECT_EQ(1, sigismember(&blocked, SIGUSR1)) << "as on the thread that has started it";
         KLVBasUtlsleep(20);
+        EXPECT_LE(std::chrono::milliseconds(20), std::chrono::steady_clock::now() - start);
         done = true;
         return argument + 7;
     }
@@ -226,16 +232,19 @@ struct HitByBrokenPipe : KLVBasAtiThreadTask {
 
 TEST(Thread, OutlivesBrokenPipesAndHandsItsResultToEveryJoin) {
     HitByBrokenPipe task, other;
+    sigset_t user, before;
+    sigemptyset(&user);
+    sigaddset(&user, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &user, &before);
     {
         KLVBasAtiThread thread(task);
-        sigset_t blocked;
-        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-        EXPECT_EQ(0, sigismember(&blocked, SIGPIPE)) << "this thread's is as it was";
         EXPECT_EQ(7, thread.Join());
         EXPECT_EQ(7, thread.Join());
         const KLVBasAtiThread unjoined(other);
     }
     EXPECT_TRUE(other.done);  // the destructor has waited
+    pthread_sigmask(SIG_SETMASK, &before, &user);
+    EXPECT_EQ(0, sigismember(&user, SIGPIPE)) << "this thread's is as it was";
 }
 
 TEST(Memory, ThatIsShortChangesNothing) {
@@ -244,7 +253,9 @@ TEST(Memory, ThatIsShortChangesNothing) {
     KLVString text("a");
     KLVBasVector<KLVString> array = ListOf<KLVString>({"a", "b", "c", "d"}), other;
     omi_IntTable<int> table;
-    HitByBrokenPipe task;
+    struct Nothing : KLVBasAtiThreadTask {
+        int Run(int) override { return 0; }
+    } task;
     const auto show = [&] {
         std::string shown = text.Text();
         for (const auto* each : {&array, &other}) {

@@ -245,8 +245,8 @@ TEST(Stream, NextPieceStartsWhereTheCountStands) {
         const FailingCall first("send", EAGAIN, 1);
         EXPECT_EQ("4 4 4 3 -> 7 <abcdefghij", Write("abcdefghij", 4));
     }
-    ConnectedPair ended, closed;
-    KLVMsgBufferedOutputStream stream(4);
+    ConnectedPair ended, closed, open;
+    KLVMsgBufferedOutputStream stream(4), backwards(-1);
     ended.socket->ShutDownOutput();
     closed.socket->Close();
     char data[10] = {};
@@ -254,6 +254,10 @@ TEST(Stream, NextPieceStartsWhereTheCountStands) {
         int count = 0;
         stream.m_connectionNumber = i % 2 == 0 ? ended.number : closed.number;
         stream.write(data, sizeof data, count);
+        ASSERT_EQ(INT_MIN + 10, count);
+        count = 0;
+        backwards.m_connectionNumber = open.number;
+        backwards.write(data, sizeof data, count);
         ASSERT_EQ(INT_MIN + 10, count);
     }
 }

@@ -76,6 +76,7 @@ TEST(Lock, OfTheCommunicatorIsTakenOnceUnlessTheOperationSleeps) {
     ConnectedPair pair("label");
     NeedyMessage message;
     Messaging messaging;
+    Communicator().SetDefaultOutputStream(nullptr);
     KLVMsgChannelQueryByLabel label("label");
     KLVMsgMessageQueryByType texts("Type");
     KLVBasVector<KLVMsgChannel> channels;
@@ -97,6 +98,7 @@ TEST(Lock, OfTheCommunicatorIsTakenOnceUnlessTheOperationSleeps) {
     Check(LockOf<KLVMsgSocketCommunicator>(),
           {
               {1, [&] { communicator.SetDefaultInputStream(&messaging.input); }},
+              {0, [&] { communicator.TransmitPendingMessage(); }},
               {1, [&] { communicator.SetDefaultOutputStream(&messaging.output); }},
               {0, [&] { communicator.RegisterMessagePrototype("Type", &message); }},
               {1, [&] { communicator.AddConnection(pair.channel, true); }},

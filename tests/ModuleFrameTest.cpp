@@ -63,6 +63,8 @@ TEST(Module, CountsItsPartsAlreadyUpOnceAndAFinalizeTooMany) {
     KLVMsgComm_finalize(status);
     KLVMsgCommModules_specific_finalize(status);
     KLVBasMorva_finalize(status);
+    KLVBasMorva_finalize(status);
+    KLVBasMorva_initialize(status);
     KLVMsgCommModules_finalize(status);
     KLVMsgCommModules_initialize(status);
     EXPECT_EQ(0, status) << "one finalize too many costs one initialize";

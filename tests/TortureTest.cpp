@@ -17,9 +17,13 @@
 // What another thread does while an operation sleeps; no fault comes there.
 static std::function<void()> meanwhile;
 
+static unsigned sleeps = 0, slept = 0;  // how often, and how long the last time
+
 // In place of the base library's.
-void KLVBasUtlsleep(unsigned) {
+void KLVBasUtlsleep(unsigned milliseconds) {
     const Exempt exempt;
+    ++sleeps;
+    slept = milliseconds;
     meanwhile();
 }
 
@@ -256,18 +260,24 @@ private:
     void WaitForOthers() {
         KLVMsgChannelQueryByLabel label("client");
         KLVMsgMessageQueryByType texts("Text");
-        meanwhile = [sleeps = 0]() mutable {  // not at once
-            ++sleeps % 2 == 0 ? Communicator().TransmitPendingMessage() : void();
-        };
-        Move("Send", [&] { Communicator().SendSocketMessage(m_client, &m_message); });
-        Move("Send", [&] { Communicator().SendSocketMessage(&label, &m_message); });
-        Move("Send", [&] { Communicator().SendSocketMessage("client", &m_message); });
+        meanwhile = [] { sleeps >= 2 ? Communicator().TransmitPendingMessage() : void(); };
+        const std::pair<const char*, Operation> sends[] = {
+            {"a channel", [&] { Communicator().SendSocketMessage(m_client, &m_message); }},
+            {"a query", [&] { Communicator().SendSocketMessage(&label, &m_message); }},
+            {"a label", [&] { Communicator().SendSocketMessage("client", &m_message); }}};
+        for (const auto& [name, send] : sends) {
+            sleeps = 0;
+            Move(name, send);
+            Expect(sleeps == 2, "a blocking send ends with the transmission");
+            Communicator().TransmitPendingMessage();
+        }
         Communicator().AddMessage({m_client, new TextMessage("Text"), 0});
         meanwhile = [] {};
         Do("Retrieve", [&] { Communicator().RetrieveMessages(&texts, m_messages); });
         Communicator().PrepareStartupMessageTask();
         meanwhile = [] { Communicator().ShutdownMessageTask(); };
         Move("Run", [] { KLVMsgMessageTask().Run(0); });
+        EXPECT_EQ(100u, slept);
         Move("Stop", [] { Communicator().ShutdownMessageTask(); });
         Do("Retrieve", [&] { Communicator().IRetrieveMessages(&texts, m_messages); });
         Expect(m_messages.Size() == 2, "received");

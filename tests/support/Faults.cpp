@@ -63,7 +63,7 @@ void* mem_OperatorNewThrowBuiltin(std::size_t size) {
 
 void* mem_Malloc(std::size_t size) {
     static auto* const next = Next(&mem_Malloc, "_Z10mem_Mallocm");
-    if (Fails() || size >> 30 == 1 || !WatchedMutex::available) {
+    if (Fails() || (size >> 30 != 0 && size >> 32 == 0) || !WatchedMutex::available) {
         refusedSize = size;
         return nullptr;
     }

@@ -18,7 +18,7 @@ int KeptBuffers();
 // The allocations of this thread so far: the in-house allocator's and operator new's.
 int Allocations();
 
-// The last size that mem_Malloc had no memory for: here it never has one or two gigabytes.
+// The last size that mem_Malloc had no memory for: here it never has one to four gigabytes.
 std::size_t RefusedSize();
 
 // Makes the n-th allocation of this thread from now on fail (counted from 1), none with n = 0.

@@ -167,7 +167,7 @@ void ConnectAndEnd(const char* label) {
 void Restart() {
     for (int port = 0; !over;) {
         KLVMsgServerSocket* const server =
-            Registry().StartServer(KLVMsgSocketAddress("127.0.0.1", port), 5);
+            Registry().StartServer(KLVMsgSocketAddress("127.0.0.9", port), 5);
         Require(server != nullptr && !Registry().HasError(server->descriptor), "cannot restart");
         port = server->address.port;
         KLVMsgChannel channel(server, "restarted");
