@@ -73,6 +73,9 @@ is_there() {  # PACKAGE
     iproute2) command -v ip ;;
     libbenchmark-dev) has_header benchmark/benchmark.h ;;
     libclang-rt-*) [ -e "$(clang++ -print-resource-dir)/lib/linux/libclang_rt.fuzzer-$(uname -m).a" ] ;;
+    libcereal-dev) has_header cereal/cereal.hpp ;;
+    libprotobuf-dev) has_header google/protobuf/message.h ;;
+    protobuf-compiler) command -v protoc ;;
     libboost-dev) has_header boost/asio.hpp ;;
     libc++-dev) CXX=clang++ has_header __config -stdlib=libc++ ;;
     libgtest-dev) has_header gtest/gtest.h ;;
