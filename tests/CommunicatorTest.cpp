@@ -209,15 +209,19 @@ TEST_F(CommunicatorTest, BlockingOperationsReturnWhileTheTaskRunsAndItStopsInOrd
     EXPECT_EQ((Ids{4}), Pending({Send(client.channel, &hello)}));
 }
 
-// Selects messages by chance, and keeps which ones.
+// Selects messages by chance, each twice and some that are not there, and keeps which ones.
 struct Lottery : KLVMsgMessageQuery {
     explicit Lottery(std::mt19937& generator) : random(generator) {}
     void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
                 KLVBasVector<int>& indexes) const override {
         for (std::size_t i = 0; i < messages.Size(); ++i) {
             chosen.push_back(random() % 3 == 0);
-            chosen[i] ? indexes.PushBack(static_cast<int>(i)) : void();
+            for (int times = chosen[i] ? 2 : 0; times > 0; --times) {
+                indexes.PushBack(static_cast<int>(i));
+            }
         }
+        indexes.PushBack(-1);
+        indexes.PushBack(static_cast<int>(messages.Size()));
     }
     std::mt19937& random;
     mutable std::vector<bool> chosen;

@@ -80,6 +80,7 @@ TEST_F(ConnectionNumbers, ChannelListedTwiceIsReadOncePerCycle) {
     waitable.WaitForConnectionAndMessages(1000);  // what that has found is read as well, once
     Cycle(&waitable);
     EXPECT_EQ(Texts{"b"}, Take());
+    EXPECT_EQ(0u, waitable.readyChannels.Size());
     twice.peer.Reset();
     Cycle(&waitable);
     EXPECT_EQ(0u, waitable.channels.Size());

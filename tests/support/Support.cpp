@@ -70,6 +70,10 @@ const bool housekeeping = [] {
 // The buffers that a received header keeps are no leaks.
 extern "C" const char* __lsan_default_options() { return SUPPRESSED_LEAKS; }
 
+// Asking for more memory than there is gets none, as without a sanitizer.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
+
 KLVMsgSocketCommunicator& Communicator() {
     return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
 }
