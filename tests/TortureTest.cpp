@@ -172,7 +172,7 @@ private:
         if (socket != nullptr) {
             {
                 const Exempt exempt;
-                const timeval limit = {0, 50000};
+                const timeval limit = {0, 150000};
                 const int on = 1;
                 setsockopt(socket->descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
                 setsockopt(socket->descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
