@@ -248,7 +248,7 @@ int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number
     const int count = socket->read(scratch.get(), sizeof(NameLength));
     if (count != sizeof(NameLength)) {
         if (!m_releaseHeaderBuffers) {
-            scratch.release();  // kept: the buffer is released when all four bytes have come
+            static_cast<void>(scratch.release());  // kept: released when all four bytes have come
         }
         if (count == -1 && !socket->IsConnected()) {
             RemoveConnection(number);
