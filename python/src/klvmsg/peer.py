@@ -48,7 +48,22 @@ def _gone(error: OSError) -> PeerGone:
     return PeerGone(f"the peer has gone: {error.strerror}")
 
 
-class Connection:
+class _Closing:
+    """Ends with the block of a with statement."""
+
+    def close(self) -> None:
+        raise NotImplementedError
+
+    def __exit__(
+        self,
+        kind: Optional[Type[BaseException]],
+        error: Optional[BaseException],
+        trace: Optional[TracebackType],
+    ) -> None:
+        self.close()
+
+
+class Connection(_Closing):
     """A connection with one peer; made by `connect` and `Server.accept`.
 
     One thread may send while another receives; otherwise a connection belongs to one thread at a
@@ -176,16 +191,8 @@ class Connection:
     def __enter__(self) -> Connection:
         return self
 
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        trace: Optional[TracebackType],
-    ) -> None:
-        self.close()
 
-
-class Server:
+class Server(_Closing):
     """A listening socket; made by `serve`. As a context manager it closes itself."""
 
     def __init__(self, sock: socket.socket, rules: Rules, max_body: int) -> None:
@@ -216,14 +223,6 @@ class Server:
 
     def __enter__(self) -> Server:
         return self
-
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        trace: Optional[TracebackType],
-    ) -> None:
-        self.close()
 
 
 def connect(
