@@ -367,6 +367,10 @@ class Others(ProgramTest):
         worker.says(field(b"Result") + b"\1").goes()
         self.ended(1, dispatcher).says(rb"\nworkers: lost a worker\n$")
 
+    def test_a_watcher_carries_on_with_the_next_thermometer(self):
+        watched = self.ends(0, "reconnect")
+        watched.says(rb"reading 3: 20.3 degrees\nwaiting for a thermometer\nreading 4: 20.4 degrees")
+
     def test_bodies_of_other_libraries_come_back(self):
         for name, says in (("protobuf", rb"100 x bolt: 2000 cents\n(?s:.)*to pay: 8000 cents"),
                            ("cereal", rb"humidity: 0.375\ntemperature: 20.5\n")):

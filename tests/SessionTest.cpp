@@ -1,0 +1,231 @@
+#include <KLVMsgSession.h>
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <thread>
+
+#include "Support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// The type's name is longer than the shortest of its messages, so that headers are looked at.
+struct Word : KLVMsgFramedMessage {
+    explicit Word(const std::string& content = "") : text(content) {}
+    bool Encode(std::string& bytes) const override { return bytes = text, true; }
+    bool Decode(std::string_view bytes) override { return text = bytes, text != "refused"; }
+    KLVMsgSocketMessage* NewInstance() override { return new Word; }
+    KLVString GetMessageType() const override { return "AWordOfSomeLength"; }
+    std::string text;
+};
+struct Stop : Word {
+    KLVMsgSocketMessage* NewInstance() override { return new Stop; }
+    KLVString GetMessageType() const override { return "Stop"; }
+};
+
+const KLVMsgSocketAddress anyPort("127.0.0.1", 0);
+std::string Bytes(const std::string& text) { return TextBytes("AWordOfSomeLength", text); }
+
+struct Session : KLVMsgSession {
+    explicit Session(Pace pace = kAtOnce, Milliseconds stall = 20s) : KLVMsgSession(pace, stall) {
+        Register(Word());
+        Register(Stop());
+        Start();
+    }
+    std::string Next(Milliseconds limit = 20s) {
+        const auto word = Receive<Word>(limit);
+        return word ? word->text : word.KLVMsgOutcome::text;
+    }
+};
+
+// A session that serves in a process of its own, made before the test has threads; on the port of an
+// earlier one it waits until that has gone.
+struct Partner {
+    template <class Work>
+    explicit Partner(Work work, const Partner* earlier = nullptr) {
+        int ends[2];
+        EXPECT_EQ(0, pipe(ends));
+        process = fork();
+        if (process == 0) {
+            while (earlier != nullptr && kill(earlier->process, 0) == 0) {
+                std::this_thread::sleep_for(1ms);
+            }
+            Session session;
+            session.Serve({"127.0.0.1", earlier == nullptr ? 0 : earlier->port}, &port);
+            const bool right = write(ends[1], &port, sizeof port) == sizeof port && work(session);
+            session.End(20s);
+            _exit(right ? 0 : 1);
+        }
+        if (earlier == nullptr) {
+            EXPECT_EQ(ssize_t{sizeof port}, read(ends[0], &port, sizeof port));
+        }
+        close(ends[0]);
+        close(ends[1]);
+    }
+    ~Partner() { End(SIGKILL); }
+
+    // The status of a process that ends by itself, or by a signal.
+    int End(int signal = 0) {
+        int status = -1;
+        kill(process, signal);
+        waitpid(process, &status, 0);
+        return status;
+    }
+
+    pid_t process;
+    int port = 0;
+};
+
+bool Echo(Session& session) {
+    while (const auto word = session.Receive<Word>(60s)) {
+        session.Post(word.peer, Word(word->text + "!"));
+    }
+    return true;
+}
+
+TEST(Session, LosesAPeerAndFindsItAgainUnderTheSameLabel) {
+    Partner first(Echo), second(Echo, &first);
+    Session session;
+    const KLVMsgSocketAddress address("127.0.0.1", first.port);
+    EXPECT_TRUE(session.Connect(address, "echo"));
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(session.Send("echo", Word("hello"), 20s));
+        EXPECT_EQ("hello!", session.Next());
+    }
+    first.End(SIGKILL);
+    EXPECT_TRUE(session.WaitUntilGone("echo", 20s));
+    EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Send("echo", Word(), 20s).status);
+    EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Receive<Word>(20s).status);
+    EXPECT_TRUE(session.ConnectAgain(address, "echo", 20s));
+    EXPECT_TRUE(session.Post("echo", std::make_unique<Word>("again")));
+    EXPECT_EQ("again!", session.Next());
+}
+
+TEST(Session, TellsWhyItCannotConnectOrServe) {
+    Session session;
+    int port = 0;
+    EXPECT_TRUE(session.Serve(anyPort, &port));
+    EXPECT_EQ(EADDRINUSE, session.Serve({"127.0.0.1", port}).error);
+    const std::string unknown = session.Connect({"no host", 1}, "").text;
+    EXPECT_NE(std::string::npos, unknown.find(gai_strerror(EAI_NONAME))) << unknown;
+    EXPECT_EQ(EBUSY, KLVMsgSession().Start().error);
+    EXPECT_EQ(KLVMsgOutcome::kTooLate, session.Receive<Word>(10ms).status);
+}
+
+// One end does not read before the other has ended; then both write more than the sockets hold.
+TEST(Session, EndingLosesNothingAndTwoWhoWriteDoNotWaitForEachOther) {
+    const std::string large(1 << 20, 'x');
+    const auto talk = [&large](KLVMsgSession& session, const KLVMsgPeers& to) {
+        for (int i = 0; i < 40; ++i) {
+            session.Post(to, Word(large + std::to_string(i)));
+        }
+        bool inOrder = true;
+        for (int i = 0; inOrder && i < 40; ++i) {
+            const auto word = session.Receive<Word>(60s);
+            inOrder = word && word->text == large + std::to_string(i);
+        }
+        return inOrder;
+    };
+    Partner partner([&](Session& session) {
+        const auto hello = session.Receive<Stop>(20s);
+        const bool both = talk(session, hello.peer);
+        bool all = session.WaitUntilGone(hello.peer, 20s) && both;
+        for (int i = 0; i < 20000; ++i) {
+            all = all && session.Next(0s) == std::to_string(i);
+        }
+        return all;
+    });
+    {
+        Session session;
+        EXPECT_TRUE(session.Connect({"127.0.0.1", partner.port}, "partner"));
+        session.Post("partner", Stop());
+        EXPECT_TRUE(talk(session, "partner"));
+        for (int i = 0; i < 20000; ++i) {
+            session.Post("partner", Word(std::to_string(i)));
+        }
+    }
+    EXPECT_EQ(0, partner.End());
+}
+
+TEST(Session, TimeLimitsHoldWhateverAPeerDoes) {
+    PlainServer listener;
+    Session session(KLVMsgSession::kAtOnce, 3000ms);
+    EXPECT_TRUE(session.Connect({"127.0.0.1", listener.Port()}, "mute"));
+    PlainPeer mute(listener.Accept());
+    const auto begin = Clock::now();
+    const Word large(std::string(20 << 20, 'x'));
+    EXPECT_EQ(KLVMsgOutcome::kTooLate, session.Send("mute", large, 100ms).status);
+    EXPECT_EQ(KLVMsgOutcome::kTooLate, session.Receive<Word>(100ms).status);
+    EXPECT_LT(Clock::now() - begin, 2500ms);
+    EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Send("mute", large, 20s).status);
+}
+
+TEST(Session, ReadsHeadersInPiecesAndEndsConnectionsThatAreOutOfStep) {
+    for (const auto pace : {KLVMsgSession::kAtOnce, KLVMsgSession::kTask}) {
+        Session session(pace, 500ms);
+        int port = 0;
+        EXPECT_TRUE(session.Serve(anyPort, &port));
+        PlainPeer slow(port);
+        for (const char byte : Bytes("slow")) {
+            slow.Send(std::string(1, byte));
+            std::this_thread::sleep_for(2ms);
+        }
+        EXPECT_EQ("slow", session.Next());
+        for (const std::string& bad :
+             {Bytes("refused"), Bytes("cut").substr(0, 27), TextBytes("Odd", "odd"),
+              std::string(60, '\xff'), Bytes("").substr(0, 10)}) {
+            PlainPeer peer(port);
+            EXPECT_TRUE(Eventually([&] { return session.Peers("").size() == 2; }));
+            peer.Send(bad);
+            bad.size() == 10 ? peer.Close() : void();
+            EXPECT_EQ("", peer.Receive(1));
+            EXPECT_TRUE(Eventually([&] { return session.Peers("").size() == 1; })) << bad;
+        }
+        slow.Send(Bytes("still here"));
+        EXPECT_EQ("still here", session.Next());
+    }
+}
+
+TEST(Session, SendsToALabelAndRenewsAWakeUpThatIsClosed) {
+    Session session;
+    int port = 0;
+    EXPECT_TRUE(session.Serve(anyPort, &port));
+    std::deque<PlainPeer> peers;
+    for (const char* topic : {"sun", "rain", "sun"}) {
+        peers.emplace_back(port).Send(Bytes(topic));
+        const auto word = session.Receive<Word>(20s);
+        EXPECT_TRUE(session.SetLabel(word.peer, word->text));
+    }
+    const auto isWakeUp = [](int number) {
+        sockaddr_storage name = {};
+        socklen_t length = sizeof name;
+        return Registry().GetSocket(number) != nullptr &&
+               getsockname(number, reinterpret_cast<sockaddr*>(&name), &length) == 0 &&
+               name.ss_family == AF_UNIX;
+    };
+    for (int number = 0; number < 100; ++number) {
+        if (isWakeUp(number)) {
+            Registry().ShutDownConnection(number);
+        }
+    }
+    for (const char* topic : {"sun", "rain"}) {
+        EXPECT_TRUE(session.Send(topic, Word(topic), 20s));
+    }
+    EXPECT_EQ(Bytes("sun"), peers[0].Receive(Bytes("sun").size()));
+    EXPECT_EQ(Bytes("rain"), peers[1].Receive(Bytes("rain").size()));
+    EXPECT_EQ(Bytes("sun"), peers[2].Receive(Bytes("sun").size()));
+    const auto begin = Clock::now();
+    for (int i = 0; i < 10; ++i) {
+        std::this_thread::sleep_for(30ms);
+        EXPECT_TRUE(session.Send("rain", Word("now"), 20s));
+    }
+    EXPECT_LT(Clock::now() - begin, 2s) << "nobody wakes the driver";
+}
+
+}  // namespace
