@@ -37,6 +37,7 @@
 // any time. On the wire a session is as any other user of the library: a peer needs none.
 class KLVMsgSession {
 public:
+    // The unit of all time limits; any longer one of std::chrono converts to it.
     using Milliseconds = std::chrono::milliseconds;
 
     // How often the driver works. At once: as soon as there is something to do. Task: as a
