@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 // How an operation ended. It is true when it is done.
 struct KLVMsgOutcome {
@@ -33,20 +34,27 @@ struct KLVMsgPeer {
     unsigned long long id = 0;  // 0: none
 };
 
-// Which connections are meant: one, or all that have a label.
-struct KLVMsgPeers {
-    // One connection, or those with a label.
-    KLVMsgPeers(KLVMsgPeer one) : peer(one) {}
-    KLVMsgPeers(const char* labelText) : label(labelText) {}
-    KLVMsgPeers(std::string labelText) : label(std::move(labelText)) {}
+// Which connections are meant: one, all that have a label, or every one.
+class KLVMsgPeers {
+public:
+    KLVMsgPeers(KLVMsgPeer peer) : m_kind(kOne), m_peer(peer) {}
+    KLVMsgPeers(const char* label) : m_kind(kLabel), m_label(label) {}
+    KLVMsgPeers(std::string label) : m_kind(kLabel), m_label(std::move(label)) {}
+    static KLVMsgPeers All() { return KLVMsgPeers(); }
 
-    // True when the connection with this label is meant.
-    bool Include(KLVMsgPeer other, const std::string& otherLabel) const {
-        return peer.id != 0 ? peer == other : label == otherLabel;
+    // Whether a connection is one of them.
+    bool Include(KLVMsgPeer peer, const std::string& label) const {
+        return m_kind == kOne ? peer == m_peer : m_kind == kAll || label == m_label;
     }
 
-    KLVMsgPeer peer;    // none: those with the label
-    std::string label;  // not looked at when there is a peer
+private:
+    enum Kind { kOne, kLabel, kAll };
+
+    KLVMsgPeers() : m_kind(kAll) {}
+
+    Kind m_kind;
+    KLVMsgPeer m_peer;
+    std::string m_label;
 };
 
 // A received message, when it is done: the message, which is the caller's, and where it came from.

@@ -3,10 +3,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <system_error>
 #include <type_traits>
@@ -15,10 +17,15 @@
 #include <vector>
 
 #include "KLVBasAtiThread.h"
+#include "KLVBasUtlsleep.h"
 #include "KLVMsgCommModules_IF.h"
 #include "KLVMsgFramedMessage.h"
 #include "KLVMsgOutcome.h"
 #include "KLVMsgSessionDriver.h"
+#include "KLVMsgSessionLibrary.h"
+#include "KLVMsgSessionShared.h"
+#include "KLVMsgSessionSockets.h"
+#include "KLVMsgTimeLimit.h"
 
 // Brings the library up and takes it down again, and between the two sends and receives. One at a time
 // in a process, which then uses neither singleton beside it. A thread of the session's own, the driver,
@@ -37,25 +44,19 @@
 // any time. On the wire a session is as any other user of the library: a peer needs none.
 class KLVMsgSession {
 public:
-    // The unit of all time limits; any longer one of std::chrono converts to it.
-    using Milliseconds = std::chrono::milliseconds;
-
     // How often the driver works. At once: as soon as there is something to do. Task: as a
     // KLVMsgMessageTask, which waits up to 20 ms and sleeps 100 ms, and so reads at most eight
     // messages a second from each connection.
     enum Pace { kAtOnce, kTask };
 
     // A transfer that stands still for longer than `stall` ends its connection.
-    explicit KLVMsgSession(Pace pace = kAtOnce, Milliseconds stall = std::chrono::seconds(30))
-        : m_driver(pace == kAtOnce, stall), m_alone(!s_exists.exchange(true)) {
+    explicit KLVMsgSession(Pace pace = kAtOnce, KLVMsgTimeLimit stall = std::chrono::seconds(30))
+        : m_driver(m_shared, pace == kAtOnce, stall.Duration()), m_alone(!s_exists.exchange(true)) {
         if (m_alone) {
             KLVMsgCommModules_initialize(m_modules);
-            Registry().ReleaseHeaderBuffers(true);
-            Communicator().SetDefaultInputStream(&m_driver.Input());
-            Communicator().SetDefaultOutputStream(&m_driver.Output());
-            m_ready = m_driver.MakeWakeUp();
+            m_ready = m_driver.Prepare();
         } else {
-            m_ready = {KLVMsgOutcome::kFailed, EBUSY, "there is another session in this process"};
+            m_ready = Failure(EBUSY, "there is another session in this process");
         }
     }
 
@@ -77,26 +78,30 @@ public:
     // Set-up --------------------------------------------------------------------------------------
 
     // Lets messages of this type come. The session keeps the prototype. Fails for a name that is
-    // empty, or has a zero byte.
-    // Requires: the session has not been started.
+    // empty, has a zero byte or is there already, and when NewInstance makes an object of another
+    // class. Requires: the session has not been started.
     template <class Message>
     KLVMsgOutcome Register(Message prototype) {
         static_assert(
             std::is_base_of<KLVMsgSocketMessage, Message>::value,
             "KLVMsgSession::Register(prototype): the prototype must be an object of a class "
             "that is derived from KLVMsgSocketMessage");
+        if (!m_ready) {
+            return m_ready;
+        }
         const KLVString name = prototype.GetMessageType();
-        if (name.Length() == 0 || std::string(name.Text()).size() != std::size_t(name.Length())) {
-            return {KLVMsgOutcome::kFailed, EINVAL,
-                    "a type name is neither empty nor has zero bytes"};
+        const std::unique_ptr<KLVMsgSocketMessage> made(prototype.NewInstance());
+        if (std::string cause = Unfit<Message>(name, made.get()); !cause.empty()) {
+            return Failure(EINVAL, std::move(cause));
         }
-        if (m_ready) {
-            m_prototypes.push_back(std::make_unique<Message>(std::move(prototype)));
-            m_driver.AddType(name.Length(),
-                             std::is_base_of<KLVMsgFramedMessage, Message>::value ? 4 : 0);
-            Communicator().RegisterMessagePrototype(name.Text(), m_prototypes.back().get());
-        }
-        return m_ready;
+        m_prototypes.push_back(std::make_unique<Message>(std::move(prototype)));
+        m_names.insert(name.Text());
+        m_classes.insert(typeid(Message));
+        m_driver.AddType(name.Length(),
+                         std::is_base_of<KLVMsgFramedMessage, Message>::value ? 4 : 0);
+        KLVMsgSessionLibrary::Communicator().RegisterMessagePrototype(name.Text(),
+                                                                      m_prototypes.back().get());
+        return {};
     }
 
     // Lets peers connect, and tells the port; with port 0 the system chooses it. Their connections
@@ -107,12 +112,11 @@ public:
         KLVMsgOutcome outcome =
             m_ready ? KLVMsgSessionSockets::Listen(address, descriptor, bound.port) : m_ready;
         if (outcome) {
-            KLVMsgSessionDriver::Arrival arrival;
+            KLVMsgSessionShared::Arrival arrival;
             arrival.server = KLVMsgSessionSockets::ServerSocket(descriptor, bound);
-            const std::lock_guard<std::mutex> lock(m_driver.m_mutex);
-            m_driver.m_listens = true;
-            m_driver.m_arrivals.push_back(std::move(arrival));
-            m_driver.Wake();
+            const std::lock_guard<std::mutex> lock(m_shared.mutex);
+            m_shared.listens = true;
+            m_shared.Hand(std::move(arrival));
             if (port != nullptr) {
                 *port = bound.port;
             }
@@ -123,20 +127,20 @@ public:
     // Connects to a server, under a label; the label may be one that a lost connection had. Waits no
     // longer than `limit` for the server, though for a name as long as the resolver takes.
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
-                          Milliseconds limit = std::chrono::seconds(10)) {
+                          KLVMsgTimeLimit limit = std::chrono::seconds(10)) {
         int descriptor = -1;
         const KLVMsgOutcome outcome =
-            m_ready ? KLVMsgSessionSockets::Connect(address, Deadline(limit), descriptor) : m_ready;
+            m_ready ? KLVMsgSessionSockets::Connect(address, limit.Deadline(), descriptor)
+                    : m_ready;
         if (outcome) {
-            KLVMsgSessionDriver::Arrival arrival;
+            KLVMsgSessionShared::Arrival arrival;
             arrival.stream = KLVMsgSessionSockets::StreamSocket(descriptor, true);
-            const std::lock_guard<std::mutex> lock(m_driver.m_mutex);
-            arrival.peer.id = ++m_driver.m_lastPeer;
-            if (!m_driver.m_ending) {
-                m_driver.m_peers[arrival.peer] = label;
+            const std::lock_guard<std::mutex> lock(m_shared.mutex);
+            if (!m_shared.Add(arrival.peer, label)) {
+                close(descriptor);
+                return Failure(ESHUTDOWN, "the session has ended");
             }
-            m_driver.m_arrivals.push_back(std::move(arrival));
-            m_driver.Wake();
+            m_shared.Hand(std::move(arrival));
         }
         return outcome;
     }
@@ -144,12 +148,13 @@ public:
     // Connects again and again, with pauses of up to half a second, until that is done or `limit` over;
     // the outcome is then that of the last attempt.
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
-                               Milliseconds limit) {
-        const auto deadline = Deadline(limit);
-        for (Milliseconds pause(10);; pause = std::min(2 * pause, Milliseconds(500))) {
-            const Milliseconds left(KLVMsgSessionSockets::Left(deadline));
+                               KLVMsgTimeLimit limit) {
+        const auto deadline = limit.Deadline();
+        for (std::chrono::milliseconds pause(10);; pause = std::min<std::chrono::milliseconds>(
+                                                       2 * pause, std::chrono::milliseconds(500))) {
+            const std::chrono::milliseconds left(KLVMsgSessionSockets::Left(deadline));
             const KLVMsgOutcome outcome = Connect(address, label, left);
-            if (outcome || left <= pause) {
+            if (outcome || left <= pause || outcome.error == ESHUTDOWN) {
                 return outcome;
             }
             KLVBasUtlsleep(static_cast<unsigned>(pause.count()));
@@ -161,11 +166,9 @@ public:
         if (!m_ready || m_thread != nullptr) {
             return m_ready;
         }
-        m_driver.m_running = true;
         try {
             m_thread = std::make_unique<KLVBasAtiThread>(m_driver);
         } catch (const std::system_error& error) {
-            m_driver.m_running = false;
             return KLVMsgSessionSockets::Failure("cannot start a thread", error.code().value());
         }
         return {};
@@ -181,8 +184,9 @@ public:
     // before its turn gets nothing.
     template <class Message>
     KLVMsgOutcome Post(const KLVMsgPeers& to, Message message) {
-        std::unique_lock<std::mutex> lock(m_driver.m_mutex);
-        return Queue(to, Own(std::move(message)), nullptr);
+        const auto owned = Own(std::move(message));
+        const std::lock_guard<std::mutex> lock(m_shared.mutex);
+        return m_shared.Queue(to, owned, nullptr);
     }
 
     // Queues the message and waits until every byte of it was taken by the system. Too late: it is
@@ -190,33 +194,34 @@ public:
     // such connection, or one of them went before all was taken.
     // Requires: the session has been started.
     template <class Message>
-    KLVMsgOutcome Send(const KLVMsgPeers& to, Message message, Milliseconds limit) {
-        const auto deadline = Deadline(limit);
-        const auto delivery = std::make_shared<KLVMsgSessionDriver::Delivery>();
-        std::unique_lock<std::mutex> lock(m_driver.m_mutex);
-        const KLVMsgOutcome queued = Queue(to, Own(std::move(message)), delivery);
+    KLVMsgOutcome Send(const KLVMsgPeers& to, Message message, KLVMsgTimeLimit limit) {
+        const auto deadline = limit.Deadline();
+        const auto delivery = std::make_shared<KLVMsgSessionShared::Delivery>();
+        const auto owned = Own(std::move(message));
+        std::unique_lock<std::mutex> lock(m_shared.mutex);
+        const KLVMsgOutcome queued = m_shared.Queue(to, owned, delivery);
         if (!queued) {
             return queued;
         }
-        if (!m_driver.m_changed.wait_until(lock, deadline, [&] { return delivery->left == 0; })) {
-            Withdraw(*delivery);
-            return Late();
+        if (!m_shared.changed.wait_until(lock, deadline, [&] { return delivery->left == 0; })) {
+            m_shared.Withdraw(*delivery);
+            return KLVMsgSessionShared::Late();
         }
-        return delivery->failed ? Gone() : KLVMsgOutcome();
+        return delivery->failed ? m_shared.Gone() : KLVMsgOutcome();
     }
 
     // Receiving -----------------------------------------------------------------------------------
 
     // Waits for a message of exactly this class and hands over the oldest: of any connection, or of
     // those that are meant. Peer gone: none is there and no such connection either, so that none will
-    // come. A message of which a part did not come, or that its class refused, is none: its connection
-    // ends.
+    // come. Failed: the class was never registered. A message of which a part did not come, or that
+    // its class refused, is none: its connection ends.
     template <class Message>
-    KLVMsgReceived<Message> Receive(Milliseconds limit) {
+    KLVMsgReceived<Message> Receive(KLVMsgTimeLimit limit) {
         return Take<Message>(limit, nullptr);
     }
     template <class Message>
-    KLVMsgReceived<Message> Receive(Milliseconds limit, const KLVMsgPeers& from) {
+    KLVMsgReceived<Message> Receive(KLVMsgTimeLimit limit, const KLVMsgPeers& from) {
         return Take<Message>(limit, &from);
     }
 
@@ -224,44 +229,46 @@ public:
 
     // Gives a connection another label. Peer gone: it is no longer there.
     KLVMsgOutcome SetLabel(KLVMsgPeer peer, const std::string& label) {
-        const std::lock_guard<std::mutex> lock(m_driver.m_mutex);
-        const auto found = m_driver.m_peers.find(peer);
-        if (found == m_driver.m_peers.end()) {
-            return Gone();
+        const std::lock_guard<std::mutex> lock(m_shared.mutex);
+        const auto found = m_shared.peers.find(peer);
+        if (found == m_shared.peers.end()) {
+            return m_shared.Gone();
         }
-        found->second = label;
+        found->second.label = label;
         return {};
     }
 
     // The connections that are meant and there, the oldest first.
     std::vector<KLVMsgPeer> Peers(const KLVMsgPeers& meant) {
-        const std::lock_guard<std::mutex> lock(m_driver.m_mutex);
-        return Find(meant);
+        const std::lock_guard<std::mutex> lock(m_shared.mutex);
+        return m_shared.Find(meant);
     }
 
     // Waits until no such connection is there.
-    KLVMsgOutcome WaitUntilGone(const KLVMsgPeers& meant, Milliseconds limit) {
-        std::unique_lock<std::mutex> lock(m_driver.m_mutex);
-        return m_driver.m_changed.wait_until(lock, Deadline(limit),
-                                             [&] { return Find(meant).empty(); })
+    KLVMsgOutcome WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit) {
+        std::unique_lock<std::mutex> lock(m_shared.mutex);
+        return m_shared.changed.wait_until(lock, limit.Deadline(),
+                                           [&] { return m_shared.Find(meant).empty(); })
                    ? KLVMsgOutcome()
-                   : Late();
+                   : KLVMsgSessionShared::Late();
     }
 
     // Sends what is queued, ends the output of every connection, and waits up to `limit` for the peers
     // to have read all of it and to close; then the driver ends. Nothing that was done is lost, and
     // everybody who waits is told that the peers have gone. Too late: some peers had not closed.
-    KLVMsgOutcome End(Milliseconds limit) {
+    // Requires: no other thread calls it at the same time.
+    KLVMsgOutcome End(KLVMsgTimeLimit limit) {
         {
-            const std::lock_guard<std::mutex> lock(m_driver.m_mutex);
-            m_driver.m_ending = true;
-            m_driver.m_endLimit = Deadline(limit);
-            m_driver.Wake();
+            const std::lock_guard<std::mutex> lock(m_shared.mutex);
+            m_shared.ending = true;
+            m_shared.endLimit = limit.Deadline();
+            m_shared.Wake();
         }
-        if (m_thread != nullptr) {
-            m_thread->Join();
+        if (m_thread == nullptr) {
+            return m_ready;
         }
-        return KLVMsgSessionSockets::Clock::now() < m_driver.m_endLimit ? KLVMsgOutcome() : Late();
+        m_thread->Join();
+        return m_shared.closed ? KLVMsgOutcome() : KLVMsgSessionShared::Late();
     }
 
 private:
@@ -270,26 +277,24 @@ private:
     template <class Message>
     struct IsOwner<std::unique_ptr<Message>> : std::is_base_of<KLVMsgSocketMessage, Message> {};
 
-    static KLVMsgSocketCommunicator& Communicator() {
-        return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
-    }
-    static KLVMsgConnectionServicesUtils& Registry() {
-        return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
+    static KLVMsgOutcome Failure(int error, std::string text) {
+        return {KLVMsgOutcome::kFailed, error, std::move(text)};
     }
 
-    // Longest limits are about a year, so that no sum is out of range.
-    static KLVMsgSessionDriver::Time Deadline(Milliseconds limit) {
-        return KLVMsgSessionSockets::Clock::now() +
-               std::min<Milliseconds>(limit, std::chrono::hours(10000));
-    }
-
-    static KLVMsgOutcome Late() {
-        return {KLVMsgOutcome::kTooLate, ETIMEDOUT, "the time was over"};
-    }
-
-    KLVMsgOutcome Gone() const {
-        return {KLVMsgOutcome::kPeerGone, ENOTCONN,
-                m_driver.m_fault.empty() ? "the peer has gone" : m_driver.m_fault};
+    // Why a type cannot be registered; empty when it can.
+    template <class Message>
+    std::string Unfit(const KLVString& name, const KLVMsgSocketMessage* made) const {
+        if (name.Length() == 0 || std::string(name.Text()).size() != std::size_t(name.Length())) {
+            return "a type name is neither empty nor has zero bytes";
+        }
+        if (m_names.count(name.Text()) != 0) {
+            return std::string("there is a prototype for ") + name.Text();
+        }
+        if (made == nullptr || typeid(*made) != typeid(Message)) {
+            return std::string("NewInstance of ") + name.Text() +
+                   " makes an object of another class";
+        }
+        return "";
     }
 
     template <class Message>
@@ -305,89 +310,46 @@ private:
             "KLVMsgSocketMessage, or a std::unique_ptr to one");
         if constexpr (isMessage) {
             return std::make_shared<Message>(std::move(message));
-        } else {
+        } else if constexpr (IsOwner<Message>::value) {
             return std::shared_ptr<KLVMsgSocketMessage>(std::move(message));
+        } else {
+            return nullptr;
         }
-    }
-
-    // Requires, as those that follow: m_mutex is held.
-    std::vector<KLVMsgPeer> Find(const KLVMsgPeers& meant) const {
-        std::vector<KLVMsgPeer> found;
-        for (const auto& [peer, label] : m_driver.m_peers) {
-            if (meant.Include(peer, label)) {
-                found.push_back(peer);
-            }
-        }
-        return found;
-    }
-
-    KLVMsgOutcome Queue(const KLVMsgPeers& to, const std::shared_ptr<KLVMsgSocketMessage>& message,
-                        const std::shared_ptr<KLVMsgSessionDriver::Delivery>& delivery) {
-        if (m_driver.m_ending || message == nullptr) {
-            return Gone();
-        }
-        const std::vector<KLVMsgPeer> peers = Find(to);
-        for (const KLVMsgPeer peer : peers) {
-            m_driver.m_queue.push_back({peer, message, delivery});
-        }
-        if (delivery != nullptr) {
-            delivery->left = static_cast<int>(peers.size());
-        }
-        m_driver.Wake();
-        return peers.empty() ? Gone() : KLVMsgOutcome();
-    }
-
-    void Withdraw(const KLVMsgSessionDriver::Delivery& delivery) {
-        auto& queue = m_driver.m_queue;
-        queue.erase(std::remove_if(queue.begin(), queue.end(),
-                                   [&](const KLVMsgSessionDriver::Record& record) {
-                                       return record.delivery.get() == &delivery;
-                                   }),
-                    queue.end());
     }
 
     template <class Message>
-    KLVMsgReceived<Message> Take(Milliseconds limit, const KLVMsgPeers* from) {
+    KLVMsgReceived<Message> Take(KLVMsgTimeLimit limit, const KLVMsgPeers* from) {
         static_assert(std::is_base_of<KLVMsgSocketMessage, Message>::value,
                       "KLVMsgSession::Receive<T>: T must be a class that is derived from "
                       "KLVMsgSocketMessage, the same as that of a registered prototype");
-        const auto deadline = Deadline(limit);
+        const auto deadline = limit.Deadline();
         KLVMsgReceived<Message> received;
-        std::unique_lock<std::mutex> lock(m_driver.m_mutex);
-        auto& inbox = m_driver.m_inbox[typeid(Message)];
-        const bool over = m_driver.m_changed.wait_until(
-            lock, deadline, [&] { return TakeOldest(inbox, from, received) || !MayCome(from); });
+        KLVMsgOutcome& outcome = received;
+        if (m_classes.count(typeid(Message)) == 0) {
+            outcome = Failure(EINVAL, "no prototype of this class was registered");
+            return received;
+        }
+        const auto taken = [&] {
+            auto message = m_shared.Take(typeid(Message), from, received.peer);
+            received.message.reset(static_cast<Message*>(message.release()));
+            return received.message != nullptr;
+        };
+        std::unique_lock<std::mutex> lock(m_shared.mutex);
+        const bool over = m_shared.changed.wait_until(
+            lock, deadline, [&] { return taken() || !m_shared.MayCome(from); });
         if (received.message == nullptr) {
-            static_cast<KLVMsgOutcome&>(received) = over ? Gone() : Late();
+            outcome = over ? m_shared.Gone() : KLVMsgSessionShared::Late();
         }
         return received;
-    }
-
-    template <class Message>
-    bool TakeOldest(std::deque<KLVMsgSessionDriver::Received>& inbox, const KLVMsgPeers* from,
-                    KLVMsgReceived<Message>& received) {
-        for (auto one = inbox.begin(); one != inbox.end(); ++one) {
-            if (from == nullptr || from->Include(one->from, one->label)) {
-                received.peer = one->from;
-                received.message.reset(static_cast<Message*>(one->message.release()));
-                inbox.erase(one);
-                return true;
-            }
-        }
-        return false;
-    }
-
-    bool MayCome(const KLVMsgPeers* from) const {
-        if (from != nullptr) {
-            return !Find(*from).empty();
-        }
-        return !m_driver.m_peers.empty() || (m_driver.m_listens && !m_driver.m_ending);
     }
 
     static inline std::atomic<bool> s_exists{false};
 
     int m_modules = 0;
     std::vector<std::unique_ptr<KLVMsgSocketMessage>> m_prototypes;
+    std::set<std::string> m_names;  // of the prototypes
+    std::set<std::type_index> m_classes;
+    KLVMsgSessionShared m_shared;
     KLVMsgSessionDriver m_driver;
     const bool m_alone;  // the one session of the process
     KLVMsgOutcome m_ready;

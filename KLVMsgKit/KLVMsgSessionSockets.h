@@ -24,11 +24,12 @@
 #include "KLVMsgOutcome.h"
 #include "KLVMsgServerSocket.h"
 #include "KLVMsgSocketAddress.h"
+#include "KLVMsgTimeLimit.h"
 
 // The operations of all sockets here; none of them throws but std::bad_alloc.
 class KLVMsgSessionSockets {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = KLVMsgTimeLimit::Clock;
     using Time = Clock::time_point;
 
     // How many milliseconds are left, rounded up, for poll.
@@ -38,7 +39,7 @@ public:
     }
 
     // Waits until the descriptor has one of the events or the time is over; 0 then.
-    static int Await(int descriptor, short events, Time limit) {
+    static short Await(int descriptor, short events, Time limit) {
         pollfd asked = {descriptor, events, 0};
         while (poll(&asked, 1, Left(limit)) == -1 && errno == EINTR) {
             asked.revents = 0;
