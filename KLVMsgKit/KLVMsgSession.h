@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -19,7 +20,6 @@
 #include "KLVBasAtiThread.h"
 #include "KLVBasUtlsleep.h"
 #include "KLVMsgCommModules_IF.h"
-#include "KLVMsgFramedMessage.h"
 #include "KLVMsgOutcome.h"
 #include "KLVMsgSessionDriver.h"
 #include "KLVMsgSessionLibrary.h"
@@ -45,8 +45,8 @@
 class KLVMsgSession {
 public:
     // How often the driver works. At once: as soon as there is something to do. Task: as a
-    // KLVMsgMessageTask, which waits up to 20 ms and sleeps 100 ms, and so reads at most eight
-    // messages a second from each connection.
+    // KLVMsgMessageTask, which waits up to 20 ms and sleeps 100 ms, and reads one message from each
+    // connection in between.
     enum Pace { kAtOnce, kTask };
 
     // A transfer that stands still for longer than `stall` ends its connection.
@@ -97,8 +97,7 @@ public:
         m_prototypes.push_back(std::make_unique<Message>(std::move(prototype)));
         m_names.insert(name.Text());
         m_classes.insert(typeid(Message));
-        m_driver.AddType(name.Length(),
-                         std::is_base_of<KLVMsgFramedMessage, Message>::value ? 4 : 0);
+        m_driver.AddType(static_cast<std::size_t>(name.Length()));
         KLVMsgSessionLibrary::Communicator().RegisterMessagePrototype(name.Text(),
                                                                       m_prototypes.back().get());
         return {};

@@ -25,13 +25,6 @@ public:
     KLVMsgSessionConnections(KLVMsgSessionShared& shared, std::chrono::milliseconds stall)
         : lines(stall), m_shared(shared), m_stall(stall) {}
 
-    // A type that may come, with the bytes of its shortest body.
-    void AddType(int nameLength, int shortestBody) {
-        const int shortest = 4 + nameLength + shortestBody;
-        shortestMessage = longestName == 0 ? shortest : std::min(shortestMessage, shortest);
-        longestName = std::max(longestName, nameLength);
-    }
-
     // Gives the library the sockets that the application's threads have opened.
     void Adopt() {
         std::vector<KLVMsgSessionShared::Arrival> arrivals;
@@ -147,8 +140,7 @@ public:
 
     KLVMsgSessionLines lines;
     KLVMsgChannelWaitable waitable;  // all connections, the servers and the wake-up
-    int shortestMessage = 1;         // that the types can form, in bytes
-    int longestName = 0;
+    std::size_t longestName = 0;     // of a type that may come
 
 private:
     // The system has given this number out anew: whoever had it has gone.
@@ -168,7 +160,6 @@ private:
         KLVMsgSessionSockets::SetOptions(number, m_stall);
         m_byPeer[peer] = number;
         lines.All()[number].peer = peer;
-        lines.ReadableFrom(number, shortestMessage);
     }
 
     void Forget(int number) {

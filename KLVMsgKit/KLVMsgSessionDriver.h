@@ -4,8 +4,10 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <exception>
 #include <mutex>
 #include <string>
@@ -27,14 +29,13 @@ public:
 
     // Of the session, before the driver runs -----------------------------------------------------
 
-    void AddType(int nameLength, int shortestBody) {
-        m_connections.AddType(nameLength, shortestBody);
+    // A type that may come, by the length of its name.
+    void AddType(std::size_t nameLength) {
+        m_connections.longestName = std::max(m_connections.longestName, nameLength);
     }
 
-    // Has the library use its streams, and makes the wake-up.
+    // Has the library write by way of the session, and makes the wake-up.
     KLVMsgOutcome Prepare() {
-        KLVMsgSessionLibrary::Registry().ReleaseHeaderBuffers(true);
-        KLVMsgSessionLibrary::Communicator().SetDefaultInputStream(&m_input);
         KLVMsgSessionLibrary::Communicator().SetDefaultOutputStream(&m_output);
         return m_wakeUp.Make();
     }
@@ -54,7 +55,7 @@ public:
         for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) {
             sigdelset(&all, fault);
         }
-        pthread_sigmask(SIG_BLOCK, &all, nullptr);  // a signal would cut a header in pieces
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);  // signals are for the application's threads
         std::string fault;
         try {
             while (Cycle()) {
@@ -84,7 +85,7 @@ private:
                 return false;
             }
         }
-        m_receiver.Receive(ending || !m_atOnce ? 20 : 500, m_atOnce);
+        m_receiver.Receive(ending || !m_atOnce ? 20 : 500, m_atOnce, m_atOnce || ending);
         if (!m_atOnce && !ending) {
             KLVBasUtlsleep(100);
         }
@@ -106,7 +107,6 @@ private:
     const bool m_atOnce;
     KLVMsgSessionConnections m_connections;
     KLVMsgSessionWakeUp m_wakeUp{m_shared, m_connections};
-    KLVMsgSessionInput m_input{m_connections.lines};
     KLVMsgSessionOutput m_output{m_connections.lines};
     KLVMsgSessionSender m_sender{m_shared, m_connections};
     KLVMsgSessionReceiver m_receiver{m_shared, m_connections, m_wakeUp};

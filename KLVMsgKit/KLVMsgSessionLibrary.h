@@ -7,10 +7,9 @@
 #include "KLVMsgChannel.h"
 #include "KLVMsgChannelQuery.h"
 #include "KLVMsgConnectionServicesUtils.h"
-#include "KLVMsgMessageQuery.h"
 #include "KLVMsgSocketCommunicator.h"
 
-// The singletons, and the queries that a session asks them.
+// The singletons, and what a session asks them.
 struct KLVMsgSessionLibrary {
     static KLVMsgSocketCommunicator& Communicator() {
         return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
@@ -24,15 +23,6 @@ struct KLVMsgSessionLibrary {
         channel.connection = number;
         return channel;
     }
-
-    struct Everything : KLVMsgMessageQuery {
-        void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
-                    KLVBasVector<int>& indexes) const override {
-            for (std::size_t i = 0; i < messages.Size(); ++i) {
-                indexes.PushBack(static_cast<int>(i));
-            }
-        }
-    };
 
     struct ByNumber : KLVMsgChannelQuery {
         explicit ByNumber(int wanted) : number(wanted) {}

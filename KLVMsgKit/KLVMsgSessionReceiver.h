@@ -1,10 +1,7 @@
 // For the kit's own headers: how a session's driver waits, accepts and receives.
 #pragma once
 
-#include <sys/socket.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstring>
@@ -32,20 +29,15 @@ public:
           m_wakeUp(wakeUp),
           m_input(connections.lines) {}
 
-    // Waits for so many milliseconds, shorter when something comes, and takes it: connections, and a
-    // message from each of those that have one. Whoever queues something wakes the wait if `wakeable`.
-    void Receive(int timeout, bool wakeable) {
+    // Waits for so many milliseconds, shorter when something comes, and takes it: connections, and of
+    // each connection one message, or all that have come. Whoever queues something wakes the wait if
+    // `wakeable`.
+    void Receive(int timeout, bool wakeable, bool all) {
         const auto begin = KLVMsgTimeLimit::Clock::now();
-        bool busy = TakeAhead();
-        Wait(busy ? 0 : timeout, wakeable);
-        busy = AcceptAll() || busy;
-        std::vector<int> ready;
-        busy = Sort(ready) || busy;
-        if (!ready.empty()) {
-            KLVMsgSessionLibrary::Communicator().WaitConnectionsAndMessages(&m_served, 0);
-            Collect(ready);
-        }
-        if (busy || !ready.empty()) {
+        Wait(HasHeaders() ? 0 : timeout, wakeable);
+        const bool accepted = AcceptAll();
+        const bool filled = FillAll();
+        if (TakeAll(all) || filled || accepted) {
             m_pause = 0;
             return;
         }
@@ -55,9 +47,6 @@ public:
     }
 
 private:
-    // What a connection that is readable has to read.
-    enum Header { kPart, kWhole, kNonsense };
-
     // The driver waits only when nothing is queued; from then on whoever queues something wakes it.
     void Wait(int timeout, bool wakeable) {
         {
@@ -82,136 +71,98 @@ private:
         return any;
     }
 
-    // Finds out which connections have a header for the library to read. True when there was anything
-    // else to do.
-    bool Sort(std::vector<int>& ready) {
-        const auto found = m_connections.waitable.readyChannels;
-        m_connections.waitable.readyChannels.Clear();
-        bool busy = false;
-        for (std::size_t i = 0; i < found.Size(); ++i) {
-            const int number = found[i].connection;
-            if (m_wakeUp.Is(found[i])) {
-                busy = m_wakeUp.Take() || busy;
-                continue;
-            }
-            const Header header = Look(number);
-            if (header == kWhole) {
-                ready.push_back(number);
-                m_served.readyChannels.PushBack(found[i]);
-            } else if (header == kNonsense) {
-                m_connections.Lose(number);
-                busy = true;
+    // Takes from the system what has come. True when there was anything. A connection that has a
+    // message left leaves the rest there, so that a peer which is faster has to wait.
+    bool FillAll() {
+        auto& ready = m_connections.waitable.readyChannels;
+        bool any = false;
+        for (std::size_t i = 0; i < ready.Size(); ++i) {
+            const int number = ready[i].connection;
+            KLVMsgSessionLine* const line = m_connections.lines.Find(number);
+            if (m_wakeUp.Is(ready[i])) {
+                any = m_wakeUp.Take() || any;
+            } else if (line != nullptr && !HasHeader(*line)) {
+                KLVMsgSessionLines::Fill(number, *line);
+                any = true;
             }
         }
-        return busy;
+        ready.Clear();
+        return any;
     }
 
-    // What is read of a header in part would be lost, and a length that is none be believed. So it is
-    // looked at first. A connection is readable when the shortest message has come, or its end; while a
-    // longer header is on its way, the next wait is for all of it.
-    Header Look(int number) {
+    // A length that no type has counts, too: it is found out when the header is taken.
+    bool HasHeader(const KLVMsgSessionLine& line) const {
+        return line.Ahead() >= sizeof(unsigned int) &&
+               line.Ahead() - sizeof(unsigned int) >=
+                   std::min(NameLength(line), std::size_t{m_connections.longestName});
+    }
+
+    bool HasHeaders() const {
+        const auto& lines = m_connections.lines.All();
+        return std::any_of(lines.begin(), lines.end(),
+                           [this](const auto& each) { return HasHeader(each.second); });
+    }
+
+    static std::size_t NameLength(const KLVMsgSessionLine& line) {
         unsigned int length = 0;
-        m_header.resize(sizeof length + static_cast<std::size_t>(m_connections.longestName));
-        const ssize_t count =
-            recv(number, m_header.data(), m_header.size(), MSG_PEEK | MSG_DONTWAIT);
-        if (count <= 0) {
-            return count == -1 && errno == EAGAIN ? kPart : kWhole;  // its end is found by reading
-        }
-        std::memcpy(&length, m_header.data(), sizeof length);
-        const bool hasLength = count >= ssize_t{sizeof length};
-        if (hasLength &&
-            (length == 0 || length > static_cast<unsigned int>(m_connections.longestName))) {
-            return kNonsense;
-        }
-        const bool part = !hasLength || count < static_cast<ssize_t>(sizeof length + length);
-        const int header = static_cast<int>(sizeof length + length);
-        m_connections.lines.ReadableFrom(
-            number, part && hasLength ? header : m_connections.shortestMessage);
-        if (part) {
-            // Once the peer has ended, there is no more to come.
-            return KLVMsgSessionSockets::Await(number, POLLRDHUP, {}) == 0 ? kPart : kWhole;
-        }
-        return kWhole;
+        std::memcpy(&length, line.Next(), sizeof length);
+        return length;
     }
 
-    // Hands over what the library has read. A connection that was ready and has brought no message is
-    // at its end, or has sent what cannot be read.
-    void Collect(const std::vector<int>& ready) {
-        KLVMsgSessionLibrary::Everything everything;
-        KLVBasVector<KLVMsgChannelMsgStruct> records;  // the newest first
-        KLVMsgSessionLibrary::Communicator().IRetrieveMessagesWithChannel(&everything, records);
-        std::vector<int> sound;
-        for (std::size_t i = records.Size(); i-- > 0;) {
-            const int number = records[i].channel.connection;
-            if (Deliver(number, std::unique_ptr<KLVMsgSocketMessage>(records[i].message))) {
-                sound.push_back(number);
-            }
-        }
-        m_shared.changed.notify_all();
-        std::sort(sound.begin(), sound.end());
-        for (const int number : ready) {
-            if (!std::binary_search(sound.begin(), sound.end(), number)) {
-                m_connections.Lose(number);
-            }
-        }
-    }
-
-    // False when the message is not whole: it is destroyed, and what is left of it would be taken for
-    // a header.
-    bool Deliver(int number, std::unique_ptr<KLVMsgSocketMessage> message) {
-        const KLVMsgSessionLine* const line = m_connections.lines.Find(number);
-        const auto* const framed = dynamic_cast<const KLVMsgFramedMessage*>(message.get());
-        if (line == nullptr || line->inputBroken || (framed != nullptr && !framed->whole)) {
-            return false;
-        }
-        const KLVMsgSocketMessage& object = *message;
-        const std::lock_guard<std::mutex> lock(m_shared.mutex);
-        m_shared.inbox[typeid(object)].push_back(
-            {line->peer, m_shared.peers[line->peer].label, std::move(message)});
-        return true;
-    }
-
-    // Messages of which the beginning was read while a write stood still. True when there were any.
-    bool TakeAhead() {
-        std::vector<int> numbers;
-        for (const auto& [number, line] : m_connections.lines.All()) {
-            if (!line.ahead.empty()) {
-                numbers.push_back(number);
-            }
-        }
-        for (const int number : numbers) {
+    // True when there were any messages. A connection ends with what cannot be read, and when its last
+    // words have been.
+    bool TakeAll(bool all) {
+        bool any = false;
+        std::vector<int> unsound;
+        for (auto& [number, line] : m_connections.lines.All()) {
             bool sound = true;
-            while (sound && !m_connections.lines.Find(number)->ahead.empty()) {
-                sound = TakeOneAhead(number);
+            for (bool more = true; more && sound && HasHeader(line); more = all) {
+                sound = TakeOne(number, line);
+                any = true;
             }
-            if (!sound) {
-                m_connections.Lose(number);
+            if (!sound || (line.ended && !HasHeader(line))) {
+                unsound.push_back(number);
             }
         }
-        if (!numbers.empty()) {
-            m_shared.changed.notify_all();
+        for (const int number : unsound) {
+            m_connections.Lose(number);
         }
-        return !numbers.empty();
+        return any || !unsound.empty();
     }
 
-    bool TakeOneAhead(int number) {
-        unsigned int length = 0;
-        if (!m_connections.lines.ReadAll(number, &length, sizeof length) || length == 0 ||
-            length > static_cast<unsigned int>(m_connections.longestName)) {
+    // False when there is no such type, or the message does not come whole.
+    bool TakeOne(int number, KLVMsgSessionLine& line) {
+        const std::size_t length = NameLength(line);
+        if (length == 0 || length > m_connections.longestName) {
             return false;
         }
-        std::string name(length, '\0');
-        if (!m_connections.lines.ReadAll(number, name.data(), length)) {
-            return false;
-        }
+        const KLVString name(line.Next() + sizeof(unsigned int), static_cast<int>(length));
+        line.Take(sizeof(unsigned int) + length);
         std::unique_ptr<KLVMsgSocketMessage> message(
-            KLVMsgSessionLibrary::Registry().GetMsgInstance(name.c_str()));
+            KLVMsgSessionLibrary::Registry().GetMsgInstance(name));
         if (message == nullptr) {
             return false;
         }
         m_input.m_connectionNumber = number;
         message->ReadMessage(&m_input);
-        return Deliver(number, std::move(message));
+        return Deliver(line, std::move(message));
+    }
+
+    // False when the message is not whole: it is destroyed, and what is left of it would be taken for
+    // a header.
+    bool Deliver(const KLVMsgSessionLine& line, std::unique_ptr<KLVMsgSocketMessage> message) {
+        const auto* const framed = dynamic_cast<const KLVMsgFramedMessage*>(message.get());
+        if (line.inputBroken || (framed != nullptr && !framed->whole)) {
+            return false;
+        }
+        const KLVMsgSocketMessage& object = *message;
+        {
+            const std::lock_guard<std::mutex> lock(m_shared.mutex);
+            m_shared.inbox[typeid(object)].push_back(
+                {line.peer, m_shared.peers[line.peer].label, std::move(message)});
+        }
+        m_shared.changed.notify_all();
+        return true;
     }
 
     // No fault makes the driver spin: a wait that came back early and did nothing is followed by a
@@ -226,8 +177,6 @@ private:
     KLVMsgSessionShared& m_shared;
     KLVMsgSessionConnections& m_connections;
     KLVMsgSessionWakeUp& m_wakeUp;
-    KLVMsgSessionInput m_input;      // for what was read ahead
-    KLVMsgChannelWaitable m_served;  // those that the communicator is to read from
-    std::vector<char> m_header;
+    KLVMsgSessionInput m_input;
     unsigned m_pause = 0;  // in milliseconds
 };

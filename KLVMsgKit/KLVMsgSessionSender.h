@@ -29,7 +29,9 @@ public:
             KLVMsgSessionLines::Cork(m_number, true);
         }
         line.outputBroken = true;  // until the body has been taken
-        return m_message.GetMessageType();
+        const KLVString name = m_message.GetMessageType();
+        line.inSegment += sizeof(unsigned int) + static_cast<std::size_t>(name.Length());
+        return name;
     }
 
     int WriteMessage(KLVMsgOutputStream* stream) override {
