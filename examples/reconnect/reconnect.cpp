@@ -1,8 +1,6 @@
 // A session that loses its peer and carries on when it comes back: a watcher asks a thermometer for
 // readings; the thermometer ends after a few, and another one takes its place.
-#include <KLVMsgSession.h>
-
-#include "Program.h"
+#include "Talk.h"
 
 static const char usage[] = R"(usage: reconnect [--timeout SECONDS]
        reconnect [--timeout SECONDS] measure PORT
@@ -41,19 +39,10 @@ public:
     double celsius;
 };
 
-static std::chrono::seconds Limit() { return std::chrono::seconds(TimeLimit::seconds); }
-
-static void Check(const KLVMsgOutcome& outcome) {
-    if (!outcome) {
-        throw std::runtime_error(outcome.text);
-    }
-}
-
 // Tells its port to the reader of the pipe, if there is one. The port may still be that of the one
 // before it.
 static int Measure(int port, int portPipe) {
-    KLVMsgSession session;
-    session.Register(Reading());
+    Talk session{Reading()};
     KLVMsgOutcome served = session.Serve(KLVMsgSocketAddress("127.0.0.1", port), &port);
     for (int tries = 10 * TimeLimit::seconds; served.error == EADDRINUSE && tries > 0; --tries) {
         KLVBasUtlsleep(100);
@@ -74,8 +63,7 @@ static int Measure(int port, int portPipe) {
 }
 
 static int Watch(int port) {
-    KLVMsgSession session;
-    session.Register(Reading());
+    Talk session{Reading()};
     Check(session.Start());
     for (int number = 1; number <= readingsOfAll;) {
         const KLVMsgOutcome asked = session.Send("thermometer", Reading(number), Limit());
