@@ -37,9 +37,12 @@ struct KLVMsgPeer {
 // Which connections are meant: one, all that have a label, or every one.
 class KLVMsgPeers {
 public:
+    // Those, each by itself; a peer that is none stands for nobody.
     KLVMsgPeers(KLVMsgPeer peer) : m_kind(kOne), m_peer(peer) {}
     KLVMsgPeers(const char* label) : m_kind(kLabel), m_label(label) {}
     KLVMsgPeers(std::string label) : m_kind(kLabel), m_label(std::move(label)) {}
+
+    // Every one.
     static KLVMsgPeers All() { return KLVMsgPeers(); }
 
     // Whether a connection is one of them.
