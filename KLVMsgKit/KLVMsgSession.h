@@ -44,10 +44,11 @@
 // any time. On the wire a session is as any other user of the library: a peer needs none.
 class KLVMsgSession {
 public:
-    // How often the driver works. At once: as soon as there is something to do. Task: as a
-    // KLVMsgMessageTask, which waits up to 20 ms and sleeps 100 ms, and reads one message from each
-    // connection in between.
-    enum Pace { kAtOnce, kTask };
+    // How often the driver works.
+    enum Pace {
+        kAtOnce,  // as soon as there is something to do
+        kTask  // as a message task: a wait of up to 20 ms, a message from each connection, 100 ms
+    };
 
     // A transfer that stands still for longer than `stall` ends its connection.
     explicit KLVMsgSession(Pace pace = kAtOnce, KLVMsgTimeLimit stall = std::chrono::seconds(30))
