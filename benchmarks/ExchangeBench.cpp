@@ -214,10 +214,10 @@ void RegisterAll() {
         add("one_way", Tuning::OneWay, size, 20);
     }
     for (const int size : {16, 1 << 10}) {
-        add("there_and_back", Tuning::ThereAndBack, size, 15);
+        add("there_and_back", Tuning::ThereAndBack, size, 10);
     }
     for (const int size : {16, 1 << 10}) {
-        add("there_and_back_marked", Tuning::ThereAndBackMarked, size, 15);
+        add("there_and_back_marked", Tuning::ThereAndBackMarked, size, 10);
     }
 }
 
