@@ -1,8 +1,8 @@
 // Messages between two processes, one way and there and back: the library beside a bare loop of the
 // same system calls and beside messaging libraries.
 //
-// Every contender has two processes of its own, since the threads that some of them start would make
-// the system calls of the others dearer.
+// Every contender has two processes of its own, since the threads that some of them start would
+// make the system calls of the others dearer.
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
