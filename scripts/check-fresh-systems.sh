@@ -106,6 +106,8 @@ EOF
 cd '/srv/first place'
 ./demo.sh --clients 3
 ./test.sh
+cp -r build/release/tests/readme/project /srv/first
+cp tests/readme/first_program_test.sh /srv/first/
 EOF
   expect "hub and clients agree on every file"
   expect "100% tests passed"
@@ -160,11 +162,11 @@ sudo() { "$@"; }
 cd '/srv/second place'
 commands=$(sed -n '/^## By hand/,/^## Build/p' docs/install.md | sed -n '/^```sh/,/^```/p' | sed '/^```/d')
 eval "${commands%sudo xargs*}"
-g++ -std=c++17 tests/consumer/main.cpp $(pkg-config --cflags --libs KLVMsgCommModules) -o /tmp/by-hand
-/tmp/by-hand
-cmake -S tests/consumer/installed -B /tmp/by-hand-cmake
+g++ -std=c++17 /srv/first/first.cpp $(pkg-config --cflags --libs KLVMsgCommModules) -o /tmp/by-hand
+/srv/first/first_program_test.sh /tmp/by-hand
+cmake -S /srv/first -B /tmp/by-hand-cmake
 cmake --build /tmp/by-hand-cmake
-/tmp/by-hand-cmake/consumer
+/srv/first/first_program_test.sh /tmp/by-hand-cmake/first
 eval "sudo xargs${commands##*sudo xargs}"
 [ -z "$(find /usr/local -iname '*klv*' -not -type d)" ]
 EOF
@@ -209,23 +211,24 @@ EOF
 export DEBIAN_FRONTEND=noninteractive
 apt-get install -q -y --no-install-recommends /srv/packages/*.deb cmake g++ gdb make pkg-config
 EOF
-  cp -r "$root/tests/consumer" "$2/srv/consumer"
+  cp -r "$1/srv/first" "$2/srv/first"
   run_in "$2" tester offline <<'EOF'
 cmake -S /usr/share/doc/libklvmsgcommmodules-dev/examples -B ~/examples
 cmake --build ~/examples --parallel "$(nproc)"
 ~/examples/exchange/exchange --clients 3 /etc/passwd /usr/share/doc/libklvmsgcommmodules-dev/README.md
-cmake -S /srv/consumer/installed -B ~/consumer
-cmake --build ~/consumer
-~/consumer/consumer
+cmake -S /srv/first -B ~/first
+cmake --build ~/first
+/srv/first/first_program_test.sh ~/first/first
 pkg-config --cflags --libs KLVMsgCommModules
-g++ -std=c++17 -Wall -Wextra -Wnon-virtual-dtor -Wold-style-cast -Werror /srv/consumer/main.cpp \
+g++ -std=c++17 -Wall -Wextra -Wnon-virtual-dtor -Wold-style-cast -Werror /srv/first/first.cpp \
   $(pkg-config --cflags --libs KLVMsgCommModules) -o ~/by-pkg-config
-~/by-pkg-config
-gdb --batch -ex 'set breakpoint pending on' -ex 'break KLVMsgMessageTask::Run' -ex run -ex 'info source' ~/by-pkg-config
+/srv/first/first_program_test.sh ~/by-pkg-config
+gdb --batch -ex 'set breakpoint pending on' -ex 'break KLVMsgConnectionServicesUtils::StartServer' \
+  -ex run -ex 'info source' --args ~/by-pkg-config serve 45998
 EOF
   expect "hub and clients agree on every file"
   expect "-isystem/usr/include/KLVMsgCommModules"
-  expect "KLVMsgMessageTask.cpp"
+  expect "KLVMsgConnectionServicesUtils.cpp"
 
   step "The packages removed"
   run_in "$2" root <<'EOF'
