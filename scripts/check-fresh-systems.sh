@@ -206,6 +206,33 @@ grep "from a package" /tmp/got
 tshark -G protocols | grep -w klvmsg
 EOF
 
+  step "The packages installed and used: Python, with what it recommends"
+  run_in "$2" root <<'EOF'
+export DEBIAN_FRONTEND=noninteractive
+apt-get install -q -y /srv/packages/python3-klvmsg_*.deb
+EOF
+  run_in "$2" tester offline <<'EOF'
+cd
+klvmsg --version
+klvmsgcat --listen 127.0.0.1:45997 --receive Note --count 1 >got &
+klvmsg record run.jsonl --listen 45996 --connect 127.0.0.1:45997 --connections 1 &
+for attempt in $(seq 50); do
+  sleep 0.2
+  python3 -c '
+import klvmsg
+with klvmsg.connect("127.0.0.1", 45996, timeout=5) as peer:
+    peer.send("Note", b"from Python")
+    peer.finish(timeout=5)' && break
+done
+wait
+grep "from Python" got
+klvmsg chart run.jsonl
+grep -q "<svg" run.svg
+script -qc 'stty cols 80 rows 24; timeout -s INT 3 klvmsg spy --top -l 45995 -c 127.0.0.1:45997' top || true
+grep -q "Ctrl-C ends" top
+ls /usr/share/man/man1/klvmsg.1.gz /usr/share/man/man1/klvmsgcat.1.gz
+EOF
+
   step "The packages installed and used: development"
   run_in "$2" root <<'EOF'
 export DEBIAN_FRONTEND=noninteractive
@@ -213,6 +240,10 @@ apt-get install -q -y --no-install-recommends /srv/packages/*.deb cmake g++ gdb 
 EOF
   cp -r "$1/srv/first" "$2/srv/first"
   run_in "$2" tester offline <<'EOF'
+cd /usr/share/doc
+grep -roP --include=*.md '\]\(\K(?!https?:)[^)#]+' *klvmsg* | while IFS=: read -r page link; do
+  [ -e "${page%/*}/$link" ] || { echo "$page: nothing is at $link"; exit 1; }
+done
 cmake -S /usr/share/doc/libklvmsgcommmodules-dev/examples -B ~/examples
 cmake --build ~/examples --parallel "$(nproc)"
 ~/examples/exchange/exchange --clients 3 /etc/passwd /usr/share/doc/libklvmsgcommmodules-dev/README.md

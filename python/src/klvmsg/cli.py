@@ -32,8 +32,8 @@ RULES_HELP = """rules for the lengths of bodies, separated by semicolons:
   Hello=length(0,8,little,8)  has 8 bytes more than its length counts
   *=length(0,4,little)        all types without a rule of their own; this one holds unless another
                               is given
-exit codes: 0 done, 1 no connection, 2 usage, 3 a file, 4 the peer has gone, 6 timeout
 """
+EXIT_CODES = "exit codes: 0 done, 1 no connection, 2 usage, 3 a file, 4 the peer has gone, 6 timeout"
 
 
 class Failure(Exception):
@@ -118,7 +118,7 @@ def _command(
         name,
         help=summary,
         description=description,
-        epilog=RULES_HELP if name in ("spy", "record") else None,
+        epilog=(RULES_HELP if name in ("spy", "record") else "") + EXIT_CODES,
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )
     parser.set_defaults(run=run)
