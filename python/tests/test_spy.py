@@ -195,9 +195,11 @@ def test_names_do_nothing_to_the_terminal(start: Any, listener: socket.socket) -
     assert "#1 > \\xff\\x5c 5" in shown and "#1 > Gr\u00fc\u00dfe 5" in shown
 
 
-def test_the_live_table_counts(start: Any, listener: socket.socket) -> None:
+@pytest.mark.parametrize("columns", [40, 200])
+def test_the_live_table_counts(start: Any, listener: socket.socket, columns: int) -> None:
     pytest.importorskip("rich")
     main, terminal = pty.openpty()
+    fcntl.ioctl(main, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
     port = listener.getsockname()[1]
     spy = start("klvmsg", "spy", "--top", "-l", 0, "-c", f"127.0.0.1:{port}", stdout=terminal)
     os.close(terminal)
@@ -217,5 +219,5 @@ def test_the_live_table_counts(start: Any, listener: socket.socket) -> None:
     os.close(main)
     assert spy.process.wait(LIMIT) == 0
     last = picture.decode()[picture.decode().rindex("klvmsg spy") :]
-    assert re.search(r"#1 +server +No\\x1bte\[b\] +1,234 ", last), last
-    assert re.search(r"#1 +client +Back +1 ", last), last
+    assert re.search(r"#1 +server +No\\x1bte\[b\] +1,234\s", last), last
+    assert re.search(r"#1 +client +Back +1\s", last), last
