@@ -162,6 +162,7 @@ def test_failures_have_codes_and_words(
     with socket.create_server(("127.0.0.1", 0)) as other:
         assert outcome("spy", "-l", other.getsockname()[1], "-c", at)[0] == 1
     assert outcome("spy", "--top", "-l", 0, "-c", at)[0] == 2
+    assert outcome("chart", "-")[0] == 2  # there is no name to write beside
 
 
 def test_recording_ends_with_a_word_when_the_disk_is_full(
