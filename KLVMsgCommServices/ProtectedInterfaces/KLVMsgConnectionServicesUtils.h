@@ -149,9 +149,13 @@ private:
     KLVMsgCommSocket* FindStreamSocket(int number) const;
     void Register(KLVMsgSocket* socket);
     bool AddAccepted(KLVMsgCommSocket* socket);
-    KLVString TypeName(const char* text) const;
+    KLVString SharedTypeName(const char* text) const;
     int SendMessageHeader_priv(int number, const KLVString& typeName);
     int RetrieveMessageTypeFromSocket_priv(int number, KLVString& typeName);
+    int WriteHeader(KLVMsgCommSocket& socket, const KLVString& typeName);
+    int ReadHeader(KLVMsgCommSocket& socket, int number, KLVString& typeName);
+    int ReadNameLength(KLVMsgCommSocket& socket, int number);
+    int ReadName(KLVMsgCommSocket& socket, int length, KLVString& typeName);
 
     omi_IntTable<void*> m_connections;  // number to KLVMsgSocket*, owned
     omi_Btree<KLVString, KLVMsgSocketMessage*> m_prototypes;

@@ -192,7 +192,7 @@ private:
     void ShutDown(int number);
     unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
     std::size_t PositionInQueue(unsigned int id) const;
-    void Transmit(const KLVMsgChannelMsgStruct& record, const KLVMsgCommSocket* socket,
+    void Transmit(const KLVMsgChannelMsgStruct& record, KLVMsgCommSocket* socket,
                   KLVMsgOutputStream& stream);
     void AddTurns(KLVMsgCycle& cycle);
     void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);

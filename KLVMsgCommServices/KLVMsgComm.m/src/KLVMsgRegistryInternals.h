@@ -23,13 +23,11 @@ public:
 
     // What the registry's operations of these names do, if the socket is still the one under the
     // number: what has been registered since is not served. Requires: the socket is held.
-    int SendMessageHeader(const KLVMsgSocket* socket, int number, const KLVString& typeName) const {
-        return Find(number) == socket ? m_registry.SendMessageHeader_priv(number, typeName) : 0;
+    int SendMessageHeader(KLVMsgCommSocket* socket, int number, const KLVString& typeName) const {
+        return Find(number) == socket ? m_registry.WriteHeader(*socket, typeName) : 0;
     }
-    int RetrieveMessageType(const KLVMsgSocket* socket, int number, KLVString& typeName) const {
-        return Find(number) == socket
-                   ? m_registry.RetrieveMessageTypeFromSocket_priv(number, typeName)
-                   : 0;
+    int RetrieveMessageType(KLVMsgCommSocket* socket, int number, KLVString& typeName) const {
+        return Find(number) == socket ? m_registry.ReadHeader(*socket, number, typeName) : 0;
     }
 
     // What ShutDownConnection does.

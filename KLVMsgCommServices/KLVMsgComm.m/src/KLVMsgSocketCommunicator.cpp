@@ -33,9 +33,7 @@ static const unsigned pollMilliseconds = 20;
 class KLVMsgSocketCommunicator::Operation {
 public:
     explicit Operation(KLVMsgSocketCommunicator& communicator) {
-        if (KLVMsgAnyNoted) {
-            communicator.ForgetNoted();
-        }
+        communicator.ForgetNoted();
     }
 
 private:
@@ -54,7 +52,10 @@ KLVMsgSocketCommunicator::~KLVMsgSocketCommunicator() {
 // Requires, as the next three do: the lock is held. With the registry's lock held as well no number is
 // noted until that is released.
 void KLVMsgSocketCommunicator::ForgetNoted() {
-    for (int number = 0; KLVMsgAnyNoted && KLVMsgTakeNote(number);) {
+    if (!KLVMsgAnyNoted) {
+        return;
+    }
+    for (int number = 0; KLVMsgTakeNote(number);) {
         Forget(number);
         KLVMsgEraseEvery(m_organizer.waitable.newChannels, number);
     }
@@ -62,7 +63,10 @@ void KLVMsgSocketCommunicator::ForgetNoted() {
 
 // The same after a wait, whose accepts are noted too: these are about to be made known.
 void KLVMsgSocketCommunicator::ForgetReplaced() {
-    for (int number = 0; KLVMsgAnyNoted && KLVMsgTakeNote(number);) {
+    if (!KLVMsgAnyNoted) {
+        return;
+    }
+    for (int number = 0; KLVMsgTakeNote(number);) {
         Forget(number);
     }
 }
@@ -99,11 +103,9 @@ void KLVMsgSocketCommunicator::RemoveConnection(KLVMsgChannelQuery* query, bool)
     const Operation operation(*this);
     KLVBasVector<KLVMsgChannel> selected;
     m_organizer.LookupChannel(query, selected);
+    KLVMsgEraseSelected(selected, m_organizer.channels, m_organizer.waitable.channels);
     for (std::size_t i = 0; i < selected.Size(); ++i) {
-        const int number = selected[i].connection;
-        KLVMsgEraseFirst(m_organizer.channels, number);
-        KLVMsgEraseFirst(m_organizer.waitable.channels, number);
-        ShutDown(number);
+        ShutDown(selected[i].connection);
     }
 }
 
@@ -265,7 +267,7 @@ std::size_t KLVMsgSocketCommunicator::PositionInQueue(unsigned int id) const {
 // `socket` is what stood under the record's number when the transmission began; null if it was none
 // that could be written to.
 void KLVMsgSocketCommunicator::Transmit(const KLVMsgChannelMsgStruct& record,
-                                        const KLVMsgCommSocket* socket,
+                                        KLVMsgCommSocket* socket,
                                         KLVMsgOutputStream& stream) {
     if (record.message == nullptr || socket == nullptr || !KLVMsgLoad(socket->outputOpen)) {
         return;
@@ -359,7 +361,8 @@ void KLVMsgSocketCommunicator::MakeKnown(KLVBasVector<KLVMsgChannel>& accepted) 
 // Reads one message into the inbox. False when there was no header to read; a message that nobody
 // registered is passed over, its body left in the socket.
 bool KLVMsgSocketCommunicator::ReceiveMessage(const KLVMsgTurn& turn) {
-    if (turn.socket == nullptr) {
+    KLVMsgCommSocket* const socket = KLVMsgAsStreamSocket(turn.socket);
+    if (socket == nullptr) {
         return false;
     }
     // Room in the inbox comes first: what has been read cannot be put back.
@@ -368,7 +371,7 @@ bool KLVMsgSocketCommunicator::ReceiveMessage(const KLVMsgTurn& turn) {
 
     const int number = turn.channel.connection;
     KLVString type;
-    if (KLVMsgLockedRegistry().RetrieveMessageType(turn.socket, number, type) == 0 ||
+    if (KLVMsgLockedRegistry().RetrieveMessageType(socket, number, type) == 0 ||
         type.Length() == 0) {
         return false;
     }
