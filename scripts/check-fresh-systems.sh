@@ -254,12 +254,12 @@ pkg-config --cflags --libs KLVMsgCommModules
 g++ -std=c++17 -Wall -Wextra -Wnon-virtual-dtor -Wold-style-cast -Werror /srv/first/first.cpp \
   $(pkg-config --cflags --libs KLVMsgCommModules) -o ~/by-pkg-config
 /srv/first/first_program_test.sh ~/by-pkg-config
-gdb --batch -ex 'set breakpoint pending on' -ex 'break KLVMsgConnectionServicesUtils::StartServer' \
+gdb --batch -ex 'set breakpoint pending on' -ex 'break KLVMsgCommModules_initialize' \
   -ex run -ex 'info source' --args ~/by-pkg-config serve 45998
 EOF
   expect "hub and clients agree on every file"
   expect "-isystem/usr/include/KLVMsgCommModules"
-  expect "KLVMsgConnectionServicesUtils.cpp"
+  expect "KLVMsgCommModules_IF.cpp"
 
   step "The packages removed"
   run_in "$2" root <<'EOF'
