@@ -214,16 +214,17 @@ EOF
   run_in "$2" tester offline <<'EOF'
 cd
 klvmsg --version
-klvmsgcat --listen 127.0.0.1:45997 --receive Note --count 1 >got &
-klvmsg record run.jsonl --listen 45996 --connect 127.0.0.1:45997 --connections 1 &
-for attempt in $(seq 50); do
+klvmsgcat --listen 127.0.0.1:45997 --receive Note --count 1 >got 2>cat-says &
+klvmsg record run.jsonl --listen 45996 --connect 127.0.0.1:45997 --connections 1 2>record-says &
+for attempt in $(seq 100); do
   sleep 0.2
-  python3 -c '
+  ! grep -q listening cat-says || ! grep -q listening record-says || break
+done
+python3 -c '
 import klvmsg
 with klvmsg.connect("127.0.0.1", 45996, timeout=5) as peer:
     peer.send("Note", b"from Python")
-    peer.finish(timeout=5)' && break
-done
+    peer.finish(timeout=20)'
 wait
 grep "from Python" got
 klvmsg chart run.jsonl
