@@ -118,13 +118,14 @@ def test_bytes_are_passed_on_at_once_and_pieces_of_a_header_soon(
     assert read_all(server, len(wire)) == wire
     server.sendall(b"\7")
     assert read_all(client, 1) == b"\7"
+    client.sendall(wire[:3])  # a piece, and no rest
     client.shutdown(socket.SHUT_WR)
-    assert read_all(server) == b""
+    assert read_all(server) == wire[:3]
     server.sendall(wire[:9])
     server.close()
     assert read_all(client) == wire[:9]
     shown = lines(spy.end()[1])
-    assert shown.count("#1 > Note 9\n") == 3 and "#1 > -- ended\n" in shown
+    assert shown.count("#1 > Note 9\n") == 3 and "#1 > -- ended: in the middle of a message" in shown
     assert "#1 < -- out of step" in shown
 
 
