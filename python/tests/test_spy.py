@@ -154,9 +154,8 @@ def test_a_server_that_is_not_there_resets_the_client(start: Any) -> None:
     with socket.create_server(("127.0.0.1", 0)) as gone:
         port = gone.getsockname()[1]
     spy = start("klvmsg", "spy", "-l", 0, "-c", f"127.0.0.1:{port}", "-n", 1)
-    client = dial(spy.port())
-    with pytest.raises(ConnectionResetError):
-        read_all(client)
+    with pytest.raises(ConnectionResetError):  # as early as while it connects
+        read_all(dial(spy.port()))
     assert f"#1   -- failed: cannot connect to 127.0.0.1:{port}: Connection refused" in spy.end()[1]
 
 
