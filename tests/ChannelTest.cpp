@@ -210,7 +210,7 @@ TEST(Waitable, NumberOfAClosedSocketGoesToTheNewConnectionAndThatOfAnOpenOneStay
         ListOf({old.number, server->descriptor, old.number, talking.number}));
     const CallLog log;
     waitable.WaitForConnectionAndMessages(1000);
-    EXPECT_EQ("select accept", log.Names());
+    EXPECT_EQ(theWait + " accept", log.Names());
     EXPECT_EQ((Numbers{server->descriptor, talking.number}), NumbersOf(waitable.channels));
     EXPECT_EQ((Numbers{talking.number}), NumbersOf(waitable.readyChannels));
     EXPECT_TRUE(old.channel.IsActiveInCurrentThreads());

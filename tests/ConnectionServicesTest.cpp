@@ -152,19 +152,19 @@ TEST(Registry, WithoutAFittingSocketNothingIsTouched) {
 }
 
 TEST(Registry, FailedStartIsReportedUnlessThereIsNoSocketAtAll) {
-    PlainServer taken;
-    KLVMsgServerSocket* const server = Registry().StartServer(Address("", taken.Port()), 1);
+    Listener taken;
+    KLVMsgServerSocket* const server = Registry().StartServer(Address("", taken.address.port), 1);
     EXPECT_EQ(server, Registry().GetSocket(server->descriptor));
     EXPECT_EQ(EADDRINUSE, LastError(server->descriptor));
     for (const char* call : {"socket", "connect", "setsockopt"}) {
         const FailingCall fault(call, EMFILE), tidying("close", EIO);
-        EXPECT_EQ(nullptr, Registry().ConnectToServer(Address(), Address("", taken.Port())));
+        EXPECT_EQ(nullptr, Registry().ConnectToServer(Address(), Address("", taken.address.port)));
         EXPECT_EQ(call == std::string("socket") ? EBADF : EMFILE, errno);
     }
     const FailingCall fault("socket", EMFILE);
     const CallLog log;
     EXPECT_EQ(nullptr, Registry().StartServer(Address("", 0), 1));
-    EXPECT_EQ("socket bind listen", log.Names());
+    EXPECT_EQ("getaddrinfo socket bind freeaddrinfo listen", log.Names());
 }
 
 TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
@@ -178,7 +178,7 @@ TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
         const CallLog log;
         KLVMsgSocket* next = connect ? nullptr : StartLoopbackServer();
         if (connect) {
-            next = Registry().ConnectToServer(Address(), Address("", left.listener.Port()));
+            next = Registry().ConnectToServer(Address(), Address("", left.listener.address.port));
         }
         EXPECT_EQ(next, Registry().GetSocket(number));
         EXPECT_EQ(std::string::npos, log.Names().find("close"));

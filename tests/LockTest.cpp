@@ -49,7 +49,7 @@ TEST(Lock, OfTheRegistryIsTakenOnceForAnOperation) {
     KLVString text;
     int code = 0;
     KLVMsgConnectionServicesUtils& registry = Registry();
-    const KLVMsgSocketAddress here("", pair.listener.Port());
+    const KLVMsgSocketAddress here("", pair.listener.address.port);
     pair.peer.Send(HeaderBytes("Type") + HeaderBytes("Type"));
     Check(LockOf<KLVMsgConnectionServicesUtils>(),
           {

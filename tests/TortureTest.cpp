@@ -358,7 +358,7 @@ TEST(Torture, AnyAllocationMayFail) {
 
 TEST(Torture, AnySystemCallMayFail) {
     std::signal(SIGPIPE, SIG_IGN);
-    const std::pair<const char*, std::vector<int>> calls[] = {
+    const std::pair<std::string, std::vector<int>> calls[] = {
         {"getaddrinfo", {ENOENT, ENOMEM}},
         {"socket", {EMFILE, ENOBUFS}},
         {"bind", {EADDRINUSE, EACCES}},
@@ -371,7 +371,7 @@ TEST(Torture, AnySystemCallMayFail) {
         {"recv", {EAGAIN, EINTR, ECONNRESET, ENOTCONN, ETIMEDOUT, ENOMEM, ENETRESET}},
         {"shutdown", {ENOTCONN, EINVAL, ENOBUFS}},
         {"close", {EINTR, EIO}},
-        {"select", {EINTR, ENOMEM, EBADF}},
+        {theWait, {EINTR, ENOMEM, EBADF}},
     };
     testing::internal::CaptureStderr();
     for (const auto& [call, errors] : calls) {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <KLVMsgCommModules.h>
+#include <KLVMsgFramedMessage.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -34,15 +35,18 @@ std::array<int, 3> Held();
 // A listening socket of the registry on 127.0.0.1 and a port of the system's choice.
 KLVMsgServerSocket* StartLoopbackServer(int backlog = 16);
 
+// A listening socket on 127.0.0.1 that nobody knows and that closes at its end.
+struct Listener : KLVMsgServerSocket {
+    explicit Listener(const KLVMsgSocketAddress& local = KLVMsgSocketAddress("127.0.0.1", 0))
+        : KLVMsgServerSocket(local, 16) {}
+    ~Listener() { closed ? void() : Shutdown(); }
+};
+
 // Another TCP endpoint made without the library: what a foreign, broken or hostile peer sends.
 class PlainPeer {
 public:
-    // Connects to a port of 127.0.0.1, or takes over a connected descriptor.
-    explicit PlainPeer(int port);
-    struct TakeOver {
-        int descriptor;
-    };
-    explicit PlainPeer(TakeOver connected) : m_descriptor(connected.descriptor) {}
+    explicit PlainPeer(int port);                  // connects to one of 127.0.0.1
+    explicit PlainPeer(const Listener& listener);  // accepts there
     ~PlainPeer() { Close(); }
     PlainPeer(const PlainPeer&) = delete;
 
@@ -59,24 +63,9 @@ private:
     int m_descriptor;
 };
 
-// A listening endpoint made without the library, on 127.0.0.1 and a port of the system's choice.
-class PlainServer {
-public:
-    PlainServer();
-    ~PlainServer();
-    PlainServer(const PlainServer&) = delete;
-
-    int Port() const { return m_port; }
-    PlainPeer::TakeOver Accept();
-
-private:
-    int m_descriptor;
-    int m_port;
-};
-
 // A registered connection made to a listener, its channel, and the peer at the other end.
 struct Connection {
-    explicit Connection(PlainServer& listener, const KLVString& label = "");
+    explicit Connection(const Listener& listener, const KLVString& label = "");
 
     // The peer closes, and the socket learns of it by reading.
     void EndByPeer();
@@ -89,7 +78,7 @@ struct Connection {
 
 // The same with a listener of its own.
 struct OwnListener {
-    PlainServer listener;
+    Listener listener;
 };
 struct ConnectedPair : OwnListener, Connection {
     explicit ConnectedPair(const KLVString& label = "") : Connection(listener, label) {}
@@ -99,22 +88,23 @@ struct ConnectedPair : OwnListener, Connection {
 std::string HeaderBytes(const std::string& typeName);
 std::string TextBytes(const std::string& typeName, const std::string& text);
 
-// A message of any type name whose body is a text: a 4-byte length, then the bytes. Counts the
-// objects alive.
-class TextMessage : public KLVMsgSocketMessage {
-public:
+// A message of any type name whose body is a text. Counts the objects alive, and runs what a test wants
+// to happen where a body is written or has been read.
+struct TextMessage : KLVMsgFramedMessage {
     explicit TextMessage(const std::string& typeName, const std::string& content = "")
         : type(typeName), text(content) {
         ++alive;
     }
     ~TextMessage() override { --alive; }
 
-    int WriteMessage(KLVMsgOutputStream* stream) override;
+    bool Encode(std::string& bytes) const override { return hook(), bytes = text, true; }
+    bool Decode(std::string_view bytes) override { return text = bytes, true; }
     int ReadMessage(KLVMsgInputStream* stream) override;
     KLVMsgSocketMessage* NewInstance() override { return new TextMessage(type); }
     KLVString GetMessageType() const override { return KLVString(type.c_str()); }
 
     static inline std::atomic<int> alive{0};
+    static inline std::function<void()> hook = [] {};  // until the end of the test
 
     std::string type;
     std::string text;

@@ -7,10 +7,13 @@
 #include <string>
 #include <vector>
 
+// The call by which the library waits for connections.
+inline const std::string theWait = "select";
+
 // One call, before it is made. `name` is that of the C function.
 struct SystemCall {
     std::string name;
-    int descriptor;  // the first argument; for `socket` the domain, for `select` the highest + 1
+    int descriptor;  // first argument; of `socket` the domain, of the resolver 0, of the wait any
     std::string rest = {};  // the other arguments that a test looks at, each followed by a space
     long length = 0;        // send, recv: bytes asked for; a handler may lower it
 };
@@ -29,7 +32,7 @@ public:
     Interposed(const Interposed&) = delete;
 };
 
-// Lets all calls through and keeps them, but for the resolver's.
+// Lets all calls through and keeps them.
 class CallLog {
 public:
     CallLog();

@@ -134,14 +134,14 @@ void ComeAndGo(int port) {
 
 // Connects to a server outside, sends, and ends the connection in every way.
 void ConnectAndEnd(const char* label) {
-    PlainServer outside;
+    const Listener outside;
     TextMessage message("Passing", "hello");
     const std::string bytes = TextBytes("Passing", "from outside");
     while (!over) {
-        KLVMsgCommSocket* const socket = Registry().ConnectToServer(
-            KLVMsgSocketAddress(), KLVMsgSocketAddress("127.0.0.1", outside.Port()));
+        KLVMsgCommSocket* const socket =
+            Registry().ConnectToServer(KLVMsgSocketAddress(), outside.address);
         Require(socket != nullptr, "cannot connect");
-        PlainPeer peer{outside.Accept()};
+        PlainPeer peer(outside);
         KLVMsgChannel channel(socket, label);
         Communicator().AddConnection(channel, true);
         const unsigned int id = Send(channel, &message);
