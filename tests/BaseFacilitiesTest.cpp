@@ -96,55 +96,33 @@ TEST(Vector, FollowsTheStandardVectorAndReleasesItsElements) {
     FollowsTheStandardVector<KLVString>("one", "two");
 }
 
-// An element whose copies are counted, and may fail.
-struct Fragile {
-    explicit Fragile(int number) : value(number) { ++alive; }
-    Fragile(const Fragile& other) : value(other.value) {
-        if (copiesLeft == 0) {
-            throw std::bad_alloc();
-        }
-        copiesLeft -= copiesLeft > 0 ? 1 : 0;
-        ++alive;
-    }
-    ~Fragile() { --alive; }
-    int value;
-
-    static inline int alive = 0;
-    static inline int copiesLeft = -1;  // before they fail; -1: without limit
-};
-
-static KLVBasVector<Fragile> OneTo(int count) {
-    KLVBasVector<Fragile> array;
-    for (int value = 1; value <= count; ++value) {
-        array.PushBack(Fragile(value));
-    }
-    return array;
-}
-
 TEST(Vector, CopyThatThrowsLeavesItAsItWasOrEndsItBeforeTheGap) {
-    for (int copies = 0; copies < 5; ++copies) {
-        KLVBasVector<Fragile> grows = OneTo(4), shrinks = OneTo(6);
-        const Fragile* const first = &shrinks[0];
-        const Fragile five(5);
-        Fragile::copiesLeft = copies;
-        EXPECT_THROW(grows.PushBack(five), std::bad_alloc);
-        EXPECT_EQ(4u, grows.Size());
-        EXPECT_EQ(4, grows[3].value);
-        Fragile::copiesLeft = copies;
-        if (copies < 4) {
-            EXPECT_THROW(shrinks.Erase(1), std::bad_alloc);
-        } else {
-            shrinks.Erase(1);
+    using Row = KLVBasVector<int>;  // whose copy takes one block
+    for (int n = 1; n <= 5; ++n) {
+        KLVBasVector<Row> rows;
+        for (int value = 1; value <= 4; ++value) {
+            rows.PushBack(ListOf<int>({value}));
         }
-        Fragile::copiesLeft = -1;
-        ASSERT_EQ(static_cast<std::size_t>(copies) + 1, shrinks.Size());
-        for (std::size_t i = 0; i < shrinks.Size(); ++i) {
-            EXPECT_EQ(i == 0 ? 1 : static_cast<int>(i) + 2, shrinks[i].value);
+        const auto size = [&] { return rows.Size() + 10 * rows[rows.Size() - 1].Size(); };
+        EXPECT_EQ(6, ShortMemoryChangesNothing([&] { rows.PushBack(rows[0]); }, size));
+        rows.PushBack(rows[0]);
+        const Row* const first = &rows[0];
+        const int before = Blocks();
+        bool thrown = false;
+        try {
+            const FailingAllocation fault(n);
+            rows.Erase(1);
+        } catch (const std::bad_alloc&) {
+            thrown = true;
         }
-        EXPECT_EQ(first, &shrinks[0]) << "moved to other memory";
-        EXPECT_EQ(4 + copies + 1 + 1, Fragile::alive);
+        EXPECT_EQ(n < 5, thrown);
+        ASSERT_EQ(static_cast<std::size_t>(n), rows.Size());
+        EXPECT_EQ(first, &rows[0]) << "moved to other memory";
+        EXPECT_EQ(before - (6 - n), Blocks());
+        for (std::size_t i = 0; i < rows.Size(); ++i) {
+            EXPECT_EQ((std::array{1, 3, 4, 1, 1})[i], rows[i][0]);
+        }
     }
-    EXPECT_EQ(0, Fragile::alive);
 }
 
 TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {

@@ -1,7 +1,6 @@
 // The costs of one message that a clock cannot tell exactly, against the budget file.
 #include <fstream>
 #include <map>
-#include <sstream>
 
 #include "Faults.h"
 #include "Support.h"
@@ -32,10 +31,8 @@ struct FixedMessage : KLVMsgSocketMessage {
 std::map<std::string, int> Limits() {
     std::map<std::string, int> limits;
     std::ifstream file(BUDGET_FILE);
-    for (std::string line; std::getline(file, line);) {
-        std::istringstream words(line[0] == '#' ? "" : line);
-        std::string name;
-        words >> name >> limits[name];
+    for (std::string word; file >> word;) {
+        word[0] == '#' ? file.ignore(1000, '\n') : file >> limits[word];
     }
     return limits;
 }

@@ -1,8 +1,7 @@
 // Eight threads that use every part of one process's messaging at once, while peers come, go, reset,
 // stall and stay. What the peers that stay have sent and been sent is accounted for, and a thread with
-// files of its own sees whether anybody touches them. Usage: turmoil SECONDS [SEED]
-#include <fcntl.h>
-#include <sys/stat.h>
+// sockets of its own sees whether anybody touches them. Usage: turmoil SECONDS [SEED]
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -132,6 +131,19 @@ void ComeAndGo(int port) {
     }
 }
 
+// Reads one message past the communicator: with a waitable and a stream of its own.
+std::string ReadByHand(const KLVMsgChannel& channel) {
+    KLVMsgChannelWaitable waitable(ListOf<KLVMsgChannel>({channel}));
+    KLVMsgSimpleInputStream stream;
+    TextMessage message("Passing");
+    KLVString type;
+    waitable.WaitForConnectionAndMessages(30000);
+    Registry().RetrieveMessageTypeFromSocket(channel.connection, type);
+    stream.m_connectionNumber = channel.connection;
+    message.ReadMessage(&stream);
+    return type.Text() + (":" + message.text);
+}
+
 // Connects to a server outside, sends, and ends the connection in every way.
 void ConnectAndEnd(const char* label) {
     const Listener outside;
@@ -143,10 +155,11 @@ void ConnectAndEnd(const char* label) {
         Require(socket != nullptr, "cannot connect");
         PlainPeer peer(outside);
         KLVMsgChannel channel(socket, label);
-        Communicator().AddConnection(channel, true);
+        const bool stays = Random(2) == 0, byHand = stays && Random(2) == 0;
+        Communicator().AddConnection(channel, !byHand);
         const unsigned int id = Send(channel, &message);
-        const bool stays = Random(2) == 0;
         peer.SendAny(bytes.substr(0, stays ? bytes.size() : Random(bytes.size())));
+        Require(!byHand || ReadByHand(channel) == "Passing:from outside", "misread by hand");
         if (!stays) {
             Pause(5);  // until it has gone it holds everybody up
             Leave(peer);
@@ -194,25 +207,22 @@ void AskAround() {
     }
 }
 
-// Opens files, sees whether they stay its own, and closes them.
-void KeepFiles() {
-    char name[] = "/tmp/turmoilXXXXXX";
-    const int first = mkstemp(name);
-    struct stat own = {}, now = {};
-    fstat(first, &own);
+// Makes socket pairs, sees whether they stay its own, and closes them.
+void KeepPairs() {
     while (!over) {
-        std::vector<int> files(1 + Random(8));
-        for (int& file : files) {
-            file = open(name, O_RDWR);
+        int pairs[4][2];
+        for (auto& pair : pairs) {
+            Require(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0, "no socket pair");
         }
         Pause(3);
-        for (const int file : files) {
-            Require(fstat(file, &now) == 0 && now.st_ino == own.st_ino && close(file) == 0,
-                    "a file of ours is not ours any more");
+        for (const auto& [one, other] : pairs) {
+            char byte = 0;
+            Require(write(one, "x", 1) == 1 && recv(other, &byte, 1, MSG_DONTWAIT) == 1 &&
+                        recv(other, &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN &&
+                        close(one) + close(other) == 0,
+                    "a socket of ours is not ours any more");
         }
     }
-    close(first);
-    unlink(name);
 }
 
 void Run(int seconds) {
@@ -239,7 +249,7 @@ void Run(int seconds) {
     turmoil.emplace_back(ComeAndGo, port);
     turmoil.emplace_back(ConnectAndEnd, "outgoing");
     turmoil.emplace_back(ConnectAndEnd, "another");
-    for (void (*each)() : {SendToSteady, Restart, AskAround, KeepFiles}) {
+    for (void (*each)() : {SendToSteady, Restart, AskAround, KeepPairs}) {
         turmoil.emplace_back(each);
     }
 
