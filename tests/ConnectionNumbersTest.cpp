@@ -48,20 +48,27 @@ struct ConnectionNumbers : MessagingTest {
 
 }  // namespace
 
-TEST_F(ConnectionNumbers, ChannelListedTwiceIsReadOncePerCycle) {
+TEST_F(ConnectionNumbers, ChannelListedTwiceIsReadOncePerCycleAndOneThatIsResetIsForgotten) {
     Watched twice("twice");
     Communicator().AddConnection(twice.channel, true);
     twice.peer.Send(TextBytes("Text", "a") + TextBytes("Text", "b"));
     Cycle();
     EXPECT_EQ(Texts{"a"}, Take());
-    KLVMsgChannelWaitable waitable(ListOf<KLVMsgChannel>({twice.channel, twice.channel}));
+    ConnectedPair closing;
+    KLVMsgChannelWaitable waitable(
+        ListOf<KLVMsgChannel>({twice.channel, closing.channel, twice.channel}));
     waitable.WaitForConnectionAndMessages(1000);  // what that has found is read as well, once
     Cycle(&waitable);
     EXPECT_EQ(Texts{"b"}, Take());
     EXPECT_EQ(0u, waitable.readyChannels.Size());
+    closing.peer.Close();
+    Cycle(&waitable);
+    EXPECT_FALSE(closing.channel.IsActiveInCurrentThreads());
+    EXPECT_EQ(3u, waitable.channels.Size());
     twice.peer.Reset();
     Cycle(&waitable);
-    EXPECT_EQ(0u, waitable.channels.Size());
+    ASSERT_EQ(1u, waitable.channels.Size());
+    EXPECT_TRUE(closing.channel == waitable.channels[0]);
 }
 
 TEST_F(ConnectionNumbers, NewConnectionUnderAnOldNumberStartsUnknown) {

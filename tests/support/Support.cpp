@@ -148,6 +148,11 @@ std::string TextBytes(const std::string& typeName, const std::string& text) {
     return HeaderBytes(typeName) + LengthBytes(text) + text;
 }
 
+int TextMessage::WriteMessage(KLVMsgOutputStream* stream) {
+    hook();
+    return KLVMsgFramedMessage::WriteMessage(stream);
+}
+
 int TextMessage::ReadMessage(KLVMsgInputStream* stream) {
     const int result = KLVMsgFramedMessage::ReadMessage(stream);
     hook();

@@ -97,8 +97,9 @@ struct TextMessage : KLVMsgFramedMessage {
     }
     ~TextMessage() override { --alive; }
 
-    bool Encode(std::string& bytes) const override { return hook(), bytes = text, true; }
+    bool Encode(std::string& bytes) const override { return bytes = text, true; }
     bool Decode(std::string_view bytes) override { return text = bytes, true; }
+    int WriteMessage(KLVMsgOutputStream* stream) override;
     int ReadMessage(KLVMsgInputStream* stream) override;
     KLVMsgSocketMessage* NewInstance() override { return new TextMessage(type); }
     KLVString GetMessageType() const override { return KLVString(type.c_str()); }

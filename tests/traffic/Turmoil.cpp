@@ -8,17 +8,15 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <iostream>
-#include <mutex>
 #include <random>
-#include <set>
 #include <thread>
 
 #include "Support.h"
 
 namespace {
 
-constexpr int steadyPeers = 3;
 std::atomic<bool> over{false};
 unsigned int seed = 0;
 
@@ -50,27 +48,23 @@ class Driver : public KLVBasAtiThreadTask {
     }
 };
 
-// What was promised to whom: every text is expected once, and forgotten when it has come.
-struct Account {
-    void Expect(const std::string& text) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        expected.insert(text);
-        ++count;
-    }
+// Numbered texts of one sender to one receiver: each arrives once, in its order.
+struct Flow {
+    std::string Next() { return label + " " + std::to_string(sent++); }
     void Arrive(const std::string& text) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        Require(expected.erase(text) == 1, "unexpected: " + text);
+        Require(text == label + " " + std::to_string(arrived++), "unexpected: " + text);
     }
-    std::size_t Missing() {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return expected.size();
-    }
-    std::mutex mutex;
-    std::set<std::string> expected;
-    long count = 0;
-} received, sent;
+    const std::string label;
+    std::atomic<int> sent{0}, arrived{0};
+};
 
-std::string Steady(int n) { return "steady" + std::to_string(n % steadyPeers); }
+// A peer that stays, known here under the label that both flows have.
+struct SteadyPeer {
+    SteadyPeer(int port, const char* label) : peer(port), to{label}, from{label} {}
+    PlainPeer peer;
+    Flow to, from;
+};
+std::deque<SteadyPeer> steady;
 
 void Await(unsigned int id) {
     while (Communicator().QueryPendingStatus(id)) {
@@ -80,40 +74,39 @@ void Await(unsigned int id) {
 
 // Sends to the peers that stay, in two forms.
 void SendToSteady() {
-    for (int n = 0; !over; ++n) {
-        TextMessage message("Steady", Steady(n) + " " + std::to_string(n));
-        sent.Expect(message.text);
+    for (std::size_t n = 0; !over; ++n) {
+        Flow& flow = steady[n % steady.size()].to;
+        TextMessage message("Steady", flow.Next());
         if (n % 2 == 0) {
-            Communicator().SendSocketMessage(Steady(n).c_str(), &message);
+            Communicator().SendSocketMessage(flow.label.c_str(), &message);
         } else {
-            const std::vector<KLVMsgChannel> channels = Known(Steady(n).c_str());
-            Require(channels.size() == 1, Steady(n) + " is not known once");
+            const std::vector<KLVMsgChannel> channels = Known(flow.label.c_str());
+            Require(channels.size() == 1, flow.label + " is not known once");
             Await(Send(channels[0], &message));
         }
     }
 }
 
 void Retrieve() {
-    for (const std::string& text : Take("Steady")) {
-        received.Arrive(text);
+    std::vector<std::string> texts = Take("Steady");
+    for (; !texts.empty(); texts.pop_back()) {
+        steady[static_cast<std::size_t>(texts.back()[0] - '0')].from.Arrive(texts.back());
     }
     Take("Passing");
 }
 
-// A peer that stays: sends numbered texts, and reads those that it is sent.
-void StaySteady(PlainPeer& peer, int self) {
-    std::thread reader([&peer] {
+// What such a peer does: sends texts, and reads those that it is sent.
+void Stay(SteadyPeer& self) {
+    std::thread reader([&self] {
         const std::size_t headerSize = HeaderBytes("Steady").size() + 4;
-        for (std::string header; !(header = peer.Receive(headerSize)).empty();) {
+        for (std::string header; !(header = self.peer.Receive(headerSize)).empty();) {
             unsigned int length = 0;
             std::memcpy(&length, header.data() + headerSize - 4, sizeof length);
-            sent.Arrive(peer.Receive(length));
+            self.to.Arrive(self.peer.Receive(length));
         }
     });
-    for (int n = 0; !over; ++n, Pause(4)) {
-        const std::string text = Steady(self) + " says " + std::to_string(n);
-        received.Expect(text);
-        peer.Send(TextBytes("Steady", text));
+    for (; !over; Pause(4)) {
+        self.peer.Send(TextBytes("Steady", self.from.Next()));
     }
     reader.join();
 }
@@ -227,24 +220,23 @@ void KeepPairs() {
 
 void Run(int seconds) {
     const Messaging messaging;
-    TextMessage steady("Steady"), passing("Passing");
-    Communicator().RegisterMessagePrototype("Steady", &steady);
+    TextMessage staying("Steady"), passing("Passing");
+    Communicator().RegisterMessagePrototype("Steady", &staying);
     Communicator().RegisterMessagePrototype("Passing", &passing);
     KLVMsgServerSocket* const server = StartLoopbackServer();
     const int port = server->address.port;
     Communicator().AddConnection(KLVMsgChannel(server, "server"), true);
-    std::vector<std::unique_ptr<PlainPeer>> peers;
-    std::vector<std::thread> staying, turmoil;
-    for (int i = 0; i < steadyPeers; ++i) {
-        peers.push_back(std::make_unique<PlainPeer>(port));
+    std::vector<std::thread> peers, turmoil;
+    for (const char* label : {"0", "1", "2"}) {
+        steady.emplace_back(port, label);
         Communicator().WaitConnectionsAndMessages(nullptr, 10000);
-        Known().back().SetLabel(Steady(i).c_str());
+        Known().back().SetLabel(label);
     }
     Communicator().PrepareStartupMessageTask();
     Driver driver;
     KLVBasAtiThread driving(driver);
-    for (std::size_t i = 0; i < peers.size(); ++i) {
-        staying.emplace_back(StaySteady, std::ref(*peers[i]), static_cast<int>(i));
+    for (SteadyPeer& each : steady) {
+        peers.emplace_back(Stay, std::ref(each));
     }
     turmoil.emplace_back(ComeAndGo, port);
     turmoil.emplace_back(ConnectAndEnd, "outgoing");
@@ -258,16 +250,26 @@ void Run(int seconds) {
     for (std::thread& thread : turmoil) {
         thread.join();
     }
-    Require(Eventually([] { return Retrieve(), received.Missing() + sent.Missing() == 0; }),
-            std::to_string(received.Missing()) + " to receive and " +
-                std::to_string(sent.Missing()) + " sent are missing");
+    int received = 0, sent = 0;
+    const auto missing = [&] {
+        Retrieve();
+        received = sent = 0;
+        int count = 0;
+        for (const auto& [peer, to, from] : steady) {
+            received += from.arrived;
+            sent += to.arrived;
+            count += from.sent + to.sent;
+        }
+        return count - received - sent;
+    };
+    Require(Eventually([&] { return missing() == 0; }), std::to_string(missing()) + " missing");
     Communicator().ShutdownMessageTask();
     driving.Join();
-    for (std::thread& thread : staying) {
+    for (std::thread& thread : peers) {
         thread.join();
     }
-    std::cout << "turmoil: " << received.count << " received and " << sent.count
-              << " sent, each once (seed " << seed << ")\n";
+    std::cout << "turmoil: " << received << " received and " << sent << " sent, each once (seed "
+              << seed << ")\n";
 }
 
 }  // namespace
