@@ -4,6 +4,7 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
@@ -148,6 +149,14 @@ TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {
         ASSERT_EQ(model, walked);
         ASSERT_EQ(model.size(), table.Size());
     }
+}
+
+// Whether a thread of this process sleeps, as one does that waits for a mutex.
+static bool Sleeps(int thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string number, name, state;
+    stat >> number >> name >> state;
+    return state == "S";
 }
 
 TEST(Mutex, GoesToItsWaitersInTheOrderOfTheirArrival) {

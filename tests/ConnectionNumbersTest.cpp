@@ -76,7 +76,7 @@ TEST_F(ConnectionNumbers, NewConnectionUnderAnOldNumberStartsUnknown) {
     unsigned int id = Send(gone.channel, &hello);
     gone.EndByPeer();
     too.EndByPeer();
-    Connection now(gone.listener, "now"), another(gone.listener, "now");
+    ConnectedPair now(gone.listener, "now"), another(gone.listener, "now");
     ASSERT_EQ(gone.number + too.number, now.number + another.number);
     EXPECT_EQ(0u, Known().size());
     EXPECT_TRUE(Communicator().QueryPendingStatus(id)) << "it leaves with the next transmission";
@@ -96,10 +96,10 @@ TEST_F(ConnectionNumbers, NewConnectionUnderAnOldNumberStartsUnknown) {
 TEST_F(ConnectionNumbers, NumberGivenAwayDuringAnOperationIsNotServedByIt) {
     Watched gone("gone"), other("other");
     gone.EndByPeer();
-    std::unique_ptr<Connection> now;
+    std::unique_ptr<ConnectedPair> now;
     const auto giveAway = [&] {
         if (now == nullptr) {
-            now = std::make_unique<Connection>(gone.listener, "now");
+            now = std::make_unique<ConnectedPair>(gone.listener, "now");
             EXPECT_EQ(gone.number, now->channel.connection);
         }
     };
@@ -131,10 +131,10 @@ TEST_F(ConnectionNumbers, NumberStaysTakenUntilTheEndOfItsLastTurn) {
     // In a wait: until its own turn is over.
     cut.peer.Send(TextBytes("Text", "whole").substr(0, 14));
     cut.peer.Close();
-    std::unique_ptr<Connection> now;
+    std::unique_ptr<ConnectedPair> now;
     TextMessage::hook = [&] {
         EXPECT_TRUE(IsOpen(cut.number) && cut.socket->closed);
-        now = std::make_unique<Connection>(cut.listener, "now");
+        now = std::make_unique<ConnectedPair>(cut.listener, "now");
         EXPECT_NE(cut.number, now->channel.connection);
         now->peer.Send("x");
         EXPECT_EQ(-1, ReadOne(cut.number)) << "a byte from another connection";
@@ -239,17 +239,6 @@ TEST_F(ConnectionNumbers, SocketClosesItsDescriptorOnce) {
         again.socket->Shutdown();
         EXPECT_FALSE(IsOpen(copy)) << "way " << way;
     }
-}
-
-TEST_F(ConnectionNumbers, NumberClosedBehindItsSocketStartsUnknown) {
-    KLVMsgServerSocket* const server = StartLoopbackServer();
-    Communicator().AddConnection(KLVMsgChannel(server, "server"), true);
-    ConnectedPair holder("holder");
-    Communicator().AddConnection(holder.channel, false);
-    PlainPeer next(server->address.port);
-    ::close(holder.number);
-    Cycle();
-    EXPECT_EQ(2u, Known().size()) << "the server and the new connection alone";
 }
 
 TEST_F(ConnectionNumbers, DescriptorZeroIsWaitedForAndThoseBeyondTheSetAreOnlySentTo) {

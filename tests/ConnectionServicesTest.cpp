@@ -178,7 +178,7 @@ TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
         const CallLog log;
         KLVMsgSocket* next = connect ? nullptr : StartLoopbackServer();
         if (connect) {
-            next = Registry().ConnectToServer(Address(), Address("", left.listener.address.port));
+            next = Registry().ConnectToServer(Address(), Address("", left.listener->address.port));
         }
         EXPECT_EQ(next, Registry().GetSocket(number));
         EXPECT_EQ(std::string::npos, log.Names().find("close"));

@@ -84,6 +84,9 @@ TEST(StreamSocket, FailedConnectKeepsItsDescriptorUntilShutdown) {
 
 TEST(StreamSocket, ConnectEndsTheOldConnectionFirst) {
     ConnectedPair pair;
+    const auto show = [&] { return State(*pair.socket); };
+    const auto connect = [&] { pair.socket->Connect(pair.listener->address); };
+    EXPECT_EQ(1, ShortMemoryChangesNothing(connect, show));
     const FailingCall stuck("shutdown", EINVAL), unknown("getaddrinfo", ENOENT);
     const CallLog log;
     pair.socket->inputOpen = false;
@@ -216,26 +219,4 @@ TEST(ServerSocket, ListensEvenWhenTheBindFailed) {
     Listener third(taken.address);
     EXPECT_EQ(EOPNOTSUPP, third.lastError);
     third.Shutdown();
-}
-
-TEST(Socket, ShortMemoryChangesNothing) {
-    ConnectedPair pair;
-    const Address taken = pair.listener.address;
-    KLVMsgCommSocket unbound{Address()};
-    const auto show = [&] {
-        return State(*pair.socket) + State(unbound) + std::to_string(unbound.address.port);
-    };
-    EXPECT_EQ(1, ShortMemoryChangesNothing([&] { pair.socket->Connect(taken); }, show));
-    EXPECT_EQ(1, ShortMemoryChangesNothing([&] { unbound.BindLocalAddress(taken); }, show));
-    unbound.Shutdown();
-}
-
-TEST(ErrorText, IsTheSystemsOwnInOneLine) {
-    testing::internal::CaptureStderr();
-    printError("bind", EADDRINUSE);
-    EXPECT_EQ(&aio_cerr, &endl(aio_cerr));
-    KLVString text;
-    KLVMsgSocketErrorInfo(EADDRINUSE, text);
-    EXPECT_STREQ(std::strerror(EADDRINUSE), text.Text());
-    EXPECT_EQ(std::string("bind: ") + text.Text() + "\n\n", testing::internal::GetCapturedStderr());
 }

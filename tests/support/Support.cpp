@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <thread>
 
@@ -74,13 +73,6 @@ bool Eventually(const std::function<bool()>& condition) {
     return true;
 }
 
-bool Sleeps(int thread) {
-    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
-    std::string number, name, state;
-    stat >> number >> name >> state;
-    return state == "S";
-}
-
 int OpenDescriptors() {
     const std::filesystem::directory_iterator open("/proc/self/fd");
     return static_cast<int>(std::distance(begin(open), end(open))) - 1;  // without the walk's own
@@ -130,13 +122,14 @@ void PlainPeer::Reset() {
     Close();
 }
 
-Connection::Connection(const Listener& listener, const KLVString& label)
-    : socket(Registry().ConnectToServer(KLVMsgSocketAddress(), listener.address)),
+ConnectedPair::ConnectedPair(std::shared_ptr<Listener> at, const KLVString& label)
+    : listener(std::move(at)),
+      socket(Registry().ConnectToServer(KLVMsgSocketAddress(), listener->address)),
       channel(socket, label),
       number(channel.connection),
-      peer(listener) {}
+      peer(*listener) {}
 
-void Connection::EndByPeer() {
+void ConnectedPair::EndByPeer() {
     peer.Close();
     char byte = 0;
     EXPECT_EQ(0, socket->read(&byte, 1));

@@ -13,6 +13,7 @@
 #include <array>
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,9 +22,6 @@ KLVMsgConnectionServicesUtils& Registry();
 
 // Asks again and again until it holds, for half a minute at the most; false when it never did.
 bool Eventually(const std::function<bool()>& condition);
-
-// Whether a thread of this process sleeps, as one does that waits for a mutex.
-bool Sleeps(int thread);
 
 // How many descriptors the process has open.
 int OpenDescriptors();
@@ -63,25 +61,21 @@ private:
     int m_descriptor;
 };
 
-// A registered connection made to a listener, its channel, and the peer at the other end.
-struct Connection {
-    explicit Connection(const Listener& listener, const KLVString& label = "");
+// A registered connection, its channel, and the peer at the other end: made to a listener of its own,
+// or to that of another one.
+struct ConnectedPair {
+    explicit ConnectedPair(const KLVString& label = "")
+        : ConnectedPair(std::make_shared<Listener>(), label) {}
+    ConnectedPair(std::shared_ptr<Listener> at, const KLVString& label);
 
     // The peer closes, and the socket learns of it by reading.
     void EndByPeer();
 
+    std::shared_ptr<Listener> listener;
     KLVMsgCommSocket* socket;
     KLVMsgChannel channel;
     int number;
     PlainPeer peer;
-};
-
-// The same with a listener of its own.
-struct OwnListener {
-    Listener listener;
-};
-struct ConnectedPair : OwnListener, Connection {
-    explicit ConnectedPair(const KLVString& label = "") : Connection(listener, label) {}
 };
 
 // The bytes of a header, and of a whole TextMessage.
