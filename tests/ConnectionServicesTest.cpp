@@ -114,14 +114,21 @@ TEST(Header, UnusableLengthFailsAndAGoodOneIsServed) {
     EXPECT_EQ(0x7fffffffu, RefusedSize()) << "the one that fits was asked for";
 }
 
-TEST(Header, RegisteredAndUnknownNamesArriveAlike) {
+TEST(Header, RegisteredAndUnknownNamesArriveAlikeAndTheFirstPrototypeStays) {
     ConnectedPair pair;
-    TextMessage prototype("");
+    TextMessage first("first"), second("second");
     const KLVString registered[] = {"b", {"a\0b", 3}, "bb", "A", "a"};
+    Registry().RegisterMessagePrototype(registered[0], nullptr);  // which holds the name
     for (const KLVString& name : registered) {
-        Registry().RegisterMessagePrototype(name, &prototype);
+        Registry().RegisterMessagePrototype(name, &first);
+        Registry().RegisterMessagePrototype(name, &second);
     }
-    for (const char* const sent : {"a", "A", "b", "b!", "bb", "c"}) {
+    for (const auto& [sent, maker] : {std::pair("a", "first"),
+                                      {"A", "first"},
+                                      {"b", ""},
+                                      {"b!", ""},
+                                      {"bb", "first"},
+                                      {"c", ""}}) {
         KLVString received;
         pair.peer.Send(HeaderBytes(sent));
         EXPECT_EQ(1, Registry().RetrieveMessageTypeFromSocket(pair.number, received));
@@ -129,6 +136,8 @@ TEST(Header, RegisteredAndUnknownNamesArriveAlike) {
         for (const KLVString& name : registered) {  // such a name is not copied
             EXPECT_EQ(name == received, name.Text() == received.Text());
         }
+        const std::unique_ptr<KLVMsgSocketMessage> made(Registry().GetMsgInstance(received));
+        EXPECT_EQ(KLVString(maker), made ? made->GetMessageType() : KLVString());
     }
 }
 
@@ -176,10 +185,9 @@ TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
         ::close(number);  // behind the registry's back
         const int before = Blocks();
         const CallLog log;
-        KLVMsgSocket* next = connect ? nullptr : StartLoopbackServer();
-        if (connect) {
-            next = Registry().ConnectToServer(Address(), Address("", left.listener->address.port));
-        }
+        KLVMsgSocket* const next =
+            connect ? Registry().ConnectToServer(Address(), left.listener->address)
+                    : static_cast<KLVMsgSocket*>(StartLoopbackServer());
         EXPECT_EQ(next, Registry().GetSocket(number));
         EXPECT_EQ(std::string::npos, log.Names().find("close"));
         EXPECT_EQ(connect ? -1 : 1, Blocks() - before);  // the text of the server's host
@@ -197,17 +205,4 @@ TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
     EXPECT_EQ(1, Registry().AddConnection(left.socket));
     EXPECT_EQ(0, Registry().AddConnection(left.socket));
     EXPECT_EQ(1, left.socket->write("x", 1));
-}
-
-TEST(Registry, FirstPrototypeMakesTheMessages) {
-    TextMessage first("first"), second("second");
-    Registry().RegisterMessagePrototype("Type", &first);
-    Registry().RegisterMessagePrototype("Type", &second);
-    KLVMsgSocketMessage* const message = Registry().GetMsgInstance("Type");
-    EXPECT_EQ(KLVString("first"), message->GetMessageType());
-    delete message;
-    EXPECT_EQ(nullptr, Registry().GetMsgInstance("Typ"));
-    Registry().RegisterMessagePrototype("Null", nullptr);
-    Registry().RegisterMessagePrototype("Null", &first);
-    EXPECT_EQ(nullptr, Registry().GetMsgInstance("Null")) << "it holds its name";
 }
