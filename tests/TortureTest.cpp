@@ -43,17 +43,6 @@ struct Fault {
 // perhaps the registry's meanwhile; the registry's and no other one; none; as it comes.
 enum Lock { communicators, registrys, none, some };
 
-// Shows the inbox and takes nothing.
-struct Look : KLVMsgMessageQuery {
-    void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
-                KLVBasVector<int>&) const override {
-        for (const KLVMsgSocketMessage* message : VectorOf(messages)) {
-            texts += TextOf(message) + ",";
-        }
-    }
-    mutable std::string texts;
-};
-
 class Scenario {
 public:
     explicit Scenario(const Fault& fault) : m_fault(fault), m_left(fault.n) {}
@@ -126,9 +115,7 @@ private:
             const int times = Taken()[each] - before[each], own = each == lock ? 1 : 0;
             EXPECT_TRUE(times == own || (times < own && !done)) << times;
         }
-        for (const WatchedMutex* each : m_locks) {
-            EXPECT_FALSE(each->held);
-        }
+        EXPECT_FALSE(!m_locks.empty() && (m_locks[0]->held || m_locks[1]->held));
         return done;
     }
 
@@ -165,13 +152,10 @@ private:
         for (const KLVMsgChannel& channel : ::Known()) {
             show(channel.connection);
         }
-        KLVBasVector<KLVMsgSocketMessage*> none;
-        Look look;
-        Communicator().IRetrieveMessages(&look, none);
         for (unsigned int id = m_id; id < m_id + 20; ++id) {
             show(Communicator().QueryPendingStatus(id));
         }
-        return state + look.texts;
+        return state;
     }
 
     void SetUp() {
