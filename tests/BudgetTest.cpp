@@ -10,20 +10,13 @@ namespace {
 
 // A body of 8 bytes, written and read with one call; allocates nothing.
 struct FixedMessage : KLVMsgSocketMessage {
-    int WriteMessage(KLVMsgOutputStream* stream) override {
-        int count = 0;
-        stream->write(body, sizeof body, count);
-        return count;
-    }
-    int ReadMessage(KLVMsgInputStream* stream) override {
-        int count = 0;
-        stream->read(body, sizeof body, count);
-        return count;
-    }
+    int WriteMessage(KLVMsgOutputStream* to) override { return to->write(body, 8, count), 1; }
+    int ReadMessage(KLVMsgInputStream* from) override { return from->read(body, 8, count), 1; }
     KLVMsgSocketMessage* NewInstance() override { return this; }
     KLVString GetMessageType() const override { return type; }
 
     char body[8] = {};
+    int count = 0;
     KLVString type{"TwelveLetter"};
 };
 

@@ -14,20 +14,6 @@ namespace {
 
 bool IsOpen(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
 
-// A file under the number of a descriptor that has been closed, to see whether it is touched.
-class Stranger {
-public:
-    explicit Stranger(int number) : m_number(number) {
-        EXPECT_FALSE(IsOpen(number));
-        EXPECT_EQ(number, fcntl(STDERR_FILENO, F_DUPFD, number));
-    }
-    ~Stranger() { EXPECT_EQ(0, ::close(m_number)) << "it was closed by somebody else"; }
-    Stranger(const Stranger&) = delete;
-
-private:
-    int m_number;
-};
-
 struct ConnectionNumbers : MessagingTest {
     // A connection that the communicator knows and watches.
     struct Watched : ConnectedPair {
@@ -207,7 +193,6 @@ TEST_F(ConnectionNumbers, SocketClosesItsDescriptorOnce) {
         EXPECT_EQ("recv shutdown shutdown close", log.Names(reset.number));
     }
     {
-        const Stranger a(left.number), b(server->descriptor), c(shut.number);
         const CallLog log;
         char byte = 0;
         shut.socket->ShutDownInput();
