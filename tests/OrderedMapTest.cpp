@@ -184,25 +184,18 @@ TEST(OrderedMap, FollowsTheModelAlsoWhereComparisonWraps) {
 }
 
 TEST(OrderedMap, KeepsTheKnownShapes) {
-    const struct {
-        std::vector<int> inserted, removed;
-        const char* shape;
-    } known[] = {
-        {{9}, {9, 9}, "-"},
-        {{5, 1, 3, 2}, {}, "1:3(-,5:2(3:1(2:0,-),-))"},  // turned, and as tall as before
-        {{11, 10, 4, 5, 2, 7, 3, 6}, {5}, "6:3(4:2(2:1(-,3:0),-),10:2(7:0,11:0))"},  // 10: stale
-        {{-1, INT_MAX}, {}, "-1:1(2147483647:0,-)"},
-    };
-    for (const auto& each : known) {
+    const auto shape = [](const std::vector<int>& inserted, int removed) {
         Map map;
-        for (const int key : each.inserted) {
+        for (const int key : inserted) {
             map.Insert(key, "");
         }
-        for (const int key : each.removed) {
-            map.Remove(key);
-        }
-        EXPECT_EQ(each.shape, Shape(map.m_root));
-    }
+        map.Remove(removed);
+        return Shape(map.m_root);
+    };
+    EXPECT_EQ("-", shape({9}, 9));
+    EXPECT_EQ("1:3(-,5:2(3:1(2:0,-),-))", shape({5, 1, 3, 2}, 0));  // turned, and as tall as before
+    EXPECT_EQ("6:3(4:2(2:1(-,3:0),-),10:2(7:0,11:0))", shape({11, 10, 4, 5, 2, 7, 3, 6}, 5));
+    EXPECT_EQ("-1:1(2147483647:0,-)", shape({-1, INT_MAX}, 0));
     omi_Btree<KLVString, int> texts;
     texts.Insert("b", 1);
     texts.Insert("a", 2);

@@ -193,16 +193,16 @@ TEST(ServerSocket, BindsListensAndAcceptsWithoutFurtherOptions) {
 
 TEST(ServerSocket, ListensEvenWhenTheBindFailed) {
     Listener taken;
-    KLVMsgCommSocket first{Address()};
-    {
-        const FailingCall unknown("getaddrinfo", ENOENT);
-        first.BindLocalAddress(Address("", -1));
-        EXPECT_EQ("closed " + std::to_string(ENOENT), State(first));
+    for (const auto& [call, state] : {std::pair("getaddrinfo", "closed 1"),
+                                      {"bind", "closed 1"},
+                                      {"setsockopt", "open 0"},
+                                      {"getsockname", "open 1"}}) {
+        const FailingCall fault(call, EPERM);
+        KLVMsgCommSocket socket{Address()};
+        socket.BindLocalAddress(Address("", -1));
+        EXPECT_EQ(state, State(socket)) << call;
+        socket.Shutdown();
     }
-    const FailingCall option("setsockopt", EPERM), name("getsockname", ENOBUFS);
-    first.BindLocalAddress(Address("", -1));
-    EXPECT_EQ("open " + std::to_string(ENOBUFS), State(first));
-    first.Shutdown();
     const CallLog log;
     Listener second(taken.address);
     EXPECT_EQ("getaddrinfo socket bind freeaddrinfo listen", log.Names());

@@ -131,7 +131,6 @@ private:
 
     // All that can be seen of the library, and what it has handed out.
     std::string State() const {
-        const Exempt exempt;
         std::string state;
         const auto show = [&](auto&&... values) { ((state += std::to_string(values) + " "), ...); };
         show(OpenDescriptors(), TextMessage::alive, m_text.Length());
@@ -178,13 +177,10 @@ private:
     KLVMsgChannel Know(KLVMsgSocket* socket, const char* label) {
         KLVMsgChannel channel;
         if (socket != nullptr) {
-            {
-                const Exempt exempt;
-                const timeval limit = {0, 150000};
-                const int on = 1;
-                setsockopt(socket->descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-                setsockopt(socket->descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-            }
+            const timeval limit = {0, 150000};
+            const int on = 1;
+            setsockopt(socket->descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+            setsockopt(socket->descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
             Do(registrys, [&] { channel = KLVMsgChannel(socket, label); });
             Do(communicators, [&] { Communicator().AddConnection(channel, true); });
         }
@@ -322,11 +318,8 @@ private:
         for (const bool resets : {true, false}) {
             if (Registry().IsConnectionOpen(m_server.connection) &&
                 !Registry().HasError(m_server.connection)) {
-                std::optional<Exempt> exempt(std::in_place);
                 PlainPeer peer(m_address.port);
-                exempt.reset();
                 Accept();
-                exempt.emplace();
                 resets ? peer.Reset() : peer.Close();
             }
             Cycle();

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <future>
 #include <iostream>
 #include <random>
 #include <thread>
@@ -92,7 +93,7 @@ void Retrieve() {
 
 // What such a peer does: sends texts, and reads those that it is sent.
 void Stay(SteadyPeer& self) {
-    std::thread reader([&self] {
+    const auto reader = std::async(std::launch::async, [&self] {
         const std::size_t headerSize = HeaderBytes("Steady").size() + 4;
         for (std::string header; !(header = self.peer.Receive(headerSize)).empty();) {
             unsigned int length = 0;
@@ -103,7 +104,6 @@ void Stay(SteadyPeer& self) {
     for (; !over; Pause(4)) {
         self.peer.Send(TextBytes("Steady", self.from.Next()));
     }
-    reader.join();
 }
 
 void Leave(PlainPeer& peer) { Random(2) == 0 ? peer.Close() : peer.Reset(); }
@@ -221,7 +221,7 @@ void Run(int seconds) {
     KLVMsgServerSocket* const server = StartLoopbackServer();
     const int port = server->address.port;
     Communicator().AddConnection(KLVMsgChannel(server, "server"), true);
-    std::vector<std::thread> peers, turmoil;
+    std::vector<std::future<void>> peers, turmoil;
     for (const char* label : {"0", "1", "2"}) {
         steady.emplace_back(port, label);
         Communicator().WaitConnectionsAndMessages(nullptr, 10000);
@@ -231,20 +231,17 @@ void Run(int seconds) {
     KLVMsgMessageTask task;
     KLVBasAtiThread driving(task);
     for (SteadyPeer& each : steady) {
-        peers.emplace_back(Stay, std::ref(each));
+        peers.push_back(std::async(std::launch::async, Stay, std::ref(each)));
     }
-    turmoil.emplace_back(ComeAndGo, port);
-    turmoil.emplace_back(ConnectAndEnd, "outgoing");
-    turmoil.emplace_back(ConnectAndEnd, "another");
-    for (void (*each)() : {SendToSteady, Restart, AskAround, KeepPairs}) {
-        turmoil.emplace_back(each);
+    for (const std::function<void()>& each : std::vector<std::function<void()>>{
+             [=] { ComeAndGo(port); }, [] { ConnectAndEnd("outgoing"); },
+             [] { ConnectAndEnd("another"); }, SendToSteady, Restart, AskAround, KeepPairs}) {
+        turmoil.push_back(std::async(std::launch::async, each));
     }
 
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     over = true;
-    for (std::thread& thread : turmoil) {
-        thread.join();
-    }
+    turmoil.clear();  // when they have ended
     int received = 0, sent = 0;
     const auto missing = [&] {
         Retrieve();
@@ -260,9 +257,7 @@ void Run(int seconds) {
     Require(Eventually([&] { return missing() == 0; }), std::to_string(missing()) + " missing");
     Communicator().ShutdownMessageTask();
     driving.Join();
-    for (std::thread& thread : peers) {
-        thread.join();
-    }
+    peers.clear();
     std::cout << "turmoil: " << received << " received and " << sent << " sent, each once (seed "
               << seed << ")\n";
 }
