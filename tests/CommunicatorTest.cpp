@@ -59,8 +59,16 @@ protected:
 
 }  // namespace
 
-TEST_F(CommunicatorTest, IdsCountThroughTheWholeProcess) {
-    const Client a(*this, "pair"), b(*this, "pair");
+TEST_F(CommunicatorTest, AcceptedConnectionsAreKnownAndIdsCountThroughTheWholeProcess) {
+    KLVMsgServerSocket* const other = StartLoopbackServer();
+    Communicator().AddConnection(KLVMsgChannel(other, "other"), true);
+    const PlainPeer a(server->address.port), b(other->address.port);
+    Cycle();
+    std::vector<KLVMsgChannel> known = Known();
+    ASSERT_EQ(4u, known.size());
+    EXPECT_FALSE(known[2] == known[3]);
+    known[2].SetLabel("pair");
+    known[3].SetLabel("pair");
     KLVMsgChannelQueryByLabel pair("pair");
     KLVBasVector<unsigned int> ids = ListOf<unsigned int>({77});
     EXPECT_EQ(1u, Send(ChannelOf(777), &hello));

@@ -37,18 +37,20 @@ struct ConnectionNumbers : MessagingTest {
 TEST_F(ConnectionNumbers, ChannelListedTwiceIsReadOncePerCycleAndOneThatIsResetIsForgotten) {
     Watched twice("twice");
     Communicator().AddConnection(twice.channel, true);
-    twice.peer.Send(TextBytes("Text", "a") + TextBytes("Text", "b"));
+    twice.peer.Send(TextBytes("Text", "a") + TextBytes("Text", "b") + TextBytes("Text", "c"));
     Cycle();
     EXPECT_EQ(Texts{"a"}, Take());
     ConnectedPair closing;
+    closing.peer.Send(TextBytes("Text", "d"));
     KLVMsgChannelWaitable waitable(
         ListOf<KLVMsgChannel>({twice.channel, closing.channel, twice.channel}));
     waitable.WaitForConnectionAndMessages(1000);  // what that has found is read as well, once
     Cycle(&waitable);
-    EXPECT_EQ(Texts{"b"}, Take());
+    EXPECT_EQ((Texts{"d", "b"}), Take());
     EXPECT_EQ(0u, waitable.readyChannels.Size());
     closing.peer.Close();
     Cycle(&waitable);
+    EXPECT_EQ(Texts{"c"}, Take());
     EXPECT_FALSE(closing.channel.IsActiveInCurrentThreads());
     EXPECT_EQ(3u, waitable.channels.Size());
     twice.peer.Reset();

@@ -163,6 +163,7 @@ private:
         Do(none, [&] { Communicator().TransmitPendingMessage(); });
         Do(communicators, [&] { Communicator().SetDefaultOutputStream(&m_output); });
         Do(registrys, [&] { Communicator().RegisterMessagePrototype("Text", &m_prototype); });
+        Do(registrys, [&] { Communicator().RegisterMessagePrototype(nullptr, &m_prototype); });
         KLVMsgServerSocket* server = nullptr;
         while (server == nullptr) {
             Do(registrys, [&] { server = Registry().StartServer(Address(), 16); });
@@ -259,8 +260,10 @@ private:
         KLVString name;
         int code = 0;
         KLVMsgSocketMessage* made = nullptr;
-        Move(registrys, [&] { Registry().SendMessageHeader(number, type); });
-        Cycle();
+        for (const KLVString& passedOver : {KLVString("", 1), type}) {
+            Move(registrys, [&] { Registry().SendMessageHeader(number, passedOver); });
+            Cycle();
+        }
         Move(registrys, [&] { Registry().SendMessageHeader(number, type); });
         Move(registrys, [&] { Registry().RetrieveMessageTypeFromSocket(other, name); });
         Expect(name == type, "type");
