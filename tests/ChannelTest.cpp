@@ -6,7 +6,6 @@
 
 #include "Faults.h"
 #include "Support.h"
-#include "SystemCalls.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 #include <cstring>
 #include <random>
 
+#include "Faults.h"
 #include "Support.h"
-#include "SystemCalls.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <memory>
 #include <utility>
 
+#include "Faults.h"
 #include "Support.h"
-#include "SystemCalls.h"
 
 namespace {
 

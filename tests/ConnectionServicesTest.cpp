@@ -4,7 +4,6 @@
 
 #include "Faults.h"
 #include "Support.h"
-#include "SystemCalls.h"
 
 namespace {
 

@@ -7,7 +7,6 @@
 
 #include "Faults.h"
 #include "Support.h"
-#include "SystemCalls.h"
 
 namespace {
 

@@ -13,7 +13,6 @@
 
 #include "Faults.h"
 #include "Support.h"
-#include "SystemCalls.h"
 
 // What another thread does while an operation sleeps; no fault comes there.
 static std::function<void()> meanwhile;
