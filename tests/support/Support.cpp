@@ -187,7 +187,7 @@ std::vector<std::string> Take(const char* type) {
     return texts;
 }
 
-Messaging::Messaging() {
+Messaging::Messaging(int pieceSize) : output(pieceSize) {
     Communicator().SetDefaultInputStream(&input);
     Communicator().SetDefaultOutputStream(&output);
     Communicator().RegisterMessagePrototype("Text", &prototype);

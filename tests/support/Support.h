@@ -134,9 +134,9 @@ std::vector<std::string> Take(const char* type = "Text");
 
 // The communicator with streams and a prototype for "Text" messages.
 struct Messaging {
-    Messaging();
+    explicit Messaging(int pieceSize = 65536);
     KLVMsgSimpleInputStream input;
-    KLVMsgBufferedOutputStream output{65536};
+    KLVMsgBufferedOutputStream output;
     TextMessage prototype{"Text"}, hello{"Text", "hello"};
 };
 struct MessagingTest : testing::Test, Messaging {
