@@ -53,6 +53,7 @@ public:
         TextMessage::hook = [] { mem_Free(mem_OperatorNewThrow(1)); };
         Do(some, [] { Registry(), Communicator(); });
         m_locks = {&LockOf<KLVMsgSocketCommunicator>(), &LockOf<KLVMsgConnectionServicesUtils>()};
+        Do(registrys, [] { Registry().ReleaseHeaderBuffers(true); });
         SetUp();
         SendAndReceive();
         Ask();
@@ -269,7 +270,6 @@ private:
         Do(registrys, [&] { made = Registry().GetMsgInstance("Text"); });
         delete made;
         for (const Operation& ask : std::vector<Operation>{
-                 [&] { Registry().ReleaseHeaderBuffers(true); },
                  [&] { Registry().SetName(-1, name); }, [&] { Registry().GetName(-1, name); },
                  [&] { Registry().GetSocket(number); }, [&] { Registry().HasError(number); },
                  [&] { Registry().ClearError(number); },

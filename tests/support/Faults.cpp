@@ -14,13 +14,10 @@ namespace {
 
 // Relaxed: counting must not order what the threads of a test do.
 std::atomic<int> blocks{0};
-std::atomic<int> keptBuffers{0};
 std::atomic<std::size_t> refusedSize{0};
 
 thread_local int allocations = 0;
-thread_local int failing = -1;              // the one to fail, counted like `allocations`
-thread_local void* lengthBuffer = nullptr;  // of the last header, while it is in use
-thread_local void* nameBuffer = nullptr;
+thread_local int failing = -1;  // the one to fail, counted like `allocations`
 
 bool Fails() { return Exempt::depth == 0 && ++allocations == failing; }
 
@@ -33,16 +30,6 @@ Function* Next(Function*, const char* name) {
 void* Counted(void* block) {
     blocks.fetch_add(block == nullptr ? 0 : 1, std::memory_order_relaxed);
     return block;
-}
-
-// Header buffers are the only blocks that come from these two functions, and one that is released
-// is released before the next is made.
-void* Buffer(void* block, void*& last) {
-    if (Exempt::depth == 0 && block != nullptr) {
-        keptBuffers.fetch_add(1, std::memory_order_relaxed);
-        last = block;
-    }
-    return Counted(block);
 }
 
 // Never destroyed: the C library's calls may come after the end of main.
@@ -112,7 +99,7 @@ void* mem_OperatorNewThrow(std::size_t size) {
 void* mem_OperatorNewThrowBuiltin(std::size_t size) {
     static auto* const next =
         Next(&mem_OperatorNewThrowBuiltin, "_Z27mem_OperatorNewThrowBuiltinm");
-    return Buffer(Fails() ? throw std::bad_alloc() : next(size), lengthBuffer);
+    return Counted(Fails() ? throw std::bad_alloc() : next(size));
 }
 
 void* mem_Malloc(std::size_t size) {
@@ -121,23 +108,16 @@ void* mem_Malloc(std::size_t size) {
         refusedSize = size;
         return nullptr;
     }
-    return Buffer(next(size), nameBuffer);
+    return Counted(next(size));
 }
 
 void mem_Free(void* block) {
     static auto* const next = Next(&mem_Free, "_Z8mem_FreePv");
     blocks.fetch_sub(block == nullptr ? 0 : 1, std::memory_order_relaxed);
-    for (void** buffer : {&lengthBuffer, &nameBuffer}) {
-        if (block != nullptr && block == *buffer) {
-            keptBuffers.fetch_sub(1, std::memory_order_relaxed);
-            *buffer = nullptr;
-        }
-    }
     next(block);
 }
 
 int Blocks() { return blocks; }
-int KeptBuffers() { return keptBuffers; }
 int Allocations() { return allocations; }
 std::size_t RefusedSize() { return refusedSize; }
 

@@ -14,10 +14,8 @@
 #include <string>
 #include <vector>
 
-// The blocks of the in-house allocator that are in use, and which of them are buffers of a received
-// header that were never released.
+// The blocks of the in-house allocator that are in use.
 int Blocks();
-int KeptBuffers();
 
 // The allocations of this thread so far: the in-house allocator's and operator new's.
 int Allocations();

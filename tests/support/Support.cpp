@@ -79,10 +79,12 @@ int OpenDescriptors() {
 }
 
 std::array<int, 3> Held() {
-    return {OpenDescriptors(), Blocks() - KeptBuffers(), TextMessage::alive};
+    return {OpenDescriptors(), Blocks() - keptOnPurpose, TextMessage::alive};
 }
 
+// Whoever receives has a connection from here or that below.
 KLVMsgServerSocket* StartLoopbackServer(int backlog) {
+    Registry().ReleaseHeaderBuffers(true);
     return Registry().StartServer(KLVMsgSocketAddress("127.0.0.1", 0), backlog);
 }
 
@@ -127,7 +129,9 @@ ConnectedPair::ConnectedPair(std::shared_ptr<Listener> at, const KLVString& labe
       socket(Registry().ConnectToServer(KLVMsgSocketAddress(), listener->address)),
       channel(socket, label),
       number(channel.connection),
-      peer(*listener) {}
+      peer(*listener) {
+    Registry().ReleaseHeaderBuffers(true);
+}
 
 void ConnectedPair::EndByPeer() {
     peer.Close();
