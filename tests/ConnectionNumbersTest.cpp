@@ -82,35 +82,39 @@ TEST_F(ConnectionNumbers, NewConnectionUnderAnOldNumberStartsUnknown) {
 }
 
 TEST_F(ConnectionNumbers, NumberGivenAwayDuringAnOperationIsNotServedByIt) {
-    Watched gone("gone"), other("other");
-    gone.EndByPeer();
-    std::unique_ptr<ConnectedPair> now;
-    const auto giveAway = [&] {
-        if (now == nullptr) {
-            now = std::make_unique<ConnectedPair>(gone.listener, "now");
-            EXPECT_EQ(gone.number, now->channel.connection);
-        }
-    };
-    TextMessage::hook = giveAway;
-    Send(other.channel, &hello);
-    Send(gone.channel, &hello);
-    Communicator().TransmitPendingMessage();
-    now->socket->ShutDownOutput();
-    EXPECT_EQ("", now->peer.Receive(1));
-    Registry().ShutDownConnection(gone.number);
-    now.reset();
-
-    KLVMsgChannel entry = gone.channel;
-    Communicator().AddConnection(entry, false);
-    struct GivingAway : KLVMsgChannelQuery {
+    struct : KLVMsgChannelQuery {
         void Search(const KLVBasVector<KLVMsgChannel>& in,
                     KLVBasVector<KLVMsgChannel>& out) const override {
             out = in;
             TextMessage::hook();
         }
-    } query;
-    Communicator().RemoveConnection(&query, true);
-    EXPECT_TRUE(now->channel.IsActiveInCurrentThreads());
+    } all;
+    Watched other("other");
+    for (const char* during : {"transmission", "wait", "removal"}) {
+        Watched gone("gone");
+        std::unique_ptr<ConnectedPair> now;
+        TextMessage::hook = [&] {
+            if (now == nullptr) {
+                ::close(gone.number);  // behind its socket's back
+                now = std::make_unique<ConnectedPair>(gone.listener, "now");
+                EXPECT_EQ(gone.number, now->number);
+                now->peer.Send(TextBytes("Text", "later"));
+            }
+        };
+        other.peer.Send(TextBytes("Text", "a"));
+        gone.peer.Send(TextBytes("Text", "b"));
+        Send(other.channel, &hello);
+        Send(gone.channel, &hello);
+        *during == 't'   ? Communicator().TransmitPendingMessage()
+        : *during == 'w' ? Cycle()
+                         : Communicator().RemoveConnection(&all, true);
+        now->socket->ShutDownOutput();
+        EXPECT_EQ("", now->peer.Receive(1)) << during;
+        EXPECT_EQ(*during == 'w' ? Texts{"a"} : Texts{}, Take());
+        EXPECT_TRUE(now->channel.IsActiveInCurrentThreads());
+        EXPECT_EQ(*during == 'r' ? 0u : 1u, Known().size());
+        Registry().ShutDownConnection(gone.number);
+    }
     EXPECT_FALSE(other.channel.IsActiveInCurrentThreads());
 }
 

@@ -298,9 +298,11 @@ private:
             Expect(sleeps == 2, "a blocking send ends with the transmission");
             Communicator().TransmitPendingMessage();
         }
-        Communicator().AddMessage({m_client, new TextMessage("Text"), 0});
-        meanwhile = [] {};
-        Do(some, [&] { Communicator().RetrieveMessages(&texts, m_messages); });
+        sleeps = 0;
+        meanwhile = [] {
+            sleeps == 2 ? Communicator().AddMessage({{}, new TextMessage("Text"), 0}) : void();
+        };
+        Move(some, [&] { Communicator().RetrieveMessages(&texts, m_messages); });
         Do(none, [] { Communicator().PrepareStartupMessageTask(); });
         meanwhile = [] { Communicator().ShutdownMessageTask(); };
         Move(some, [] { KLVMsgMessageTask().Run(0); });
