@@ -136,12 +136,7 @@ bool Work(char** arguments) {
 
 int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
-    KLVMsgSimpleInputStream input;
-    KLVMsgBufferedOutputStream output(1 << 30);  // a text goes with one send
-    TextMessage prototype("Text");
-    Communicator().SetDefaultInputStream(&input);
-    Communicator().SetDefaultOutputStream(&output);
-    Communicator().RegisterMessagePrototype("Text", &prototype);
+    const Messaging messaging(1 << 30);  // a text goes with one send
     const bool well = argc == 8 ? Work(argv + 2) : (Serve(), true);
     Communicator().ShutdownMessageTask();
     KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Finalize();
