@@ -9,8 +9,9 @@
 template <class V>
 class omi_UintTableIterator;
 
-// A hash table. Its slots are a power of two in number, and at most half of them are taken. An entry
-// stands in the first free slot from its key's own one on, so that no free slot lies between the two.
+// A hash table. Its slots are a power of two in number, and at most half of them are taken. An
+// entry stands in the first free slot from its key's own one on, so that no free slot lies between
+// the two.
 //
 // Memory that cannot be had ends in std::bad_alloc and leaves the table as it was. No lock: one
 // thread at a time.
@@ -77,8 +78,8 @@ private:
         V value = V();
     };
 
-    // Keys at equal distances, as descriptors are, get slots far apart: the factor is 2^32 divided by
-    // the golden ratio.
+    // Keys at equal distances, as descriptors are, get slots far apart: the factor is 2^32 divided
+    // by the golden ratio.
     std::size_t Home(unsigned int key) const { return key * 2654435769U >> m_shift; }
     std::size_t After(std::size_t position) const { return (position + 1) & (m_slots.size() - 1); }
     std::size_t Distance(std::size_t from, std::size_t to) const {
@@ -127,8 +128,8 @@ public:
     // An iterator over `table`, without a position.
     explicit omi_UintTableIterator(const omi_UintTable<V>& table) : m_table(&table) {}
 
-    // Moves to the first entry; may be called at any time. Takes memory for the order of the entries:
-    // std::bad_alloc leaves the iterator without a position.
+    // Moves to the first entry; may be called at any time. Takes memory for the order of the
+    // entries: std::bad_alloc leaves the iterator without a position.
     void First() {
         m_position = 0;
         m_entries.clear();

@@ -199,7 +199,7 @@ bool KLVMsgConnectionServicesUtils::AddAccepted(KLVMsgCommSocket* socket) {
     return true;
 }
 
-// The header of a message --------------------------------------------------------------------------
+// The header of a message -------------------------------------------------------------------------
 
 // Held: a transfer of another thread may find the connection's end and close the descriptor.
 // Requires, as everything below does: the lock is held.
@@ -279,8 +279,8 @@ int KLVMsgConnectionServicesUtils::ReadName(KLVMsgCommSocket& socket, int length
     return 1;
 }
 
-// A text that is no KLVString, and a key of m_prototypes, in the order of that map: negative when the
-// text sorts first. A key with a zero byte in it sorts after the text before that byte.
+// A text that is no KLVString, and a key of m_prototypes, in the order of that map: negative when
+// the text sorts first. A key with a zero byte in it sorts after the text before that byte.
 static int Compare(const char* text, const KLVString& key) {
     const int order = std::strcmp(text, key.Text());
     return order != 0 ? order : static_cast<int>(std::strlen(text)) - key.Length();

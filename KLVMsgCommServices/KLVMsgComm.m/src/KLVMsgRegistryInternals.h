@@ -10,7 +10,7 @@ inline KLVMsgConnectionServicesUtils& KLVMsgRegistry() {
     return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
 }
 
-// The registry, locked as long as this lives. Meanwhile no number is given out and no socket removed.
+// The registry, locked as long as this lives: no number is given out, no socket removed.
 class KLVMsgLockedRegistry {
 public:
     // The socket under a number, or null.
@@ -34,7 +34,7 @@ public:
     void ShutDownConnection(int number) const { m_registry.RemoveConnection(number); }
 
     // Registers an accepted connection and returns true. False when an entry that is not marked as
-    // closed has its number: that one stays and serves the connection, and `socket` is the caller's.
+    // closed has its number: that one stays and serves the connection; the caller keeps `socket`.
     bool AddAccepted(KLVMsgCommSocket* socket) const { return m_registry.AddAccepted(socket); }
 
 private:

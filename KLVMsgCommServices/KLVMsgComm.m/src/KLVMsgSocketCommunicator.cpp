@@ -32,9 +32,7 @@ static const unsigned pollMilliseconds = 20;
 // known under noted numbers. They have been given out anew, and the old connections have gone.
 class KLVMsgSocketCommunicator::Operation {
 public:
-    explicit Operation(KLVMsgSocketCommunicator& communicator) {
-        communicator.ForgetNoted();
-    }
+    explicit Operation(KLVMsgSocketCommunicator& communicator) { communicator.ForgetNoted(); }
 
 private:
     const KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator> m_lock;
@@ -48,9 +46,9 @@ KLVMsgSocketCommunicator::~KLVMsgSocketCommunicator() {
     m_outputStream = nullptr;
 }
 
-// Drops what is known under the noted numbers, and what was accepted under them and is not known yet.
-// Requires, as the next three do: the lock is held. With the registry's lock held as well no number is
-// noted until that is released.
+// Drops what is known under the noted numbers, and what was accepted under them and is still
+// unknown. Requires, as the next three do: the lock is held. While the registry's is held as well,
+// no further number is noted.
 void KLVMsgSocketCommunicator::ForgetNoted() {
     if (!KLVMsgAnyNoted) {
         return;
@@ -83,7 +81,7 @@ void KLVMsgSocketCommunicator::Forget(int number) {
     }
 }
 
-// Shuts a known connection down, unless its number has been given out anew since the operation began.
+// Shuts down a known connection, unless its number was given out anew since the operation began.
 void KLVMsgSocketCommunicator::ShutDown(int number) {
     const KLVMsgLockedRegistry registry;
     if (!KLVMsgIsNoted(number)) {
@@ -98,7 +96,7 @@ void KLVMsgSocketCommunicator::AddConnection(const KLVMsgChannel& channel, bool 
     m_organizer.RegisterChannel(channel, flag);
 }
 
-// What the organizer's RemoveChannel does with a query, for connections that may come back meanwhile.
+// What the organizer's RemoveChannel does with a query, though numbers may come back meanwhile.
 void KLVMsgSocketCommunicator::RemoveConnection(KLVMsgChannelQuery* query, bool) {
     const Operation operation(*this);
     KLVBasVector<KLVMsgChannel> selected;
@@ -267,8 +265,7 @@ std::size_t KLVMsgSocketCommunicator::PositionInQueue(unsigned int id) const {
 // `socket` is what stood under the record's number when the transmission began; null if it was none
 // that could be written to.
 void KLVMsgSocketCommunicator::Transmit(const KLVMsgChannelMsgStruct& record,
-                                        KLVMsgCommSocket* socket,
-                                        KLVMsgOutputStream& stream) {
+                                        KLVMsgCommSocket* socket, KLVMsgOutputStream& stream) {
     if (record.message == nullptr || socket == nullptr || !KLVMsgLoad(socket->outputOpen)) {
         return;
     }
@@ -302,8 +299,8 @@ void KLVMsgSocketCommunicator::ShutdownMessageTask() {
 
 // Receiving ---------------------------------------------------------------------------------------
 
-// True when the list has the channel of position `i` before that. Each wait appends in ascending order
-// of descriptors, so only the first `foundEarlier`, of earlier waits, can stand apart.
+// True when the list has the channel of position `i` before that. Each wait appends in ascending
+// order of descriptors, so only the first `foundEarlier`, of earlier waits, can stand apart.
 static bool IsRepeated(const KLVBasVector<KLVMsgChannel>& list, std::size_t i,
                        std::size_t foundEarlier) {
     if (foundEarlier != 0) {

@@ -40,8 +40,8 @@ void KLVMsgSimpleInputStream::read(void* buffer, int length, int& count) {
 KLVMsgBufferedOutputStream::KLVMsgBufferedOutputStream(int bufferSize) : m_bufferSize(bufferSize) {}
 
 // Sends the data in pieces, one call each. Out of the way of what fits into one call.
-[[gnu::noinline]] static void WritePieces(KLVMsgCommSocket& socket, const void* data, int length, int pieceSize,
-                        int& count) {
+[[gnu::noinline]] static void WritePieces(KLVMsgCommSocket& socket, const void* data, int length,
+                                          int pieceSize, int& count) {
     int offset = 0;
     int remaining = 0;
     do {
