@@ -10,7 +10,6 @@ from html import escape
 from typing import Any, Dict, Iterable, List, Optional, Tuple, Union
 
 import matplotlib
-from matplotlib.backends.backend_svg import FigureCanvasSVG
 from matplotlib.figure import Figure
 
 from .events import MESSAGE, OPENED, TO_SERVER, Event, Selection
@@ -259,7 +258,7 @@ def _to_svg(figure: Figure, salt: str) -> str:
     with matplotlib.rc_context({"svg.fonttype": "none", "svg.hashsalt": salt}):
         with warnings.catch_warnings():
             warnings.simplefilter("ignore")  # characters that the font does not have
-            FigureCanvasSVG(figure).print_svg(out, metadata={"Date": None})
+            figure.savefig(out, format="svg", metadata={"Date": None})
     return out.getvalue()
 
 
