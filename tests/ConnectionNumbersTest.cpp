@@ -1,63 +1,19 @@
-// What happens when a connection number comes back: the system gives a closed descriptor to whoever asks
-// next.
+// Connection numbers that come back: the system gives a closed descriptor to whoever asks next.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <memory>
-#include <thread>
 #include <utility>
 
+#include "Faults.h"
 #include "Support.h"
-#include "SystemCalls.h"
 
 namespace {
 
-KLVMsgSocketAddress Loopback(int port) { return KLVMsgSocketAddress("127.0.0.1", port); }
-
 bool IsOpen(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
 
-// A file under the number of a descriptor that has been closed, to see whether it is touched.
-class Stranger {
-public:
-    explicit Stranger(int number) : m_number(number) {
-        EXPECT_FALSE(IsOpen(number));
-        EXPECT_EQ(number, fcntl(STDERR_FILENO, F_DUPFD, number));
-    }
-    ~Stranger() { EXPECT_EQ(0, ::close(m_number)) << "it was closed by somebody else"; }
-    Stranger(const Stranger&) = delete;
-
-private:
-    int m_number;
-};
-
-// Runs code of the test where its body is written or read.
-struct HookedMessage : TextMessage {
-    explicit HookedMessage(const std::string& content = "") : TextMessage("Hooked", content) {}
-    int WriteMessage(KLVMsgOutputStream* stream) override {
-        hook();
-        return TextMessage::WriteMessage(stream);
-    }
-    int ReadMessage(KLVMsgInputStream* stream) override {
-        const int result = TextMessage::ReadMessage(stream);
-        hook();
-        char more = 0;
-        late = 0;
-        stream->read(&more, 1, late);
-        return result;
-    }
-    KLVMsgSocketMessage* NewInstance() override { return new HookedMessage; }
-
-    static inline std::function<void()> hook;
-    static inline int late;  // the count of a read after the hook
-};
-
 struct ConnectionNumbers : MessagingTest {
-    ConnectionNumbers() {
-        Communicator().RegisterMessagePrototype("Hooked", &hooked);
-        HookedMessage::hook = [] {};
-    }
-
     // A connection that the communicator knows and watches.
     struct Watched : ConnectedPair {
         explicit Watched(const char* label) : ConnectedPair(label) {
@@ -65,25 +21,41 @@ struct ConnectionNumbers : MessagingTest {
         }
     };
 
-    HookedMessage hooked;
+    // The count of a read of one byte from a connection.
+    int ReadOne(int number) {
+        char byte = 0;
+        int count = 0;
+        input.m_connectionNumber = number;
+        input.read(&byte, 1, count);
+        return count;
+    }
 };
 
 }  // namespace
 
-TEST_F(ConnectionNumbers, ChannelListedTwiceIsReadOncePerCycle) {
+TEST_F(ConnectionNumbers, ChannelListedTwiceIsReadOncePerCycleAndOneThatIsResetIsForgotten) {
     Watched twice("twice");
     Communicator().AddConnection(twice.channel, true);
-    twice.peer.Send(TextBytes("Text", "a") + TextBytes("Text", "b"));
+    twice.peer.Send(TextBytes("Text", "a") + TextBytes("Text", "b") + TextBytes("Text", "c"));
     Cycle();
     EXPECT_EQ(Texts{"a"}, Take());
-    KLVMsgChannelWaitable waitable(ListOf<KLVMsgChannel>({twice.channel, twice.channel}));
+    ConnectedPair closing;
+    closing.peer.Send(TextBytes("Text", "d"));
+    KLVMsgChannelWaitable waitable(
+        ListOf<KLVMsgChannel>({twice.channel, closing.channel, twice.channel}));
     waitable.WaitForConnectionAndMessages(1000);  // what that has found is read as well, once
     Cycle(&waitable);
-    EXPECT_EQ(Texts{"b"}, Take());
+    EXPECT_EQ((Texts{"d", "b"}), Take());
     EXPECT_EQ(0u, waitable.readyChannels.Size());
+    closing.peer.Close();
+    Cycle(&waitable);
+    EXPECT_EQ(Texts{"c"}, Take());
+    EXPECT_FALSE(closing.channel.IsActiveInCurrentThreads());
+    EXPECT_EQ(3u, waitable.channels.Size());
     twice.peer.Reset();
     Cycle(&waitable);
-    EXPECT_EQ(0u, waitable.channels.Size());
+    ASSERT_EQ(1u, waitable.channels.Size());
+    EXPECT_TRUE(closing.channel == waitable.channels[0]);
 }
 
 TEST_F(ConnectionNumbers, NewConnectionUnderAnOldNumberStartsUnknown) {
@@ -91,7 +63,7 @@ TEST_F(ConnectionNumbers, NewConnectionUnderAnOldNumberStartsUnknown) {
     unsigned int id = Send(gone.channel, &hello);
     gone.EndByPeer();
     too.EndByPeer();
-    Connection now(gone.listener, "now"), another(gone.listener, "now");
+    ConnectedPair now(gone.listener, "now"), another(gone.listener, "now");
     ASSERT_EQ(gone.number + too.number, now.number + another.number);
     EXPECT_EQ(0u, Known().size());
     EXPECT_TRUE(Communicator().QueryPendingStatus(id)) << "it leaves with the next transmission";
@@ -109,77 +81,73 @@ TEST_F(ConnectionNumbers, NewConnectionUnderAnOldNumberStartsUnknown) {
 }
 
 TEST_F(ConnectionNumbers, NumberGivenAwayDuringAnOperationIsNotServedByIt) {
-    Watched gone("gone"), other("other");
-    gone.EndByPeer();
-    std::unique_ptr<Connection> now;
-    const auto giveAway = [&] {
-        if (now == nullptr) {
-            now = std::make_unique<Connection>(gone.listener, "now");
-            EXPECT_EQ(gone.number, now->channel.connection);
-        }
-    };
-    HookedMessage first;
-    HookedMessage::hook = giveAway;
-    Send(other.channel, &first);
-    Send(gone.channel, &hello);
-    Communicator().TransmitPendingMessage();
-    now->socket->ShutDownOutput();
-    EXPECT_EQ("", now->peer.Receive(1));
-    Registry().ShutDownConnection(gone.number);
-    now.reset();
-
-    KLVMsgChannel entry = gone.channel;
-    Communicator().AddConnection(entry, false);
-    struct GivingAway : KLVMsgChannelQuery {
+    struct : KLVMsgChannelQuery {
         void Search(const KLVBasVector<KLVMsgChannel>& in,
                     KLVBasVector<KLVMsgChannel>& out) const override {
             out = in;
-            giveAway();
+            TextMessage::hook();
         }
-        std::function<void()> giveAway;
-    } query;
-    query.giveAway = giveAway;
-    Communicator().RemoveConnection(&query, true);
-    EXPECT_TRUE(now->channel.IsActiveInCurrentThreads());
+    } all;
+    Watched other("other");
+    for (const char* during : {"transmission", "wait", "removal"}) {
+        Watched gone("gone");
+        std::unique_ptr<ConnectedPair> now;
+        TextMessage::hook = [&] {
+            if (now == nullptr) {
+                ::close(gone.number);  // behind its socket's back
+                now = std::make_unique<ConnectedPair>(gone.listener, "now");
+                EXPECT_EQ(gone.number, now->number);
+                now->peer.Send(TextBytes("Text", "later"));
+            }
+        };
+        other.peer.Send(TextBytes("Text", "a"));
+        gone.peer.Send(TextBytes("Text", "b"));
+        Send(other.channel, &hello);
+        Send(gone.channel, &hello);
+        *during == 't'   ? Communicator().TransmitPendingMessage()
+        : *during == 'w' ? Cycle()
+                         : Communicator().RemoveConnection(&all, true);
+        now->socket->ShutDownOutput();
+        EXPECT_EQ("", now->peer.Receive(1)) << during;
+        EXPECT_EQ(*during == 'w' ? Texts{"a"} : Texts{}, Take());
+        EXPECT_TRUE(now->channel.IsActiveInCurrentThreads());
+        EXPECT_EQ(*during == 'r' ? 0u : 1u, Known().size());
+        Registry().ShutDownConnection(gone.number);
+    }
     EXPECT_FALSE(other.channel.IsActiveInCurrentThreads());
 }
 
 TEST_F(ConnectionNumbers, NumberStaysTakenUntilTheEndOfItsLastTurn) {
     Watched cut("cut"), next("next");
     // In a wait: until its own turn is over.
-    cut.peer.Send(TextBytes("Hooked", "whole").substr(0, 16));
+    cut.peer.Send(TextBytes("Text", "whole").substr(0, 14));
     cut.peer.Close();
-    std::unique_ptr<Connection> now;
-    HookedMessage::hook = [&] {
+    std::unique_ptr<ConnectedPair> now;
+    TextMessage::hook = [&] {
         EXPECT_TRUE(IsOpen(cut.number) && cut.socket->closed);
-        now = std::make_unique<Connection>(cut.listener, "now");
+        now = std::make_unique<ConnectedPair>(cut.listener, "now");
         EXPECT_NE(cut.number, now->channel.connection);
         now->peer.Send("x");
+        EXPECT_EQ(-1, ReadOne(cut.number)) << "a byte from another connection";
     };
     Cycle();
-    EXPECT_EQ(-1, HookedMessage::late) << "a byte from another connection";
     EXPECT_FALSE(IsOpen(cut.number));
-    Take("Hooked");
+    EXPECT_EQ(1u, Take().size());
 
     // In a transmission: until its last record is written or dropped.
-    HookedMessage first("1"), second("2");
     int writes = 0;
-    HookedMessage::hook = [&] {
+    TextMessage::hook = [&] {
         if (++writes == 1) {
             Registry().ShutDownConnection(next.number);
         }
         EXPECT_EQ(nullptr, Registry().GetSocket(next.number));
-        EXPECT_TRUE(IsOpen(next.number));
+        EXPECT_EQ(writes == 1, IsOpen(next.number));
     };
-    Send(next.channel, &first);
-    Send(next.channel, &second);
+    Send(next.channel, &hello);
+    Send(next.channel, &hello);
     Send(now->channel, &hello);
-    const Interposed sends([&](SystemCall& call) -> std::optional<long> {
-        EXPECT_TRUE(call.descriptor != now->channel.connection || !IsOpen(next.number));
-        return std::nullopt;
-    });
     Communicator().TransmitPendingMessage();
-    EXPECT_EQ(1, writes);
+    EXPECT_EQ(2, writes);
 }
 
 TEST_F(ConnectionNumbers, RemovedDuringAWaitIsClosedAndDestroyedAfterIt) {
@@ -194,12 +162,9 @@ TEST_F(ConnectionNumbers, RemovedDuringAWaitIsClosedAndDestroyedAfterIt) {
         const CallLog log;
         const Interposed during([&](SystemCall& call) -> std::optional<long> {
             if (call.name == "close" && !IsOpen(number)) {  // the last one, which is closed once
-                char byte = 0;
-                int count = 0;
-                input.m_connectionNumber = other.number;
-                input.read(&byte, 1, count);
+                ReadOne(other.number);
             }
-            if (call.name == "select" && !waited) {
+            if (call.name == theWait && !waited) {
                 waited = true;
                 removed.channel.Shutdown();
                 Registry().ShutDownConnection(number);
@@ -216,33 +181,7 @@ TEST_F(ConnectionNumbers, RemovedDuringAWaitIsClosedAndDestroyedAfterIt) {
     }
     EXPECT_TRUE(waited);
     EXPECT_FALSE(IsOpen(removed.number) || IsOpen(number));
-    EXPECT_FALSE(Registry().HasError(Registry().StartServer(Loopback(port), 1)->descriptor));
-}
-
-TEST_F(ConnectionNumbers, ServerIsStartedAgainOnItsPortWhileItIsWaitedFor) {
-    std::atomic<int> waiting{0};
-    std::atomic<bool> over{false};
-    std::thread driver([&] {
-        for (waiting = gettid(); !over;) {
-            Cycle(nullptr, 100);
-        }
-    });
-    int port = 0;
-    for (int round = 0; round < 30; ++round) {
-        KLVMsgServerSocket* const server = Registry().StartServer(
-            KLVMsgSocketAddress("127.0.0.9", port), 5);  // where no other process gets its ports
-        if (server->lastError != 0) {
-            ADD_FAILURE() << "in round " << round;
-            break;
-        }
-        port = server->address.port;
-        KLVMsgChannel channel(server, "server");
-        Communicator().AddConnection(channel, true);
-        EXPECT_TRUE(Eventually([&] { return Sleeps(waiting); }));
-        channel.Shutdown();
-    }
-    over = true;
-    driver.join();
+    EXPECT_FALSE(Registry().HasError(Registry().StartServer({"127.0.0.1", port}, 1)->descriptor));
 }
 
 TEST_F(ConnectionNumbers, SocketClosesItsDescriptorOnce) {
@@ -259,7 +198,6 @@ TEST_F(ConnectionNumbers, SocketClosesItsDescriptorOnce) {
         EXPECT_EQ("recv shutdown shutdown close", log.Names(reset.number));
     }
     {
-        const Stranger a(left.number), b(server->descriptor), c(shut.number);
         const CallLog log;
         char byte = 0;
         shut.socket->ShutDownInput();
@@ -293,63 +231,31 @@ TEST_F(ConnectionNumbers, SocketClosesItsDescriptorOnce) {
     }
 }
 
-TEST_F(ConnectionNumbers, NumberClosedBehindItsSocketStartsUnknown) {
-    KLVMsgServerSocket* const server = StartLoopbackServer();
-    Communicator().AddConnection(KLVMsgChannel(server, "server"), true);
-    ConnectedPair holder("holder");
-    Communicator().AddConnection(holder.channel, false);
-    PlainPeer next(server->address.port);
-    ::close(holder.number);
-    Cycle();
-    EXPECT_EQ(2u, Known().size()) << "the server and the new connection alone";
-}
-
-TEST_F(ConnectionNumbers, DescriptorsBeyondTheSetAreAcceptedAndOnlySendable) {
+TEST_F(ConnectionNumbers, DescriptorZeroIsWaitedForAndThoseBeyondTheSetAreOnlySentTo) {
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = 1100;
     if (limit.rlim_max < limit.rlim_cur || setrlimit(RLIMIT_NOFILE, &limit) == -1) {
         GTEST_SKIP() << "the system allows too few descriptors";
     }
-    KLVMsgServerSocket* const server = StartLoopbackServer();
-    Communicator().AddConnection(KLVMsgChannel(server, "server"), true);
-    PlainPeer first(server->address.port), second(server->address.port);
-    std::vector<int> fillers;
-    while (fillers.empty() || fillers.back() < 1022) {
-        fillers.push_back(fcntl(STDERR_FILENO, F_DUPFD, 0));
-    }
-    Cycle();
-    Cycle();
-    for (const int filler : fillers) {
-        ::close(filler);
-    }
-    ASSERT_EQ(3u, Known().size());
-    KLVMsgChannel last = Known()[1], high = Known()[2];
-    ASSERT_EQ(std::make_pair(1023, 1024), std::make_pair(last.connection, high.connection));
-    Send(high, &hello);
-    Communicator().TransmitPendingMessage();
-    EXPECT_EQ(TextBytes("Text", "hello"), second.Receive(TextBytes("Text", "hello").size()));
-    second.Send(TextBytes("Text", "unread"));
-    second.Close();
-    first.Send(TextBytes("Text", "read"));
-    Cycle();
-    EXPECT_EQ(Texts{"read"}, Take());
-    EXPECT_TRUE(high.IsActiveInCurrentThreads());
-}
-
-TEST_F(ConnectionNumbers, DescriptorZeroIsWaitedFor) {
-    PlainServer listener;
-    const int kept = fcntl(0, F_DUPFD, 0);
-    ::close(0);
-    {
-        Connection zero(listener);
-        EXPECT_EQ(0, zero.number);
-        Communicator().AddConnection(zero.channel, true);
-        zero.peer.Send(TextBytes("Text", "a"));
+    const int kept = dup(0);
+    for (const int number : {0, 1023, 1024}) {
+        ConnectedPair pair;
+        auto* const socket = new KLVMsgCommSocket(*pair.socket);
+        socket->descriptor = dup2(pair.number, number);
+        Registry().AddConnection(socket);
+        KLVMsgChannel channel(socket, "");
+        Communicator().AddConnection(channel, true);
+        Send(channel, &hello);
+        Communicator().TransmitPendingMessage();
+        const std::string bytes = TextBytes("Text", "hello");
+        EXPECT_EQ(bytes, pair.peer.Receive(bytes.size()));
+        pair.peer.Send(bytes);
         Cycle();
-        EXPECT_EQ(Texts{"a"}, Take());
-        Registry().ShutDownConnection(0);
+        EXPECT_EQ(number == 1024 ? Texts{} : Texts{"hello"}, Take());
+        EXPECT_TRUE(channel.IsActiveInCurrentThreads());
+        Registry().ShutDownConnection(number);
+        dup2(kept, 0);
     }
-    dup2(kept, 0);
     ::close(kept);
 }

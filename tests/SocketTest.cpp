@@ -7,32 +7,16 @@
 
 #include "Faults.h"
 #include "Support.h"
-#include "SystemCalls.h"
 
 namespace {
 
 using Address = KLVMsgSocketAddress;
-
-// One that closes at its end.
-struct Server : KLVMsgServerSocket {
-    using KLVMsgServerSocket::KLVMsgServerSocket;
-    ~Server() { closed ? void() : Shutdown(); }
-};
 
 // What is open, and the last error.
 std::string State(const KLVMsgCommSocket& socket) {
     return std::string(socket.inputOpen ? "in " : "") + (socket.outputOpen ? "out " : "") +
            (socket.closed ? "closed " : "open ") + std::to_string(socket.lastError);
 }
-
-// What the resolver is asked for meanwhile: host and service.
-struct Asked {
-    std::string last;
-    Interposed interposed{[this](SystemCall& call) -> std::optional<long> {
-        last = call.name == "getaddrinfo" ? call.rest : last;
-        return std::nullopt;
-    }};
-};
 
 // The arguments of the calls on a descriptor.
 std::string Arguments(const CallLog& log, int descriptor) {
@@ -53,8 +37,8 @@ std::string Option(int option, const std::string& value) {
 TEST(StreamSocket, ConnectionIsResetOnCloseAndKeptAlive) {
     for (const char* host : {"", "localhost", "::1"}) {
         const CallLog log;
-        Server server(Address(host, 0), 16);
-        ASSERT_NE("listen", log.Names()) << host << " does not resolve";
+        Listener server(Address(host, 0));
+        ASSERT_NE("getaddrinfo listen", log.Names()) << host << " does not resolve";
         if (server.closed) {
             GTEST_SKIP() << host << ": " << std::strerror(server.lastError);
         }
@@ -72,26 +56,26 @@ TEST(StreamSocket, ConnectionIsResetOnCloseAndKeptAlive) {
 
 TEST(StreamSocket, FailedConnectKeepsItsDescriptorUntilShutdown) {
     const int before = OpenDescriptors();
-    const int port = PlainServer().Port();  // nothing listens there any more
+    const int port = Listener().address.port;  // nothing listens there any more
     KLVMsgCommSocket socket{Address()};
     const CallLog log;
     socket.Connect(Address("localhost", port));
-    EXPECT_EQ("socket connect", log.Names());  // the first address only
+    EXPECT_EQ("getaddrinfo socket connect freeaddrinfo", log.Names());  // the first address only
     EXPECT_EQ("closed " + std::to_string(ECONNREFUSED), State(socket));
     EXPECT_EQ(before + 1, OpenDescriptors());
     socket.Shutdown();
     EXPECT_EQ(before, OpenDescriptors());
-    PlainServer listener;
+    Listener listener;
     for (const int failing : {1, 2}) {
         const FailingCall option("setsockopt", EPERM, failing);
-        socket.Connect(Address("", listener.Port()));
+        socket.Connect(Address("", listener.address.port));
         EXPECT_EQ(failing == 1 ? "open 1" : "in out open 1", State(socket));
         EXPECT_EQ(failing == 2, socket.IsConnected());
         socket.Shutdown();
     }
-    const Asked asked;
+    const CallLog last;
     socket.Connect(Address("", 0));
-    EXPECT_EQ("127.0.0.1 0 ", asked.last);
+    EXPECT_EQ("127.0.0.1 0 ", Arguments(last, 0));
     const FailingCall closing("close", EIO);
     socket.Shutdown();
     EXPECT_EQ("closed " + std::to_string(EIO), State(socket));
@@ -99,18 +83,21 @@ TEST(StreamSocket, FailedConnectKeepsItsDescriptorUntilShutdown) {
 
 TEST(StreamSocket, ConnectEndsTheOldConnectionFirst) {
     ConnectedPair pair;
+    const auto show = [&] { return State(*pair.socket); };
+    const auto connect = [&] { pair.socket->Connect(pair.listener->address); };
+    EXPECT_EQ(1, ShortMemoryChangesNothing(connect, show));
     const FailingCall stuck("shutdown", EINVAL), unknown("getaddrinfo", ENOENT);
     const CallLog log;
     pair.socket->inputOpen = false;
     pair.socket->Connect(Address("127.0.0.1", 80));
-    EXPECT_EQ("shutdown close", log.Names());
+    EXPECT_EQ("shutdown close getaddrinfo", log.Names());
     EXPECT_EQ("closed " + std::to_string(ENOENT), State(*pair.socket));
     EXPECT_EQ(-1, pair.socket->descriptor);
     pair.socket->inputOpen = true;
     pair.socket->closed = false;
     pair.socket->ShutDownInput();
     EXPECT_FALSE(pair.socket->IsConnected());
-    EXPECT_EQ("shutdown close", log.Names()) << "there is no descriptor";
+    EXPECT_EQ("shutdown close getaddrinfo", log.Names()) << "there is no descriptor";
     Registry().ShutDownConnection(pair.number);
 }
 
@@ -146,7 +133,7 @@ TEST(Socket, OnlyAConnectionLostErrorEndsIt) {
         SCOPED_TRACE(std::strerror(error));
         const bool lost = ending.count(error) == 1;
         ConnectedPair reader, writer, both;
-        Server accepting(Address("", 0), 16), closing(Address("", 0), 16);
+        Listener accepting, closing;
         {
             const FailingCall recv("recv", error), send("send", error), accept("accept", error);
             const CallLog log;
@@ -181,10 +168,9 @@ TEST(Socket, OnlyAConnectionLostErrorEndsIt) {
 
 TEST(ServerSocket, BindsListensAndAcceptsWithoutFurtherOptions) {
     const int before = OpenDescriptors();
-    const Asked asked;
     const CallLog log;
     KLVMsgServerSocket server(Address("", 0), -7);
-    EXPECT_EQ("127.0.0.1 none ", asked.last);
+    EXPECT_EQ("127.0.0.1 none ", Arguments(log, 0));
     EXPECT_EQ(0, server.address.host.Length() + server.lastError);
     PlainPeer peer(server.address.port);
     KLVMsgCommSocket* const accepted = server.Accept();
@@ -195,70 +181,41 @@ TEST(ServerSocket, BindsListensAndAcceptsWithoutFurtherOptions) {
     ASSERT_EQ("bind setsockopt getsockname listen accept shutdown close",
               log.Names(server.descriptor));
     EXPECT_EQ(Option(SO_REUSEADDR, "1 0") + "-7 2 ", Arguments(log, server.descriptor));
-    const int port = PlainServer().Port();
+    const int port = Listener().address.port;
     const CallLog given;
     const int left = KLVMsgServerSocket(Address("127.0.0.1", port), 3).descriptor;
-    EXPECT_EQ("127.0.0.1 " + std::to_string(port) + " ", asked.last);
-    EXPECT_EQ("socket bind setsockopt listen", given.Names());
+    EXPECT_EQ("127.0.0.1 " + std::to_string(port) + " ", Arguments(given, 0));
+    EXPECT_EQ("getaddrinfo socket bind freeaddrinfo setsockopt listen", given.Names());
     EXPECT_EQ(before + 3, OpenDescriptors());  // a destructor does not close
     ::close(left);
 }
 
 TEST(ServerSocket, ListensEvenWhenTheBindFailed) {
-    PlainServer taken;
-    KLVMsgCommSocket first{Address()};
-    {
-        const FailingCall unknown("getaddrinfo", ENOENT);
-        first.BindLocalAddress(Address("", -1));
-        EXPECT_EQ("closed " + std::to_string(ENOENT), State(first));
+    Listener taken;
+    for (const auto& [call, state] : {std::pair("getaddrinfo", "closed 1"),
+                                      {"bind", "closed 1"},
+                                      {"setsockopt", "open 0"},
+                                      {"getsockname", "open 1"}}) {
+        const FailingCall fault(call, EPERM);
+        KLVMsgCommSocket socket{Address()};
+        socket.BindLocalAddress(Address("", -1));
+        EXPECT_EQ(state, State(socket)) << call;
+        socket.Shutdown();
     }
-    const FailingCall option("setsockopt", EPERM), name("getsockname", ENOBUFS);
-    first.BindLocalAddress(Address("", -1));
-    EXPECT_EQ("open " + std::to_string(ENOBUFS), State(first));
-    first.Shutdown();
-    std::string order;
-    const Interposed bound([&](SystemCall& call) -> std::optional<long> {
-        order += call.name == "freeaddrinfo" ? "free " : call.name == "setsockopt" ? "set " : "";
-        return std::nullopt;
-    });
-    KLVMsgServerSocket(Address("", 0), 1).Shutdown();
-    EXPECT_EQ("free set ", order) << "the list goes as soon as it has been used";
     const CallLog log;
-    KLVMsgServerSocket second(Address("", taken.Port()), 16);
-    EXPECT_EQ("socket bind listen", log.Names());
+    Listener second(taken.address);
+    EXPECT_EQ("getaddrinfo socket bind freeaddrinfo listen", log.Names());
     EXPECT_TRUE(second.closed);
     EXPECT_EQ(EADDRINUSE, second.lastError);
     second.Shutdown();
     {
         const FailingCall none("socket", EMFILE);
         const CallLog without;
-        KLVMsgServerSocket(Address(), 16).Shutdown();
-        EXPECT_EQ("socket bind listen close", without.Names());
+        Listener().Shutdown();
+        EXPECT_EQ("getaddrinfo socket bind freeaddrinfo listen close", without.Names());
     }
     const FailingCall listen("listen", EOPNOTSUPP);
-    KLVMsgServerSocket third(Address("", taken.Port()), 16);
+    Listener third(taken.address);
     EXPECT_EQ(EOPNOTSUPP, third.lastError);
     third.Shutdown();
-}
-
-TEST(Socket, ShortMemoryChangesNothing) {
-    ConnectedPair pair;
-    const Address taken("127.0.0.1", pair.listener.Port());
-    KLVMsgCommSocket unbound{Address()};
-    const auto show = [&] {
-        return State(*pair.socket) + State(unbound) + std::to_string(unbound.address.port);
-    };
-    EXPECT_EQ(1, ShortMemoryChangesNothing([&] { pair.socket->Connect(taken); }, show));
-    EXPECT_EQ(1, ShortMemoryChangesNothing([&] { unbound.BindLocalAddress(taken); }, show));
-    unbound.Shutdown();
-}
-
-TEST(ErrorText, IsTheSystemsOwnInOneLine) {
-    testing::internal::CaptureStderr();
-    printError("bind", EADDRINUSE);
-    EXPECT_EQ(&aio_cerr, &endl(aio_cerr));
-    KLVString text;
-    KLVMsgSocketErrorInfo(EADDRINUSE, text);
-    EXPECT_STREQ(std::strerror(EADDRINUSE), text.Text());
-    EXPECT_EQ(std::string("bind: ") + text.Text() + "\n\n", testing::internal::GetCapturedStderr());
 }

@@ -1,5 +1,6 @@
 // One scenario through the whole public interface, again and again: with each allocation failing in
-// turn, and with each system call failing in every way that it can.
+// turn, those of a message's own code among them, and with each system call failing in every way that
+// it can. It also sees how often each operation takes which lock.
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -12,7 +13,6 @@
 
 #include "Faults.h"
 #include "Support.h"
-#include "SystemCalls.h"
 
 // What another thread does while an operation sleeps; no fault comes there.
 static std::function<void()> meanwhile;
@@ -38,16 +38,9 @@ struct Fault {
     int error = 0;
 };
 
-// Shows the inbox and takes nothing.
-struct Look : KLVMsgMessageQuery {
-    void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
-                KLVBasVector<int>&) const override {
-        for (const KLVMsgSocketMessage* message : VectorOf(messages)) {
-            texts += TextOf(message) + ",";
-        }
-    }
-    mutable std::string texts;
-};
+// The lock that an operation takes once and holds across its system calls: the communicator's, and
+// perhaps the registry's meanwhile; the registry's and no other one; none; as it comes.
+enum Lock { communicators, registrys, none, some };
 
 class Scenario {
 public:
@@ -57,13 +50,16 @@ public:
     bool Run() {
         int modules = 0;
         KLVMsgCommModules_initialize(modules);
-        Do("Instance", [] { Registry(), Communicator(); });
+        TextMessage::hook = [] { mem_Free(mem_OperatorNewThrow(1)); };
+        Do(some, [] { Registry(), Communicator(); });
         m_locks = {&LockOf<KLVMsgSocketCommunicator>(), &LockOf<KLVMsgConnectionServicesUtils>()};
+        Do(registrys, [] { Registry().ReleaseHeaderBuffers(true); });
         SetUp();
         SendAndReceive();
+        Ask();
         WaitForOthers();
         LosePeers();
-        Do("Remove", [] { Communicator().RemoveConnection(nullptr, true); });
+        Do(communicators, [] { Communicator().RemoveConnection(nullptr, true); });
         m_locks.clear();
         KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Finalize();
         KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Finalize();
@@ -77,28 +73,34 @@ private:
 
     // An operation, in which the fault may come. When memory is short everything is as before, and
     // it can be done again.
-    void Do(const char* name, const Operation& operation) {
+    void Do(Lock lock, const Operation& operation, int line = __builtin_LINE()) {
         const std::string before = m_left > 0 && Intact() ? State() : "";
-        if (!Attempt(name, operation)) {
-            EXPECT_EQ(before, State()) << name;
-            Attempt(name, operation);
+        if (!Attempt(lock, operation, line)) {
+            EXPECT_EQ(before, State()) << line;
+            Attempt(lock, operation, line);
         }
     }
 
     // One that moves bytes. With the fault in it a connection may be out of step: the run has to come
     // to its end, whatever still arrives.
-    void Move(const char* name, const Operation& operation) {
+    void Move(Lock lock, const Operation& operation, int line = __builtin_LINE()) {
         const bool before = m_left > 0;
-        const bool done = Attempt(name, operation);
+        const bool done = Attempt(lock, operation, line);
         m_outOfStep |= before && m_left <= 0;
         if (!done) {
-            Attempt(name, operation);
+            Attempt(lock, operation, line);
         }
     }
 
     // False when memory was short. However it ends, no lock is taken.
-    bool Attempt(const char* name, const Operation& operation) {
+    bool Attempt(Lock lock, const Operation& operation, int line) {
+        SCOPED_TRACE(line);
         const bool memory = m_fault.call.empty();
+        const auto before = Taken();
+        const Interposed inside([&](SystemCall& call) -> std::optional<long> {
+            EXPECT_TRUE(lock >= none || m_locks[lock]->held || Exempt::depth != 0) << call.name;
+            return std::nullopt;
+        });
         const FailingCall call(m_fault.call, m_fault.error, m_left > 0 ? m_left : -1);
         const FailingAllocation allocation(memory ? m_left : 0);
         bool done = true;
@@ -109,10 +111,17 @@ private:
         }
         const Exempt exempt;
         m_left -= memory ? allocation.Count() : call.Count();
-        for (const WatchedMutex* lock : m_locks) {
-            EXPECT_FALSE(lock->held) << name;
+        for (std::size_t each = 0; each < 2 && each <= lock && lock != some; ++each) {
+            const int times = Taken()[each] - before[each], own = each == lock ? 1 : 0;
+            EXPECT_TRUE(times == own || (times < own && !done)) << times;
         }
+        EXPECT_FALSE(!m_locks.empty() && (m_locks[0]->held || m_locks[1]->held));
         return done;
+    }
+
+    std::array<int, 2> Taken() const {
+        return m_locks.empty() ? std::array{0, 0}
+                               : std::array{+m_locks[0]->taken, +m_locks[1]->taken};
     }
 
     // Everything that was sent arrives.
@@ -122,7 +131,6 @@ private:
 
     // All that can be seen of the library, and what it has handed out.
     std::string State() const {
-        const Exempt exempt;
         std::string state;
         const auto show = [&](auto&&... values) { ((state += std::to_string(values) + " "), ...); };
         show(OpenDescriptors(), TextMessage::alive, m_text.Length());
@@ -143,22 +151,22 @@ private:
         for (const KLVMsgChannel& channel : ::Known()) {
             show(channel.connection);
         }
-        KLVBasVector<KLVMsgSocketMessage*> none;
-        Look look;
-        Communicator().IRetrieveMessages(&look, none);
         for (unsigned int id = m_id; id < m_id + 20; ++id) {
             show(Communicator().QueryPendingStatus(id));
         }
-        return state + look.texts;
+        return state;
     }
 
     void SetUp() {
-        Communicator().SetDefaultInputStream(&m_input);
-        Communicator().SetDefaultOutputStream(&m_output);
-        Do("Register", [&] { Communicator().RegisterMessagePrototype("Text", &m_prototype); });
+        Do(communicators, [&] { Communicator().SetDefaultInputStream(&m_input); });
+        Do(communicators, [&] { Communicator().SetDefaultOutputStream(nullptr); });
+        Do(none, [&] { Communicator().TransmitPendingMessage(); });
+        Do(communicators, [&] { Communicator().SetDefaultOutputStream(&m_output); });
+        Do(registrys, [&] { Communicator().RegisterMessagePrototype("Text", &m_prototype); });
+        Do(registrys, [&] { Communicator().RegisterMessagePrototype(nullptr, &m_prototype); });
         KLVMsgServerSocket* server = nullptr;
         while (server == nullptr) {
-            Do("StartServer", [&] { server = Registry().StartServer(Address(), 16); });
+            Do(registrys, [&] { server = Registry().StartServer(Address(), 16); });
         }
         m_address = server->address;
         m_server = Know(server, "server");
@@ -170,15 +178,12 @@ private:
     KLVMsgChannel Know(KLVMsgSocket* socket, const char* label) {
         KLVMsgChannel channel;
         if (socket != nullptr) {
-            {
-                const Exempt exempt;
-                const timeval limit = {0, 150000};
-                const int on = 1;
-                setsockopt(socket->descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-                setsockopt(socket->descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-            }
-            Do("Channel", [&] { channel = KLVMsgChannel(socket, label); });
-            Do("AddConnection", [&] { Communicator().AddConnection(channel, true); });
+            const timeval limit = {0, 150000};
+            const int on = 1;
+            setsockopt(socket->descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+            setsockopt(socket->descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            Do(registrys, [&] { channel = KLVMsgChannel(socket, label); });
+            Do(communicators, [&] { Communicator().AddConnection(channel, true); });
         }
         return channel;
     }
@@ -186,7 +191,7 @@ private:
     void Connect() {
         KLVMsgCommSocket* client = nullptr;
         for (int i = 0; client == nullptr && i < 2; ++i) {
-            Do("Connect", [&] { client = Registry().ConnectToServer(Address(), m_address); });
+            Do(registrys, [&] { client = Registry().ConnectToServer(Address(), m_address); });
         }
         m_client = Know(client, "client");
         Accept();
@@ -204,55 +209,78 @@ private:
         Cycle(nullptr, 0);
         const std::vector<KLVMsgChannel> now = Known();
         m_accepted = now.empty() ? KLVMsgChannel() : now.back();
-        Do("SetLabel", [&] { m_accepted.SetLabel("accepted"); });
+        Do(registrys, [&] { m_accepted.SetLabel("accepted"); });
     }
 
     std::vector<KLVMsgChannel> Known() {
         m_channels.Clear();
-        Do("Known", [&] { Communicator().RetrieveConnections(nullptr, m_channels); });
+        Do(communicators, [&] { Communicator().RetrieveConnections(nullptr, m_channels); });
         return VectorOf(m_channels);
     }
 
     void Cycle(KLVMsgChannelWaitable* waitable = nullptr, int patience = -1) {
         const int limit = patience != -1 ? patience : Intact() ? 1000 : 5;
-        Move("Wait", [=] { Communicator().WaitConnectionsAndMessages(waitable, limit); });
+        Move(communicators, [=] { Communicator().WaitConnectionsAndMessages(waitable, limit); });
     }
 
     void SendAndReceive() {
         KLVMsgMessageQueryByType texts("Text");
         unsigned int id = 0;
-        Do("Send", [&] { Communicator().ISendSocketMessage(m_client, &m_message, m_id); });
-        Do("Send", [&] { Communicator().ISendSocketMessage(nullptr, &m_message, m_ids); });
-        Do("Send", [&] { Communicator().ISendSocketMessage(m_client, &m_message, id); });
-        EXPECT_TRUE(Communicator().QueryPendingStatus(id));
-        Do("Send", [&] { Communicator().ISendSocketMessage("accepted", &m_message, id); });
-        Do("Send", [&] { Communicator().ISendSocketMessage(nullptr, &m_message, m_ids); });
-        Do("Pending", [&] { Communicator().QueryPendingStatus(m_ids, m_pending); });
+        Do(communicators, [&] { Communicator().ISendSocketMessage(m_client, &m_message, m_id); });
+        Do(communicators, [&] { Communicator().ISendSocketMessage(nullptr, &m_message, m_ids); });
+        Do(communicators, [&] { Communicator().ISendSocketMessage(m_client, &m_message, id); });
+        Do(communicators, [&] { EXPECT_TRUE(Communicator().QueryPendingStatus(id)); });
+        Do(communicators, [&] { Communicator().ISendSocketMessage("accepted", &m_message, id); });
+        Do(communicators, [&] { Communicator().ISendSocketMessage(nullptr, &m_message, m_ids); });
+        Do(communicators, [&] { Communicator().QueryPendingStatus(m_ids, m_pending); });
         Expect(VectorOf(m_ids) == VectorOf(m_pending), "pending");
-        Move("Transmit", [] { Communicator().TransmitPendingMessage(); });
+        Move(communicators, [] { Communicator().TransmitPendingMessage(); });
         EXPECT_FALSE(Communicator().QueryPendingStatus(m_id)) << "also when it was cut short";
         Cycle();
         Cycle();
         Cycle();
         std::optional<KLVMsgChannelWaitable> own;
-        Do("Waitable", [&] { own.emplace(m_channels); });
+        Do(none, [&] { own.emplace(m_channels); });
         Cycle(&*own);
         auto* const added = new TextMessage("Text", "added");
-        Do("AddMessage", [&] { Communicator().AddMessage({m_client, added, 0}); });
-        Do("Retrieve", [&] { Communicator().IRetrieveMessagesWithChannel(&texts, m_records); });
+        Do(communicators, [&] { Communicator().AddMessage({m_client, added, 0}); });
+        Do(communicators, [&] { Communicator().IRetrieveMessagesWithChannel(&texts, m_records); });
         Expect(m_records.Size() == 8, "received");
         for (const KLVMsgChannelMsgStruct& record : VectorOf(m_records)) {
             Expect(TextOf(record.message) == (record.message == added ? "added" : "text"), "text");
             delete record.message;
         }
         m_records.Clear();
-        Move("Header", [&] { Registry().SendMessageHeader(m_client.connection, "Nothing"); });
-        Cycle();
+    }
+
+    // What is asked of the registry alone.
+    void Ask() {
+        const int number = m_client.connection, other = m_accepted.connection;
+        const KLVString type("Nothing");
+        KLVString name;
+        int code = 0;
+        KLVMsgSocketMessage* made = nullptr;
+        for (const KLVString& passedOver : {KLVString("", 1), type}) {
+            Move(registrys, [&] { Registry().SendMessageHeader(number, passedOver); });
+            Cycle();
+        }
+        Move(registrys, [&] { Registry().SendMessageHeader(number, type); });
+        Move(registrys, [&] { Registry().RetrieveMessageTypeFromSocket(other, name); });
+        Expect(name == type, "type");
+        Do(registrys, [&] { made = Registry().GetMsgInstance("Text"); });
+        delete made;
+        for (const Operation& ask : std::vector<Operation>{
+                 [&] { Registry().SetName(-1, name); }, [&] { Registry().GetName(-1, name); },
+                 [&] { Registry().GetSocket(number); }, [&] { Registry().HasError(number); },
+                 [&] { Registry().ClearError(number); },
+                 [&] { Registry().GetLastErrorCode(number, code); },
+                 [&] { Registry().IsConnectionOpen(number); }}) {
+            Do(registrys, ask);
+        }
         if (KLVMsgSocket* const socket = m_client.GetSocket()) {
             socket->lastError = EIO;
         }
-        int code = 0;
-        Do("Errors", [&] { Communicator().GetErrorsOnChannel(m_client, code, m_text); });
+        Do(communicators, [&] { Communicator().GetErrorsOnChannel(m_client, code, m_text); });
         Expect(code == EIO, "error");
     }
 
@@ -261,25 +289,26 @@ private:
         KLVMsgChannelQueryByLabel label("client");
         KLVMsgMessageQueryByType texts("Text");
         meanwhile = [] { sleeps >= 2 ? Communicator().TransmitPendingMessage() : void(); };
-        const std::pair<const char*, Operation> sends[] = {
-            {"a channel", [&] { Communicator().SendSocketMessage(m_client, &m_message); }},
-            {"a query", [&] { Communicator().SendSocketMessage(&label, &m_message); }},
-            {"a label", [&] { Communicator().SendSocketMessage("client", &m_message); }}};
-        for (const auto& [name, send] : sends) {
+        for (const Operation& send : std::vector<Operation>{
+                 [&] { Communicator().SendSocketMessage(m_client, &m_message); },
+                 [&] { Communicator().SendSocketMessage(&label, &m_message); },
+                 [&] { Communicator().SendSocketMessage("client", &m_message); }}) {
             sleeps = 0;
-            Move(name, send);
+            Move(some, send);
             Expect(sleeps == 2, "a blocking send ends with the transmission");
             Communicator().TransmitPendingMessage();
         }
-        Communicator().AddMessage({m_client, new TextMessage("Text"), 0});
-        meanwhile = [] {};
-        Do("Retrieve", [&] { Communicator().RetrieveMessages(&texts, m_messages); });
-        Communicator().PrepareStartupMessageTask();
+        sleeps = 0;
+        meanwhile = [] {
+            sleeps == 2 ? Communicator().AddMessage({{}, new TextMessage("Text"), 0}) : void();
+        };
+        Move(some, [&] { Communicator().RetrieveMessages(&texts, m_messages); });
+        Do(none, [] { Communicator().PrepareStartupMessageTask(); });
         meanwhile = [] { Communicator().ShutdownMessageTask(); };
-        Move("Run", [] { KLVMsgMessageTask().Run(0); });
+        Move(some, [] { KLVMsgMessageTask().Run(0); });
         EXPECT_EQ(100u, slept);
-        Move("Stop", [] { Communicator().ShutdownMessageTask(); });
-        Do("Retrieve", [&] { Communicator().IRetrieveMessages(&texts, m_messages); });
+        Move(communicators, [] { Communicator().ShutdownMessageTask(); });
+        Do(communicators, [&] { Communicator().IRetrieveMessages(&texts, m_messages); });
         Expect(m_messages.Size() == 2, "received");
         for (const KLVMsgSocketMessage* message : VectorOf(m_messages)) {
             delete message;
@@ -293,27 +322,24 @@ private:
         for (const bool resets : {true, false}) {
             if (Registry().IsConnectionOpen(m_server.connection) &&
                 !Registry().HasError(m_server.connection)) {
-                std::optional<Exempt> exempt(std::in_place);
                 PlainPeer peer(m_address.port);
-                exempt.reset();
                 Accept();
-                exempt.emplace();
                 resets ? peer.Reset() : peer.Close();
             }
             Cycle();
             Expect(resets == (m_accepted.GetSocket() == nullptr), "lost");
             Expect(!m_accepted.IsActiveInCurrentThreads(), "closed");
             KLVMsgChannelQueryByLabel label("accepted");
-            Do("Remove", [&] { Communicator().RemoveConnection(&label, true); });
+            Do(communicators, [&] { Communicator().RemoveConnection(&label, true); });
         }
-        Do("ShutDown", [&] { Registry().ShutDownConnection(m_client.connection); });
+        Do(registrys, [&] { Registry().ShutDownConnection(m_client.connection); });
         Connect();
         auto* const own = new KLVMsgCommSocket(Address());
         own->descriptor = -7;
         int added = 0;
-        Do("Add", [&] { added = Registry().AddConnection(own); });
+        Do(registrys, [&] { added = Registry().AddConnection(own); });
         EXPECT_EQ(1, added);
-        Registry().RemoveConnection(-7);
+        Do(none, [] { Registry().RemoveConnection(-7); });
     }
 
     const Fault m_fault;
@@ -358,7 +384,7 @@ TEST(Torture, AnyAllocationMayFail) {
 
 TEST(Torture, AnySystemCallMayFail) {
     std::signal(SIGPIPE, SIG_IGN);
-    const std::pair<const char*, std::vector<int>> calls[] = {
+    const std::pair<std::string, std::vector<int>> calls[] = {
         {"getaddrinfo", {ENOENT, ENOMEM}},
         {"socket", {EMFILE, ENOBUFS}},
         {"bind", {EADDRINUSE, EACCES}},
@@ -371,7 +397,7 @@ TEST(Torture, AnySystemCallMayFail) {
         {"recv", {EAGAIN, EINTR, ECONNRESET, ENOTCONN, ETIMEDOUT, ENOMEM, ENETRESET}},
         {"shutdown", {ENOTCONN, EINVAL, ENOBUFS}},
         {"close", {EINTR, EIO}},
-        {"select", {EINTR, ENOMEM, EBADF}},
+        {theWait, {EINTR, ENOMEM, EBADF}},
     };
     testing::internal::CaptureStderr();
     for (const auto& [call, errors] : calls) {

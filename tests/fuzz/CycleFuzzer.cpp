@@ -1,6 +1,8 @@
-// Bytes from a peer, for libFuzzer: into the header reader and the whole cycle. The first byte says how
-// the peer ends the connection; what follows it is sent. However it goes, a good peer is served after it.
+// Bytes from a peer, for libFuzzer: into the header reader and the whole cycle. The first byte says
+// how the peer ends the connection; what follows it is sent. However it goes, a good peer is served
+// next.
 #include <KLVMsgCommModules.h>
+#include <KLVMsgFramedMessage.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,27 +12,22 @@
 
 namespace {
 
-// Reads its body as a length and so many bytes or, endless, whatever comes in small pieces.
-class FuzzedMessage : public KLVMsgSocketMessage {
+// Its body is a length and so many bytes or, endless, whatever comes in small pieces.
+class FuzzedMessage : public KLVMsgFramedMessage {
 public:
     FuzzedMessage(const char* type, bool endless) : m_type(type), m_endless(endless) {}
 
-    int WriteMessage(KLVMsgOutputStream*) override { return 0; }
+    bool Encode(std::string&) const override { return false; }
+    bool Decode(std::string_view) override { return true; }
+    std::size_t Limit() const override { return 4096; }
     int ReadMessage(KLVMsgInputStream* stream) override {
-        unsigned int length = 7;
-        int count = sizeof length;
-        if (!m_endless) {
-            stream->read(&length, sizeof length, count);
-        }
-        if (count != sizeof length || length > 4096) {
-            return 0;
-        }
-        std::string bytes(length, '\0');
-        do {
+        char bytes[7];
+        int count = m_endless ? 1 : 0;
+        while (count > 0) {
             count = 0;
-            stream->read(bytes.data(), static_cast<int>(length), count);
-        } while (m_endless && count > 0);
-        return 1;
+            stream->read(bytes, sizeof bytes, count);
+        }
+        return m_endless ? 1 : KLVMsgFramedMessage::ReadMessage(stream);
     }
     KLVMsgSocketMessage* NewInstance() override { return new FuzzedMessage(*this); }
     KLVString GetMessageType() const override { return m_type; }

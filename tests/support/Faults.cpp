@@ -1,18 +1,23 @@
 #include "Faults.h"
 
 #include <dlfcn.h>
+#include <netdb.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <mutex>
+#include <sstream>
 
 namespace {
 
 // Relaxed: counting must not order what the threads of a test do.
 std::atomic<int> blocks{0};
-std::atomic<int> keptBuffers{0};
 std::atomic<std::size_t> refusedSize{0};
 
 thread_local int allocations = 0;
-thread_local int failing = -1;              // the one to fail, counted like `allocations`
-thread_local void* lengthBuffer = nullptr;  // of the last header, while it is in use
-thread_local void* nameBuffer = nullptr;
+thread_local int failing = -1;  // the one to fail, counted like `allocations`
 
 bool Fails() { return Exempt::depth == 0 && ++allocations == failing; }
 
@@ -27,14 +32,50 @@ void* Counted(void* block) {
     return block;
 }
 
-// Header buffers are the only blocks that come from these two functions, and one that is released
-// is released before the next is made.
-void* Buffer(void* block, void*& last) {
-    if (Exempt::depth == 0 && block != nullptr) {
-        keptBuffers.fetch_add(1, std::memory_order_relaxed);
-        last = block;
+// Never destroyed: the C library's calls may come after the end of main.
+std::recursive_mutex& mutex = *new std::recursive_mutex;
+auto& handlers = *new std::vector<SystemCallHandler>;
+using Lock = std::lock_guard<std::recursive_mutex>;
+
+// Looked at before the lock is taken, which would order what the threads of a test do.
+std::atomic<bool> interposed{false};
+
+template <class... Values>
+std::string Words(const Values&... values) {
+    if (!interposed.load(std::memory_order_relaxed)) {
+        return "";
     }
-    return Counted(block);
+    const Exempt exempt;
+    std::ostringstream words;
+    ((words << values << ' '), ...);
+    return words.str();
+}
+
+std::optional<long> Ask(SystemCall& call) {
+    if (!interposed.load(std::memory_order_relaxed)) {
+        return std::nullopt;
+    }
+    const Lock lock(mutex);
+    std::optional<long> answer;
+    for (auto handler = handlers.rbegin(); handler != handlers.rend() && !answer; ++handler) {
+        answer = (*handler)(call);
+    }
+    return answer;
+}
+
+// Answers from a handler, or else makes the real call with what the handlers made of the length.
+template <class Result, class... Parameters, class... Arguments>
+Result Pass(Result (*function)(Parameters...), SystemCall&& call, Arguments... arguments) {
+    auto* const next = Next(function, call.name.c_str());
+    const std::optional<long> answer = Ask(call);
+    if (!answer) {
+        return next(static_cast<Parameters>(arguments)...);
+    }
+    if (call.name == "close") {
+        next(static_cast<Parameters>(arguments)...);  // one that fails has closed all the same
+    }
+    errno = *answer < 0 ? static_cast<int>(-*answer) : errno;
+    return static_cast<Result>(std::max(*answer, -1L));
 }
 
 }  // namespace
@@ -58,7 +99,7 @@ void* mem_OperatorNewThrow(std::size_t size) {
 void* mem_OperatorNewThrowBuiltin(std::size_t size) {
     static auto* const next =
         Next(&mem_OperatorNewThrowBuiltin, "_Z27mem_OperatorNewThrowBuiltinm");
-    return Buffer(Fails() ? throw std::bad_alloc() : next(size), lengthBuffer);
+    return Counted(Fails() ? throw std::bad_alloc() : next(size));
 }
 
 void* mem_Malloc(std::size_t size) {
@@ -67,23 +108,16 @@ void* mem_Malloc(std::size_t size) {
         refusedSize = size;
         return nullptr;
     }
-    return Buffer(next(size), nameBuffer);
+    return Counted(next(size));
 }
 
 void mem_Free(void* block) {
     static auto* const next = Next(&mem_Free, "_Z8mem_FreePv");
     blocks.fetch_sub(block == nullptr ? 0 : 1, std::memory_order_relaxed);
-    for (void** buffer : {&lengthBuffer, &nameBuffer}) {
-        if (block != nullptr && block == *buffer) {
-            keptBuffers.fetch_sub(1, std::memory_order_relaxed);
-            *buffer = nullptr;
-        }
-    }
     next(block);
 }
 
 int Blocks() { return blocks; }
-int KeptBuffers() { return keptBuffers; }
 int Allocations() { return allocations; }
 std::size_t RefusedSize() { return refusedSize; }
 
@@ -109,3 +143,102 @@ KLVBasAtiMutex* KLVBasAtiThreadingModel::newMutex() {
     KLVBasAtiMutex* const mutex = next();
     return mutex == nullptr ? nullptr : new WatchedMutex(mutex);
 }
+
+Interposed::Interposed(SystemCallHandler handler) {
+    const Lock lock(mutex);
+    handlers.push_back(std::move(handler));
+    interposed = true;
+}
+
+Interposed::~Interposed() {
+    const Lock lock(mutex);
+    handlers.pop_back();
+    interposed = !handlers.empty();
+}
+
+std::vector<SystemCall> CallLog::Calls(int descriptor) const {
+    const Lock lock(mutex);
+    std::vector<SystemCall> calls;
+    std::copy_if(m_calls.begin(), m_calls.end(), std::back_inserter(calls),
+                 [=](auto& call) { return descriptor == -1 || call.descriptor == descriptor; });
+    return calls;
+}
+
+std::string CallLog::Names(int descriptor) const {
+    std::string names;
+    for (const SystemCall& call : Calls(descriptor)) {
+        names += (names.empty() ? "" : " ") + call.name;
+    }
+    return names;
+}
+
+CallLog::CallLog()
+    : m_interposed([this](SystemCall& call) {
+          const Exempt exempt;
+          m_calls.push_back(call);
+          return std::optional<long>();
+      }) {}
+
+FailingCall::FailingCall(const std::string& name, int error, int n)
+    : m_interposed([this, name, error, n](SystemCall& call) {
+          const bool meant = call.name == name && Exempt::depth == 0;
+          return meant && (++m_count == n || n == 0) ? std::optional<long>(-error) : std::nullopt;
+      }) {}
+
+// The calls themselves. The library reaches them through the dynamic linker, which finds these
+// first.
+extern "C" {
+
+int socket(int domain, int type, int protocol) noexcept {
+    return Pass(&socket, {"socket", domain}, domain, type, protocol);
+}
+int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
+    return Pass(&bind, {"bind", fd}, fd, address, length);
+}
+int listen(int fd, int backlog) noexcept {
+    return Pass(&listen, {"listen", fd, Words(backlog)}, fd, backlog);
+}
+int accept(int fd, sockaddr* address, socklen_t* length) {
+    return Pass(&accept, {"accept", fd}, fd, address, length);
+}
+int connect(int fd, const sockaddr* address, socklen_t length) {
+    return Pass(&connect, {"connect", fd}, fd, address, length);
+}
+int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
+    return Pass(&getsockname, {"getsockname", fd}, fd, address, length);
+}
+int shutdown(int fd, int how) noexcept {
+    return Pass(&shutdown, {"shutdown", fd, Words(how)}, fd, how);
+}
+int close(int fd) { return Pass(&close, {"close", fd}, fd); }
+
+int setsockopt(int fd, int level, int option, const void* value, socklen_t size) noexcept {
+    const int* const first = static_cast<const int*>(value);
+    const int second = size > sizeof *first ? first[1] : 0;
+    SystemCall call{"setsockopt", fd, Words(level, option, *first, second)};
+    return Pass(&setsockopt, std::move(call), fd, level, option, value, size);
+}
+ssize_t send(int fd, const void* data, std::size_t length, int flags) {
+    SystemCall call{"send", fd, Words(length, flags), static_cast<long>(length)};
+    return Pass(&send, std::move(call), fd, data, std::cref(call.length), flags);
+}
+ssize_t recv(int fd, void* buffer, std::size_t length, int flags) {
+    SystemCall call{"recv", fd, Words(length, flags), static_cast<long>(length)};
+    return Pass(&recv, std::move(call), fd, buffer, std::cref(call.length), flags);
+}
+int select(int count, fd_set* reads, fd_set* writes, fd_set* exceptions, timeval* limit) {
+    SystemCall call{"select", count, limit ? Words(limit->tv_sec, limit->tv_usec) : "for ever"};
+    return Pass(&select, std::move(call), count, reads, writes, exceptions, limit);
+}
+int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** list) {
+    SystemCall call{"getaddrinfo", 0, Words(host, service == nullptr ? "none" : service)};
+    return Pass(&getaddrinfo, std::move(call), host, service, hints, list);
+}
+void freeaddrinfo(addrinfo* list) noexcept {
+    SystemCall call{"freeaddrinfo", 0};
+    Ask(call);
+    Next(&freeaddrinfo, "freeaddrinfo")(list);
+    errno = E2BIG;  // as it may do
+}
+
+}  // extern "C"

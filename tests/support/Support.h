@@ -1,5 +1,5 @@
-// The vocabulary of the tests: plain TCP peers, a message class, what the communicator knows and has
-// received, waiting for a condition, counting descriptors.
+// The vocabulary of the tests: plain TCP peers, a message class, what the communicator knows and
+// has received, waiting for a condition, counting descriptors.
 //
 // Every test starts and ends with nothing: after it both singletons are finalized, what they had
 // open is closed, and a descriptor, a message or a block of the library that is left is a failure.
@@ -7,11 +7,13 @@
 #pragma once
 
 #include <KLVMsgCommModules.h>
+#include <KLVMsgFramedMessage.h>
 #include <gtest/gtest.h>
 
 #include <array>
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,28 +23,29 @@ KLVMsgConnectionServicesUtils& Registry();
 // Asks again and again until it holds, for half a minute at the most; false when it never did.
 bool Eventually(const std::function<bool()>& condition);
 
-// Whether a thread of this process sleeps, as one does that waits for a mutex.
-bool Sleeps(int thread);
-
 // How many descriptors the process has open.
 int OpenDescriptors();
 
-// That, the blocks of the library that are in use without those it never releases, and the
+// That, the blocks of the library that are in use without those that were kept on purpose, and the
 // TextMessages that are alive: what may not grow.
 std::array<int, 3> Held();
+inline int keptOnPurpose = 0;
 
 // A listening socket of the registry on 127.0.0.1 and a port of the system's choice.
 KLVMsgServerSocket* StartLoopbackServer(int backlog = 16);
 
+// A listening socket on 127.0.0.1 that nobody knows and that closes at its end.
+struct Listener : KLVMsgServerSocket {
+    explicit Listener(const KLVMsgSocketAddress& local = KLVMsgSocketAddress("127.0.0.1", 0))
+        : KLVMsgServerSocket(local, 16) {}
+    ~Listener() { closed ? void() : Shutdown(); }
+};
+
 // Another TCP endpoint made without the library: what a foreign, broken or hostile peer sends.
 class PlainPeer {
 public:
-    // Connects to a port of 127.0.0.1, or takes over a connected descriptor.
-    explicit PlainPeer(int port);
-    struct TakeOver {
-        int descriptor;
-    };
-    explicit PlainPeer(TakeOver connected) : m_descriptor(connected.descriptor) {}
+    explicit PlainPeer(int port);                  // connects to one of 127.0.0.1
+    explicit PlainPeer(const Listener& listener);  // accepts there
     ~PlainPeer() { Close(); }
     PlainPeer(const PlainPeer&) = delete;
 
@@ -59,62 +62,45 @@ private:
     int m_descriptor;
 };
 
-// A listening endpoint made without the library, on 127.0.0.1 and a port of the system's choice.
-class PlainServer {
-public:
-    PlainServer();
-    ~PlainServer();
-    PlainServer(const PlainServer&) = delete;
-
-    int Port() const { return m_port; }
-    PlainPeer::TakeOver Accept();
-
-private:
-    int m_descriptor;
-    int m_port;
-};
-
-// A registered connection made to a listener, its channel, and the peer at the other end.
-struct Connection {
-    explicit Connection(PlainServer& listener, const KLVString& label = "");
+// A registered connection, its channel, and the peer at the other end: made to a listener of its
+// own, or to that of another one.
+struct ConnectedPair {
+    explicit ConnectedPair(const KLVString& label = "")
+        : ConnectedPair(std::make_shared<Listener>(), label) {}
+    ConnectedPair(std::shared_ptr<Listener> at, const KLVString& label);
 
     // The peer closes, and the socket learns of it by reading.
     void EndByPeer();
 
+    std::shared_ptr<Listener> listener;
     KLVMsgCommSocket* socket;
     KLVMsgChannel channel;
     int number;
     PlainPeer peer;
 };
 
-// The same with a listener of its own.
-struct OwnListener {
-    PlainServer listener;
-};
-struct ConnectedPair : OwnListener, Connection {
-    explicit ConnectedPair(const KLVString& label = "") : Connection(listener, label) {}
-};
-
 // The bytes of a header, and of a whole TextMessage.
 std::string HeaderBytes(const std::string& typeName);
 std::string TextBytes(const std::string& typeName, const std::string& text);
 
-// A message of any type name whose body is a text: a 4-byte length, then the bytes. Counts the
-// objects alive.
-class TextMessage : public KLVMsgSocketMessage {
-public:
+// A message of any type name whose body is a text. Counts the objects alive, and runs what a test
+// wants to happen where a body is written or has been read.
+struct TextMessage : KLVMsgFramedMessage {
     explicit TextMessage(const std::string& typeName, const std::string& content = "")
         : type(typeName), text(content) {
         ++alive;
     }
     ~TextMessage() override { --alive; }
 
+    bool Encode(std::string& bytes) const override { return bytes = text, true; }
+    bool Decode(std::string_view bytes) override { return text = bytes, true; }
     int WriteMessage(KLVMsgOutputStream* stream) override;
     int ReadMessage(KLVMsgInputStream* stream) override;
     KLVMsgSocketMessage* NewInstance() override { return new TextMessage(type); }
     KLVString GetMessageType() const override { return KLVString(type.c_str()); }
 
     static inline std::atomic<int> alive{0};
+    static inline std::function<void()> hook = [] {};  // until the end of the test
 
     std::string type;
     std::string text;
@@ -149,9 +135,9 @@ std::vector<std::string> Take(const char* type = "Text");
 
 // The communicator with streams and a prototype for "Text" messages.
 struct Messaging {
-    Messaging();
+    explicit Messaging(int pieceSize = 65536);
     KLVMsgSimpleInputStream input;
-    KLVMsgBufferedOutputStream output{65536};
+    KLVMsgBufferedOutputStream output;
     TextMessage prototype{"Text"}, hello{"Text", "hello"};
 };
 struct MessagingTest : testing::Test, Messaging {

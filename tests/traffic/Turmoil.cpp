@@ -1,25 +1,28 @@
-// Eight threads that use every part of one process's messaging at once, while peers come, go, reset,
-// stall and stay. What the peers that stay have sent and been sent is accounted for, and a thread with
-// files of its own sees whether anybody touches them. Usage: turmoil SECONDS [SEED]
-#include <fcntl.h>
-#include <sys/stat.h>
+// Eight threads that use every part of one process's messaging at once, while peers come, go,
+// reset, stall and stay. What the peers that stay have sent and been sent is accounted for, and a
+// thread with sockets of its own sees whether anybody touches them. Usage: turmoil SECONDS [SEED]
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <future>
 #include <iostream>
-#include <mutex>
 #include <random>
-#include <set>
 #include <thread>
 
 #include "Support.h"
 
+// In place of the base library's: nobody sleeps for long, the message task least of all.
+void KLVBasUtlsleep(unsigned milliseconds) {
+    std::this_thread::sleep_for(std::chrono::microseconds(milliseconds));
+}
+
 namespace {
 
-constexpr int steadyPeers = 3;
 std::atomic<bool> over{false};
 unsigned int seed = 0;
 
@@ -37,41 +40,27 @@ unsigned int Random(std::size_t limit) {
     return static_cast<unsigned int>(generator() % limit);
 }
 
-void Pause(unsigned int most) { KLVBasUtlsleep(Random(most + 1)); }
+void Pause(unsigned int most) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(Random(most + 1)));
+}
 
-// Drives the communicator like the message task, without its pause.
-class Driver : public KLVBasAtiThreadTask {
-    int Run(int) override {
-        while (!Communicator().IsOkToShutDownMessageTask()) {
-            Communicator().WaitConnectionsAndMessages(nullptr, 5);
-            Communicator().TransmitPendingMessage();
-            std::this_thread::yield();
-        }
-        return 1;
+// Numbered texts of one sender to one receiver: each arrives once, in its order.
+struct Flow {
+    std::string Next() { return label + " " + std::to_string(sent++); }
+    void Arrive(const std::string& text) {
+        Require(text == label + " " + std::to_string(arrived++), "unexpected: " + text);
     }
+    const std::string label;
+    std::atomic<int> sent{0}, arrived{0};
 };
 
-// What was promised to whom: every text is expected once, and forgotten when it has come.
-struct Account {
-    void Expect(const std::string& text) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        expected.insert(text);
-        ++count;
-    }
-    void Arrive(const std::string& text) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        Require(expected.erase(text) == 1, "unexpected: " + text);
-    }
-    std::size_t Missing() {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return expected.size();
-    }
-    std::mutex mutex;
-    std::set<std::string> expected;
-    long count = 0;
-} received, sent;
-
-std::string Steady(int n) { return "steady" + std::to_string(n % steadyPeers); }
+// A peer that stays, known here under the label that both flows have.
+struct SteadyPeer {
+    SteadyPeer(int port, const char* label) : peer(port), to{label}, from{label} {}
+    PlainPeer peer;
+    Flow to, from;
+};
+std::deque<SteadyPeer> steady;
 
 void Await(unsigned int id) {
     while (Communicator().QueryPendingStatus(id)) {
@@ -81,42 +70,40 @@ void Await(unsigned int id) {
 
 // Sends to the peers that stay, in two forms.
 void SendToSteady() {
-    for (int n = 0; !over; ++n) {
-        TextMessage message("Steady", Steady(n) + " " + std::to_string(n));
-        sent.Expect(message.text);
+    for (std::size_t n = 0; !over; ++n) {
+        Flow& flow = steady[n % steady.size()].to;
+        TextMessage message("Steady", flow.Next());
         if (n % 2 == 0) {
-            Communicator().SendSocketMessage(Steady(n).c_str(), &message);
+            Communicator().SendSocketMessage(flow.label.c_str(), &message);
         } else {
-            const std::vector<KLVMsgChannel> channels = Known(Steady(n).c_str());
-            Require(channels.size() == 1, Steady(n) + " is not known once");
+            const std::vector<KLVMsgChannel> channels = Known(flow.label.c_str());
+            Require(channels.size() == 1, flow.label + " is not known once");
             Await(Send(channels[0], &message));
         }
     }
 }
 
 void Retrieve() {
-    for (const std::string& text : Take("Steady")) {
-        received.Arrive(text);
+    std::vector<std::string> texts = Take("Steady");
+    for (; !texts.empty(); texts.pop_back()) {
+        steady[static_cast<std::size_t>(texts.back()[0] - '0')].from.Arrive(texts.back());
     }
     Take("Passing");
 }
 
-// A peer that stays: sends numbered texts, and reads those that it is sent.
-void StaySteady(PlainPeer& peer, int self) {
-    std::thread reader([&peer] {
+// What such a peer does: sends texts, and reads those that it is sent.
+void Stay(SteadyPeer& self) {
+    const auto reader = std::async(std::launch::async, [&self] {
         const std::size_t headerSize = HeaderBytes("Steady").size() + 4;
-        for (std::string header; !(header = peer.Receive(headerSize)).empty();) {
+        for (std::string header; !(header = self.peer.Receive(headerSize)).empty();) {
             unsigned int length = 0;
             std::memcpy(&length, header.data() + headerSize - 4, sizeof length);
-            sent.Arrive(peer.Receive(length));
+            self.to.Arrive(self.peer.Receive(length));
         }
     });
-    for (int n = 0; !over; ++n, Pause(4)) {
-        const std::string text = Steady(self) + " says " + std::to_string(n);
-        received.Expect(text);
-        peer.Send(TextBytes("Steady", text));
+    for (; !over; Pause(4)) {
+        self.peer.Send(TextBytes("Steady", self.from.Next()));
     }
-    reader.join();
 }
 
 void Leave(PlainPeer& peer) { Random(2) == 0 ? peer.Close() : peer.Reset(); }
@@ -132,21 +119,35 @@ void ComeAndGo(int port) {
     }
 }
 
+// Reads one message past the communicator: with a waitable and a stream of its own.
+std::string ReadByHand(const KLVMsgChannel& channel) {
+    KLVMsgChannelWaitable waitable(ListOf<KLVMsgChannel>({channel}));
+    KLVMsgSimpleInputStream stream;
+    TextMessage message("Passing");
+    KLVString type;
+    waitable.WaitForConnectionAndMessages(30000);
+    Registry().RetrieveMessageTypeFromSocket(channel.connection, type);
+    stream.m_connectionNumber = channel.connection;
+    message.ReadMessage(&stream);
+    return type.Text() + (":" + message.text);
+}
+
 // Connects to a server outside, sends, and ends the connection in every way.
 void ConnectAndEnd(const char* label) {
-    PlainServer outside;
+    const Listener outside;
     TextMessage message("Passing", "hello");
     const std::string bytes = TextBytes("Passing", "from outside");
     while (!over) {
-        KLVMsgCommSocket* const socket = Registry().ConnectToServer(
-            KLVMsgSocketAddress(), KLVMsgSocketAddress("127.0.0.1", outside.Port()));
+        KLVMsgCommSocket* const socket =
+            Registry().ConnectToServer(KLVMsgSocketAddress(), outside.address);
         Require(socket != nullptr, "cannot connect");
-        PlainPeer peer{outside.Accept()};
+        PlainPeer peer(outside);
         KLVMsgChannel channel(socket, label);
-        Communicator().AddConnection(channel, true);
+        const bool stays = Random(2) == 0, byHand = stays && Random(2) == 0;
+        Communicator().AddConnection(channel, !byHand);
         const unsigned int id = Send(channel, &message);
-        const bool stays = Random(2) == 0;
         peer.SendAny(bytes.substr(0, stays ? bytes.size() : Random(bytes.size())));
+        Require(!byHand || ReadByHand(channel) == "Passing:from outside", "misread by hand");
         if (!stays) {
             Pause(5);  // until it has gone it holds everybody up
             Leave(peer);
@@ -194,70 +195,71 @@ void AskAround() {
     }
 }
 
-// Opens files, sees whether they stay its own, and closes them.
-void KeepFiles() {
-    char name[] = "/tmp/turmoilXXXXXX";
-    const int first = mkstemp(name);
-    struct stat own = {}, now = {};
-    fstat(first, &own);
+// Makes socket pairs, sees whether they stay its own, and closes them.
+void KeepPairs() {
     while (!over) {
-        std::vector<int> files(1 + Random(8));
-        for (int& file : files) {
-            file = open(name, O_RDWR);
+        int pairs[4][2];
+        for (auto& pair : pairs) {
+            Require(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0, "no socket pair");
         }
         Pause(3);
-        for (const int file : files) {
-            Require(fstat(file, &now) == 0 && now.st_ino == own.st_ino && close(file) == 0,
-                    "a file of ours is not ours any more");
+        for (const auto& [one, other] : pairs) {
+            char byte = 0;
+            Require(write(one, "x", 1) == 1 && recv(other, &byte, 1, MSG_DONTWAIT) == 1 &&
+                        recv(other, &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN &&
+                        close(one) + close(other) == 0,
+                    "a socket of ours is not ours any more");
         }
     }
-    close(first);
-    unlink(name);
 }
 
 void Run(int seconds) {
     const Messaging messaging;
-    TextMessage steady("Steady"), passing("Passing");
-    Communicator().RegisterMessagePrototype("Steady", &steady);
+    TextMessage staying("Steady"), passing("Passing");
+    Communicator().RegisterMessagePrototype("Steady", &staying);
     Communicator().RegisterMessagePrototype("Passing", &passing);
     KLVMsgServerSocket* const server = StartLoopbackServer();
     const int port = server->address.port;
     Communicator().AddConnection(KLVMsgChannel(server, "server"), true);
-    std::vector<std::unique_ptr<PlainPeer>> peers;
-    std::vector<std::thread> staying, turmoil;
-    for (int i = 0; i < steadyPeers; ++i) {
-        peers.push_back(std::make_unique<PlainPeer>(port));
+    std::vector<std::future<void>> peers, turmoil;
+    for (const char* label : {"0", "1", "2"}) {
+        steady.emplace_back(port, label);
         Communicator().WaitConnectionsAndMessages(nullptr, 10000);
-        Known().back().SetLabel(Steady(i).c_str());
+        Known().back().SetLabel(label);
     }
     Communicator().PrepareStartupMessageTask();
-    Driver driver;
-    KLVBasAtiThread driving(driver);
-    for (std::size_t i = 0; i < peers.size(); ++i) {
-        staying.emplace_back(StaySteady, std::ref(*peers[i]), static_cast<int>(i));
+    KLVMsgMessageTask task;
+    KLVBasAtiThread driving(task);
+    for (SteadyPeer& each : steady) {
+        peers.push_back(std::async(std::launch::async, Stay, std::ref(each)));
     }
-    turmoil.emplace_back(ComeAndGo, port);
-    turmoil.emplace_back(ConnectAndEnd, "outgoing");
-    turmoil.emplace_back(ConnectAndEnd, "another");
-    for (void (*each)() : {SendToSteady, Restart, AskAround, KeepFiles}) {
-        turmoil.emplace_back(each);
+    for (const std::function<void()>& each : std::vector<std::function<void()>>{
+             [=] { ComeAndGo(port); }, [] { ConnectAndEnd("outgoing"); },
+             [] { ConnectAndEnd("another"); }, SendToSteady, Restart, AskAround, KeepPairs}) {
+        turmoil.push_back(std::async(std::launch::async, each));
     }
 
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     over = true;
-    for (std::thread& thread : turmoil) {
-        thread.join();
-    }
-    Require(Eventually([] { return Retrieve(), received.Missing() + sent.Missing() == 0; }),
-            std::to_string(received.Missing()) + " to receive and " +
-                std::to_string(sent.Missing()) + " sent are missing");
+    turmoil.clear();  // when they have ended
+    int received = 0, sent = 0;
+    const auto missing = [&] {
+        Retrieve();
+        received = sent = 0;
+        int count = 0;
+        for (const auto& [peer, to, from] : steady) {
+            received += from.arrived;
+            sent += to.arrived;
+            count += from.sent + to.sent;
+        }
+        return count - received - sent;
+    };
+    Require(Eventually([&] { return missing() == 0; }), std::to_string(missing()) + " missing");
     Communicator().ShutdownMessageTask();
     driving.Join();
-    for (std::thread& thread : staying) {
-        thread.join();
-    }
-    std::cout << "turmoil: " << received.count << " received and " << sent.count
-              << " sent, each once (seed " << seed << ")\n";
+    peers.clear();
+    std::cout << "turmoil: " << received << " received and " << sent << " sent, each once (seed "
+              << seed << ")\n";
 }
 
 }  // namespace

@@ -10,7 +10,6 @@ from html import escape
 from typing import Any, Dict, Iterable, List, Optional, Tuple, Union
 
 import matplotlib
-from matplotlib.backends.backend_svg import FigureCanvasSVG
 from matplotlib.figure import Figure
 
 from .events import MESSAGE, OPENED, TO_SERVER, Event, Selection
@@ -259,7 +258,7 @@ def _to_svg(figure: Figure, salt: str) -> str:
     with matplotlib.rc_context({"svg.fonttype": "none", "svg.hashsalt": salt}):
         with warnings.catch_warnings():
             warnings.simplefilter("ignore")  # characters that the font does not have
-            FigureCanvasSVG(figure).print_svg(out, metadata={"Date": None})
+            figure.savefig(out, format="svg", metadata={"Date": None})
     return out.getvalue()
 
 
@@ -278,9 +277,9 @@ table {{ border-collapse: collapse; }}
 th, td {{ text-align: right; padding: 0.2em 0.8em; border-bottom: 1px solid #ddd;
   white-space: nowrap; }}
 th:first-child, td:first-child {{ text-align: left; overflow-wrap: anywhere;
-  white-space: normal; }}
+  white-space: normal; min-width: 8em; }}
 .notice {{ color: #c00000; }}
-.drawing {{ overflow-x: auto; }}
+.drawing, .table {{ overflow-x: auto; }}
 .rates svg {{ max-width: 100%; height: auto; }}
 </style>
 </head>
@@ -289,11 +288,11 @@ th:first-child, td:first-child {{ text-align: left; overflow-wrap: anywhere;
 <p>{summary}</p>
 {notices}
 <h2>By type</h2>
-<table>
+<div class="table"><table>
 <tr><th>type</th><th>to</th><th>messages</th><th>bytes in bodies</th><th>smallest</th><th>largest</th>
 <th>first at</th><th>last at</th></tr>
 {table}
-</table>
+</table></div>
 <h2>Rates</h2>
 <div class="drawing rates">{rates}</div>
 <h2>The messages between the processes</h2>
