@@ -43,7 +43,7 @@ static int Read(int port, const std::string& topic) {
     }
     Talk talk{News()};
     talk.ConnectAndStart(port, "publisher");
-    Check(talk.Send("publisher", Subscribe(topic), Limit()));
+    talk.Post("publisher", Subscribe(topic));
     std::string received;
     while (received.size() < expected.size()) {
         const auto item = talk.Receive<News>(Limit());

@@ -9,8 +9,8 @@ static const char usage[] = R"(usage: workers [--timeout SECONDS]
        workers [--timeout SECONDS] work PORT
 
 The first form runs a dispatcher and three workers as processes of their own. The other two are for
-two terminals: the dispatcher tells its port on 127.0.0.1 and hands ten jobs, numbers to be squared,
-to the workers that come.
+two terminals: the dispatcher tells its port on 127.0.0.1, waits for three workers and hands them ten
+jobs, numbers to be squared.
 
   --timeout SECONDS   give up when a peer has been silent for so long (20; 0: never)
   --help, --version
@@ -19,7 +19,7 @@ Exits with 0 when every job has come back with the right result and all workers 
 with 1 when not, or when something fails; with 2 after a wrong command line.
 )";
 
-static const int workerCount = 3;
+static const std::size_t workerCount = 3;
 static const unsigned int jobCount = 10;
 
 // A job or a result: numbers, as they lie in memory.
@@ -60,7 +60,7 @@ static int Work(int port) {
     Talk talk{Job()};
     talk.ConnectAndStart(port, "dispatcher");
     for (Result result;;) {
-        Check(talk.Send("dispatcher", result, Limit()), "gave up", "lost the dispatcher");
+        talk.Post("dispatcher", result);
         const auto job = talk.Receive<Job>(Limit());
         Check(job, "gave up: no job from the dispatcher", "lost the dispatcher");
         if (job->fields == 0) {
@@ -71,13 +71,12 @@ static int Work(int port) {
 }
 
 // The next result. A worker that is lost ends the wait, though others may still come.
-static KLVMsgReceived<Result> NextResult(Talk& talk, std::size_t workers) {
+static KLVMsgReceived<Result> NextResult(Talk& talk, std::size_t workers, const char* missing) {
     const auto deadline = Limit().Deadline();
     for (;;) {
         auto result = talk.Receive<Result>(std::chrono::milliseconds(100));
         if (result || KLVMsgTimeLimit::Clock::now() >= deadline) {
-            Check(result, "gave up: no " +
-                              std::string(workers == 0 ? "workers have come" : "more results"));
+            Check(result, std::string("gave up: ") + missing);
             return result;
         }
         if (talk.Peers("worker").size() < workers) {
@@ -86,22 +85,21 @@ static KLVMsgReceived<Result> NextResult(Talk& talk, std::size_t workers) {
     }
 }
 
-// Hands out the jobs until all have come back; returns how many are wrong.
+// Hands out the jobs, when all workers have come, until all have come back; returns how many are wrong.
 static int HandOut(Talk& talk) {
-    std::size_t workers = 0;
+    for (std::size_t workers = 0; workers < workerCount; ++workers) {
+        talk.SetLabel(NextResult(talk, workers, "not all workers have come").peer, "worker");
+    }
     unsigned int next = 1;
+    for (const KLVMsgPeer worker : talk.Peers("worker")) {
+        talk.Post(worker, Job(next++));
+    }
     int wrong = 0;
-    for (unsigned int done = 0; done < jobCount;) {
-        const auto result = NextResult(talk, workers);
+    for (unsigned int done = 0; done < jobCount; ++done) {
+        const auto result = NextResult(talk, workerCount, "no more results");
         const auto [number, square] = result->fields;
-        if (number == 0) {
-            talk.SetLabel(result.peer, "worker");
-            ++workers;
-        } else {
-            ++done;
-            wrong += square == number * number ? 0 : 1;
-            std::printf("worker %llu: the square of %u is %u\n", result.peer.id, number, square);
-        }
+        wrong += square == number * number ? 0 : 1;
+        std::printf("worker %llu: the square of %u is %u\n", result.peer.id, number, square);
         if (next <= jobCount) {
             talk.Post(result.peer, Job(next++));
         }
@@ -124,7 +122,7 @@ static int Dispatch(int portPipe) {
 static int RunAll() {
     Children children;
     const int port = children.StartServer("workers dispatcher", Dispatch);
-    for (int number = 1; port != 0 && number <= workerCount; ++number) {
+    for (std::size_t number = 1; port != 0 && number <= workerCount; ++number) {
         children.Start("worker " + std::to_string(number), [port] { return Work(port); });
     }
     return children.Await() ? 0 : 1;
