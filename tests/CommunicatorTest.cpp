@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cstring>
 #include <random>
 
 #include "Faults.h"
@@ -112,55 +111,6 @@ TEST_F(CommunicatorTest, QueueWaitsForAStreamAndGoesOutInOrderWithoutWhatCannotB
     Communicator().TransmitPendingMessage();
     EXPECT_EQ(1, failing.Count());
     EXPECT_EQ((Ids{}), Pending({9}));
-}
-
-TEST_F(CommunicatorTest, ErrorStaysUntilItIsClearedAndLeavesTheTextAloneWithoutOne) {
-    Client client(*this, "client");
-    KLVString text("before");
-    const auto errorOn = [&](const KLVMsgChannel& channel) {
-        int code = 42;
-        Communicator().GetErrorsOnChannel(channel, code, text);
-        return code;
-    };
-    EXPECT_EQ(0, errorOn(client.channel) + errorOn(ChannelOf(777)));
-    EXPECT_STREQ("before", text.Text());
-    client.channel.GetSocket()->lastError = EIO;
-    EXPECT_EQ(EIO, errorOn(client.channel));
-    EXPECT_STREQ(std::strerror(EIO), text.Text());
-    EXPECT_EQ(EIO, errorOn(client.channel));
-    Registry().ClearError(client.channel.connection);
-    EXPECT_EQ(0, errorOn(client.channel));
-}
-
-TEST_F(CommunicatorTest, BlockingOperationsReturnWhileTheTaskRunsAndItStopsInOrder) {
-    {
-        const CallLog log;
-        EXPECT_EQ(1, KLVMsgMessageTask().Run(0));
-        EXPECT_EQ("", log.Names());
-    }
-    Client client(*this, "client");
-    client.peer.Send(Bytes("a"));
-    Send(client.channel, &hello);
-    const CallLog log;
-    Communicator().PrepareStartupMessageTask();
-    KLVMsgMessageTask task;
-    KLVBasAtiThread thread(task);
-    EXPECT_FALSE(Communicator().SendSocketMessage(client.channel, &hello));
-    Communicator().SendSocketMessage("nobody", &hello);
-    EXPECT_EQ(Bytes("hello") + Bytes("hello"), client.peer.Receive(2 * Bytes("hello").size()));
-    KLVMsgMessageQueryByType query("Text");
-    KLVBasVector<KLVMsgSocketMessage*> messages = ListOf<KLVMsgSocketMessage*>({&hello});
-    ASSERT_EQ(2u, Communicator().RetrieveMessages(&query, messages));
-    EXPECT_EQ("a", TextOf(messages[1]));
-    delete messages[1];
-    Communicator().ShutdownMessageTask();
-    EXPECT_EQ(1, thread.Join());
-    EXPECT_EQ(0u, log.Names().find(theWait + " recv recv recv recv send send send "));
-    EXPECT_EQ("0 20000 ", log.Calls()[0].rest);
-    EXPECT_EQ("", client.peer.Receive(1));
-    EXPECT_EQ(0u, Known().size());
-    EXPECT_TRUE(Communicator().IsOkToShutDownMessageTask());
-    EXPECT_EQ((Ids{3}), Pending({Send(client.channel, &hello)}));
 }
 
 // Selects messages by chance, each twice and some that are not there, and keeps which ones.
