@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <fstream>
+#include <map>
 #include <random>
 
 #include "Faults.h"
@@ -150,5 +152,49 @@ TEST_F(CommunicatorTest, InboxFollowsTheModelFromWhichOneElementIsTakenAtATime) 
                 query.chosen.pop_back();
             }
         }
+    }
+}
+
+// A body of 8 bytes, written and read with one call; allocates nothing.
+struct FixedMessage : KLVMsgSocketMessage {
+    int WriteMessage(KLVMsgOutputStream* to) override { return to->write(body, 8, count), 1; }
+    int ReadMessage(KLVMsgInputStream* from) override { return from->read(body, 8, count), 1; }
+    KLVMsgSocketMessage* NewInstance() override { return this; }
+    KLVString GetMessageType() const override { return type; }
+
+    char body[8] = {};
+    int count = 0;
+    KLVString type{"TwelveLetter"};
+};
+
+// What a clock cannot tell exactly, against the budget file.
+TEST_F(CommunicatorTest, OneMessageCostsNoMoreCallsAndAllocationsThanBefore) {
+    std::map<std::string, int> limits;
+    std::ifstream file(BUDGET_FILE);
+    for (std::string word; file >> word;) {
+        word[0] == '#' ? file.ignore(1000, '\n') : file >> limits[word];
+    }
+    FixedMessage message;
+    Communicator().RegisterMessagePrototype("TwelveLetter", &message);
+    ConnectedPair pair;
+    Communicator().AddConnection(pair.channel, true);
+    const auto transmit = [&] {
+        Send(pair.channel, &message);
+        Communicator().TransmitPendingMessage();
+    };
+    const auto check = [&limits](const std::string& name, int buffers, auto action) {
+        const CallLog log;
+        const int before = Allocations();
+        action();
+        const int allocations = Allocations() - before - buffers;
+        EXPECT_LE(allocations, limits.at(name + "_allocations")) << name;
+        EXPECT_LE(static_cast<int>(log.Calls().size()), limits.at(name + "_calls")) << name;
+    };
+    for (int i = 0; i < 6; ++i) {  // makes room in queue and inbox
+        pair.peer.Send(HeaderBytes("TwelveLetter") + "12345678");
+        i < 5 ? transmit() : check("queue_and_transmit", 0, transmit);
+        i < 5 ? Cycle()
+              : check(
+                    "wait_and_receive", 2, [] { Cycle(); });  // two for the header
     }
 }
