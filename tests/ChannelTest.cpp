@@ -94,11 +94,11 @@ TEST(Organizer, RemovingShutsDownAndTakesTheFirstEntryOffEachList) {
                     {twice.number, first.number, second.number}),
               lists());
     organizer.RemoveChannel(organizer.channels[0], true);  // an entry itself
-    organizer.RemoveChannel(organizer.waitable.channels[0], true);
-    EXPECT_EQ("", unwatched.peer.Receive(1) + first.peer.Receive(1));
-    EXPECT_EQ(Lists({second.number}, {second.number}), lists());
+    organizer.RemoveChannel(organizer.waitable.channels[1], true);
+    EXPECT_EQ("", unwatched.peer.Receive(1) + second.peer.Receive(1));
+    EXPECT_EQ(Lists({first.number}, {first.number}), lists());
     organizer.Shutdown();
-    EXPECT_EQ("", second.peer.Receive(1));
+    EXPECT_EQ("", first.peer.Receive(1));
     EXPECT_EQ(Lists(), lists());
 }
 

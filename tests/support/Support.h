@@ -49,8 +49,7 @@ public:
     ~PlainPeer() { Close(); }
     PlainPeer(const PlainPeer&) = delete;
 
-    void Send(const std::string& bytes);
-    bool SendAny(const std::string& bytes);  // the same to a connection that may have gone
+    void Send(const std::string& bytes);  // to a connection that may have gone
 
     // Exactly `length` bytes, or as many as came before the connection ended.
     std::string Receive(std::size_t length);

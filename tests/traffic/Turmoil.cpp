@@ -113,7 +113,7 @@ void ComeAndGo(int port) {
     while (!over) {
         PlainPeer peer(port);
         const std::string bytes = TextBytes("Passing", std::string(Random(2000), 'x'));
-        peer.SendAny(bytes.substr(0, Random(2) == 0 ? Random(bytes.size()) : bytes.size()));
+        peer.Send(bytes.substr(0, Random(2) == 0 ? Random(bytes.size()) : bytes.size()));
         Pause(Random(10) == 0 ? 200 : 2);  // stalls, in the middle or not
         Leave(peer);
     }
@@ -146,7 +146,7 @@ void ConnectAndEnd(const char* label) {
         const bool stays = Random(2) == 0, byHand = stays && Random(2) == 0;
         Communicator().AddConnection(channel, !byHand);
         const unsigned int id = Send(channel, &message);
-        peer.SendAny(bytes.substr(0, stays ? bytes.size() : Random(bytes.size())));
+        peer.Send(bytes.substr(0, stays ? bytes.size() : Random(bytes.size())));
         Require(!byHand || ReadByHand(channel) == "Passing:from outside", "misread by hand");
         if (!stays) {
             Pause(5);  // until it has gone it holds everybody up
