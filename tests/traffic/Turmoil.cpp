@@ -242,24 +242,21 @@ void Run(int seconds) {
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     over = true;
     turmoil.clear();  // when they have ended
-    int received = 0, sent = 0;
-    const auto missing = [&] {
+    int moved = 0;
+    const auto missing = [&moved] {
         Retrieve();
-        received = sent = 0;
-        int count = 0;
+        int promised = moved = 0;
         for (const auto& [peer, to, from] : steady) {
-            received += from.arrived;
-            sent += to.arrived;
-            count += from.sent + to.sent;
+            moved += to.arrived + from.arrived;
+            promised += to.sent + from.sent;
         }
-        return count - received - sent;
+        return promised - moved;
     };
     Require(Eventually([&] { return missing() == 0; }), std::to_string(missing()) + " missing");
     Communicator().ShutdownMessageTask();
     driving.Join();
     peers.clear();
-    std::cout << "turmoil: " << received << " received and " << sent << " sent, each once (seed "
-              << seed << ")\n";
+    std::cout << "turmoil: " << moved << " messages, each once (seed " << seed << ")\n";
 }
 
 }  // namespace
