@@ -173,6 +173,7 @@ TEST(OrderedMap, FollowsTheModelAlsoWhereComparisonWraps) {
             ASSERT_EQ(shape, Shape(made->m_root));
             ASSERT_EQ(map.Size(), made->Size());
             copy.Clear();
+            EXPECT_EQ(0, copy.Size());
             EXPECT_EQ(KLVString("none"), copy.Get(1000));
             EXPECT_EQ(KLVString("none"), assigned.ConstGet(1000));
             EXPECT_EQ(KLVString(""), map.GetNullValue());
