@@ -134,8 +134,8 @@ void WatchedMutex::Unlock() {
 KLVBasAtiMutex* KLVBasAtiThreadingModel::newMutex() {
     static auto* const next = Next(&newMutex, "_ZN23KLVBasAtiThreadingModel8newMutexEv");
     const Exempt exempt;
-    KLVBasAtiMutex* const mutex = next();
-    return mutex == nullptr ? nullptr : new WatchedMutex(mutex);
+    KLVBasAtiMutex* const made = next();
+    return made == nullptr ? nullptr : new WatchedMutex(made);
 }
 
 Interposed::Interposed(SystemCallHandler handler) {
