@@ -15,8 +15,9 @@
 #include "KLVMsgFramedMessage.h"
 
 // Content is a class of the application's with cereal's functions, or a standard one such as
-// std::map<std::string, double>; the headers of cereal for its parts are included by whoever uses it
-// (<cereal/types/map.hpp>). Its form is cereal's portable binary one, which begins with the byte order.
+// std::map<std::string, double>; the headers of cereal for its parts are included by whoever uses
+// it (<cereal/types/map.hpp>). Its form is cereal's portable binary one, which begins with the byte
+// order.
 //
 //     KLVMsgCerealMessage<std::map<std::string, double>> prices("Prices");
 //     prices.content["bolt"] = 0.25;

@@ -14,8 +14,8 @@
 #include "KLVMsgOutputStream.h"
 #include "KLVMsgSocketMessage.h"
 
-// A derived class turns its fields into bytes and bytes into its fields; this one moves them. On the
-// wire, behind the header:
+// A derived class turns its fields into bytes and bytes into its fields; this one moves them. On
+// the wire, behind the header:
 //
 //     0        4            4 + N
 //     +--------+------------+
@@ -23,8 +23,8 @@
 //     +--------+------------+
 //
 // The whole body is read before Decode sees it: what Decode leaves unread does no harm, and neither
-// does a derived class that takes the bytes for something else. klvmsgcat, the dissector with the rule
-// length(0,4,little) and the Python peer speak this form.
+// does a derived class that takes the bytes for something else. klvmsgcat, the dissector with the
+// rule length(0,4,little) and the Python peer speak this form.
 //
 //     class Greeting : public KLVMsgFramedMessage {
 //     public:
@@ -47,13 +47,13 @@ public:
     // they are no such fields: the message is not whole then.
     virtual bool Decode(std::string_view bytes) = 0;
 
-    // The largest body, without its length, that is sent or taken; 2^31 - 5 at the most. A longer one
-    // is refused: the sender sends it as one that could not be put into bytes, a receiver reads no
-    // byte of it. The bytes of such a body are then taken for headers: close the connection.
+    // The largest body, without its length, that is sent or taken; 2^31 - 5 at the most. A longer
+    // one is refused: the sender sends it as one that could not be put into bytes, a receiver reads
+    // no byte of it. The bytes of such a body are then taken for headers: close the connection.
     virtual std::size_t Limit() const { return std::size_t{64} << 20; }
 
-    // Sends length and bytes with one write of the stream, whose piece size must not be smaller for the
-    // result to be right. 1 when all of the body was taken, 0 otherwise. May block in send.
+    // Sends length and bytes with one write of the stream, whose piece size must not be smaller for
+    // the result to be right. 1 when all of the body was taken, 0 otherwise. May block in send.
     int WriteMessage(KLVMsgOutputStream* stream) override {
         std::string body;
         if (!EncodeWithinLimit(body)) {

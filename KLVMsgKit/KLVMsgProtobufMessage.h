@@ -12,8 +12,8 @@
 
 // Content is a class that protoc has made of a .proto file. The type's name is the one that stands
 // there, with its package ("shop.Order"), unless a derived class overrides GetMessageType and
-// NewInstance. A message without a field that its file requires is not sent: the receiver gets one that
-// is not whole.
+// NewInstance. A message without a field that its file requires is not sent: the receiver gets one
+// that is not whole.
 //
 //     KLVMsgProtobufMessage<shop::Order> order;
 //     order.content.set_item("bolt");

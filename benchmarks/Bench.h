@@ -68,7 +68,7 @@ public:
         for (Contender& contender : m_contenders) {
             contender.times.clear();
         }
-        for (auto _ : state) {
+        for ([[maybe_unused]] auto _ : state) {
             const double start = Now();
             TakeTurns();
             state.SetIterationTime((Now() - start) / 1e9);
@@ -120,7 +120,7 @@ private:
 
 // Registers a benchmark that runs a comparison: `rounds` iterations, and that several times over.
 template <class Body>
-void Register(const std::string& name, int rounds, Body body, int repetitions = 5) {
+void Register(const std::string& name, int rounds, Body body, int repetitions = 3) {
     auto* const made = benchmark::RegisterBenchmark(name.c_str(), body);
     made->UseManualTime()->Iterations(Rounds(rounds))->Repetitions(Rounds(repetitions));
     made->Unit(benchmark::kMillisecond);

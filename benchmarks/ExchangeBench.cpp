@@ -1,8 +1,8 @@
 // Messages between two processes, one way and there and back: the library beside a bare loop of the
 // same system calls and beside messaging libraries.
 //
-// Every contender has two processes of its own, since the threads that some of them start would make
-// the system calls of the others dearer.
+// Every contender has two processes of its own, since the threads that some of them start would
+// make the system calls of the others dearer.
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
@@ -214,10 +214,10 @@ void RegisterAll() {
         add("one_way", Tuning::OneWay, size, 20);
     }
     for (const int size : {16, 1 << 10}) {
-        add("there_and_back", Tuning::ThereAndBack, size, 15);
+        add("there_and_back", Tuning::ThereAndBack, size, 10);
     }
     for (const int size : {16, 1 << 10}) {
-        add("there_and_back_marked", Tuning::ThereAndBackMarked, size, 15);
+        add("there_and_back_marked", Tuning::ThereAndBackMarked, size, 10);
     }
 }
 

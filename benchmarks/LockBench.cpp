@@ -1,5 +1,5 @@
-// Many threads that each send once while the message task's cycle holds the communicator's lock: what
-// handing the lock over costs, beside std::mutex in its place.
+// Many threads that each send once while the message task's cycle holds the communicator's lock:
+// what handing the lock over costs, beside std::mutex in its place.
 #include <dlfcn.h>
 #include <sys/resource.h>
 

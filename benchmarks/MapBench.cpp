@@ -153,6 +153,7 @@ Comparison::Turn Lives(const Keys<K>& keys, const V& value) {
             }
         }
         std::vector<double> medians;
+        medians.reserve(byOperation.size());
         for (const auto& times : byOperation) {
             medians.push_back(Median(times));
         }
@@ -187,17 +188,13 @@ void RegisterAll() {
     for (const int full : {100, 10000, 1000000}) {
         const int count = smoke ? std::min(full, 10000) : full;
         const int rounds = full == 1000000 ? 1 : 12;
-        const int repetitions = full == 1000000 ? 3 : 5;
         const std::string suffix = "/" + std::to_string(full);
-        Register(
-            "map/random_int" + suffix, rounds,
-            [count](benchmark::State& state) { CompareInts(state, count, false); }, repetitions);
-        Register(
-            "map/ascending_int" + suffix, rounds,
-            [count](benchmark::State& state) { CompareInts(state, count, true); }, repetitions);
-        Register(
-            "map/text" + suffix, rounds,
-            [count](benchmark::State& state) { CompareTexts(state, count); }, repetitions);
+        Register("map/random_int" + suffix, rounds,
+                 [count](benchmark::State& state) { CompareInts(state, count, false); });
+        Register("map/ascending_int" + suffix, rounds,
+                 [count](benchmark::State& state) { CompareInts(state, count, true); });
+        Register("map/text" + suffix, rounds,
+                 [count](benchmark::State& state) { CompareTexts(state, count); });
     }
 }
 

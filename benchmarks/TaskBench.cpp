@@ -242,17 +242,18 @@ void Latency(benchmark::State& state) {
     const int messages = smoke ? 3 : 100;
     SharedMemory().taken = 0;
     std::vector<double> overshoots;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const double start = Now();
         for (const double overshoot : RunPairs(pairs, messages)) {
             overshoots.push_back(overshoot);
         }
         state.SetIterationTime((Now() - start) / 1e9);
     }
-    Require(SharedMemory().taken == pairs * messages, "every message arrived once");
+    const int sent = pairs * messages;
+    Require(SharedMemory().taken == sent, "every message arrived once");
 
     const double* const first = SharedMemory().latencyMs;
-    const std::vector<double> measured(first, first + pairs * messages);
+    const std::vector<double> measured(first, first + sent);
     const std::vector<double> implied = ImpliedLatencies(overshoots, messages);
     state.counters["ms:overshoot"] = Median(overshoots);
     for (const int percent : {1, 5, 10, 20, 30, 40, 50, 60, 70, 80, 90, 95, 99}) {
@@ -270,7 +271,7 @@ double ProcessSeconds() {
 
 void Idle(benchmark::State& state) {
     const double seconds = smoke ? 0.3 : 10;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const pid_t child = InChild([seconds] {
             ConnectTo(Serve());
             const RunningTask task;

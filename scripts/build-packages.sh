@@ -17,7 +17,8 @@ case "$*" in
   --no-check) check=no ;;
   *) echo "usage: build-packages.sh [--no-check]" >&2; exit 2 ;;
 esac
-need_packages build-essential cmake debhelper dpkg-dev
+need_packages build-essential cmake debhelper dh-python dpkg-dev pybuild-plugin-pyproject python3 \
+  python3-setuptools python3-wheel
 [ $check = no ] || need_packages lintian
 
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
@@ -88,7 +89,8 @@ export SOURCE_DATE_EPOCH
 find "$source" -exec touch -h -d "@$SOURCE_DATE_EPOCH" {} +
 
 echo "== Building the packages in $build"
-(cd "$source" && env -u CXX -u CXXFLAGS -u CMAKE_CXX_COMPILER_LAUNCHER \
+# With the system's own compiler and Python, which may not be the first ones of the user's.
+(cd "$source" && env -u CXX -u CXXFLAGS -u CMAKE_CXX_COMPILER_LAUNCHER PATH=/usr/sbin:/usr/bin:/sbin:/bin \
   dpkg-buildpackage --build=binary --no-sign --jobs="$(nproc)") \
   >"$build/build.log" 2>&1 || { cat "$build/build.log" >&2; exit 1; }
 cp "$folder"/*.deb "$build"

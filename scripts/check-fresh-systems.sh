@@ -106,6 +106,8 @@ EOF
 cd '/srv/first place'
 ./demo.sh --clients 3
 ./test.sh
+cp -r build/release/tests/readme/project /srv/first
+cp tests/readme/first_program_test.sh /srv/first/
 EOF
   expect "hub and clients agree on every file"
   expect "100% tests passed"
@@ -160,11 +162,11 @@ sudo() { "$@"; }
 cd '/srv/second place'
 commands=$(sed -n '/^## By hand/,/^## Build/p' docs/install.md | sed -n '/^```sh/,/^```/p' | sed '/^```/d')
 eval "${commands%sudo xargs*}"
-g++ -std=c++17 tests/consumer/main.cpp $(pkg-config --cflags --libs KLVMsgCommModules) -o /tmp/by-hand
-/tmp/by-hand
-cmake -S tests/consumer/installed -B /tmp/by-hand-cmake
+g++ -std=c++17 /srv/first/first.cpp $(pkg-config --cflags --libs KLVMsgCommModules) -o /tmp/by-hand
+/srv/first/first_program_test.sh /tmp/by-hand
+cmake -S /srv/first -B /tmp/by-hand-cmake
 cmake --build /tmp/by-hand-cmake
-/tmp/by-hand-cmake/consumer
+/srv/first/first_program_test.sh /tmp/by-hand-cmake/first
 eval "sudo xargs${commands##*sudo xargs}"
 [ -z "$(find /usr/local -iname '*klv*' -not -type d)" ]
 EOF
@@ -204,28 +206,61 @@ grep "from a package" /tmp/got
 tshark -G protocols | grep -w klvmsg
 EOF
 
+  step "The packages installed and used: Python, with what it recommends"
+  run_in "$2" root <<'EOF'
+export DEBIAN_FRONTEND=noninteractive
+apt-get install -q -y /srv/packages/python3-klvmsg_*.deb
+EOF
+  run_in "$2" tester offline <<'EOF'
+cd
+klvmsg --version
+klvmsgcat --listen 127.0.0.1:45997 --receive Note --count 1 >got 2>cat-says &
+klvmsg record run.jsonl --listen 45996 --connect 127.0.0.1:45997 --connections 1 2>record-says &
+for attempt in $(seq 100); do
+  sleep 0.2
+  ! grep -q listening cat-says || ! grep -q listening record-says || break
+done
+python3 -c '
+import klvmsg
+with klvmsg.connect("127.0.0.1", 45996, timeout=5) as peer:
+    peer.send("Note", b"from Python")
+    peer.finish(timeout=20)'
+wait
+grep "from Python" got
+klvmsg chart run.jsonl
+grep -q "<svg" run.svg
+script -qc 'stty cols 80 rows 24; timeout -s INT 3 klvmsg spy --top -l 45995 -c 127.0.0.1:45997' top || true
+grep -q "Ctrl-C ends" top
+ls /usr/share/man/man1/klvmsg.1.gz /usr/share/man/man1/klvmsgcat.1.gz
+EOF
+
   step "The packages installed and used: development"
   run_in "$2" root <<'EOF'
 export DEBIAN_FRONTEND=noninteractive
 apt-get install -q -y --no-install-recommends /srv/packages/*.deb cmake g++ gdb make pkg-config
 EOF
-  cp -r "$root/tests/consumer" "$2/srv/consumer"
+  cp -r "$1/srv/first" "$2/srv/first"
   run_in "$2" tester offline <<'EOF'
+cd /usr/share/doc
+grep -roP --include=*.md '\]\(\K(?!https?:)[^)#]+' *klvmsg* | while IFS=: read -r page link; do
+  [ -e "${page%/*}/$link" ] || { echo "$page: nothing is at $link"; exit 1; }
+done
 cmake -S /usr/share/doc/libklvmsgcommmodules-dev/examples -B ~/examples
 cmake --build ~/examples --parallel "$(nproc)"
 ~/examples/exchange/exchange --clients 3 /etc/passwd /usr/share/doc/libklvmsgcommmodules-dev/README.md
-cmake -S /srv/consumer/installed -B ~/consumer
-cmake --build ~/consumer
-~/consumer/consumer
+cmake -S /srv/first -B ~/first
+cmake --build ~/first
+/srv/first/first_program_test.sh ~/first/first
 pkg-config --cflags --libs KLVMsgCommModules
-g++ -std=c++17 -Wall -Wextra -Wnon-virtual-dtor -Wold-style-cast -Werror /srv/consumer/main.cpp \
+g++ -std=c++17 -Wall -Wextra -Wnon-virtual-dtor -Wold-style-cast -Werror /srv/first/first.cpp \
   $(pkg-config --cflags --libs KLVMsgCommModules) -o ~/by-pkg-config
-~/by-pkg-config
-gdb --batch -ex 'set breakpoint pending on' -ex 'break KLVMsgMessageTask::Run' -ex run -ex 'info source' ~/by-pkg-config
+/srv/first/first_program_test.sh ~/by-pkg-config
+gdb --batch -ex 'set breakpoint pending on' -ex 'break KLVMsgCommModules_initialize' \
+  -ex run -ex 'info source' --args ~/by-pkg-config serve 45998
 EOF
   expect "hub and clients agree on every file"
   expect "-isystem/usr/include/KLVMsgCommModules"
-  expect "KLVMsgMessageTask.cpp"
+  expect "KLVMsgCommModules_IF.cpp"
 
   step "The packages removed"
   run_in "$2" root <<'EOF'

@@ -66,6 +66,7 @@ is_there() {  # PACKAGE
     build-essential) dpkg-query -W -f '${Status}' build-essential 2>/dev/null | grep ' installed$' ;;
     clang) command -v clang++ ;;
     debhelper) command -v dh ;;
+    dh-python) command -v dh_python3 ;;
     dpkg-dev) command -v dpkg-buildpackage ;;
     g++) command -v "${CXX:-c++}" ;;
     gnuplot-nox) command -v gnuplot ;;
@@ -81,6 +82,7 @@ is_there() {  # PACKAGE
     libgtest-dev) has_header gtest/gtest.h ;;
     libnng-dev) has_header nng/nng.h ;;
     libzmq3-dev) has_header zmq.h ;;
+    pybuild-plugin-pyproject) [ -e /usr/share/dh-python/dhpython/build/plugin_pyproject.py ] ;;
     python3) python3 -c 'import json' 2>/dev/null ;;
     python3-*) /usr/bin/python3 -c "import ${1#python3-}" 2>/dev/null ;;
     *) command -v "$1" ;;

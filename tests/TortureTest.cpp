@@ -82,8 +82,8 @@ private:
         }
     }
 
-    // One that moves bytes. With the fault in it a connection may be out of step: the run has to come
-    // to its end, whatever still arrives.
+    // One that moves bytes. With the fault in it a connection may be out of step: the run has to
+    // come to its end, whatever still arrives.
     void Move(Lock lock, const Operation& operation, int line = __builtin_LINE()) {
         const bool before = m_left > 0;
         const bool done = Attempt(lock, operation, line);

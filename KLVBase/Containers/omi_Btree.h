@@ -142,8 +142,8 @@ public:
     V m_nullValue;
 };
 
-// What node and map do alike, on the slot that holds a subtree. These are no members: the members of
-// a map that a library exports are part of its binary interface, private ones as well.
+// What node and map do alike, on the slot that holds a subtree. These are no members: the members
+// of a map that a library exports are part of its binary interface, private ones as well.
 
 // The depth of a child that may be missing, as SetMaxDepth counts it.
 template <class Node>

@@ -116,8 +116,8 @@ KLVBasAtiGlobalSingleton<T>::KLVBasAtiGlobalSingleton() {
     }
     const KLVBasAtiGlobalSingletonLock<T> lock;
     Assert(m_instance == nullptr, "AssertionFailed:m_instance == 0", 17);
-    // Where the object begins that this is the base of, told from where this base lies in any T: the
-    // object itself does not exist yet, and a cast to it would use it as if it did.
+    // Where the object begins whose base this is, worked out from where the base lies in any T. The
+    // object itself does not exist yet: a cast to it would use it as if it did.
     T* const any = reinterpret_cast<T*>(alignof(T));
     const auto base = reinterpret_cast<std::uintptr_t>(static_cast<KLVBasAtiGlobalSingleton*>(any));
     m_instance = reinterpret_cast<T*>(reinterpret_cast<std::uintptr_t>(this) - base + alignof(T));

@@ -17,7 +17,7 @@ public:
     // Throws std::system_error when the system has no further thread to give.
     explicit KLVBasAtiThread(KLVBasAtiThreadTask& task);
 
-    // Waits for the thread if nobody has: it never runs on behind a task that is gone.
+    // Waits for the thread if nobody has yet: it never runs on after its task has gone.
     ~KLVBasAtiThread();
 
     KLVBasAtiThread(const KLVBasAtiThread&) = delete;

@@ -22,9 +22,9 @@ public:
     using KLVBasVectorGeneric::Size;
 
     // Requires: position < Size(). The reference is valid until the array is changed.
-    T& operator[](std::size_t position) { return *reinterpret_cast<T*>(At(position)); }
+    T& operator[](std::size_t position) { return reinterpret_cast<T*>(At(0))[position]; }
     const T& operator[](std::size_t position) const {
-        return *reinterpret_cast<const T*>(At(position));
+        return reinterpret_cast<const T*>(At(0))[position];
     }
 
 private:

@@ -53,9 +53,9 @@ public:
     // Appends a copy of the element; it may be one of this array's own.
     void PushBack(const void* element);
 
-    // Removes the element at `position` and moves the later ones down; allocates nothing. A position
-    // that is not in the array, such as -1, erases nothing. If copying a later element throws, that
-    // element and those behind it are destroyed too, and the array ends before them.
+    // Removes the element at `position` and moves the later ones down; allocates nothing. A
+    // position that is not in the array, such as -1, erases nothing. If copying a later element
+    // throws, that element and those behind it are destroyed too, and the array ends before them.
     void Erase(int position);
 
     // Destroys all elements and keeps the memory for the next ones.

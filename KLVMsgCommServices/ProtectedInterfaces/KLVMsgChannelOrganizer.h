@@ -19,9 +19,9 @@ public:
     // Appends to `out` the channels that the query selects, or all of them without a query.
     void LookupChannel(KLVMsgChannelQuery* query, KLVBasVector<KLVMsgChannel>& out) const;
 
-    // Takes the channel's first entry off each list, and shuts its connection down, even when it was
-    // on neither. The caller's channel then holds -1, unless it was itself an entry of one of the
-    // lists: that entry is gone. The flag has no effect.
+    // Takes the channel's first entry off each list, and shuts its connection down, even when it
+    // was on neither. The caller's channel then holds -1, unless it was itself an entry of one of
+    // the lists: that entry is gone. The flag has no effect.
     void RemoveChannel(KLVMsgChannel& channel, bool flag);
 
     // Removes every channel that the query selects, or all of them without a query.

@@ -18,11 +18,12 @@ public:
     // Waits (select) until a watched connection is readable or the time is over, and appends what
     // it found. The results of earlier waits stay: the caller clears them.
     //
-    // A readable listening socket has its waiting connection accepted and registered, and a channel
-    // for it with an empty label goes to `newChannels`; entries of `channels` with its number leave,
-    // since they are about a connection that has gone. Any other readable connection, one that the
-    // peer has closed included, goes to `readyChannels`: in ascending order of descriptors, and once
-    // for each of its entries in `channels`. One that is removed during the wait does not.
+    // For a readable listening socket, the waiting connection is accepted and registered, and a
+    // channel for it with an empty label goes to `newChannels`. Entries of `channels` with its
+    // number leave: they are about a connection that has gone. Any other readable connection, one
+    // that the peer has closed included, goes to `readyChannels`: in ascending order of
+    // descriptors, and once for each of its entries in `channels`. One that is removed during the
+    // wait does not.
     //
     // Connections that are unknown or marked as closed are passed over, as are those whose
     // descriptor does not fit the descriptor set (1024 and above): these are never found readable,
@@ -33,9 +34,9 @@ public:
     // are in `newChannels`, and nothing else has changed.
     //
     // The time is in milliseconds. 0 looks without waiting. Exactly 1000 is given to the system as
-    // 1,000,000 microseconds, and a negative time as it is. A time that select refuses ends the wait,
-    // as does a signal. A wait that ended so is reported on aio_cerr as "waiting for select" and the
-    // errno.
+    // 1,000,000 microseconds, and a negative time as it is. A time that select refuses ends the
+    // wait, as does a signal. A wait that ended so is reported on aio_cerr as "waiting for select"
+    // and the errno.
     void WaitForConnectionAndMessages(int timeoutMilliseconds);
 
     bool acceptConnections = true;              // false: readable listening sockets are ignored

@@ -4,29 +4,30 @@
 // - An object is used by one thread at a time. The two singletons, KLVMsgSocketCommunicator and
 //   KLVMsgConnectionServicesUtils, guard themselves and may be used from any thread.
 // - Nothing throws but std::bad_alloc, which leaves objects as they were and no lock taken, and
-//   KLVBasAtiThread where there is no thread to be had. On the message task's thread an exception ends
-//   the process.
-// - A pointer handed in stays its owner's. Output vectors are appended to, not cleared.
+//   KLVBasAtiThread where there is no thread to be had. On the message task's thread an exception
+//   ends the process.
+// - What a pointer handed in points to stays the caller's. Output vectors are appended to, not
+//   cleared.
 // - Times are in milliseconds, sizes in bytes, error numbers are errno values.
 //
-// A connection number is a descriptor, and the system gives it to somebody else when it is free. Any
-// thread may connect, serve, add, remove, shut down, relabel and ask while the message task runs:
-// what is at work with a connection keeps its number taken until it is done, no message takes a byte
-// from another connection or gives it one, and nothing waits but for a peer that stops in the middle
-// of a message, or that is slow to be connected to. What the application must see to itself:
-// - A channel, a pointer from GetSocket or a waitable of its own is not used when its connection has
-//   gone: the number, or the memory, may be somebody else's.
+// A connection number is a descriptor, and the system gives it to somebody else when it is free.
+// Any thread may connect, serve, add, remove, shut down, relabel and ask while the message task
+// runs. Work on a connection keeps its number taken until it is done. No message takes a byte from
+// another connection, or gives it one. Nothing waits, except for a peer that stops in the middle of
+// a message or is slow to connect to. What the application must see to itself:
+// - A channel, a pointer from GetSocket or a waitable of its own is not used when its connection
+//   has gone: the number, or the memory, may be somebody else's.
 // - It does not close the number of a registered socket itself.
-// - RemoveConnection of the registry, which takes no lock, has no other users of the registry beside
-//   it. ShutDownConnection may have any.
-// - A listening socket, or a connection, is watched by one wait at a time, and no other stream reads
-//   from a connection that is watched.
-// - Connect and BindLocalAddress of a registered socket have no other users of it beside them.
-// - A message written by hand, as a header and a body, is two steps: the connection may go between.
-// - The process is not forked while a cycle works: the child would have it work for ever.
+// - RemoveConnection of the registry takes no lock: nobody else uses the registry meanwhile. With
+//   ShutDownConnection anybody may.
+// - A listening socket, or a connection, is watched by one wait at a time, and no other stream
+//   reads from a connection that is watched.
+// - While Connect or BindLocalAddress of a registered socket runs, nobody else uses that socket.
+// - A header and a body written by hand are two steps: the connection may go in between.
+// - The process is not forked while a cycle works: in the child that cycle would never end.
 // - NewInstance runs under the registry's lock and does not call the registry. WriteMessage,
-//   ReadMessage, GetMessageType and a query's Search run under the communicator's lock: they may call
-//   the registry, and do not call the communicator.
+//   ReadMessage, GetMessageType and a query's Search run under the communicator's lock: they may
+//   call the registry, and do not call the communicator.
 #pragma once
 
 #if __cplusplus < 201703L

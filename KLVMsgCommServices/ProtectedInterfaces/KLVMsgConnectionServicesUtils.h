@@ -5,8 +5,9 @@
 //   its whole run, blocking socket calls included, and none calls another that takes it.
 // - A connection number is the registered socket's descriptor. The operating system reuses numbers,
 //   and so does the registry; a number that it hands out anew starts unknown to the communicator.
-// - The registry owns the sockets: RemoveConnection destroys them, once nobody is at work with them.
-//   It owns no prototype, and its destruction (Finalize) closes and destroys no registered socket.
+// - The registry owns the sockets: RemoveConnection destroys them when nobody is using them any
+//   more. It owns no prototype, and its destruction (Finalize) closes and destroys no registered
+//   socket.
 #pragma once
 
 #include "KLVBasAtiGlobalSingleton.h"
@@ -46,9 +47,9 @@ public:
 
     // Registers a KLVMsgCommSocket or KLVMsgServerSocket made with `new` under its descriptor and
     // returns 1: the registry owns it from then on. Returns 0 when the number is taken, also by a
-    // socket that is closed (ShutDownConnection takes that one out): the entry stays, and the socket
-    // stays the caller's. What the communicator knows under the number is kept, since a channel may
-    // be made known before its socket.
+    // socket that is closed (ShutDownConnection takes that one out): the entry stays, and the
+    // socket stays the caller's. What the communicator knows under the number is kept, since a
+    // channel may be made known before its socket.
     // Requires: `socket` is not null, and of one of these two classes itself.
     int AddConnection(KLVMsgSocket* socket);
 
@@ -62,30 +63,30 @@ public:
     // unknown number. Takes no lock: for callers that hold it, or know that nobody else uses the
     // registry. ShutDownConnection is the form for everybody else.
     //
-    // Neither waits for the transfer of a body, on whichever thread (of a header ShutDownConnection
-    // does, as every operation here): it ends both directions and unregisters at once, which ends a
-    // read or a write in progress, and leaves closing and destroying to the end of that connection's
-    // turn. A socket that is closed already makes no system call.
+    // Neither form waits for the transfer of a body, on any thread. ShutDownConnection does wait
+    // for that of a header, as every operation here. Both directions end at once, which ends a read
+    // or a write in progress, and the socket is unregistered at once. It is closed and destroyed at
+    // the end of that connection's turn. A socket that is closed already makes no system call.
     void RemoveConnection(int number);
 
     // RemoveConnection under the lock.
     void ShutDownConnection(int number);
 
-    // Opens a listening socket and registers it, in place of one that is still registered under the
-    // number and is destroyed. Returns null only when no socket could be made: one whose bind or
-    // listen failed is registered too, and HasError tells. After a failed bind it may still listen,
-    // on a port of the system's choice, until it is shut down.
+    // Opens a listening socket and registers it. A socket that is still registered under its number
+    // is destroyed. Returns null only when no socket could be made: one whose bind or listen failed
+    // is registered too, and HasError tells. After a failed bind it may still listen, on a port of
+    // the system's choice, until it is shut down.
     //
-    // Blocks until the host is resolved. Before that it lets other threads' waits let go of listening
-    // sockets that were shut down, so that their ports are free: a moment, a second at the most. The
-    // socket is the registry's.
+    // Blocks until the host is resolved. Before that it waits until other threads' waits have let
+    // go of listening sockets that were shut down, so that their ports are free. That takes a
+    // moment, and a second at the most. The socket is the registry's.
     KLVMsgServerSocket* StartServer(KLVMsgSocketAddress address, int backlog);
 
     // Connects to `server` and registers the socket like StartServer. Returns null when that
     // failed: errno tells the cause, and nothing is left open. Where the host does not resolve that
-    // is whatever the resolver left in errno. One attempt, without a time limit of its own, which
-    // holds up every other user of the registry. The first argument is not used. The socket is the
-    // registry's.
+    // is whatever the resolver left in errno. It tries once, without a time limit of its own, and
+    // holds up every other user of the registry meanwhile. The first argument is not used. The
+    // socket is the registry's.
     KLVMsgCommSocket* ConnectToServer(KLVMsgSocketAddress first, KLVMsgSocketAddress server);
 
     // Names ---------------------------------------------------------------------------------------
@@ -107,19 +108,19 @@ public:
     // Reads a header: one recv for the length, one for the name, neither repeated. Returns 1 and
     // sets `typeName`, which ends at the name's first zero byte if it has one. Returns 0 and leaves
     // it alone when the number is no stream socket with an open input, when a recv got less than
-    // all (those bytes are lost), when the name is empty, or when its length is 2^31 - 1 or more or
-    // more than there is memory for. Clears the socket's last error first.
+    // all (those bytes are lost), when the name is empty, or when its length is 2^31 - 1 and above,
+    // or more than there is memory for. Clears the socket's last error first.
     //
-    // A connection found lost on the length is removed from the registry, and its error with it. One
-    // found lost on the name, or closed by the peer, is shut down and stays. Waits while nothing has
-    // arrived, which holds up every other user of the registry. The name's buffer is kept until the
-    // process ends.
+    // A connection found lost on the length is removed from the registry, and its error with it.
+    // One found lost on the name, or closed by the peer, is shut down and stays. Waits while
+    // nothing has arrived, which holds up every other user of the registry. The name's buffer is
+    // kept until the process ends.
     int RetrieveMessageTypeFromSocket(int number, KLVString& typeName);
 
-    // With true the buffers that headers are read into are released from now on; at first, and with
-    // false, that of each type name which has come is kept until the process ends, as is that of a
-    // length which came in part. Kept are some 32 bytes a message: at 80,000 messages a second 9 GB an
-    // hour. Nothing else changes.
+    // With true, the buffers that headers are read into are released from now on. With false, and
+    // at first, two kinds are kept until the process ends: that of each type name that has come,
+    // and that of a length of which only a part has come. That is some 32 bytes a message, or 9 GB
+    // an hour at 80,000 messages a second. Nothing else changes.
     void ReleaseHeaderBuffers(bool release);
 
     // Registers a prototype, which stays the application's and outlives the registry's use of it. A
@@ -149,9 +150,13 @@ private:
     KLVMsgCommSocket* FindStreamSocket(int number) const;
     void Register(KLVMsgSocket* socket);
     bool AddAccepted(KLVMsgCommSocket* socket);
-    KLVString TypeName(const char* text) const;
+    KLVString SharedTypeName(const char* text) const;
     int SendMessageHeader_priv(int number, const KLVString& typeName);
     int RetrieveMessageTypeFromSocket_priv(int number, KLVString& typeName);
+    int WriteHeader(KLVMsgCommSocket& socket, const KLVString& typeName);
+    int ReadHeader(KLVMsgCommSocket& socket, int number, KLVString& typeName);
+    int ReadNameLength(KLVMsgCommSocket& socket, int number);
+    int ReadName(KLVMsgCommSocket& socket, int length, KLVString& typeName);
 
     omi_IntTable<void*> m_connections;  // number to KLVMsgSocket*, owned
     omi_Btree<KLVString, KLVMsgSocketMessage*> m_prototypes;

@@ -14,9 +14,9 @@ public:
     KLVMsgServerSocket(KLVMsgSocketAddress local, int backlog);
 
     // Takes one waiting connection (accept), or waits until there is one. Returns a connected
-    // socket that the caller owns, without any socket option set, or null on failure. The errors that
-    // tell of a lost connection (see KLVMsgCommSocket, ECONNABORTED among them) shut this listening
-    // socket down.
+    // socket that the caller owns, without any socket option set, or null on failure. The errors
+    // that tell of a lost connection (see KLVMsgCommSocket, ECONNABORTED among them) shut this
+    // listening socket down.
     KLVMsgCommSocket* Accept();
 
     // Ends both directions (shutdown with SHUT_RDWR) and closes the descriptor.

@@ -3,13 +3,13 @@
 // Invariants:
 // - A socket holds no lock. Registered ones are used under the registry's lock; a caller that uses
 //   one directly sees to it that nobody else does at the same time.
-// - Operations report nothing. A failing system call leaves its errno in `lastError`, except one that
-//   sets SO_REUSEADDR or SO_KEEPALIVE, or ends a direction of a lost connection. A socket overwrites
-//   `lastError` and never clears it.
+// - Operations report nothing. A failing system call leaves its errno in `lastError`, except one
+//   that sets SO_REUSEADDR or SO_KEEPALIVE, or ends a direction of a lost connection. A socket
+//   overwrites `lastError` and never clears it.
 // - Shutdown closes the descriptor, a destructor never does.
 // - A socket closes a descriptor once. From then on its number may be somebody else's: an operation
 //   that would still use it makes no system call and fails with EBADF. A caller who then changes
-//   `descriptor`, `closed` or a direction flag has put in a new descriptor, and the socket owns that.
+//   `descriptor`, `closed` or a direction flag has put in a new one, which the socket owns.
 #pragma once
 
 #include <atomic>
@@ -29,8 +29,8 @@ public:
 
     // Closes the descriptor (close) and marks the socket as closed. The number stays in
     // `descriptor`. While the communicator, a wait or a stream works with the registered socket, on
-    // whichever thread, only the mark is set. The descriptor is closed when they are done with it: no
-    // other connection can be given its number before that.
+    // whichever thread, only the mark is set. The descriptor is closed when they are done with it:
+    // no other connection can be given its number before that.
     void Close();
 
     // Stores `local`, makes the descriptor (socket) and binds it (getaddrinfo, bind) to the first
@@ -61,8 +61,8 @@ protected:
 private:
     friend class KLVMsgSocketHold;
 
-    // How the socket is closed and destroyed while others work with it. A copy of a socket takes over
-    // only what is closed already.
+    // How the socket is closed and destroyed while others work with it. A copy of a socket takes
+    // over only what is closed already.
     struct Departure {
         Departure() = default;
         Departure(const Departure& other) { *this = other; }

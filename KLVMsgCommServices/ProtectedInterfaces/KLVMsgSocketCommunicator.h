@@ -3,14 +3,15 @@
 // Invariants:
 // - One lock, the singleton's, guards all fields. Two of them, the output stream and the task flag,
 //   are atomic, since they are also looked at without it. Every operation holds the lock for its
-//   whole run, except where it says otherwise. The registry's lock may be taken while it is held, and
-//   never the other way round.
+//   whole run, except where it says otherwise. The registry's lock may be taken while it is held,
+//   and never the other way round.
 // - Messages and streams are the application's. The inbox and the queue only point to messages.
 // - The ids in the pending queue are consecutive: each queued record takes the next one, and the
 //   queue is only ever emptied as a whole.
-// - What is known under a number (channels, watched channels, queued records) is about the connection
-//   that has it. When the registry hands a number out anew, every operation that takes the lock begins
-//   by dropping that; a queued record is emptied and leaves with the next transmission.
+// - What is known under a number (channels, watched channels, queued records) is about the
+//   connection that has it. When the registry hands a number out anew, the next operation that
+//   takes the lock begins by dropping all that. A queued record is emptied, and leaves with the
+//   next transmission.
 #pragma once
 
 #include <atomic>
@@ -101,13 +102,13 @@ public:
     void ISendSocketMessage(KLVMsgChannelQuery* query, KLVMsgSocketMessage* message,
                             KLVBasVector<unsigned int>& ids);
 
-    // Queues it for each known channel with this label; a null label is the empty one. Sets `id`
-    // when it was exactly one, and to 0 otherwise.
+    // Queues it for each known channel with this label; a null label is the empty one. Sets `id` to
+    // the record's id when there is exactly one, and to 0 otherwise.
     void ISendSocketMessage(const char* label, KLVMsgSocketMessage* message, unsigned int& id);
 
-    // The same, and then wait until no record of theirs is pending, asking every 20 ms and without
-    // a time limit. They do not hold the lock meanwhile. They are not called on the thread that
-    // drives the communicator: they wait for that very thread. The result is always false: not
+    // Queue it in the same way, and then wait until none of its records is pending. They ask every
+    // 20 ms, without a time limit, and do not hold the lock meanwhile. Not for the thread that
+    // drives the communicator: they would wait for themselves. The result is always false: not
     // pending.
     bool SendSocketMessage(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
     void SendSocketMessage(KLVMsgChannelQuery* query, KLVMsgSocketMessage* message);
@@ -127,7 +128,8 @@ public:
     // send, and raise SIGPIPE where the thread does not block it as KLVBasAtiThread's do.
     //
     // The connections are looked up once, at the beginning; none gets a byte of a record that was
-    // queued for another. An exception, of memory or of a message's own code, empties the queue too.
+    // queued for another. An exception empties the queue, too: std::bad_alloc, or one of a
+    // message's own.
     void TransmitPendingMessage();
 
     // The message task ----------------------------------------------------------------------------
@@ -138,7 +140,7 @@ public:
     // True when the message task is not to run, or to end. Takes no lock.
     bool IsOkToShutDownMessageTask() const;
 
-    // Shuts all known connections down, see KLVMsgChannel::Shutdown, and asks the message task to
+    // Shuts down all known connections (see KLVMsgChannel::Shutdown) and asks the message task to
     // end. The task first ends its current cycle. Does not wait for its thread.
     void ShutdownMessageTask();
 
@@ -146,10 +148,10 @@ public:
 
     // One cycle: waits up to `timeout` milliseconds on the waitable, the watched channels without
     // one; makes the connections accepted meanwhile known and watched; and reads one message from
-    // each connection that has data, however often it is listed, into the inbox. A message without a
-    // registered prototype is lost, and its body is taken for the next header. A message is also lost
-    // when only a part of its header has come. The lock is held throughout: a peer that stops in the
-    // middle of a message holds it for as long as it stays connected.
+    // each connection that has data, however often it is listed, into the inbox. A message without
+    // a registered prototype is lost, and its body is taken for the next header. A message is also
+    // lost when only a part of its header has come. The lock is held throughout: a peer that stops
+    // in the middle of a message holds it for as long as it stays connected.
     //
     // A connection found lost is no longer watched, and GetErrorsOnChannel gives 0 for it.
     // One whose descriptor is 1024 or above is accepted and never read: its end shows on a send
@@ -172,7 +174,7 @@ public:
                                       KLVBasVector<KLVMsgChannelMsgStruct>& records);
     void IRetrieveMessages(KLVMsgMessageQuery* query, KLVBasVector<KLVMsgSocketMessage*>& messages);
 
-    // Tries that every 20 ms, the first time after 20 ms, until something was selected; there is no
+    // Does that every 20 ms, the first time after 20 ms, until something is selected. There is no
     // time limit. Returns the new size of `messages`. It does not hold the lock while it sleeps.
     std::size_t RetrieveMessages(KLVMsgMessageQuery* query,
                                  KLVBasVector<KLVMsgSocketMessage*>& messages);
@@ -192,7 +194,7 @@ private:
     void ShutDown(int number);
     unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
     std::size_t PositionInQueue(unsigned int id) const;
-    void Transmit(const KLVMsgChannelMsgStruct& record, const KLVMsgCommSocket* socket,
+    void Transmit(const KLVMsgChannelMsgStruct& record, KLVMsgCommSocket* socket,
                   KLVMsgOutputStream& stream);
     void AddTurns(KLVMsgCycle& cycle);
     void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);

@@ -14,7 +14,8 @@ class KLVMsgOutputStream;
 // Nothing frames a body: ReadMessage takes exactly the bytes that WriteMessage wrote, or the next
 // header is read from the wrong place. Both are called on the thread that drives the communicator,
 // with its lock held: they may call the registry and must not call the communicator. An exception
-// passes through and drops the rest of the cycle; a message that is being read is delivered as it is.
+// passes through, and the rest of the cycle is dropped. A message that was being read is delivered
+// as it is.
 class KLVMSG_EXPORT KLVMsgSocketMessage {
 public:
     // Writes the body, once for each channel that the message is sent to. The result is for the

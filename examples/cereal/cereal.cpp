@@ -1,5 +1,5 @@
-// Bodies that cereal serializes: a station's process sends its measurements, a class with containers
-// in it, and a process that collects them answers with a table of means.
+// Bodies that cereal serializes: a station's process sends its measurements, a class with
+// containers in it, and a process that collects them answers with a table of means.
 #include <KLVMsgCerealMessage.h>
 
 #include <cereal/types/map.hpp>
@@ -20,8 +20,8 @@ terminals: the collector tells its port on 127.0.0.1 and serves one station, whi
   --timeout SECONDS   give up when the peer has been silent for so long (20; 0: never)
   --help, --version
 
-Exits with 0 when the means have come; with 1 when not, or when something fails; with 2 after a wrong
-command line.
+Exits with 0 when the means have come; with 1 when not, or when something fails; with 2 after a
+wrong command line.
 )";
 
 struct Measurements {

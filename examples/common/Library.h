@@ -79,7 +79,7 @@ private:
 
     int m_modules = 0;
     KLVMsgSimpleInputStream m_input;
-    // Every write goes as one piece: one of several, on a connection that fails, would go on trying.
+    // Every write goes as one piece: several, on a connection that fails, would go on trying.
     KLVMsgBufferedOutputStream m_output{INT_MAX};
     KLVMsgMessageTask m_task;
     std::unique_ptr<KLVBasAtiThread> m_thread;

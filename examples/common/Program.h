@@ -54,8 +54,8 @@ inline std::string Printable(const std::string& text) {
 // Prints the version of the library that a program belongs to.
 inline void PrintVersion(const char* program) { std::printf("%s %s\n", program, EXAMPLES_VERSION); }
 
-// The time limit. It holds wherever the process waits, also in the middle of a message, where a peer
-// that has stopped holds the library's locks.
+// The time limit. It holds wherever the process waits, also in the middle of a message, where a
+// peer that has stopped holds the library's locks.
 struct TimeLimit {
     static inline int seconds = 20;  // 0: none
 

@@ -1,16 +1,16 @@
-// What an application's own base facilities must supply, made of the standard library: copy it and put
-// the application's facilities in the place of each. OwnBase.cmake makes a target of it.
+// What an application's own base facilities must supply, made of the standard library: copy it and
+// put the application's facilities in the place of each. OwnBase.cmake makes a target of it.
 //
-// The messaging library uses what is declared here and nothing else of a base. The singleton and the
-// ordered map are its own. It asks for more than a compiler sees:
+// The messaging library uses what is declared here and nothing else of a base. The singleton and
+// the ordered map are its own. It asks for more than a compiler sees:
 // - mem_Malloc returns null where there is no memory; the other two throw std::bad_alloc.
-// - KLVString compares and keeps zero bytes, is empty for a null pointer, and copies without throwing
-//   if short memory is to leave the library as it was.
+// - KLVString compares and keeps zero bytes, is empty for a null pointer, and copies without
+//   throwing if short memory is to leave the library as it was.
 // - KLVBasVector keeps its elements one behind the other; Erase passes over a position outside.
-// - newMutex returns null where there is no memory. A mutex that is handed over in the order of arrival
-//   keeps a sender from waiting for several waits of the message task.
-// - KLVBasAtiThread blocks SIGPIPE on its thread, or the application ignores that signal: else a send
-//   to a peer that has gone ends the process.
+// - newMutex returns null where there is no memory. A mutex that is handed over in the order of
+//   arrival keeps a sender from waiting for several waits of the message task.
+// - KLVBasAtiThread blocks SIGPIPE on its thread, or the application ignores that signal: else a
+//   send to a peer that has gone ends the process.
 #pragma once
 
 #include <chrono>

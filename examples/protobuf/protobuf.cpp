@@ -10,14 +10,14 @@ static const char usage[] = R"(usage: protobuf [--timeout SECONDS]
        protobuf [--timeout SECONDS] shop
        protobuf [--timeout SECONDS] buy PORT
 
-The first form runs a shop and a buyer as processes of their own. The other two are for two terminals:
-the shop tells its port on 127.0.0.1 and serves one buyer, who prints the invoice.
+The first form runs a shop and a buyer as processes of their own. The other two are for two
+terminals: the shop tells its port on 127.0.0.1 and serves one buyer, who prints the invoice.
 
   --timeout SECONDS   give up when the peer has been silent for so long (20; 0: never)
   --help, --version
 
-Exits with 0 when the invoice has come; with 1 when not, or when something fails; with 2 after a wrong
-command line.
+Exits with 0 when the invoice has come; with 1 when not, or when something fails; with 2 after a
+wrong command line.
 )";
 
 using Order = KLVMsgProtobufMessage<shop::Order>;

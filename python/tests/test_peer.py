@@ -76,6 +76,9 @@ def test_a_lost_peer_is_an_exception(listener: socket.socket) -> None:
             for _ in range(2):
                 peer.receive(LIMIT)
         assert gone.value.orderly == orderly
+        if not orderly:
+            with pytest.raises(klvmsg.PeerGone):
+                list(peer)
         with pytest.raises(klvmsg.PeerGone):
             for _ in range(100):
                 peer.send("Note", bytes(1000), timeout=LIMIT)

@@ -21,13 +21,17 @@ def messages(recording: pathlib.Path) -> List[Any]:
 
 
 def write_recording(path: pathlib.Path, *events: Any) -> pathlib.Path:
-    """A recording of framed messages: (seconds, connection, direction, type, content)."""
+    """A recording of framed messages: (seconds, connection, direction, type, content); the direction
+    ends where the content is None."""
     lines = []
     for seconds, connection, direction, type, content in events:
-        body = framed(content)
-        lines.append(json.dumps({"time": 1e9 + seconds, "connection": connection,
-                                 "direction": direction, "type": type, "length": len(body),
-                                 "body": body.hex()}) + "\n")  # fmt: skip
+        event = {"time": 1e9 + seconds, "connection": connection, "direction": direction}
+        if content is None:
+            event["event"] = "ended"
+        else:
+            body = framed(content)
+            event.update(type=type, length=len(body), body=body.hex())
+        lines.append(json.dumps(event) + "\n")
     path.write_text("".join(lines))
     return path
 
@@ -85,12 +89,13 @@ def test_the_exchange_is_recorded_and_played_to_another_hub(
 def test_a_choice_is_played_in_the_recorded_time(
     start: Any, listener: socket.socket, tmp_path: pathlib.Path
 ) -> None:
-    file = write_recording(tmp_path / "run", (0, 1, "to-server", "A", b"no"),
+    file = write_recording(tmp_path / "run", (-1e6, 1, "to-server", "A", b"no"),
                            (5, 1, "to-server", "A", b"1"), (5.2, 1, "to-client", "A", b"no"),
                            (7, 2, "to-server", "A", b"2"), (7.1, 3, "to-server", "A", b"no"),
-                           (8, 1, "to-server", "B", b"3"), (9, 1, "to-server", "A", b"no"))  # fmt: skip
+                           (7.2, 1, "to-client", "", None), (8, 1, "to-server", "B", b"3"),
+                           (9, 1, "to-server", "A", b"no"))  # fmt: skip
     player = start("klvmsg", "replay", file, "-c", f"127.0.0.1:{listener.getsockname()[1]}", "--speed",
-                   2, "-t", "A", "-t", "B", "-n", 1, "-n", 2, "--after", 1, "--before", 8.5)  # fmt: skip
+                   2, "-t", "A", "-t", "B", "-n", 1, "-n", 2, "--after", 1e6, "--before", 1e6 + 8.5)  # fmt: skip
     first = answer(listener)
     assert read_all(first, 10) == message(b"A", framed(b"1"))
     began = time.monotonic()
@@ -162,6 +167,7 @@ def test_failures_have_codes_and_words(
     with socket.create_server(("127.0.0.1", 0)) as other:
         assert outcome("spy", "-l", other.getsockname()[1], "-c", at)[0] == 1
     assert outcome("spy", "--top", "-l", 0, "-c", at)[0] == 2
+    assert outcome("chart", "-")[0] == 2  # there is no name to write beside
 
 
 def test_recording_ends_with_a_word_when_the_disk_is_full(

@@ -118,13 +118,14 @@ def test_bytes_are_passed_on_at_once_and_pieces_of_a_header_soon(
     assert read_all(server, len(wire)) == wire
     server.sendall(b"\7")
     assert read_all(client, 1) == b"\7"
+    client.sendall(wire[:3])  # a piece, and no rest
     client.shutdown(socket.SHUT_WR)
-    assert read_all(server) == b""
+    assert read_all(server) == wire[:3]
     server.sendall(wire[:9])
     server.close()
     assert read_all(client) == wire[:9]
     shown = lines(spy.end()[1])
-    assert shown.count("#1 > Note 9\n") == 3 and "#1 > -- ended\n" in shown
+    assert shown.count("#1 > Note 9\n") == 3 and "#1 > -- ended: in the middle of a message" in shown
     assert "#1 < -- out of step" in shown
 
 
@@ -153,9 +154,8 @@ def test_a_server_that_is_not_there_resets_the_client(start: Any) -> None:
     with socket.create_server(("127.0.0.1", 0)) as gone:
         port = gone.getsockname()[1]
     spy = start("klvmsg", "spy", "-l", 0, "-c", f"127.0.0.1:{port}", "-n", 1)
-    client = dial(spy.port())
-    with pytest.raises(ConnectionResetError):
-        read_all(client)
+    with pytest.raises(ConnectionResetError):  # as early as while it connects
+        read_all(dial(spy.port()))
     assert f"#1   -- failed: cannot connect to 127.0.0.1:{port}: Connection refused" in spy.end()[1]
 
 
@@ -195,9 +195,11 @@ def test_names_do_nothing_to_the_terminal(start: Any, listener: socket.socket) -
     assert "#1 > \\xff\\x5c 5" in shown and "#1 > Gr\u00fc\u00dfe 5" in shown
 
 
-def test_the_live_table_counts(start: Any, listener: socket.socket) -> None:
+@pytest.mark.parametrize("columns", [40, 200])
+def test_the_live_table_counts(start: Any, listener: socket.socket, columns: int) -> None:
     pytest.importorskip("rich")
     main, terminal = pty.openpty()
+    fcntl.ioctl(main, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
     port = listener.getsockname()[1]
     spy = start("klvmsg", "spy", "--top", "-l", 0, "-c", f"127.0.0.1:{port}", stdout=terminal)
     os.close(terminal)
@@ -217,5 +219,5 @@ def test_the_live_table_counts(start: Any, listener: socket.socket) -> None:
     os.close(main)
     assert spy.process.wait(LIMIT) == 0
     last = picture.decode()[picture.decode().rindex("klvmsg spy") :]
-    assert re.search(r"#1 +server +No\\x1bte\[b\] +1,234 ", last), last
-    assert re.search(r"#1 +client +Back +1 ", last), last
+    assert re.search(r"#1 +server +No\\x1bte\[b\] +1,234\s", last), last
+    assert re.search(r"#1 +client +Back +1\s", last), last

@@ -1,7 +1,7 @@
 // The processes that soak.py starts: `soak hub`, which answers each text with the same text, and
-// `soak client PORT NAME SEED MILLISECONDS LARGEST hand|task`, which sends and waits for the answers, and
-// may be killed at any moment. The hub prints its port, and after the text "end." how many came from
-// each client.
+// `soak client PORT NAME SEED MILLISECONDS LARGEST hand|task`, which sends and waits for the
+// answers, and may be killed at any moment. The hub prints its port, and after the text "end." how
+// many came from each client.
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/mman.h>
@@ -71,8 +71,8 @@ void Serve() {
     }
 }
 
-// Sends one text, which may be large, or several small ones: behind more than a socket holds a header
-// could arrive in pieces, and would be lost. True when all are acknowledged, in their order.
+// Sends one text, which may be large, or several small ones: behind more than a socket holds a
+// header could arrive in pieces, and would be lost. True when all are acknowledged, in their order.
 bool Round(KLVMsgChannel& hub, char** arguments, Account& account, std::minstd_rand& generator) {
     static std::deque<TextMessage> sent;  // and not acknowledged
     const auto count = generator() % 2 == 0 ? 1 : 2 + generator() % 7;

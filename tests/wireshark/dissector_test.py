@@ -86,8 +86,17 @@ class Tshark:
             shown = layers["klvmsg"]
             for part in shown if isinstance(shown, list) else [shown]:
                 tcp = layers["tcp"]
+                if "klvmsg.bad_rule" in str(part):
+                    continue  # which is no message
                 found.append((int(tcp["tcp.stream"]), int(tcp["tcp.srcport"])) + self.part(part))
         return found
+
+    def list_of_packets(self, capture, rules):
+        """The first thing that one sees."""
+        return subprocess.run(
+            [self.program, "-X", "lua_script:" + self.dissector, "-r", capture, "-o",
+             "klvmsg.rules:" + rules, "-o", "klvmsg.ports:%s" % PORT],
+            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, **self.reader).stdout
 
     def server_port(self, capture):
         """The port that the first connection of a capture goes to."""
@@ -186,6 +195,8 @@ def test_rules(tshark, folder):
            tshark.read(path, "Tick=8; Odd=length(0,3,little)"), "no rule")
     for part in ("No rule for Odd", "Rule not understood: Odd=length(0,3,little)"):
         assert part in tshark.packets, part
+    packets = tshark.list_of_packets(path, "Odd=length(0,3,little)")
+    assert "Rule not understood: Odd=" in packets, packets
 
     bodies = [("One", b"\x02ab"), ("Eight", b"#" + struct.pack(">Q", 2) + b"ab"), ("Nil", b""),
               ("More", b"\x00\x02abmore"), ("Any", b"\x03\x00abc")]

@@ -270,9 +270,14 @@ end
 function klvmsg.dissector(tvb, pinfo, tree)
     pinfo.cols.protocol = "KLVMSG"
     local words = {}
+    for _, rule in ipairs(bad_rules) do  -- before all else, in the list of packets as in each packet
+        local text = "Rule not understood: " .. rule
+        tree:add(klvmsg, tvb(0, 0), text):add_proto_expert_info(e_bad_rule, text)
+        words[#words + 1] = text
+    end
     local over = ended[direction(pinfo)]
     if over and over.frame < pinfo.number then
-        words[1] = dissect_rest(tvb, pinfo, tree, over.what)
+        words[#words + 1] = dissect_rest(tvb, pinfo, tree, over.what)
     else
         local offset = 0
         while offset and offset < tvb:len() do
@@ -280,9 +285,6 @@ function klvmsg.dissector(tvb, pinfo, tree)
             offset, word = dissect_message(tvb, offset, pinfo, tree)
             words[#words + 1] = word
         end
-    end
-    for _, text in ipairs(bad_rules) do
-        tree:add_proto_expert_info(e_bad_rule, "Rule not understood: " .. text)
     end
     if #words > 0 then
         pinfo.cols.info = table.concat(words, ", ")

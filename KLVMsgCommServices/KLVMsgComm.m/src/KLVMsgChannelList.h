@@ -3,9 +3,11 @@
 
 #include <cstddef>
 #include <functional>
+#include <unordered_map>
 
 #include "KLVBasVector.h"
 #include "KLVMsgChannel.h"
+#include "KLVMsgVectors.h"
 
 // The position of the first entry with this connection number, or -1.
 inline int KLVMsgFindChannel(const KLVBasVector<KLVMsgChannel>& list, int number) {
@@ -31,4 +33,34 @@ inline void KLVMsgEraseEvery(KLVBasVector<KLVMsgChannel>& list, int number) {
     for (int at; (at = KLVMsgFindChannel(list, number)) != -1;) {
         list.Erase(at);
     }
+}
+
+// Erases what KLVMsgEraseFirst would for each number, as often as it is counted, in one pass.
+inline void KLVMsgEraseCounted(KLVBasVector<KLVMsgChannel>& list,
+                               std::unordered_map<int, int>& counts) {
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < list.Size(); ++i) {
+        const auto count = counts.find(list[i].connection);
+        if (count != counts.end() && count->second > 0) {
+            --count->second;
+        } else {
+            list[kept++] = list[i];
+        }
+    }
+    KLVMsgShrink(list, kept);
+}
+
+// Erases the first entry of each selected channel from both lists. Memory that cannot be had leaves
+// them as they were.
+inline void KLVMsgEraseSelected(const KLVBasVector<KLVMsgChannel>& selected,
+                                KLVBasVector<KLVMsgChannel>& first,
+                                KLVBasVector<KLVMsgChannel>& second) {
+    std::unordered_map<int, int> inFirst;
+    std::unordered_map<int, int> inSecond;
+    for (std::size_t i = 0; i < selected.Size(); ++i) {
+        ++inFirst[selected[i].connection];
+        ++inSecond[selected[i].connection];
+    }
+    KLVMsgEraseCounted(first, inFirst);
+    KLVMsgEraseCounted(second, inSecond);
 }

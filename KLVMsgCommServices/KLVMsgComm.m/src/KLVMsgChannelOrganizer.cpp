@@ -39,11 +39,12 @@ void KLVMsgChannelOrganizer::RemoveChannel(KLVMsgChannel& channel, bool) {
     }
 }
 
-void KLVMsgChannelOrganizer::RemoveChannel(KLVMsgChannelQuery* query, bool flag) {
+void KLVMsgChannelOrganizer::RemoveChannel(KLVMsgChannelQuery* query, bool) {
     KLVBasVector<KLVMsgChannel> selected;
     LookupChannel(query, selected);
+    KLVMsgEraseSelected(selected, channels, waitable.channels);
     for (std::size_t i = 0; i < selected.Size(); ++i) {
-        RemoveChannel(selected[i], flag);
+        selected[i].Shutdown();
     }
 }
 

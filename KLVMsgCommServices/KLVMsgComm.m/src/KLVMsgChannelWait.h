@@ -5,11 +5,11 @@ class KLVMsgChannelWaitable;
 class KLVMsgCycle;
 class KLVMsgLockedRegistry;
 
-// Looks up and holds the sockets of the live channels that the waitable watches. What an earlier wait
-// has found ready gets a turn.
+// Looks up and holds the sockets of the live channels that the waitable watches. What an earlier
+// wait has found ready gets a turn.
 void KLVMsgBeginWait(const KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle,
                      const KLVMsgLockedRegistry& registry);
 
-// Waits on them, accepts, and adds a turn for each channel that it appends to `readyChannels`: there
-// is one for each entry then, in their order. See KLVMsgChannelWaitable::WaitForConnectionAndMessages.
+// Waits on them and accepts, as WaitForConnectionAndMessages says. Adds a turn for each channel
+// that it appends to `readyChannels`: there is one for each entry then, in their order.
 void KLVMsgWait(KLVMsgChannelWaitable& waitable, int timeoutMilliseconds, KLVMsgCycle& cycle);

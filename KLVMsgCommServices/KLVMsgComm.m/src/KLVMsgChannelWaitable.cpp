@@ -23,9 +23,9 @@ namespace {
 
 bool FitsDescriptorSet(int descriptor) { return descriptor >= 0 && descriptor < FD_SETSIZE; }
 
-// Ends the wait. Each watched channel whose socket's descriptor is in the set gets a turn: in the order
-// of descriptors, those of the same descriptor in list order. The others are held no more. A channel
-// that was removed meanwhile is left out.
+// Ends the wait. Each watched channel whose socket's descriptor is in the set gets a turn: in the
+// order of descriptors, those of the same descriptor in list order. The others are held no more. A
+// channel that was removed meanwhile is left out.
 void EndWait(KLVMsgCycle& cycle, const fd_set& set) {
     std::vector<KLVMsgTurn>& turns = cycle.Turns();
     const auto first = static_cast<std::ptrdiff_t>(turns.size());
@@ -100,8 +100,8 @@ void AcceptConnection(KLVMsgServerSocket& server, KLVMsgChannelWaitable& waitabl
     }
 }
 
-// Serves the listening sockets among the turns from `first` on, each once, and appends the channels of
-// the others to `readyChannels`. No listening socket is held after that.
+// Serves the listening sockets among the turns from `first` on, each once, and appends the channels
+// of the others to `readyChannels`. No listening socket is held after that.
 void ServeReadable(KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle, std::size_t first) {
     KLVMsgAppending<KLVMsgChannel> appending(waitable.readyChannels);
     const KLVMsgSocket* served = nullptr;

@@ -118,13 +118,11 @@ void KLVMsgConnectionServicesUtils::GetName(int number, KLVString& name) {
 
 int KLVMsgConnectionServicesUtils::SendMessageHeader(int number, const KLVString& typeName) {
     const RegistryLock lock;
-    const auto held = KLVMsgHold(FindStreamSocket(number));
     return SendMessageHeader_priv(number, typeName);
 }
 
 int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket(int number, KLVString& typeName) {
     const RegistryLock lock;
-    const auto held = KLVMsgHold(FindStreamSocket(number));
     return RetrieveMessageTypeFromSocket_priv(number, typeName);
 }
 
@@ -201,80 +199,102 @@ bool KLVMsgConnectionServicesUtils::AddAccepted(KLVMsgCommSocket* socket) {
     return true;
 }
 
-// The order of the keys of m_prototypes, for a text that is no KLVString. A key with a zero byte in it
-// sorts after the text that stands before that byte.
-static int CompareText(const char* text, const KLVString& key) {
-    const int order = std::strcmp(text, key.Text());
-    return order != 0 ? order : static_cast<int>(std::strlen(text)) - key.Length();
-}
+// The header of a message -------------------------------------------------------------------------
 
-// A registered name is shared with its entry, so that receiving such a message copies no text.
-KLVString KLVMsgConnectionServicesUtils::TypeName(const char* text) const {
-    auto* type = m_prototypes.m_root;
-    while (type != nullptr) {
-        const int order = CompareText(text, type->ConstGetKey());
-        if (order == 0) {
-            return type->ConstGetKey();
-        }
-        type = type->Slot(order);
-    }
-    return KLVString(text);
-}
-
+// Held: a transfer of another thread may find the connection's end and close the descriptor.
+// Requires, as everything below does: the lock is held.
 int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number, const KLVString& typeName) {
-    KLVMsgCommSocket* const socket = FindStreamSocket(number);
-    if (socket == nullptr || !KLVMsgLoad(socket->outputOpen)) {
+    const auto socket = KLVMsgHold(FindStreamSocket(number));
+    return socket == nullptr ? 0 : WriteHeader(*socket, typeName);
+}
+
+int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number,
+                                                                      KLVString& typeName) {
+    const auto socket = KLVMsgHold(FindStreamSocket(number));
+    return socket == nullptr ? 0 : ReadHeader(*socket, number, typeName);
+}
+
+int KLVMsgConnectionServicesUtils::WriteHeader(KLVMsgCommSocket& socket,
+                                               const KLVString& typeName) {
+    if (!KLVMsgLoad(socket.outputOpen)) {
         return 0;
     }
     const int length = typeName.Length();
     char scratch[sizeof(NameLength)];
     std::memcpy(scratch, &length, sizeof scratch);
 
-    KLVMsgStore(socket->lastError, 0);
-    if (socket->write(scratch, sizeof scratch) != sizeof scratch) {
+    KLVMsgStore(socket.lastError, 0);
+    if (socket.write(scratch, sizeof scratch) != sizeof scratch) {
         return 0;
     }
-    return socket->write(typeName.Text(), length) == length ? 1 : 0;
+    return socket.write(typeName.Text(), length) == length ? 1 : 0;
 }
 
-int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number,
-                                                                      KLVString& typeName) {
-    KLVMsgCommSocket* const socket = FindStreamSocket(number);
-    if (socket == nullptr || !KLVMsgLoad(socket->inputOpen)) {
+int KLVMsgConnectionServicesUtils::ReadHeader(KLVMsgCommSocket& socket, int number,
+                                              KLVString& typeName) {
+    if (!KLVMsgLoad(socket.inputOpen)) {
         return 0;
     }
-    KLVMsgStore(socket->lastError, 0);
-    HeaderBuffer scratch(static_cast<char*>(mem_OperatorNewThrowBuiltin(sizeof(NameLength))));
-    const int count = socket->read(scratch.get(), sizeof(NameLength));
-    if (count != sizeof(NameLength)) {
+    KLVMsgStore(socket.lastError, 0);
+    const int length = ReadNameLength(socket, number);
+    return length == 0 ? 0 : ReadName(socket, length, typeName);
+}
+
+// 0 when the length has not come whole, or is none that a name can have. A connection that is found
+// lost here is removed.
+// Keeps its buffer, unless these are to be released, when the length has not come whole.
+int KLVMsgConnectionServicesUtils::ReadNameLength(KLVMsgCommSocket& socket, int number) {
+    NameLength length = 0;
+    HeaderBuffer scratch(static_cast<char*>(mem_OperatorNewThrowBuiltin(sizeof length)));
+    const int count = socket.read(scratch.get(), sizeof length);
+    if (count != sizeof length) {
         if (!m_releaseHeaderBuffers) {
-            static_cast<void>(scratch.release());  // kept: released when all four bytes have come
+            static_cast<void>(scratch.release());
         }
-        if (count == -1 && !socket->IsConnected()) {
+        if (count == -1 && !socket.IsConnected()) {
             RemoveConnection(number);
         }
         return 0;
     }
-    NameLength length = 0;
     std::memcpy(&length, scratch.get(), sizeof length);
-    scratch.reset();
-    // The buffer's size, one more than the length, must be a positive int.
-    if (length == 0 || length >= INT_MAX) {
-        return 0;
-    }
+    return length < INT_MAX ? static_cast<int>(length) : 0;  // with its zero byte it must be an int
+}
 
-    HeaderBuffer name(static_cast<char*>(mem_Malloc(static_cast<std::size_t>(length) + 1)));
+// Keeps its buffer, unless these are to be released, when the name has come whole.
+int KLVMsgConnectionServicesUtils::ReadName(KLVMsgCommSocket& socket, int length,
+                                            KLVString& typeName) {
+    const std::size_t size = static_cast<std::size_t>(length) + 1;
+    HeaderBuffer name(static_cast<char*>(mem_Malloc(size)));
     if (name == nullptr) {
         return 0;
     }
     name.get()[length] = '\0';
-    const int nameLength = static_cast<int>(length);
-    if (socket->read(name.get(), nameLength) != nameLength) {
+    if (socket.read(name.get(), length) != length) {
         return 0;
     }
-    typeName = TypeName(name.get());
+    typeName = SharedTypeName(name.get());
     if (!m_releaseHeaderBuffers) {
-        static_cast<void>(name.release());  // kept: the buffer is released after a short read only
+        static_cast<void>(name.release());
     }
     return 1;
+}
+
+// A text that is no KLVString, and a key of m_prototypes, in the order of that map: negative when
+// the text sorts first. A key with a zero byte in it sorts after the text before that byte.
+static int Compare(const char* text, const KLVString& key) {
+    const int order = std::strcmp(text, key.Text());
+    return order != 0 ? order : static_cast<int>(std::strlen(text)) - key.Length();
+}
+
+// The text of a registered name is shared with its entry: receiving such a message copies none.
+KLVString KLVMsgConnectionServicesUtils::SharedTypeName(const char* text) const {
+    auto* type = m_prototypes.m_root;
+    while (type != nullptr) {
+        const int order = Compare(text, type->ConstGetKey());
+        if (order == 0) {
+            return type->ConstGetKey();
+        }
+        type = type->Slot(order);
+    }
+    return KLVString(text);
 }

@@ -1,8 +1,8 @@
 // For the library's own sources: the sockets that a cycle works with, turn by turn.
 //
-// A cycle (a wait and the reads that follow it, or a transmission) looks its sockets up once and holds
-// them, see KLVMsgSocketHold. While it works their numbers are given to nobody else, and it serves no
-// connection that was registered later. It lets a socket go at the end of that socket's last turn.
+// A cycle (a wait and the reads that follow it, or a transmission) looks its sockets up once and
+// holds them, see KLVMsgSocketHold. While it works, their numbers are given to nobody else. It
+// serves no connection that was registered later, and lets a socket go after its last turn.
 #pragma once
 
 #include <cstddef>
@@ -48,10 +48,10 @@ public:
     // The turns that are not over yet may be put into another order.
     std::vector<KLVMsgTurn>& Turns() { return m_lists.turns; }
 
-    // Takes a turn out that is not to come.
+    // Takes out a turn that is not to come.
     void DropTurn(std::size_t turn);
 
-    // The turn that it is.
+    // The turn that is being taken.
     const KLVMsgTurn& Current() const { return m_lists.turns[m_current]; }
 
     // It is over: what was closed or removed during the turn is closed and destroyed now.

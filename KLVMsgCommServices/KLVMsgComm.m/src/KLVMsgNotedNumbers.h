@@ -1,8 +1,8 @@
 // For the library's own sources: connection numbers that have been given out anew.
 //
-// What the communicator knows under such a number is about a connection that has gone. The registry,
-// which never calls the communicator, notes the number before it registers the new connection; the
-// communicator looks at the notes before everything else that it does under its lock.
+// What the communicator knows under such a number is about a connection that has gone. The registry
+// never calls the communicator. It notes the number before it registers the new connection, and the
+// communicator looks at the notes first whenever it has taken its lock.
 //
 // The notes have a mutex of their own. A thread that has it takes no further lock.
 #pragma once

@@ -10,7 +10,7 @@ inline KLVMsgConnectionServicesUtils& KLVMsgRegistry() {
     return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
 }
 
-// The registry, locked as long as this lives. Meanwhile no number is given out and no socket removed.
+// The registry, locked as long as this lives: no number is given out, no socket removed.
 class KLVMsgLockedRegistry {
 public:
     // The socket under a number, or null.
@@ -23,20 +23,18 @@ public:
 
     // What the registry's operations of these names do, if the socket is still the one under the
     // number: what has been registered since is not served. Requires: the socket is held.
-    int SendMessageHeader(const KLVMsgSocket* socket, int number, const KLVString& typeName) const {
-        return Find(number) == socket ? m_registry.SendMessageHeader_priv(number, typeName) : 0;
+    int SendMessageHeader(KLVMsgCommSocket* socket, int number, const KLVString& typeName) const {
+        return Find(number) == socket ? m_registry.WriteHeader(*socket, typeName) : 0;
     }
-    int RetrieveMessageType(const KLVMsgSocket* socket, int number, KLVString& typeName) const {
-        return Find(number) == socket
-                   ? m_registry.RetrieveMessageTypeFromSocket_priv(number, typeName)
-                   : 0;
+    int RetrieveMessageType(KLVMsgCommSocket* socket, int number, KLVString& typeName) const {
+        return Find(number) == socket ? m_registry.ReadHeader(*socket, number, typeName) : 0;
     }
 
     // What ShutDownConnection does.
     void ShutDownConnection(int number) const { m_registry.RemoveConnection(number); }
 
     // Registers an accepted connection and returns true. False when an entry that is not marked as
-    // closed has its number: that one stays and serves the connection, and `socket` is the caller's.
+    // closed has its number: that one stays and serves the connection; the caller keeps `socket`.
     bool AddAccepted(KLVMsgCommSocket* socket) const { return m_registry.AddAccepted(socket); }
 
 private:

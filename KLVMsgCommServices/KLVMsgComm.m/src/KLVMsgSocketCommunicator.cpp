@@ -32,11 +32,7 @@ static const unsigned pollMilliseconds = 20;
 // known under noted numbers. They have been given out anew, and the old connections have gone.
 class KLVMsgSocketCommunicator::Operation {
 public:
-    explicit Operation(KLVMsgSocketCommunicator& communicator) {
-        if (KLVMsgAnyNoted) {
-            communicator.ForgetNoted();
-        }
-    }
+    explicit Operation(KLVMsgSocketCommunicator& communicator) { communicator.ForgetNoted(); }
 
 private:
     const KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator> m_lock;
@@ -50,11 +46,14 @@ KLVMsgSocketCommunicator::~KLVMsgSocketCommunicator() {
     m_outputStream = nullptr;
 }
 
-// Drops what is known under the noted numbers, and what was accepted under them and is not known yet.
-// Requires, as the next three do: the lock is held. With the registry's lock held as well no number is
-// noted until that is released.
+// Drops what is known under the noted numbers, and what was accepted under them and is still
+// unknown. Requires, as the next three do: the lock is held. While the registry's is held as well,
+// no further number is noted.
 void KLVMsgSocketCommunicator::ForgetNoted() {
-    for (int number = 0; KLVMsgAnyNoted && KLVMsgTakeNote(number);) {
+    if (!KLVMsgAnyNoted) {
+        return;
+    }
+    for (int number = 0; KLVMsgTakeNote(number);) {
         Forget(number);
         KLVMsgEraseEvery(m_organizer.waitable.newChannels, number);
     }
@@ -62,7 +61,10 @@ void KLVMsgSocketCommunicator::ForgetNoted() {
 
 // The same after a wait, whose accepts are noted too: these are about to be made known.
 void KLVMsgSocketCommunicator::ForgetReplaced() {
-    for (int number = 0; KLVMsgAnyNoted && KLVMsgTakeNote(number);) {
+    if (!KLVMsgAnyNoted) {
+        return;
+    }
+    for (int number = 0; KLVMsgTakeNote(number);) {
         Forget(number);
     }
 }
@@ -79,7 +81,7 @@ void KLVMsgSocketCommunicator::Forget(int number) {
     }
 }
 
-// Shuts a known connection down, unless its number has been given out anew since the operation began.
+// Shuts down a known connection, unless its number was given out anew since the operation began.
 void KLVMsgSocketCommunicator::ShutDown(int number) {
     const KLVMsgLockedRegistry registry;
     if (!KLVMsgIsNoted(number)) {
@@ -94,16 +96,14 @@ void KLVMsgSocketCommunicator::AddConnection(const KLVMsgChannel& channel, bool 
     m_organizer.RegisterChannel(channel, flag);
 }
 
-// What the organizer's RemoveChannel does with a query, for connections that may come back meanwhile.
+// What the organizer's RemoveChannel does with a query, though numbers may come back meanwhile.
 void KLVMsgSocketCommunicator::RemoveConnection(KLVMsgChannelQuery* query, bool) {
     const Operation operation(*this);
     KLVBasVector<KLVMsgChannel> selected;
     m_organizer.LookupChannel(query, selected);
+    KLVMsgEraseSelected(selected, m_organizer.channels, m_organizer.waitable.channels);
     for (std::size_t i = 0; i < selected.Size(); ++i) {
-        const int number = selected[i].connection;
-        KLVMsgEraseFirst(m_organizer.channels, number);
-        KLVMsgEraseFirst(m_organizer.waitable.channels, number);
-        ShutDown(number);
+        ShutDown(selected[i].connection);
     }
 }
 
@@ -265,8 +265,7 @@ std::size_t KLVMsgSocketCommunicator::PositionInQueue(unsigned int id) const {
 // `socket` is what stood under the record's number when the transmission began; null if it was none
 // that could be written to.
 void KLVMsgSocketCommunicator::Transmit(const KLVMsgChannelMsgStruct& record,
-                                        const KLVMsgCommSocket* socket,
-                                        KLVMsgOutputStream& stream) {
+                                        KLVMsgCommSocket* socket, KLVMsgOutputStream& stream) {
     if (record.message == nullptr || socket == nullptr || !KLVMsgLoad(socket->outputOpen)) {
         return;
     }
@@ -300,8 +299,8 @@ void KLVMsgSocketCommunicator::ShutdownMessageTask() {
 
 // Receiving ---------------------------------------------------------------------------------------
 
-// True when the list has the channel of position `i` before that. Each wait appends in ascending order
-// of descriptors, so only the first `foundEarlier`, of earlier waits, can stand apart.
+// True when the list has the channel of position `i` before that. Each wait appends in ascending
+// order of descriptors, so only the first `foundEarlier`, of earlier waits, can stand apart.
 static bool IsRepeated(const KLVBasVector<KLVMsgChannel>& list, std::size_t i,
                        std::size_t foundEarlier) {
     if (foundEarlier != 0) {
@@ -359,7 +358,8 @@ void KLVMsgSocketCommunicator::MakeKnown(KLVBasVector<KLVMsgChannel>& accepted) 
 // Reads one message into the inbox. False when there was no header to read; a message that nobody
 // registered is passed over, its body left in the socket.
 bool KLVMsgSocketCommunicator::ReceiveMessage(const KLVMsgTurn& turn) {
-    if (turn.socket == nullptr) {
+    KLVMsgCommSocket* const socket = KLVMsgAsStreamSocket(turn.socket);
+    if (socket == nullptr) {
         return false;
     }
     // Room in the inbox comes first: what has been read cannot be put back.
@@ -368,7 +368,7 @@ bool KLVMsgSocketCommunicator::ReceiveMessage(const KLVMsgTurn& turn) {
 
     const int number = turn.channel.connection;
     KLVString type;
-    if (KLVMsgLockedRegistry().RetrieveMessageType(turn.socket, number, type) == 0 ||
+    if (KLVMsgLockedRegistry().RetrieveMessageType(socket, number, type) == 0 ||
         type.Length() == 0) {
         return false;
     }

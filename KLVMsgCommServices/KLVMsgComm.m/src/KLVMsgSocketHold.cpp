@@ -22,7 +22,7 @@ static auto& departed = *new std::condition_variable;
 
 using Lock = std::unique_lock<std::mutex>;
 
-// Closing once -------------------------------------------------------------------------------------
+// Closing once ------------------------------------------------------------------------------------
 
 // True when the fields that an application may change are as Close left them.
 // Requires, as all do below that do not lock it themselves: the mutex is held.
@@ -64,7 +64,7 @@ void KLVMsgSocketHold::Renew(KLVMsgSocket& socket) {
     socket.m_departure.closed = -1;
 }
 
-// Removal ------------------------------------------------------------------------------------------
+// Removal -----------------------------------------------------------------------------------------
 
 void KLVMsgSocketHold::Destroy(KLVMsgSocket* socket) {
     {

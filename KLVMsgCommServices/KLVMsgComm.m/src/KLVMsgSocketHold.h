@@ -2,15 +2,16 @@
 //
 // A connection number is a descriptor: once closed, it is the next one that the system gives away.
 // Whoever works with registered sockets holds them. A socket that is closed meanwhile is marked as
-// closed at once, and one that is removed leaves the registry at once. The descriptor is closed, and
-// the object destroyed, when the last hold ends. Without a hold both are done at once.
+// closed at once, and one that is removed leaves the registry at once. The descriptor is closed,
+// and the object destroyed, when the last hold ends. Without a hold both are done at once.
 //
 // A hold begins while the registry's lock is held, which is what removes sockets. There are two
 // kinds, so that a wait on hundreds of connections costs little: `waits`, begun and ended under the
 // registry's lock for many sockets at once, and `holds`, which end at any time.
 //
 // A mutex guards what is in KLVMsgSocket::m_departure beside these two counts. It is the last lock
-// that a thread takes: where something is closed, destroyed or found closed, and not while it closes.
+// that a thread takes, where something is closed, destroyed or found closed. It is not held during
+// the close itself.
 #pragma once
 
 #include <atomic>
@@ -20,7 +21,7 @@
 
 class KLVMsgSocketHold {
 public:
-    // Requires: the socket is registered and the registry's lock held, or the socket is held already.
+    // Requires: the socket is registered and the registry locked, or the socket is held already.
     static void Begin(KLVMsgSocket& socket) { socket.m_departure.holds.fetch_add(1); }
 
     // May close and destroy the socket.
@@ -41,11 +42,11 @@ public:
         }
     }
 
-    // Marks the socket as closed. True when the caller is to close the descriptor, false when that is
-    // left to the end of the last hold, or was done before: EBADF is stored then.
+    // Marks the socket as closed. True when the caller is to close the descriptor, false when that
+    // is left to the end of the last hold, or was done before: EBADF is stored then.
     static bool ClosesNow(KLVMsgSocket& socket);
 
-    // True when the socket has closed the descriptor that it has, and nobody has put in another one.
+    // True when the socket has closed its descriptor, and nobody has put in another one.
     [[gnu::cold]] static bool HasClosed(KLVMsgSocket& socket);
 
     // A descriptor has been put into the socket, which owns it.
@@ -54,8 +55,8 @@ public:
     // Destroys a socket that is no longer registered, now or when its last hold ends.
     static void Destroy(KLVMsgSocket* socket);
 
-    // Waits until listening sockets that were shut down are closed: until the waits of other threads
-    // have woken up the port stays taken. Not longer than a second, should one not wake up.
+    // Waits until listening sockets that were shut down are closed: until the waits of other
+    // threads have woken up the port stays taken. Not longer than a second, should one not wake up.
     static void AwaitClosedListeners();
 
 private:
@@ -72,8 +73,8 @@ private:
     static void Remove(KLVMsgSocket& socket);
     [[gnu::cold]] static void Settle();  // out of the way of what ends a hold
 
-    // How many sockets wait for the end of a hold. Who ends a hold does so before it looks here. Who
-    // closes a socket counts it here before it looks at the holds. So one of the two sees the other.
+    // How many sockets wait for the end of a hold. Whoever ends a hold does so before looking here,
+    // and whoever closes a socket counts it here before looking at the holds: one sees the other.
     static std::atomic<int> s_departures;
 };
 

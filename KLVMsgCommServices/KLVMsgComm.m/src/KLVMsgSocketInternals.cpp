@@ -1,9 +1,7 @@
 #include "KLVMsgSocketInternals.h"
 
 #include <cerrno>
-#include <typeinfo>
 
-#include "KLVMsgCommSocket.h"
 #include "KLVMsgServerSocket.h"
 #include "mem_Allocation.h"
 
@@ -22,19 +20,10 @@ bool KLVMsgIsConnectionLost(int error) {
     }
 }
 
-KLVMsgCommSocket* KLVMsgAsStreamSocket(KLVMsgSocket* socket) {
-    // Mostly it is exactly that, which is quicker to tell than whether it derives from it.
-    if (socket != nullptr && typeid(*socket) == typeid(KLVMsgCommSocket)) {
-        return static_cast<KLVMsgCommSocket*>(socket);
-    }
-    return dynamic_cast<KLVMsgCommSocket*>(socket);
-}
-
 KLVMsgServerSocket* KLVMsgAsServerSocket(KLVMsgSocket* socket) {
-    if (socket != nullptr && typeid(*socket) == typeid(KLVMsgCommSocket)) {
-        return nullptr;  // the usual case again
-    }
-    return dynamic_cast<KLVMsgServerSocket*>(socket);
+    return socket == nullptr || KLVMsgIsPlainStreamSocket(*socket)
+               ? nullptr
+               : dynamic_cast<KLVMsgServerSocket*>(socket);
 }
 
 void KLVMsgDestroySocket(KLVMsgSocket* socket) {

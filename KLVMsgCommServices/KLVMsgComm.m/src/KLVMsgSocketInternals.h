@@ -2,17 +2,27 @@
 #pragma once
 
 #include <memory>
+#include <typeinfo>
 
-#include "KLVMsgSocket.h"
+#include "KLVMsgCommSocket.h"
 
-class KLVMsgCommSocket;
 class KLVMsgServerSocket;
 
 // True for the errno values that tell that the peer or the network is gone.
 bool KLVMsgIsConnectionLost(int error);
 
+// True when the socket is of that very class, which is quicker to tell than whether it derives from
+// it.
+inline bool KLVMsgIsPlainStreamSocket(const KLVMsgSocket& socket) {
+    return &typeid(socket) == &typeid(KLVMsgCommSocket);
+}
+
 // The socket as a stream socket, or null when it is none (or is null itself).
-KLVMsgCommSocket* KLVMsgAsStreamSocket(KLVMsgSocket* socket);
+inline KLVMsgCommSocket* KLVMsgAsStreamSocket(KLVMsgSocket* socket) {
+    return socket != nullptr && KLVMsgIsPlainStreamSocket(*socket)
+               ? static_cast<KLVMsgCommSocket*>(socket)
+               : dynamic_cast<KLVMsgCommSocket*>(socket);
+}
 
 // The same for a listening socket.
 KLVMsgServerSocket* KLVMsgAsServerSocket(KLVMsgSocket* socket);

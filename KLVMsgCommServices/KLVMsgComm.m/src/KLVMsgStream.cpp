@@ -39,6 +39,26 @@ void KLVMsgSimpleInputStream::read(void* buffer, int length, int& count) {
 
 KLVMsgBufferedOutputStream::KLVMsgBufferedOutputStream(int bufferSize) : m_bufferSize(bufferSize) {}
 
+// Sends the data in pieces, one call each. Out of the way of what fits into one call.
+[[gnu::noinline]] static void WritePieces(KLVMsgCommSocket& socket, const void* data, int length,
+                                          int pieceSize, int& count) {
+    int offset = 0;
+    int remaining = 0;
+    do {
+        count = Sum(count, socket.write(At(data, offset), pieceSize));
+        offset = count;
+        remaining = Difference(length, count);
+        if (remaining > pieceSize && !CanSend(socket, pieceSize)) {
+            // Each further piece would step back by one byte, until what remains no longer grows.
+            remaining = INT_MIN;
+            count = Difference(length, remaining);
+        }
+    } while (remaining > pieceSize);
+    if (remaining != 0) {
+        socket.write(At(data, offset), remaining);
+    }
+}
+
 void KLVMsgBufferedOutputStream::write(void* data, int length, int& count) {
     const auto socket = KLVMsgHoldStreamSocket(m_connectionNumber);
     if (socket == nullptr) {
@@ -46,22 +66,7 @@ void KLVMsgBufferedOutputStream::write(void* data, int length, int& count) {
     }
     if (length <= m_bufferSize) {
         count = Sum(count, socket->write(static_cast<const char*>(data), length));
-        return;
-    }
-
-    int offset = 0;
-    int remaining = 0;
-    do {
-        count = Sum(count, socket->write(At(data, offset), m_bufferSize));
-        offset = count;
-        remaining = Difference(length, count);
-        if (remaining > m_bufferSize && !CanSend(*socket, m_bufferSize)) {
-            // Each further piece would step back by one byte, until what remains no longer grows.
-            remaining = INT_MIN;
-            count = Difference(length, remaining);
-        }
-    } while (remaining > m_bufferSize);
-    if (remaining != 0) {
-        socket->write(At(data, offset), remaining);
+    } else {
+        WritePieces(*socket, data, length, m_bufferSize, count);
     }
 }

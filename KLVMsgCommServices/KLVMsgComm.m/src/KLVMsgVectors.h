@@ -1,4 +1,4 @@
-// For the library's own sources: arrays that are left as they were when an operation fails half way.
+// For the library's own sources: arrays that stay as they were when an operation fails half way.
 #pragma once
 
 #include <cstddef>

@@ -278,9 +278,9 @@ table {{ border-collapse: collapse; }}
 th, td {{ text-align: right; padding: 0.2em 0.8em; border-bottom: 1px solid #ddd;
   white-space: nowrap; }}
 th:first-child, td:first-child {{ text-align: left; overflow-wrap: anywhere;
-  white-space: normal; }}
+  white-space: normal; min-width: 8em; }}
 .notice {{ color: #c00000; }}
-.drawing {{ overflow-x: auto; }}
+.drawing, .table {{ overflow-x: auto; }}
 .rates svg {{ max-width: 100%; height: auto; }}
 </style>
 </head>
@@ -289,11 +289,11 @@ th:first-child, td:first-child {{ text-align: left; overflow-wrap: anywhere;
 <p>{summary}</p>
 {notices}
 <h2>By type</h2>
-<table>
+<div class="table"><table>
 <tr><th>type</th><th>to</th><th>messages</th><th>bytes in bodies</th><th>smallest</th><th>largest</th>
 <th>first at</th><th>last at</th></tr>
 {table}
-</table>
+</table></div>
 <h2>Rates</h2>
 <div class="drawing rates">{rates}</div>
 <h2>The messages between the processes</h2>

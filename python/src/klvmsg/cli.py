@@ -32,8 +32,8 @@ RULES_HELP = """rules for the lengths of bodies, separated by semicolons:
   Hello=length(0,8,little,8)  has 8 bytes more than its length counts
   *=length(0,4,little)        all types without a rule of their own; this one holds unless another
                               is given
-exit codes: 0 done, 1 no connection, 2 usage, 3 a file, 4 the peer has gone, 6 timeout
 """
+EXIT_CODES = "exit codes: 0 done, 1 no connection, 2 usage, 3 a file, 4 the peer has gone, 6 timeout"
 
 
 class Failure(Exception):
@@ -118,7 +118,7 @@ def _command(
         name,
         help=summary,
         description=description,
-        epilog=RULES_HELP if name in ("spy", "record") else None,
+        epilog=(RULES_HELP if name in ("spy", "record") else "") + EXIT_CODES,
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )
     parser.set_defaults(run=run)
@@ -231,7 +231,7 @@ def _add_chart(commands: _Commands[argparse.ArgumentParser]) -> None:
         "(HTML, self-contained) with the same, a table by type and a plot of rates. Both are written\n"
         "beside FILE unless --svg or --html tell what is wanted. Needs matplotlib.",
     )  # fmt: skip
-    parser.add_argument("file", metavar="FILE", help="the recording")
+    parser.add_argument("file", metavar="FILE", help="the recording; - is standard input")
     parser.add_argument("--svg", metavar="PATH", help="where the drawing goes")
     parser.add_argument("--html", metavar="PATH", help="where the page goes")
     parser.add_argument(
@@ -331,10 +331,12 @@ def _chart(options: argparse.Namespace) -> int:
         from . import chart
     except ImportError as error:
         raise _missing("chart", "matplotlib", error) from error
+    neither = options.svg is None and options.html is None
+    if neither and options.file == "-":
+        raise Failure(USAGE, "a recording from standard input needs --svg or --html")
     with _open_recording(options.file) as file:
         story = chart.Story(read_recording(file), _selection(options), options.rows)
     base = options.file[: -len(".jsonl")] if options.file.endswith(".jsonl") else options.file
-    neither = options.svg is None and options.html is None
     for path, make in ((options.svg or (neither and base + ".svg"), chart.make_svg),
                        (options.html or (neither and base + ".html"), chart.make_page)):  # fmt: skip
         if path:

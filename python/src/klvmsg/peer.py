@@ -81,6 +81,7 @@ class Connection(_Closing):
         self._max_body = max_body
         self._received: Deque[Message] = deque()
         self._cut = False  # a message has gone in part
+        self._reset: Optional[PeerGone] = None  # the system tells it once; then it shows an end
         sock.setblocking(False)
         sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
 
@@ -132,6 +133,8 @@ class Connection(_Closing):
         return self._received.popleft()
 
     def _take_in(self, remaining: Callable[[], Optional[float]]) -> None:
+        if self._reset is not None:
+            raise self._reset
         try:
             data = self._socket.recv(_PIECE)
         except BlockingIOError:
@@ -139,7 +142,8 @@ class Connection(_Closing):
                 raise TimedOut("no message has come in time") from None
             return
         except OSError as error:
-            raise _gone(error) from error
+            self._reset = _gone(error)
+            raise self._reset from error
         if not data:
             if self._decoder.between_messages:
                 raise PeerGone("the peer has closed the connection", orderly=True)

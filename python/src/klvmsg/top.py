@@ -19,6 +19,8 @@ _SECONDS = 0.5  # between two pictures
 _PICTURES = 4  # over which a rate is taken
 _ROWS = 1000  # kept; those seen longest ago go first
 _NOTICES = 3
+# Columns of numbers, each with the width of the terminal that leaves room for the type beside it.
+_NUMBERS = (("count", 0), ("a second", 46), ("bytes/s", 55), ("last seen", 66))
 
 
 class _Row:
@@ -113,17 +115,21 @@ class Top:
         table.add_column("conn.", justify="right", no_wrap=True)
         table.add_column("to", no_wrap=True)
         table.add_column("type", no_wrap=True, overflow="ellipsis", ratio=1)
-        for heading in ("count", "a second", "bytes/s", "last seen"):
+        shown = [heading for heading, width in _NUMBERS if self._console.width >= width]
+        for heading in shown:
             table.add_column(heading, justify="right", no_wrap=True)
         for (connection, direction, type), row, rate, byte_rate in lines:
-            table.add_row(
-                f"#{connection}",
-                direction[len("to-") :],
-                Text(printable(type)),
+            numbers = (
                 f"{row.count:,}",
                 f"{rate:,.1f}" if rate < 100 else f"{rate:,.0f}",
                 size(byte_rate),
                 _ago(now - row.seen),
+            )
+            table.add_row(
+                f"#{connection}",
+                direction[len("to-") :],
+                Text(printable(type)),
+                *numbers[: len(shown)],
                 style="dim" if row.ended else "",
             )
         return table
