@@ -1,6 +1,6 @@
 // One scenario through the whole public interface, again and again: with each allocation failing in
-// turn, those of a message's own code among them, and with each system call failing in every way that
-// it can. It also sees how often each operation takes which lock.
+// turn, those of a message's own code among them, and with each system call failing in every way
+// that it can. It also sees how often each operation takes which lock.
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
