@@ -115,6 +115,7 @@ static std::vector<int> Walk(const Map& map, bool forward) {
     }
     position.Last();
     position.ClearStack();
+    position.Pop();
     EXPECT_TRUE(position.IsDone());
     EXPECT_EQ(before, Blocks()) << "the path is freed";
     return keys;
