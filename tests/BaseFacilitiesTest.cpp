@@ -135,10 +135,15 @@ TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {
             ASSERT_EQ(model.count(key) == 1, table.IsMember(key));
             ASSERT_EQ(model.count(key) == 1 ? step : 0, table.Lookup(key));
             std::map<int, int> walked;
+            std::vector<unsigned> order;  // upward from 0, then downward from -1
             omi_IntTableIterator<int> position(table);
+            ASSERT_TRUE(position.IsDone());
             for (position.First(); !position.IsDone(); position.Next()) {
-                walked[position.CurrentKey()] = position.CurrentValue();
+                const int at = position.CurrentKey();
+                walked[at] = position.CurrentValue();
+                order.push_back(static_cast<unsigned>(at) ^ (at < 0 ? INT_MAX : 0));
             }
+            ASSERT_TRUE(std::is_sorted(order.begin(), order.end()));
             ASSERT_EQ(model, walked);
             ASSERT_EQ(model.size(), table.Size());
         }
