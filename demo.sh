@@ -10,8 +10,9 @@ print_help() {
   cat <<EOF
 usage: demo.sh [OPTION]... [--] [FILE]...
 
-Installs what is missing, builds the exchange example, and runs it with these arguments. Without a
-FILE it sends some files of this repository and of the system. The example is built in
+Installs what is missing, builds the exchange example, and runs it with these arguments: at the message
+task's pace, and at once, or at the one that is asked for. It says how long each took. Without a FILE it
+sends some files of this repository and of the system. The example is built in
 $build,
 or below the folder that the variable KLVMSG_BUILD_DIR names.
 
@@ -48,5 +49,12 @@ if ! names_files "$@"; then
   set -- "$@" "$root/README.md" "$root/CMakeLists.txt" "$build/libKLVMsgCommModules.so" \
     /etc/passwd /bin/bash
 fi
-echo "== Running: exchange $*"
-exec "$program" "$@"
+# At both paces, unless one is asked for.
+case " $* " in
+  *" --pace"[\ =]*) paces=("") ;;
+  *) paces=("--pace=task" "--pace=at-once") ;;
+esac
+for pace in "${paces[@]}"; do
+  echo "== Running: exchange ${pace:+$pace }$*"
+  "$program" ${pace:+"$pace"} "$@"
+done

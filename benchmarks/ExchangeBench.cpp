@@ -3,13 +3,10 @@
 //
 // Every contender has two processes of its own, since the threads that some of them start would
 // make the system calls of the others dearer.
-#include <sys/prctl.h>
-#include <sys/wait.h>
-
-#include <csignal>
 #include <list>
 
 #include "Exchange.h"
+#include "Process.h"
 
 namespace bench {
 namespace {
@@ -50,54 +47,6 @@ void CheckBody(const char* body, int size) {
     Require(body[0] == Body()[0] && body[last] == Body()[last], "body");
     Require(!smoke || std::memcmp(body, Body(), last) == 0, "whole body");
 }
-
-// A process that this one starts, seen from either side: a line for what they tell each other. It
-// ends with this object, or with its parent.
-class Process {
-public:
-    // What `work` does there does not return, nor may an exception leave it.
-    template <class Work>
-    explicit Process(Work work) noexcept {
-        int ends[2];
-        Require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "socketpair");
-        m_id = fork();
-        Require(m_id != -1, "fork");
-        m_line = ends[m_id == 0 ? 1 : 0];
-        close(ends[m_id == 0 ? 0 : 1]);
-        if (m_id == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            work(*this);
-        }
-    }
-
-    ~Process() {
-        kill(m_id, SIGKILL);
-        waitpid(m_id, nullptr, 0);
-        close(m_line);
-    }
-
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
-
-    template <class T>
-    void Tell(const T& what) {
-        Require(write(m_line, &what, sizeof what) == sizeof what, "telling a process");
-    }
-
-    // Ends this process, too, when the other one has ended; a failed check has been reported there.
-    template <class T>
-    T Hear() {
-        T what = {};
-        if (read(m_line, &what, sizeof what) != sizeof what) {
-            std::_Exit(1);
-        }
-        return what;
-    }
-
-private:
-    pid_t m_id = -1;
-    int m_line = -1;
-};
 
 // What the ends of an exchange do next, and how long a message took them: in the middle and at 99 %
 // of all, or on the average of a stream.

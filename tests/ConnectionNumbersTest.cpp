@@ -1,5 +1,4 @@
-// What happens when a connection number comes back: the system gives a closed descriptor to whoever asks
-// next.
+// Connection numbers that come back: the system gives a closed descriptor to whoever asks next.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>

@@ -85,7 +85,7 @@ struct Model {
     Tree m_left, m_right;
 };
 
-// A map or a model as key:depth, value, (left,right), "-" for no node; the keys go to `keys` in order.
+// A map or a model as key:depth, value, (left,right), "-" for no node; `keys` gets the keys.
 template <class Tree>
 std::string Shape(const Tree& node, std::vector<int>* keys = nullptr) {
     if (node == nullptr) {

@@ -7,8 +7,7 @@
 #include <cereal/types/vector.hpp>
 #include <numeric>
 
-#include "Library.h"
-#include "Program.h"
+#include "Talk.h"
 
 static const char usage[] = R"(usage: cereal [--timeout SECONDS]
        cereal [--timeout SECONDS] collect
@@ -51,43 +50,25 @@ static Means MeansOf(const Measurements& measured) {
 
 // Tells its port to the reader of the pipe, if there is one.
 static int Collect(int portPipe) {
-    MeasurementsMessage prototype("Measurements");
-    Library library;
-    library.Register(prototype);
-    const KLVMsgChannel entrance = Serve(KLVMsgSocketAddress("127.0.0.1", 0), 1, "entrance");
-    const int port = entrance.GetSocket()->address.port;
-    library.Start();
-    std::printf("collecting on 127.0.0.1, port %d\n", port);
-    std::fflush(stdout);
-    if (portPipe != -1 && write(portPipe, &port, sizeof port) != sizeof port) {
-        throw std::runtime_error("nobody asks for the port");
-    }
-
-    TimeLimit::Restart("cereal: gave up: no measurements have come\n");
-    auto [station, measured] = Await(prototype);
+    Talk talk{MeasurementsMessage("Measurements")};
+    talk.ServeAndTell("collecting on", portPipe);
+    const auto measured = talk.Receive<MeasurementsMessage>(Limit());
+    Check(measured, "gave up: no measurements have come");
     std::printf("measured by %s\n", Printable(measured->content.station).c_str());
-    MeansMessage means("Means", MeansOf(measured->content));
-    Communicator().SendSocketMessage(station, &means);
-    TimeLimit::Restart("cereal: gave up: the station does not leave\n");
-    while (station.IsActiveInCurrentThreads()) {
-        KLVBasUtlsleep(20);  // the station goes first: closing now could overtake the means
-    }
+    Check(talk.Send(measured.peer, MeansMessage("Means", MeansOf(measured->content)), Limit()),
+          "gave up", "lost the station");
     return 0;
 }
 
 static int Measure(int port) {
-    MeansMessage prototype("Means");
-    Library library;
-    library.Register(prototype);
-    TimeLimit::Restart("cereal: gave up: no means have come\n");
-    const KLVMsgChannel collector = Connect(KLVMsgSocketAddress("127.0.0.1", port), "collector");
-    library.Start();
-
-    MeasurementsMessage measured(
-        "Measurements",
-        {"the roof", {{"temperature", {19.5, 20.0, 21.0, 21.5}}, {"humidity", {0.5, 0.25}}}});
-    Communicator().SendSocketMessage(collector, &measured);
-    const auto means = Await(prototype).second;
+    Talk talk{MeansMessage("Means")};
+    talk.ConnectAndStart(port, "collector");
+    const Measurements measured = {
+        "the roof", {{"temperature", {19.5, 20.0, 21.0, 21.5}}, {"humidity", {0.5, 0.25}}}};
+    Check(talk.Send("collector", MeasurementsMessage("Measurements", measured), Limit()), "gave up",
+          "lost the collector");
+    const auto means = talk.Receive<MeansMessage>(Limit());
+    Check(means, "gave up: no means have come", "lost the collector");
     for (const auto& [quantity, mean] : means->content) {
         std::printf("%s: %g\n", Printable(quantity).c_str(), mean);
     }

@@ -4,7 +4,6 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "Program.h"
 #include "Roles.h"
 #include "Session.h"
 
@@ -26,19 +25,20 @@ std::string Read(std::ifstream& file, std::size_t size, const std::string& path)
 class Client {
 public:
     explicit Client(const Options& options)
-        : m_name(options.name), m_chunkBytes(static_cast<std::size_t>(options.chunkKiB) << 10) {
-        m_hub = Connect(KLVMsgSocketAddress(options.host.c_str(), options.port), "hub");
-        m_session.Start();
+        : m_session(options.pace),
+          m_name(options.name),
+          m_chunkBytes(static_cast<std::size_t>(options.chunkKiB) << 10) {
+        Check(m_session.Connect({options.host.c_str(), options.port}, "hub", Limit()),
+              "gave up: the hub does not accept");
+        Check(m_session.Start());
         Hello hello;
         hello.name = options.name;
         hello.files = options.files.size();
-        TimeLimit::Restart("exchange: gave up: no answer from the hub\n");
-        Communicator().SendSocketMessage("hub", &hello);  // waits until it is written
+        m_session.Post("hub", std::move(hello));
     }
 
-    // Sends one file and compares the report with what was sent. One chunk at a time is on its way:
-    // the next is read and counted while it travels, and every header finds an empty connection, so
-    // that it arrives in one piece.
+    // Sends one file and compares the report with what was sent. One chunk at a time is on its way, and
+    // the next is read and counted meanwhile.
     bool Send(const std::string& path) {
         std::ifstream file(path, std::ios::binary);
         TextStatistics own;
@@ -47,13 +47,14 @@ public:
             chunk->data = Read(file, m_chunkBytes, path);
             last = chunk->data.size() < m_chunkBytes;
             chunk->last = last ? 1 : 0;
-            if (own.bytes != 0 && Await<Receipt>()->bytes != own.bytes) {
+            if (own.bytes != 0 && Await<Receipt>(Limit())->bytes != own.bytes) {
                 throw std::runtime_error("the hub has not counted what was sent");
             }
             own.Add(chunk->data);
-            m_session.Post("hub", std::move(chunk));
+            m_session.Post("hub",
+                           std::move(chunk));  // the next wait finds out when the hub has gone
         }
-        const bool agreed = Await<Report>()->found == own;
+        const bool agreed = Await<Report>(Limit())->found == own;
         std::printf(
             "%-10s %11llu %10llu %10llu %08llx  %-9s  %s\n", Printable(m_name).c_str(),
             static_cast<unsigned long long>(own.bytes), static_cast<unsigned long long>(own.lines),
@@ -62,39 +63,31 @@ public:
         return agreed;
     }
 
-    // Leaving resets the connection; the farewell says that there is nothing left on it.
-    void Leave() {
-        TimeLimit::End();  // the others may take their time
-        Await<Farewell>();
-    }
+    // The others may take their time.
+    void Leave() { Await<Farewell>(std::chrono::hours::max()); }
 
 private:
-    // The communicator's own blocking retrieve has no time limit, and the hub may be gone.
+    // A farewell comes in place of any other answer.
     template <class Message>
-    std::unique_ptr<Message> Await() {
-        for (;; KLVBasUtlsleep(20)) {
-            const bool connected = m_hub.IsActiveInCurrentThreads();  // before the last look
-            m_session.DropWritten();
-            auto received = m_session.Take<Message>();
-            if (!received.empty() && received[0].second->complete) {
-                TimeLimit::Restart("exchange: gave up: no answer from the hub\n");
-                return std::move(received[0].second);
+    KLVMsgReceived<Message> Await(KLVMsgTimeLimit limit) {
+        const auto deadline = limit.Deadline();
+        for (;;) {
+            auto received = m_session.Receive<Message>(std::chrono::milliseconds(100));
+            if (received) {
+                return received;
             }
-            const auto farewells = m_session.Take<Farewell>();
-            if (!farewells.empty()) {
-                throw std::runtime_error("sent away: " + farewells[0].second->reason);
+            const auto farewell = m_session.Receive<Farewell>(std::chrono::seconds(0));
+            if (farewell) {
+                throw std::runtime_error("sent away: " + farewell->reason);
             }
-            int error = 0;
-            KLVString text("the connection was closed");
-            Communicator().GetErrorsOnChannel(m_hub, error, text);
-            if (!connected || error != 0) {
-                throw std::runtime_error(std::string("lost the hub: ") + text.Text());
+            if (received.status != KLVMsgOutcome::kTooLate ||
+                KLVMsgTimeLimit::Clock::now() >= deadline) {
+                Check(received, "gave up: no answer from the hub", "lost the hub");
             }
         }
     }
 
     Session m_session;
-    KLVMsgChannel m_hub;
     const std::string m_name;
     const std::size_t m_chunkBytes;
 };
@@ -112,7 +105,6 @@ int RunClient(const Options& options) {
     RequireReadable(options.files);
     // Clients that share a file mix whole lines only.
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-    TimeLimit::Restart("exchange: gave up: the hub does not accept\n");
     Client client(options);
     bool agreed = true;
     for (const std::string& path : options.files) {

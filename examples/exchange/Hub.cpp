@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <map>
 #include <tuple>
+#include <vector>
 
-#include "Program.h"
 #include "Roles.h"
 #include "Session.h"
 
@@ -16,38 +16,34 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-const char* const entranceLabel = "entrance";
 const char* const clearLine = "\r\x1b[K";
 
 class Hub {
 public:
     explicit Hub(const Options& options)
-        : m_expected(options.clients), m_totalBytes(options.totalBytes) {
-        // Blocked before the message task starts, which inherits it: they interrupt no wait of it.
+        : m_session(options.pace), m_expected(options.clients), m_totalBytes(options.totalBytes) {
+        // Blocked before there is a second thread: only Run asks for them.
         sigemptyset(&m_stopSignals);
         sigaddset(&m_stopSignals, SIGINT);
         sigaddset(&m_stopSignals, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &m_stopSignals, nullptr);
 
-        const KLVMsgSocketAddress address(options.host.c_str(), options.port);
-        const KLVMsgChannel entrance = Serve(address, 64, entranceLabel);
-        const int port = entrance.GetSocket()->address.port;
-        m_session.Start();
+        int port = 0;
+        Check(m_session.Serve({options.host.c_str(), options.port}, &port));
+        Check(m_session.Start());
         std::printf("listening on %s, port %d\n", Printable(options.host).c_str(), port);
         std::fflush(stdout);
     }
 
     int Run() {
         while (!m_stopped && m_served + m_lost < m_expected) {
-            // Who stops in the middle of a message holds the library's locks, and so this loop.
-            TimeLimit::Restart("exchange hub: gave up: a client has stopped amid a message\n");
-            m_session.DropWritten();
-            Welcome();
+            const std::vector<KLVMsgPeer> gone = Gone();  // before the last look at what they said
             Receive();
-            FindLost();
+            Welcome();
+            CountLost(gone);
             ShowProgress(false);
-            const timespec pause = {0, 20000000};
-            m_stopped = sigtimedwait(&m_stopSignals, nullptr, &pause) > 0;
+            const timespec noPause = {};
+            m_stopped = sigtimedwait(&m_stopSignals, nullptr, &noPause) > 0;
         }
         ShowProgress(true);
         SayFarewell();
@@ -56,22 +52,22 @@ public:
 
 private:
     struct Client {
-        KLVMsgChannel channel;
+        std::string name;
         std::uint64_t filesLeft = 0;
         TextStatistics current;  // of the file that is arriving
     };
 
     // A connection gets its label when the client has told its name.
     void Welcome() {
-        for (auto& [channel, hello] : m_session.Take<Hello>()) {
+        while (const auto hello = m_session.Receive<Hello>(std::chrono::seconds(0))) {
             if (!hello->complete || hello->files == 0 || !IsFree(hello->name)) {
                 Farewell refusal;
                 refusal.reason = "the name is taken or none, or there are no files";
-                Communicator().SendSocketMessage(channel, &refusal);  // waits until it is written
+                m_session.Post(hello.peer, std::move(refusal));
                 continue;
             }
-            channel.SetLabel(hello->name.c_str());
-            m_clients[hello->name] = {channel, hello->files, {}};
+            m_session.SetLabel(hello.peer, hello->name);
+            m_clients[hello.peer] = {hello->name, hello->files, {}};
             m_files += hello->files;
             if (m_start == Clock::time_point()) {
                 m_start = Clock::now();
@@ -79,63 +75,65 @@ private:
         }
     }
 
-    // A name becomes a label, which is all up to a zero byte, and must be nobody else's.
     bool IsFree(const std::string& name) const {
+        const auto hasIt = [&](const auto& client) { return client.second.name == name; };
         return !name.empty() && name.size() <= maximalNameBytes &&
-               name.find('\0') == std::string::npos && name != entranceLabel &&
-               m_clients.count(name) == 0;
+               std::none_of(m_clients.begin(), m_clients.end(), hasIt);
     }
 
+    // Waits a little, and takes all that has come. A chunk comes behind its sender's hello.
     void Receive() {
-        for (const auto& [channel, chunk] : m_session.Take<Chunk>()) {
-            const auto sender = m_clients.find(channel.GetLabel().Text());
+        std::chrono::milliseconds limit(20);
+        while (const auto chunk = m_session.Receive<Chunk>(limit)) {
+            Welcome();
+            const auto sender = m_clients.find(chunk.peer);
             if (chunk->complete && sender != m_clients.end() && sender->second.filesLeft != 0) {
                 m_bytes += chunk->data.size();
                 sender->second.current.Add(chunk->data);
-                Answer(sender->first.c_str(), sender->second, chunk->last != 0);
+                Answer(chunk.peer, sender->second, chunk->last != 0);
             }
+            limit = std::chrono::milliseconds(0);
+            ShowProgress(false);
         }
     }
 
-    void Answer(const char* label, Client& client, bool fileEnds) {
+    void Answer(KLVMsgPeer peer, Client& client, bool fileEnds) {
         if (!fileEnds) {
-            auto receipt = std::make_unique<Receipt>();
-            receipt->bytes = client.current.bytes;
-            m_session.Post(label, std::move(receipt));
+            Receipt receipt;
+            receipt.bytes = client.current.bytes;
+            m_session.Post(peer, std::move(receipt));
             return;
         }
-        auto report = std::make_unique<Report>();
-        report->found = client.current;
-        m_session.Post(label, std::move(report));
+        Report report;
+        report.found = client.current;
+        m_session.Post(peer, std::move(report));
         client.current = TextStatistics();
         ++m_reported;
         m_served += --client.filesLeft == 0 ? 1 : 0;
     }
 
-    // A client stays until the farewell: one that has gone before, with files to come, is lost. Its
-    // connection number may belong to somebody else by now, but then it has another label.
-    void FindLost() {
-        for (auto& [name, client] : m_clients) {
-            const KLVString label(name.c_str());
-            const bool here =
-                client.channel.IsActiveInCurrentThreads() && client.channel.GetLabel() == label;
-            if (client.filesLeft != 0 && !here) {
-                std::fprintf(stderr, "%sexchange hub: lost %s%s\n", m_terminal ? clearLine : "",
-                             Printable(name).c_str(), ErrorOn(client.channel).c_str());
-                KLVMsgChannelQueryByLabel query(label);
-                Communicator().RemoveConnection(&query, false);
+    // A client stays until the farewell.
+    std::vector<KLVMsgPeer> Gone() {
+        std::vector<KLVMsgPeer> gone;
+        for (const auto& [peer, client] : m_clients) {
+            if (m_session.Peers(peer).empty()) {
+                gone.push_back(peer);
+            }
+        }
+        return gone;
+    }
+
+    // Lost are those who have gone with files to come.
+    void CountLost(const std::vector<KLVMsgPeer>& gone) {
+        for (const KLVMsgPeer peer : gone) {
+            Client& client = m_clients[peer];
+            if (client.filesLeft != 0) {
+                std::fprintf(stderr, "%sexchange hub: lost %s\n", m_terminal ? clearLine : "",
+                             Printable(client.name).c_str());
                 client.filesLeft = 0;
                 ++m_lost;
             }
         }
-    }
-
-    // The cause, where the registry still knows of the connection.
-    static std::string ErrorOn(const KLVMsgChannel& channel) {
-        int code = 0;
-        KLVString text;
-        Communicator().GetErrorsOnChannel(channel, code, text);
-        return code == 0 ? "" : std::string(": ") + text.Text();
     }
 
     // On a terminal one line that is written over; elsewhere a line a second, when there is news.
@@ -186,23 +184,16 @@ private:
         return text;
     }
 
-    // One message for all channels. Then the hub waits for the clients to leave: closing first
-    // could overtake what they have not read. One that does not leave is cut off after a while.
+    // One message for all. Then the session waits for the clients to leave; one that does not is cut off.
     void SayFarewell() {
         Farewell farewell;
         farewell.reason = m_stopped ? "the hub was stopped" : "all others have been served";
-        KLVMsgChannelQuery* const everybody = nullptr;
-        Communicator().SendSocketMessage(everybody, &farewell);
-        const Clock::time_point limit = Clock::now() + std::chrono::seconds(5);
-        for (auto& [name, client] : m_clients) {
-            while (client.channel.IsActiveInCurrentThreads() && Clock::now() < limit) {
-                KLVBasUtlsleep(20);
-            }
-        }
+        m_session.Post(KLVMsgPeers::All(), std::move(farewell));
+        m_session.End(std::chrono::seconds(5));
     }
 
     Session m_session;
-    std::map<std::string, Client> m_clients;  // by name, which is the label of the channel
+    std::map<KLVMsgPeer, Client> m_clients;
     sigset_t m_stopSignals = {};
     bool m_stopped = false;
     int m_expected;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +34,7 @@ public:
     }
 
     int Run() {
+        const auto start = std::chrono::steady_clock::now();
         const std::string port = StartHub();
         if (port.empty()) {
             WaitForAll();  // it has said why
@@ -46,6 +48,9 @@ public:
         }
         WaitForAll();
         PrintTable();
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        std::printf("took %.1f s %s\n", took.count(),
+                    Pace() == "task" ? "at the message task's pace" : "at once");
         return m_failed ? 1 : 0;
     }
 
@@ -79,12 +84,12 @@ private:
     std::string StartHub() {
         int ends[2];
         Require(pipe2(ends, O_CLOEXEC) == 0, errno);
-        Start(
-            "hub",
-            {"exchange", "hub", "--host", m_options.host, "--port", std::to_string(m_options.port),
-             "--clients", std::to_string(m_options.clients), "--timeout",
-             std::to_string(TimeLimit::seconds), "--total", std::to_string(TotalBytes())},
-            ends[1]);
+        Start("hub",
+              {"exchange", "hub", "--host", m_options.host, "--port",
+               std::to_string(m_options.port), "--clients", std::to_string(m_options.clients),
+               "--timeout", std::to_string(TimeLimit::seconds), "--total",
+               std::to_string(TotalBytes()), "--pace", Pace()},
+              ends[1]);
         close(ends[1]);
         std::string port;
         for (char c = 0; read(ends[0], &c, 1) == 1 && c != '\n';) {
@@ -93,6 +98,8 @@ private:
         close(ends[0]);
         return port;
     }
+
+    std::string Pace() const { return m_options.pace == KLVMsgSession::kTask ? "task" : "at-once"; }
 
     // The files are dealt out like cards, and from the start again to clients that would have none.
     std::size_t Cards() const {
@@ -119,6 +126,7 @@ private:
                                               "--name",    name,
                                               "--chunk",   std::to_string(m_options.chunkKiB),
                                               "--timeout", std::to_string(TimeLimit::seconds),
+                                              "--pace",    Pace(),
                                               "--"};
         const std::size_t clients = static_cast<std::size_t>(m_options.clients);
         for (std::size_t card = index; card < Cards(); card += clients) {

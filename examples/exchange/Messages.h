@@ -14,7 +14,7 @@
 // No text in a message is longer than this, so that a broken length cannot ask for all the memory.
 const int maximalTextBytes = 64 << 20;
 
-// Nor is a client's name, so that what follows it finds its header in one piece on any network.
+// Nor is a client's name.
 const std::size_t maximalNameBytes = 100;
 
 // Carries the fields of a message body, one after the other, to or from a stream.
@@ -103,6 +103,6 @@ struct Farewell : TypedMessage<Farewell> {
     void Fields(Body& body) { body.Text(reason); }
 };
 
-// All of them: a type is added here, once. One that is not cannot be received, and one that is there
-// twice neither: it does not compile.
+// All of them: a type is added here, once. To ask for one that is not here fails at once, and so does
+// the start when one is here twice.
 using MessageTypes = std::tuple<Hello, Chunk, Receipt, Report, Farewell>;

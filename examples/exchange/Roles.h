@@ -2,6 +2,8 @@
 // message for the user.
 #pragma once
 
+#include <KLVMsgSession.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,6 +13,7 @@ struct Options {
     std::string host = "127.0.0.1";
     int port = 0;
     int chunkKiB = 4096;
+    KLVMsgSession::Pace pace = KLVMsgSession::kAtOnce;
     std::string name = "client";
     std::uint64_t totalBytes = 0;  // of what will come to the hub; 0: not known
     std::vector<std::string> files;

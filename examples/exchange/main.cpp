@@ -30,6 +30,7 @@ been served, or by Ctrl-C. Both machines have the same byte order.
   --port P      the port there (0: the system's choice)
   --name NAME   the client's name, which becomes its label at the hub (client)
   --chunk KIB   how much of a file goes into one message, 1 to 65536 (4096)
+  --pace PACE   at-once, or task: the pace of the library's message task (at-once)
   --timeout S   give up when a message is under way, or an answer awaited, for so many seconds
                 (60; 0: never)
   --total B     how many bytes will come in all, for the share in the hub's progress (hub)
@@ -55,13 +56,25 @@ long long NumberBetween(long long lowest, long long highest) {
     return number;
 }
 
+KLVMsgSession::Pace PaceOf(const std::string& word) {
+    if (word != "task" && word != "at-once") {
+        Refuse(word + " is no pace");
+    }
+    return word == "task" ? KLVMsgSession::kTask : KLVMsgSession::kAtOnce;
+}
+
 Options Parse(int argc, char** argv, const std::string& role) {
-    static const option known[] = {
-        {"clients", required_argument, nullptr, 'c'}, {"host", required_argument, nullptr, 'o'},
-        {"port", required_argument, nullptr, 'p'},    {"name", required_argument, nullptr, 'n'},
-        {"chunk", required_argument, nullptr, 'k'},   {"timeout", required_argument, nullptr, 't'},
-        {"total", required_argument, nullptr, 'b'},   {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'v'},       {nullptr, 0, nullptr, 0}};
+    static const option known[] = {{"clients", required_argument, nullptr, 'c'},
+                                   {"host", required_argument, nullptr, 'o'},
+                                   {"port", required_argument, nullptr, 'p'},
+                                   {"name", required_argument, nullptr, 'n'},
+                                   {"chunk", required_argument, nullptr, 'k'},
+                                   {"timeout", required_argument, nullptr, 't'},
+                                   {"pace", required_argument, nullptr, 'a'},
+                                   {"total", required_argument, nullptr, 'b'},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, 'v'},
+                                   {nullptr, 0, nullptr, 0}};
     Options options;
     options.clients = role == "hub" ? 1 : 2;
     for (int option; (option = getopt_long(argc, argv, "h", known, nullptr)) != -1;) {
@@ -83,6 +96,9 @@ Options Parse(int argc, char** argv, const std::string& role) {
                 break;
             case 't':
                 TimeLimit::seconds = static_cast<int>(NumberBetween(0, 1000000));
+                break;
+            case 'a':
+                options.pace = PaceOf(optarg);
                 break;
             case 'b':
                 options.totalBytes = static_cast<std::uint64_t>(NumberBetween(0, LLONG_MAX));

@@ -2,8 +2,7 @@
 // invoice. Neither writes or reads a byte by hand.
 #include <KLVMsgProtobufMessage.h>
 
-#include "Library.h"
-#include "Program.h"
+#include "Talk.h"
 #include "order.pb.h"
 
 static const char usage[] = R"(usage: protobuf [--timeout SECONDS]
@@ -36,45 +35,27 @@ static shop::Invoice Priced(const shop::Order& order) {
 
 // Tells its port to the reader of the pipe, if there is one.
 static int Shop(int portPipe) {
-    Order prototype;
-    Library library;
-    library.Register(prototype);
-    const KLVMsgChannel entrance = Serve(KLVMsgSocketAddress("127.0.0.1", 0), 1, "entrance");
-    const int port = entrance.GetSocket()->address.port;
-    library.Start();
-    std::printf("the shop is open on 127.0.0.1, port %d\n", port);
-    std::fflush(stdout);
-    if (portPipe != -1 && write(portPipe, &port, sizeof port) != sizeof port) {
-        throw std::runtime_error("nobody asks for the port");
-    }
-
-    TimeLimit::Restart("protobuf: gave up: no order has come\n");
-    auto [buyer, order] = Await(prototype);
-    Invoice invoice(Priced(order->content));
-    Communicator().SendSocketMessage(buyer, &invoice);
-    TimeLimit::Restart("protobuf: gave up: the buyer does not leave\n");
-    while (buyer.IsActiveInCurrentThreads()) {
-        KLVBasUtlsleep(20);  // the buyer goes first: closing now could overtake the invoice
-    }
+    Talk talk{Order()};
+    talk.ServeAndTell("the shop is open on", portPipe);
+    const auto order = talk.Receive<Order>(Limit());
+    Check(order, "gave up: no order has come");
+    Check(talk.Send(order.peer, Invoice(Priced(order->content)), Limit()), "gave up",
+          "lost the buyer");
     return 0;
 }
 
 static int Buy(int port) {
-    Invoice prototype;
-    Library library;
-    library.Register(prototype);
-    TimeLimit::Restart("protobuf: gave up: no invoice has come\n");
-    const KLVMsgChannel shop = Connect(KLVMsgSocketAddress("127.0.0.1", port), "shop");
-    library.Start();
-
+    Talk talk{Invoice()};
+    talk.ConnectAndStart(port, "shop");
     Order order;
     for (const auto& [name, count] : {std::pair("bolt", 100), std::pair("washer", 200)}) {
         shop::Order::Item* const item = order.content.add_items();
         item->set_name(name);
         item->set_count(static_cast<std::uint32_t>(count));
     }
-    Communicator().SendSocketMessage(shop, &order);
-    const auto invoice = Await(prototype).second;
+    Check(talk.Send("shop", order, Limit()), "gave up", "lost the shop");
+    const auto invoice = talk.Receive<Invoice>(Limit());
+    Check(invoice, "gave up: no invoice has come", "lost the shop");
     for (const std::string& line : invoice->content.lines()) {
         std::printf("%s\n", Printable(line).c_str());
     }

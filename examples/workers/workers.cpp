@@ -1,7 +1,8 @@
 // Request and reply with a pool of worker processes: a dispatcher hands a job to each worker that
 // is free, and takes its result as the sign that it is free again.
-#include "Library.h"
-#include "Program.h"
+#include <cstring>
+
+#include "Talk.h"
 
 static const char usage[] = R"(usage: workers [--timeout SECONDS]
        workers [--timeout SECONDS] dispatch
@@ -21,102 +22,88 @@ with 1 when not, or when something fails; with 2 after a wrong command line.
 static const int workerCount = 3;
 static const unsigned int jobCount = 10;
 
-// A job or a result: two numbers, as they lie in memory.
-class Numbers : public KLVMsgSocketMessage {
-public:
-    explicit Numbers(const char* type, unsigned int number = 0, unsigned int square = 0)
-        : fields{number, square}, m_type(type) {}
-
-    int WriteMessage(KLVMsgOutputStream* stream) override {
-        int count = 0;
-        stream->write(fields, bodySize, count);
-        whole = count == bodySize;
-        return whole;
+// A job or a result: numbers, as they lie in memory.
+template <class Fields>
+struct Numbers : KLVMsgFramedMessage {
+    bool Encode(std::string& bytes) const override {
+        bytes.assign(reinterpret_cast<const char*>(&fields), sizeof fields);
+        return true;
+    }
+    bool Decode(std::string_view bytes) override {
+        std::memcpy(&fields, bytes.data(), std::min(bytes.size(), sizeof fields));
+        return bytes.size() == sizeof fields;
     }
 
-    int ReadMessage(KLVMsgInputStream* stream) override {
-        int done = 0;
-        for (int count = 1; done < bodySize && count > 0; done += count) {
-            count = 0;
-            stream->read(reinterpret_cast<char*>(fields) + done, bodySize - done, count);
-        }
-        whole = done == bodySize;
-        return whole;
-    }
-
-    KLVMsgSocketMessage* NewInstance() override { return new Numbers(m_type); }
-    KLVString GetMessageType() const override { return m_type; }
-
-    // A number and its square; both 0 in the first result of a worker, which says that it is there.
-    unsigned int fields[2];
-    bool whole = false;  // a message whose body did not come to its end is received all the same
-
-private:
-    static const int bodySize = sizeof fields;
-    const char* m_type;
+    Fields fields = {};
 };
 
-// Works until the dispatcher closes the connection.
+// The number to be squared; 0 when there are no more.
+struct Job : Numbers<unsigned int> {
+    explicit Job(unsigned int number = 0) { fields = number; }
+    KLVMsgSocketMessage* NewInstance() override { return new Job; }
+    KLVString GetMessageType() const override { return "Job"; }
+};
+
+// A number and its square; both 0 in the first result of a worker, which says that it is there.
+struct Squared {
+    unsigned int number;
+    unsigned int square;
+};
+struct Result : Numbers<Squared> {
+    explicit Result(unsigned int number = 0) { fields = {number, number * number}; }
+    KLVMsgSocketMessage* NewInstance() override { return new Result; }
+    KLVString GetMessageType() const override { return "Result"; }
+};
+
+// Works until there are no more jobs.
 static int Work(int port) {
-    Numbers job("Job");
-    Library library;
-    library.Register(job);
-    TimeLimit::Restart("workers: gave up: the dispatcher does not accept\n");
-    KLVMsgChannel dispatcher = Connect(KLVMsgSocketAddress("127.0.0.1", port), "dispatcher");
-    library.Start();
-    Numbers result("Result");
-    TimeLimit::Restart("workers: gave up: no job from the dispatcher\n");
-    Communicator().SendSocketMessage(dispatcher, &result);
-    for (bool connected = true; connected;) {
-        KLVBasUtlsleep(20);
-        connected = dispatcher.IsActiveInCurrentThreads();  // before the last look
-        for (const auto& [channel, received] : Take<Numbers>("Job")) {
-            if (!received->whole) {
-                throw std::runtime_error("lost the dispatcher in the middle of a message");
-            }
-            const unsigned int number = received->fields[0];
-            result = Numbers("Result", number, number * number);
-            Communicator().SendSocketMessage(channel, &result);
-            TimeLimit::Restart("workers: gave up: no more jobs from the dispatcher\n");
+    Talk talk{Job()};
+    talk.ConnectAndStart(port, "dispatcher");
+    for (Result result;;) {
+        Check(talk.Send("dispatcher", result, Limit()), "gave up", "lost the dispatcher");
+        const auto job = talk.Receive<Job>(Limit());
+        Check(job, "gave up: no job from the dispatcher", "lost the dispatcher");
+        if (job->fields == 0) {
+            return 0;
+        }
+        result = Result(job->fields);
+    }
+}
+
+// The next result. A worker that is lost ends the wait, though others may still come.
+static KLVMsgReceived<Result> NextResult(Talk& talk, std::size_t workers) {
+    const auto deadline = Limit().Deadline();
+    for (;;) {
+        auto result = talk.Receive<Result>(std::chrono::milliseconds(100));
+        if (result || KLVMsgTimeLimit::Clock::now() >= deadline) {
+            Check(result, "gave up: no " +
+                              std::string(workers == 0 ? "workers have come" : "more results"));
+            return result;
+        }
+        if (talk.Peers("worker").size() < workers) {
+            throw std::runtime_error("lost a worker");
         }
     }
-    return 0;
 }
 
 // Hands out the jobs until all have come back; returns how many are wrong.
-static int HandOut() {
-    std::vector<KLVMsgChannel> workers;
+static int HandOut(Talk& talk) {
+    std::size_t workers = 0;
     unsigned int next = 1;
-    unsigned int done = 0;
     int wrong = 0;
-    TimeLimit::Restart("workers: gave up: no workers have come\n");
-    while (done < jobCount) {
-        KLVBasUtlsleep(20);
-        bool lost = false;  // asked before the last look
-        for (KLVMsgChannel& worker : workers) {
-            lost = lost || !worker.IsActiveInCurrentThreads();
+    for (unsigned int done = 0; done < jobCount;) {
+        const auto result = NextResult(talk, workers);
+        const auto [number, square] = result->fields;
+        if (number == 0) {
+            talk.SetLabel(result.peer, "worker");
+            ++workers;
+        } else {
+            ++done;
+            wrong += square == number * number ? 0 : 1;
+            std::printf("worker %llu: the square of %u is %u\n", result.peer.id, number, square);
         }
-        for (const auto& [channel, result] : Take<Numbers>("Result")) {
-            if (!result->whole) {
-                continue;  // its connection has ended
-            }
-            TimeLimit::Restart("workers: gave up: no more results from the workers\n");
-            const auto [number, square] = result->fields;
-            if (number == 0) {
-                workers.push_back(channel);
-            } else {
-                ++done;
-                wrong += square == number * number ? 0 : 1;
-                std::printf("connection %d: the square of %u is %u\n", channel.connection, number,
-                            square);
-            }
-            if (next <= jobCount) {
-                Numbers job("Job", next++);
-                Communicator().SendSocketMessage(channel, &job);
-            }
-        }
-        if (lost && done < jobCount) {
-            throw std::runtime_error("lost a worker");
+        if (next <= jobCount) {
+            talk.Post(result.peer, Job(next++));
         }
     }
     return wrong;
@@ -124,23 +111,16 @@ static int HandOut() {
 
 // Tells its port to the reader of the pipe, if there is one.
 static int Dispatch(int portPipe) {
-    Numbers result("Result");
-    Library library;
-    library.Register(result);
-    const KLVMsgChannel entrance = Serve(KLVMsgSocketAddress("127.0.0.1", 0), 16, "entrance");
-    const int port = entrance.GetSocket()->address.port;
-    library.Start();
-    std::printf("dispatching on 127.0.0.1, port %d\n", port);
-    std::fflush(stdout);
-    if (portPipe != -1 && write(portPipe, &port, sizeof port) != sizeof port) {
-        throw std::runtime_error("nobody asks for the port");
-    }
-    const int wrong = HandOut();
+    Talk talk{Result()};
+    talk.ServeAndTell("dispatching on", portPipe);
+    const int wrong = HandOut(talk);
+    talk.Post(KLVMsgPeers::All(), Job());
+    Check(talk.End(Limit()), "gave up: a worker does not leave");
     std::printf("%u jobs, %d wrong\n", jobCount, wrong);
     return wrong == 0 ? 0 : 1;
 }
 
-// The processes part before the library is used: its threads and sockets are not inherited.
+// The processes part before there is a session: its thread and sockets are not inherited.
 static int RunAll() {
     Children children;
     const int port = children.StartServer("workers dispatcher", Dispatch);

@@ -1,5 +1,6 @@
-// Bytes from a peer, for libFuzzer: into the header reader and the whole cycle. The first byte says how
-// the peer ends the connection; what follows it is sent. However it goes, a good peer is served after it.
+// Bytes from a peer, for libFuzzer: into the header reader and the whole cycle. The first byte says
+// how the peer ends the connection; what follows it is sent. However it goes, a good peer is served
+// next.
 #include <KLVMsgCommModules.h>
 #include <KLVMsgFramedMessage.h>
 #include <sys/socket.h>

@@ -1,6 +1,6 @@
-// Stands between both libraries and what they are given: their memory and locks, and the C library's
-// socket calls. Tests count, make one fail, and see what happens meanwhile. Linked into every test
-// program; what it does not change is left to whoever stands behind it.
+// Stands between both libraries and what they are given: their memory and locks, and the C
+// library's socket calls. Tests count, make one fail, and see what happens meanwhile. Linked into
+// every test program; what it does not change is left to whoever stands behind it.
 #pragma once
 
 #include <KLVMsgCommModules.h>

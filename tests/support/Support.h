@@ -1,5 +1,5 @@
-// The vocabulary of the tests: plain TCP peers, a message class, what the communicator knows and has
-// received, waiting for a condition, counting descriptors.
+// The vocabulary of the tests: plain TCP peers, a message class, what the communicator knows and
+// has received, waiting for a condition, counting descriptors.
 //
 // Every test starts and ends with nothing: after it both singletons are finalized, what they had
 // open is closed, and a descriptor, a message or a block of the library that is left is a failure.
@@ -62,8 +62,8 @@ private:
     int m_descriptor;
 };
 
-// A registered connection, its channel, and the peer at the other end: made to a listener of its own,
-// or to that of another one.
+// A registered connection, its channel, and the peer at the other end: made to a listener of its
+// own, or to that of another one.
 struct ConnectedPair {
     explicit ConnectedPair(const KLVString& label = "")
         : ConnectedPair(std::make_shared<Listener>(), label) {}
@@ -83,8 +83,8 @@ struct ConnectedPair {
 std::string HeaderBytes(const std::string& typeName);
 std::string TextBytes(const std::string& typeName, const std::string& text);
 
-// A message of any type name whose body is a text. Counts the objects alive, and runs what a test wants
-// to happen where a body is written or has been read.
+// A message of any type name whose body is a text. Counts the objects alive, and runs what a test
+// wants to happen where a body is written or has been read.
 struct TextMessage : KLVMsgFramedMessage {
     explicit TextMessage(const std::string& typeName, const std::string& content = "")
         : type(typeName), text(content) {

@@ -1,6 +1,6 @@
-// Eight threads that use every part of one process's messaging at once, while peers come, go, reset,
-// stall and stay. What the peers that stay have sent and been sent is accounted for, and a thread with
-// sockets of its own sees whether anybody touches them. Usage: turmoil SECONDS [SEED]
+// Eight threads that use every part of one process's messaging at once, while peers come, go,
+// reset, stall and stay. What the peers that stay have sent and been sent is accounted for, and a
+// thread with sockets of its own sees whether anybody touches them. Usage: turmoil SECONDS [SEED]
 #include <sys/socket.h>
 #include <unistd.h>
 

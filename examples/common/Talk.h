@@ -1,0 +1,74 @@
+// What the examples with a session have in common. What fails is thrown as a std::runtime_error with
+// its cause.
+#pragma once
+
+#include <KLVMsgSession.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+
+#include "Program.h"
+
+// The time limit of the command line.
+inline KLVMsgTimeLimit Limit() {
+    return TimeLimit::seconds == 0 ? KLVMsgTimeLimit(std::chrono::hours::max())
+                                   : KLVMsgTimeLimit(std::chrono::seconds(TimeLimit::seconds));
+}
+
+// Throws unless it is done: `late` when the time was over, `lost` when the peer has gone, its own words
+// when it failed.
+inline void Check(const KLVMsgOutcome& outcome, const std::string& late = "gave up",
+                  const std::string& lost = "lost the peer") {
+    if (!outcome) {
+        throw std::runtime_error(outcome.status == KLVMsgOutcome::kTooLate    ? late
+                                 : outcome.status == KLVMsgOutcome::kPeerGone ? lost
+                                                                              : outcome.text);
+    }
+}
+
+// A session with the prototypes of what may come. A peer that stops in the middle of a message is given
+// up when the time is over.
+struct Talk : KLVMsgSession {
+    template <class... Messages>
+    explicit Talk(const Messages&... prototypes) : KLVMsgSession(kAtOnce, Limit()) {
+        (Check(Register(prototypes)), ...);
+    }
+
+    // Serves on 127.0.0.1 and says so: "WHAT 127.0.0.1, port PORT". Tells the port to the reader of the
+    // pipe as well, if there is one (-1: none).
+    void ServeAndTell(const char* what, int portPipe, int port = 0) {
+        Check(Serve({"127.0.0.1", port}, &port));
+        Check(Start());
+        std::printf("%s 127.0.0.1, port %d\n", what, port);
+        std::fflush(stdout);
+        if (portPipe != -1 && write(portPipe, &port, sizeof port) != sizeof port) {
+            throw std::runtime_error("nobody asks for the port");
+        }
+    }
+
+    void ConnectAndStart(int port, const std::string& name) {
+        Check(Connect({"127.0.0.1", port}, name, Limit()),
+              "gave up: the " + name + " does not accept");
+        Check(Start());
+    }
+};
+
+// A message whose body is a text.
+class Text : public KLVMsgFramedMessage {
+public:
+    explicit Text(const std::string& value) : text(value) {}
+
+    bool Encode(std::string& bytes) const override {
+        bytes = text;
+        return true;
+    }
+    bool Decode(std::string_view bytes) override {
+        text = bytes;
+        return true;
+    }
+
+    std::string text;
+};
