@@ -160,10 +160,10 @@ TEST(Session, EndingLosesNothingAndTwoWhoWriteDoNotWaitForEachOther) {
 }
 
 TEST(Session, TakesBackWhatIsTooLateAndEndsWhenThePeerHasReadTheRest) {
-    PlainServer listener;
+    Listener listener;
     KLVMsgSession session;
-    EXPECT_TRUE(session.Connect({"127.0.0.1", listener.Port()}, "peer"));
-    PlainPeer peer(listener.Accept());
+    EXPECT_TRUE(session.Connect({"127.0.0.1", listener.address.port}, "peer"));
+    PlainPeer peer(listener);
     EXPECT_EQ(KLVMsgOutcome::kTooLate, session.Send("peer", Word("too late"), 10ms).status);
     const std::string next(1 << 20, 'x');  // of which the peer's socket holds a part only
     session.Post("peer", Word(next));
@@ -177,16 +177,16 @@ TEST(Session, TakesBackWhatIsTooLateAndEndsWhenThePeerHasReadTheRest) {
 }
 
 TEST(Session, TimeLimitsHoldWhateverAPeerDoes) {
-    PlainServer listener;
+    Listener listener;
     Session session(KLVMsgSession::kAtOnce, 2s);
-    EXPECT_TRUE(session.Connect({"127.0.0.1", listener.Port()}, "mute"));
-    PlainPeer mute(listener.Accept());
+    EXPECT_TRUE(session.Connect({"127.0.0.1", listener.address.port}, "mute"));
+    PlainPeer mute(listener);
     const Word large(std::string(20 << 20, 'x'));
     EXPECT_EQ(KLVMsgOutcome::kTooLate, session.Send("mute", large, 100ms).status);
     EXPECT_EQ(KLVMsgOutcome::kTooLate, session.Receive<Word>(100ms).status);
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Send("mute", large, 20s).status);
-    EXPECT_TRUE(session.Connect({"127.0.0.1", listener.Port()}, "mute"));
-    PlainPeer again(listener.Accept());
+    EXPECT_TRUE(session.Connect({"127.0.0.1", listener.address.port}, "mute"));
+    PlainPeer again(listener);
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Send("mute", large, 20s).status) << "a part only";
 }
 
