@@ -48,7 +48,7 @@ TEST(String, OrderIsThatOfTheBytesWithZeroBytesAndPrefixes) {
 TEST(String, CopiesOnManyThreadsReleaseTheTextOnce) {
     const KLVString text("shared");
     const auto copyOften = [own = text] {
-        for (int round = 0; round < 50000; ++round) {
+        for (int round = 0; round < 500000; ++round) {
             KLVString copy = own;
             copy = KLVString(copy);
         }
