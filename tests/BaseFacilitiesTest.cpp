@@ -56,6 +56,7 @@ TEST(String, CopiesOnManyThreadsReleaseTheTextOnce) {
     {
         const auto a = std::async(std::launch::async, copyOften);
         const auto b = std::async(std::launch::async, copyOften);
+        const auto c = std::async(std::launch::async, copyOften);
     }
     EXPECT_STREQ("shared", text.Text());
 }
