@@ -45,6 +45,22 @@ TEST(String, OrderIsThatOfTheBytesWithZeroBytesAndPrefixes) {
     EXPECT_EQ('b', sorted[4][2]);
 }
 
+TEST(String, CopiesOnManyThreadsReleaseTheTextOnce) {
+    const KLVString text("shared");
+    const auto copyOften = [own = text] {
+        for (int round = 0; round < 500000; ++round) {
+            KLVString copy = own;
+            copy = KLVString(copy);
+        }
+    };
+    {
+        const auto a = std::async(std::launch::async, copyOften);
+        const auto b = std::async(std::launch::async, copyOften);
+        const auto c = std::async(std::launch::async, copyOften);
+    }
+    EXPECT_STREQ("shared", text.Text());
+}
+
 // The same steps on both; after each, both hold the same.
 template <class T>
 void FollowsTheStandardVector(const T& first, const T& second) {
