@@ -255,12 +255,13 @@ pkg-config --cflags --libs KLVMsgCommModules
 g++ -std=c++17 -Wall -Wextra -Wnon-virtual-dtor -Wold-style-cast -Werror /srv/first/first.cpp \
   $(pkg-config --cflags --libs KLVMsgCommModules) -o ~/by-pkg-config
 /srv/first/first_program_test.sh ~/by-pkg-config
-gdb --batch -ex 'set breakpoint pending on' -ex 'break KLVMsgCommModules_initialize' \
-  -ex run -ex 'info source' --args ~/by-pkg-config serve 45998
+# A function that the library alone calls: of others gdb may take the program's own stub.
+gdb --batch -ex 'set breakpoint pending on' -ex 'break KLVMsgComm_initialize' -ex run -ex 'info source' \
+  --args ~/by-pkg-config serve 45998
 EOF
   expect "hub and clients agree on every file"
   expect "-isystem/usr/include/KLVMsgCommModules"
-  expect "KLVMsgCommModules_IF.cpp"
+  expect "KLVMsgComm_IF.cpp"
 
   step "The packages removed"
   run_in "$2" root <<'EOF'

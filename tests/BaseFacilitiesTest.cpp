@@ -45,6 +45,22 @@ TEST(String, OrderIsThatOfTheBytesWithZeroBytesAndPrefixes) {
     EXPECT_EQ('b', sorted[4][2]);
 }
 
+TEST(String, CopiesOnManyThreadsReleaseTheTextOnce) {
+    const KLVString text("shared");
+    const auto copyOften = [own = text] {
+        for (int round = 0; round < 500000; ++round) {
+            KLVString copy = own;
+            copy = KLVString(copy);
+        }
+    };
+    {
+        const auto a = std::async(std::launch::async, copyOften);
+        const auto b = std::async(std::launch::async, copyOften);
+        const auto c = std::async(std::launch::async, copyOften);
+    }
+    EXPECT_STREQ("shared", text.Text());
+}
+
 // The same steps on both; after each, both hold the same.
 template <class T>
 void FollowsTheStandardVector(const T& first, const T& second) {
@@ -135,10 +151,15 @@ TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {
             ASSERT_EQ(model.count(key) == 1, table.IsMember(key));
             ASSERT_EQ(model.count(key) == 1 ? step : 0, table.Lookup(key));
             std::map<int, int> walked;
+            std::vector<unsigned> order;  // upward from 0, then downward from -1
             omi_IntTableIterator<int> position(table);
+            ASSERT_TRUE(position.IsDone());
             for (position.First(); !position.IsDone(); position.Next()) {
-                walked[position.CurrentKey()] = position.CurrentValue();
+                const int at = position.CurrentKey();
+                walked[at] = position.CurrentValue();
+                order.push_back(static_cast<unsigned>(at) ^ (at < 0 ? INT_MAX : 0));
             }
+            ASSERT_TRUE(std::is_sorted(order.begin(), order.end()));
             ASSERT_EQ(model, walked);
             ASSERT_EQ(model.size(), table.Size());
         }

@@ -1,5 +1,6 @@
 #include <algorithm>
-#include <cstring>
+#include <fstream>
+#include <map>
 #include <random>
 
 #include "Faults.h"
@@ -114,55 +115,6 @@ TEST_F(CommunicatorTest, QueueWaitsForAStreamAndGoesOutInOrderWithoutWhatCannotB
     EXPECT_EQ((Ids{}), Pending({9}));
 }
 
-TEST_F(CommunicatorTest, ErrorStaysUntilItIsClearedAndLeavesTheTextAloneWithoutOne) {
-    Client client(*this, "client");
-    KLVString text("before");
-    const auto errorOn = [&](const KLVMsgChannel& channel) {
-        int code = 42;
-        Communicator().GetErrorsOnChannel(channel, code, text);
-        return code;
-    };
-    EXPECT_EQ(0, errorOn(client.channel) + errorOn(ChannelOf(777)));
-    EXPECT_STREQ("before", text.Text());
-    client.channel.GetSocket()->lastError = EIO;
-    EXPECT_EQ(EIO, errorOn(client.channel));
-    EXPECT_STREQ(std::strerror(EIO), text.Text());
-    EXPECT_EQ(EIO, errorOn(client.channel));
-    Registry().ClearError(client.channel.connection);
-    EXPECT_EQ(0, errorOn(client.channel));
-}
-
-TEST_F(CommunicatorTest, BlockingOperationsReturnWhileTheTaskRunsAndItStopsInOrder) {
-    {
-        const CallLog log;
-        EXPECT_EQ(1, KLVMsgMessageTask().Run(0));
-        EXPECT_EQ("", log.Names());
-    }
-    Client client(*this, "client");
-    client.peer.Send(Bytes("a"));
-    Send(client.channel, &hello);
-    const CallLog log;
-    Communicator().PrepareStartupMessageTask();
-    KLVMsgMessageTask task;
-    KLVBasAtiThread thread(task);
-    EXPECT_FALSE(Communicator().SendSocketMessage(client.channel, &hello));
-    Communicator().SendSocketMessage("nobody", &hello);
-    EXPECT_EQ(Bytes("hello") + Bytes("hello"), client.peer.Receive(2 * Bytes("hello").size()));
-    KLVMsgMessageQueryByType query("Text");
-    KLVBasVector<KLVMsgSocketMessage*> messages = ListOf<KLVMsgSocketMessage*>({&hello});
-    ASSERT_EQ(2u, Communicator().RetrieveMessages(&query, messages));
-    EXPECT_EQ("a", TextOf(messages[1]));
-    delete messages[1];
-    Communicator().ShutdownMessageTask();
-    EXPECT_EQ(1, thread.Join());
-    EXPECT_EQ(0u, log.Names().find(theWait + " recv recv recv recv send send send "));
-    EXPECT_EQ("0 20000 ", log.Calls()[0].rest);
-    EXPECT_EQ("", client.peer.Receive(1));
-    EXPECT_EQ(0u, Known().size());
-    EXPECT_TRUE(Communicator().IsOkToShutDownMessageTask());
-    EXPECT_EQ((Ids{3}), Pending({Send(client.channel, &hello)}));
-}
-
 // Selects messages by chance, each twice and some that are not there, and keeps which ones.
 struct Lottery : KLVMsgMessageQuery {
     void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
@@ -200,5 +152,49 @@ TEST_F(CommunicatorTest, InboxFollowsTheModelFromWhichOneElementIsTakenAtATime) 
                 query.chosen.pop_back();
             }
         }
+    }
+}
+
+// A body of 8 bytes, written and read with one call; allocates nothing.
+struct FixedMessage : KLVMsgSocketMessage {
+    int WriteMessage(KLVMsgOutputStream* to) override { return to->write(body, 8, count), 1; }
+    int ReadMessage(KLVMsgInputStream* from) override { return from->read(body, 8, count), 1; }
+    KLVMsgSocketMessage* NewInstance() override { return this; }
+    KLVString GetMessageType() const override { return type; }
+
+    char body[8] = {};
+    int count = 0;
+    KLVString type{"TwelveLetter"};
+};
+
+// What a clock cannot tell exactly, against the budget file.
+TEST_F(CommunicatorTest, OneMessageCostsNoMoreCallsAndAllocationsThanBefore) {
+    std::map<std::string, int> limits;
+    std::ifstream file(BUDGET_FILE);
+    for (std::string word; file >> word;) {
+        word[0] == '#' ? file.ignore(1000, '\n') : file >> limits[word];
+    }
+    FixedMessage message;
+    Communicator().RegisterMessagePrototype("TwelveLetter", &message);
+    ConnectedPair pair;
+    Communicator().AddConnection(pair.channel, true);
+    const auto transmit = [&] {
+        Send(pair.channel, &message);
+        Communicator().TransmitPendingMessage();
+    };
+    const auto check = [&limits](const std::string& name, int buffers, auto action) {
+        const CallLog log;
+        const int before = Allocations();
+        action();
+        const int allocations = Allocations() - before - buffers;
+        EXPECT_LE(allocations, limits.at(name + "_allocations")) << name;
+        EXPECT_LE(static_cast<int>(log.Calls().size()), limits.at(name + "_calls")) << name;
+    };
+    for (int i = 0; i < 6; ++i) {  // makes room in queue and inbox
+        pair.peer.Send(HeaderBytes("TwelveLetter") + "12345678");
+        i < 5 ? transmit() : check("queue_and_transmit", 0, transmit);
+        i < 5 ? Cycle()
+              : check(
+                    "wait_and_receive", 2, [] { Cycle(); });  // two for the header
     }
 }

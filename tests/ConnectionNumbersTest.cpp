@@ -235,7 +235,7 @@ TEST_F(ConnectionNumbers, DescriptorZeroIsWaitedForAndThoseBeyondTheSetAreOnlySe
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = 1100;
-    if (limit.rlim_max < limit.rlim_cur || setrlimit(RLIMIT_NOFILE, &limit) == -1) {
+    if (setrlimit(RLIMIT_NOFILE, &limit) == -1) {
         GTEST_SKIP() << "the system allows too few descriptors";
     }
     const int kept = dup(0);

@@ -170,7 +170,7 @@ TEST(Session, TakesBackWhatIsTooLateAndEndsWhenThePeerHasReadTheRest) {
     session.Start();
     std::thread ending([&] { EXPECT_TRUE(session.End(20s)); });
     std::this_thread::sleep_for(100ms);
-    peer.SendAny("x");  // would reset a connection that is closed, with what was not read
+    peer.Send("x");  // would reset a connection that is closed, with what was not read
     EXPECT_TRUE(Bytes(next) == peer.Receive(Bytes(next).size()));
     peer.Close();
     ending.join();

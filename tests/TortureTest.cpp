@@ -1,12 +1,13 @@
 // One scenario through the whole public interface, again and again: with each allocation failing in
-// turn, those of a message's own code among them, and with each system call failing in every way that
-// it can. It also sees how often each operation takes which lock.
+// turn, those of a message's own code among them, and with each system call failing in every way
+// that it can. It also sees how often each operation takes which lock.
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -81,8 +82,8 @@ private:
         }
     }
 
-    // One that moves bytes. With the fault in it a connection may be out of step: the run has to come
-    // to its end, whatever still arrives.
+    // One that moves bytes. With the fault in it a connection may be out of step: the run has to
+    // come to its end, whatever still arrives.
     void Move(Lock lock, const Operation& operation, int line = __builtin_LINE()) {
         const bool before = m_left > 0;
         const bool done = Attempt(lock, operation, line);
@@ -277,11 +278,14 @@ private:
                  [&] { Registry().IsConnectionOpen(number); }}) {
             Do(registrys, ask);
         }
+        Do(communicators, [&] { Communicator().GetErrorsOnChannel(m_client, code, m_text); });
+        Expect(code == 0 && m_text.Length() == 0, "no error");
         if (KLVMsgSocket* const socket = m_client.GetSocket()) {
             socket->lastError = EIO;
         }
         Do(communicators, [&] { Communicator().GetErrorsOnChannel(m_client, code, m_text); });
-        Expect(code == EIO, "error");
+        Expect(code == EIO && m_text == std::strerror(EIO), "error");
+        Expect(Registry().HasError(number), "an error stays");
     }
 
     // The operations that sleep, and what others do for them.
@@ -303,10 +307,19 @@ private:
             sleeps == 2 ? Communicator().AddMessage({{}, new TextMessage("Text"), 0}) : void();
         };
         Move(some, [&] { Communicator().RetrieveMessages(&texts, m_messages); });
+        EXPECT_EQ(1, KLVMsgMessageTask().Run(0)) << "at once: nobody has prepared it";
         Do(none, [] { Communicator().PrepareStartupMessageTask(); });
+        Do(communicators, [&] { Communicator().ISendSocketMessage(m_client, &m_message, m_id); });
         meanwhile = [] { Communicator().ShutdownMessageTask(); };
-        Move(some, [] { KLVMsgMessageTask().Run(0); });
+        {
+            const CallLog log;
+            Move(some, [] { EXPECT_EQ(1, KLVMsgMessageTask().Run(0)); });
+            Expect(log.Names().find(theWait + " recv recv recv recv send send send") == 0,
+                   "in order");
+            Expect(!Intact() || log.Calls()[0].rest == "0 20000 ", "of 20 milliseconds");
+        }
         EXPECT_EQ(100u, slept);
+        Expect(Known().empty(), "nothing is known then");
         Move(communicators, [] { Communicator().ShutdownMessageTask(); });
         Do(communicators, [&] { Communicator().IRetrieveMessages(&texts, m_messages); });
         Expect(m_messages.Size() == 2, "received");

@@ -85,12 +85,6 @@ void* operator new(std::size_t size) {
     return Fails() ? throw std::bad_alloc() : next(size);
 }
 
-void* operator new(std::size_t size, const std::nothrow_t& nothrow) noexcept {
-    static auto* const next =
-        Next<void*(std::size_t, const std::nothrow_t&)>(nullptr, "_ZnwmRKSt9nothrow_t");
-    return Fails() ? nullptr : next(size, nothrow);
-}
-
 void* mem_OperatorNewThrow(std::size_t size) {
     static auto* const next = Next(&mem_OperatorNewThrow, "_Z20mem_OperatorNewThrowm");
     return Counted(Fails() ? throw std::bad_alloc() : next(size));
@@ -140,8 +134,8 @@ void WatchedMutex::Unlock() {
 KLVBasAtiMutex* KLVBasAtiThreadingModel::newMutex() {
     static auto* const next = Next(&newMutex, "_ZN23KLVBasAtiThreadingModel8newMutexEv");
     const Exempt exempt;
-    KLVBasAtiMutex* const mutex = next();
-    return mutex == nullptr ? nullptr : new WatchedMutex(mutex);
+    KLVBasAtiMutex* const made = next();
+    return made == nullptr ? nullptr : new WatchedMutex(made);
 }
 
 Interposed::Interposed(SystemCallHandler handler) {

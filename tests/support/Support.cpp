@@ -97,11 +97,8 @@ PlainPeer::PlainPeer(int port) : m_descriptor(socket(AF_INET, SOCK_STREAM, 0)) {
 PlainPeer::PlainPeer(const Listener& listener)
     : m_descriptor(accept(listener.descriptor, nullptr, nullptr)) {}
 
-void PlainPeer::Send(const std::string& bytes) { EXPECT_TRUE(SendAny(bytes)); }
-
-bool PlainPeer::SendAny(const std::string& bytes) {
-    return ::send(m_descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
+void PlainPeer::Send(const std::string& bytes) {
+    ::send(m_descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
 std::string PlainPeer::Receive(std::size_t length) {

@@ -35,7 +35,7 @@ inline int keptOnPurpose = 0;
 KLVMsgServerSocket* StartLoopbackServer(int backlog = 16);
 
 // A listening socket on 127.0.0.1 that nobody knows and that closes at its end.
-struct Listener : KLVMsgServerSocket {
+struct Listener final : KLVMsgServerSocket {
     explicit Listener(const KLVMsgSocketAddress& local = KLVMsgSocketAddress("127.0.0.1", 0))
         : KLVMsgServerSocket(local, 16) {}
     ~Listener() { closed ? void() : Shutdown(); }
@@ -49,8 +49,7 @@ public:
     ~PlainPeer() { Close(); }
     PlainPeer(const PlainPeer&) = delete;
 
-    void Send(const std::string& bytes);
-    bool SendAny(const std::string& bytes);  // the same to a connection that may have gone
+    void Send(const std::string& bytes);  // to a connection that may have gone
 
     // Exactly `length` bytes, or as many as came before the connection ended.
     std::string Receive(std::size_t length);
