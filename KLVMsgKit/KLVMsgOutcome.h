@@ -23,8 +23,8 @@ struct KLVMsgOutcome {
     std::string text;       // the cause in words; empty when done
 };
 
-// A connection of a session, a plain value. Unlike a connection number it never comes back: that of a
-// connection which has gone stands for nobody.
+// A connection of a session, a plain value. Unlike a connection number it never comes back: that of
+// a connection which has gone stands for nobody.
 struct KLVMsgPeer {
     // By id; later ones sort behind.
     bool operator==(const KLVMsgPeer& other) const { return id == other.id; }

@@ -27,10 +27,10 @@
 #include "KLVMsgSessionSockets.h"
 #include "KLVMsgTimeLimit.h"
 
-// Brings the library up and takes it down again, and between the two sends and receives. One at a time
-// in a process, which then uses neither singleton beside it. A thread of the session's own, the driver,
-// moves the messages: between it and the application's threads stand a queue and an inbox, so that a
-// time limit holds whatever a peer does.
+// Brings the library up and takes it down again, and between the two sends and receives. One at a
+// time in a process, which then uses neither singleton beside it. A thread of the session's own,
+// the driver, moves the messages: between it and the application's threads stand a queue and an
+// inbox, so that a time limit holds whatever a peer does.
 //
 //     KLVMsgSession session;
 //     session.Register(Greeting());
@@ -40,8 +40,8 @@
 //     const auto answer = session.Receive<Greeting>(std::chrono::seconds(5));
 //     if (answer) std::puts(answer->text.c_str());
 //
-// All operations but the constructor, Register, Start and the destructor may be called on any thread at
-// any time. On the wire a session is as any other user of the library: a peer needs none.
+// All operations but the constructor, Register, Start and the destructor may be called on any
+// thread at any time. On the wire a session is as any other user of the library: a peer needs none.
 class KLVMsgSession {
 public:
     // How often the driver works.
@@ -124,8 +124,8 @@ public:
         return outcome;
     }
 
-    // Connects to a server, under a label; the label may be one that a lost connection had. Waits no
-    // longer than `limit` for the server, though for a name as long as the resolver takes.
+    // Connects to a server, under a label; the label may be one that a lost connection had. Waits
+    // no longer than `limit` for the server, though for a name as long as the resolver takes.
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
                           KLVMsgTimeLimit limit = std::chrono::seconds(10)) {
         int descriptor = -1;
@@ -145,8 +145,8 @@ public:
         return outcome;
     }
 
-    // Connects again and again, with pauses of up to half a second, until that is done or `limit` over;
-    // the outcome is then that of the last attempt.
+    // Connects again and again, with pauses of up to half a second, until that is done or `limit`
+    // over; the outcome is then that of the last attempt.
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
                                KLVMsgTimeLimit limit) {
         const auto deadline = limit.Deadline();
@@ -176,9 +176,9 @@ public:
 
     // Sending -------------------------------------------------------------------------------------
     //
-    // A message is handed over as an object or as a std::unique_ptr, and belongs to the session. Sent
-    // to a label, it goes to every connection that has it at that moment. Messages to one connection
-    // are written in the order in which they were queued, before Start too.
+    // A message is handed over as an object or as a std::unique_ptr, and belongs to the session.
+    // Sent to a label, it goes to every connection that has it at that moment. Messages to one
+    // connection are written in the order in which they were queued, before Start too.
 
     // Queues the message, and does not wait. Peer gone: there is no such connection. One that goes
     // before its turn gets nothing.
@@ -213,9 +213,9 @@ public:
     // Receiving -----------------------------------------------------------------------------------
 
     // Waits for a message of exactly this class and hands over the oldest: of any connection, or of
-    // those that are meant. Peer gone: none is there and no such connection either, so that none will
-    // come. Failed: the class was never registered. A message of which a part did not come, or that
-    // its class refused, is none: its connection ends.
+    // those that are meant. Peer gone: none is there and no such connection either, so that none
+    // will come. Failed: the class was never registered. A message of which a part did not come, or
+    // that its class refused, is none: its connection ends.
     template <class Message>
     KLVMsgReceived<Message> Receive(KLVMsgTimeLimit limit) {
         return Take<Message>(limit, nullptr);
@@ -253,9 +253,10 @@ public:
                    : KLVMsgSessionShared::Late();
     }
 
-    // Sends what is queued, ends the output of every connection, and waits up to `limit` for the peers
-    // to have read all of it and to close; then the driver ends. Nothing that was done is lost, and
-    // everybody who waits is told that the peers have gone. Too late: some peers had not closed.
+    // Sends what is queued, ends the output of every connection, and waits up to `limit` for the
+    // peers to have read all of it and to close; then the driver ends. Nothing that was done is
+    // lost, and everybody who waits is told that the peers have gone. Too late: some peers had not
+    // closed.
     // Requires: no other thread calls it at the same time.
     KLVMsgOutcome End(KLVMsgTimeLimit limit) {
         {

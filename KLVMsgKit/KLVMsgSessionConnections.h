@@ -68,8 +68,8 @@ public:
         Watch(channel);
     }
 
-    // The connection has gone, or is of no use any more: the library removes it, and then its peer is
-    // no longer there.
+    // The connection has gone, or is of no use any more: the library removes it, and then its peer
+    // is no longer there.
     void Lose(int number) {
         KLVMsgSessionLibrary::ByNumber query(number);
         KLVMsgSessionLibrary::Communicator().RemoveConnection(&query, true);
@@ -77,8 +77,8 @@ public:
         Forget(number);
     }
 
-    // Those whose output has failed. Where the peer has ended the connection, what it said before that
-    // is still to be read, and reading finds the end.
+    // Those whose output has failed. Where the peer has ended the connection, what it said before
+    // that is still to be read, and reading finds the end.
     void LoseBroken() {
         std::vector<int> broken;
         for (const auto& [number, line] : lines.All()) {

@@ -1,9 +1,9 @@
-// For the kit's own headers: the bytes of a session's connections. No transfer stands still for ever,
-// and two processes that write at the same time do not wait for each other.
+// For the kit's own headers: the bytes of a session's connections. No transfer stands still for
+// ever, and two processes that write at the same time do not wait for each other.
 //
-// Whatever comes is taken from the system at once and waits here until it makes a header: pieces of a
-// header do no harm then. A low-water mark on the socket would have them wait in the system, which has
-// been seen to close its window behind them, so that the rest never came.
+// Whatever comes is taken from the system at once and waits here until it makes a header: pieces of
+// a header do no harm then. A low-water mark on the socket would have them wait in the system,
+// which has been seen to close its window behind them, so that the rest never came.
 //
 // Used by the session's driver alone, the only thread that closes its connections.
 #pragma once
@@ -94,8 +94,8 @@ public:
         return static_cast<int>(std::max<ssize_t>(count, 0));
     }
 
-    // Waits until the connection takes bytes, and reads meanwhile what comes on any: the peer may be
-    // waiting for just that. False when it has failed or stood still for too long.
+    // Waits until the connection takes bytes, and reads meanwhile what comes on any: the peer may
+    // be waiting for just that. False when it has failed or stood still for too long.
     bool AwaitRoom(int number) {
         short events = KLVMsgSessionSockets::Await(number, POLLOUT, {});
         const auto limit = KLVMsgTimeLimit::Clock::now() + m_stall;
@@ -105,8 +105,9 @@ public:
         return events == POLLOUT;
     }
 
-    // True when all bytes were taken. So that a peer which reads a header as it comes finds it whole,
-    // what follows begins a segment of its own when this one might have no room for a header.
+    // True when all bytes were taken. So that a peer which reads a header as it comes finds it
+    // whole, what follows begins a segment of its own when this one might have no room for a
+    // header.
     bool Write(int number, const char* data, std::size_t length) {
         KLVMsgSessionLine& line = m_lines[number];
         line.inSegment += length;

@@ -29,9 +29,9 @@ public:
           m_wakeUp(wakeUp),
           m_input(connections.lines) {}
 
-    // Waits for so many milliseconds, shorter when something comes, and takes it: connections, and of
-    // each connection one message, or all that have come. Whoever queues something wakes the wait if
-    // `wakeable`.
+    // Waits for so many milliseconds, shorter when something comes, and takes it: connections, and
+    // of each connection one message, or all that have come. Whoever queues something wakes the
+    // wait if `wakeable`.
     void Receive(int timeout, bool wakeable, bool all) {
         const auto begin = KLVMsgTimeLimit::Clock::now();
         Wait(HasHeaders() ? 0 : timeout, wakeable);
@@ -109,8 +109,8 @@ private:
         return length;
     }
 
-    // True when there were any messages. A connection ends with what cannot be read, and when its last
-    // words have been.
+    // True when there were any messages. A connection ends with what cannot be read, and when its
+    // last words have been.
     bool TakeAll(bool all) {
         bool any = false;
         std::vector<int> unsound;
@@ -148,8 +148,8 @@ private:
         return Deliver(line, std::move(message));
     }
 
-    // False when the message is not whole: it is destroyed, and what is left of it would be taken for
-    // a header.
+    // False when the message is not whole: it is destroyed, and what is left of it would be taken
+    // for a header.
     bool Deliver(const KLVMsgSessionLine& line, std::unique_ptr<KLVMsgSocketMessage> message) {
         const auto* const framed = dynamic_cast<const KLVMsgFramedMessage*>(message.get());
         if (line.inputBroken || (framed != nullptr && !framed->whole)) {

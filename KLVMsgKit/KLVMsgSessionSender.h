@@ -12,15 +12,15 @@
 #include "KLVMsgSessionShared.h"
 #include "KLVMsgSocketMessage.h"
 
-// A message on its way to one peer. It sees what the library does with it: whether the body was asked
-// for, which tells that the header was taken.
+// A message on its way to one peer. It sees what the library does with it: whether the body was
+// asked for, which tells that the header was taken.
 class KLVMsgSessionEnvelope final : public KLVMsgSocketMessage {
 public:
     KLVMsgSessionEnvelope(KLVMsgSessionLines& lines, int number, KLVMsgSocketMessage& message)
         : m_lines(lines), m_number(number), m_message(message) {}
 
-    // Called just before the header is sent: where there is room, that does not wait. A connection that
-    // is broken has its output ended first, so that nothing is sent.
+    // Called just before the header is sent: where there is room, that does not wait. A connection
+    // that is broken has its output ended first, so that nothing is sent.
     KLVString GetMessageType() const override {
         KLVMsgSessionLine& line = *m_lines.Find(m_number);
         if (line.outputBroken || !m_lines.AwaitRoom(m_number)) {

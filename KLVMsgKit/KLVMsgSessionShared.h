@@ -1,8 +1,8 @@
 // For the kit's own headers: where the application's threads and a session's driver meet.
 //
 // Invariants:
-// - `mutex` guards all of it. It is never held while the driver waits, transfers or calls the library,
-//   so that a time limit holds whatever a peer does.
+// - `mutex` guards all of it. It is never held while the driver waits, transfers or calls the
+//   library, so that a time limit holds whatever a peer does.
 // - A peer is in `peers` as long as its connection is there.
 // - Every record that was queued comes to an end: its delivery counts it as sent or as failed.
 #pragma once

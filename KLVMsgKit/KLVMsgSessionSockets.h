@@ -1,5 +1,5 @@
-// For the kit's own headers: the sockets of a session, made with the cause of a failure and put into
-// the objects of the library, which own them from then on.
+// For the kit's own headers: the sockets of a session, made with the cause of a failure and put
+// into the objects of the library, which own them from then on.
 #pragma once
 
 #include <fcntl.h>
@@ -105,7 +105,8 @@ public:
         setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
     }
 
-    // Until the registry owns them. They have no virtual destructor, and are destroyed as what they are.
+    // Until the registry owns them. They have no virtual destructor, and are destroyed as what they
+    // are.
     struct Destroy {
         template <class Socket>
         void operator()(Socket* socket) const {

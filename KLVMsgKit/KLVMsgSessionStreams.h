@@ -1,5 +1,5 @@
-// For the kit's own headers: the streams of a session, which hand the bodies of its messages to their
-// connections' lines.
+// For the kit's own headers: the streams of a session, which hand the bodies of its messages to
+// their connections' lines.
 #pragma once
 
 #include <cstddef>

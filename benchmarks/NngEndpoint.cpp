@@ -48,7 +48,8 @@ public:
         nng_msg_free(m_message);
         Require(nng_recvmsg(m_socket, &m_message, 0) == 0, "nng receive");
         const char* const data = static_cast<const char*>(nng_msg_body(m_message));
-        Require(nng_msg_len(m_message) == static_cast<std::size_t>(size + typeNameLength) &&
+        Require(nng_msg_len(m_message) ==
+                        std::size_t{typeNameLength} + static_cast<std::size_t>(size) &&
                     std::memcmp(data, typeName, typeNameLength) == 0,
                 "nng type and size");
         return data + typeNameLength;

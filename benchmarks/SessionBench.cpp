@@ -1,8 +1,8 @@
 // A session between two processes, beside messaging libraries with their default queues: there and
 // back, one way over one connection and over a hundred, and doing nothing. Messages have 16 bytes.
 //
-// Each measurement has two new processes. One line of JSON for each; scripts/session_bench.py runs this
-// several times and takes the medians.
+// Each measurement has two new processes. One line of JSON for each; scripts/session_bench.py runs
+// this several times and takes the medians.
 #include <sys/resource.h>
 
 #include <cmath>

@@ -22,8 +22,8 @@ struct Message : KLVMsgFramedMessage {
     Item item;
 };
 
-// What is posted waits in a queue without limit, so every thousandth message is waited for, which is
-// about what the default queues of the others hold.
+// What is posted waits in a queue without limit, so every thousandth message is waited for, which
+// is about what the default queues of the others hold.
 class SessionTalker : public Talker {
 public:
     SessionTalker() { Require(bool(m_session.Register(Message())), "session register"); }

@@ -44,8 +44,8 @@ struct Session : KLVMsgSession {
     }
 };
 
-// A session that serves in a process of its own, made before the test has threads; on the port of an
-// earlier one it waits until that has gone.
+// A session that serves in a process of its own, made before the test has threads; on the port of
+// an earlier one it waits until that has gone.
 struct Partner {
     template <class Work>
     explicit Partner(Work work, const Partner* earlier = nullptr) {

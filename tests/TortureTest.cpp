@@ -35,7 +35,7 @@ using Address = KLVMsgSocketAddress;
 // The one failure of a run: the n-th allocation or, with a name, the n-th such call with an errno.
 struct Fault {
     int n = 0;
-    std::string call = "";
+    std::string call;
     int error = 0;
 };
 

@@ -6,7 +6,8 @@
 #include "omi_Btree.h"
 #include "omi_BtreeIterator.h"
 
-// Where the class is already defined, g++ says that the attribute comes too late: it is the same one.
+// Where the class is already defined, g++ says that the attribute comes too late: it is the same
+// one.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wattributes"
 class KLVMSG_EXPORT KLVMsgSocketMessage;

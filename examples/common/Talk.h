@@ -1,5 +1,5 @@
-// What the examples with a session have in common. What fails is thrown as a std::runtime_error with
-// its cause.
+// What the examples with a session have in common. What fails is thrown as a std::runtime_error
+// with its cause.
 #pragma once
 
 #include <KLVMsgSession.h>
@@ -18,8 +18,8 @@ inline KLVMsgTimeLimit Limit() {
                                    : KLVMsgTimeLimit(std::chrono::seconds(TimeLimit::seconds));
 }
 
-// Throws unless it is done: `late` when the time was over, `lost` when the peer has gone, its own words
-// when it failed.
+// Throws unless it is done: `late` when the time was over, `lost` when the peer has gone, its own
+// words when it failed.
 inline void Check(const KLVMsgOutcome& outcome, const std::string& late = "gave up",
                   const std::string& lost = "lost the peer") {
     if (!outcome) {
@@ -29,16 +29,16 @@ inline void Check(const KLVMsgOutcome& outcome, const std::string& late = "gave 
     }
 }
 
-// A session with the prototypes of what may come. A peer that stops in the middle of a message is given
-// up when the time is over.
+// A session with the prototypes of what may come. A peer that stops in the middle of a message is
+// given up when the time is over.
 struct Talk : KLVMsgSession {
     template <class... Messages>
     explicit Talk(const Messages&... prototypes) : KLVMsgSession(kAtOnce, Limit()) {
         (Check(Register(prototypes)), ...);
     }
 
-    // Serves on 127.0.0.1 and says so: "WHAT 127.0.0.1, port PORT". Tells the port to the reader of the
-    // pipe as well, if there is one (-1: none).
+    // Serves on 127.0.0.1 and says so: "WHAT 127.0.0.1, port PORT". Tells the port to the reader of
+    // the pipe as well, if there is one (-1: none).
     void ServeAndTell(const char* what, int portPipe, int port = 0) {
         Check(Serve({"127.0.0.1", port}, &port));
         Check(Start());

@@ -37,8 +37,8 @@ public:
         m_session.Post("hub", std::move(hello));
     }
 
-    // Sends one file and compares the report with what was sent. One chunk at a time is on its way, and
-    // the next is read and counted meanwhile.
+    // Sends one file and compares the report with what was sent. One chunk at a time is on its way,
+    // and the next is read and counted meanwhile.
     bool Send(const std::string& path) {
         std::ifstream file(path, std::ios::binary);
         TextStatistics own;

@@ -184,7 +184,8 @@ private:
         return text;
     }
 
-    // One message for all. Then the session waits for the clients to leave; one that does not is cut off.
+    // One message for all. Then the session waits for the clients to leave; one that does not is
+    // cut off.
     void SayFarewell() {
         Farewell farewell;
         farewell.reason = m_stopped ? "the hub was stopped" : "all others have been served";

@@ -65,6 +65,7 @@ private:
     // Starts this program again in another role, with its standard output on `output`.
     void Start(const std::string& name, std::vector<std::string> arguments, int output) {
         std::vector<char*> pointers;
+        pointers.reserve(arguments.size() + 1);
         for (std::string& argument : arguments) {
             pointers.push_back(argument.data());
         }

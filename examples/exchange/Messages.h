@@ -103,6 +103,6 @@ struct Farewell : TypedMessage<Farewell> {
     void Fields(Body& body) { body.Text(reason); }
 };
 
-// All of them: a type is added here, once. To ask for one that is not here fails at once, and so does
-// the start when one is here twice.
+// All of them: a type is added here, once. To ask for one that is not here fails at once, and so
+// does the start when one is here twice.
 using MessageTypes = std::tuple<Hello, Chunk, Receipt, Report, Farewell>;

@@ -63,18 +63,19 @@ KLVMsgSession::Pace PaceOf(const std::string& word) {
     return word == "task" ? KLVMsgSession::kTask : KLVMsgSession::kAtOnce;
 }
 
+const option known[] = {{"clients", required_argument, nullptr, 'c'},
+                        {"host", required_argument, nullptr, 'o'},
+                        {"port", required_argument, nullptr, 'p'},
+                        {"name", required_argument, nullptr, 'n'},
+                        {"chunk", required_argument, nullptr, 'k'},
+                        {"timeout", required_argument, nullptr, 't'},
+                        {"pace", required_argument, nullptr, 'a'},
+                        {"total", required_argument, nullptr, 'b'},
+                        {"help", no_argument, nullptr, 'h'},
+                        {"version", no_argument, nullptr, 'v'},
+                        {nullptr, 0, nullptr, 0}};
+
 Options Parse(int argc, char** argv, const std::string& role) {
-    static const option known[] = {{"clients", required_argument, nullptr, 'c'},
-                                   {"host", required_argument, nullptr, 'o'},
-                                   {"port", required_argument, nullptr, 'p'},
-                                   {"name", required_argument, nullptr, 'n'},
-                                   {"chunk", required_argument, nullptr, 'k'},
-                                   {"timeout", required_argument, nullptr, 't'},
-                                   {"pace", required_argument, nullptr, 'a'},
-                                   {"total", required_argument, nullptr, 'b'},
-                                   {"help", no_argument, nullptr, 'h'},
-                                   {"version", no_argument, nullptr, 'v'},
-                                   {nullptr, 0, nullptr, 0}};
     Options options;
     options.clients = role == "hub" ? 1 : 2;
     for (int option; (option = getopt_long(argc, argv, "h", known, nullptr)) != -1;) {

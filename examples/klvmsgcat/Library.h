@@ -1,5 +1,5 @@
-// The library without its message task: brought up, opened to a peer, and taken down in order. What fails
-// is thrown as a std::runtime_error with its cause.
+// The library without its message task: brought up, opened to a peer, and taken down in order. What
+// fails is thrown as a std::runtime_error with its cause.
 #pragma once
 
 #include <KLVMsgCommModules.h>
@@ -39,7 +39,8 @@ public:
 private:
     int m_modules = 0;
     KLVMsgSimpleInputStream m_input;
-    // Every write goes as one piece: one of several, on a connection that fails, would go on trying.
+    // Every write goes as one piece: one of several, on a connection that fails, would go on
+    // trying.
     KLVMsgBufferedOutputStream m_output{INT_MAX};
 };
 

@@ -20,7 +20,8 @@ fails; with 2 after a wrong command line.
 static const int readingsOfOne = 3;
 static const int readingsOfAll = 6;
 
-// The watcher asks with the number of the reading that it wants, and gets it back with a temperature.
+// The watcher asks with the number of the reading that it wants, and gets it back with a
+// temperature.
 class Reading : public KLVMsgFramedMessage {
 public:
     explicit Reading(int wanted = 0, double measured = 0) : number(wanted), celsius(measured) {}

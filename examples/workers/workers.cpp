@@ -9,8 +9,8 @@ static const char usage[] = R"(usage: workers [--timeout SECONDS]
        workers [--timeout SECONDS] work PORT
 
 The first form runs a dispatcher and three workers as processes of their own. The other two are for
-two terminals: the dispatcher tells its port on 127.0.0.1, waits for three workers and hands them ten
-jobs, numbers to be squared.
+two terminals: the dispatcher tells its port on 127.0.0.1, waits for three workers and hands them
+ten jobs, numbers to be squared.
 
   --timeout SECONDS   give up when a peer has been silent for so long (20; 0: never)
   --help, --version
@@ -85,7 +85,8 @@ static KLVMsgReceived<Result> NextResult(Talk& talk, std::size_t workers, const 
     }
 }
 
-// Hands out the jobs, when all workers have come, until all have come back; returns how many are wrong.
+// Hands out the jobs, when all workers have come, until all have come back; returns how many are
+// wrong.
 static int HandOut(Talk& talk) {
     for (std::size_t workers = 0; workers < workerCount; ++workers) {
         talk.SetLabel(NextResult(talk, workers, "not all workers have come").peer, "worker");

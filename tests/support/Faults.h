@@ -105,7 +105,7 @@ private:
 // Requires: there is an instance, and its lock is free.
 template <class T>
 const WatchedMutex& LockOf() {
-    KLVBasAtiGlobalSingletonLock<T>();
+    { const KLVBasAtiGlobalSingletonLock<T> lock; }
     return *WatchedMutex::last;
 }
 

@@ -213,6 +213,17 @@ void KeepPairs() {
     }
 }
 
+// How many messages of the steady peers are still to come; `moved` is how many have.
+int Missing(int& moved) {
+    Retrieve();
+    int promised = moved = 0;
+    for (const auto& [peer, to, from] : steady) {
+        moved += to.arrived + from.arrived;
+        promised += to.sent + from.sent;
+    }
+    return promised - moved;
+}
+
 void Run(int seconds) {
     const Messaging messaging;
     TextMessage staying("Steady"), passing("Passing");
@@ -243,16 +254,8 @@ void Run(int seconds) {
     over = true;
     turmoil.clear();  // when they have ended
     int moved = 0;
-    const auto missing = [&moved] {
-        Retrieve();
-        int promised = moved = 0;
-        for (const auto& [peer, to, from] : steady) {
-            moved += to.arrived + from.arrived;
-            promised += to.sent + from.sent;
-        }
-        return promised - moved;
-    };
-    Require(Eventually([&] { return missing() == 0; }), std::to_string(missing()) + " missing");
+    Require(Eventually([&moved] { return Missing(moved) == 0; }),
+            std::to_string(Missing(moved)) + " missing");
     Communicator().ShutdownMessageTask();
     driving.Join();
     peers.clear();
