@@ -389,7 +389,7 @@ bool Survives(const Fault& fault) {
 
 TEST(Torture, AnyAllocationMayFail) {
     int n = 1;
-    while (Survives({n})) {
+    while (Survives({n, "", 0})) {
         ++n;
     }
     EXPECT_LT(100, n);

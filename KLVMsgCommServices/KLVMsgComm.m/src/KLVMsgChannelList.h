@@ -3,11 +3,11 @@
 
 #include <cstddef>
 #include <functional>
-#include <unordered_map>
 
 #include "KLVBasVector.h"
 #include "KLVMsgChannel.h"
 #include "KLVMsgVectors.h"
+#include "omi_IntTable.h"
 
 // The position of the first entry with this connection number, or -1.
 inline int KLVMsgFindChannel(const KLVBasVector<KLVMsgChannel>& list, int number) {
@@ -36,13 +36,13 @@ inline void KLVMsgEraseEvery(KLVBasVector<KLVMsgChannel>& list, int number) {
 }
 
 // Erases what KLVMsgEraseFirst would for each number, as often as it is counted, in one pass.
-inline void KLVMsgEraseCounted(KLVBasVector<KLVMsgChannel>& list,
-                               std::unordered_map<int, int>& counts) {
+inline void KLVMsgEraseCounted(KLVBasVector<KLVMsgChannel>& list, omi_IntTable<int>& counts) {
     std::size_t kept = 0;
     for (std::size_t i = 0; i < list.Size(); ++i) {
-        const auto count = counts.find(list[i].connection);
-        if (count != counts.end() && count->second > 0) {
-            --count->second;
+        const int number = list[i].connection;
+        const int count = counts.Lookup(number);
+        if (count > 0) {
+            counts.Insert(number, count - 1);
         } else {
             list[kept++] = list[i];
         }
@@ -55,12 +55,12 @@ inline void KLVMsgEraseCounted(KLVBasVector<KLVMsgChannel>& list,
 inline void KLVMsgEraseSelected(const KLVBasVector<KLVMsgChannel>& selected,
                                 KLVBasVector<KLVMsgChannel>& first,
                                 KLVBasVector<KLVMsgChannel>& second) {
-    std::unordered_map<int, int> inFirst;
-    std::unordered_map<int, int> inSecond;
+    omi_IntTable<int> inFirst;
     for (std::size_t i = 0; i < selected.Size(); ++i) {
-        ++inFirst[selected[i].connection];
-        ++inSecond[selected[i].connection];
+        const int number = selected[i].connection;
+        inFirst.Insert(number, inFirst.Lookup(number) + 1);
     }
+    omi_IntTable<int> inSecond = inFirst;
     KLVMsgEraseCounted(first, inFirst);
     KLVMsgEraseCounted(second, inSecond);
 }
