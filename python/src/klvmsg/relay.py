@@ -44,9 +44,9 @@ class Relay:
     since receivers take a header with two single reads. An end or a reset of one side is passed on
     too.
 
-    `observe` is called with what has happened, on the thread that passes the bytes on, after they have
-    gone: it must not raise, and when it takes long the next bytes of that direction wait. Of a body the
-    event has the first `keep` bytes.
+    `observe` is called with what has come, on the thread that passes the bytes on, right before they go:
+    an answer is seen after what it answers. It must not raise, and the bytes wait while it runs. Of a
+    body the event has the first `keep` bytes.
     """
 
     def __init__(
@@ -168,9 +168,6 @@ class Relay:
             data = buffer[:count]
             was_lost = decoder.lost
             messages = decoder.feed(data)
-            data_held = min(decoder.header_bytes, len(held) + count)
-            _send_messages(target, held, data, decoder, data_held)
-            held = (held + bytes(data[-data_held:]))[-data_held:] if data_held else b""
             now = time.time()
             events = [
                 Event(now, number, MESSAGE, direction, "", type, length, body)
@@ -180,6 +177,9 @@ class Relay:
                 events.append(Event(now, number, LOST, direction, decoder.lost))
             if events:
                 self._observe(events)
+            data_held = min(decoder.header_bytes, len(held) + count)
+            _send_messages(target, held, data, decoder, data_held)
+            held = (held + bytes(data[-data_held:]))[-data_held:] if data_held else b""
 
 
 def _send_messages(
