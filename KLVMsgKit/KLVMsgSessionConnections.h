@@ -159,7 +159,9 @@ private:
     void Begin(int number, KLVMsgPeer peer) {
         KLVMsgSessionSockets::SetOptions(number, m_stall);
         m_byPeer[peer] = number;
-        lines.All()[number].peer = peer;
+        KLVMsgSessionLine& line = lines.All()[number];
+        line.peer = peer;
+        line.segment = KLVMsgSessionSockets::SegmentSize(number);
     }
 
     void Forget(int number) {

@@ -42,6 +42,7 @@ struct KLVMsgSessionLine {
     KLVMsgPeer peer;            // whose connection it is
     std::string ahead;          // what has come and was not yet asked for, behind what was
     std::size_t taken = 0;      // how much of it has been asked for
+    std::size_t segment = 0;    // what one of its segments holds, in bytes
     std::size_t inSegment = 0;  // how much the latest segment holds at most, as far as it is small
     bool ended = false;         // nothing more will come
     bool inputBroken = false;   // a body did not come to its end
@@ -111,7 +112,7 @@ public:
     bool Write(int number, const char* data, std::size_t length) {
         KLVMsgSessionLine& line = m_lines[number];
         line.inSegment += length;
-        const int boundary = line.inSegment < kSegment ? 0 : MSG_EOR;
+        const int boundary = line.inSegment < line.segment / 2 ? 0 : MSG_EOR;
         line.inSegment = boundary == 0 ? line.inSegment : 0;
         while (length != 0) {
             const ssize_t sent = send(number, data, length, MSG_NOSIGNAL | MSG_DONTWAIT | boundary);
@@ -132,9 +133,6 @@ public:
     }
 
 private:
-    // Less than half of what a segment holds on any network, in bytes.
-    static constexpr std::size_t kSegment = 512;
-
     // The events of the connection, none while only bytes come.
     short AwaitRoomOrBytes(int number, KLVMsgTimeLimit::Clock::time_point limit) {
         std::vector<pollfd> asked = {{number, POLLOUT, 0}};

@@ -34,10 +34,10 @@ public:
     // wait if `wakeable`.
     void Receive(int timeout, bool wakeable, bool all) {
         const auto begin = KLVMsgTimeLimit::Clock::now();
-        Wait(HasHeaders() ? 0 : timeout, wakeable);
+        const bool queued = Wait(HasHeaders() ? 0 : timeout, wakeable);
         const bool accepted = AcceptAll();
         const bool filled = FillAll();
-        if (TakeAll(all) || filled || accepted) {
+        if (TakeAll(all) || filled || accepted || queued) {
             m_pause = 0;
             return;
         }
@@ -48,16 +48,19 @@ public:
 
 private:
     // The driver waits only when nothing is queued; from then on whoever queues something wakes it.
-    void Wait(int timeout, bool wakeable) {
+    // True when something was.
+    bool Wait(int timeout, bool wakeable) {
+        bool work = false;
         {
             const std::lock_guard<std::mutex> lock(m_shared.mutex);
-            const bool work = !m_shared.queue.empty() || !m_shared.arrivals.empty();
+            work = !m_shared.queue.empty() || !m_shared.arrivals.empty();
             m_shared.asleep = wakeable && !work;
             timeout = work ? 0 : timeout;
         }
         m_connections.waitable.WaitForConnectionAndMessages(timeout);
         const std::lock_guard<std::mutex> lock(m_shared.mutex);
         m_shared.asleep = false;
+        return work;
     }
 
     // True when somebody has come.

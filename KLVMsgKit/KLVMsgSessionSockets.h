@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -103,6 +104,14 @@ public:
         const timeval time = {stall.count() / 1000, stall.count() % 1000 * 1000};
         setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
         setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+    }
+
+    // How many bytes a segment of the connection holds; 0 where the system does not tell.
+    static std::size_t SegmentSize(int descriptor) {
+        int size = 0;
+        socklen_t length = sizeof size;
+        getsockopt(descriptor, IPPROTO_TCP, TCP_MAXSEG, &size, &length);
+        return static_cast<std::size_t>(std::max(size, 0));
     }
 
     // Until the registry owns them. They have no virtual destructor, and are destroyed as what they
