@@ -64,7 +64,10 @@ public:
     }
 
     // The others may take their time.
-    void Leave() { Await<Farewell>(std::chrono::hours::max()); }
+    void Leave() {
+        Check(m_session.Receive<Farewell>(std::chrono::hours::max()), "gave up: no farewell",
+              "lost the hub");
+    }
 
 private:
     // A farewell comes in place of any other answer.
