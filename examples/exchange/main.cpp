@@ -75,46 +75,8 @@ const option known[] = {{"clients", required_argument, nullptr, 'c'},
                         {"version", no_argument, nullptr, 'v'},
                         {nullptr, 0, nullptr, 0}};
 
-Options Parse(int argc, char** argv, const std::string& role) {
-    Options options;
-    options.clients = role == "hub" ? 1 : 2;
-    for (int option; (option = getopt_long(argc, argv, "h", known, nullptr)) != -1;) {
-        switch (option) {
-            case 'c':
-                options.clients = static_cast<int>(NumberBetween(1, 500));
-                break;
-            case 'o':
-                options.host = optarg;
-                break;
-            case 'p':
-                options.port = static_cast<int>(NumberBetween(0, 65535));
-                break;
-            case 'n':
-                options.name = optarg;
-                break;
-            case 'k':
-                options.chunkKiB = static_cast<int>(NumberBetween(1, 65536));
-                break;
-            case 't':
-                TimeLimit::seconds = static_cast<int>(NumberBetween(0, 1000000));
-                break;
-            case 'a':
-                options.pace = PaceOf(optarg);
-                break;
-            case 'b':
-                options.totalBytes = static_cast<std::uint64_t>(NumberBetween(0, LLONG_MAX));
-                break;
-            case 'h':
-                std::fputs(usage, stdout);
-                std::exit(0);
-            case 'v':
-                PrintVersion("exchange");
-                std::exit(0);
-            default:
-                std::exit(2);  // getopt_long has said why
-        }
-    }
-    options.files.assign(argv + optind, argv + argc);
+// What the options of a role must have.
+void Require(const Options& options, const std::string& role) {
     if (options.files.empty() != (role == "hub")) {
         Refuse(role == "hub" ? "a hub takes no files" : "no files are named");
     }
@@ -124,6 +86,53 @@ Options Parse(int argc, char** argv, const std::string& role) {
     if (role == "client" && options.port == 0) {
         Refuse("a client needs --port");
     }
+}
+
+void Apply(int option, Options& options) {
+    switch (option) {
+        case 'c':
+            options.clients = static_cast<int>(NumberBetween(1, 500));
+            break;
+        case 'o':
+            options.host = optarg;
+            break;
+        case 'p':
+            options.port = static_cast<int>(NumberBetween(0, 65535));
+            break;
+        case 'n':
+            options.name = optarg;
+            break;
+        case 'k':
+            options.chunkKiB = static_cast<int>(NumberBetween(1, 65536));
+            break;
+        case 't':
+            TimeLimit::seconds = static_cast<int>(NumberBetween(0, 1000000));
+            break;
+        case 'a':
+            options.pace = PaceOf(optarg);
+            break;
+        case 'b':
+            options.totalBytes = static_cast<std::uint64_t>(NumberBetween(0, LLONG_MAX));
+            break;
+        case 'h':
+            std::fputs(usage, stdout);
+            std::exit(0);
+        case 'v':
+            PrintVersion("exchange");
+            std::exit(0);
+        default:
+            std::exit(2);  // getopt_long has said why
+    }
+}
+
+Options Parse(int argc, char** argv, const std::string& role) {
+    Options options;
+    options.clients = role == "hub" ? 1 : 2;
+    for (int option; (option = getopt_long(argc, argv, "h", known, nullptr)) != -1;) {
+        Apply(option, options);
+    }
+    options.files.assign(argv + optind, argv + argc);
+    Require(options, role);
     return options;
 }
 
