@@ -24,7 +24,7 @@ own='^(void )?(KLV|omi_|mem_|aio_|(VORFatalError|BtreeCompare|Startup|endl|print
 
 # Always built the same way, and with no path of this machine in the debugging information.
 if ! { cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=None -DCMAKE_CXX_COMPILER=g++ \
-         -DCMAKE_CXX_FLAGS="-g -O1 -ffile-prefix-map=$PWD=." -DKLVMSG_INSTALL=OFF \
+         -DCMAKE_CXX_FLAGS="-g -O1 '-ffile-prefix-map=$PWD=.'" -DKLVMSG_INSTALL=OFF \
          -DKLVMSG_BUILD_TESTS=OFF -DKLVMSG_BUILD_EXAMPLES=OFF -DKLVMSG_BUILD_BENCHMARKS=OFF &&
        cmake --build "$build" --parallel "$(nproc)"; } >"$build.log" 2>&1; then
   cat "$build.log" >&2
