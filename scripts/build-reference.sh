@@ -6,8 +6,10 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/setup.sh
 need_packages doxygen graphviz python3
 
-rm -rf build/reference
-source=build/reference/source
+# Elsewhere at first: doxygen finds no page in a path with spaces.
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+source=$work/source
 mkdir -p "$source"
 cp -r --parents README.md CONTRIBUTING.md CHANGELOG.md docs tools/wireshark/klvmsg.md python/README.md \
   examples/README.md KLVBase KLVMsgCommServices/ProtectedInterfaces KLVMsgKit "$source"
@@ -23,5 +25,9 @@ for diagram in docs/images/*.dot; do
 done
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 (cd "$source" && { cat docs/Doxyfile; echo "PROJECT_NUMBER = $version"; } | doxygen -)
+rm -rf build/reference
+mkdir -p build
+mv "$work" build/reference
+chmod 755 build/reference
 python3 scripts/link_reference.py build/reference/html build/reference/names.xml .
 echo "The reference starts at build/reference/html/index.html"
