@@ -175,14 +175,18 @@ inline Node* omi_BtreeRotate(Node& node, Node* Node::*heavy, Node* Node::*light)
     return head;
 }
 
-// By how much a node with such children leans to the right, a missing one counting like a leaf.
-inline int omi_BtreeLean(int left, int right) { return std::max(right, 0) - std::max(left, 0); }
-
-// The rotation at a node that leans too far to the right (above 0) or to the left: the new head.
+// One rebalancing step for a node with children of these depths: the new head, or null when nothing
+// was done.
 template <class Node>
-Node* omi_BtreeTurn(Node& node, int lean) {
-    return lean > 0 ? omi_BtreeRotate(node, &Node::m_right, &Node::m_left)
-                    : omi_BtreeRotate(node, &Node::m_left, &Node::m_right);
+inline Node* omi_BtreeBalance(Node& node, int left, int right) {
+    const int lean = std::max(right, 0) - std::max(left, 0);
+    if (lean > 1) {
+        return omi_BtreeRotate(node, &Node::m_right, &Node::m_left);
+    }
+    if (lean < -1) {
+        return omi_BtreeRotate(node, &Node::m_left, &Node::m_right);
+    }
+    return nullptr;
 }
 
 // SetMaxDepth, then Balance, for the node in a slot, with one look at its children.
@@ -192,31 +196,33 @@ inline void omi_BtreeRebalanceAt(Node*& slot) {
     const int left = omi_BtreeDepth(node.m_left);
     const int right = omi_BtreeDepth(node.m_right);
     node.m_maxDepth = std::max(left, right) + 1;
-    const int lean = omi_BtreeLean(left, right);
-    if (lean > 1 || lean < -1) {
-        slot = omi_BtreeTurn(node, lean);
+    if (Node* const head = omi_BtreeBalance(node, left, right)) {
+        slot = head;
     }
+}
+
+// The slot on the way to a key that compares as `order` with the node's. The depth of the child in
+// the other slot is needed on the way back, and is fetched from memory meanwhile.
+template <class Node>
+inline Node*& omi_BtreeStepDown(Node& node, int order) {
+    __builtin_prefetch(node.Slot(~order));
+    return node.Slot(order);
 }
 
 // Inserts into the subtree in a slot, which may be empty, and rebalances it up to its head.
 template <class Node, class K, class V>
-bool omi_BtreeInsertAt(Node*& slot, const K& key, const V& value) {
+inline bool omi_BtreeInsertAt(Node*& slot, const K& key, const V& value) {
     Node* const node = slot;
     if (node == nullptr) {
         slot = new Node(key, value);
         return true;
     }
     const int order = BtreeCompare(node->m_key, key);
-    if (order == 0) {
+    if (order == 0 || !omi_BtreeInsertAt(omi_BtreeStepDown(*node, order), key, value)) {
         return false;
     }
-    // A branch for each side: the processor then need not wait for the comparison to go on.
-    const bool added = order < 0 ? omi_BtreeInsertAt(node->m_left, key, value)
-                                 : omi_BtreeInsertAt(node->m_right, key, value);
-    if (added) {
-        omi_BtreeRebalanceAt(slot);
-    }
-    return added;
+    omi_BtreeRebalanceAt(slot);
+    return true;
 }
 
 // Takes the children of `node` away and returns the subtree that stands in for it: the only child,
@@ -259,7 +265,7 @@ void omi_BtreeDeleteAt(Node*& slot) {
 // Removes from the subtree in a slot, which may be empty before or afterwards, and rebalances it up
 // to its head.
 template <class Node, class K>
-bool omi_BtreeRemoveAt(Node*& slot, const K& key) {
+inline bool omi_BtreeRemoveAt(Node*& slot, const K& key) {
     Node* const node = slot;
     if (node == nullptr) {
         return false;
@@ -269,12 +275,11 @@ bool omi_BtreeRemoveAt(Node*& slot, const K& key) {
         omi_BtreeDeleteAt(slot);
         return true;
     }
-    const bool removed =
-        order < 0 ? omi_BtreeRemoveAt(node->m_left, key) : omi_BtreeRemoveAt(node->m_right, key);
-    if (removed) {
-        omi_BtreeRebalanceAt(slot);
+    if (!omi_BtreeRemoveAt(omi_BtreeStepDown(*node, order), key)) {
+        return false;
     }
-    return removed;
+    omi_BtreeRebalanceAt(slot);
+    return true;
 }
 
 template <class K, class V>
@@ -330,8 +335,7 @@ bool omi_BtreeNode<K, V>::Remove(const K& key, omi_BtreeNode& parent) {
 
 template <class K, class V>
 omi_BtreeNode<K, V>* omi_BtreeNode<K, V>::Balance() {
-    const int lean = omi_BtreeLean(omi_BtreeDepth(m_left), omi_BtreeDepth(m_right));
-    return lean > 1 || lean < -1 ? omi_BtreeTurn(*this, lean) : nullptr;
+    return omi_BtreeBalance(*this, omi_BtreeDepth(m_left), omi_BtreeDepth(m_right));
 }
 
 template <class K, class V>
@@ -393,13 +397,13 @@ inline bool omi_Btree<K, V>::IsMember(const K& key) const {
 }
 
 template <class K, class V>
-V& omi_Btree<K, V>::Get(const K& key) {
+inline V& omi_Btree<K, V>::Get(const K& key) {
     Node* const node = omi_BtreeFind(m_root, key);
     return node == nullptr ? m_nullValue : node->m_value;
 }
 
 template <class K, class V>
-const V& omi_Btree<K, V>::ConstGet(const K& key) const {
+inline const V& omi_Btree<K, V>::ConstGet(const K& key) const {
     const Node* const node = omi_BtreeFind(m_root, key);
     return node == nullptr ? m_nullValue : node->m_value;
 }

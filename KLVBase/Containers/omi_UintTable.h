@@ -18,6 +18,11 @@ class omi_UintTableIterator;
 template <class V>
 class omi_UintTable {
 public:
+    // An empty table. It is copied, never moved: one without slots could not be looked at.
+    omi_UintTable() = default;
+    omi_UintTable(const omi_UintTable&) = default;
+    omi_UintTable& operator=(const omi_UintTable&) = default;
+
     // Stores `value` under `key`, in place of the value that stood there.
     void Insert(unsigned int key, const V& value) {
         Slot* const slot = Find(key);
@@ -35,7 +40,9 @@ public:
                 }
             }
             grown.Add(key, value);  // a copy that fails leaves this table alone
-            std::swap(*this, grown);
+            m_slots.swap(grown.m_slots);
+            m_shift = grown.m_shift;
+            m_size = grown.m_size;
         }
     }
 
@@ -91,15 +98,11 @@ private:
 
     // The slot of a key, or null.
     const Slot* Find(unsigned int key) const {
-        if (m_size == 0) {
-            return nullptr;
+        const Slot* slot = &m_slots[Home(key)];
+        while (slot->isTaken && slot->key != key) {
+            slot = &m_slots[After(Position(slot))];
         }
-        for (std::size_t i = Home(key); m_slots[i].isTaken; i = After(i)) {
-            if (m_slots[i].key == key) {
-                return &m_slots[i];
-            }
-        }
-        return nullptr;
+        return slot->isTaken ? slot : nullptr;
     }
     Slot* Find(unsigned int key) { return const_cast<Slot*>(std::as_const(*this).Find(key)); }
 
@@ -115,8 +118,8 @@ private:
         ++m_size;
     }
 
-    std::vector<Slot> m_slots;  // none at first, then 2 to the power of 32 - m_shift
     int m_shift = 30;
+    std::vector<Slot> m_slots{std::size_t{1} << (32 - m_shift)};
     std::size_t m_size = 0;
 };
 

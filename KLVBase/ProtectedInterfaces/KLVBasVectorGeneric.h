@@ -73,6 +73,7 @@ public:
     }
 
 private:
+    [[gnu::cold]] void PushBackGrowing(const void* element);
     void Reserve(std::size_t capacity);
     void AppendAll(const KLVBasVectorGeneric& other);
     void MoveDown(std::size_t gap);

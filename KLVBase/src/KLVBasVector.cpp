@@ -27,11 +27,15 @@ KLVBasVectorGeneric::~KLVBasVectorGeneric() {
 }
 
 void KLVBasVectorGeneric::PushBack(const void* element) {
-    if (m_size < m_capacity) {
-        m_copy(At(m_size), element);
-        ++m_size;
+    if (m_size == m_capacity) {
+        PushBackGrowing(element);
         return;
     }
+    m_copy(At(m_size), element);
+    ++m_size;
+}
+
+void KLVBasVectorGeneric::PushBackGrowing(const void* element) {
     KLVBasVectorGeneric grown(m_elementSize, m_copy, m_destroy);
     grown.Reserve(m_capacity == 0 ? 4 : m_capacity * 2);
     grown.AppendAll(*this);
@@ -53,6 +57,7 @@ void KLVBasVectorGeneric::Erase(int position) {
     --m_size;
 }
 
+// Requires, as DestroyFrom does: the elements are destroyed by a function.
 // Destroys the element at `gap` and moves the later ones down. A copy that throws leaves a gap that
 // only the elements behind it could fill: they go, and those before it stay.
 void KLVBasVectorGeneric::MoveDown(std::size_t gap) {
@@ -70,12 +75,14 @@ void KLVBasVectorGeneric::MoveDown(std::size_t gap) {
 }
 
 void KLVBasVectorGeneric::Clear() noexcept {
-    DestroyFrom(0);
+    if (m_destroy != nullptr) {
+        DestroyFrom(0);
+    }
     m_size = 0;
 }
 
 void KLVBasVectorGeneric::DestroyFrom(std::size_t position) noexcept {
-    for (; m_destroy != nullptr && position < m_size; ++position) {
+    for (; position < m_size; ++position) {
         m_destroy(At(position));
     }
 }

@@ -54,5 +54,5 @@ private:
     void TakeOver(int connected);
     void SetDirections(bool open);
     void ShutDownDirection(bool& open, int how);
-    void FailAndShutDownWhenLost(int error);
+    [[gnu::cold]] void FailAndShutDownWhenLost(int error);
 };

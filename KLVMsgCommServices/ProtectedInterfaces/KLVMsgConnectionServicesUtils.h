@@ -146,13 +146,13 @@ public:
 private:
     friend class KLVMsgLockedRegistry;  // through which the floors above look up sockets
 
-    KLVMsgSocket* Find(int number) const;
-    KLVMsgCommSocket* FindStreamSocket(int number) const;
+    inline KLVMsgSocket* Find(int number) const;
+    inline KLVMsgCommSocket* FindStreamSocket(int number) const;
     void Register(KLVMsgSocket* socket);
     bool AddAccepted(KLVMsgCommSocket* socket);
     KLVString SharedTypeName(const char* text) const;
-    int SendMessageHeader_priv(int number, const KLVString& typeName);
-    int RetrieveMessageTypeFromSocket_priv(int number, KLVString& typeName);
+    inline int SendMessageHeader_priv(int number, const KLVString& typeName);
+    inline int RetrieveMessageTypeFromSocket_priv(int number, KLVString& typeName);
     int WriteHeader(KLVMsgCommSocket& socket, const KLVString& typeName);
     int ReadHeader(KLVMsgCommSocket& socket, int number, KLVString& typeName);
     int ReadNameLength(KLVMsgCommSocket& socket, int number);

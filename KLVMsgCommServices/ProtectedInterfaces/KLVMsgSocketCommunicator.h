@@ -194,9 +194,9 @@ private:
     void ShutDown(int number);
     unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
     std::size_t PositionInQueue(unsigned int id) const;
-    void Transmit(const KLVMsgChannelMsgStruct& record, KLVMsgCommSocket* socket,
-                  KLVMsgOutputStream& stream);
-    void AddTurns(KLVMsgCycle& cycle);
+    inline void Transmit(const KLVMsgChannelMsgStruct& record, KLVMsgCommSocket* socket,
+                         KLVMsgOutputStream& stream);
+    inline void AddTurns(KLVMsgCycle& cycle);
     void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);
     void MakeKnown(KLVBasVector<KLVMsgChannel>& accepted);
     bool ReceiveMessage(const KLVMsgTurn& turn);

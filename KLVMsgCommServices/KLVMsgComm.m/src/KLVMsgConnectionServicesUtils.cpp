@@ -8,6 +8,7 @@
 
 #include "KLVMsgCommSocket.h"
 #include "KLVMsgNotedNumbers.h"
+#include "KLVMsgRegistryInternals.h"
 #include "KLVMsgServerSocket.h"
 #include "KLVMsgSocketField.h"
 #include "KLVMsgSocketHold.h"
@@ -165,14 +166,6 @@ void KLVMsgConnectionServicesUtils::GetLastErrorCode(int number, int& code) {
     }
 }
 
-KLVMsgSocket* KLVMsgConnectionServicesUtils::Find(int number) const {
-    return static_cast<KLVMsgSocket*>(m_connections.Lookup(number));
-}
-
-KLVMsgCommSocket* KLVMsgConnectionServicesUtils::FindStreamSocket(int number) const {
-    return KLVMsgAsStreamSocket(Find(number));
-}
-
 // The system has given the number to this socket. So a socket that still stands there is gone for
 // good, and with it what is known elsewhere under the number.
 void KLVMsgConnectionServicesUtils::Register(KLVMsgSocket* socket) {
@@ -203,13 +196,14 @@ bool KLVMsgConnectionServicesUtils::AddAccepted(KLVMsgCommSocket* socket) {
 
 // Held: a transfer of another thread may find the connection's end and close the descriptor.
 // Requires, as everything below does: the lock is held.
-int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number, const KLVString& typeName) {
+inline int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number,
+                                                                 const KLVString& typeName) {
     const auto socket = KLVMsgHold(FindStreamSocket(number));
     return socket == nullptr ? 0 : WriteHeader(*socket, typeName);
 }
 
-int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number,
-                                                                      KLVString& typeName) {
+inline int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number,
+                                                                             KLVString& typeName) {
     const auto socket = KLVMsgHold(FindStreamSocket(number));
     return socket == nullptr ? 0 : ReadHeader(*socket, number, typeName);
 }
@@ -219,6 +213,7 @@ int KLVMsgConnectionServicesUtils::WriteHeader(KLVMsgCommSocket& socket,
     if (!KLVMsgLoad(socket.outputOpen)) {
         return 0;
     }
+    const char* const text = typeName.Text();
     const int length = typeName.Length();
     char scratch[sizeof(NameLength)];
     std::memcpy(scratch, &length, sizeof scratch);
@@ -227,7 +222,7 @@ int KLVMsgConnectionServicesUtils::WriteHeader(KLVMsgCommSocket& socket,
     if (socket.write(scratch, sizeof scratch) != sizeof scratch) {
         return 0;
     }
-    return socket.write(typeName.Text(), length) == length ? 1 : 0;
+    return socket.write(text, length) == length ? 1 : 0;
 }
 
 int KLVMsgConnectionServicesUtils::ReadHeader(KLVMsgCommSocket& socket, int number,

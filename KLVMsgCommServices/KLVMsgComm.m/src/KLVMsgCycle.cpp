@@ -3,18 +3,12 @@
 #include "KLVMsgRegistryInternals.h"
 #include "KLVMsgSocketHold.h"
 
-KLVMsgCycle::~KLVMsgCycle() {
-    if (!m_lists.watched.empty()) {
-        {
-            const KLVMsgLockedRegistry locked;
-            EndWatch();
-        }
-        KLVMsgSocketHold::AfterWait();
+void KLVMsgCycle::AbandonWatch() {
+    {
+        const KLVMsgLockedRegistry locked;
+        EndWatch();
     }
-    while (m_current < m_lists.turns.size()) {
-        EndTurn();
-    }
-    m_lists.turns.clear();
+    KLVMsgSocketHold::AfterWait();
 }
 
 void KLVMsgCycle::Watch(KLVMsgSocket* socket, const KLVMsgChannel& channel) {

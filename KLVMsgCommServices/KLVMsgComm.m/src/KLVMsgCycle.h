@@ -30,7 +30,15 @@ public:
     explicit KLVMsgCycle(KLVMsgCycleLists& lists) : m_lists(lists) {}
 
     // Ends all holds that are left and empties the lists.
-    ~KLVMsgCycle();
+    ~KLVMsgCycle() {
+        if (!m_lists.watched.empty()) {
+            AbandonWatch();
+        }
+        while (m_current < m_lists.turns.size()) {
+            EndTurn();
+        }
+        m_lists.turns.clear();
+    }
 
     KLVMsgCycle(const KLVMsgCycle&) = delete;
     KLVMsgCycle& operator=(const KLVMsgCycle&) = delete;
@@ -58,6 +66,8 @@ public:
     void EndTurn();
 
 private:
+    [[gnu::cold]] void AbandonWatch();  // of a wait that failed half way
+
     KLVMsgCycleLists& m_lists;
     std::size_t m_current = 0;
 };

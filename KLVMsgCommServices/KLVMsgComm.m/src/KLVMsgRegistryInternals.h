@@ -5,6 +5,16 @@
 #include "KLVMsgCommSocket.h"
 #include "KLVMsgConnectionServicesUtils.h"
 #include "KLVMsgSocketHold.h"
+#include "KLVMsgSocketInternals.h"
+
+// Requires, both: the lock is held.
+inline KLVMsgSocket* KLVMsgConnectionServicesUtils::Find(int number) const {
+    return static_cast<KLVMsgSocket*>(m_connections.Lookup(number));
+}
+
+inline KLVMsgCommSocket* KLVMsgConnectionServicesUtils::FindStreamSocket(int number) const {
+    return KLVMsgAsStreamSocket(Find(number));
+}
 
 inline KLVMsgConnectionServicesUtils& KLVMsgRegistry() {
     return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();

@@ -241,7 +241,7 @@ void KLVMsgSocketCommunicator::TransmitPendingMessage() {
 }
 
 // One turn for each queued record. A listening socket is not held: nothing is written there.
-void KLVMsgSocketCommunicator::AddTurns(KLVMsgCycle& cycle) {
+inline void KLVMsgSocketCommunicator::AddTurns(KLVMsgCycle& cycle) {
     const KLVMsgLockedRegistry registry;
     ForgetNoted();
     for (std::size_t i = 0; i < m_pending.Size(); ++i) {
@@ -264,8 +264,9 @@ std::size_t KLVMsgSocketCommunicator::PositionInQueue(unsigned int id) const {
 
 // `socket` is what stood under the record's number when the transmission began; null if it was none
 // that could be written to.
-void KLVMsgSocketCommunicator::Transmit(const KLVMsgChannelMsgStruct& record,
-                                        KLVMsgCommSocket* socket, KLVMsgOutputStream& stream) {
+inline void KLVMsgSocketCommunicator::Transmit(const KLVMsgChannelMsgStruct& record,
+                                               KLVMsgCommSocket* socket,
+                                               KLVMsgOutputStream& stream) {
     if (record.message == nullptr || socket == nullptr || !KLVMsgLoad(socket->outputOpen)) {
         return;
     }
