@@ -57,9 +57,9 @@ void KLVBasVectorGeneric::Erase(int position) {
     --m_size;
 }
 
-// Requires, as DestroyFrom does: the elements are destroyed by a function.
 // Destroys the element at `gap` and moves the later ones down. A copy that throws leaves a gap that
 // only the elements behind it could fill: they go, and those before it stay.
+// Requires, as DestroyFrom does: there is a function that destroys elements.
 void KLVBasVectorGeneric::MoveDown(std::size_t gap) {
     m_destroy(At(gap));
     try {

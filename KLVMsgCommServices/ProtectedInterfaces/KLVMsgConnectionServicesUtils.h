@@ -146,6 +146,7 @@ public:
 private:
     friend class KLVMsgLockedRegistry;  // through which the floors above look up sockets
 
+    // What is inline here is defined beside its callers, and no part of the binary interface.
     inline KLVMsgSocket* Find(int number) const;
     inline KLVMsgCommSocket* FindStreamSocket(int number) const;
     void Register(KLVMsgSocket* socket);

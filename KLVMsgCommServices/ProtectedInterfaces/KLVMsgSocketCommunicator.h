@@ -194,6 +194,7 @@ private:
     void ShutDown(int number);
     unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
     std::size_t PositionInQueue(unsigned int id) const;
+    // What is inline here is defined beside its callers, and no part of the binary interface.
     inline void Transmit(const KLVMsgChannelMsgStruct& record, KLVMsgCommSocket* socket,
                          KLVMsgOutputStream& stream);
     inline void AddTurns(KLVMsgCycle& cycle);
