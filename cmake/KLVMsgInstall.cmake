@@ -8,10 +8,10 @@ file(GLOB base_headers CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/KLVBase/Containers/*.h)
 file(GLOB message_headers CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/KLVMsgCommServices/ProtectedInterfaces/*.h
-  ${PROJECT_SOURCE_DIR}/KLVMsgKit/*.h)
+  ${PROJECT_SOURCE_DIR}/KLVMsgKit/ProtectedInterfaces/*.h)
 
 # The libraries are looked up beside each other, so that the installed tree can be moved.
-set(libraries KLVMsgCommModules)
+set(libraries KLVMsgCommModules KLVMsgKit)
 if(NOT KLVMSG_BASE_TARGET)
   list(APPEND libraries KLVBase)
 endif()
@@ -28,7 +28,7 @@ if(KLVMSG_BASE_TARGET)
   return()
 endif()
 
-install(TARGETS ${libraries} KLVMsgKit EXPORT KLVMsgCommModulesTargets
+install(TARGETS ${libraries} EXPORT KLVMsgCommModulesTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 install(FILES ${base_headers} ${message_headers} DESTINATION ${include_dir} COMPONENT development)
 

@@ -33,8 +33,15 @@ inline void Check(const KLVMsgOutcome& outcome, const std::string& late = "gave 
 // given up when the time is over.
 struct Talk : KLVMsgSession {
     template <class... Messages>
-    explicit Talk(const Messages&... prototypes) : KLVMsgSession(kAtOnce, Limit()) {
+    explicit Talk(const Messages&... prototypes) : KLVMsgSession(Options()) {
         (Check(Register(prototypes)), ...);
+    }
+
+    static KLVMsgSessionOptions Options() {
+        KLVMsgSessionOptions options;
+        options.stall = Limit();
+        options.stallEnds = true;
+        return options;
     }
 
     // Serves on 127.0.0.1 and says so: "WHAT 127.0.0.1, port PORT". Tells the port to the reader of

@@ -1,27 +1,12 @@
-// For applications: what has become of an operation of a session, and who its peer was.
+// For applications: who is at the other end of a session's connections, and what came from there.
 #pragma once
 
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
-// How an operation ended. It is true when it is done.
-struct KLVMsgOutcome {
-    // Done, or why not.
-    enum Status {
-        kDone,      // all of it
-        kTooLate,   // the time was over
-        kPeerGone,  // there is, or was, no such connection
-        kFailed     // `text` and `error` tell the cause
-    };
-
-    // True when done.
-    explicit operator bool() const { return status == kDone; }
-
-    Status status = kDone;  // nothing has failed at first
-    int error = 0;          // the errno of a failed system call; 0 where there was none
-    std::string text;       // the cause in words; empty when done
-};
+#include "KLVMsgOutcome.h"
 
 // A connection of a session, a plain value. Unlike a connection number it never comes back: that of
 // a connection which has gone stands for nobody.
@@ -37,6 +22,8 @@ struct KLVMsgPeer {
 // Which connections are meant: one, all that have a label, or every one.
 class KLVMsgPeers {
 public:
+    enum Kind { kOne, kLabel, kAll };
+
     // Those, each by itself; a peer that is none stands for nobody.
     KLVMsgPeers(KLVMsgPeer peer) : m_kind(kOne), m_peer(peer) {}
     KLVMsgPeers(const char* label) : m_kind(kLabel), m_label(label) {}
@@ -50,9 +37,12 @@ public:
         return m_kind == kOne ? peer == m_peer : m_kind == kAll || label == m_label;
     }
 
-private:
-    enum Kind { kOne, kLabel, kAll };
+    // How they are meant, and the one or the label; empty where another kind is meant.
+    Kind HowMeant() const { return m_kind; }
+    KLVMsgPeer One() const { return m_peer; }
+    const std::string& Label() const { return m_label; }
 
+private:
     KLVMsgPeers() : m_kind(kAll) {}
 
     Kind m_kind;
@@ -69,4 +59,19 @@ struct KLVMsgReceived : KLVMsgOutcome {
 
     std::unique_ptr<Message> message;  // null unless done
     KLVMsgPeer peer;                   // whose connection it came on
+};
+
+// Received messages of one class, the oldest first; at least one when it is done.
+template <class Message>
+struct KLVMsgReceivedAll : KLVMsgOutcome {
+    // One of them.
+    struct Item {
+        Message* operator->() const { return message.get(); }
+        Message& operator*() const { return *message; }
+
+        std::unique_ptr<Message> message;  // never null
+        KLVMsgPeer peer;                   // whose connection it came on
+    };
+
+    std::vector<Item> messages;
 };

@@ -52,6 +52,11 @@ public:
     // no byte of it. The bytes of such a body are then taken for headers: close the connection.
     virtual std::size_t Limit() const { return std::size_t{64} << 20; }
 
+    // The same, as it holds: what Limit says, and no more than a body can have.
+    std::size_t LargestBody() const {
+        return std::min(Limit(), std::size_t{INT_MAX} - sizeof(std::uint32_t));
+    }
+
     // Sends length and bytes with one write of the stream, whose piece size must not be smaller for
     // the result to be right. 1 when all of the body was taken, 0 otherwise. May block in send.
     int WriteMessage(KLVMsgOutputStream* stream) override {
@@ -88,10 +93,6 @@ public:
 private:
     // A length that no receiver takes, sent without bytes in place of a body that there is none of.
     static constexpr std::uint32_t kRefused = 0xffffffff;
-
-    std::size_t LargestBody() const {
-        return std::min(Limit(), std::size_t{INT_MAX} - sizeof(std::uint32_t));
-    }
 
     bool EncodeWithinLimit(std::string& body) const {
         try {

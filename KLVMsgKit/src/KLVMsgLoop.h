@@ -1,0 +1,168 @@
+// For the session's own sources: the one thread that moves the bytes of all connections.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "KLVMsgConnection.h"
+#include "KLVMsgOutcome.h"
+#include "KLVMsgSessionOptions.h"
+#include "KLVMsgSessionSockets.h"
+#include "KLVMsgTransport.h"
+
+// Waits on epoll for what happens to the connections, tells them, and does what they answer.
+// Connections are known by an id that never comes back, which is also what epoll hands out: an event
+// of one that has gone finds nobody.
+//
+// The mutex is the owner's. It guards the map and all that is in it but the readers; it is never held
+// while a system call transfers or a message's own code runs.
+//
+// Each connection has a writer's mark (`isWriting`). Who finds it unset sets it, lets the mutex go,
+// sends, takes the mutex and clears it; whoever comes meanwhile only appends. A descriptor is closed
+// when the map and the writer have both let go of the connection, so that nobody sends on a number
+// that is somebody else's.
+class KLVMsgLoop {
+public:
+    using Clock = KLVMsgTimeLimit::Clock;
+    using Time = Clock::time_point;
+    using Lock = std::unique_lock<std::mutex>;
+
+    // What the owner knows of a connection.
+    struct Client {
+    protected:
+        ~Client() = default;
+    };
+
+    struct Link {
+        Link(std::uint64_t number, std::unique_ptr<KLVMsgTransport> way, Client* whose,
+             const KLVMsgMessageTypes& types, const KLVMsgSessionOptions& options)
+            : id(number), transport(std::move(way)), client(whose), connection(types, options) {}
+
+        const std::uint64_t id;
+        const std::unique_ptr<KLVMsgTransport> transport;
+        Client* client;  // null when the owner has been told that it is over
+        KLVMsgConnection connection;
+        bool isWriting = false;
+        bool isTouched = false;  // it is in the list of those with work
+        std::shared_ptr<Link> nextTouched;
+        unsigned interest = 0;       // what epoll was asked for
+        Time due = Time::max();      // when it is to be checked
+        std::uint64_t received = 0;  // bytes
+    };
+    using LinkPtr = std::shared_ptr<Link>;
+
+    struct Listener {
+        KLVMsgDescriptor socket;
+        std::string text;  // where it listens
+        int port = 0;
+        Time again = Time::max();  // when to try again after a failure
+        std::chrono::milliseconds pause{0};
+    };
+
+    // Told with the mutex held, on the loop's thread; Took also on the thread of a caller that writes.
+    class Owner {
+    public:
+        virtual void OnCame(Link& link, KLVMsgWireReader::Arrivals& arrivals) = 0;
+        virtual void OnInputEnded(Link& link) = 0;
+        virtual void OnTook(Link& link) = 0;
+        virtual void OnStalls(Link& link) = 0;
+        virtual void OnOver(Link& link) = 0;
+        virtual void OnAccepted(KLVMsgDescriptor socket, const std::string& address) = 0;
+        virtual void OnListenerFailed(const Listener& listener, int error) = 0;
+
+    protected:
+        ~Owner() = default;
+    };
+
+    KLVMsgLoop(std::mutex& mutex, Owner& owner, const KLVMsgMessageTypes& types,
+               const KLVMsgSessionOptions& options)
+        : m_mutex(mutex), m_owner(owner), m_types(types), m_options(options) {}
+    ~KLVMsgLoop() { Stop(); }
+    KLVMsgLoop(const KLVMsgLoop&) = delete;
+    KLVMsgLoop& operator=(const KLVMsgLoop&) = delete;
+
+    // Asks the system for what the loop needs.
+    KLVMsgOutcome Prepare();
+
+    // Starts the thread, with all signals blocked.
+    KLVMsgOutcome Start();
+
+    // Ends the thread after its current round. Requires: the mutex is not held.
+    void Stop();
+
+    // All that follow require the mutex ----------------------------------------------------------
+
+    // A new connection; what fails leaves none. Throws std::bad_alloc, and has closed it then.
+    KLVMsgOutcome Add(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t id, Client* client,
+                      LinkPtr& link);
+
+    // Serves on a socket that listens.
+    KLVMsgOutcome AddListener(KLVMsgDescriptor socket, std::uint64_t id, int port,
+                              std::string text);
+
+    // No longer serves on a port, or on any with port -1; how many sockets were closed.
+    int RemoveListeners(int port);
+    bool HasListeners() const { return !m_listeners.empty(); }
+
+    // There is something to do for a connection: its output, its state.
+    void Touch(Link& link);
+
+    // Writes what is queued on the caller's thread, once, who has just looked at the clock. Lets the
+    // mutex go meanwhile.
+    // Requires: the caller's own pointer.
+    void WriteNow(Lock& lock, const LinkPtr& link, Time now);
+
+    // Ends all connections that are left. Requires: the loop does not run.
+    void Clear(const char* cause);
+
+private:
+    using Timer = std::pair<Time, std::uint64_t>;
+
+    void Run();
+    int Wait(struct epoll_event* events, int most);
+    void Serve(Lock& lock, std::uint64_t id, unsigned happened);
+    void Read(Lock& lock, Link& link);
+    void Read(Link& link, KLVMsgTransport::Result& result);
+    bool Write(Lock& lock, const LinkPtr& link);
+    void DoTouched(Lock& lock);
+    void CheckTimers();
+    void CheckListeners();
+    void Accept(Lock& lock, std::uint64_t id);
+    Time NextTimer() const;
+    void PauseListener(Listener& listener, int error);
+    void Tend(Link& link);
+    void Remove(Link& link);
+    void Ask(Link& link);
+    void Arm(Link& link);
+    void Wake();
+
+    std::mutex& m_mutex;
+    Owner& m_owner;
+    const KLVMsgMessageTypes& m_types;
+    const KLVMsgSessionOptions& m_options;
+    KLVMsgDescriptor m_epoll;
+    KLVMsgDescriptor m_wakeUp;
+    std::unique_ptr<std::thread> m_thread;
+
+    // The thread's own.
+    KLVMsgWireReader::Buffer m_buffer;
+    KLVMsgWireReader::Arrivals m_arrivals;
+
+    // Guarded by the mutex.
+    std::unordered_map<std::uint64_t, LinkPtr> m_links;
+    std::map<std::uint64_t, Listener> m_listeners;
+    LinkPtr m_firstTouched;
+    Link* m_lastTouched = nullptr;
+    std::set<Timer> m_timers;
+    Time m_now{};
+    bool m_isAsleep = false;
+    bool m_isToStop = false;
+};

@@ -1,0 +1,143 @@
+#include "KLVMsgOutput.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+KLVMsgOutput::Position KLVMsgOutput::Append(std::string_view head, std::string_view body,
+                                            const std::shared_ptr<const std::string>& shared) {
+    const std::size_t copied = head.size() + (shared == nullptr ? body.size() : 0);
+    const bool fits = !m_pieces.empty() && m_pieces.back().room >= m_pieces.back().end + copied;
+    // Whatever may fail comes first.
+    Piece block = fits ? Piece() : NewBlock(copied);
+    const std::size_t room = block.room;
+    m_ends.push_back(m_appended + head.size() + body.size());
+    try {
+        if (!fits) {
+            m_pieces.push_back(std::move(block));
+        }
+        if (shared != nullptr) {
+            m_pieces.push_back({nullptr, shared, 0, 0, body.size()});
+        }
+    } catch (...) {
+        m_ends.pop_back();
+        if (!fits && !m_pieces.empty() && m_pieces.back().end == 0) {
+            m_pieces.pop_back();
+        }
+        throw;
+    }
+    m_lastBlock = fits ? m_lastBlock : room;
+    Piece& piece = m_pieces[m_pieces.size() - (shared == nullptr ? 1 : 2)];
+    std::memcpy(piece.block.get() + piece.end, head.data(), head.size());
+    piece.end += head.size();
+    if (shared == nullptr && !body.empty()) {
+        std::memcpy(piece.block.get() + piece.end, body.data(), body.size());
+        piece.end += body.size();
+    }
+    return m_appended = m_ends.back();
+}
+
+// Blocks grow with what is queued, so that an idle connection has none and a busy one few.
+KLVMsgOutput::Piece KLVMsgOutput::NewBlock(std::size_t size) const {
+    Piece piece;
+    const std::size_t next = m_pieces.empty() ? kFirstBlock : 4 * m_lastBlock;
+    piece.room = std::max(size, std::min(next, kLargestBlock));
+    piece.block.reset(new char[piece.room]);
+    return piece;
+}
+
+// How many bytes go next.
+std::size_t KLVMsgOutput::RunSize(std::size_t segment) const {
+    const auto queued = static_cast<std::size_t>(m_appended - m_taken);
+    if (segment == 0) {
+        return std::min(queued, kMostAtOnce);
+    }
+    const auto first = static_cast<std::size_t>(m_ends.front() - m_taken);
+    if (m_taken != m_start || first >= segment) {
+        return std::min(first, kMostAtOnce);
+    }
+    const Position limit = m_taken + std::min(segment, kMostAtOnce);
+    const auto past = std::upper_bound(m_ends.begin(), m_ends.end(), limit);
+    return static_cast<std::size_t>(*std::prev(past) - m_taken);
+}
+
+KLVMsgOutput::Run KLVMsgOutput::Take(std::size_t segment) {
+    const std::size_t most = RunSize(segment);
+    Run run;
+    for (const Piece& piece : m_pieces) {
+        if (run.size == most || run.count == 8) {
+            break;
+        }
+        const std::size_t size = std::min(piece.end - piece.begin, most - run.size);
+        if (size != 0) {
+            run.pieces[run.count++] = {const_cast<char*>(piece.Data()) + piece.begin, size};
+            run.size += size;
+        }
+    }
+    run.endsMessage = std::binary_search(m_ends.begin(), m_ends.end(), m_taken + run.size);
+    m_out = run.size;
+    return run;
+}
+
+void KLVMsgOutput::Took(std::size_t count) {
+    m_out = 0;
+    m_taken += count;
+    for (std::size_t left = count; left != 0;) {
+        Piece& piece = m_pieces.front();
+        const std::size_t size = std::min(left, piece.end - piece.begin);
+        piece.begin += size;
+        left -= size;
+        if (piece.begin == piece.end && (left != 0 || m_pieces.size() > 1 || IsEmpty())) {
+            m_pieces.pop_front();
+        }
+    }
+    while (!m_ends.empty() && m_ends.front() <= m_taken) {
+        m_start = m_ends.front();
+        m_ends.pop_front();
+        ++m_messagesTaken;
+    }
+}
+
+bool KLVMsgOutput::CutOut(Position begin, Position end) {
+    const auto found = std::lower_bound(m_ends.begin(), m_ends.end(), end);
+    if (begin < m_taken + m_out || found == m_ends.end() || *found != end) {
+        return false;
+    }
+    const Position length = end - begin;
+    CutPieces(static_cast<std::size_t>(begin - m_taken), static_cast<std::size_t>(length));
+    for (auto later = m_ends.erase(found); later != m_ends.end(); ++later) {
+        *later -= length;
+    }
+    m_appended -= length;
+    return true;
+}
+
+// Removes bytes from the pieces, and pieces that are empty then.
+void KLVMsgOutput::CutPieces(std::size_t before, std::size_t count) {
+    for (auto piece = m_pieces.begin(); count != 0;) {
+        const std::size_t size = piece->end - piece->begin;
+        if (before >= size) {
+            before -= size;
+            ++piece;
+            continue;
+        }
+        const std::size_t cut = std::min(count, size - before);
+        count -= cut;
+        if (cut == size) {
+            piece = m_pieces.erase(piece);
+            continue;
+        }
+        // A shared body is cut out whole, so this is a block.
+        char* const from = piece->block.get() + piece->begin + before;
+        std::memmove(from, from + cut, size - before - cut);
+        piece->end -= cut;
+        before = 0;
+        ++piece;
+    }
+}
+
+void KLVMsgOutput::Clear() {
+    m_pieces.clear();
+    m_ends.clear();
+    m_start = m_appended = m_taken;
+}

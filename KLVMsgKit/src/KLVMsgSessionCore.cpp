@@ -1,0 +1,557 @@
+#include "KLVMsgSessionCore.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <utility>
+
+#include "KLVMsgPlainTransport.h"
+
+namespace {
+
+// How long a connection that was shut down here is read, so that what the peer was sent arrives.
+constexpr std::chrono::seconds kLastWords(5);
+
+constexpr std::chrono::milliseconds kFirstPause(10);
+constexpr std::chrono::milliseconds kLongestPause(500);
+
+KLVMsgOutcome Failure(int error, std::string text) {
+    return {KLVMsgOutcome::kFailed, error, std::move(text)};
+}
+
+void Signal(int descriptor) {
+    const std::uint64_t one = 1;
+    static_cast<void>(!write(descriptor, &one, sizeof one));
+}
+
+}  // namespace
+
+KLVMsgSessionCore::KLVMsgSessionCore(const KLVMsgSessionOptions& options)
+    : m_options(options),
+      m_process(getpid()),
+      m_endSignal(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_loop(m_mutex, *this, m_types, m_options) {
+    m_ready = m_endSignal.Number() == -1
+                  ? KLVMsgSessionSockets::Failure("cannot make what a session waits with", errno)
+                  : m_loop.Prepare();
+}
+
+KLVMsgSessionCore::~KLVMsgSessionCore() {
+    try {
+        End(std::chrono::seconds(5));
+    } catch (const std::bad_alloc&) {
+        // The loop's own destructor ends it.
+    }
+}
+
+bool KLVMsgSessionCore::IsInChild() const { return getpid() != m_process; }
+
+KLVMsgOutcome KLVMsgSessionCore::Late() {
+    return {KLVMsgOutcome::kTooLate, ETIMEDOUT, "the time was over"};
+}
+
+KLVMsgOutcome KLVMsgSessionCore::Ended(KLVMsgOutcome::Status status) {
+    return {status, ESHUTDOWN, "the session has ended"};
+}
+
+KLVMsgOutcome KLVMsgSessionCore::Gone(const KLVMsgPeers& meant) {
+    return m_ready ? KLVMsgOutcome{KLVMsgOutcome::kPeerGone, ENOTCONN, m_book.WhyGone(meant)}
+                   : m_ready;
+}
+
+// Requires: the mutex is held.
+KLVMsgOutcome KLVMsgSessionCore::IsReady() const {
+    return m_isEnding ? Ended(KLVMsgOutcome::kFailed) : m_ready;
+}
+
+// Set-up -------------------------------------------------------------------------------------------
+
+KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_info& type,
+                                          const KLVMsgFramedMessage* framed) {
+    const Lock lock(m_mutex);
+    if (const KLVMsgOutcome ready = IsReady(); !ready) {
+        return ready;
+    }
+    if (m_isStarted) {
+        return Failure(EALREADY,
+                       "the session has been started: classes are registered before that");
+    }
+    const KLVString text = prototype->GetMessageType();
+    const std::string name(text.Text(), static_cast<std::size_t>(text.Length()));
+    if (name.empty() || name.find('\0') != std::string::npos) {
+        return Failure(EINVAL, "a type name is neither empty nor has zero bytes");
+    }
+    if (m_types.OfName(name) != KLVMsgMessageTypes::kNone) {
+        return Failure(EINVAL, "there is a prototype for " + name);
+    }
+    const Message made(prototype->NewInstance());
+    const KLVMsgSocketMessage* const object = made.get();
+    if (object == nullptr || typeid(*object) != type) {
+        return Failure(EINVAL, "NewInstance of " + name + " makes an object of another class");
+    }
+    m_receivers.emplace_back();
+    m_types.Add({name, &type, std::move(prototype), framed != nullptr,
+                 framed != nullptr ? framed->LargestBody() : 0});
+    m_inbox.Prepare(m_types.Size());
+    return {};
+}
+
+KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, int* port) {
+    if (!m_ready) {
+        return m_ready;
+    }
+    std::vector<KLVMsgDescriptor> sockets;
+    int bound = address.port;
+    KLVMsgOutcome outcome = KLVMsgSessionSockets::Listen(address, sockets, bound);
+    if (!outcome) {
+        return outcome;
+    }
+    const Lock lock(m_mutex);
+    outcome = IsReady();
+    const KLVMsgSocketAddress served(address.host, bound);
+    for (auto socket = sockets.begin(); outcome && socket != sockets.end(); ++socket) {
+        outcome = m_loop.AddListener(std::move(*socket), m_book.NextId(), bound,
+                                     KLVMsgSessionSockets::Text(served));
+    }
+    if (!outcome) {
+        m_loop.RemoveListeners(bound);
+    } else if (port != nullptr) {
+        *port = bound;
+    }
+    return outcome;
+}
+
+KLVMsgOutcome KLVMsgSessionCore::StopServing(int port) {
+    const Lock lock(m_mutex);
+    KLVMsgOutcome outcome = IsReady();
+    if (outcome && m_loop.RemoveListeners(port) == 0) {
+        outcome = Failure(ENOENT, "nobody is served at port " + std::to_string(port));
+    }
+    WakeThoseWithoutHope();
+    return outcome;
+}
+
+KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
+                                         const std::string& label, Time limit) {
+    {
+        const Lock lock(m_mutex);
+        if (const KLVMsgOutcome ready = IsReady(); !ready) {
+            return ready;
+        }
+    }
+    KLVMsgDescriptor socket;
+    const KLVMsgOutcome outcome =
+        KLVMsgSessionSockets::Connect(address, limit, m_endSignal.Number(), socket);
+    const Lock lock(m_mutex);
+    if (m_isEnding) {
+        return Ended(KLVMsgOutcome::kFailed);
+    }
+    if (!outcome) {
+        return outcome;
+    }
+    if (m_live >= m_options.connectionLimit) {
+        return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
+    }
+    const std::string text = KLVMsgSessionSockets::PeerText(socket.Number());
+    return Adopt(std::move(socket), label, text);
+}
+
+KLVMsgOutcome KLVMsgSessionCore::ConnectAgain(const KLVMsgSocketAddress& address,
+                                              const std::string& label, Time limit) {
+    KLVMsgWaiter waiter;
+    for (auto pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
+        KLVMsgOutcome outcome = Connect(address, label, limit);
+        const Time now = Clock::now();
+        if (outcome || outcome.error == ESHUTDOWN || outcome.error == EINVAL || now >= limit) {
+            return outcome;
+        }
+        Lock lock(m_mutex);
+        if (!m_isEnding) {
+            const KLVMsgEntry<KLVMsgWaiter> entry(m_endWaiters, waiter);
+            waiter.Wait(lock, std::min(limit, now + pause));
+        }
+        if (m_isEnding) {
+            return Ended(KLVMsgOutcome::kFailed);
+        }
+        if (Clock::now() >= limit) {
+            return outcome;
+        }
+    }
+}
+
+KLVMsgOutcome KLVMsgSessionCore::Start() {
+    const Lock lock(m_mutex);
+    KLVMsgOutcome outcome = IsReady();
+    if (outcome && !m_isStarted) {
+        outcome = m_loop.Start();
+        m_isStarted = static_cast<bool>(outcome);
+    }
+    return outcome;
+}
+
+// A connection that was made, or accepted.
+KLVMsgOutcome KLVMsgSessionCore::Adopt(KLVMsgDescriptor socket, const std::string& label,
+                                       const std::string& address) {
+    auto transport =
+        std::make_unique<KLVMsgPlainTransport>(socket.Number(), m_options.silence.Duration());
+    static_cast<void>(socket.Release());
+    Peer& peer = m_book.Add(label, address);
+    peer.sent.owner = &peer;
+    KLVMsgOutcome outcome;
+    try {
+        outcome = m_loop.Add(std::move(transport), peer.peer.id, &peer, peer.link);
+    } catch (...) {
+        m_book.Remove(peer);
+        throw;
+    }
+    if (!outcome) {
+        m_book.Remove(peer);
+        return outcome;
+    }
+    ++m_live;
+    Tell([&] {
+        KLVMsgEvent event = Event(KLVMsgEvent::kCame, &peer);
+        event.what = address + ": a connection";
+        return event;
+    });
+    return outcome;
+}
+
+// Connections --------------------------------------------------------------------------------------
+
+KLVMsgOutcome KLVMsgSessionCore::SetLabel(KLVMsgPeer peer, const std::string& label) {
+    const Lock lock(m_mutex);
+    if (m_isEnding) {
+        return Ended(KLVMsgOutcome::kPeerGone);
+    }
+    Peer* const found = m_book.Find(peer);
+    if (found == nullptr || !found->IsThere()) {
+        return Gone(peer);
+    }
+    m_book.SetLabel(*found, label);
+    // Somebody may wait for what has come from this label.
+    for (std::uint32_t type = 0; type < m_types.Size(); ++type) {
+        WakeReceivers(type);
+    }
+    WakeThoseWithoutHope();
+    return {};
+}
+
+std::vector<KLVMsgPeer> KLVMsgSessionCore::Peers(const KLVMsgPeers& meant) {
+    const Lock lock(m_mutex);
+    std::vector<Peer*> found;
+    m_book.Find(meant, found);
+    std::vector<KLVMsgPeer> peers;
+    for (const Peer* const peer : found) {
+        if (peer->IsThere()) {
+            peers.push_back(peer->peer);
+        }
+    }
+    return peers;
+}
+
+KLVMsgOutcome KLVMsgSessionCore::Disconnect(const KLVMsgPeers& meant) {
+    const Lock lock(m_mutex);
+    if (m_isEnding) {
+        return Ended(KLVMsgOutcome::kPeerGone);
+    }
+    std::vector<Peer*> found;
+    m_book.Find(meant, found);
+    bool isAny = false;
+    for (Peer* const peer : found) {
+        if (peer->link != nullptr && !peer->link->connection.Discards()) {
+            isAny = true;
+            peer->link->connection.Leave(Clock::now() + kLastWords);
+            FailAwaited(*peer, "the peer was disconnected here");
+            UpdateCost(*peer);
+            TellGone(*peer, KLVMsgEvent::kShutDownHere, "shut down here", 0);
+            m_loop.Touch(*peer->link);
+        }
+    }
+    return isAny ? KLVMsgOutcome() : Gone(meant);
+}
+
+KLVMsgOutcome KLVMsgSessionCore::WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit) {
+    const Time deadline = limit.Deadline();
+    Lock lock(m_mutex);
+    GoneWaiter waiter{{}, &meant};
+    const KLVMsgEntry<GoneWaiter> entry(m_goneWaiters, waiter);
+    while (m_book.IsAnyThere(meant)) {
+        if (!waiter.waiter.Wait(lock, deadline)) {
+            return m_book.IsAnyThere(meant) ? Late() : KLVMsgOutcome();
+        }
+    }
+    return m_isEnding ? Ended(KLVMsgOutcome::kPeerGone) : KLVMsgOutcome();
+}
+
+// Tells once that nothing more will come from there.
+void KLVMsgSessionCore::TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std::string& text,
+                                 int error) {
+    if (peer.isTold) {
+        return;
+    }
+    peer.isTold = true;
+    try {
+        m_book.NoteGone(peer, text);
+    } catch (const std::bad_alloc&) {
+        // Whoever asks is told that it has gone, without the cause.
+    }
+    Tell([&] {
+        KLVMsgEvent event = Event(KLVMsgEvent::kGone, &peer);
+        event.cause = cause;
+        event.error = error;
+        event.what = peer.address + ": " + text;
+        return event;
+    });
+    for (GoneWaiter* const one : m_goneWaiters) {
+        if (!m_book.IsAnyThere(*one->meant)) {
+            one->waiter.Wake();
+        }
+    }
+    WakeThoseWithoutHope();
+    WakeRoomless();
+}
+
+void KLVMsgSessionCore::Forget(Peer& peer) { m_book.Remove(peer); }
+
+void KLVMsgSessionCore::OnOver(KLVMsgLoop::Link& link) {
+    if (link.client == nullptr) {
+        return;
+    }
+    Peer& peer = *static_cast<Peer*>(link.client);
+    const KLVMsgLoop::LinkPtr kept = std::move(peer.link);
+    peer.link = nullptr;
+    link.client = nullptr;
+    --m_live;
+    if (peer.isReadingPaused) {
+        peer.isReadingPaused = false;
+        --m_paused;
+    }
+    FailAwaited(peer, link.connection.Text());
+    UpdateCost(peer);
+    m_past.messagesSent += link.connection.output.MessagesTaken();
+    m_past.bytesSent += link.connection.output.Taken();
+    m_past.messagesReceived += peer.messagesReceived;
+    m_past.bytesReceived += link.received;
+    TellGone(peer, link.connection.WhyOver(), link.connection.Text(), link.connection.Error());
+    if (peer.sent.count == 0) {
+        Forget(peer);
+    }
+    if (m_isEnding && m_live == 0) {
+        for (KLVMsgWaiter* const one : m_endWaiters) {
+            one->Wake();
+        }
+    }
+}
+
+void KLVMsgSessionCore::OnAccepted(KLVMsgDescriptor socket, const std::string& address) {
+    try {
+        KLVMsgOutcome outcome;
+        if (m_live >= m_options.connectionLimit) {
+            EndOneHalf();
+            outcome = {KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
+        } else {
+            outcome = Adopt(std::move(socket), "", address);
+        }
+        if (!outcome) {
+            KLVMsgEvent event = Event(KLVMsgEvent::kRefused, nullptr);
+            event.address = address;
+            event.error = outcome.error;
+            event.what = address + ": a connection was refused: " + outcome.text;
+            PushEvent(std::move(event));
+        }
+    } catch (const std::bad_alloc&) {
+        m_events.Miss();
+    }
+}
+
+void KLVMsgSessionCore::OnListenerFailed(const KLVMsgLoop::Listener& listener, int error) {
+    EndOneHalf();
+    Tell([&] {
+        KLVMsgEvent event = Event(KLVMsgEvent::kServingFailed, nullptr);
+        event.address = listener.text;
+        event.error = error;
+        event.what = KLVMsgSessionSockets::Failure("cannot accept at " + listener.text, error).text;
+        return event;
+    });
+}
+
+// What happens -------------------------------------------------------------------------------------
+
+KLVMsgEvent KLVMsgSessionCore::Event(KLVMsgEvent::Kind kind, const Peer* peer) {
+    KLVMsgEvent event;
+    event.kind = kind;
+    if (peer != nullptr) {
+        event.peer = peer->peer;
+        event.label = peer->label;
+        event.address = peer->address;
+    }
+    return event;
+}
+
+void KLVMsgSessionCore::PushEvent(KLVMsgEvent event) {
+    m_events.Push(std::move(event));
+    for (KLVMsgWaiter* const one : m_eventWaiters) {
+        if (!one->IsWoken()) {
+            one->Wake();
+            break;
+        }
+    }
+    UpdateReadable();
+}
+
+void KLVMsgSessionCore::OnStalls(KLVMsgLoop::Link& link) {
+    if (link.client != nullptr) {
+        const Peer& peer = *static_cast<Peer*>(link.client);
+        Tell([&] {
+            KLVMsgEvent event = Event(KLVMsgEvent::kStalls, &peer);
+            event.what = peer.address + ": no byte moves, though one is due";
+            return event;
+        });
+    }
+}
+
+KLVMsgEvent KLVMsgSessionCore::NextEvent(KLVMsgTimeLimit limit) {
+    KLVMsgEvent event;
+    Lock lock(m_mutex);
+    if (m_events.IsEmpty() && !m_isEnding) {
+        const Time deadline = limit.Deadline();
+        KLVMsgWaiter waiter;
+        const KLVMsgEntry<KLVMsgWaiter> entry(m_eventWaiters, waiter);
+        while (m_events.IsEmpty() && !m_isEnding && waiter.Wait(lock, deadline)) {
+        }
+    }
+    if (!m_events.IsEmpty()) {
+        event = m_events.Take();
+        UpdateReadable();
+    } else {
+        static_cast<KLVMsgOutcome&>(event) = m_isEnding ? Ended(KLVMsgOutcome::kFailed) : Late();
+    }
+    return event;
+}
+
+int KLVMsgSessionCore::Descriptor() {
+    const Lock lock(m_mutex);
+    if (m_readable.Number() == -1) {
+        m_readable = KLVMsgDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        m_isReadable = false;
+        UpdateReadable();
+    }
+    return m_readable.Number();
+}
+
+void KLVMsgSessionCore::UpdateReadable() {
+    const bool isReadable = m_inbox.Count() != 0 || !m_events.IsEmpty() || m_isEnding;
+    if (m_readable.Number() == -1 || isReadable == m_isReadable) {
+        return;
+    }
+    m_isReadable = isReadable;
+    if (isReadable) {
+        Signal(m_readable.Number());
+    } else {
+        std::uint64_t count = 0;
+        static_cast<void>(!read(m_readable.Number(), &count, sizeof count));
+    }
+}
+
+void KLVMsgSessionCore::AddCounts(KLVMsgCounts& counts, Peer& peer) {
+    counts.messagesReceived += peer.messagesReceived;
+    counts.messagesInInbox += peer.sent.count;
+    counts.bytesInInbox += peer.sent.cost - peer.sent.count * KLVMsgOutput::kPerMessage;
+    if (peer.link != nullptr) {
+        const KLVMsgConnection& connection = peer.link->connection;
+        const KLVMsgOutput& output = connection.output;
+        ++counts.connections;
+        counts.messagesSent += output.MessagesTaken();
+        counts.bytesSent += output.Taken();
+        counts.messagesQueued += output.Messages();
+        counts.bytesQueued += output.Appended() - output.Taken();
+        counts.bytesReceived += peer.link->received;
+        counts.stalled += connection.Stalls() ? 1 : 0;
+    }
+}
+
+KLVMsgCounts KLVMsgSessionCore::Counts(const KLVMsgPeers& meant) {
+    const Lock lock(m_mutex);
+    std::vector<Peer*> found;
+    m_book.Find(meant, found);
+    KLVMsgCounts counts;
+    for (Peer* const peer : found) {
+        if (peer->IsThere()) {
+            AddCounts(counts, *peer);
+        }
+    }
+    return counts;
+}
+
+KLVMsgCounts KLVMsgSessionCore::Counts() {
+    const Lock lock(m_mutex);
+    KLVMsgCounts counts = m_past;
+    m_book.ForEach([&](Peer& peer) {
+        const std::uint64_t before = counts.messagesReceived;
+        AddCounts(counts, peer);
+        if (peer.link == nullptr) {
+            counts.messagesReceived = before;  // those of the past are counted
+        }
+    });
+    return counts;
+}
+
+// Ending -------------------------------------------------------------------------------------------
+
+KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
+    const Time deadline = limit.Deadline();
+    bool haveAllClosed = true;
+    {
+        Lock lock(m_mutex);
+        if (m_isEnding) {
+            return Ended(KLVMsgOutcome::kFailed);
+        }
+        m_isEnding = true;
+        Signal(m_endSignal.Number());
+        m_loop.RemoveListeners(-1);
+        WakeEverybody();
+        UpdateReadable();
+        m_book.ForEach([this](Peer& peer) {
+            if (peer.link != nullptr) {
+                peer.link->connection.AllowReading(Clock::now(), true);
+                peer.link->connection.EndOutput(true);
+                m_loop.Touch(*peer.link);
+            }
+        });
+        KLVMsgWaiter waiter;
+        const KLVMsgEntry<KLVMsgWaiter> entry(m_endWaiters, waiter);
+        while (m_isStarted && m_live != 0 && waiter.Wait(lock, deadline)) {
+        }
+        haveAllClosed = m_live == 0 || !m_isStarted;
+    }
+    m_loop.Stop();
+    Lock lock(m_mutex);
+    m_isEnded = true;
+    m_loop.Clear("the session has ended");
+    return !m_ready ? m_ready : haveAllClosed ? KLVMsgOutcome() : Late();
+}
+
+void KLVMsgSessionCore::WakeEverybody() {
+    for (const auto& receivers : m_receivers) {
+        for (Receiver* const one : receivers) {
+            one->waiter.Wake();
+        }
+    }
+    for (GoneWaiter* const one : m_goneWaiters) {
+        one->waiter.Wake();
+    }
+    for (KLVMsgWaiter* const one : m_eventWaiters) {
+        one->Wake();
+    }
+    for (KLVMsgWaiter* const one : m_endWaiters) {
+        one->Wake();
+    }
+    for (KLVMsgDelivery* const one : m_roomless) {
+        one->waiter.Wake();
+    }
+}

@@ -1,0 +1,211 @@
+// For the session's own sources: where the application's threads and the loop meet.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <thread>
+#include <typeinfo>
+#include <vector>
+
+#include "KLVMsgEventQueue.h"
+#include "KLVMsgInbox.h"
+#include "KLVMsgLoop.h"
+#include "KLVMsgMessageTypes.h"
+#include "KLVMsgModuleUse.h"
+#include "KLVMsgPeerBook.h"
+#include "KLVMsgSession.h"
+#include "KLVMsgWaiting.h"
+#include "KLVMsgWireWriter.h"
+
+// A message that somebody waits for; it is on the waiting thread's stack.
+struct KLVMsgDelivery {
+    KLVMsgWaiter waiter;
+    std::size_t left = 0;              // connections that have it queued
+    std::size_t size = 0;              // bytes on the wire
+    std::vector<KLVMsgPeer> roomless;  // whose queue has no room for it yet
+    bool failed = false;               // one of them went before all was taken
+    std::string cause;                 // why, if there was memory for the words
+
+    void Fail(const std::string& why) {
+        failed = true;
+        try {
+            cause = why;
+        } catch (const std::bad_alloc&) {
+            cause.clear();
+        }
+    }
+};
+
+// What stands behind KLVMsgSession. The mutex guards all of it but the types, which do not change once
+// the loop runs, and the options. It is never held while a message's own code runs, a system call
+// transfers, or somebody waits.
+//
+// Sources: KLVMsgSessionCore.cpp has connections and the end, KLVMsgSessionSending.cpp and
+// KLVMsgSessionReceiving.cpp the two directions.
+class KLVMsgSessionCore final : private KLVMsgLoop::Owner {
+public:
+    using Peer = KLVMsgSessionPeer;
+    using Lock = std::unique_lock<std::mutex>;
+    using Clock = KLVMsgTimeLimit::Clock;
+    using Time = Clock::time_point;
+    using Wanted = KLVMsgSession::Wanted;
+    using Message = std::unique_ptr<KLVMsgSocketMessage>;
+
+    explicit KLVMsgSessionCore(const KLVMsgSessionOptions& options);
+    ~KLVMsgSessionCore();
+    KLVMsgSessionCore(const KLVMsgSessionCore&) = delete;
+    KLVMsgSessionCore& operator=(const KLVMsgSessionCore&) = delete;
+
+    // The operations of KLVMsgSession.
+    KLVMsgOutcome Register(Message prototype, const std::type_info& type,
+                           const KLVMsgFramedMessage* framed);
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port);
+    KLVMsgOutcome StopServing(int port);
+    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label, Time limit);
+    KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
+                               Time limit);
+    KLVMsgOutcome Start();
+    KLVMsgOutcome Post(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
+                       const KLVMsgFramedMessage* framed);
+    KLVMsgOutcome Send(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
+                       const KLVMsgFramedMessage* framed, KLVMsgTimeLimit limit);
+    KLVMsgReceived<KLVMsgSocketMessage> ReceiveOne(const Wanted& wanted);
+    KLVMsgReceivedAll<KLVMsgSocketMessage> ReceiveMany(const Wanted& wanted);
+    int Descriptor();
+    KLVMsgOutcome SetLabel(KLVMsgPeer peer, const std::string& label);
+    std::vector<KLVMsgPeer> Peers(const KLVMsgPeers& meant);
+    KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
+    KLVMsgOutcome WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
+    KLVMsgEvent NextEvent(KLVMsgTimeLimit limit);
+    KLVMsgCounts Counts(const KLVMsgPeers& meant);
+    KLVMsgCounts Counts();
+    KLVMsgOutcome End(KLVMsgTimeLimit limit);
+
+    // Whether this process is a child of the one that made the session.
+    bool IsInChild() const;
+
+private:
+    struct Receiver {
+        KLVMsgWaiter waiter;
+        std::uint32_t type;
+        const KLVMsgPeers* from;
+    };
+    struct GoneWaiter {
+        KLVMsgWaiter waiter;
+        const KLVMsgPeers* meant;
+    };
+    // What a thread has received last, and may still answer.
+    struct Hand {
+        std::thread::id thread;
+        std::vector<KLVMsgPeer> peers;
+    };
+
+    static KLVMsgOutcome Late();
+    static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
+    KLVMsgOutcome Gone(const KLVMsgPeers& meant);
+    KLVMsgOutcome IsReady() const;
+
+    // Connections.
+    KLVMsgOutcome Adopt(KLVMsgDescriptor socket, const std::string& label,
+                        const std::string& address);
+    void TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std::string& text, int error);
+    void Forget(Peer& peer);
+    void EndAnswerless(Peer& peer);
+    void EndOneHalf();
+    void WakeEverybody();
+    static KLVMsgEvent Event(KLVMsgEvent::Kind kind, const Peer* peer);
+    void PushEvent(KLVMsgEvent event);
+    void TellLeftOut(const Peer& peer);
+
+    // Tells an event that `make` makes; one for which there is no memory counts as missed.
+    template <class Make>
+    void Tell(const Make& make) {
+        try {
+            PushEvent(make());
+        } catch (const std::bad_alloc&) {
+            m_events.Miss();
+        }
+    }
+    void UpdateReadable();
+    static void AddCounts(KLVMsgCounts& counts, Peer& peer);
+
+    // Sending.
+    KLVMsgOutcome WhyNot(const Peer& peer, const KLVMsgWireWriter& bytes) const;
+    bool HasRoom(const Peer& peer, std::size_t size) const;
+    void Append(Peer& peer, const KLVMsgWireWriter& bytes, KLVMsgDelivery* delivery);
+    void Deliver(Lock& lock, Peer& peer, const KLVMsgWireWriter& bytes, KLVMsgDelivery* delivery,
+                 bool isOnlyOne);
+    void UpdateCost(Peer& peer);
+    KLVMsgOutcome PostToMany(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes);
+    void RetryRoomless(Lock& lock, KLVMsgDelivery& delivery, const KLVMsgWireWriter& bytes);
+    void Withdraw(KLVMsgDelivery& delivery);
+    KLVMsgOutcome LeaveOut(const KLVMsgDelivery& delivery, bool isLabel);
+    void FailAwaited(Peer& peer, const std::string& cause);
+    void WakeRoomless();
+
+    // Receiving.
+    KLVMsgOutcome AwaitParcel(Lock& lock, std::uint32_t type, const Wanted& wanted,
+                              const KLVMsgParcel*& found);
+    const KLVMsgParcel* Find(std::uint32_t type, const KLVMsgPeers* from);
+    KLVMsgParcel::Owner TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from);
+    Message Open(KLVMsgParcel::Owner parcel, KLVMsgPeer from);
+    void Refuse(KLVMsgPeer from, const std::string& cause);
+    bool MayCome(const KLVMsgPeers* from);
+    void WakeReceivers(std::uint32_t type);
+    void WakeThoseWithoutHope();
+    void WakeThoseWhoseInboxIsFull();
+    void LimitReading(Peer& peer);
+    bool IsAwaited(const Peer& peer) const;
+    bool LetRead(const KLVMsgPeers* from);
+    void ReleaseHand();
+    void ReleaseHand(Hand& hand);
+    void TakeInHand(Peer& peer);
+
+    // KLVMsgLoop::Owner
+    void OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals) override;
+    void OnInputEnded(KLVMsgLoop::Link& link) override;
+    void OnTook(KLVMsgLoop::Link& link) override;
+    void OnStalls(KLVMsgLoop::Link& link) override;
+    void OnOver(KLVMsgLoop::Link& link) override;
+    void OnAccepted(KLVMsgDescriptor socket, const std::string& address) override;
+    void OnListenerFailed(const KLVMsgLoop::Listener& listener, int error) override;
+
+    const KLVMsgModuleUse m_module;
+    const KLVMsgSessionOptions m_options;
+    const pid_t m_process;
+    KLVMsgMessageTypes m_types;
+    KLVMsgOutcome m_ready;  // why nothing works, if nothing does
+    KLVMsgDescriptor m_endSignal;
+
+    std::mutex m_mutex;
+    KLVMsgPeerBook m_book;
+    KLVMsgInbox m_inbox;
+    KLVMsgEventQueue m_events;
+    std::size_t m_live = 0;        // connections that are not over
+    std::size_t m_half = 0;        // of them, those that may still get an answer
+    std::size_t m_queuedCost = 0;  // of all outputs
+    std::size_t m_paused = 0;      // peers that are not read
+    KLVMsgCounts m_past;           // of connections that are over
+    Time m_lastOwnWrite{};         // when a caller last wrote by himself
+    std::vector<Hand> m_hands;
+    bool m_isStarted = false;
+    bool m_isEnding = false;
+    bool m_isEnded = false;
+    KLVMsgDescriptor m_readable;
+    bool m_isReadable = false;
+
+    std::vector<std::list<Receiver*>> m_receivers;  // by type
+    std::list<KLVMsgDelivery*> m_roomless;
+    std::list<GoneWaiter*> m_goneWaiters;
+    std::list<KLVMsgWaiter*> m_eventWaiters;
+    std::list<KLVMsgWaiter*> m_endWaiters;  // ConnectAgain's pauses, and End
+
+    KLVMsgLoop m_loop;  // ends before what it tells
+};

@@ -1,0 +1,405 @@
+// What a session receives. The loop puts what has come into the inbox; framed bodies become messages on
+// the thread that asks for them, without the mutex.
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "KLVMsgSessionCore.h"
+
+namespace {
+
+// How far above its limit the inbox goes while somebody waits for what is not in it.
+constexpr std::size_t kStretch = 4;
+
+// How long a peer that has ended its output is kept for an answer that nobody gives.
+constexpr std::chrono::seconds kAnswerTime(30);
+
+constexpr std::size_t kMostHands = 1000;
+
+KLVMsgOutcome NotRegistered() {
+    return {KLVMsgOutcome::kFailed, EINVAL, "no prototype of this class was registered"};
+}
+
+KLVMsgOutcome InboxIsFull() {
+    return {KLVMsgOutcome::kFull, ENOBUFS,
+            "what nobody asks for has filled the inbox before such a message came"};
+}
+
+}  // namespace
+
+// The application's side ---------------------------------------------------------------------------
+
+KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& wanted) {
+    KLVMsgReceived<KLVMsgSocketMessage> received;
+    KLVMsgOutcome& outcome = received;
+    const std::uint32_t type = m_types.OfClass(wanted.type);
+    if (type == KLVMsgMessageTypes::kNone) {
+        outcome = NotRegistered();
+        return received;
+    }
+    while (outcome && received.message == nullptr) {
+        KLVMsgParcel::Owner parcel;
+        {
+            Lock lock(m_mutex);
+            ReleaseHand();
+            const KLVMsgParcel* found = nullptr;
+            outcome = AwaitParcel(lock, type, wanted, found);
+            if (outcome) {
+                parcel = TakeOut(found, received.peer);
+            }
+        }
+        if (outcome) {
+            received.message = Open(std::move(parcel), received.peer);
+        }
+    }
+    return received;
+}
+
+KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Wanted& wanted) {
+    KLVMsgReceivedAll<KLVMsgSocketMessage> received;
+    KLVMsgOutcome& outcome = received;
+    const std::uint32_t type = m_types.OfClass(wanted.type);
+    if (type == KLVMsgMessageTypes::kNone) {
+        outcome = NotRegistered();
+        return received;
+    }
+    std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>> parcels;
+    while (outcome && received.messages.empty()) {
+        parcels.clear();
+        {
+            Lock lock(m_mutex);
+            ReleaseHand();
+            const KLVMsgParcel* found = nullptr;
+            outcome = AwaitParcel(lock, type, wanted, found);
+            for (; outcome && found != nullptr; found = Find(type, wanted.from)) {
+                parcels.emplace_back();
+                parcels.back().first = TakeOut(found, parcels.back().second);
+            }
+        }
+        for (auto& [parcel, peer] : parcels) {
+            if (Message message = Open(std::move(parcel), peer); message != nullptr) {
+                received.messages.push_back({std::move(message), peer});
+            }
+        }
+    }
+    return received;
+}
+
+// Waits until there is one, or none can come.
+KLVMsgOutcome KLVMsgSessionCore::AwaitParcel(Lock& lock, std::uint32_t type, const Wanted& wanted,
+                                             const KLVMsgParcel*& found) {
+    if (m_isEnding) {
+        return Ended(KLVMsgOutcome::kPeerGone);
+    }
+    found = Find(type, wanted.from);
+    if (found != nullptr) {
+        return {};
+    }
+    const Time deadline = wanted.limit.Deadline();
+    Receiver receiver{{}, type, wanted.from};
+    const KLVMsgEntry<Receiver> entry(m_receivers[type], receiver);
+    KLVMsgOutcome outcome;
+    for (bool inTime = true; outcome && found == nullptr;) {
+        if (m_isEnding) {
+            outcome = Ended(KLVMsgOutcome::kPeerGone);
+        } else if (!MayCome(wanted.from)) {
+            outcome = Gone(wanted.from == nullptr ? KLVMsgPeers::All() : *wanted.from);
+        } else if (!inTime) {
+            outcome = Late();
+        } else if (!LetRead(wanted.from)) {
+            outcome = InboxIsFull();
+        } else {
+            inTime = receiver.waiter.Wait(lock, deadline);
+            found = m_isEnding ? nullptr : Find(type, wanted.from);
+        }
+    }
+    return outcome;
+}
+
+// The oldest that fits.
+const KLVMsgParcel* KLVMsgSessionCore::Find(std::uint32_t type, const KLVMsgPeers* from) {
+    if (m_inbox.Count(type) == 0) {
+        return nullptr;
+    }
+    if (from == nullptr || from->HowMeant() == KLVMsgPeers::kAll) {
+        return m_inbox.Oldest(type);
+    }
+    if (from->HowMeant() == KLVMsgPeers::kOne) {
+        const Peer* const peer = m_book.Find(from->One());
+        return peer == nullptr ? nullptr : KLVMsgInbox::Oldest(type, peer->sent);
+    }
+    const KLVMsgParcel* oldest = nullptr;
+    m_book.ForMeant(*from, [&](const Peer& peer) {
+        const KLVMsgParcel* const one = KLVMsgInbox::Oldest(type, peer.sent);
+        oldest = one != nullptr && (oldest == nullptr || one->order < oldest->order) ? one : oldest;
+    });
+    return oldest;
+}
+
+KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from) {
+    const std::size_t cost = parcel->Cost();
+    KLVMsgParcel::Owner taken = m_inbox.Take(parcel);
+    Peer& peer = *static_cast<Peer*>(static_cast<KLVMsgInbox::Sender*>(taken->sender)->owner);
+    from = peer.peer;
+    TakeInHand(peer);
+    LimitReading(peer);
+    // Those who were stopped for the sake of all go on when half of all is gone.
+    const std::size_t half = m_options.inboxLimitOfAll / 2;
+    if (m_paused != 0 && m_inbox.Cost() <= half && m_inbox.Cost() + cost > half) {
+        m_book.ForEach([this](Peer& one) { LimitReading(one); });
+    }
+    if (peer.link == nullptr && peer.sent.count == 0) {
+        Forget(peer);
+    }
+    UpdateReadable();
+    return taken;
+}
+
+// The message of a parcel; null when its class refuses it, which ends the connection.
+KLVMsgSessionCore::Message KLVMsgSessionCore::Open(KLVMsgParcel::Owner parcel, KLVMsgPeer from) {
+    if (parcel->object != nullptr) {
+        return Message(std::exchange(parcel->object, nullptr));
+    }
+    const KLVMsgMessageTypes::Type& type = m_types[parcel->type];
+    std::string cause = "Decode has refused a body of " + type.name;
+    try {
+        Message message(type.prototype->NewInstance());
+        auto* const framed = static_cast<KLVMsgFramedMessage*>(message.get());
+        if (framed != nullptr && framed->Decode(parcel->Body())) {
+            framed->whole = true;
+            return message;
+        }
+    } catch (const std::exception& error) {
+        cause = "decoding " + type.name + " failed: " + error.what();
+    } catch (...) {
+        cause = "decoding " + type.name + " failed";
+    }
+    Refuse(from, cause);
+    return nullptr;
+}
+
+void KLVMsgSessionCore::Refuse(KLVMsgPeer from, const std::string& cause) {
+    const Lock lock(m_mutex);
+    Peer* const peer = m_book.Find(from);
+    if (peer != nullptr && peer->link != nullptr) {
+        const KLVMsgLoop::LinkPtr link = peer->link;
+        link->connection.End(KLVMsgEvent::kRefusedBody, cause);
+        TellGone(*peer, KLVMsgEvent::kRefusedBody, cause, 0);
+        m_loop.Touch(*link);
+    }
+}
+
+bool KLVMsgSessionCore::MayCome(const KLVMsgPeers* from) {
+    if (from == nullptr || from->HowMeant() == KLVMsgPeers::kAll) {
+        return m_book.IsAnyThere(KLVMsgPeers::All()) || m_loop.HasListeners();
+    }
+    return m_book.IsAnyThere(*from);
+}
+
+// As many as there are messages for.
+void KLVMsgSessionCore::WakeReceivers(std::uint32_t type) {
+    std::size_t left = m_inbox.Count(type);
+    for (auto one = m_receivers[type].begin(); one != m_receivers[type].end() && left != 0; ++one) {
+        if (Find(type, (*one)->from) != nullptr) {
+            (*one)->waiter.Wake();
+            --left;
+        }
+    }
+}
+
+// Those for whom no message can come any more.
+void KLVMsgSessionCore::WakeThoseWithoutHope() {
+    for (const auto& receivers : m_receivers) {
+        for (Receiver* const one : receivers) {
+            if (!MayCome(one->from)) {
+                one->waiter.Wake();
+            }
+        }
+    }
+}
+
+// Limits -------------------------------------------------------------------------------------------
+
+// They are told that nothing more is read for them.
+void KLVMsgSessionCore::WakeThoseWhoseInboxIsFull() {
+    for (const auto& receivers : m_receivers) {
+        for (Receiver* const one : receivers) {
+            if (!LetRead(one->from)) {
+                one->waiter.Wake();
+            }
+        }
+    }
+}
+
+// Whether somebody waits for what this peer may still send.
+bool KLVMsgSessionCore::IsAwaited(const Peer& peer) const {
+    for (const auto& receivers : m_receivers) {
+        for (const Receiver* const one : receivers) {
+            if (one->from == nullptr || one->from->Include(peer.peer, peer.label)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// Stops reading from a peer whose messages fill the inbox, and goes on when half of them are gone.
+void KLVMsgSessionCore::LimitReading(Peer& peer) {
+    if (peer.link == nullptr) {
+        return;
+    }
+    const std::size_t own = peer.sent.cost;
+    const std::size_t all = m_inbox.Cost();
+    const bool isFull =
+        peer.sent.count != 0 && (own >= m_options.inboxLimit || all >= m_options.inboxLimitOfAll);
+    const bool isHalf = own > m_options.inboxLimit / 2 || all > m_options.inboxLimitOfAll / 2;
+    bool pauses = isFull || (peer.isReadingPaused && isHalf && peer.sent.count != 0);
+    if (pauses && own / kStretch < m_options.inboxLimit &&
+        all / kStretch < m_options.inboxLimitOfAll && IsAwaited(peer)) {
+        pauses = false;
+    }
+    if (pauses != peer.isReadingPaused) {
+        peer.isReadingPaused = pauses;
+        pauses ? ++m_paused : --m_paused;
+        peer.link->connection.AllowReading(Clock::now(), !pauses);
+        m_loop.Touch(*peer.link);
+    }
+}
+
+// Lets those be read who may send what is waited for. False when all of them have filled the inbox
+// beyond measure.
+bool KLVMsgSessionCore::LetRead(const KLVMsgPeers* from) {
+    if (m_paused == 0) {
+        return true;
+    }
+    bool isAnyRead = false;
+    bool isAnyThere = false;
+    m_book.ForMeant(from == nullptr ? KLVMsgPeers::All() : *from, [&](Peer& peer) {
+        if (peer.IsThere()) {
+            LimitReading(peer);
+            isAnyThere = true;
+            isAnyRead = isAnyRead || !peer.isReadingPaused;
+        }
+    });
+    return isAnyRead || !isAnyThere;
+}
+
+// Answers to those who have ended their output --------------------------------------------------------
+
+// The thread has asked for the next message: it answers the last ones no more.
+void KLVMsgSessionCore::ReleaseHand() {
+    const auto is = [me = std::this_thread::get_id()](const Hand& hand) {
+        return hand.thread == me;
+    };
+    const auto hand = std::find_if(m_hands.begin(), m_hands.end(), is);
+    if (hand != m_hands.end()) {
+        ReleaseHand(*hand);
+    }
+}
+
+void KLVMsgSessionCore::ReleaseHand(Hand& hand) {
+    for (const KLVMsgPeer one : hand.peers) {
+        Peer* const peer = m_book.Find(one);
+        if (peer != nullptr && --peer->inHand == 0 && peer->isHalf) {
+            EndAnswerless(*peer);
+        }
+    }
+    hand.peers.clear();
+}
+
+void KLVMsgSessionCore::TakeInHand(Peer& peer) {
+    const auto me = std::this_thread::get_id();
+    const auto is = [me](const Hand& hand) { return hand.thread == me; };
+    auto hand = std::find_if(m_hands.begin(), m_hands.end(), is);
+    if (hand == m_hands.end()) {
+        // Threads that have ended are not told apart: the one that has been quiet longest is let go.
+        if (m_hands.size() == kMostHands) {
+            ReleaseHand(m_hands.front());
+            m_hands.erase(m_hands.begin());
+        }
+        m_hands.push_back({me, {}});
+        hand = m_hands.end() - 1;
+    }
+    if (hand->peers.empty() || hand->peers.back() != peer.peer) {
+        hand->peers.push_back(peer.peer);
+        ++peer.inHand;
+    }
+}
+
+// Its output has ended, and nobody has anything of it that might be answered.
+void KLVMsgSessionCore::EndAnswerless(Peer& peer) {
+    if (peer.link != nullptr && peer.sent.count == 0 && peer.inHand == 0) {
+        peer.link->connection.EndOutput(false);
+        m_loop.Touch(*peer.link);
+    }
+}
+
+// Makes room by giving up the oldest one that waits for an answer.
+void KLVMsgSessionCore::EndOneHalf() {
+    Peer* oldest = nullptr;
+    m_book.ForEach([&](Peer& peer) {
+        if (peer.isHalf && peer.link != nullptr &&
+            (oldest == nullptr || peer.peer < oldest->peer)) {
+            oldest = &peer;
+        }
+    });
+    if (oldest != nullptr) {
+        oldest->link->connection.End(KLVMsgEvent::kClosed, "the peer has closed");
+        m_loop.Touch(*oldest->link);
+    }
+}
+
+// The loop's side ------------------------------------------------------------------------------------
+
+void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals) {
+    if (link.client == nullptr || m_isEnding) {
+        return;
+    }
+    Peer& peer = *static_cast<Peer*>(link.client);
+    try {
+        std::uint32_t type = KLVMsgMessageTypes::kNone;
+        for (KLVMsgParcel::Owner& parcel : arrivals.messages) {
+            if (type != KLVMsgMessageTypes::kNone && type != parcel->type) {
+                WakeReceivers(type);
+            }
+            type = parcel->type;
+            m_inbox.Push(peer.sent, std::move(parcel));
+            ++peer.messagesReceived;
+        }
+        if (type != KLVMsgMessageTypes::kNone) {
+            WakeReceivers(type);
+        }
+        for (const std::string& name : arrivals.unknown) {
+            Tell([&] {
+                KLVMsgEvent event = Event(KLVMsgEvent::kUnknownType, &peer);
+                event.type = name;
+                event.what = "a message of the unknown type " + name + " was passed over";
+                return event;
+            });
+        }
+    } catch (const std::bad_alloc&) {
+        link.connection.End(KLVMsgEvent::kNoMemory, "there was no memory for what came");
+    }
+    LimitReading(peer);
+    if (peer.isReadingPaused) {
+        WakeThoseWhoseInboxIsFull();
+    }
+    UpdateReadable();
+}
+
+void KLVMsgSessionCore::OnInputEnded(KLVMsgLoop::Link& link) {
+    if (link.client == nullptr) {
+        return;
+    }
+    Peer& peer = *static_cast<Peer*>(link.client);
+    TellGone(peer, link.connection.WhyOver(), link.connection.Text(), link.connection.Error());
+    if (peer.sent.count == 0 && peer.inHand == 0) {
+        link.connection.EndOutput(false);
+        return;
+    }
+    peer.isHalf = true;
+    link.connection.AwaitAnswer(Clock::now() + kAnswerTime);
+}

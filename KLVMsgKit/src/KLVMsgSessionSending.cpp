@@ -1,0 +1,311 @@
+// What a session sends. Messages become bytes on the caller's thread and without the mutex; the bytes
+// are then appended to the output of each connection.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "KLVMsgSessionCore.h"
+
+namespace {
+
+// A caller writes by himself if the last such write is longer ago than this: it halves the round trip,
+// and with messages that follow each other closer than that, gathering them is what counts.
+constexpr std::chrono::microseconds kQuiet(10);
+
+// A header of this size fits into every segment.
+constexpr std::size_t kSmallName = 32;
+
+KLVMsgOutcome NoRoom() { return {KLVMsgOutcome::kFull, ENOBUFS, "there is no room in the queue"}; }
+
+KLVMsgOutcome NoMemory() {
+    return {KLVMsgOutcome::kFailed, ENOMEM, "no memory for the message's bytes"};
+}
+
+}  // namespace
+
+KLVMsgOutcome KLVMsgSessionCore::Post(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
+                                      const KLVMsgFramedMessage* framed) {
+    KLVMsgWireWriter bytes;
+    KLVMsgOutcome outcome = bytes.Write(message, framed, m_options.largestBody);
+    if (!outcome) {
+        return outcome;
+    }
+    Lock lock(m_mutex);
+    if (m_isEnding) {
+        return Ended(KLVMsgOutcome::kPeerGone);
+    }
+    try {
+        if (to.HowMeant() != KLVMsgPeers::kOne) {
+            return PostToMany(lock, to, bytes);
+        }
+        Peer* const peer = m_book.Find(to.One());
+        if (peer == nullptr || !peer->Takes()) {
+            return Gone(to);
+        }
+        outcome = WhyNot(*peer, bytes);
+        if (outcome && !HasRoom(*peer, bytes.Size())) {
+            outcome = NoRoom();
+        }
+        if (outcome) {
+            Deliver(lock, *peer, bytes, nullptr, true);
+        }
+    } catch (const std::bad_alloc&) {
+        outcome = NoMemory();
+    }
+    return outcome;
+}
+
+KLVMsgOutcome KLVMsgSessionCore::PostToMany(Lock& lock, const KLVMsgPeers& to,
+                                            const KLVMsgWireWriter& bytes) {
+    std::vector<Peer*> meant;
+    m_book.Find(to, meant);
+    const auto takes = [](const Peer* peer) { return peer->IsThere() && peer->Takes(); };
+    meant.erase(
+        std::remove_if(meant.begin(), meant.end(), [&](Peer* peer) { return !takes(peer); }),
+        meant.end());
+    if (meant.empty()) {
+        return Gone(to);
+    }
+    KLVMsgOutcome outcome;
+    for (Peer* const peer : meant) {
+        KLVMsgOutcome one = WhyNot(*peer, bytes);
+        if (one && !HasRoom(*peer, bytes.Size())) {
+            TellLeftOut(*peer);
+            one = NoRoom();
+        }
+        if (one) {
+            Deliver(lock, *peer, bytes, nullptr, meant.size() == 1);
+        } else {
+            outcome = std::move(one);
+        }
+    }
+    return outcome;
+}
+
+KLVMsgOutcome KLVMsgSessionCore::Send(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
+                                      const KLVMsgFramedMessage* framed, KLVMsgTimeLimit limit) {
+    const Time deadline = limit.Deadline();
+    KLVMsgWireWriter bytes;
+    KLVMsgOutcome outcome = bytes.Write(message, framed, m_options.largestBody);
+    if (!outcome) {
+        return outcome;
+    }
+    KLVMsgDelivery delivery;
+    delivery.size = bytes.Size();
+    Lock lock(m_mutex);
+    if (m_isEnding) {
+        return Ended(KLVMsgOutcome::kPeerGone);
+    }
+    std::vector<Peer*> meant;
+    m_book.Find(to, meant);
+    const bool isOne = to.HowMeant() == KLVMsgPeers::kOne;
+    for (const Peer* const peer : meant) {
+        if (peer->Takes() && (isOne || peer->IsThere())) {
+            outcome = WhyNot(*peer, bytes);
+            if (!outcome) {
+                return outcome;
+            }
+            delivery.roomless.push_back(peer->peer);
+        }
+    }
+    if (delivery.roomless.empty()) {
+        return Gone(to);
+    }
+    const KLVMsgEntry<KLVMsgDelivery> entry(m_roomless, delivery);
+    try {
+        RetryRoomless(lock, delivery, bytes);
+        while (delivery.left != 0 || !delivery.roomless.empty()) {
+            if (!delivery.waiter.Wait(lock, deadline)) {
+                break;
+            }
+            RetryRoomless(lock, delivery, bytes);
+        }
+    } catch (...) {
+        Withdraw(delivery);
+        throw;
+    }
+    if (delivery.left != 0) {
+        Withdraw(delivery);
+        outcome = Late();
+    }
+    if (!delivery.roomless.empty()) {
+        return LeaveOut(delivery, !isOne);
+    }
+    if (delivery.failed) {
+        return {KLVMsgOutcome::kPeerGone, m_isEnded ? ESHUTDOWN : ENOTCONN, delivery.cause};
+    }
+    return outcome;
+}
+
+// Queues the message for those who have room by now.
+void KLVMsgSessionCore::RetryRoomless(Lock& lock, KLVMsgDelivery& delivery,
+                                      const KLVMsgWireWriter& bytes) {
+    const bool isOnlyOne = delivery.roomless.size() == 1 && delivery.left == 0;
+    for (std::size_t i = 0; i < delivery.roomless.size();) {
+        Peer* const peer = m_book.Find(delivery.roomless[i]);
+        const bool isThere = peer != nullptr && peer->Takes();
+        if (isThere && !HasRoom(*peer, delivery.size)) {
+            ++i;
+            continue;
+        }
+        if (!isThere) {
+            delivery.Fail(m_book.WhyGone(delivery.roomless[i]));
+        }
+        delivery.roomless.erase(delivery.roomless.begin() + static_cast<std::ptrdiff_t>(i));
+        if (isThere) {
+            Deliver(lock, *peer, bytes, &delivery, isOnlyOne);
+        }
+    }
+}
+
+// Takes back what was not begun; what was may still arrive.
+void KLVMsgSessionCore::Withdraw(KLVMsgDelivery& delivery) {
+    m_book.ForEach([&](Peer& peer) {
+        const auto is = [&](const Peer::Awaited& one) { return one.delivery == &delivery; };
+        const auto found = std::find_if(peer.awaited.begin(), peer.awaited.end(), is);
+        if (found == peer.awaited.end()) {
+            return;
+        }
+        const Peer::Awaited one = *found;
+        auto later = peer.awaited.erase(found);
+        if (peer.link != nullptr && peer.link->connection.output.CutOut(one.begin, one.end)) {
+            for (; later != peer.awaited.end(); ++later) {
+                later->begin -= one.end - one.begin;
+                later->end -= one.end - one.begin;
+            }
+            UpdateCost(peer);
+            m_loop.Touch(*peer.link);
+        }
+    });
+    delivery.left = 0;
+}
+
+void KLVMsgSessionCore::TellLeftOut(const Peer& peer) {
+    Tell([&] {
+        KLVMsgEvent event = Event(KLVMsgEvent::kLeftOut, &peer);
+        event.what = peer.address + ": a message had no room in the queue";
+        return event;
+    });
+}
+
+KLVMsgOutcome KLVMsgSessionCore::LeaveOut(const KLVMsgDelivery& delivery, bool isLabel) {
+    for (const KLVMsgPeer peer : delivery.roomless) {
+        const Peer* const one = m_book.Find(peer);
+        if (isLabel && one != nullptr) {
+            TellLeftOut(*one);
+        }
+    }
+    return NoRoom();
+}
+
+// Why this connection does not take this message, room aside.
+KLVMsgOutcome KLVMsgSessionCore::WhyNot(const Peer& peer, const KLVMsgWireWriter& bytes) const {
+    if (!m_options.wholeHeaders || bytes.NameSize() <= kSmallName) {
+        return {};
+    }
+    const std::size_t segment = peer.link->transport->Segment();
+    if (segment != 0 && bytes.NameSize() + 4 > segment) {
+        return {KLVMsgOutcome::kFailed, EMSGSIZE,
+                "the type's name does not fit into a segment of " + std::to_string(segment) +
+                    " bytes, so that receivers without a session would miss it"};
+    }
+    return {};
+}
+
+bool KLVMsgSessionCore::HasRoom(const Peer& peer, std::size_t size) const {
+    const KLVMsgOutput& output = peer.link->connection.output;
+    const std::size_t cost = size + KLVMsgOutput::kPerMessage;
+    return output.IsEmpty() || (output.Cost() + cost <= m_options.queueLimit &&
+                                m_queuedCost + cost <= m_options.queueLimitOfAll);
+}
+
+// Queues it, and writes it at once where that is worth while.
+void KLVMsgSessionCore::Deliver(Lock& lock, Peer& peer, const KLVMsgWireWriter& bytes,
+                                KLVMsgDelivery* delivery, bool isOnlyOne) {
+    const bool isAlone =
+        isOnlyOne && m_isStarted && peer.link->connection.output.IsEmpty() && !peer.link->isWriting;
+    Append(peer, bytes, delivery);
+    Time now{};
+    if (isAlone && (now = Clock::now()) - m_lastOwnWrite > kQuiet) {
+        const KLVMsgLoop::LinkPtr link = peer.link;  // the peer may go meanwhile
+        m_loop.WriteNow(lock, link, now);
+        m_lastOwnWrite = Clock::now();
+    } else if (!peer.link->connection.IsFull()) {
+        m_loop.Touch(*peer.link);
+    }
+}
+
+void KLVMsgSessionCore::Append(Peer& peer, const KLVMsgWireWriter& bytes,
+                               KLVMsgDelivery* delivery) {
+    KLVMsgOutput& output = peer.link->connection.output;
+    const KLVMsgOutput::Position begin = output.Appended();
+    if (delivery != nullptr) {
+        peer.awaited.push_back({begin, begin + bytes.Size(), delivery});
+    }
+    try {
+        output.Append(bytes.Head(), bytes.Body(), bytes.Shared());
+    } catch (...) {
+        if (delivery != nullptr) {
+            peer.awaited.pop_back();
+        }
+        throw;
+    }
+    if (delivery != nullptr) {
+        ++delivery->left;
+    }
+    UpdateCost(peer);
+}
+
+void KLVMsgSessionCore::UpdateCost(Peer& peer) {
+    const std::size_t cost = peer.link == nullptr ? 0 : peer.link->connection.output.Cost();
+    m_queuedCost = m_queuedCost - peer.cost + cost;
+    peer.cost = cost;
+}
+
+void KLVMsgSessionCore::OnTook(KLVMsgLoop::Link& link) {
+    if (link.client == nullptr) {
+        return;
+    }
+    Peer& peer = *static_cast<Peer*>(link.client);
+    const KLVMsgOutput& output = link.connection.output;
+    while (!peer.awaited.empty() && peer.awaited.front().end <= output.Taken()) {
+        KLVMsgDelivery& delivery = *peer.awaited.front().delivery;
+        peer.awaited.pop_front();
+        if (--delivery.left == 0) {
+            delivery.waiter.Wake();
+        }
+    }
+    if (!link.connection.Takes() && output.IsEmpty() && !peer.awaited.empty()) {
+        FailAwaited(peer, link.connection.Text());
+    }
+    UpdateCost(peer);
+    WakeRoomless();
+}
+
+// They will not be taken any more.
+void KLVMsgSessionCore::FailAwaited(Peer& peer, const std::string& cause) {
+    for (const Peer::Awaited& one : peer.awaited) {
+        one.delivery->Fail(cause);
+        if (--one.delivery->left == 0) {
+            one.delivery->waiter.Wake();
+        }
+    }
+    peer.awaited.clear();
+}
+
+// Wakes those whose messages have room by now, or never will.
+void KLVMsgSessionCore::WakeRoomless() {
+    for (KLVMsgDelivery* const delivery : m_roomless) {
+        const bool isReady =
+            std::any_of(delivery->roomless.begin(), delivery->roomless.end(), [&](KLVMsgPeer one) {
+                const Peer* const peer = m_book.Find(one);
+                return peer == nullptr || !peer->Takes() || HasRoom(*peer, delivery->size);
+            });
+        if (isReady && !delivery->waiter.IsWoken()) {
+            delivery->waiter.Wake();
+        }
+    }
+}

@@ -1,0 +1,267 @@
+#include "KLVMsgWireReader.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <utility>
+
+namespace {
+
+constexpr std::size_t kFirstRoom = std::size_t{64} << 10;  // of a body; more only as bytes come
+
+std::uint32_t LengthAt(std::string_view bytes) {
+    std::uint32_t length = 0;
+    std::memcpy(&length, bytes.data(), sizeof length);
+    return length;
+}
+
+// A name of a peer's own making, for people to read.
+std::string Printable(std::string_view name) {
+    std::string text(name.substr(0, 256));
+    for (char& character : text) {
+        character = character >= ' ' && character <= '~' ? character : '?';
+    }
+    return text;
+}
+
+}  // namespace
+
+void KLVMsgWireReader::MakeRoom(Buffer& buffer, Space (&spaces)[2]) {
+    spaces[0] = {};
+    if (m_parcel != nullptr) {
+        GrowParcel();
+        spaces[0] = {m_parcel->Bytes() + m_parcel->size, m_room - m_parcel->size};
+        // The rest of a long body goes straight to its place; behind a short one more is read at once.
+        const bool ends = m_room == m_length && spaces[0].size < kFirstRoom;
+        spaces[1] = {buffer.Data(), ends ? Buffer::kSize : 0};
+        return;
+    }
+    const std::size_t kept = m_kept.size();
+    const bool isLong = kept > Buffer::kSize / 2;
+    if (!isLong) {
+        std::copy(m_kept.begin(), m_kept.end(), buffer.Data());
+    }
+    const std::size_t before = isLong ? 0 : kept;
+    spaces[1] = {buffer.Data() + before, Buffer::kSize - before};
+}
+
+void KLVMsgWireReader::Came(Buffer& buffer, std::size_t count, Arrivals& arrivals) {
+    if (m_fault != KLVMsgEvent::kNoCause) {
+        return;
+    }
+    const bool isLong = m_kept.size() > Buffer::kSize / 2;
+    try {
+        std::string_view bytes;
+        if (m_parcel != nullptr) {
+            const std::size_t direct = std::min(count, m_room - m_parcel->size);
+            m_parcel->size += direct;
+            bytes = {buffer.Data(), count - direct};
+        } else if (isLong) {
+            m_kept.append(buffer.Data(), count);
+            bytes = m_kept;
+        } else {
+            bytes = {buffer.Data(), m_kept.size() + count};
+        }
+        while (Next(bytes, arrivals)) {
+        }
+        Keep(bytes, isLong);
+    } catch (const std::bad_alloc&) {
+        m_fault = KLVMsgEvent::kNoMemory;
+        m_faultText.clear();
+    }
+}
+
+bool KLVMsgWireReader::Next(std::string_view& bytes, Arrivals& arrivals) {
+    switch (m_step) {
+        case kName:
+            return ReadName(bytes, arrivals);
+        case kFrameLength:
+            return ReadFrameLength(bytes);
+        case kFrame:
+            return ReadFrame(bytes, arrivals);
+        case kBare:
+            return ReadBare(bytes, arrivals);
+        case kPassOver:
+            return PassOver(bytes);
+    }
+    return false;
+}
+
+bool KLVMsgWireReader::ReadName(std::string_view& bytes, Arrivals& arrivals) {
+    if (bytes.size() < kLength) {
+        return false;
+    }
+    const std::size_t length = LengthAt(bytes);
+    if (length > kLongestName) {
+        Fail(KLVMsgEvent::kUnknownLength,
+             "a length of " + std::to_string(length) + " that no type name has");
+        return false;
+    }
+    if (bytes.size() < kLength + length) {
+        return false;
+    }
+    const std::string_view name = bytes.substr(kLength, length);
+    bytes.remove_prefix(kLength + length);
+    // A length of zero names nothing; the next one may.
+    if (length != 0) {
+        const std::uint32_t type = TypeOf(name);
+        if (type == KLVMsgMessageTypes::kNone) {
+            NoteUnknown(name, arrivals);
+            m_step = kPassOver;
+        } else {
+            Named(type, kLength + length);
+        }
+    }
+    return true;
+}
+
+// One connection mostly carries one type: the last one is tried first.
+std::uint32_t KLVMsgWireReader::TypeOf(std::string_view name) {
+    if (m_type < m_types.Size() && m_types[m_type].name == name) {
+        return m_type;
+    }
+    // Receivers take a name for a text, which ends at a zero byte.
+    return m_types.OfName(name.substr(0, name.find('\0')));
+}
+
+void KLVMsgWireReader::Named(std::uint32_t type, std::size_t headerSize) {
+    m_type = type;
+    m_headerSize = headerSize;
+    m_step = m_types[type].framed ? kFrameLength : kBare;
+    m_bare.Begin();
+}
+
+void KLVMsgWireReader::NoteUnknown(std::string_view name, Arrivals& arrivals) {
+    std::string text = Printable(name);
+    if (m_unknown.size() < kMostUnknown && m_unknown.insert(text).second) {
+        arrivals.unknown.push_back(std::move(text));
+    }
+}
+
+bool KLVMsgWireReader::ReadFrameLength(std::string_view& bytes) {
+    if (bytes.size() < kLength) {
+        return false;
+    }
+    m_length = LengthAt(bytes);
+    const std::size_t largest = std::min(m_types[m_type].largestBody, m_largestBody);
+    if (m_length > largest) {
+        Fail(KLVMsgEvent::kRefusedBody, "a body of " + std::to_string(m_length) + " bytes for " +
+                                            m_types[m_type].name + ", of which " +
+                                            std::to_string(largest) + " are taken");
+        return false;
+    }
+    bytes.remove_prefix(kLength);
+    m_room = std::min(m_length, std::max(kFirstRoom, std::min(m_length, bytes.size())));
+    m_parcel = KLVMsgParcel::New(m_room);
+    m_step = kFrame;
+    return true;
+}
+
+bool KLVMsgWireReader::ReadFrame(std::string_view& bytes, Arrivals& arrivals) {
+    while (m_parcel->size < m_length && !bytes.empty()) {
+        GrowParcel();
+        const std::size_t count = std::min(bytes.size(), m_room - m_parcel->size);
+        std::memcpy(m_parcel->Bytes() + m_parcel->size, bytes.data(), count);
+        m_parcel->size += count;
+        bytes.remove_prefix(count);
+    }
+    if (m_parcel->size < m_length) {
+        return false;
+    }
+    m_parcel->type = m_type;
+    m_parcel->wireSize = static_cast<std::uint32_t>(m_headerSize + kLength + m_length);
+    arrivals.messages.push_back(std::move(m_parcel));
+    m_step = kName;
+    return true;
+}
+
+// A length is only a promise: room is made as the bytes come, twice as much each time.
+void KLVMsgWireReader::GrowParcel() {
+    if (m_parcel->size == m_room && m_room < m_length) {
+        const std::size_t room = std::min(m_length, 2 * m_room);
+        KLVMsgParcel::Resize(m_parcel, room);
+        m_room = room;
+    }
+}
+
+bool KLVMsgWireReader::ReadBare(std::string_view& bytes, Arrivals& arrivals) {
+    if (!m_bare.IsWorthWhile(bytes.size()) && bytes.size() <= m_largestBareBody) {
+        return false;
+    }
+    std::unique_ptr<KLVMsgSocketMessage> message;
+    std::size_t taken = 0;
+    const std::string& name = m_types[m_type].name;
+    try {
+        const std::string_view allowed = bytes.substr(0, m_largestBareBody);
+        message = m_bare.Try(*m_types[m_type].prototype, allowed, taken);
+    } catch (const std::exception& error) {
+        Fail(KLVMsgEvent::kRefusedBody, "reading " + name + " failed: " + error.what());
+        return false;
+    } catch (...) {
+        Fail(KLVMsgEvent::kRefusedBody, "reading " + name + " failed");
+        return false;
+    }
+    if (message == nullptr) {
+        if (bytes.size() > m_largestBareBody) {
+            Fail(KLVMsgEvent::kRefusedBody,
+                 "a body of more than " + std::to_string(m_largestBareBody) + " bytes for " + name);
+        }
+        return false;
+    }
+    KLVMsgParcel::Owner parcel = KLVMsgParcel::New(0);
+    parcel->object = message.release();
+    parcel->type = m_type;
+    parcel->wireSize = static_cast<std::uint32_t>(m_headerSize + taken);
+    arrivals.messages.push_back(std::move(parcel));
+    bytes.remove_prefix(taken);
+    m_step = kName;
+    return true;
+}
+
+bool KLVMsgWireReader::PassOver(std::string_view& bytes) {
+    if (m_skip == 0) {
+        if (bytes.size() < kLength) {
+            return false;
+        }
+        const std::size_t length = LengthAt(bytes);
+        if (length > m_largestBody) {
+            Fail(KLVMsgEvent::kUnknownLength,
+                 "a length of " + std::to_string(length) + " behind an unknown type");
+            return false;
+        }
+        if (length <= m_types.LongestName() && bytes.size() < kLength + length) {
+            return false;
+        }
+        if (length != 0 && length <= m_types.LongestName()) {
+            const std::uint32_t type = m_types.OfName(bytes.substr(kLength, length));
+            if (type != KLVMsgMessageTypes::kNone) {
+                bytes.remove_prefix(kLength + length);
+                Named(type, kLength + length);
+                return true;
+            }
+        }
+        bytes.remove_prefix(kLength);
+        m_skip = length;
+    }
+    const std::size_t count = std::min(m_skip, bytes.size());
+    bytes.remove_prefix(count);
+    m_skip -= count;
+    m_step = m_skip == 0 ? kName : kPassOver;
+    return m_skip == 0;
+}
+
+void KLVMsgWireReader::Keep(std::string_view bytes, bool areKept) {
+    if (m_fault != KLVMsgEvent::kNoCause || bytes.empty()) {
+        m_kept = std::string();  // gives its memory back
+    } else if (areKept) {
+        m_kept.erase(0, m_kept.size() - bytes.size());
+    } else {
+        m_kept.assign(bytes);
+    }
+}
+
+void KLVMsgWireReader::Fail(KLVMsgEvent::Cause cause, std::string text) {
+    m_fault = cause;
+    m_faultText = std::move(text);
+}

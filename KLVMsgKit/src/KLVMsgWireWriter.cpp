@@ -1,0 +1,120 @@
+#include "KLVMsgWireWriter.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <exception>
+#include <new>
+#include <utility>
+
+#include "KLVMsgFramedMessage.h"
+#include "KLVMsgOutputStream.h"
+#include "KLVMsgSocketMessage.h"
+
+namespace {
+
+// What a thread has put by.
+thread_local std::string spareHead;
+thread_local std::string spareBody;
+
+KLVMsgOutcome Unfit(std::string text) { return {KLVMsgOutcome::kFailed, EINVAL, std::move(text)}; }
+
+KLVMsgOutcome TooLong(std::size_t size, std::size_t largest) {
+    return {KLVMsgOutcome::kFailed, EMSGSIZE,
+            "a body of " + std::to_string(size) + " bytes, of which " + std::to_string(largest) +
+                " are sent"};
+}
+
+void AppendLength(std::string& bytes, std::size_t length) {
+    const auto number = static_cast<std::uint32_t>(length);
+    bytes.append(reinterpret_cast<const char*>(&number), sizeof number);
+}
+
+// Takes what a class writes by itself.
+class Collector final : public KLVMsgOutputStream {
+public:
+    Collector(std::string& bytes, std::size_t most) : m_bytes(bytes), m_most(most) {}
+
+    void write(void* data, int length, int& count) override {
+        const std::size_t size = length > 0 ? static_cast<std::size_t>(length) : 0;
+        m_size += size;
+        if (m_size <= m_most && size != 0) {
+            m_bytes.append(static_cast<const char*>(data), size);
+        }
+        count += static_cast<int>(size);
+    }
+
+    std::size_t Size() const { return m_size; }  // of all that was written, taken or not
+
+private:
+    std::string& m_bytes;
+    const std::size_t m_most;
+    std::size_t m_size = 0;
+};
+
+}  // namespace
+
+KLVMsgWireWriter::KLVMsgWireWriter()
+    : m_head(std::exchange(spareHead, std::string())),
+      m_body(std::exchange(spareBody, std::string())) {}
+
+KLVMsgWireWriter::~KLVMsgWireWriter() {
+    m_head.clear();
+    m_body.clear();
+    spareHead.swap(m_head);
+    if (m_body.capacity() <= kShared) {
+        spareBody.swap(m_body);
+    }
+}
+
+KLVMsgOutcome KLVMsgWireWriter::Write(KLVMsgSocketMessage& message,
+                                      const KLVMsgFramedMessage* framed, std::size_t largestBody) {
+    m_head.clear();
+    m_body.clear();
+    m_shared.reset();
+    KLVMsgOutcome outcome;
+    try {
+        const KLVString name = message.GetMessageType();
+        m_nameSize = static_cast<std::size_t>(name.Length());
+        const std::string_view text(name.Text(), m_nameSize);
+        if (text.empty() || text.find('\0') != std::string_view::npos) {
+            return Unfit("a type name is neither empty nor has zero bytes");
+        }
+        AppendLength(m_head, m_nameSize);
+        m_head.append(text);
+        outcome = framed != nullptr ? Encode(*framed, largestBody) : Collect(message, largestBody);
+        if (outcome && m_body.size() >= kShared) {
+            m_shared = std::make_shared<const std::string>(std::move(m_body));
+        }
+    } catch (const std::bad_alloc&) {
+        outcome = {KLVMsgOutcome::kFailed, ENOMEM, "no memory for the message's bytes"};
+    } catch (const std::exception& error) {
+        outcome = Unfit(std::string("the message's own code failed: ") + error.what());
+    } catch (...) {
+        outcome = Unfit("the message's own code failed");
+    }
+    return outcome;
+}
+
+KLVMsgOutcome KLVMsgWireWriter::Encode(const KLVMsgFramedMessage& message,
+                                       std::size_t largestBody) {
+    if (!message.Encode(m_body)) {
+        return Unfit("Encode has refused the message");
+    }
+    const std::size_t largest = std::min(message.LargestBody(), largestBody);
+    if (m_body.size() > largest) {
+        return TooLong(m_body.size(), largest);
+    }
+    AppendLength(m_head, m_body.size());
+    return {};
+}
+
+KLVMsgOutcome KLVMsgWireWriter::Collect(KLVMsgSocketMessage& message, std::size_t largestBody) {
+    Collector stream(m_body, largestBody);
+    const int result = message.WriteMessage(&stream);
+    // Of other classes the result says nothing; a framed one says 0 when it could not be put into bytes.
+    if (result == 0 && dynamic_cast<const KLVMsgFramedMessage*>(&message) != nullptr) {
+        return Unfit("Encode has refused the message");
+    }
+    return stream.Size() > largestBody ? TooLong(stream.Size(), largestBody) : KLVMsgOutcome();
+}

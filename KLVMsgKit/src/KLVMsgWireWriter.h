@@ -1,0 +1,50 @@
+// For the session's own sources: messages to bytes.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "KLVMsgOutcome.h"
+
+class KLVMsgFramedMessage;
+class KLVMsgSocketMessage;
+
+// The bytes of one message, as KLVMsgWireReader draws them. Made on the thread that sends, without a
+// lock, since it runs the message's own code, which may do anything, sending another message
+// included.
+class KLVMsgWireWriter {
+public:
+    // From this size on a body is shared by all who send it instead of copied for each.
+    static constexpr std::size_t kShared = std::size_t{64} << 10;
+
+    // Takes what the calling thread has put by, so that mostly nothing is allocated; gives it back
+    // at the end.
+    KLVMsgWireWriter();
+    ~KLVMsgWireWriter();
+    KLVMsgWireWriter(const KLVMsgWireWriter&) = delete;
+    KLVMsgWireWriter& operator=(const KLVMsgWireWriter&) = delete;
+
+    // Puts the message into bytes. Failed: it cannot be, with the cause in words; whatever its code
+    // throws is one. `framed` is the message where Encode makes its body, null where WriteMessage
+    // does.
+    KLVMsgOutcome Write(KLVMsgSocketMessage& message, const KLVMsgFramedMessage* framed,
+                        std::size_t largestBody);
+
+    // Valid until the next Write.
+    std::string_view Head() const { return m_head; }  // header, and the length of a framed body
+    std::string_view Body() const { return m_shared != nullptr ? *m_shared : m_body; }
+    const std::shared_ptr<const std::string>& Shared() const { return m_shared; }  // large bodies
+    std::size_t NameSize() const { return m_nameSize; }
+    std::size_t Size() const { return Head().size() + Body().size(); }
+
+private:
+    KLVMsgOutcome Encode(const KLVMsgFramedMessage& message, std::size_t largestBody);
+    KLVMsgOutcome Collect(KLVMsgSocketMessage& message, std::size_t largestBody);
+
+    std::string m_head;
+    std::string m_body;
+    std::shared_ptr<const std::string> m_shared;
+    std::size_t m_nameSize = 0;
+};
