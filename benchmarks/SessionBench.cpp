@@ -124,7 +124,7 @@ void ThereAndBack(const Contender& contender) {
 }
 
 void OneWay(const Contender& contender, int connections, bool together) {
-    const int count = smoke ? 1000 : 300000;
+    const int count = smoke ? 1000 : 3000000;
     const double rate = Apart([&](Process& bench) {
         Meeting meeting(contender, Use::OneWay, {connections, count});
         const double start = Now();

@@ -22,8 +22,7 @@ struct Message : KLVMsgFramedMessage {
     Item item;
 };
 
-// What is posted waits in a queue without limit, so every thousandth message is waited for, which
-// is about what the default queues of the others hold.
+// Where the queue of what is posted is full it waits for room, as the others do by themselves.
 class SessionTalker : public Talker {
 public:
     SessionTalker() { Require(bool(m_session.Register(Message())), "session register"); }
@@ -44,14 +43,16 @@ public:
 
     void Send(const Item& item) override {
         const KLVMsgPeer server = m_servers[item.connection];
-        const bool posted = ++m_sent % 1000 != 0;
-        Require(bool(posted ? m_session.Post(server, Message(item))
-                            : m_session.Send(server, Message(item), kLimit)),
+        const Message message(item);
+        const KLVMsgOutcome posted = m_session.Post(server, message);
+        Require(posted || (posted.status == KLVMsgOutcome::kFull &&
+                           m_session.Send(server, message, kLimit)),
                 "session send");
     }
 
     Item Receive() override {
         const auto received = m_session.Receive<Message>(kLimit);
+        if (!received) std::fprintf(stderr, "OUT %d %s\n", int(received.status), received.text.c_str());
         Require(bool(received), "session receive");
         m_sender = received.peer;
         return received->item;
@@ -75,7 +76,6 @@ private:
     KLVMsgSession m_session;
     std::vector<KLVMsgPeer> m_servers;
     KLVMsgPeer m_sender;
-    int m_sent = 0;
 };
 
 }  // namespace

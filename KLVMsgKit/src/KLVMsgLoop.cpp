@@ -328,9 +328,6 @@ void KLVMsgLoop::DoTouched(Lock& lock) {
                connection.output.Taken() - before < kMostWritten && Write(lock, link)) {
         }
         Tend(*link);
-        if (connection.Writes() && !connection.IsFull() && !link->isWriting) {
-            Touch(*link);
-        }
         link = std::move(next);
     }
 }
@@ -422,6 +419,9 @@ void KLVMsgLoop::Tend(Link& link) {
     }
     Ask(link);
     Arm(link);
+    if (connection.Writes() && !connection.IsFull() && !link.isWriting) {
+        Touch(link);  // the next round goes on
+    }
 }
 
 // Takes it out of the map. Who writes to it at this moment is told, and closes it.
