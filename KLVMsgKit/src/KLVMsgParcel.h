@@ -8,6 +8,7 @@
 #include <new>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "KLVMsgSocketMessage.h"
 
@@ -22,6 +23,33 @@ public:
         }
     };
     using Owner = std::unique_ptr<KLVMsgParcel, Free>;
+
+    // Blocks for short bodies that one thread has done with and another one takes anew, since
+    // allocating and freeing is most of what a short message costs. No lock.
+    class Stock {
+    public:
+        static constexpr std::size_t kRoom = 128;  // bytes of a body
+
+        Stock() = default;
+        ~Stock();
+        Stock(const Stock&) = delete;
+        Stock& operator=(const Stock&) = delete;
+
+        // With room for so many bytes. Throws std::bad_alloc.
+        Owner Take(std::size_t room);
+
+        // Keeps the block of a short body, up to a number of them, and frees others.
+        void Put(Owner parcel);
+
+        // Takes over all that another one has, if this one has none.
+        void Refill(Stock& other);
+
+    private:
+        static constexpr std::size_t kMost = 4096;
+
+        KLVMsgParcel* m_first = nullptr;
+        std::size_t m_count = 0;
+    };
 
     // With room for `room` bytes. Throws std::bad_alloc.
     static Owner New(std::size_t room) {
@@ -64,8 +92,46 @@ public:
     std::size_t size = 0;                   // bytes of the body, if there is no object
     std::uint32_t type = 0;                 // its number among the registered types
     std::uint32_t wireSize = 0;             // header and body
+    bool isShort = false;                   // its room is the stock's
 
 private:
     KLVMsgParcel() = default;
 };
 static_assert(std::is_trivially_copyable<KLVMsgParcel>::value, "a block is moved by its bytes");
+
+inline KLVMsgParcel::Stock::~Stock() {
+    while (m_first != nullptr) {
+        Free()(std::exchange(m_first, m_first->ofClass.next));
+    }
+}
+
+inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Take(std::size_t room) {
+    if (room > kRoom) {
+        return New(room);
+    }
+    if (m_first == nullptr) {
+        Owner made = New(kRoom);
+        made->isShort = true;
+        return made;
+    }
+    --m_count;
+    KLVMsgParcel* const taken = std::exchange(m_first, m_first->ofClass.next);
+    *taken = KLVMsgParcel();
+    taken->isShort = true;
+    return Owner(taken);
+}
+
+inline void KLVMsgParcel::Stock::Put(Owner parcel) {
+    if (parcel->isShort && parcel->object == nullptr && m_count < kMost) {
+        ++m_count;
+        parcel->ofClass.next = m_first;
+        m_first = parcel.release();
+    }
+}
+
+inline void KLVMsgParcel::Stock::Refill(Stock& other) {
+    if (m_first == nullptr) {
+        std::swap(m_first, other.m_first);
+        std::swap(m_count, other.m_count);
+    }
+}

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <typeinfo>
 #include <vector>
@@ -154,8 +155,8 @@ private:
     KLVMsgOutcome AwaitParcel(Lock& lock, std::uint32_t type, const Wanted& wanted,
                               const KLVMsgParcel*& found);
     const KLVMsgParcel* Find(std::uint32_t type, const KLVMsgPeers* from);
-    KLVMsgParcel::Owner TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from);
-    Message Open(KLVMsgParcel::Owner parcel, KLVMsgPeer from);
+    KLVMsgParcel::Owner TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from, bool isNext);
+    Message Decode(std::uint32_t number, std::string_view body, KLVMsgPeer from);
     void Refuse(KLVMsgPeer from, const std::string& cause);
     bool MayCome(const KLVMsgPeers* from);
     void WakeReceivers(std::uint32_t type);
@@ -165,8 +166,9 @@ private:
     bool IsAwaited(const Peer& peer) const;
     bool LetRead(const KLVMsgPeers* from);
     void ReleaseHand();
-    void ReleaseHand(Hand& hand);
-    void TakeInHand(Peer& peer);
+    void Release(Hand& hand);
+    void TakeInHand(Peer& peer, bool isNext);
+    Hand* MyHand();
 
     // KLVMsgLoop::Owner
     void OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals) override;
@@ -187,6 +189,7 @@ private:
     std::mutex m_mutex;
     KLVMsgPeerBook m_book;
     KLVMsgInbox m_inbox;
+    KLVMsgParcel::Stock m_spent;  // blocks of messages that were handed over
     KLVMsgEventQueue m_events;
     std::size_t m_live = 0;        // connections that are not over
     std::size_t m_half = 0;        // of them, those that may still get an answer

@@ -40,20 +40,29 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& 
         outcome = NotRegistered();
         return received;
     }
+    char bytes[KLVMsgParcel::Stock::kRoom];
     while (outcome && received.message == nullptr) {
         KLVMsgParcel::Owner parcel;
+        std::string_view body;
         {
             Lock lock(m_mutex);
-            ReleaseHand();
             const KLVMsgParcel* found = nullptr;
             outcome = AwaitParcel(lock, type, wanted, found);
-            if (outcome) {
-                parcel = TakeOut(found, received.peer);
+            if (!outcome) {
+                break;
+            }
+            parcel = TakeOut(found, received.peer, true);
+            body = parcel->Body();
+            if (parcel->isShort && parcel->object == nullptr) {
+                // The block goes back at once, to be used again.
+                body.copy(bytes, body.size());
+                body = {bytes, body.size()};
+                m_spent.Put(std::move(parcel));
             }
         }
-        if (outcome) {
-            received.message = Open(std::move(parcel), received.peer);
-        }
+        received.message = parcel != nullptr && parcel->object != nullptr
+                               ? Message(std::exchange(parcel->object, nullptr))
+                               : Decode(type, body, received.peer);
     }
     return received;
 }
@@ -71,18 +80,25 @@ KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Want
         parcels.clear();
         {
             Lock lock(m_mutex);
-            ReleaseHand();
             const KLVMsgParcel* found = nullptr;
             outcome = AwaitParcel(lock, type, wanted, found);
             for (; outcome && found != nullptr; found = Find(type, wanted.from)) {
                 parcels.emplace_back();
-                parcels.back().first = TakeOut(found, parcels.back().second);
+                parcels.back().first = TakeOut(found, parcels.back().second, parcels.size() == 1);
             }
         }
+        received.messages.reserve(parcels.size());
         for (auto& [parcel, peer] : parcels) {
-            if (Message message = Open(std::move(parcel), peer); message != nullptr) {
+            Message message = parcel->object != nullptr
+                                  ? Message(std::exchange(parcel->object, nullptr))
+                                  : Decode(type, parcel->Body(), peer);
+            if (message != nullptr) {
                 received.messages.push_back({std::move(message), peer});
             }
+        }
+        const Lock lock(m_mutex);
+        for (auto& [parcel, peer] : parcels) {
+            m_spent.Put(std::move(parcel));
         }
     }
     return received;
@@ -98,6 +114,7 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitParcel(Lock& lock, std::uint32_t type, con
     if (found != nullptr) {
         return {};
     }
+    ReleaseHand();
     const Time deadline = wanted.limit.Deadline();
     Receiver receiver{{}, type, wanted.from};
     const KLVMsgEntry<Receiver> entry(m_receivers[type], receiver);
@@ -139,13 +156,16 @@ const KLVMsgParcel* KLVMsgSessionCore::Find(std::uint32_t type, const KLVMsgPeer
     return oldest;
 }
 
-KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from) {
+KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from,
+                                               bool isNext) {
     const std::size_t cost = parcel->Cost();
     KLVMsgParcel::Owner taken = m_inbox.Take(parcel);
     Peer& peer = *static_cast<Peer*>(static_cast<KLVMsgInbox::Sender*>(taken->sender)->owner);
     from = peer.peer;
-    TakeInHand(peer);
-    LimitReading(peer);
+    TakeInHand(peer, isNext);
+    if (peer.isReadingPaused) {
+        LimitReading(peer);
+    }
     // Those who were stopped for the sake of all go on when half of all is gone.
     const std::size_t half = m_options.inboxLimitOfAll / 2;
     if (m_paused != 0 && m_inbox.Cost() <= half && m_inbox.Cost() + cost > half) {
@@ -158,20 +178,19 @@ KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMs
     return taken;
 }
 
-// The message of a parcel; null when its class refuses it, which ends the connection.
-KLVMsgSessionCore::Message KLVMsgSessionCore::Open(KLVMsgParcel::Owner parcel, KLVMsgPeer from) {
-    if (parcel->object != nullptr) {
-        return Message(std::exchange(parcel->object, nullptr));
-    }
-    const KLVMsgMessageTypes::Type& type = m_types[parcel->type];
-    std::string cause = "Decode has refused a body of " + type.name;
+// The message of a framed body; null when its class refuses it, which ends the connection.
+KLVMsgSessionCore::Message KLVMsgSessionCore::Decode(std::uint32_t number, std::string_view body,
+                                                     KLVMsgPeer from) {
+    const KLVMsgMessageTypes::Type& type = m_types[number];
+    std::string cause;
     try {
         Message message(type.prototype->NewInstance());
         auto* const framed = static_cast<KLVMsgFramedMessage*>(message.get());
-        if (framed != nullptr && framed->Decode(parcel->Body())) {
+        if (framed != nullptr && framed->Decode(body)) {
             framed->whole = true;
             return message;
         }
+        cause = "Decode has refused a body of " + type.name;
     } catch (const std::exception& error) {
         cause = "decoding " + type.name + " failed: " + error.what();
     } catch (...) {
@@ -289,18 +308,15 @@ bool KLVMsgSessionCore::LetRead(const KLVMsgPeers* from) {
 
 // Answers to those who have ended their output --------------------------------------------------------
 
-// The thread has asked for the next message: it answers the last ones no more.
+// The thread waits for the next message: it answers the last ones no more.
 void KLVMsgSessionCore::ReleaseHand() {
-    const auto is = [me = std::this_thread::get_id()](const Hand& hand) {
-        return hand.thread == me;
-    };
-    const auto hand = std::find_if(m_hands.begin(), m_hands.end(), is);
-    if (hand != m_hands.end()) {
-        ReleaseHand(*hand);
+    Hand* const hand = MyHand();
+    if (hand != nullptr) {
+        Release(*hand);
     }
 }
 
-void KLVMsgSessionCore::ReleaseHand(Hand& hand) {
+void KLVMsgSessionCore::Release(Hand& hand) {
     for (const KLVMsgPeer one : hand.peers) {
         Peer* const peer = m_book.Find(one);
         if (peer != nullptr && --peer->inHand == 0 && peer->isHalf) {
@@ -310,23 +326,39 @@ void KLVMsgSessionCore::ReleaseHand(Hand& hand) {
     hand.peers.clear();
 }
 
-void KLVMsgSessionCore::TakeInHand(Peer& peer) {
-    const auto me = std::this_thread::get_id();
-    const auto is = [me](const Hand& hand) { return hand.thread == me; };
-    auto hand = std::find_if(m_hands.begin(), m_hands.end(), is);
-    if (hand == m_hands.end()) {
-        // Threads that have ended are not told apart: the one that has been quiet longest is let go.
+// The thread has a message of this peer now: with `isNext` instead of what it had.
+void KLVMsgSessionCore::TakeInHand(Peer& peer, bool isNext) {
+    Hand* hand = MyHand();
+    if (hand == nullptr) {
+        // Threads that have ended are not told apart: the one that came first is let go.
         if (m_hands.size() == kMostHands) {
-            ReleaseHand(m_hands.front());
+            Release(m_hands.front());
             m_hands.erase(m_hands.begin());
         }
-        m_hands.push_back({me, {}});
-        hand = m_hands.end() - 1;
+        hand = &m_hands.emplace_back(Hand{std::this_thread::get_id(), {}});
     }
-    if (hand->peers.empty() || hand->peers.back() != peer.peer) {
-        hand->peers.push_back(peer.peer);
-        ++peer.inHand;
+    if (!hand->peers.empty() && hand->peers.back() == peer.peer) {
+        return;
     }
+    hand->peers.push_back(peer.peer);
+    ++peer.inHand;
+    if (isNext && hand->peers.size() > 1) {
+        Hand before{hand->thread, {}};
+        before.peers.swap(hand->peers);
+        hand->peers.push_back(before.peers.back());
+        before.peers.pop_back();
+        Release(before);
+    }
+}
+
+KLVMsgSessionCore::Hand* KLVMsgSessionCore::MyHand() {
+    const auto me = std::this_thread::get_id();
+    for (Hand& hand : m_hands) {
+        if (hand.thread == me) {
+            return &hand;
+        }
+    }
+    return nullptr;
 }
 
 // Its output has ended, and nobody has anything of it that might be answered.
@@ -355,6 +387,7 @@ void KLVMsgSessionCore::EndOneHalf() {
 // The loop's side ------------------------------------------------------------------------------------
 
 void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals) {
+    arrivals.stock.Refill(m_spent);
     if (link.client == nullptr || m_isEnding) {
         return;
     }

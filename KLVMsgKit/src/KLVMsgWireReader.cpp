@@ -77,7 +77,7 @@ bool KLVMsgWireReader::Next(std::string_view& bytes, Arrivals& arrivals) {
         case kName:
             return ReadName(bytes, arrivals);
         case kFrameLength:
-            return ReadFrameLength(bytes);
+            return ReadFrameLength(bytes, arrivals);
         case kFrame:
             return ReadFrame(bytes, arrivals);
         case kBare:
@@ -139,7 +139,7 @@ void KLVMsgWireReader::NoteUnknown(std::string_view name, Arrivals& arrivals) {
     }
 }
 
-bool KLVMsgWireReader::ReadFrameLength(std::string_view& bytes) {
+bool KLVMsgWireReader::ReadFrameLength(std::string_view& bytes, Arrivals& arrivals) {
     if (bytes.size() < kLength) {
         return false;
     }
@@ -153,7 +153,7 @@ bool KLVMsgWireReader::ReadFrameLength(std::string_view& bytes) {
     }
     bytes.remove_prefix(kLength);
     m_room = std::min(m_length, std::max(kFirstRoom, std::min(m_length, bytes.size())));
-    m_parcel = KLVMsgParcel::New(m_room);
+    m_parcel = arrivals.stock.Take(m_room);
     m_step = kFrame;
     return true;
 }
@@ -209,7 +209,7 @@ bool KLVMsgWireReader::ReadBare(std::string_view& bytes, Arrivals& arrivals) {
         }
         return false;
     }
-    KLVMsgParcel::Owner parcel = KLVMsgParcel::New(0);
+    KLVMsgParcel::Owner parcel = arrivals.stock.Take(0);
     parcel->object = message.release();
     parcel->type = m_type;
     parcel->wireSize = static_cast<std::uint32_t>(m_headerSize + taken);

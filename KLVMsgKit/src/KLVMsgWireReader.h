@@ -47,6 +47,7 @@ public:
     struct Arrivals {
         std::vector<KLVMsgParcel::Owner> messages;  // in order
         std::vector<std::string> unknown;           // names, each type of a connection once
+        KLVMsgParcel::Stock stock;                  // of which parcels are made
     };
 
     KLVMsgWireReader(const KLVMsgMessageTypes& types, std::size_t largestBody,
@@ -80,7 +81,7 @@ private:
     // Reads one step from the front; false when it needs more bytes, or a fault was found.
     bool Next(std::string_view& bytes, Arrivals& arrivals);
     bool ReadName(std::string_view& bytes, Arrivals& arrivals);
-    bool ReadFrameLength(std::string_view& bytes);
+    bool ReadFrameLength(std::string_view& bytes, Arrivals& arrivals);
     bool ReadFrame(std::string_view& bytes, Arrivals& arrivals);
     bool ReadBare(std::string_view& bytes, Arrivals& arrivals);
     bool PassOver(std::string_view& bytes);

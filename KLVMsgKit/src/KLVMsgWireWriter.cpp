@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <utility>
@@ -13,9 +14,7 @@
 
 namespace {
 
-// What a thread has put by.
-thread_local std::string spareHead;
-thread_local std::string spareBody;
+constexpr std::size_t kLength = sizeof(std::uint32_t);
 
 KLVMsgOutcome Unfit(std::string text) { return {KLVMsgOutcome::kFailed, EINVAL, std::move(text)}; }
 
@@ -25,9 +24,9 @@ KLVMsgOutcome TooLong(std::size_t size, std::size_t largest) {
                 " are sent"};
 }
 
-void AppendLength(std::string& bytes, std::size_t length) {
+void PutLength(std::string& bytes, std::size_t at, std::size_t length) {
     const auto number = static_cast<std::uint32_t>(length);
-    bytes.append(reinterpret_cast<const char*>(&number), sizeof number);
+    std::memcpy(&bytes[at], &number, sizeof number);
 }
 
 // Takes what a class writes by itself.
@@ -54,23 +53,26 @@ private:
 
 }  // namespace
 
-KLVMsgWireWriter::KLVMsgWireWriter()
-    : m_head(std::exchange(spareHead, std::string())),
-      m_body(std::exchange(spareBody, std::string())) {}
+thread_local KLVMsgWireWriter::Scratch KLVMsgWireWriter::s_ofThread;
+
+KLVMsgWireWriter::KLVMsgWireWriter() : m_scratch(&s_ofThread) {
+    if (m_scratch->isUsed) {
+        m_own = std::make_unique<Scratch>();
+        m_scratch = m_own.get();
+    }
+    m_scratch->isUsed = true;
+}
 
 KLVMsgWireWriter::~KLVMsgWireWriter() {
-    m_head.clear();
-    m_body.clear();
-    spareHead.swap(m_head);
-    if (m_body.capacity() <= kShared) {
-        spareBody.swap(m_body);
+    m_scratch->isUsed = false;
+    if (m_scratch->body.capacity() > kShared) {
+        m_scratch->body = std::string();
     }
 }
 
 KLVMsgOutcome KLVMsgWireWriter::Write(KLVMsgSocketMessage& message,
                                       const KLVMsgFramedMessage* framed, std::size_t largestBody) {
-    m_head.clear();
-    m_body.clear();
+    m_scratch->body.clear();
     m_shared.reset();
     KLVMsgOutcome outcome;
     try {
@@ -80,11 +82,13 @@ KLVMsgOutcome KLVMsgWireWriter::Write(KLVMsgSocketMessage& message,
         if (text.empty() || text.find('\0') != std::string_view::npos) {
             return Unfit("a type name is neither empty nor has zero bytes");
         }
-        AppendLength(m_head, m_nameSize);
-        m_head.append(text);
+        std::string& head = m_scratch->head;
+        head.resize(kLength + m_nameSize + (framed != nullptr ? kLength : 0));
+        PutLength(head, 0, m_nameSize);
+        text.copy(&head[kLength], m_nameSize);
         outcome = framed != nullptr ? Encode(*framed, largestBody) : Collect(message, largestBody);
-        if (outcome && m_body.size() >= kShared) {
-            m_shared = std::make_shared<const std::string>(std::move(m_body));
+        if (outcome && m_scratch->body.size() >= kShared) {
+            m_shared = std::make_shared<const std::string>(std::move(m_scratch->body));
         }
     } catch (const std::bad_alloc&) {
         outcome = {KLVMsgOutcome::kFailed, ENOMEM, "no memory for the message's bytes"};
@@ -98,19 +102,19 @@ KLVMsgOutcome KLVMsgWireWriter::Write(KLVMsgSocketMessage& message,
 
 KLVMsgOutcome KLVMsgWireWriter::Encode(const KLVMsgFramedMessage& message,
                                        std::size_t largestBody) {
-    if (!message.Encode(m_body)) {
+    if (!message.Encode(m_scratch->body)) {
         return Unfit("Encode has refused the message");
     }
     const std::size_t largest = std::min(message.LargestBody(), largestBody);
-    if (m_body.size() > largest) {
-        return TooLong(m_body.size(), largest);
+    if (m_scratch->body.size() > largest) {
+        return TooLong(m_scratch->body.size(), largest);
     }
-    AppendLength(m_head, m_body.size());
+    PutLength(m_scratch->head, kLength + m_nameSize, m_scratch->body.size());
     return {};
 }
 
 KLVMsgOutcome KLVMsgWireWriter::Collect(KLVMsgSocketMessage& message, std::size_t largestBody) {
-    Collector stream(m_body, largestBody);
+    Collector stream(m_scratch->body, largestBody);
     const int result = message.WriteMessage(&stream);
     // Of other classes the result says nothing; a framed one says 0 when it could not be put into bytes.
     if (result == 0 && dynamic_cast<const KLVMsgFramedMessage*>(&message) != nullptr) {

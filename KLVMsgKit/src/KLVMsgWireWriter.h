@@ -19,8 +19,7 @@ public:
     // From this size on a body is shared by all who send it instead of copied for each.
     static constexpr std::size_t kShared = std::size_t{64} << 10;
 
-    // Takes what the calling thread has put by, so that mostly nothing is allocated; gives it back
-    // at the end.
+    // Uses what the calling thread keeps for this, so that mostly nothing is allocated.
     KLVMsgWireWriter();
     ~KLVMsgWireWriter();
     KLVMsgWireWriter(const KLVMsgWireWriter&) = delete;
@@ -33,8 +32,8 @@ public:
                         std::size_t largestBody);
 
     // Valid until the next Write.
-    std::string_view Head() const { return m_head; }  // header, and the length of a framed body
-    std::string_view Body() const { return m_shared != nullptr ? *m_shared : m_body; }
+    std::string_view Head() const { return m_scratch->head; }  // and the length of a framed body
+    std::string_view Body() const { return m_shared != nullptr ? *m_shared : m_scratch->body; }
     const std::shared_ptr<const std::string>& Shared() const { return m_shared; }  // large bodies
     std::size_t NameSize() const { return m_nameSize; }
     std::size_t Size() const { return Head().size() + Body().size(); }
@@ -43,8 +42,15 @@ private:
     KLVMsgOutcome Encode(const KLVMsgFramedMessage& message, std::size_t largestBody);
     KLVMsgOutcome Collect(KLVMsgSocketMessage& message, std::size_t largestBody);
 
-    std::string m_head;
-    std::string m_body;
+    struct Scratch {
+        std::string head;
+        std::string body;
+        bool isUsed = false;
+    };
+    static thread_local Scratch s_ofThread;
+
+    Scratch* m_scratch;
+    std::unique_ptr<Scratch> m_own;  // where the thread's is in use, by a message whose code sends
     std::shared_ptr<const std::string> m_shared;
     std::size_t m_nameSize = 0;
 };
