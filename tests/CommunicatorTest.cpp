@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <random>
@@ -113,6 +115,30 @@ TEST_F(CommunicatorTest, QueueWaitsForAStreamAndGoesOutInOrderWithoutWhatCannotB
     Communicator().TransmitPendingMessage();
     EXPECT_EQ(1, failing.Count());
     EXPECT_EQ((Ids{}), Pending({9}));
+}
+
+TEST_F(CommunicatorTest, ErrorIsThatUnderTheNumberThatTheSocketHasNow) {
+    ConnectedPair pair;
+    const auto error = [&pair] {
+        const WatchedMutex& lock = LockOf<KLVMsgConnectionServicesUtils>();
+        const int before = lock.taken;
+        int code = 42;
+        KLVString text("none");
+        Communicator().GetErrorsOnChannel(pair.channel, code, text);
+        EXPECT_EQ(before + 1, lock.taken) << "socket and error are looked up in one step";
+        return std::to_string(code) + " " + text.Text();
+    };
+    EXPECT_EQ("0 none", error());
+    pair.socket->lastError = EPIPE;
+    EXPECT_EQ(std::to_string(EPIPE) + " " + std::strerror(EPIPE), error());
+    pair.socket->Shutdown();
+    const Listener other;  // it has the number now
+    pair.socket->Connect(other.address);
+    pair.socket->lastError = EPIPE;
+    ASSERT_NE(pair.number, pair.socket->descriptor);
+    EXPECT_EQ("0 none", error()) << "connected anew";
+    Registry().ShutDownConnection(pair.number);
+    EXPECT_EQ("0 none", error()) << "without a socket";
 }
 
 // Selects messages by chance, each twice and some that are not there, and keeps which ones.

@@ -4,6 +4,7 @@
 
 #include "KLVMsgCommSocket.h"
 #include "KLVMsgConnectionServicesUtils.h"
+#include "KLVMsgSocketField.h"
 #include "KLVMsgSocketHold.h"
 #include "KLVMsgSocketInternals.h"
 
@@ -38,6 +39,14 @@ public:
     }
     int RetrieveMessageType(KLVMsgCommSocket* socket, int number, KLVString& typeName) const {
         return Find(number) == socket ? m_registry.ReadHeader(*socket, number, typeName) : 0;
+    }
+
+    // The last error of whoever is registered under the own number of the socket under `number`. 0
+    // for nobody: a socket that was connected anew has a number that it is not registered under.
+    int LastErrorBehind(int number) const {
+        const KLVMsgSocket* const socket = Find(number);
+        const KLVMsgSocket* const own = socket == nullptr ? nullptr : Find(socket->descriptor);
+        return own == nullptr ? 0 : KLVMsgLoad(own->lastError);
     }
 
     // What ShutDownConnection does.

@@ -448,8 +448,7 @@ std::size_t KLVMsgSocketCommunicator::RetrieveMessages(
 void KLVMsgSocketCommunicator::GetErrorsOnChannel(const KLVMsgChannel& channel, int& code,
                                                   KLVString& text) {
     const Operation operation(*this);
-    int error = 0;
-    KLVMsgRegistry().GetLastErrorCode(channel.connection, error);
+    const int error = KLVMsgLockedRegistry().LastErrorBehind(channel.connection);
     if (error != 0) {
         KLVMsgSocketErrorInfo(error, text);
     }
