@@ -141,6 +141,21 @@ TEST_F(CommunicatorTest, ErrorIsThatUnderTheNumberThatTheSocketHasNow) {
     EXPECT_EQ("0 none", error()) << "without a socket";
 }
 
+TEST(IdleCommunicator, MakesNoRegistry) {
+    KLVMsgBufferedOutputStream output(1);
+    Communicator().SetDefaultOutputStream(&output);
+    KLVMsgChannelWaitable nothing;
+    const int blocks = Blocks();
+    nothing.WaitForConnectionAndMessages(1000);
+    EXPECT_EQ(blocks, Blocks()) << "a wait without channels";
+    Communicator().WaitConnectionsAndMessages(nullptr, 1000);
+    EXPECT_EQ(blocks, Blocks()) << "a cycle without connections";
+    Communicator().TransmitPendingMessage();
+    EXPECT_EQ(blocks, Blocks()) << "a transmission of an empty queue";
+    Registry();
+    EXPECT_LT(blocks, Blocks()) << "which would have shown";
+}
+
 // Selects messages by chance, each twice and some that are not there, and keeps which ones.
 struct Lottery : KLVMsgMessageQuery {
     void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,

@@ -155,7 +155,9 @@ public:
     //
     // A connection found lost is no longer watched, and GetErrorsOnChannel gives 0 for it.
     // One whose descriptor is 1024 or above is accepted and never read: its end shows on a send
-    // only. See KLVMsgChannelWaitable for the time and for what a wait reports.
+    // only. See KLVMsgChannelWaitable for the time and for what a wait reports. Without channels
+    // to wait on it returns at once, and as a transmission of an empty queue does not touch the
+    // registry: the message task may run before the registry is made, and after its end.
     //
     // std::bad_alloc passes through between two messages: one that has been read is in the inbox,
     // and connections accepted by then are made known by the next cycle with this waitable.

@@ -228,8 +228,8 @@ void KLVMsgSocketCommunicator::TransmitPendingMessage() {
     }
     const Operation operation(*this);
     KLVMsgOutputStream* const stream = m_outputStream;
-    if (stream == nullptr) {
-        return;  // taken away while this call waited for the lock
+    if (stream == nullptr || m_pending.Size() == 0) {
+        return;  // the stream may have been taken away while this call waited for the lock
     }
     const KLVMsgClearAtExit<KLVMsgChannelMsgStruct> clear(m_pending);
     KLVMsgCycle cycle(*m_lists);
@@ -334,6 +334,9 @@ void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable*
 // Waits. What it has accepted remains in the waitable when it fails half way.
 void KLVMsgSocketCommunicator::Wait(KLVMsgChannelWaitable& waitable, int timeout,
                                     KLVMsgCycle& cycle) {
+    if (waitable.channels.Size() + waitable.readyChannels.Size() == 0) {
+        return;  // nothing to look up: the registry may not be there, or not any more
+    }
     {
         const KLVMsgLockedRegistry registry;
         ForgetNoted();
