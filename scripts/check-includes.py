@@ -11,7 +11,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 # From the ground up: a whole folder, or the name that a header and its source share.
 FLOORS = (
     "KLVBase/",
-    "KLVMsgExport KLVMsgVectors KLVMsgModuleCount KLVMsgComm_IF KLVMsgCommModules_IF "
+    "KLVMsgExport KLVMsgVectors KLVMsgAtExit KLVMsgModuleCount KLVMsgComm_IF KLVMsgCommModules_IF "
     "KLVMsgSocket KLVMsgCommSocket KLVMsgServerSocket KLVMsgInetAddress KLVMsgSocketAddress "
     "KLVMsgSocketErrorInfo KLVMsgDiagnostics KLVMsgResolvedAddress KLVMsgSocketField "
     "KLVMsgSocketHold KLVMsgSocketInternals",

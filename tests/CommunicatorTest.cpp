@@ -3,7 +3,9 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <random>
+#include <stdexcept>
 
 #include "Faults.h"
 #include "Support.h"
@@ -154,6 +156,33 @@ TEST(IdleCommunicator, MakesNoRegistry) {
     EXPECT_EQ(blocks, Blocks()) << "a transmission of an empty queue";
     Registry();
     EXPECT_LT(blocks, Blocks()) << "which would have shown";
+}
+
+TEST_F(CommunicatorTest, LostConnectionIsWatchedUntilAllReadsAreOver) {
+    for (const bool throws : {false, true}) {
+        ConnectedPair lost, other;
+        std::unique_ptr<ConnectedPair> next;
+        KLVMsgChannelWaitable waitable(ListOf<KLVMsgChannel>({lost.channel, other.channel}));
+        lost.peer.Reset();
+        other.peer.Send(Bytes("read after that"));
+        TextMessage::hook = [&] {
+            EXPECT_EQ(nullptr, lost.channel.GetSocket());
+            EXPECT_EQ(2u, waitable.channels.Size()) << "while others are read";
+            next = std::make_unique<ConnectedPair>(lost.listener, "next");
+            EXPECT_EQ(lost.number, next->number);
+            throws ? throw std::runtime_error("a read") : void();
+        };
+        bool thrown = false;
+        try {
+            Cycle(&waitable);
+        } catch (const std::runtime_error&) {
+            thrown = true;
+        }
+        EXPECT_EQ(throws, thrown);
+        EXPECT_EQ(1u, Take().size());
+        ASSERT_EQ(1u, waitable.channels.Size()) << "though somebody else has the number";
+        EXPECT_TRUE(waitable.channels[0] == other.channel);
+    }
 }
 
 // Selects messages by chance, each twice and some that are not there, and keeps which ones.

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "KLVBasUtlsleep.h"
+#include "KLVMsgAtExit.h"
 #include "KLVMsgChannelList.h"
 #include "KLVMsgChannelQueryByLabel.h"
 #include "KLVMsgChannelWait.h"
@@ -231,7 +232,7 @@ void KLVMsgSocketCommunicator::TransmitPendingMessage() {
     if (stream == nullptr || m_pending.Size() == 0) {
         return;  // the stream may have been taken away while this call waited for the lock
     }
-    const KLVMsgClearAtExit<KLVMsgChannelMsgStruct> clear(m_pending);
+    const KLVMsgAtExit clear([this] { m_pending.Clear(); });
     KLVMsgCycle cycle(*m_lists);
     AddTurns(cycle);
     for (std::size_t i = 0; i < m_pending.Size(); ++i) {
@@ -310,23 +311,32 @@ static bool IsRepeated(const KLVBasVector<KLVMsgChannel>& list, std::size_t i,
     return i != 0 && list[i] == list[i - 1];
 }
 
+// Takes the first entry of each lost connection off the watched channels, whoever has the number by
+// then.
+static void DropLost(const std::vector<KLVMsgTurn>& turns, KLVBasVector<KLVMsgChannel>& watched) {
+    for (const KLVMsgTurn& turn : turns) {
+        if (turn.lost) {
+            KLVMsgEraseFirst(watched, turn.channel.connection);
+        }
+    }
+}
+
 void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable* waitable,
                                                           int timeout) {
     const Operation operation(*this);
     KLVMsgChannelWaitable& waited = waitable == nullptr ? m_organizer.waitable : *waitable;
-    const KLVMsgClearAtExit<KLVMsgChannel> clear(waited.readyChannels);
+    const KLVMsgAtExit clear([&waited] { waited.readyChannels.Clear(); });
     const std::size_t foundEarlier = waited.readyChannels.Size();
     KLVMsgCycle cycle(*m_lists);
     Wait(waited, timeout, cycle);
     MakeKnown(waited.newChannels);
 
+    const KLVMsgAtExit dropLost([&] { DropLost(cycle.Turns(), waited.channels); });
     for (std::size_t i = 0; i < waited.readyChannels.Size(); ++i) {
         const KLVMsgChannel channel = waited.readyChannels[i];
         const bool received =
             !IsRepeated(waited.readyChannels, i, foundEarlier) && ReceiveMessage(cycle.Current());
-        if (!received && channel.GetSocket() == nullptr) {
-            KLVMsgEraseFirst(waited.channels, channel.connection);
-        }
+        cycle.Current().lost = !received && channel.GetSocket() == nullptr;
         cycle.EndTurn();
     }
 }
