@@ -28,7 +28,6 @@
 
 class KLVMSG_EXPORT KLVMsgSocketCommunicator;
 class KLVMsgChannelQuery;
-class KLVMsgCommSocket;
 class KLVMsgCycle;
 struct KLVMsgCycleLists;
 struct KLVMsgTurn;
@@ -190,18 +189,15 @@ public:
     void GetErrorsOnChannel(const KLVMsgChannel& channel, int& code, KLVString& text);
 
 private:
-    class Operation;
+    template <class Lock>
+    class UpToDate;
+    using Operation = UpToDate<KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator>>;
 
-    void ForgetNoted();
-    void ForgetReplaced();
+    void ForgetNoted(bool acceptedToo);
     void Forget(int number);
     void ShutDown(int number);
     unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
     std::size_t PositionInQueue(unsigned int id) const;
-    // What is inline here is defined beside its callers, and no part of the binary interface.
-    inline void Transmit(const KLVMsgChannelMsgStruct& record, KLVMsgCommSocket* socket,
-                         KLVMsgOutputStream& stream);
-    inline void AddTurns(KLVMsgCycle& cycle);
     void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);
     void MakeKnown(KLVBasVector<KLVMsgChannel>& accepted);
     bool ReceiveMessage(const KLVMsgTurn& turn);
