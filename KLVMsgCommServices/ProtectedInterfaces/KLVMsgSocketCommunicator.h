@@ -193,14 +193,14 @@ private:
     class UpToDate;
     using Operation = UpToDate<KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator>>;
 
-    void ForgetNoted(bool acceptedToo);
-    void Forget(int number);
-    void ShutDown(int number);
-    unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
-    std::size_t PositionInQueue(unsigned int id) const;
-    void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);
-    void MakeKnown(KLVBasVector<KLVMsgChannel>& accepted);
-    bool ReceiveMessage(const KLVMsgTurn& turn);
+    KLVMSG_LOCAL void ForgetNoted(bool acceptedToo);
+    KLVMSG_LOCAL void Forget(int number);
+    KLVMSG_LOCAL void ShutDown(int number);
+    KLVMSG_LOCAL unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
+    KLVMSG_LOCAL std::size_t PositionInQueue(unsigned int id) const;
+    KLVMSG_LOCAL void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);
+    KLVMSG_LOCAL void MakeKnown(KLVBasVector<KLVMsgChannel>& accepted);
+    KLVMSG_LOCAL bool ReceiveMessage(const KLVMsgTurn& turn);
     template <class Element, class Project>
     void TakeFromInbox(KLVMsgMessageQuery* query, KLVBasVector<Element>& taken, Project project);
 

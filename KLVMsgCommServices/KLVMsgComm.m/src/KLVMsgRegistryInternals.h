@@ -8,15 +8,6 @@
 #include "KLVMsgSocketHold.h"
 #include "KLVMsgSocketInternals.h"
 
-// Requires, both: the lock is held.
-inline KLVMsgSocket* KLVMsgConnectionServicesUtils::Find(int number) const {
-    return static_cast<KLVMsgSocket*>(m_connections.Lookup(number));
-}
-
-inline KLVMsgCommSocket* KLVMsgConnectionServicesUtils::FindStreamSocket(int number) const {
-    return KLVMsgAsStreamSocket(Find(number));
-}
-
 inline KLVMsgConnectionServicesUtils& KLVMsgRegistry() {
     return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
 }
@@ -29,7 +20,7 @@ public:
 
     // The same if it is a stream socket.
     KLVMsgCommSocket* FindStreamSocket(int number) const {
-        return m_registry.FindStreamSocket(number);
+        return KLVMsgAsStreamSocket(Find(number));
     }
 
     // What the registry's operations of these names do, if the socket is still the one under the
