@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -5,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <stdexcept>
 
 #include "Faults.h"
@@ -141,6 +144,49 @@ TEST_F(CommunicatorTest, ErrorIsThatUnderTheNumberThatTheSocketHasNow) {
     EXPECT_EQ("0 none", error()) << "connected anew";
     Registry().ShutDownConnection(pair.number);
     EXPECT_EQ("0 none", error()) << "without a socket";
+}
+
+TEST_F(CommunicatorTest, WhatAFailingWaitHasAcceptedIsMadeKnownByTheNextOne) {
+    KLVMsgServerSocket* const other = StartLoopbackServer();
+    Communicator().AddConnection(KLVMsgChannel(other, "other"), true);
+    std::vector<std::unique_ptr<PlainPeer>> peers;
+    const auto acceptOnBoth = [&] {
+        for (const KLVMsgServerSocket* at : {server, other}) {
+            const Exempt exempt;
+            peers.push_back(std::make_unique<PlainPeer>(at->address.port));
+        }
+        Cycle();
+    };
+    FailEachAllocation(acceptOnBoth, [](int n, bool) {
+        Cycle(nullptr, 0);
+        std::set<int> known, registered;
+        for (const KLVMsgChannel& channel : Known()) {
+            known.insert(channel.connection);
+        }
+        for (int number = 0; number < 200; ++number) {
+            Registry().GetSocket(number) != nullptr ? void(registered.insert(number)) : void();
+        }
+        EXPECT_EQ(registered, known) << n;
+    });
+}
+
+TEST_F(CommunicatorTest, NumberGivenAwayRightBeforeTheLookUpIsNotServed) {
+    for (const bool waits : {false, true}) {
+        ConnectedPair gone;
+        Communicator().AddConnection(gone.channel, true);
+        Send(gone.channel, &hello);
+        std::unique_ptr<ConnectedPair> now;
+        LockOf<KLVMsgConnectionServicesUtils>().before = [&] {
+            ::close(gone.number);  // behind its socket's back
+            now = std::make_unique<ConnectedPair>(gone.listener, "now");
+            now->peer.Send(Bytes("nobody watches that"));
+        };
+        waits ? Cycle(nullptr, 20) : Communicator().TransmitPendingMessage();
+        ASSERT_EQ(gone.number, now->number);
+        now->socket->ShutDownOutput();
+        EXPECT_EQ("", now->peer.Receive(1));
+        EXPECT_EQ(Texts{}, Take());
+    }
 }
 
 TEST(IdleCommunicator, MakesNoRegistry) {

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <mutex>
 #include <sstream>
+#include <utility>
 
 namespace {
 
@@ -120,6 +121,9 @@ FailingAllocation::FailingAllocation(int n) { failing = n > 0 ? allocations + n 
 FailingAllocation::~FailingAllocation() { failing = -1; }
 
 void WatchedMutex::Lock() {
+    if (before) {
+        std::exchange(before, nullptr)();
+    }
     m_mutex->Lock();
     held.store(true, std::memory_order_relaxed);
     taken.fetch_add(1, std::memory_order_relaxed);

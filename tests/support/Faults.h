@@ -93,6 +93,7 @@ public:
 
     std::atomic<int> taken{0};  // how often, so far
     std::atomic<bool> held{false};
+    mutable std::function<void()> before;  // happens once, right before it is taken next
 
     static inline thread_local WatchedMutex* last = nullptr;  // the one that this thread took last
     static inline bool available = true;                      // false: there is no memory for one
