@@ -183,13 +183,13 @@ public:
     // Sets `code` to the errno of the last failure on the channel's connection and `text` to its
     // message. Without one `code` is 0 and `text` is left alone. The error is not cleared.
     // There is none for a peer that has closed in order, nor for a connection that was reset and so
-    // removed: KLVMsgChannel::IsActiveInCurrentThreads tells whether it is still there. Nor is there
-    // one for a socket that was connected anew (KLVMsgCommSocket::Connect) since it was registered:
-    // it is asked for under the number that the socket has now.
+    // removed: KLVMsgChannel::IsActiveInCurrentThreads tells whether it is still there. There is
+    // none either for a socket that was connected anew (KLVMsgCommSocket::Connect) since it was
+    // registered: it is asked for under the number that the socket has now.
     void GetErrorsOnChannel(const KLVMsgChannel& channel, int& code, KLVString& text);
 
 private:
-    template <class Lock>
+    template <class Guard>
     class UpToDate;
     using Operation = UpToDate<KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator>>;
 

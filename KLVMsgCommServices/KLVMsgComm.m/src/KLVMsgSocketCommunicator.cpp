@@ -32,12 +32,12 @@ static const unsigned pollMilliseconds = 20;
 // Takes a lock, and forgets what is known under noted numbers: they have been given out anew, and
 // the old connections have gone. Every operation begins so with the communicator's lock. A cycle
 // looks its sockets up so with the registry's as well: no further number is noted meanwhile.
-template <class Lock>
+template <class Guard>
 class KLVMsgSocketCommunicator::UpToDate {
 public:
     explicit UpToDate(KLVMsgSocketCommunicator& communicator) { communicator.ForgetNoted(true); }
 
-    const Lock lock;
+    const Guard lock;
 };
 
 KLVMsgSocketCommunicator::KLVMsgSocketCommunicator()
