@@ -10,6 +10,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <thread>
 
@@ -166,6 +167,37 @@ TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {
     }
 }
 
+// A look-up goes through the slots that are taken side by side.
+TEST(UintTable, KeysAtEqualDistancesStandApart) {
+    for (const unsigned distance : {1u, 2u, 3u, 10u, 64u, 1000u, 4096u}) {
+        omi_UintTable<int> table;
+        for (unsigned i = 0; i < 4000; ++i) {
+            table.Insert(i * distance, 0);
+        }
+        std::vector<const int*> places;
+        omi_UintTableIterator<int> position(table);
+        for (position.First(); !position.IsDone(); position.Next()) {
+            places.push_back(&position.CurrentValue());
+        }
+        std::sort(places.begin(), places.end());
+        std::vector<std::ptrdiff_t> gaps;
+        std::transform(places.begin() + 1, places.end(), places.begin(), std::back_inserter(gaps),
+                       std::minus<>());
+        const std::ptrdiff_t none = *std::min_element(gaps.begin(), gaps.end());
+        EXPECT_EQ(gaps.end(), std::search_n(gaps.begin(), gaps.end(), 9, none))
+            << "ten side by side at a distance of " << distance;
+    }
+}
+
+TEST(UintTable, RemovedValueIsReleased) {
+    omi_UintTable<std::shared_ptr<int>> table;
+    const auto value = std::make_shared<int>(0);
+    table.Insert(1, value);
+    table.Insert(2, value);
+    table.Remove(1);
+    EXPECT_EQ(2, value.use_count());
+}
+
 // Whether a thread of this process sleeps, as one does that waits for a mutex.
 static bool Sleeps(int thread) {
     std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
@@ -174,29 +206,70 @@ static bool Sleeps(int thread) {
     return state == "S";
 }
 
-TEST(Mutex, GoesToItsWaitersInTheOrderOfTheirArrival) {
-    const std::unique_ptr<KLVBasAtiMutex> mutex(KLVBasAtiThreadingModel::newMutex());
-    std::vector<std::future<void>> threads;
-    std::vector<int> served, arrived;
-    mutex->Lock();
-    for (int i = 0; i < 70; ++i) {
-        std::atomic<int> id{0};
-        threads.push_back(std::async(std::launch::async, [i, &id, &mutex, &served] {
-            id = gettid();
-            mutex->Lock();
-            served.push_back(i);
-            mutex->Unlock();
-        }));
-        EXPECT_TRUE(Eventually([&id] { return id != 0 && Sleeps(id); }));
-        arrived.push_back(i);
+// A mutex that is held, and threads that sleep until they get it.
+class Waiters {
+public:
+    explicit Waiters(int count) {
+        mutex->Lock();
+        for (int i = 0; i < count; ++i) {
+            std::atomic<int> id{0};
+            m_threads.push_back(std::async(std::launch::async, [this, i, &id] {
+                id = gettid();
+                errno = 0;
+                mutex->Lock();
+                EXPECT_EQ(0, errno);
+                served.push_back(i);
+                mutex->Unlock();
+            }));
+            EXPECT_TRUE(Eventually([&id] { return id != 0 && Sleeps(id); }));
+        }
     }
-    mutex->Unlock();
-    mutex->Lock();
-    served.push_back(70);
-    arrived.push_back(70);
-    mutex->Unlock();
-    threads.clear();  // when they have ended
-    EXPECT_EQ(arrived, served);
+    void AwaitEnd() { m_threads.clear(); }
+
+    const std::unique_ptr<KLVBasAtiMutex> mutex{KLVBasAtiThreadingModel::newMutex()};
+    std::vector<int> served;  // in their order
+
+private:
+    std::vector<std::future<void>> m_threads;
+};
+
+TEST(Mutex, GoesToItsWaitersInTheOrderOfTheirArrival) {
+    Waiters waiters(70);
+    waiters.mutex->Unlock();
+    waiters.mutex->Lock();
+    waiters.served.push_back(70);
+    waiters.mutex->Unlock();
+    waiters.AwaitEnd();
+    std::vector<int> arrived(71);
+    std::iota(arrived.begin(), arrived.end(), 0);
+    EXPECT_EQ(arrived, waiters.served);
+}
+
+TEST(Mutex, WakesFewOfManyWaiters) {
+    Waiters waiters(70);
+    MutexCalls::mostWoken = 0;
+    waiters.mutex->Unlock();
+    waiters.AwaitEnd();
+    EXPECT_LT(0, MutexCalls::mostWoken);
+    EXPECT_GE(16, MutexCalls::mostWoken) << "those whose turn is near";
+}
+
+TEST(Mutex, CallsTheSystemForWaitersOnly) {
+    const std::unique_ptr<KLVBasAtiMutex> mutex(KLVBasAtiThreadingModel::newMutex());
+    const int before = MutexCalls::made;
+    for (int i = 0; i < 3; ++i) {
+        mutex->Lock();
+        mutex->Unlock();
+    }
+    EXPECT_EQ(before, MutexCalls::made);
+}
+
+TEST(Mutex, LeavesErrnoAlone) {
+    Waiters waiters(1);  // which look at theirs
+    errno = 0;
+    waiters.mutex->Unlock();
+    EXPECT_EQ(0, errno);
+    waiters.AwaitEnd();
 }
 
 // With a sanitizer: Unlock leaves the mutex alone once another thread has it.
@@ -252,7 +325,8 @@ TEST(Memory, ThatIsShortChangesNothing) {
     EXPECT_EQ(nullptr, mem_Malloc(PTRDIFF_MAX));
     KLVString text("a");
     KLVBasVector<KLVString> array = ListOf<KLVString>({"a", "b", "c", "d"}), other;
-    omi_IntTable<int> table;
+    omi_IntTable<KLVBasVector<int>> table;
+    const KLVBasVector<int> row = ListOf<int>({1, 2});
     struct Nothing : KLVBasAtiThreadTask {
         int Run(int) override { return 0; }
     } task;
@@ -262,7 +336,7 @@ TEST(Memory, ThatIsShortChangesNothing) {
             shown += element.Text();
         }
         for (int key = -3; key < 5; ++key) {
-            shown += " " + std::to_string(table.Lookup(key));
+            shown += " " + std::to_string(table.Lookup(key).Size());
         }
         return shown + " " + std::to_string(table.Size() + other.Size());
     };
@@ -273,10 +347,10 @@ TEST(Memory, ThatIsShortChangesNothing) {
     ShortMemoryChangesNothing([&] { other = array; }, show);
     ShortMemoryChangesNothing([&] { array.Erase(2); }, show);
     for (const int key : {0, 1, 2, 3, 4, -1, -2, -3, 2}) {
-        ShortMemoryChangesNothing([&] { table.Insert(key, 100); }, show);
+        ShortMemoryChangesNothing([&] { table.Insert(key, row); }, show);
     }
     ShortMemoryChangesNothing([&] { KLVBasAtiThread thread(task); }, show);
-    EXPECT_EQ("a-2147483648abda 100 100 100 100 100 100 100 100 13", show());
+    EXPECT_EQ("a-2147483648abda 2 2 2 2 2 2 2 2 13", show());
 }
 
 TEST(DiagnosticsDeathTest, FatalErrorShowsItsTextsAndPlaceAndAborts) {
