@@ -98,7 +98,7 @@ TEST(Header, CutAnywhereFailsAndTheEndOfThePeerIsFound) {
     }
 }
 
-TEST(Header, UnusableLengthFailsAndAGoodOneIsServed) {
+TEST(Header, UnusableLengthEndsItsHeaderAlone) {
     for (const unsigned int length : {0u, 0x7ffffffeu, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
         ConnectedPair hostile, good;
         const int before = Blocks();
@@ -114,21 +114,13 @@ TEST(Header, UnusableLengthFailsAndAGoodOneIsServed) {
     EXPECT_EQ(0x7fffffffu, RefusedSize()) << "the one that fits was asked for";
 }
 
-TEST(Header, RegisteredAndUnknownNamesArriveAlikeAndTheFirstPrototypeStays) {
+TEST(Header, RegisteredNamesArriveLikeUnknownOnes) {
     ConnectedPair pair;
-    TextMessage first("first"), second("second");
     const KLVString registered[] = {"b", {"a\0b", 3}, "bb", "A", "a"};
-    Registry().RegisterMessagePrototype(registered[0], nullptr);  // which holds the name
     for (const KLVString& name : registered) {
-        Registry().RegisterMessagePrototype(name, &first);
-        Registry().RegisterMessagePrototype(name, &second);
+        Registry().RegisterMessagePrototype(name, nullptr);
     }
-    for (const auto& [sent, maker] : {std::pair("a", "first"),
-                                      {"A", "first"},
-                                      {"b", ""},
-                                      {"b!", ""},
-                                      {"bb", "first"},
-                                      {"c", ""}}) {
+    for (const char* const sent : {"a", "A", "b", "b!", "bb", "c"}) {
         KLVString received;
         pair.peer.Send(HeaderBytes(sent));
         EXPECT_EQ(1, Registry().RetrieveMessageTypeFromSocket(pair.number, received));
@@ -136,8 +128,21 @@ TEST(Header, RegisteredAndUnknownNamesArriveAlikeAndTheFirstPrototypeStays) {
         for (const KLVString& name : registered) {  // such a name is not copied
             EXPECT_EQ(name == received, name.Text() == received.Text());
         }
-        const std::unique_ptr<KLVMsgSocketMessage> made(Registry().GetMsgInstance(received));
-        EXPECT_EQ(KLVString(maker), made ? made->GetMessageType() : KLVString());
+    }
+}
+
+TEST(Registry, FirstPrototypeStays) {
+    TextMessage first("first"), second("second");
+    Registry().RegisterMessagePrototype("none", nullptr);  // which holds the name
+    for (const KLVString& name : {KLVString("none"), KLVString("a\0b", 3), KLVString("a")}) {
+        Registry().RegisterMessagePrototype(name, &first);
+        Registry().RegisterMessagePrototype(name, &second);
+    }
+    EXPECT_EQ(nullptr, Registry().GetMsgInstance("none"));
+    EXPECT_EQ(nullptr, Registry().GetMsgInstance("unknown"));
+    for (const KLVString& name : {KLVString("a\0b", 3), KLVString("a")}) {
+        const std::unique_ptr<KLVMsgSocketMessage> made(Registry().GetMsgInstance(name));
+        EXPECT_EQ(KLVString("first"), made->GetMessageType());
     }
 }
 
@@ -186,11 +191,9 @@ TEST(Registry, FailedStartIsReportedUnlessThereIsNoSocketAtAll) {
     EXPECT_EQ("getaddrinfo socket bind freeaddrinfo listen", log.Names());
 }
 
-TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
+TEST(Registry, NumberGivenAgainReplacesTheSocket) {
     ConnectedPair left;
     const int number = StartLoopbackServer()->descriptor;
-    Registry().SetName(number, "first");
-    Registry().SetName(number, "name");
     for (const bool connect : {true, false}) {
         ::close(number);  // behind the registry's back
         const int before = Blocks();
@@ -206,11 +209,23 @@ TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
     Registry().ShutDownConnection(number);
     EXPECT_EQ("shutdown close", log.Names());
     EXPECT_EQ(nullptr, Registry().GetSocket(number));
+}
+
+TEST(Registry, NamesOutliveTheirConnections) {
+    const int number = StartLoopbackServer()->descriptor;
     KLVString name("-");
-    Registry().GetName(unknown, name);
+    Registry().GetName(number, name);
     EXPECT_EQ(KLVString("-"), name);
+    Registry().SetName(number, "first");
+    Registry().SetName(number, "name");
+    Registry().ShutDownConnection(number);
+    EXPECT_EQ(number, StartLoopbackServer()->descriptor);
     Registry().GetName(number, name);
     EXPECT_EQ(KLVString("name"), name);
+}
+
+TEST(Registry, FinalizeLeavesSocketsOpen) {
+    ConnectedPair left;
     KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Finalize();
     EXPECT_EQ(1, Registry().AddConnection(left.socket));
     EXPECT_EQ(0, Registry().AddConnection(left.socket));

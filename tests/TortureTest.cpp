@@ -395,8 +395,8 @@ TEST(Torture, AnyAllocationMayFail) {
     EXPECT_LT(100, n);
 }
 
-TEST(Torture, AnySystemCallMayFail) {
-    std::signal(SIGPIPE, SIG_IGN);
+// The calls, each with the errors that it may fail with.
+static std::vector<std::pair<std::string, int>> Failures() {
     const std::pair<std::string, std::vector<int>> calls[] = {
         {"getaddrinfo", {ENOENT, ENOMEM}},
         {"socket", {EMFILE, ENOBUFS}},
@@ -412,15 +412,29 @@ TEST(Torture, AnySystemCallMayFail) {
         {"close", {EINTR, EIO}},
         {theWait, {EINTR, ENOMEM, EBADF}},
     };
-    testing::internal::CaptureStderr();
+    std::vector<std::pair<std::string, int>> failures;
     for (const auto& [call, errors] : calls) {
         for (const int error : errors) {
-            int n = 1;
-            while (Survives({n, call, error})) {
-                ++n;
-            }
-            EXPECT_LT(1, n) << call << " is never made";
+            failures.emplace_back(call, error);
         }
     }
-    testing::internal::GetCapturedStderr();
+    return failures;
 }
+
+struct TortureCall : testing::TestWithParam<std::pair<std::string, int>> {};
+
+TEST_P(TortureCall, MayFailAnywhere) {
+    std::signal(SIGPIPE, SIG_IGN);
+    const auto& [call, error] = GetParam();
+    testing::internal::CaptureStderr();
+    int n = 1;
+    while (Survives({n, call, error})) {
+        ++n;
+    }
+    testing::internal::GetCapturedStderr();
+    EXPECT_LT(1, n) << call << " is never made";
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, TortureCall, testing::ValuesIn(Failures()), [](const auto& failure) {
+    return failure.param.first + "_" + strerrorname_np(failure.param.second);
+});

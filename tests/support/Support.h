@@ -20,7 +20,8 @@
 KLVMsgSocketCommunicator& Communicator();
 KLVMsgConnectionServicesUtils& Registry();
 
-// Asks again and again until it holds, for half a minute at the most; false when it never did.
+// Asks again and again until it holds. What never does ends with the test's time-out, which is much
+// shorter than the limit here: false then.
 bool Eventually(const std::function<bool()>& condition);
 
 // How many descriptors the process has open.
