@@ -108,15 +108,11 @@ struct Row : KLVBasVector<int> {
     static inline std::size_t alive = 0;
 };
 
-TEST(Vector, PushBackThatThrowsChangesNothing) {
-    auto rows = ListOf<Row>({Row(1), Row(2), Row(3), Row(4)});  // as many as it has room for
-    const auto size = [&] { return rows.Size() + 10 * Row::alive; };
-    EXPECT_EQ(6, ShortMemoryChangesNothing([&] { rows.PushBack(rows[0]); }, size));
-}
-
 TEST(Vector, EraseThatThrowsEndsItBeforeTheGap) {
     for (int n = 1; n <= 4; ++n) {
-        auto rows = ListOf<Row>({Row(1), Row(2), Row(3), Row(4), Row(5)});
+        auto rows = ListOf<Row>({Row(1), Row(3), Row(4), Row(5)});
+        const auto size = [&] { return rows.Size() + 10 * Row::alive; };
+        EXPECT_EQ(6, ShortMemoryChangesNothing([&] { rows.PushBack(rows[0]); }, size));
         const Row* const first = &rows[0];
         bool thrown = false;
         try {
@@ -130,7 +126,7 @@ TEST(Vector, EraseThatThrowsEndsItBeforeTheGap) {
         EXPECT_EQ(rows.Size(), Row::alive);
         EXPECT_EQ(first, &rows[0]) << "moved to other memory";
         for (std::size_t i = 0; i < rows.Size(); ++i) {
-            EXPECT_EQ((std::array{1, 3, 4, 5})[i], rows[i][0]);
+            EXPECT_EQ((std::array{1, 4, 5, 1})[i], rows[i][0]);
         }
     }
 }
@@ -168,25 +164,23 @@ TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {
     }
 }
 
-// A look-up goes through the slots that are taken side by side.
+// A look-up goes through slots that are taken side by side: here never ten.
 TEST(UintTable, KeysAtEqualDistancesStandApart) {
     for (const unsigned distance : {1u, 2u, 3u, 10u, 64u, 1000u, 4096u}) {
         omi_UintTable<int> table;
         for (unsigned i = 0; i < 4000; ++i) {
             table.Insert(i * distance, 0);
         }
-        std::vector<const int*> places;
+        std::vector<std::ptrdiff_t> places;
         omi_UintTableIterator<int> position(table);
         for (position.First(); !position.IsDone(); position.Next()) {
-            places.push_back(&position.CurrentValue());
+            places.push_back(reinterpret_cast<std::ptrdiff_t>(&position.CurrentValue()));
         }
         std::sort(places.begin(), places.end());
-        std::vector<std::ptrdiff_t> gaps;
-        std::transform(places.begin() + 1, places.end(), places.begin(), std::back_inserter(gaps),
-                       std::minus<>());
-        const std::ptrdiff_t none = *std::min_element(gaps.begin(), gaps.end());
-        EXPECT_EQ(gaps.end(), std::search_n(gaps.begin(), gaps.end(), 9, none))
-            << "ten side by side at a distance of " << distance;
+        std::adjacent_difference(places.begin(), places.end(), places.begin());
+        places.front() = places.back();
+        const std::ptrdiff_t slot = *std::min_element(places.begin(), places.end());
+        EXPECT_EQ(places.end(), std::search_n(places.begin(), places.end(), 9, slot)) << distance;
     }
 }
 
@@ -236,7 +230,9 @@ private:
 
 TEST(Mutex, GoesToItsWaitersInTheOrderOfTheirArrival) {
     Waiters waiters(70);
+    MutexCalls::mostWoken = errno = 0;
     waiters.mutex->Unlock();
+    EXPECT_EQ(0, errno);
     waiters.mutex->Lock();
     waiters.served.push_back(70);
     waiters.mutex->Unlock();
@@ -244,15 +240,8 @@ TEST(Mutex, GoesToItsWaitersInTheOrderOfTheirArrival) {
     std::vector<int> arrived(71);
     std::iota(arrived.begin(), arrived.end(), 0);
     EXPECT_EQ(arrived, waiters.served);
-}
-
-TEST(Mutex, WakesFewOfManyWaiters) {
-    Waiters waiters(70);
-    MutexCalls::mostWoken = 0;
-    waiters.mutex->Unlock();
-    waiters.AwaitEnd();
     EXPECT_LT(0, MutexCalls::mostWoken);
-    EXPECT_GE(16, MutexCalls::mostWoken) << "those whose turn is near";
+    EXPECT_GE(16, MutexCalls::mostWoken) << "at once: more than those whose turn is near";
 }
 
 TEST(Mutex, CallsTheSystemForWaitersOnly) {
@@ -263,14 +252,6 @@ TEST(Mutex, CallsTheSystemForWaitersOnly) {
         mutex->Unlock();
     }
     EXPECT_EQ(before, MutexCalls::made);
-}
-
-TEST(Mutex, LeavesErrnoAlone) {
-    Waiters waiters(1);  // which look at theirs
-    errno = 0;
-    waiters.mutex->Unlock();
-    EXPECT_EQ(0, errno);
-    waiters.AwaitEnd();
 }
 
 // With a sanitizer: Unlock leaves the mutex alone once another thread has it.
@@ -322,16 +303,14 @@ struct Sleeper : KLVBasAtiThreadTask {
 };
 
 TEST(Thread, HandsItsResultToEveryJoin) {
-    Sleeper task;
-    KLVBasAtiThread thread(task);
-    EXPECT_EQ(7, thread.Join());
-    EXPECT_EQ(7, thread.Join());
-}
-
-TEST(Thread, IsAwaitedByItsDestructor) {
-    Sleeper task;
-    { const KLVBasAtiThread unjoined(task); }
-    EXPECT_TRUE(task.done);
+    Sleeper task, other;
+    {
+        KLVBasAtiThread thread(task);
+        EXPECT_EQ(7, thread.Join());
+        EXPECT_EQ(7, thread.Join());
+        const KLVBasAtiThread unjoined(other);
+    }
+    EXPECT_TRUE(other.done) << "awaited by its destructor";
 }
 
 TEST(Memory, ThatIsShortChangesNothing) {

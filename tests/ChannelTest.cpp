@@ -48,58 +48,31 @@ std::string Write(const std::string& text, int pieceSize) {
 
 }  // namespace
 
-struct Query : testing::Test {
-    ConnectedPair a{"pair"}, other{"Pair"}, b{"pair"};
-    const Channels channels =
-        ListOf({b.number, other.number, unknown, a.number, b.number, a.number});
-    TextMessage first{"A"}, small{"a"}, second{"A"}, nameless{""};
-    const KLVBasVector<KLVMsgSocketMessage*> messages =
+TEST(Query, AppendsExactMatchesInOrder) {
+    ConnectedPair a("pair"), other("Pair"), b("pair");
+    const Numbers numbers{b.number, other.number, unknown, a.number, b.number, a.number};
+    KLVMsgChannelOrganizer organizer;
+    organizer.channels = ListOf(numbers);
+    TextMessage first("A"), small("a"), second("A"), nameless("");
+    const auto messages =
         ::ListOf<KLVMsgSocketMessage*>({&first, &small, &second, &nameless, &first, &second});
     Channels found = ListOf({other.number});
-    KLVBasVector<int> positions = ::ListOf<int>({7});
-    KLVMsgChannelQueryByLabel pair{"pair"};
-    const KLVMsgMessageQueryByType type{"A"};
-};
-
-TEST_F(Query, SelectsExactMatchesInOrder) {
-    KLVMsgChannelQueryByLabel("pai").Search(channels, found);
+    KLVBasVector<int> positions;
+    KLVMsgChannelQueryByLabel pair("pair");
+    const KLVMsgMessageQueryByType type("A");
+    KLVMsgChannelQueryByLabel("pai").Search(organizer.channels, found);
     KLVMsgMessageQueryByType("").Search(messages, positions);
-    pair.Search(channels, found);
-    type.Search(messages, positions);
-    EXPECT_EQ((Numbers{7, 3, 0, 2, 4, 5}), VectorOf(positions));
-    EXPECT_EQ((Numbers{other.number, b.number, a.number, b.number, a.number}), NumbersOf(found));
-}
-
-TEST_F(Query, AppendsAllOrNothing) {
-    KLVMsgChannelOrganizer organizer;
-    organizer.channels = channels;
-    const auto all = [&] { organizer.LookupChannel(nullptr, found); };
     const auto sizes = [&] { return positions.Size() + found.Size(); };
     EXPECT_LT(0, ShortMemoryChangesNothing([&] { type.Search(messages, positions); }, sizes));
-    EXPECT_LT(0, ShortMemoryChangesNothing([&] { pair.Search(channels, found); }, sizes));
+    EXPECT_LT(0, ShortMemoryChangesNothing([&] { pair.Search(organizer.channels, found); }, sizes));
+    EXPECT_EQ((Numbers{3, 0, 2, 4, 5}), VectorOf(positions));
+    EXPECT_EQ((Numbers{other.number, b.number, a.number, b.number, a.number}), NumbersOf(found));
+    const auto all = [&] { organizer.LookupChannel(nullptr, found); };
     EXPECT_LT(0, ShortMemoryChangesNothing(all, sizes));
 }
 
-TEST(Organizer, ShutsDownWhatItRemoves) {
-    ConnectedPair stranger, watched, known("label"), last;
-    KLVMsgChannelOrganizer organizer;
-    organizer.RegisterChannel(watched.channel, true);
-    organizer.RegisterChannel(known.channel, false);
-    organizer.RegisterChannel(last.channel, true);
-    organizer.RemoveChannel(stranger.channel, true);
-    EXPECT_EQ("", stranger.peer.Receive(1));
-    EXPECT_EQ(-1, stranger.channel.connection);
-    organizer.RemoveChannel(organizer.waitable.channels[0], true);  // an entry itself
-    EXPECT_EQ("", watched.peer.Receive(1));
-    KLVMsgChannelQueryByLabel query("label");
-    organizer.RemoveChannel(&query, true);
-    EXPECT_EQ("", known.peer.Receive(1));
-    organizer.Shutdown();
-    EXPECT_EQ("", last.peer.Receive(1));
-}
-
 TEST(Organizer, RemovingTakesTheFirstEntryOffEachList) {
-    ConnectedPair twice, unwatched("once"), first, second;
+    ConnectedPair twice, unwatched("once"), stranger, first, second;
     KLVMsgChannelOrganizer organizer;
     using Lists = std::pair<Numbers, Numbers>;
     const auto lists = [&] {
@@ -109,6 +82,9 @@ TEST(Organizer, RemovingTakesTheFirstEntryOffEachList) {
     organizer.RegisterChannel(twice.channel, true);
     organizer.RegisterChannel(twice.channel, true);
     organizer.RemoveChannel(twice.channel, false);
+    organizer.RemoveChannel(stranger.channel, true);
+    EXPECT_EQ(-2, twice.channel.connection + KLVMsgChannel(nullptr, "label").connection);
+    EXPECT_EQ("", twice.peer.Receive(1) + stranger.peer.Receive(1));
     EXPECT_EQ(Lists({unwatched.number, twice.number}, {twice.number}), lists());
     KLVMsgChannelQueryByLabel query("once");
     organizer.RemoveChannel(&query, true);
@@ -119,6 +95,7 @@ TEST(Organizer, RemovingTakesTheFirstEntryOffEachList) {
               lists());
     organizer.RemoveChannel(organizer.channels[0], true);  // an entry itself
     organizer.RemoveChannel(organizer.waitable.channels[1], true);
+    EXPECT_EQ("", unwatched.peer.Receive(1) + second.peer.Receive(1));
     struct : KLVMsgChannelQuery {
         void Search(const KLVBasVector<KLVMsgChannel>& in,
                     KLVBasVector<KLVMsgChannel>& out) const override {
@@ -129,6 +106,7 @@ TEST(Organizer, RemovingTakesTheFirstEntryOffEachList) {
     organizer.RemoveChannel(&last, true);  // one of two entries, on each list
     EXPECT_EQ(Lists({first.number}, {first.number}), lists());
     organizer.Shutdown();
+    EXPECT_EQ("", first.peer.Receive(1));
     EXPECT_EQ(Lists(), lists());
 }
 
@@ -136,36 +114,24 @@ TEST(Waitable, TimeLimitReachesTheSystemInMicroseconds) {
     ConnectedPair pair;
     pair.peer.Send("x");
     KLVMsgChannelWaitable waitable(ListOf({pair.number}));
-    const CallLog log;
     std::string limits;
     testing::internal::CaptureStderr();
-    for (const int milliseconds : {0, -1, 20, 1000, 1001, 2500}) {
-        waitable.WaitForConnectionAndMessages(milliseconds);
-        limits += log.Calls().back().rest;
+    {
+        const Interposed waits([&](SystemCall& call) -> std::optional<long> {
+            limits += call.rest;
+            return limits == "0 0 " ? std::optional<long>(-EINTR) : std::nullopt;
+        });
+        for (const int milliseconds : {0, -1, 20, 1000, 1001, 2500}) {
+            waitable.WaitForConnectionAndMessages(milliseconds);
+        }
     }
-    EXPECT_EQ("waiting for select22\n", testing::internal::GetCapturedStderr()) << "that of -1";
-    EXPECT_EQ("0 0 0 -1000 0 20000 0 1000000 1 1000 2 500000 ", limits);
-}
-
-TEST(Waitable, RefusedWaitIsReported) {
-    ConnectedPair pair;
-    pair.peer.Send("x");
-    KLVMsgChannelWaitable waitable(ListOf({pair.number}));
-    const FailingCall interrupted(theWait, EINTR, 1);
-    testing::internal::CaptureStderr();
-    waitable.WaitForConnectionAndMessages(1000);
-    EXPECT_EQ("waiting for select4\n", testing::internal::GetCapturedStderr());
-    EXPECT_EQ(0u, waitable.readyChannels.Size());
-    waitable.WaitForConnectionAndMessages(1000);
-    EXPECT_EQ(1u, waitable.readyChannels.Size());
-}
-
-TEST(Diagnostics, NameTheCallThatFailed) {
-    testing::internal::CaptureStderr();
     printError("bind", EADDRINUSE);
     EXPECT_EQ(&aio_cerr, &endl(aio_cerr));
-    EXPECT_EQ("bind: " + std::string(std::strerror(EADDRINUSE)) + "\n\n",
+    EXPECT_EQ("waiting for select4\nwaiting for select22\nbind: " +
+                  std::string(std::strerror(EADDRINUSE)) + "\n\n",
               testing::internal::GetCapturedStderr());
+    EXPECT_EQ("0 0 0 -1000 0 20000 0 1000000 1 1000 2 500000 ", limits);
+    EXPECT_EQ(4u, waitable.readyChannels.Size());
 }
 
 TEST(Waitable, ReadableConnectionIsReportedOncePerEntry) {
@@ -213,11 +179,12 @@ TEST(Waitable, ServerAcceptsOncePerWait) {
     EXPECT_FALSE(waitable.newChannels[0] == waitable.newChannels[1]);
 }
 
-TEST(Waitable, NumberOfAClosedSocketGoesToTheNewConnection) {
+TEST(Waitable, NumberGivenAgainIsTheNewConnectionsUnlessItsSocketIsOpen) {
     KLVMsgServerSocket* const server = StartLoopbackServer();
-    ConnectedPair talking, old("old");
+    ConnectedPair holder("holder"), talking, old("old");
+    Communicator().AddConnection(holder.channel, true);
     talking.peer.Send("x");
-    PlainPeer next(server->address.port);
+    PlainPeer next(server->address.port), last(server->address.port);
     old.EndByPeer();
     KLVMsgChannelWaitable waitable(
         ListOf({old.number, server->descriptor, old.number, talking.number}));
@@ -226,23 +193,14 @@ TEST(Waitable, NumberOfAClosedSocketGoesToTheNewConnection) {
     EXPECT_EQ(theWait + " accept", log.Names());
     EXPECT_EQ((Numbers{server->descriptor, talking.number}), NumbersOf(waitable.channels));
     EXPECT_EQ((Numbers{talking.number}), NumbersOf(waitable.readyChannels));
-    EXPECT_EQ((Numbers{old.number}), NumbersOf(waitable.newChannels));
     EXPECT_TRUE(old.channel.IsActiveInCurrentThreads());
     EXPECT_EQ(KLVString(), old.channel.GetLabel());
-}
-
-TEST(Waitable, NumberOfAnOpenSocketStaysItsOwn) {
-    KLVMsgServerSocket* const server = StartLoopbackServer();
-    ConnectedPair holder("holder");
-    Communicator().AddConnection(holder.channel, true);
-    PlainPeer next(server->address.port);
-    next.Send("x");
-    KLVMsgChannelWaitable waitable(ListOf({server->descriptor}));
     ::close(holder.number);  // behind the socket's back
     waitable.WaitForConnectionAndMessages(1000);
-    EXPECT_EQ((Numbers{holder.number}), NumbersOf(waitable.newChannels));
+    EXPECT_EQ((Numbers{old.number, holder.number}), NumbersOf(waitable.newChannels));
     EXPECT_EQ(0u, Known().size()) << "what had the number before";
     EXPECT_EQ(holder.socket, holder.channel.GetSocket());
+    last.Send("x");
     char byte = 0;
     EXPECT_EQ(1, holder.socket->read(&byte, 1));
 }
@@ -283,35 +241,29 @@ TEST(Stream, NextPieceStartsWhereTheCountStands) {
         backwards.write(data, sizeof data, count);
         ASSERT_EQ(INT_MIN + 10, count);
     }
-    int count = 30;
-    stream.m_connectionNumber = open.number;
-    stream.write(data, 3, count);
-    EXPECT_EQ(33, count) << "in one piece";
 }
 
 TEST(Stream, ReadIsOneReceive) {
     ConnectedPair connection;
     KLVMsgSimpleInputStream input;
-    input.m_connectionNumber = connection.number;
-    connection.peer.Send(std::string(30, 'x'));
-    char buffer[100] = {};
-    int count = 3;
-    input.read(buffer, 100, count);
-    EXPECT_EQ(30, count);
-    connection.peer.Close();
-    input.read(buffer, 100, count);
-    EXPECT_EQ(0, count);
-}
-
-TEST(Stream, WithoutAStreamSocketNothingMoves) {
-    KLVMsgSimpleInputStream input;
     KLVMsgBufferedOutputStream output(4);
-    char buffer[10] = {};
+    char buffer[100] = {};
     int count = 42;
     for (const int number : {-1, unknown, StartLoopbackServer()->descriptor}) {
         input.m_connectionNumber = output.m_connectionNumber = number;
         input.read(buffer, 10, count);
         output.write(buffer, 10, count);
-        EXPECT_EQ(42, count);
+        EXPECT_EQ(42, count) << "without a stream socket";
     }
+    input.m_connectionNumber = connection.number;
+    connection.peer.Send(std::string(30, 'x'));
+    input.read(buffer, 100, count);
+    EXPECT_EQ(30, count);
+    output.m_connectionNumber = connection.number;
+    output.write(buffer, 3, count);
+    EXPECT_EQ(33, count);
+    EXPECT_EQ("xxx", connection.peer.Receive(3));
+    connection.peer.Close();
+    input.read(buffer, 100, count);
+    EXPECT_EQ(0, count);
 }

@@ -18,7 +18,7 @@
 
 namespace {
 
-// Both ends of a connection in memory, which hands out one byte with each read.
+// Both ends of a connection in memory, which hands out little with each read.
 struct Memory final : KLVMsgOutputStream, KLVMsgInputStream {
     void write(void* data, int length, int& count) override {
         bytes.append(static_cast<const char*>(data), static_cast<std::size_t>(length));
@@ -27,7 +27,8 @@ struct Memory final : KLVMsgOutputStream, KLVMsgInputStream {
     }
     void read(void* buffer, int length, int& count) override {
         largest = std::max(largest, length);
-        count = bytes.empty() || length == 0 ? 0 : 1;
+        const std::size_t piece = bytes.size() > 5000 ? 1000 : 1;
+        count = std::min(length, static_cast<int>(std::min(piece, bytes.size())));
         std::memcpy(buffer, bytes.data(), static_cast<std::size_t>(count));
         bytes.erase(0, static_cast<std::size_t>(count));
     }
@@ -108,25 +109,17 @@ TEST(FramedMessage, IsNotReadBeyondItsLimit) {
 // Two required fields, and a name of several words.
 using NamePart = google::protobuf::UninterpretedOption::NamePart;
 
-TEST(ProtobufMessage, WithoutARequiredFieldIsNotSent) {
-    KLVMsgProtobufMessage<NamePart> message;
+TEST(ProtobufMessage, WithoutARequiredFieldIsRefused) {
+    KLVMsgProtobufMessage<NamePart> sent, received;
     std::string bytes;
-    message.content.set_name_part("name");
-    EXPECT_FALSE(message.Encode(bytes));
-    message.content.set_is_extension(true);
-    EXPECT_TRUE(message.Encode(bytes = ""));
-}
-
-TEST(ProtobufMessage, WithoutARequiredFieldIsNotWhole) {
-    KLVMsgProtobufMessage<NamePart> message;
-    EXPECT_FALSE(message.Decode("\n\4name"));
-    EXPECT_TRUE(message.Decode("\n\4name\20\1"));
-    EXPECT_EQ("name", message.content.name_part());
-}
-
-TEST(ProtobufMessage, HasTheNameThatStandsInItsFile) {
-    EXPECT_STREQ("google.protobuf.UninterpretedOption.NamePart",
-                 KLVMsgProtobufMessage<NamePart>().GetMessageType().Text());
+    sent.content.set_name_part("name");
+    EXPECT_FALSE(sent.Encode(bytes));
+    sent.content.set_is_extension(true);
+    EXPECT_TRUE(sent.Encode(bytes = ""));
+    EXPECT_FALSE(received.Decode("\n\4name"));
+    EXPECT_TRUE(received.Decode(bytes));
+    EXPECT_EQ("name", received.content.name_part());
+    EXPECT_STREQ("google.protobuf.UninterpretedOption.NamePart", sent.GetMessageType().Text());
 }
 #endif
 

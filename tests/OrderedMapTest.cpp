@@ -143,7 +143,7 @@ TEST(OrderedMap, FollowsTheModelAlsoWhereComparisonWraps) {
     Map map;
     map.SetNullValue("none");
     Model::Tree model;
-    for (int step = 0; step < 3000; ++step) {
+    for (int step = 0; step < 2000; ++step) {
         const bool insert = random() % 8 < (step / 500 % 2 == 0 ? 6 : 2);  // grows, shrinks, ...
         const bool byRoot = !map.IsEmpty() && random() % 4 == 0;
         const int drawn =
