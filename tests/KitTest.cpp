@@ -50,7 +50,6 @@ struct Letter : KLVMsgFramedMessage {
     std::string text;
 };
 
-// Reads a body that says this length from the bytes; returns those that are left.
 std::string Left(KLVMsgFramedMessage& message, unsigned length, const std::string& bytes) {
     Memory memory;
     memory.bytes.assign(reinterpret_cast<const char*>(&length), sizeof length).append(bytes);

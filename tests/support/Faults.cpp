@@ -239,8 +239,7 @@ void freeaddrinfo(addrinfo* list) noexcept {
     errno = E2BIG;  // as it may do
 }
 
-// Whatever the call, it has six arguments at the most. Those of the mutexes are told from others of
-// their kind by the operation.
+// A call has six arguments at the most. The mutexes' are told from others by the operation.
 long syscall(long number, ...) noexcept {
     std::array<long, 6> values;
     va_list arguments;

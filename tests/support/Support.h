@@ -20,8 +20,7 @@
 KLVMsgSocketCommunicator& Communicator();
 KLVMsgConnectionServicesUtils& Registry();
 
-// Asks again and again until it holds. What never does ends with the test's time-out, which is much
-// shorter than the limit here: false then.
+// Asks again and again until it holds; false after much longer than a test may take.
 bool Eventually(const std::function<bool()>& condition);
 
 // How many descriptors the process has open.
