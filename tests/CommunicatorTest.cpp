@@ -67,7 +67,7 @@ protected:
 
 }  // namespace
 
-TEST_F(CommunicatorTest, AcceptedConnectionsAreKnownAndIdsCountThroughTheWholeProcess) {
+TEST_F(CommunicatorTest, IdsOfSendsToAcceptedConnectionsCountThroughTheWholeProcess) {
     KLVMsgServerSocket* const other = StartLoopbackServer();
     Communicator().AddConnection(KLVMsgChannel(other, "other"), true);
     const PlainPeer a(server->address.port), b(other->address.port);
@@ -92,7 +92,7 @@ TEST_F(CommunicatorTest, AcceptedConnectionsAreKnownAndIdsCountThroughTheWholePr
     EXPECT_EQ(7u, Send(ChannelOf(777), &hello));
 }
 
-TEST_F(CommunicatorTest, QueueWaitsForAStreamAndGoesOutInOrderWithoutWhatCannotBeWritten) {
+TEST_F(CommunicatorTest, QueueGoesOutInOrderWithoutWhatCannotBeWritten) {
     Client a(*this, "pair"), b(*this, "pair"), ended(*this, "ended");
     dynamic_cast<KLVMsgCommSocket*>(b.channel.GetSocket())->ShutDownInput();
     dynamic_cast<KLVMsgCommSocket*>(ended.channel.GetSocket())->ShutDownOutput();

@@ -102,6 +102,13 @@ private:
     const std::unique_ptr<KLVBasAtiMutex> m_mutex;
 };
 
+// The calls by which the mutexes of this process let threads sleep and wake them, so far, and the
+// largest number of threads that one call has woken. After each, errno is something else.
+struct MutexCalls {
+    static inline std::atomic<int> made{0};
+    static inline std::atomic<long> mostWoken{0};
+};
+
 // The lock of a singleton, until that is finalized.
 // Requires: there is an instance, and its lock is free.
 template <class T>
