@@ -10,9 +10,10 @@ print_help() {
   cat <<EOF
 usage: demo.sh [OPTION]... [--] [FILE]...
 
-Installs what is missing, builds the exchange example, and runs it with these arguments: at the message
-task's pace, and at once, or at the one that is asked for. It says how long each took. Without a FILE it
-sends some files of this repository and of the system. The example is built in
+Installs what is missing, builds the exchange example, and runs it with these arguments: on the
+library's own interface, and by a session, or in the way that is asked for. Each tells what moved, and
+in what time. Without a FILE three clients send some files of this repository and of the system, in
+chunks of 64 KiB. The example is built in
 $build,
 or below the folder that the variable KLVMSG_BUILD_DIR names.
 
@@ -46,15 +47,19 @@ run_logged "$build/build.log" cmake --build "$build" --parallel "$(nproc)" --tar
 
 if ! names_files "$@"; then
   echo "== No files given: sending some of this repository and of the system"
-  set -- "$@" "$root/README.md" "$root/CMakeLists.txt" "$build/libKLVMsgCommModules.so" \
-    /etc/passwd /bin/bash
+  # For each of three clients a small one, and a large one in a few dozen messages.
+  set -- --clients 3 --chunk 64 "$@" "$root/README.md" "$root/CMakeLists.txt" /etc/passwd /bin/bash
+  # Without a space in their names, and among those that the program itself has.
+  for library in $(ldd "$program" | awk '$1 ~ /^lib(c|stdc[+][+])[.]so/ { print $3 }'); do
+    set -- "$@" "$library"
+  done
 fi
-# At both paces, unless one is asked for.
+# In both ways, unless one is asked for.
 case " $* " in
-  *" --pace"[\ =]*) paces=("") ;;
-  *) paces=("--pace=task" "--pace=at-once") ;;
+  *" --by"[\ =]*) ways=("") ;;
+  *) ways=("--by=task" "--by=session") ;;
 esac
-for pace in "${paces[@]}"; do
-  echo "== Running: exchange ${pace:+$pace }$*"
-  "$program" ${pace:+"$pace"} "$@"
+for way in "${ways[@]}"; do
+  echo "== Running: exchange ${way:+$way }$*"
+  "$program" ${way:+"$way"} "$@"
 done

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the reference in build/reference/html; fails on a public operation without a comment and on a
-# link that leads nowhere.
+# Builds the reference in build/reference/html; fails on a public operation without a comment, on a link
+# that leads nowhere, and on a unit that the picture of the floors does not show.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/setup.sh
@@ -23,6 +23,15 @@ done
 for diagram in docs/images/*.dot; do
   dot -Tsvg "$diagram" -o "$source/docs/images/$(basename "$diagram" .dot).svg"
 done
+
+# A unit is what a header and its source are together.
+find KLVBase KLVMsgCommServices -name '*.h' -o -name '*.cpp' | while IFS= read -r file; do
+  unit=$(basename "${file%.*}")
+  for picture in docs/images/floors.svg "$source/docs/images/floors.svg"; do
+    grep -qw "$unit" "$picture" || { echo "$picture does not show $unit" >&2; exit 1; }
+  done
+done
+
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 (cd "$source" && { cat docs/Doxyfile; echo "PROJECT_NUMBER = $version"; } | doxygen -)
 rm -rf build/reference

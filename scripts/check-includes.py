@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Fails when a file of the library includes one of a floor above its own, or when files include each
-other in a circle. What includes what comes from the compiler."""
+"""Fails when a file of the library includes one of a floor above its own, or when the units of a floor
+(a header and its source, or a family of them) include each other in a circle. What includes what comes
+from the compiler."""
 
 import os
 import subprocess
@@ -11,7 +12,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 # From the ground up: a whole folder, or the name that a header and its source share.
 FLOORS = (
     "KLVBase/",
-    "KLVMsgExport KLVMsgVectors KLVMsgModuleCount KLVMsgComm_IF KLVMsgCommModules_IF "
+    "KLVMsgExport KLVMsgVectors KLVMsgAtExit KLVMsgModuleCount KLVMsgComm_IF KLVMsgCommModules_IF "
     "KLVMsgSocket KLVMsgCommSocket KLVMsgServerSocket KLVMsgInetAddress KLVMsgSocketAddress "
     "KLVMsgSocketErrorInfo KLVMsgDiagnostics KLVMsgResolvedAddress KLVMsgSocketField "
     "KLVMsgSocketHold KLVMsgSocketInternals",
@@ -27,14 +28,27 @@ FLOORS = (
     "examples/",
 )
 
+# What has its source together with others counts as one with them, under the first name.
+FAMILIES = (
+    "KLVBasAtiMutex KLVBasAtiThreadingModel",
+    "KLVMsgChannelQuery KLVMsgChannelQueryByLabel",
+    "KLVMsgMessageQuery KLVMsgMessageQueryByType",
+    "KLVMsgStream KLVMsgInputStream KLVMsgOutputStream KLVMsgSimpleInputStream "
+    "KLVMsgBufferedOutputStream",
+)
+
 # The one arrow up: the registry keeps prototypes by pointer, and calls their NewInstance.
 MEANT = {("KLVMsgConnectionServicesUtils.cpp", "KLVMsgSocketMessage.h")}
 
 
+def name(path):
+    return os.path.splitext(os.path.basename(path))[0]
+
+
 def floor(path):
-    folder, name = path.split("/")[0] + "/", os.path.splitext(os.path.basename(path))[0]
+    folder = path.split("/")[0] + "/"
     for number, rooms in enumerate(FLOORS, 1):
-        if folder in rooms.split() or name in rooms.split():
+        if folder in rooms.split() or name(path) in rooms.split():
             return number
     sys.exit(f"{path} has no floor: give it one in {os.path.basename(__file__)}")
 
@@ -54,7 +68,7 @@ def included():
                    if os.path.isfile(os.path.join(ROOT, name))} - {file} for file, *used in names}
 
 
-def faults(uses):
+def arrows_up(uses):
     for file, used in sorted(uses.items()):
         own = floor(file)
         for other in sorted(used):
@@ -64,13 +78,52 @@ def faults(uses):
                             for between in used - {other})
             if up > own and drawn and (os.path.basename(file), os.path.basename(other)) not in MEANT:
                 yield f"{file}, floor {own}, includes {other}, floor {up}"
-            if file < other and file in uses.get(other, ()):
-                yield f"{file} and {other} include each other"
+
+
+def unit(path):
+    family = next((rooms for rooms in FAMILIES if name(path) in rooms.split()), name(path))
+    return floor(path), family.split()[0]
+
+
+def neighbours(uses):
+    """For each unit those of its own floor that its files include themselves."""
+    units = {}
+    for file, used in uses.items():
+        direct = {other for other in used
+                  if not any(other in uses.get(between, ()) for between in used - {other})}
+        units.setdefault(unit(file), set()).update(
+            unit(other) for other in direct if floor(other) == floor(file))
+    return {one: others - {one} for one, others in units.items()}
+
+
+def circle(units, start):
+    """The shortest way from a unit to itself, or none."""
+    ways = [[start]]
+    seen = set()
+    for way in ways:
+        for one in sorted(units.get(way[-1], ())):
+            if one == start:
+                return way + [start]
+            if one not in seen:
+                seen.add(one)
+                ways.append(way + [one])
+    return []
+
+
+def circles(uses):
+    """One through each unit that is in a circle and in none named before."""
+    units = neighbours(uses)
+    named = set()
+    for one in sorted(units):
+        found = circle(units, one) if one not in named else []
+        named.update(found)
+        if found:
+            yield f"circle on floor {one[0]}: " + " -> ".join(room for _, room in found)
 
 
 def main():
     uses = included()
-    found = list(faults(uses))
+    found = [*arrows_up(uses), *circles(uses)]
     if found:
         sys.exit("\n".join(found))
     print(f"{len(uses)} files include from their own floor and those below, in no circle.")

@@ -48,7 +48,7 @@ std::string Write(const std::string& text, int pieceSize) {
 
 }  // namespace
 
-TEST(Query, SelectsExactMatchesInOrderAndAppendsAllOrNothing) {
+TEST(Query, AppendsExactMatchesInOrder) {
     ConnectedPair a("pair"), other("Pair"), b("pair");
     const Numbers numbers{b.number, other.number, unknown, a.number, b.number, a.number};
     KLVMsgChannelOrganizer organizer;
@@ -71,7 +71,7 @@ TEST(Query, SelectsExactMatchesInOrderAndAppendsAllOrNothing) {
     EXPECT_LT(0, ShortMemoryChangesNothing(all, sizes));
 }
 
-TEST(Organizer, RemovingShutsDownAndTakesTheFirstEntryOffEachList) {
+TEST(Organizer, RemovingTakesTheFirstEntryOffEachList) {
     ConnectedPair twice, unwatched("once"), stranger, first, second;
     KLVMsgChannelOrganizer organizer;
     using Lists = std::pair<Numbers, Numbers>;
@@ -110,7 +110,7 @@ TEST(Organizer, RemovingShutsDownAndTakesTheFirstEntryOffEachList) {
     EXPECT_EQ(Lists(), lists());
 }
 
-TEST(Waitable, TimeLimitReachesTheSystemInMicrosecondsAndARefusalIsReported) {
+TEST(Waitable, TimeLimitReachesTheSystemInMicroseconds) {
     ConnectedPair pair;
     pair.peer.Send("x");
     KLVMsgChannelWaitable waitable(ListOf({pair.number}));
@@ -134,33 +134,15 @@ TEST(Waitable, TimeLimitReachesTheSystemInMicrosecondsAndARefusalIsReported) {
     EXPECT_EQ(4u, waitable.readyChannels.Size());
 }
 
-TEST(Waitable, ReadableConnectionsAreReportedOncePerEntryAndServersAcceptOnce) {
+TEST(Waitable, ReadableConnectionIsReportedOncePerEntry) {
     ConnectedPair low, high, quiet, ended;
-    KLVMsgServerSocket* const server = StartLoopbackServer();
-    PlainPeer first(server->address.port), second(server->address.port);
     ended.EndByPeer();
     KLVMsgChannelWaitable dead(ListOf({ended.number, -1, unknown}));
     const CallLog log;
     dead.WaitForConnectionAndMessages(1000);
     EXPECT_EQ("", log.Names());
     KLVMsgChannelWaitable waitable(
-        ListOf({server->descriptor, high.number, high.number, server->descriptor, ended.number,
-                quiet.number, unknown, low.number}));
-    waitable.acceptConnections = false;
-    waitable.WaitForConnectionAndMessages(1000);
-    waitable.acceptConnections = true;
-    {
-        const FailingCall failing("accept", EMFILE);
-        waitable.WaitForConnectionAndMessages(1000);
-    }
-    EXPECT_EQ(0u, waitable.newChannels.Size() + waitable.readyChannels.Size());
-    waitable.WaitForConnectionAndMessages(1000);
-    ASSERT_EQ(1u, waitable.newChannels.Size());
-    EXPECT_EQ(KLVString(), waitable.newChannels[0].GetLabel());
-    EXPECT_TRUE(waitable.newChannels[0].IsActiveInCurrentThreads());
-    waitable.WaitForConnectionAndMessages(1000);
-    ASSERT_EQ(2u, waitable.newChannels.Size());
-    EXPECT_FALSE(waitable.newChannels[0] == waitable.newChannels[1]);
+        ListOf({high.number, high.number, ended.number, quiet.number, unknown, low.number}));
     high.peer.Send("x");
     low.peer.Close();
     EXPECT_TRUE(Eventually([&] {
@@ -176,7 +158,28 @@ TEST(Waitable, ReadableConnectionsAreReportedOncePerEntryAndServersAcceptOnce) {
                        });
 }
 
-TEST(Waitable, NumberOfAClosedSocketGoesToTheNewConnectionAndThatOfAnOpenOneStays) {
+TEST(Waitable, ServerAcceptsOncePerWait) {
+    KLVMsgServerSocket* const server = StartLoopbackServer();
+    PlainPeer first(server->address.port), second(server->address.port);
+    KLVMsgChannelWaitable waitable(ListOf({server->descriptor, server->descriptor}));
+    waitable.acceptConnections = false;
+    waitable.WaitForConnectionAndMessages(1000);
+    waitable.acceptConnections = true;
+    {
+        const FailingCall failing("accept", EMFILE);
+        waitable.WaitForConnectionAndMessages(1000);
+    }
+    EXPECT_EQ(0u, waitable.newChannels.Size() + waitable.readyChannels.Size());
+    waitable.WaitForConnectionAndMessages(1000);
+    ASSERT_EQ(1u, waitable.newChannels.Size());
+    EXPECT_EQ(KLVString(), waitable.newChannels[0].GetLabel());
+    EXPECT_TRUE(waitable.newChannels[0].IsActiveInCurrentThreads());
+    waitable.WaitForConnectionAndMessages(1000);
+    ASSERT_EQ(2u, waitable.newChannels.Size());
+    EXPECT_FALSE(waitable.newChannels[0] == waitable.newChannels[1]);
+}
+
+TEST(Waitable, NumberGivenAgainIsTheNewConnectionsUnlessItsSocketIsOpen) {
     KLVMsgServerSocket* const server = StartLoopbackServer();
     ConnectedPair holder("holder"), talking, old("old");
     Communicator().AddConnection(holder.channel, true);
@@ -202,7 +205,7 @@ TEST(Waitable, NumberOfAClosedSocketGoesToTheNewConnectionAndThatOfAnOpenOneStay
     EXPECT_EQ(1, holder.socket->read(&byte, 1));
 }
 
-TEST(Stream, BodyGoesOutInPiecesAndTheLastOneIsNotCounted) {
+TEST(Stream, LastPieceOfABodyIsNotCounted) {
     EXPECT_EQ("4 4 2 -> 8 abcdefghij", Write("abcdefghij", 4));
     EXPECT_EQ("4 4 -> 4 abcdefgh", Write("abcdefgh", 4));
     EXPECT_EQ("4 -> 4 abcd", Write("abcd", 4));
@@ -240,7 +243,7 @@ TEST(Stream, NextPieceStartsWhereTheCountStands) {
     }
 }
 
-TEST(Stream, ReadIsOneReceiveAndNothingMovesWithoutAStreamSocket) {
+TEST(Stream, ReadIsOneReceive) {
     ConnectedPair connection;
     KLVMsgSimpleInputStream input;
     KLVMsgBufferedOutputStream output(4);
@@ -250,7 +253,7 @@ TEST(Stream, ReadIsOneReceiveAndNothingMovesWithoutAStreamSocket) {
         input.m_connectionNumber = output.m_connectionNumber = number;
         input.read(buffer, 10, count);
         output.write(buffer, 10, count);
-        EXPECT_EQ(42, count);
+        EXPECT_EQ(42, count) << "without a stream socket";
     }
     input.m_connectionNumber = connection.number;
     connection.peer.Send(std::string(30, 'x'));

@@ -1,7 +1,14 @@
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <random>
+#include <set>
+#include <stdexcept>
 
 #include "Faults.h"
 #include "Support.h"
@@ -60,7 +67,7 @@ protected:
 
 }  // namespace
 
-TEST_F(CommunicatorTest, AcceptedConnectionsAreKnownAndIdsCountThroughTheWholeProcess) {
+TEST_F(CommunicatorTest, IdsOfSendsToAcceptedConnectionsCountThroughTheWholeProcess) {
     KLVMsgServerSocket* const other = StartLoopbackServer();
     Communicator().AddConnection(KLVMsgChannel(other, "other"), true);
     const PlainPeer a(server->address.port), b(other->address.port);
@@ -85,7 +92,7 @@ TEST_F(CommunicatorTest, AcceptedConnectionsAreKnownAndIdsCountThroughTheWholePr
     EXPECT_EQ(7u, Send(ChannelOf(777), &hello));
 }
 
-TEST_F(CommunicatorTest, QueueWaitsForAStreamAndGoesOutInOrderWithoutWhatCannotBeWritten) {
+TEST_F(CommunicatorTest, QueueGoesOutInOrderWithoutWhatCannotBeWritten) {
     Client a(*this, "pair"), b(*this, "pair"), ended(*this, "ended");
     dynamic_cast<KLVMsgCommSocket*>(b.channel.GetSocket())->ShutDownInput();
     dynamic_cast<KLVMsgCommSocket*>(ended.channel.GetSocket())->ShutDownOutput();
@@ -113,6 +120,115 @@ TEST_F(CommunicatorTest, QueueWaitsForAStreamAndGoesOutInOrderWithoutWhatCannotB
     Communicator().TransmitPendingMessage();
     EXPECT_EQ(1, failing.Count());
     EXPECT_EQ((Ids{}), Pending({9}));
+}
+
+TEST_F(CommunicatorTest, ErrorIsThatUnderTheNumberThatTheSocketHasNow) {
+    ConnectedPair pair;
+    const auto error = [&pair] {
+        const WatchedMutex& lock = LockOf<KLVMsgConnectionServicesUtils>();
+        const int before = lock.taken;
+        int code = 42;
+        KLVString text("none");
+        Communicator().GetErrorsOnChannel(pair.channel, code, text);
+        EXPECT_EQ(before + 1, lock.taken) << "socket and error are looked up in one step";
+        return std::to_string(code) + " " + text.Text();
+    };
+    EXPECT_EQ("0 none", error());
+    pair.socket->lastError = EPIPE;
+    EXPECT_EQ(std::to_string(EPIPE) + " " + std::strerror(EPIPE), error());
+    pair.socket->Shutdown();
+    const Listener other;  // it has the number now
+    pair.socket->Connect(other.address);
+    pair.socket->lastError = EPIPE;
+    ASSERT_NE(pair.number, pair.socket->descriptor);
+    EXPECT_EQ("0 none", error()) << "connected anew";
+    Registry().ShutDownConnection(pair.number);
+    EXPECT_EQ("0 none", error()) << "without a socket";
+}
+
+TEST_F(CommunicatorTest, WhatAFailingWaitHasAcceptedIsMadeKnownByTheNextOne) {
+    KLVMsgServerSocket* const other = StartLoopbackServer();
+    Communicator().AddConnection(KLVMsgChannel(other, "other"), true);
+    std::vector<std::unique_ptr<PlainPeer>> peers;
+    const auto acceptOnBoth = [&] {
+        for (const KLVMsgServerSocket* at : {server, other}) {
+            const Exempt exempt;
+            peers.push_back(std::make_unique<PlainPeer>(at->address.port));
+        }
+        Cycle();
+    };
+    FailEachAllocation(acceptOnBoth, [](int n, bool) {
+        Cycle(nullptr, 0);
+        std::set<int> known, registered;
+        for (const KLVMsgChannel& channel : Known()) {
+            known.insert(channel.connection);
+        }
+        for (int number = 0; number < 200; ++number) {
+            Registry().GetSocket(number) != nullptr ? void(registered.insert(number)) : void();
+        }
+        EXPECT_EQ(registered, known) << n;
+    });
+}
+
+TEST_F(CommunicatorTest, NumberGivenAwayRightBeforeTheLookUpIsNotServed) {
+    for (const bool waits : {false, true}) {
+        ConnectedPair gone;
+        Communicator().AddConnection(gone.channel, true);
+        Send(gone.channel, &hello);
+        std::unique_ptr<ConnectedPair> now;
+        LockOf<KLVMsgConnectionServicesUtils>().before = [&] {
+            ::close(gone.number);  // behind its socket's back
+            now = std::make_unique<ConnectedPair>(gone.listener, "now");
+            now->peer.Send(Bytes("nobody watches that"));
+        };
+        waits ? Cycle(nullptr, 20) : Communicator().TransmitPendingMessage();
+        ASSERT_EQ(gone.number, now->number);
+        now->socket->ShutDownOutput();
+        EXPECT_EQ("", now->peer.Receive(1));
+        EXPECT_EQ(Texts{}, Take());
+    }
+}
+
+TEST(IdleCommunicator, MakesNoRegistry) {
+    KLVMsgBufferedOutputStream output(1);
+    Communicator().SetDefaultOutputStream(&output);
+    KLVMsgChannelWaitable nothing;
+    const int blocks = Blocks();
+    nothing.WaitForConnectionAndMessages(1000);
+    EXPECT_EQ(blocks, Blocks()) << "a wait without channels";
+    Communicator().WaitConnectionsAndMessages(nullptr, 1000);
+    EXPECT_EQ(blocks, Blocks()) << "a cycle without connections";
+    Communicator().TransmitPendingMessage();
+    EXPECT_EQ(blocks, Blocks()) << "a transmission of an empty queue";
+    Registry();
+    EXPECT_LT(blocks, Blocks()) << "which would have shown";
+}
+
+TEST_F(CommunicatorTest, LostConnectionIsWatchedUntilAllReadsAreOver) {
+    for (const bool throws : {false, true}) {
+        ConnectedPair lost, other;
+        std::unique_ptr<ConnectedPair> next;
+        KLVMsgChannelWaitable waitable(ListOf<KLVMsgChannel>({lost.channel, other.channel}));
+        lost.peer.Reset();
+        other.peer.Send(Bytes("read after that"));
+        TextMessage::hook = [&] {
+            EXPECT_EQ(nullptr, lost.channel.GetSocket());
+            EXPECT_EQ(2u, waitable.channels.Size()) << "while others are read";
+            next = std::make_unique<ConnectedPair>(lost.listener, "next");
+            EXPECT_EQ(lost.number, next->number);
+            throws ? throw std::runtime_error("a read") : void();
+        };
+        bool thrown = false;
+        try {
+            Cycle(&waitable);
+        } catch (const std::runtime_error&) {
+            thrown = true;
+        }
+        EXPECT_EQ(throws, thrown);
+        EXPECT_EQ(1u, Take().size());
+        ASSERT_EQ(1u, waitable.channels.Size()) << "though somebody else has the number";
+        EXPECT_TRUE(waitable.channels[0] == other.channel);
+    }
 }
 
 // Selects messages by chance, each twice and some that are not there, and keeps which ones.

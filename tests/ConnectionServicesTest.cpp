@@ -98,7 +98,7 @@ TEST(Header, CutAnywhereFailsAndTheEndOfThePeerIsFound) {
     }
 }
 
-TEST(Header, UnusableLengthFailsAndAGoodOneIsServed) {
+TEST(Header, UnusableLengthEndsItsHeaderAlone) {
     for (const unsigned int length : {0u, 0x7ffffffeu, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
         ConnectedPair hostile, good;
         const int before = Blocks();
@@ -114,7 +114,7 @@ TEST(Header, UnusableLengthFailsAndAGoodOneIsServed) {
     EXPECT_EQ(0x7fffffffu, RefusedSize()) << "the one that fits was asked for";
 }
 
-TEST(Header, RegisteredAndUnknownNamesArriveAlikeAndTheFirstPrototypeStays) {
+TEST(Header, RegisteredNamesArriveLikeUnknownOnes) {
     ConnectedPair pair;
     TextMessage first("first"), second("second");
     const KLVString registered[] = {"b", {"a\0b", 3}, "bb", "A", "a"};
@@ -186,7 +186,7 @@ TEST(Registry, FailedStartIsReportedUnlessThereIsNoSocketAtAll) {
     EXPECT_EQ("getaddrinfo socket bind freeaddrinfo listen", log.Names());
 }
 
-TEST(Registry, NumberGivenAgainReplacesTheSocketAndNamesOutliveIt) {
+TEST(Registry, NumberGivenAgainReplacesTheSocketAlone) {
     ConnectedPair left;
     const int number = StartLoopbackServer()->descriptor;
     Registry().SetName(number, "first");

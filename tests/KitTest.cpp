@@ -1,13 +1,24 @@
 #include <KLVMsgFramedMessage.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <stdexcept>
+#if __has_include(<google/protobuf/descriptor.pb.h>)
+#include <KLVMsgProtobufMessage.h>
+#include <google/protobuf/descriptor.pb.h>
+#endif
+#if __has_include(<cereal/cereal.hpp>)
+#include <KLVMsgCerealMessage.h>
+
+#include <cereal/types/map.hpp>
+#include <cereal/types/string.hpp>
+#endif
 
 #include "Support.h"
 
 namespace {
 
-// Both ends of a connection in memory, which hands out one byte with each read.
+// Both ends of a connection in memory, which hands out little with each read.
 struct Memory final : KLVMsgOutputStream, KLVMsgInputStream {
     void write(void* data, int length, int& count) override {
         bytes.append(static_cast<const char*>(data), static_cast<std::size_t>(length));
@@ -16,7 +27,8 @@ struct Memory final : KLVMsgOutputStream, KLVMsgInputStream {
     }
     void read(void* buffer, int length, int& count) override {
         largest = std::max(largest, length);
-        count = bytes.empty() || length == 0 ? 0 : 1;
+        const std::size_t piece = bytes.size() > 5000 ? 1000 : 1;
+        count = std::min(length, static_cast<int>(std::min(piece, bytes.size())));
         std::memcpy(buffer, bytes.data(), static_cast<std::size_t>(count));
         bytes.erase(0, static_cast<std::size_t>(count));
     }
@@ -32,35 +44,95 @@ struct Letter : KLVMsgFramedMessage {
     static bool Takes(const std::string& bytes) {
         return bytes[0] != '!' ? bytes[0] != '?' : throw std::runtime_error("no letter");
     }
-    std::size_t Limit() const override { return 200000; }
+    std::size_t Limit() const override { return 70000; }
     KLVMsgSocketMessage* NewInstance() override { return new Letter; }
     KLVString GetMessageType() const override { return "Letter"; }
     std::string text;
 };
 
-TEST(KitTest, FramedBodyIsOneWriteAndLeavesTheStreamInStep) {
-    for (const std::string& text :
-         std::vector<std::string>{"yes", "!", "?", std::string(200001, 'x')}) {
+std::string Left(KLVMsgFramedMessage& message, unsigned length, const std::string& bytes) {
+    Memory memory;
+    memory.bytes.assign(reinterpret_cast<const char*>(&length), sizeof length).append(bytes);
+    message.ReadMessage(&memory);
+    EXPECT_LE(memory.largest, 65536) << "room for what has not come";
+    return memory.bytes;
+}
+
+TEST(FramedMessage, GoesOutWithOneWrite) {
+    for (const auto& [text, sent] : {std::pair<std::string, bool>("yes", true),
+                                     {"!", false},
+                                     {"?", false},
+                                     {std::string(70000, 'x'), true},
+                                     {std::string(70001, 'x'), false}}) {
         Memory memory;
-        Letter received;
-        EXPECT_EQ(text == "yes", Letter(text).WriteMessage(&memory));
+        EXPECT_EQ(sent, Letter(text).WriteMessage(&memory));
         EXPECT_EQ(1, memory.writes);
+        Letter received;
         memory.bytes += "next";
-        EXPECT_EQ(text == "yes", received.ReadMessage(&memory));
-        EXPECT_EQ("next", memory.bytes);
+        EXPECT_EQ(sent, received.ReadMessage(&memory));
+        EXPECT_EQ("next", memory.bytes) << "out of step";
     }
 }
 
-TEST(KitTest, FramedBodyIsNotWholeWhenItIsCutOrTooLongOrNoLetter) {
-    for (const auto& [length, body] : {std::pair(200000U, "cut"), {200001U, "much"}, {1U, "!"}}) {
-        Memory memory;
-        memory.bytes.assign(reinterpret_cast<const char*>(&length), sizeof length).append(body);
-        Letter letter;
-        letter.ReadMessage(&memory);
-        EXPECT_FALSE(letter.whole) << body;
-        EXPECT_EQ(length == 200001 ? "much" : "", memory.bytes);
-        EXPECT_LE(memory.largest, 65536) << "room for what has not come";
-    }
+TEST(FramedMessage, TellsThatItWasNotTaken) {
+    struct final : KLVMsgOutputStream {
+        void write(void*, int length, int& count) override { count += length - 1; }
+    } full;
+    EXPECT_EQ(0, Letter("yes").WriteMessage(&full));
 }
+
+TEST(FramedMessage, IsNotWholeWhenItIsNoLetter) {
+    Letter letter;
+    for (const auto& [length, body] : {std::pair(70000U, "cut"), {1U, "!"}, {1U, "?"}}) {
+        EXPECT_EQ("", Left(letter, 3, "yes"));
+        EXPECT_TRUE(letter.whole);
+        EXPECT_EQ("", Left(letter, length, body));
+        EXPECT_FALSE(letter.whole) << body;
+    }
+    EXPECT_EQ("", Left(letter, 3, "yes"));
+    Memory ended;
+    EXPECT_EQ(0, letter.ReadMessage(&ended));
+}
+
+TEST(FramedMessage, IsNotReadBeyondItsLimit) {
+    struct Endless : Letter {
+        std::size_t Limit() const override { return SIZE_MAX; }
+    } endless;
+    Letter letter;
+    EXPECT_EQ("much", Left(letter, 70001, "much"));
+    EXPECT_EQ("much", Left(endless, 0x7ffffffc, "much"));
+    EXPECT_EQ("", Left(endless, 0x7ffffffb, "much"));
+}
+
+#if __has_include(<google/protobuf/descriptor.pb.h>)
+// Two required fields, and a name of several words.
+using NamePart = google::protobuf::UninterpretedOption::NamePart;
+
+TEST(ProtobufMessage, WithoutARequiredFieldIsRefused) {
+    KLVMsgProtobufMessage<NamePart> sent, received;
+    std::string bytes;
+    sent.content.set_name_part("name");
+    EXPECT_FALSE(sent.Encode(bytes));
+    sent.content.set_is_extension(true);
+    EXPECT_TRUE(sent.Encode(bytes = ""));
+    EXPECT_FALSE(received.Decode("\n\4name"));
+    EXPECT_TRUE(received.Decode(bytes));
+    EXPECT_EQ("name", received.content.name_part());
+    EXPECT_STREQ("google.protobuf.UninterpretedOption.NamePart", sent.GetMessageType().Text());
+}
+#endif
+
+#if __has_include(<cereal/cereal.hpp>)
+TEST(CerealMessage, ArrivesUnderItsName) {
+    using Note = KLVMsgCerealMessage<std::map<std::string, int>>;
+    Note note("Note", {{"bolt", 100}, {"washer", 200}});
+    const std::unique_ptr<KLVMsgSocketMessage> received(note.NewInstance());
+    EXPECT_STREQ("Note", received->GetMessageType().Text());
+    Memory memory;
+    EXPECT_EQ(1, note.WriteMessage(&memory));
+    EXPECT_EQ(1, received->ReadMessage(&memory));
+    EXPECT_EQ(note.content, dynamic_cast<Note&>(*received).content);
+}
+#endif
 
 }  // namespace

@@ -50,7 +50,7 @@ TEST(Module, OnlyTheFirstInitializeAndTheLastFinalizeReachTheBaseModulesInOrder)
         calls);
 }
 
-TEST(Module, CountsItsPartsAlreadyUpOnceAndAFinalizeTooMany) {
+TEST(Module, CountsEachPartOnce) {
     int status = 0;
     KLVMsgComm_initialize(status);
     KLVMsgCommModules_specific_initialize(status);

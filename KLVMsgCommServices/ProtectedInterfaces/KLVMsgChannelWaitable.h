@@ -27,7 +27,8 @@ public:
     //
     // Connections that are unknown or marked as closed are passed over, as are those whose
     // descriptor does not fit the descriptor set (1024 and above): these are never found readable,
-    // and their end shows on a send only. With none left to watch it returns at once.
+    // and their end shows on a send only. With none left to watch it returns at once, and without
+    // channels it does not touch the registry either.
     //
     // Takes the registry's lock to look the connections up, before the wait and after it, and holds
     // none while it waits. std::bad_alloc may come when some connections have been accepted: these

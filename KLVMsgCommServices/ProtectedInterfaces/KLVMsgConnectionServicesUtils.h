@@ -146,18 +146,16 @@ public:
 private:
     friend class KLVMsgLockedRegistry;  // through which the floors above look up sockets
 
-    // What is inline here is defined beside its callers, and no part of the binary interface.
-    inline KLVMsgSocket* Find(int number) const;
-    inline KLVMsgCommSocket* FindStreamSocket(int number) const;
-    void Register(KLVMsgSocket* socket);
-    bool AddAccepted(KLVMsgCommSocket* socket);
-    KLVString SharedTypeName(const char* text) const;
-    inline int SendMessageHeader_priv(int number, const KLVString& typeName);
-    inline int RetrieveMessageTypeFromSocket_priv(int number, KLVString& typeName);
-    int WriteHeader(KLVMsgCommSocket& socket, const KLVString& typeName);
-    int ReadHeader(KLVMsgCommSocket& socket, int number, KLVString& typeName);
-    int ReadNameLength(KLVMsgCommSocket& socket, int number);
-    int ReadName(KLVMsgCommSocket& socket, int length, KLVString& typeName);
+    KLVMSG_LOCAL KLVMsgSocket* Find(int number) const;
+    KLVMSG_LOCAL void Register(KLVMsgSocket* socket);
+    KLVMSG_LOCAL bool AddAccepted(KLVMsgCommSocket* socket);
+    KLVMSG_LOCAL KLVString SharedTypeName(const char* text) const;
+    KLVMSG_LOCAL int SendMessageHeader_priv(int number, const KLVString& typeName);
+    KLVMSG_LOCAL int RetrieveMessageTypeFromSocket_priv(int number, KLVString& typeName);
+    KLVMSG_LOCAL int WriteHeader(KLVMsgCommSocket& socket, const KLVString& typeName);
+    KLVMSG_LOCAL int ReadHeader(KLVMsgCommSocket& socket, int number, KLVString& typeName);
+    KLVMSG_LOCAL int ReadNameLength(KLVMsgCommSocket& socket, int number);
+    KLVMSG_LOCAL int ReadName(KLVMsgCommSocket& socket, int length, KLVString& typeName);
 
     omi_IntTable<void*> m_connections;  // number to KLVMsgSocket*, owned
     omi_Btree<KLVString, KLVMsgSocketMessage*> m_prototypes;

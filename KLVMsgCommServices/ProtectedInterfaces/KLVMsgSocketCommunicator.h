@@ -28,7 +28,6 @@
 
 class KLVMSG_EXPORT KLVMsgSocketCommunicator;
 class KLVMsgChannelQuery;
-class KLVMsgCommSocket;
 class KLVMsgCycle;
 struct KLVMsgCycleLists;
 struct KLVMsgTurn;
@@ -155,7 +154,9 @@ public:
     //
     // A connection found lost is no longer watched, and GetErrorsOnChannel gives 0 for it.
     // One whose descriptor is 1024 or above is accepted and never read: its end shows on a send
-    // only. See KLVMsgChannelWaitable for the time and for what a wait reports.
+    // only. See KLVMsgChannelWaitable for the time and for what a wait reports. Without channels
+    // to wait on it returns at once, and as a transmission of an empty queue does not touch the
+    // registry: the message task may run before the registry is made, and after its end.
     //
     // std::bad_alloc passes through between two messages: one that has been read is in the inbox,
     // and connections accepted by then are made known by the next cycle with this waitable.
@@ -182,25 +183,24 @@ public:
     // Sets `code` to the errno of the last failure on the channel's connection and `text` to its
     // message. Without one `code` is 0 and `text` is left alone. The error is not cleared.
     // There is none for a peer that has closed in order, nor for a connection that was reset and so
-    // removed: KLVMsgChannel::IsActiveInCurrentThreads tells whether it is still there.
+    // removed: KLVMsgChannel::IsActiveInCurrentThreads tells whether it is still there. There is
+    // none either for a socket that was connected anew (KLVMsgCommSocket::Connect) since it was
+    // registered: it is asked for under the number that the socket has now.
     void GetErrorsOnChannel(const KLVMsgChannel& channel, int& code, KLVString& text);
 
 private:
-    class Operation;
+    template <class Guard>
+    class UpToDate;
+    using Operation = UpToDate<KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator>>;
 
-    void ForgetNoted();
-    void ForgetReplaced();
-    void Forget(int number);
-    void ShutDown(int number);
-    unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
-    std::size_t PositionInQueue(unsigned int id) const;
-    // What is inline here is defined beside its callers, and no part of the binary interface.
-    inline void Transmit(const KLVMsgChannelMsgStruct& record, KLVMsgCommSocket* socket,
-                         KLVMsgOutputStream& stream);
-    inline void AddTurns(KLVMsgCycle& cycle);
-    void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);
-    void MakeKnown(KLVBasVector<KLVMsgChannel>& accepted);
-    bool ReceiveMessage(const KLVMsgTurn& turn);
+    KLVMSG_LOCAL void ForgetNoted(bool acceptedToo);
+    KLVMSG_LOCAL void Forget(int number);
+    KLVMSG_LOCAL void ShutDown(int number);
+    KLVMSG_LOCAL unsigned int Queue(const KLVMsgChannel& channel, KLVMsgSocketMessage* message);
+    KLVMSG_LOCAL std::size_t PositionInQueue(unsigned int id) const;
+    KLVMSG_LOCAL void Wait(KLVMsgChannelWaitable& waitable, int timeout, KLVMsgCycle& cycle);
+    KLVMSG_LOCAL void MakeKnown(KLVBasVector<KLVMsgChannel>& accepted);
+    KLVMSG_LOCAL bool ReceiveMessage(const KLVMsgTurn& turn);
     template <class Element, class Project>
     void TakeFromInbox(KLVMsgMessageQuery* query, KLVBasVector<Element>& taken, Project project);
 

@@ -4,10 +4,13 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "Messages.h"
+#include "Outcome.h"
 #include "Roles.h"
-#include "Session.h"
 
 namespace {
+
+const char* const noAnswer = "no answer from the hub";
 
 // Reads up to `size` bytes, fewer at the end of the file.
 std::string Read(std::ifstream& file, std::size_t size, const std::string& path) {
@@ -25,16 +28,15 @@ std::string Read(std::ifstream& file, std::size_t size, const std::string& path)
 class Client {
 public:
     explicit Client(const Options& options)
-        : m_session(options.pace),
+        : m_link(NewLink(options.by, "exchange " + options.name, noAnswer)),
           m_name(options.name),
           m_chunkBytes(static_cast<std::size_t>(options.chunkKiB) << 10) {
-        Check(m_session.Connect({options.host.c_str(), options.port}, "hub", Limit()),
-              "gave up: the hub does not accept");
-        Check(m_session.Start());
-        Hello hello;
-        hello.name = options.name;
-        hello.files = options.files.size();
-        m_session.Post("hub", std::move(hello));
+        m_link->Connect({options.host.c_str(), options.port}, "hub");
+        m_link->Start();
+        auto hello = std::make_unique<Hello>();
+        hello->name = options.name;
+        hello->files = options.files.size();
+        RequireHub(m_link->Send("hub", std::move(hello)));
     }
 
     // Sends one file and compares the report with what was sent. One chunk at a time is on its way,
@@ -47,14 +49,13 @@ public:
             chunk->data = Read(file, m_chunkBytes, path);
             last = chunk->data.size() < m_chunkBytes;
             chunk->last = last ? 1 : 0;
-            if (own.bytes != 0 && Await<Receipt>(Limit())->bytes != own.bytes) {
+            if (own.bytes != 0 && Await<Receipt>()->bytes != own.bytes) {
                 throw std::runtime_error("the hub has not counted what was sent");
             }
             own.Add(chunk->data);
-            m_session.Post("hub",
-                           std::move(chunk));  // the next wait finds out when the hub has gone
+            m_link->Post("hub", std::move(chunk));  // the next wait finds out when it has gone
         }
-        const bool agreed = Await<Report>(Limit())->found == own;
+        const bool agreed = Await<Report>()->found == own;
         std::printf(
             "%-10s %11llu %10llu %10llu %08llx  %-9s  %s\n", Printable(m_name).c_str(),
             static_cast<unsigned long long>(own.bytes), static_cast<unsigned long long>(own.lines),
@@ -64,33 +65,35 @@ public:
     }
 
     // The others may take their time.
-    void Leave() {
-        Check(m_session.Receive<Farewell>(std::chrono::hours::max()), "gave up: no farewell",
-              "lost the hub");
-    }
+    void Leave() { RequireHub(m_link->Receive<Farewell>(std::chrono::hours::max())); }
 
 private:
     // A farewell comes in place of any other answer.
     template <class Message>
-    KLVMsgReceived<Message> Await(KLVMsgTimeLimit limit) {
-        const auto deadline = limit.Deadline();
+    KLVMsgReceived<Message> Await() {
+        const auto deadline = Limit().Deadline();
         for (;;) {
-            auto received = m_session.Receive<Message>(std::chrono::milliseconds(100));
-            if (received) {
+            auto received = m_link->Receive<Message>(std::chrono::milliseconds(100));
+            if (received && received->complete) {
                 return received;
             }
-            const auto farewell = m_session.Receive<Farewell>(std::chrono::seconds(0));
+            const auto farewell = m_link->Receive<Farewell>(std::chrono::seconds(0));
             if (farewell) {
                 throw std::runtime_error("sent away: " + farewell->reason);
             }
-            if (received.status != KLVMsgOutcome::kTooLate ||
+            if (received.status == KLVMsgOutcome::kPeerGone ||
                 KLVMsgTimeLimit::Clock::now() >= deadline) {
-                Check(received, "gave up: no answer from the hub", "lost the hub");
+                RequireHub(received);
             }
         }
     }
 
-    Session m_session;
+    void RequireHub(const KLVMsgOutcome& outcome) {
+        Check(outcome, std::string("gave up: ") + noAnswer,
+              "lost the hub" + m_link->CauseOf("hub"));
+    }
+
+    const std::unique_ptr<Link> m_link;
     const std::string m_name;
     const std::size_t m_chunkBytes;
 };

@@ -6,11 +6,12 @@
 #include <csignal>
 #include <cstdio>
 #include <map>
+#include <set>
 #include <tuple>
-#include <vector>
 
+#include "Messages.h"
+#include "Outcome.h"
 #include "Roles.h"
-#include "Session.h"
 
 namespace {
 
@@ -21,23 +22,25 @@ const char* const clearLine = "\r\x1b[K";
 class Hub {
 public:
     explicit Hub(const Options& options)
-        : m_session(options.pace), m_expected(options.clients), m_totalBytes(options.totalBytes) {
+        : m_link(NewLink(options.by, "exchange hub", "a client has stopped amid a message")),
+          m_way(options.by == By::kTask ? "message task" : "session"),
+          m_expected(options.clients),
+          m_totalBytes(options.totalBytes) {
         // Blocked before there is a second thread: only Run asks for them.
         sigemptyset(&m_stopSignals);
         sigaddset(&m_stopSignals, SIGINT);
         sigaddset(&m_stopSignals, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &m_stopSignals, nullptr);
 
-        int port = 0;
-        Check(m_session.Serve({options.host.c_str(), options.port}, &port));
-        Check(m_session.Start());
+        const int port = m_link->Serve({options.host.c_str(), options.port});
+        m_link->Start();
         std::printf("listening on %s, port %d\n", Printable(options.host).c_str(), port);
         std::fflush(stdout);
     }
 
     int Run() {
         while (!m_stopped && m_served + m_lost < m_expected) {
-            const std::vector<KLVMsgPeer> gone = Gone();  // before the last look at what they said
+            const std::set<std::string> gone = Gone();  // before the last look at what they said
             Receive();
             Welcome();
             CountLost(gone);
@@ -47,27 +50,30 @@ public:
         }
         ShowProgress(true);
         SayFarewell();
+        SayWhatMoved();
         return m_served == m_expected ? 0 : 1;
     }
 
 private:
     struct Client {
-        std::string name;
         std::uint64_t filesLeft = 0;
-        TextStatistics current;  // of the file that is arriving
+        Clock::time_point heard;  // when its last message came
+        TextStatistics current;   // of the file that is arriving
     };
 
     // A connection gets its label when the client has told its name.
     void Welcome() {
-        while (const auto hello = m_session.Receive<Hello>(std::chrono::seconds(0))) {
+        while (const auto hello = m_link->Receive<Hello>(std::chrono::seconds(0))) {
+            ++m_heard;
             if (!hello->complete || hello->files == 0 || !IsFree(hello->name)) {
-                Farewell refusal;
-                refusal.reason = "the name is taken or none, or there are no files";
-                m_session.Post(hello.peer, std::move(refusal));
+                auto refusal = std::make_unique<Farewell>();
+                refusal->reason = "the name is taken or none, or there are no files";
+                m_link->Post(hello.peer, std::move(refusal));
+                ++m_said;
                 continue;
             }
-            m_session.SetLabel(hello.peer, hello->name);
-            m_clients[hello.peer] = {hello->name, hello->files, {}};
+            m_link->SetLabel(hello.peer, hello->name);
+            m_clients[hello->name] = {hello->files, Clock::now(), {}};
             m_files += hello->files;
             if (m_start == Clock::time_point()) {
                 m_start = Clock::now();
@@ -76,60 +82,64 @@ private:
     }
 
     bool IsFree(const std::string& name) const {
-        const auto hasIt = [&](const auto& client) { return client.second.name == name; };
-        return !name.empty() && name.size() <= maximalNameBytes &&
-               std::none_of(m_clients.begin(), m_clients.end(), hasIt);
+        return !name.empty() && name.size() <= maximalNameBytes && m_clients.count(name) == 0;
     }
 
     // Waits a little, and takes all that has come. A chunk comes behind its sender's hello.
     void Receive() {
         std::chrono::milliseconds limit(20);
-        while (const auto chunk = m_session.Receive<Chunk>(limit)) {
+        while (const auto chunk = m_link->Receive<Chunk>(limit)) {
+            ++m_heard;
             Welcome();
-            const auto sender = m_clients.find(chunk.peer);
+            const auto sender = m_clients.find(m_link->LabelOf(chunk.peer));
             if (chunk->complete && sender != m_clients.end() && sender->second.filesLeft != 0) {
                 m_bytes += chunk->data.size();
+                sender->second.heard = Clock::now();
                 sender->second.current.Add(chunk->data);
-                Answer(chunk.peer, sender->second, chunk->last != 0);
+                Answer(sender->first, sender->second, chunk->last != 0);
             }
             limit = std::chrono::milliseconds(0);
             ShowProgress(false);
         }
     }
 
-    void Answer(KLVMsgPeer peer, Client& client, bool fileEnds) {
+    void Answer(const std::string& name, Client& client, bool fileEnds) {
+        ++m_said;
         if (!fileEnds) {
-            Receipt receipt;
-            receipt.bytes = client.current.bytes;
-            m_session.Post(peer, std::move(receipt));
+            auto receipt = std::make_unique<Receipt>();
+            receipt->bytes = client.current.bytes;
+            m_link->Post(name, std::move(receipt));
             return;
         }
-        Report report;
-        report.found = client.current;
-        m_session.Post(peer, std::move(report));
+        auto report = std::make_unique<Report>();
+        report->found = client.current;
+        m_link->Post(name, std::move(report));
         client.current = TextStatistics();
         ++m_reported;
         m_served += --client.filesLeft == 0 ? 1 : 0;
     }
 
     // A client stays until the farewell.
-    std::vector<KLVMsgPeer> Gone() {
-        std::vector<KLVMsgPeer> gone;
-        for (const auto& [peer, client] : m_clients) {
-            if (m_session.Peers(peer).empty()) {
-                gone.push_back(peer);
+    std::set<std::string> Gone() {
+        const std::set<std::string> present = m_link->Present();
+        std::set<std::string> gone;
+        for (const auto& [name, client] : m_clients) {
+            if (present.count(name) == 0) {
+                gone.insert(name);
             }
         }
         return gone;
     }
 
-    // Lost are those who have gone with files to come.
-    void CountLost(const std::vector<KLVMsgPeer>& gone) {
-        for (const KLVMsgPeer peer : gone) {
-            Client& client = m_clients[peer];
-            if (client.filesLeft != 0) {
-                std::fprintf(stderr, "%sexchange hub: lost %s\n", m_terminal ? clearLine : "",
-                             Printable(client.name).c_str());
+    // Lost are those who have files to come, and have gone or fallen silent.
+    void CountLost(const std::set<std::string>& gone) {
+        for (auto& [name, client] : m_clients) {
+            const bool hasGone = gone.count(name) != 0;
+            const bool isSilent = Clock::now() - client.heard > Limit().Duration();
+            if (client.filesLeft != 0 && (hasGone || isSilent)) {
+                const std::string cause = hasGone ? m_link->CauseOf(name) : ": no word from it";
+                std::fprintf(stderr, "%sexchange hub: lost %s%s\n", m_terminal ? clearLine : "",
+                             Printable(name).c_str(), cause.c_str());
                 client.filesLeft = 0;
                 ++m_lost;
             }
@@ -184,17 +194,27 @@ private:
         return text;
     }
 
-    // One message for all. Then the session waits for the clients to leave; one that does not is
-    // cut off.
+    // One message for all. A client that does not leave then is cut off.
     void SayFarewell() {
-        Farewell farewell;
-        farewell.reason = m_stopped ? "the hub was stopped" : "all others have been served";
-        m_session.Post(KLVMsgPeers::All(), std::move(farewell));
-        m_session.End(std::chrono::seconds(5));
+        auto farewell = std::make_unique<Farewell>();
+        farewell->reason = m_stopped ? "the hub was stopped" : "all others have been served";
+        m_end = Clock::now();
+        m_said += m_link->Present().size();
+        m_link->End(std::move(farewell));
     }
 
-    Session m_session;
-    std::map<KLVMsgPeer, Client> m_clients;
+    void SayWhatMoved() const {
+        const std::chrono::duration<double> took = m_end - std::min(m_start, m_end);
+        std::printf(
+            "moved by the %s: %s MiB of files in %.1f s, clients: %zu, messages: %llu there and "
+            "%llu back\n",
+            m_way, Mebibytes(static_cast<double>(m_bytes)).c_str(), took.count(), m_clients.size(),
+            static_cast<unsigned long long>(m_heard), static_cast<unsigned long long>(m_said));
+    }
+
+    const std::unique_ptr<Link> m_link;
+    const char* const m_way;
+    std::map<std::string, Client> m_clients;  // by name, which is the label of the connection
     sigset_t m_stopSignals = {};
     bool m_stopped = false;
     int m_expected;
@@ -202,11 +222,14 @@ private:
     int m_lost = 0;
     std::uint64_t m_totalBytes;  // 0: not known
     std::uint64_t m_bytes = 0;
+    std::uint64_t m_heard = 0;  // messages
+    std::uint64_t m_said = 0;
     std::uint64_t m_reported = 0;  // files
     std::uint64_t m_files = 0;     // announced by the clients so far
 
     const bool m_terminal = isatty(STDERR_FILENO) == 1;
     Clock::time_point m_start;  // when the first client came
+    Clock::time_point m_end;
     Clock::time_point m_nextProgress = Clock::now() + std::chrono::seconds(1);
     std::tuple<std::uint64_t, std::uint64_t, std::uint64_t> m_shown;  // all zero: nothing yet
     std::string m_line;

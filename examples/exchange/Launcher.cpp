@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -28,13 +27,14 @@ public:
     ~Launcher() {
         m_failed = m_failed || !m_running.empty();
         WaitForAll();
-        if (m_rows != nullptr) {
-            std::fclose(m_rows);
+        for (std::FILE* const file : {m_hub, m_rows}) {
+            if (file != nullptr) {
+                std::fclose(file);
+            }
         }
     }
 
     int Run() {
-        const auto start = std::chrono::steady_clock::now();
         const std::string port = StartHub();
         if (port.empty()) {
             WaitForAll();  // it has said why
@@ -48,9 +48,7 @@ public:
         }
         WaitForAll();
         PrintTable();
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        std::printf("took %.1f s %s\n", took.count(),
-                    Pace() == "task" ? "at the message task's pace" : "at once");
+        std::fputs(ReadLine(m_hub).c_str(), stdout);
         return m_failed ? 1 : 0;
     }
 
@@ -89,18 +87,29 @@ private:
               {"exchange", "hub", "--host", m_options.host, "--port",
                std::to_string(m_options.port), "--clients", std::to_string(m_options.clients),
                "--timeout", std::to_string(TimeLimit::seconds), "--total",
-               std::to_string(TotalBytes()), "--pace", Pace()},
+               std::to_string(TotalBytes()), "--by", Way()},
               ends[1]);
         close(ends[1]);
-        std::string port;
-        for (char c = 0; read(ends[0], &c, 1) == 1 && c != '\n';) {
-            port = c == ' ' ? std::string() : port.append(1, c);
-        }
-        close(ends[0]);
-        return port;
+        m_hub = fdopen(ends[0], "r");
+        Require(m_hub != nullptr, errno);
+        const std::string line = ReadLine(m_hub);
+        const std::size_t port = line.rfind(' ') + 1;
+        return line.substr(port, line.find('\n') - port);
     }
 
-    std::string Pace() const { return m_options.pace == KLVMsgSession::kTask ? "task" : "at-once"; }
+    std::string Way() const { return m_options.by == By::kTask ? "task" : "session"; }
+
+    // With its end, or nothing where there is none.
+    static std::string ReadLine(std::FILE* file) {
+        std::string line;
+        for (int c = 0; (c = std::fgetc(file)) != EOF;) {
+            line += static_cast<char>(c);
+            if (c == '\n') {
+                return line;
+            }
+        }
+        return "";
+    }
 
     // The files are dealt out like cards, and from the start again to clients that would have none.
     std::size_t Cards() const {
@@ -127,7 +136,7 @@ private:
                                               "--name",    name,
                                               "--chunk",   std::to_string(m_options.chunkKiB),
                                               "--timeout", std::to_string(TimeLimit::seconds),
-                                              "--pace",    Pace(),
+                                              "--by",      Way(),
                                               "--"};
         const std::size_t clients = static_cast<std::size_t>(m_options.clients);
         for (std::size_t card = index; card < Cards(); card += clients) {
@@ -157,14 +166,10 @@ private:
 
     void PrintTable() {
         std::rewind(m_rows);
-        std::vector<std::string> rows(1);
-        for (int c = 0; (c = std::fgetc(m_rows)) != EOF;) {
-            rows.back() += static_cast<char>(c);
-            if (c == '\n') {
-                rows.emplace_back();
-            }
+        std::vector<std::string> rows;
+        for (std::string row; !(row = ReadLine(m_rows)).empty();) {
+            rows.push_back(row);
         }
-        rows.pop_back();
         // By the number in the client's name; each client's rows stay in their order.
         const auto number = [](const std::string& row) {
             return std::atoi(row.c_str() + std::strlen("client-"));
@@ -181,6 +186,7 @@ private:
 
     const Options& m_options;
     std::map<pid_t, std::string> m_running;  // the name of each process
+    std::FILE* m_hub = nullptr;              // the end of the hub's standard output
     std::FILE* m_rows = nullptr;             // what the clients have printed
     bool m_failed = false;
 };

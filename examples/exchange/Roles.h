@@ -2,18 +2,18 @@
 // message for the user.
 #pragma once
 
-#include <KLVMsgSession.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "Link.h"
 
 struct Options {
     int clients = 2;
     std::string host = "127.0.0.1";
     int port = 0;
-    int chunkKiB = 4096;
-    KLVMsgSession::Pace pace = KLVMsgSession::kAtOnce;
+    int chunkKiB = 2048;
+    By by = By::kTask;
     std::string name = "client";
     std::uint64_t totalBytes = 0;  // of what will come to the hub; 0: not known
     std::vector<std::string> files;

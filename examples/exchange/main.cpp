@@ -29,10 +29,11 @@ been served, or by Ctrl-C. Both machines have the same byte order.
                 a hub on 0.0.0.0 or :: is reached from everywhere, and knows no password
   --port P      the port there (0: the system's choice)
   --name NAME   the client's name, which becomes its label at the hub (client)
-  --chunk KIB   how much of a file goes into one message, 1 to 65536 (4096)
-  --pace PACE   at-once, or task: the pace of the library's message task (at-once)
-  --timeout S   give up when a message is under way, or an answer awaited, for so many seconds
-                (60; 0: never)
+  --chunk KIB   how much of a file goes into one message, 1 to 4000 (2048)
+  --by WAY      how the library is used: by its own interface with the message task (task), or by
+                a session (session); either way talks to either (task)
+  --timeout S   give up when a message is under way, or one awaited from somebody who has more to
+                say, for so many seconds (60; 0: never)
   --total B     how many bytes will come in all, for the share in the hub's progress (hub)
   --help, --version
 
@@ -56,11 +57,11 @@ long long NumberBetween(long long lowest, long long highest) {
     return number;
 }
 
-KLVMsgSession::Pace PaceOf(const std::string& word) {
-    if (word != "task" && word != "at-once") {
-        Refuse(word + " is no pace");
+By WayOf(const std::string& word) {
+    if (word != "task" && word != "session") {
+        Refuse(word + " is no way");
     }
-    return word == "task" ? KLVMsgSession::kTask : KLVMsgSession::kAtOnce;
+    return word == "task" ? By::kTask : By::kSession;
 }
 
 const option known[] = {{"clients", required_argument, nullptr, 'c'},
@@ -69,7 +70,7 @@ const option known[] = {{"clients", required_argument, nullptr, 'c'},
                         {"name", required_argument, nullptr, 'n'},
                         {"chunk", required_argument, nullptr, 'k'},
                         {"timeout", required_argument, nullptr, 't'},
-                        {"pace", required_argument, nullptr, 'a'},
+                        {"by", required_argument, nullptr, 'w'},
                         {"total", required_argument, nullptr, 'b'},
                         {"help", no_argument, nullptr, 'h'},
                         {"version", no_argument, nullptr, 'v'},
@@ -103,13 +104,13 @@ void Apply(int option, Options& options) {
             options.name = optarg;
             break;
         case 'k':
-            options.chunkKiB = static_cast<int>(NumberBetween(1, 65536));
+            options.chunkKiB = static_cast<int>(NumberBetween(1, 4000));
             break;
         case 't':
             TimeLimit::seconds = static_cast<int>(NumberBetween(0, 1000000));
             break;
-        case 'a':
-            options.pace = PaceOf(optarg);
+        case 'w':
+            options.by = WayOf(optarg);
             break;
         case 'b':
             options.totalBytes = static_cast<std::uint64_t>(NumberBetween(0, LLONG_MAX));

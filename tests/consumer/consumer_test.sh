@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the README's program in one way, in a directory of its own, and runs it:
-#   consumer_test.sh find_package|pkg_config|moved|subproject|own_base LIBRARY_BUILD
+#   consumer_test.sh find_package|pkg_config|moved|subproject|fetched|unity|own_base LIBRARY_BUILD
 # LIBRARY_BUILD is a finished build of the library; the first three install it into a new prefix.
 set -euo pipefail
 way=$1 library_build=$2
@@ -10,6 +10,7 @@ project=$library_build/tests/readme/project  # the program, and how the README b
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 compiler=${CXX:-g++}
+as_one_source=(-DCMAKE_UNITY_BUILD=ON -DCMAKE_UNITY_BUILD_BATCH_SIZE=0)
 
 say_and_fail() {
   echo "$*" >&2
@@ -26,6 +27,10 @@ try_cmake() {  # DIRECTORY OPTION...
   cmake -S "$1" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" "${@:2}"
   cmake --build "$work/build" --parallel 2
   "$here/../readme/first_program_test.sh" "$work/build/first"
+}
+
+try_subproject() {  # OPTION...
+  try_cmake "$here/subproject" -DLIBRARY_SOURCE="$source" -DPROGRAM_SOURCE="$project/first.cpp" "$@"
 }
 
 try_find_package() {
@@ -67,7 +72,13 @@ case $way in
     try_pkg_config
     ;;
   subproject)
-    try_cmake "$here/subproject" -DLIBRARY_SOURCE="$source" -DPROGRAM_SOURCE="$project/first.cpp"
+    try_subproject
+    ;;
+  fetched)
+    try_subproject -DFETCHED=ON "${as_one_source[@]}"  # which is faster
+    ;;
+  unity)
+    try_subproject "${as_one_source[@]}"
     ;;
   own_base)
     try_cmake "$here/own_base" -DLIBRARY_SOURCE="$source" -DPROGRAM_SOURCE="$project/first.cpp"

@@ -117,29 +117,50 @@ class ProgramTest(unittest.TestCase):
 
 
 class Exchange(ProgramTest):
+    # How it uses the library.
+    WAYS = ("--by", "task"), ("--by", "session")
+
+    def endless(self):
+        """A file that nobody comes to the end of, in chunks so small that they are soon answered."""
+        with open("endless", "wb") as file:
+            file.truncate(1 << 36)
+        return "--chunk", 1, "endless"
+
     def test_hub_and_clients_agree_on_every_file(self):
         pathlib.Path("empty").write_bytes(b"")
         pathlib.Path("check").write_bytes(b"123456789")
         # More than a socket buffers.
         pathlib.Path("large").write_bytes(b"x" * (9 << 20) + b" y\nz")
-        two = self.ends(0, "exchange", "--clients", 2, "empty", "check", "large")
-        two.says(rb"client-1             0          0          0 00000000  agreed     empty")
-        two.says(rb"client-2             9          0          1 cbf43926  agreed     check")
-        two.says(rb"client-1       9437188          1          3 ")
-        # More clients than files.
-        idle = self.ends(0, "exchange", "--clients", 3, "check")
-        idle.says(rb"client-3             9          0          1 cbf43926  agreed     check")
+        for by in self.WAYS:
+            two = self.ends(0, "exchange", *by, "--clients", 2, "empty", "check", "large")
+            two.says(rb"client-1             0          0          0 00000000  agreed     empty")
+            two.says(rb"client-2             9          0          1 cbf43926  agreed     check")
+            two.says(rb"client-1       9437188          1          3 ")
+            # Two hellos, an empty chunk and six others; their answers, and two farewells.
+            two.says(rb"moved by the \w.*: 9.0 MiB of .*, clients: 2, messages: 9 there and 9 back")
+            # More clients than files.
+            idle = self.ends(0, "exchange", *by, "--clients", 3, "check")
+            idle.says(rb"client-3             9          0          1 cbf43926  agreed     check")
+
+    def test_either_way_talks_to_the_other(self):
+        pathlib.Path("check").write_bytes(b"123456789")
+        for ours, theirs in (("task", "session"), ("session", "task")):
+            hub = Program("exchange", "hub", "--by", ours)
+            self.ends(0, "exchange", "client", "--by", theirs, "--port", hub.port(), "check").says(
+                b"agreed")
+            self.ended(0, hub)
 
     def test_what_cannot_start_ends_with_a_message(self):
         pathlib.Path("file").write_text("text\n")
         missing = self.ends(1, "exchange", "file", "missing")
         missing.says(rb"missing: No such file or directory")
-        with socket.create_server(("127.0.0.1", 0)) as other:
-            port = other.getsockname()[1]
-            taken = self.ends(1, "exchange", "--port", port, "file")
-            taken.says(rb"Address already in use")
-        alone = self.ends(1, "exchange", "client", "--port", port, "file")
-        alone.says(rb"cannot connect to 127.0.0.1, port \d+: Connection refused")
+        for by in self.WAYS:
+            with socket.create_server(("127.0.0.1", 0)) as other:
+                port = other.getsockname()[1]
+                taken = self.ends(1, "exchange", *by, "--port", port, "file")
+                taken.says(rb"Address already in use")
+            alone = self.ends(1, "exchange", "client", *by, "--port", port, "file")
+            alone.says(rb"cannot connect to 127.0.0.1, port \d+: Connection refused")
 
     def test_serves_on_the_host_that_it_is_told(self):
         file = "clear\x1b[2J\n"
@@ -156,42 +177,68 @@ class Exchange(ProgramTest):
         run.says(rb"10 of 10 files \(100 %\)")
 
     def test_a_killed_process_ends_the_run(self):
-        pathlib.Path("large").write_bytes(b"x" * (64 << 20))
-        for victim, says in ((0, ()),
-                             (1, (rb"hub was killed by signal 9", rb"client-2: lost the hub")),
-                             (2, (rb"client-1 was killed", rb"client-2: sent away"))):
-            # In chunks so small that the files would travel for minutes.
-            run = Program("exchange", "--pace", "task", "--chunk", 64, "large", "large")
-            run.says(rb"0 of 2 files")
-            tasks = pathlib.Path(f"/proc/{run.process.pid}/task/{run.process.pid}/children")
-            processes = [run.process.pid, *map(int, tasks.read_text().split())]
-            os.kill(processes[victim], signal.SIGKILL)
-            self.assertEqual(1 if victim else -signal.SIGKILL, run.end())
-            for text in says:
-                run.says(text)
-            self.assertEqual(4, len(processes))
-            for process in processes:
-                self.gone(process)
+        large = self.endless()
+        for by in self.WAYS:
+            for victim, says in ((0, ()),
+                                 (1, (rb"hub was killed by signal 9", rb"client-2: lost the hub")),
+                                 (2, (rb"client-1 was killed", rb"client-2: sent away"))):
+                run = Program("exchange", *by, *large)
+                run.says(rb"0 of 2 files")
+                tasks = pathlib.Path(f"/proc/{run.process.pid}/task/{run.process.pid}/children")
+                processes = [run.process.pid, *map(int, tasks.read_text().split())]
+                os.kill(processes[victim], signal.SIGKILL)
+                self.assertEqual(1 if victim else -signal.SIGKILL, run.end())
+                for text in says:
+                    run.says(text)
+                self.assertEqual(4, len(processes))
+                for process in processes:
+                    self.gone(process)
+
+    def test_a_stopped_process_is_given_up(self):
+        large = self.endless()
+
+        def stop_one(by, hub_stops):
+            hub = Program("exchange", "hub", *by, "--timeout", 60 if hub_stops else 1)
+            client = Program("exchange", "client", *by, "--timeout", 1 if hub_stops else 60,
+                             "--port", hub.port(), "--name", "one", *large)
+            hub.says(b"of 1 files")
+            (hub if hub_stops else client).process.send_signal(signal.SIGSTOP)
+            return client if hub_stops else hub
+
+        # All at once: each is waited for, or waits, for seconds.
+        left = [(stop_one(by, hub_stops), hub_stops) for by in self.WAYS for hub_stops in (0, 1)]
+        for waits, hub_stops in left:
+            self.ended(1, waits).says(
+                rb"exchange one: gave up: no answer from the hub\n" if hub_stops else
+                rb"hub: (lost one: no word from it|gave up: a client has stopped amid)")
 
     def test_a_hub_takes_no_half_file_and_no_second_one_of_a_name(self):
-        hub = Program("exchange", "hub")
         last = field(b"Chunk") + number(1) + field(b"text", 8)
         hello = field(b"Hello") + field(b"one", 8) + number(1)
-        peer = Peer(hub.port()).says(hello)
-        hub.says(rb"of 1 files")
         refusal = b"the name is taken or none, or there are no files"
-        Peer(hub.port()).says(hello).hears(field(b"Farewell") + field(refusal, 8)).goes()
-        peer.says(last[:-1]).goes()
-        self.ended(1, hub).says(rb"exchange hub: lost one")
+        for by in self.WAYS:
+            hub = Program("exchange", "hub", *by)
+            peer = Peer(hub.port()).says(hello)
+            hub.says(rb"of 1 files")
+            Peer(hub.port()).says(hello).hears(field(b"Farewell") + field(refusal, 8)).goes()
+            peer.says(last[:-1]).goes()
+            self.ended(1, hub).says(rb"exchange hub: lost one")
 
     def test_a_hub_does_not_wait_for_the_rest_of_a_message(self):
+        half = field(b"Hello") + field(b"one", 8)
         pathlib.Path("file").write_bytes(b"")
-        hub = Program("exchange", "hub", "--timeout", 1)
-        peer = Peer(hub.port()).says(field(b"Hello") + field(b"one", 8))
-        self.assertEqual(b"", peer.stream.read())  # sent away
-        peer.goes()
+        hub = Program("exchange", "hub", "--by", "session", "--timeout", 1)
+        peer = Peer(hub.port()).says(half)
+        # A session serves the others meanwhile.
         self.ends(0, "exchange", "client", "--port", hub.port(), "file")
+        self.assertEqual(b"", peer.stream.read())
         self.ended(0, hub)
+        peer.goes()
+        # A message task cannot.
+        hub = Program("exchange", "hub", "--by", "task", "--timeout", 1)
+        peer = Peer(hub.port()).says(half)
+        self.ended(1, hub).says(rb"hub: gave up: a client has stopped amid a message\n$")
+        peer.goes()
 
     def test_a_hub_tells_its_progress_when_there_is_some(self):
         hub = Program("exchange", "hub", "--total", 4 << 20)
@@ -206,6 +253,7 @@ class Exchange(ProgramTest):
 (hub: 0.0 of 4.0 MiB \(0 %\), 0.0 MiB/s, 0 of 1 files
 )?hub: 2.0 of 4.0 MiB \(50 %\), [0-9.]+ MiB/s, 0 of 1 files
 exchange hub: lost \\x1b\[2J.*
+moved by the message task: 2.0 MiB of files .*
 $""")
 
 
@@ -289,6 +337,8 @@ class Others(ProgramTest):
     def test_each_says_that_its_host_is_unknown(self):
         pathlib.Path("file").write_bytes(b"")
         for line in ("exchange hub --host", "exchange client --port 1 file --host",
+                     "exchange hub --by session --host",
+                     "exchange client --by session --port 1 file --host",
                      "klvmsgcat -r Note -t 60 -l", "klvmsgcat -r Note -t 60 -c"):
             host = "no host:1" if line.startswith("klvmsgcat") else "no host"  # never looked up
             self.ends(1, *line.split(), host).says(
@@ -298,7 +348,8 @@ class Others(ProgramTest):
     @unittest.skipIf(SANITIZED, "the sanitizers need descriptors of their own")
     def test_each_says_that_descriptors_run_out(self):
         pathlib.Path("file").write_bytes(b"")
-        for line in ("exchange --timeout 2 file", "pubsub --timeout 2", "workers --timeout 2"):
+        for line in ("exchange --timeout 2 file", "exchange --by session --timeout 2 file",
+                     "pubsub --timeout 2", "workers --timeout 2"):
             # The fewer, the earlier it goes wrong: in the launcher, the server, a client.
             starved = [Program(*line.split(), limit=(resource.RLIMIT_NOFILE, most))
                        for most in range(4, 12)]
@@ -312,7 +363,7 @@ class Others(ProgramTest):
 
     @unittest.skipIf(SANITIZED, "the sanitizers need stacks of their own")
     def test_each_says_that_there_is_no_thread(self):
-        for line in ("exchange hub", "pubsub", "workers"):
+        for line in ("exchange hub", "exchange hub --by session", "pubsub", "workers"):
             # No room for the stack of one.
             self.ends(1, *line.split(), limit=(resource.RLIMIT_STACK, 10 ** 14)).says(
                 b"cannot start a thread")
@@ -324,8 +375,10 @@ class Others(ProgramTest):
             port, full_port = silent.getsockname()[1], full.getsockname()[1]
             first = Peer(full_port)
             started = [(Program(*line.split()), code, says) for line, code, says in (
-                (f"exchange client --timeout 1 --port {port} file", 1, b"no answer from the hub"),
-                (f"exchange client --timeout 1 --port {full_port} file", 1, b"does not accept"),
+                *((f"exchange client --by {by} --timeout 1 --port {to} file", 1, says)
+                  for by in ("task", "session")
+                  for to, says in ((port, b"no answer from the hub"),
+                                   (full_port, b"the hub does not accept"))),
                 (f"pubsub --timeout 1 subscribe {port} x", 1, b"no news from the publisher"),
                 (f"pubsub --timeout 1 subscribe {full_port} x", 1, b"does not accept"),
                 ("pubsub --timeout 1 publish", 1, b"not all subscribers have come"),

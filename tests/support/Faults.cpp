@@ -1,14 +1,19 @@
 #include "Faults.h"
 
 #include <dlfcn.h>
+#include <linux/futex.h>
 #include <netdb.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdarg>
 #include <mutex>
 #include <sstream>
+#include <utility>
 
 namespace {
 
@@ -120,6 +125,9 @@ FailingAllocation::FailingAllocation(int n) { failing = n > 0 ? allocations + n 
 FailingAllocation::~FailingAllocation() { failing = -1; }
 
 void WatchedMutex::Lock() {
+    if (before) {
+        std::exchange(before, nullptr)();
+    }
     m_mutex->Lock();
     held.store(true, std::memory_order_relaxed);
     taken.fetch_add(1, std::memory_order_relaxed);
@@ -233,6 +241,29 @@ void freeaddrinfo(addrinfo* list) noexcept {
     Ask(call);
     Next(&freeaddrinfo, "freeaddrinfo")(list);
     errno = E2BIG;  // as it may do
+}
+
+// A call has six arguments at the most. The mutexes' are told from others by the operation.
+long syscall(long number, ...) noexcept {
+    std::array<long, 6> values;
+    va_list arguments;
+    va_start(arguments, number);
+    for (long& value : values) {
+        value = va_arg(arguments, long);
+    }
+    va_end(arguments);
+    const auto& [first, operation, third, fourth, fifth, sixth] = values;
+    const long result =
+        Next(&syscall, "syscall")(number, first, operation, third, fourth, fifth, sixth);
+    const bool wakes = number == SYS_futex && operation == FUTEX_WAKE_BITSET_PRIVATE;
+    if (wakes || (number == SYS_futex && operation == FUTEX_WAIT_BITSET_PRIVATE)) {
+        MutexCalls::made.fetch_add(1, std::memory_order_relaxed);
+        errno = E2BIG;
+    }
+    if (wakes && result > MutexCalls::mostWoken) {
+        MutexCalls::mostWoken.store(result, std::memory_order_relaxed);
+    }
+    return result;
 }
 
 }  // extern "C"

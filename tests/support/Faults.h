@@ -93,12 +93,20 @@ public:
 
     std::atomic<int> taken{0};  // how often, so far
     std::atomic<bool> held{false};
+    mutable std::function<void()> before;  // happens once, right before it is taken next
 
     static inline thread_local WatchedMutex* last = nullptr;  // the one that this thread took last
     static inline bool available = true;                      // false: there is no memory for one
 
 private:
     const std::unique_ptr<KLVBasAtiMutex> m_mutex;
+};
+
+// The calls by which the mutexes of this process let threads sleep and wake them, so far, and the
+// largest number of threads that one call has woken. After each, errno is something else.
+struct MutexCalls {
+    static inline std::atomic<int> made{0};
+    static inline std::atomic<long> mostWoken{0};
 };
 
 // The lock of a singleton, until that is finalized.

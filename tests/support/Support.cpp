@@ -63,7 +63,7 @@ KLVMsgConnectionServicesUtils& Registry() {
 }
 
 bool Eventually(const std::function<bool()>& condition) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::minutes(5);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > limit) {
             return false;

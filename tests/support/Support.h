@@ -20,7 +20,7 @@
 KLVMsgSocketCommunicator& Communicator();
 KLVMsgConnectionServicesUtils& Registry();
 
-// Asks again and again until it holds, for half a minute at the most; false when it never did.
+// Asks again and again until it holds; false after much longer than a test may take.
 bool Eventually(const std::function<bool()>& condition);
 
 // How many descriptors the process has open.

@@ -153,6 +153,9 @@ KLVMsgChannelWaitable::KLVMsgChannelWaitable(const KLVBasVector<KLVMsgChannel>& 
     : channels(watched) {}
 
 void KLVMsgChannelWaitable::WaitForConnectionAndMessages(int timeoutMilliseconds) {
+    if (channels.Size() == 0) {
+        return;  // nothing to look up: the registry may not be there, or not any more
+    }
     KLVMsgCycleLists lists;
     KLVMsgCycle cycle(lists);
     {

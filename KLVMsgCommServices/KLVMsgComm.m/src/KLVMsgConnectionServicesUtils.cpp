@@ -8,7 +8,6 @@
 
 #include "KLVMsgCommSocket.h"
 #include "KLVMsgNotedNumbers.h"
-#include "KLVMsgRegistryInternals.h"
 #include "KLVMsgServerSocket.h"
 #include "KLVMsgSocketField.h"
 #include "KLVMsgSocketHold.h"
@@ -166,6 +165,11 @@ void KLVMsgConnectionServicesUtils::GetLastErrorCode(int number, int& code) {
     }
 }
 
+// Requires, as everything below does: the lock is held.
+KLVMsgSocket* KLVMsgConnectionServicesUtils::Find(int number) const {
+    return static_cast<KLVMsgSocket*>(m_connections.Lookup(number));
+}
+
 // The system has given the number to this socket. So a socket that still stands there is gone for
 // good, and with it what is known elsewhere under the number.
 void KLVMsgConnectionServicesUtils::Register(KLVMsgSocket* socket) {
@@ -180,7 +184,6 @@ void KLVMsgConnectionServicesUtils::Register(KLVMsgSocket* socket) {
     }
 }
 
-// Requires, as Register does: the lock is held.
 bool KLVMsgConnectionServicesUtils::AddAccepted(KLVMsgCommSocket* socket) {
     if (const KLVMsgSocket* const entry = Find(socket->descriptor)) {
         if (!KLVMsgLoad(entry->closed)) {
@@ -195,16 +198,14 @@ bool KLVMsgConnectionServicesUtils::AddAccepted(KLVMsgCommSocket* socket) {
 // The header of a message -------------------------------------------------------------------------
 
 // Held: a transfer of another thread may find the connection's end and close the descriptor.
-// Requires, as everything below does: the lock is held.
-inline int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number,
-                                                                 const KLVString& typeName) {
-    const auto socket = KLVMsgHold(FindStreamSocket(number));
+int KLVMsgConnectionServicesUtils::SendMessageHeader_priv(int number, const KLVString& typeName) {
+    const auto socket = KLVMsgHold(KLVMsgAsStreamSocket(Find(number)));
     return socket == nullptr ? 0 : WriteHeader(*socket, typeName);
 }
 
-inline int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number,
-                                                                             KLVString& typeName) {
-    const auto socket = KLVMsgHold(FindStreamSocket(number));
+int KLVMsgConnectionServicesUtils::RetrieveMessageTypeFromSocket_priv(int number,
+                                                                      KLVString& typeName) {
+    const auto socket = KLVMsgHold(KLVMsgAsStreamSocket(Find(number)));
     return socket == nullptr ? 0 : ReadHeader(*socket, number, typeName);
 }
 

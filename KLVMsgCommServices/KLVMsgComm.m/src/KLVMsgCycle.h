@@ -16,6 +16,7 @@ class KLVMsgSocket;
 struct KLVMsgTurn {
     KLVMsgSocket* socket;
     KLVMsgChannel channel;
+    bool lost = false;  // the turn has found the connection removed
 };
 
 // The lists of a cycle, apart from it so that their memory serves the next one as well.
@@ -53,14 +54,14 @@ public:
     // Requires: the registry's lock is held, or the socket.
     void AddTurn(const KLVMsgTurn& turn);
 
-    // The turns that are not over yet may be put into another order.
+    // All turns. Those that are not over yet may be put into another order.
     std::vector<KLVMsgTurn>& Turns() { return m_lists.turns; }
 
     // Takes out a turn that is not to come.
     void DropTurn(std::size_t turn);
 
     // The turn that is being taken.
-    const KLVMsgTurn& Current() const { return m_lists.turns[m_current]; }
+    KLVMsgTurn& Current() { return m_lists.turns[m_current]; }
 
     // It is over: what was closed or removed during the turn is closed and destroyed now.
     void EndTurn();

@@ -12,18 +12,18 @@ struct Note {
 
 }  // namespace
 
-static std::mutex mutex;
+static std::mutex notesMutex;
 static auto& notes = *new std::vector<Note>;  // never destroyed: threads may connect at exit
 std::atomic<bool> KLVMsgAnyNoted{false};
 
-// Requires: the mutex is held.
+// Requires: notesMutex is held.
 static bool IsNoted(int number) {
     return std::any_of(notes.begin(), notes.end(),
                        [number](const Note& note) { return note.number == number; });
 }
 
 void KLVMsgNoteNumber(int number) {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(notesMutex);
     if (!IsNoted(number)) {
         notes.push_back({number});
     }
@@ -34,12 +34,12 @@ bool KLVMsgIsNoted(int number) {
     if (!KLVMsgAnyNoted) {
         return false;
     }
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(notesMutex);
     return IsNoted(number);
 }
 
 bool KLVMsgTakeNote(int& number) {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const std::lock_guard<std::mutex> lock(notesMutex);
     if (notes.empty()) {
         return false;
     }

@@ -4,17 +4,9 @@
 
 #include "KLVMsgCommSocket.h"
 #include "KLVMsgConnectionServicesUtils.h"
+#include "KLVMsgSocketField.h"
 #include "KLVMsgSocketHold.h"
 #include "KLVMsgSocketInternals.h"
-
-// Requires, both: the lock is held.
-inline KLVMsgSocket* KLVMsgConnectionServicesUtils::Find(int number) const {
-    return static_cast<KLVMsgSocket*>(m_connections.Lookup(number));
-}
-
-inline KLVMsgCommSocket* KLVMsgConnectionServicesUtils::FindStreamSocket(int number) const {
-    return KLVMsgAsStreamSocket(Find(number));
-}
 
 inline KLVMsgConnectionServicesUtils& KLVMsgRegistry() {
     return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
@@ -28,7 +20,7 @@ public:
 
     // The same if it is a stream socket.
     KLVMsgCommSocket* FindStreamSocket(int number) const {
-        return m_registry.FindStreamSocket(number);
+        return KLVMsgAsStreamSocket(Find(number));
     }
 
     // What the registry's operations of these names do, if the socket is still the one under the
@@ -38,6 +30,14 @@ public:
     }
     int RetrieveMessageType(KLVMsgCommSocket* socket, int number, KLVString& typeName) const {
         return Find(number) == socket ? m_registry.ReadHeader(*socket, number, typeName) : 0;
+    }
+
+    // The last error of whoever is registered under the own number of the socket under `number`. 0
+    // for nobody: a socket that was connected anew has a number that it is not registered under.
+    int LastErrorBehind(int number) const {
+        const KLVMsgSocket* const socket = Find(number);
+        const KLVMsgSocket* const own = socket == nullptr ? nullptr : Find(socket->descriptor);
+        return own == nullptr ? 0 : KLVMsgLoad(own->lastError);
     }
 
     // What ShutDownConnection does.

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "KLVBasUtlsleep.h"
+#include "KLVMsgAtExit.h"
 #include "KLVMsgChannelList.h"
 #include "KLVMsgChannelQueryByLabel.h"
 #include "KLVMsgChannelWait.h"
@@ -28,14 +29,15 @@ static unsigned int msg_send_id_counter = 1;
 // How often the blocking operations look again, in milliseconds.
 static const unsigned pollMilliseconds = 20;
 
-// Holds the communicator's lock, and begins as every operation that takes it: by forgetting what is
-// known under noted numbers. They have been given out anew, and the old connections have gone.
-class KLVMsgSocketCommunicator::Operation {
+// Takes a lock, and forgets what is known under noted numbers: they have been given out anew, and
+// the old connections have gone. Every operation begins so with the communicator's lock. A cycle
+// looks its sockets up so with the registry's as well: no further number is noted meanwhile.
+template <class Guard>
+class KLVMsgSocketCommunicator::UpToDate {
 public:
-    explicit Operation(KLVMsgSocketCommunicator& communicator) { communicator.ForgetNoted(); }
+    explicit UpToDate(KLVMsgSocketCommunicator& communicator) { communicator.ForgetNoted(true); }
 
-private:
-    const KLVBasAtiGlobalSingletonLock<KLVMsgSocketCommunicator> m_lock;
+    const Guard lock;
 };
 
 KLVMsgSocketCommunicator::KLVMsgSocketCommunicator()
@@ -46,26 +48,17 @@ KLVMsgSocketCommunicator::~KLVMsgSocketCommunicator() {
     m_outputStream = nullptr;
 }
 
-// Drops what is known under the noted numbers, and what was accepted under them and is still
-// unknown. Requires, as the next three do: the lock is held. While the registry's is held as well,
-// no further number is noted.
-void KLVMsgSocketCommunicator::ForgetNoted() {
+// Drops what is known under the noted numbers, and with `acceptedToo` what an earlier wait has
+// accepted under them and is still unknown. Requires, as the next two do: the lock is held.
+void KLVMsgSocketCommunicator::ForgetNoted(bool acceptedToo) {
     if (!KLVMsgAnyNoted) {
         return;
     }
     for (int number = 0; KLVMsgTakeNote(number);) {
         Forget(number);
-        KLVMsgEraseEvery(m_organizer.waitable.newChannels, number);
-    }
-}
-
-// The same after a wait, whose accepts are noted too: these are about to be made known.
-void KLVMsgSocketCommunicator::ForgetReplaced() {
-    if (!KLVMsgAnyNoted) {
-        return;
-    }
-    for (int number = 0; KLVMsgTakeNote(number);) {
-        Forget(number);
+        if (acceptedToo) {
+            KLVMsgEraseEvery(m_organizer.waitable.newChannels, number);
+        }
     }
 }
 
@@ -222,51 +215,19 @@ void KLVMsgSocketCommunicator::QueryPendingStatus(const KLVBasVector<unsigned in
     appending.Keep();
 }
 
-void KLVMsgSocketCommunicator::TransmitPendingMessage() {
-    if (m_outputStream == nullptr) {
-        return;
-    }
-    const Operation operation(*this);
-    KLVMsgOutputStream* const stream = m_outputStream;
-    if (stream == nullptr) {
-        return;  // taken away while this call waited for the lock
-    }
-    const KLVMsgClearAtExit<KLVMsgChannelMsgStruct> clear(m_pending);
-    KLVMsgCycle cycle(*m_lists);
-    AddTurns(cycle);
-    for (std::size_t i = 0; i < m_pending.Size(); ++i) {
-        Transmit(m_pending[i], static_cast<KLVMsgCommSocket*>(cycle.Current().socket), *stream);
-        cycle.EndTurn();
-    }
-}
-
 // One turn for each queued record. A listening socket is not held: nothing is written there.
-inline void KLVMsgSocketCommunicator::AddTurns(KLVMsgCycle& cycle) {
-    const KLVMsgLockedRegistry registry;
-    ForgetNoted();
-    for (std::size_t i = 0; i < m_pending.Size(); ++i) {
-        const KLVMsgChannel& channel = m_pending[i].channel;
+static void AddTurns(const KLVBasVector<KLVMsgChannelMsgStruct>& records,
+                     const KLVMsgLockedRegistry& registry, KLVMsgCycle& cycle) {
+    for (std::size_t i = 0; i < records.Size(); ++i) {
+        const KLVMsgChannel& channel = records[i].channel;
         cycle.AddTurn({registry.FindStreamSocket(channel.connection), channel});
     }
 }
 
-// Requires, as the next three do: the lock is held.
-unsigned int KLVMsgSocketCommunicator::Queue(const KLVMsgChannel& channel,
-                                             KLVMsgSocketMessage* message) {
-    m_pending.PushBack({channel, message, msg_send_id_counter});
-    return msg_send_id_counter++;  // after the append: the ids in the queue have no gap
-}
-
-// A position outside the queue when the id is not in it. The difference holds across the wrap.
-std::size_t KLVMsgSocketCommunicator::PositionInQueue(unsigned int id) const {
-    return m_pending.Size() == 0 ? 0 : id - m_pending[0].id;
-}
-
 // `socket` is what stood under the record's number when the transmission began; null if it was none
 // that could be written to.
-inline void KLVMsgSocketCommunicator::Transmit(const KLVMsgChannelMsgStruct& record,
-                                               KLVMsgCommSocket* socket,
-                                               KLVMsgOutputStream& stream) {
+static void Transmit(const KLVMsgChannelMsgStruct& record, KLVMsgCommSocket* socket,
+                     KLVMsgOutputStream& stream) {
     if (record.message == nullptr || socket == nullptr || !KLVMsgLoad(socket->outputOpen)) {
         return;
     }
@@ -276,6 +237,36 @@ inline void KLVMsgSocketCommunicator::Transmit(const KLVMsgChannelMsgStruct& rec
     if (KLVMsgLockedRegistry().SendMessageHeader(socket, number, type) != 0) {
         record.message->WriteMessage(&stream);
     }
+}
+
+void KLVMsgSocketCommunicator::TransmitPendingMessage() {
+    if (m_outputStream == nullptr) {
+        return;
+    }
+    const Operation operation(*this);
+    KLVMsgOutputStream* const stream = m_outputStream;
+    if (stream == nullptr || m_pending.Size() == 0) {
+        return;  // the stream may have been taken away while this call waited for the lock
+    }
+    const KLVMsgAtExit clear([this] { m_pending.Clear(); });
+    KLVMsgCycle cycle(*m_lists);
+    AddTurns(m_pending, UpToDate<KLVMsgLockedRegistry>(*this).lock, cycle);
+    for (std::size_t i = 0; i < m_pending.Size(); ++i) {
+        Transmit(m_pending[i], static_cast<KLVMsgCommSocket*>(cycle.Current().socket), *stream);
+        cycle.EndTurn();
+    }
+}
+
+// Requires, as the next two do: the lock is held.
+unsigned int KLVMsgSocketCommunicator::Queue(const KLVMsgChannel& channel,
+                                             KLVMsgSocketMessage* message) {
+    m_pending.PushBack({channel, message, msg_send_id_counter});
+    return msg_send_id_counter++;  // after the append: the ids in the queue have no gap
+}
+
+// A position outside the queue when the id is not in it. The difference holds across the wrap.
+std::size_t KLVMsgSocketCommunicator::PositionInQueue(unsigned int id) const {
+    return m_pending.Size() == 0 ? 0 : id - m_pending[0].id;
 }
 
 // The message task --------------------------------------------------------------------------------
@@ -310,23 +301,32 @@ static bool IsRepeated(const KLVBasVector<KLVMsgChannel>& list, std::size_t i,
     return i != 0 && list[i] == list[i - 1];
 }
 
+// Takes the first entry of each lost connection off the watched channels, whoever has the number by
+// then.
+static void DropLost(const std::vector<KLVMsgTurn>& turns, KLVBasVector<KLVMsgChannel>& watched) {
+    for (const KLVMsgTurn& turn : turns) {
+        if (turn.lost) {
+            KLVMsgEraseFirst(watched, turn.channel.connection);
+        }
+    }
+}
+
 void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable* waitable,
                                                           int timeout) {
     const Operation operation(*this);
     KLVMsgChannelWaitable& waited = waitable == nullptr ? m_organizer.waitable : *waitable;
-    const KLVMsgClearAtExit<KLVMsgChannel> clear(waited.readyChannels);
+    const KLVMsgAtExit clear([&waited] { waited.readyChannels.Clear(); });
     const std::size_t foundEarlier = waited.readyChannels.Size();
     KLVMsgCycle cycle(*m_lists);
     Wait(waited, timeout, cycle);
     MakeKnown(waited.newChannels);
 
+    const KLVMsgAtExit dropLost([&] { DropLost(cycle.Turns(), waited.channels); });
     for (std::size_t i = 0; i < waited.readyChannels.Size(); ++i) {
         const KLVMsgChannel channel = waited.readyChannels[i];
         const bool received =
             !IsRepeated(waited.readyChannels, i, foundEarlier) && ReceiveMessage(cycle.Current());
-        if (!received && channel.GetSocket() == nullptr) {
-            KLVMsgEraseFirst(waited.channels, channel.connection);
-        }
+        cycle.Current().lost = !received && channel.GetSocket() == nullptr;
         cycle.EndTurn();
     }
 }
@@ -334,18 +334,13 @@ void KLVMsgSocketCommunicator::WaitConnectionsAndMessages(KLVMsgChannelWaitable*
 // Waits. What it has accepted remains in the waitable when it fails half way.
 void KLVMsgSocketCommunicator::Wait(KLVMsgChannelWaitable& waitable, int timeout,
                                     KLVMsgCycle& cycle) {
-    {
-        const KLVMsgLockedRegistry registry;
-        ForgetNoted();
-        KLVMsgBeginWait(waitable, cycle, registry);
+    if (waitable.channels.Size() + waitable.readyChannels.Size() == 0) {
+        return;  // nothing to look up: the registry may not be there, or not any more
     }
-    try {
-        KLVMsgWait(waitable, timeout, cycle);
-    } catch (...) {
-        ForgetReplaced();
-        throw;
-    }
-    ForgetReplaced();
+    KLVMsgBeginWait(waitable, cycle, UpToDate<KLVMsgLockedRegistry>(*this).lock);
+    // What it accepts is noted too, and stays: that is about to be made known.
+    const KLVMsgAtExit forgetReplaced([this] { ForgetNoted(false); });
+    KLVMsgWait(waitable, timeout, cycle);
 }
 
 // Takes the accepted connections over, one by one: where memory runs short the others remain.
@@ -448,8 +443,7 @@ std::size_t KLVMsgSocketCommunicator::RetrieveMessages(
 void KLVMsgSocketCommunicator::GetErrorsOnChannel(const KLVMsgChannel& channel, int& code,
                                                   KLVString& text) {
     const Operation operation(*this);
-    int error = 0;
-    KLVMsgRegistry().GetLastErrorCode(channel.connection, error);
+    const int error = KLVMsgLockedRegistry().LastErrorBehind(channel.connection);
     if (error != 0) {
         KLVMsgSocketErrorInfo(error, text);
     }

@@ -33,16 +33,3 @@ private:
     std::size_t m_size;
     bool m_keep = false;
 };
-
-// Empties a vector at its end, however the work with it ends.
-template <class T>
-class KLVMsgClearAtExit {
-public:
-    explicit KLVMsgClearAtExit(KLVBasVector<T>& vector) : m_vector(vector) {}
-    ~KLVMsgClearAtExit() { m_vector.Clear(); }
-    KLVMsgClearAtExit(const KLVMsgClearAtExit&) = delete;
-    KLVMsgClearAtExit& operator=(const KLVMsgClearAtExit&) = delete;
-
-private:
-    KLVBasVector<T>& m_vector;
-};

@@ -5,7 +5,7 @@
 #include "KLVMsgModuleCount.h"
 
 static int subComponentCalled = 0;
-static int called = 0;
+static int specificCalled = 0;
 
 void KLVMsgCommModules_initialize(int& status) {
     if (!IsFirstInitialize(subComponentCalled)) {
@@ -40,13 +40,13 @@ void KLVMsgCommModules_finalize(int& status) {
 }
 
 void KLVMsgCommModules_specific_initialize(int& status) {
-    if (IsFirstInitialize(called)) {
+    if (IsFirstInitialize(specificCalled)) {
         ++status;
     }
 }
 
 void KLVMsgCommModules_specific_finalize(int& status) {
-    if (IsLastFinalize(called)) {
+    if (IsLastFinalize(specificCalled)) {
         --status;
     }
 }

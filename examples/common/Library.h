@@ -1,5 +1,5 @@
-// The library without its message task: brought up, opened to a peer, and taken down in order. What
-// fails is thrown as a std::runtime_error with its cause.
+// The library's own interface, as the examples that use it directly have it: brought up, opened to
+// a peer, and taken down in order. What fails is thrown as a std::runtime_error with its cause.
 #pragma once
 
 #include <KLVMsgCommModules.h>
@@ -18,11 +18,12 @@ inline KLVMsgSocketCommunicator& Communicator() {
     return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
 }
 
-// One for the process.
+// One for the process. A message task has ended before it goes.
 class Library {
 public:
     Library() {
         KLVMsgCommModules_initialize(m_modules);
+        Registry();  // both singletons are made here, before there is a second thread
         Communicator().SetDefaultInputStream(&m_input);
         Communicator().SetDefaultOutputStream(&m_output);
     }
