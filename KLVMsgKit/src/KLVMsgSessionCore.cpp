@@ -1,5 +1,6 @@
 #include "KLVMsgSessionCore.h"
 
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -28,6 +29,16 @@ void Signal(int descriptor) {
     static_cast<void>(!write(descriptor, &one, sizeof one));
 }
 
+// It is held for less time than falling asleep takes, so whoever finds it taken tries a while first.
+void MakeAdaptive(std::mutex& mutex) {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ADAPTIVE_NP);
+    pthread_mutex_destroy(mutex.native_handle());
+    pthread_mutex_init(mutex.native_handle(), &attributes);
+    pthread_mutexattr_destroy(&attributes);
+}
+
 }  // namespace
 
 KLVMsgSessionCore::KLVMsgSessionCore(const KLVMsgSessionOptions& options)
@@ -35,6 +46,7 @@ KLVMsgSessionCore::KLVMsgSessionCore(const KLVMsgSessionOptions& options)
       m_process(getpid()),
       m_endSignal(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       m_loop(m_mutex, *this, m_types, m_options) {
+    MakeAdaptive(m_mutex);
     m_ready = m_endSignal.Number() == -1
                   ? KLVMsgSessionSockets::Failure("cannot make what a session waits with", errno)
                   : m_loop.Prepare();

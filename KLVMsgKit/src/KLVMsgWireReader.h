@@ -36,7 +36,7 @@ public:
     // Room that all connections of a thread share, since each uses it only between MakeRoom and Came.
     class Buffer {
     public:
-        static constexpr std::size_t kSize = std::size_t{256} << 10;
+        static constexpr std::size_t kSize = std::size_t{64} << 10;
         char* Data() { return m_data.get(); }
 
     private:
