@@ -48,6 +48,9 @@ public:
     // The system took bytes of the run that was out, and would take no more (`isFull`).
     void Took(Time now, std::size_t count, bool isFull);
 
+    // The system takes bytes again.
+    void HasRoom() { m_isFull = false; }
+
     // Nothing can be sent any more, though what has come can still be read: errno of the cause.
     void OutputFailed(int error);
 

@@ -17,6 +17,7 @@ constexpr std::uint64_t kWakeUp = 0;  // no connection has this id
 constexpr int kMostEvents = 256;
 constexpr int kMostAccepted = 64;                            // of one socket in a round
 constexpr std::size_t kMostWritten = std::size_t{64} << 10;  // of one connection in a round
+constexpr std::size_t kMostRuns = 64;                        // the same
 constexpr std::chrono::milliseconds kFirstPause(10);
 constexpr std::chrono::milliseconds kLongestPause(1000);
 
@@ -27,6 +28,9 @@ KLVMsgOutcome Failure(const char* what, int error) {
 }  // namespace
 
 KLVMsgOutcome KLVMsgLoop::Prepare() {
+    for (Writing& one : m_writings) {
+        one.runs.reserve(kMostRuns);
+    }
     m_epoll = KLVMsgDescriptor(epoll_create1(EPOLL_CLOEXEC));
     m_wakeUp =
         KLVMsgDescriptor(m_epoll.Number() == -1 ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -153,12 +157,19 @@ void KLVMsgLoop::Wake() {
 
 void KLVMsgLoop::WriteNow(Lock& lock, const LinkPtr& link, Time now) {
     m_now = std::max(m_now, now);
-    Write(lock, link);
-    if (link->connection.Writes() || link->connection.IsOver() || link->connection.EndsOutput()) {
+    link->isWriting = true;
+    const KLVMsgOutput::Run run = link->connection.output.Take(1);
+    lock.unlock();
+    const KLVMsgTransport::Result sent =
+        link->transport->Write(run.pieces, run.count, m_options.wholeHeaders && run.endsMessage);
+    lock.lock();
+    Took(*link, sent, sent.count < run.size);
+    const KLVMsgConnection& connection = link->connection;
+    if (connection.Writes() || connection.IsOver() || connection.EndsOutput()) {
         Touch(*link);
     }
     if (link->client != nullptr && link->due == Time::max() &&
-        link->connection.NextCheck(m_now) != Time::max()) {
+        connection.NextCheck(m_now) != Time::max()) {
         Arm(*link);
     }
 }
@@ -178,6 +189,7 @@ void KLVMsgLoop::Run() {
         for (int i = 0; i < count; ++i) {
             Serve(lock, events[i].data.u64, events[i].events);
         }
+        ReadGroup(lock);
         DoTouched(lock);
         CheckTimers();
         CheckListeners();
@@ -223,55 +235,54 @@ void KLVMsgLoop::Serve(Lock& lock, std::uint64_t id, unsigned happened) {
     }
     const LinkPtr link = found->second;
     KLVMsgConnection& connection = link->connection;
-    if (connection.Reads()) {
-        if ((happened & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
-            Read(lock, *link);
-        }
-    } else if ((happened & (EPOLLERR | EPOLLHUP)) != 0) {
+    if ((happened & EPOLLOUT) != 0) {
+        connection.HasRoom();
+    }
+    if (!connection.Reads() && (happened & (EPOLLERR | EPOLLHUP)) != 0) {
         // What has come before is still there to be read, once there is room for it.
         connection.OutputFailed(ECONNRESET);
         m_owner.OnTook(*link);
     }
-    if ((happened & EPOLLOUT) != 0 && connection.Writes()) {
-        Write(lock, link);
-    }
-    Tend(*link);
-}
-
-void KLVMsgLoop::Read(Lock& lock, Link& link) {
-    const bool discards = link.connection.Discards();
-    KLVMsgTransport::Result result;
-    lock.unlock();
-    if (discards) {
-        const iovec space = {m_buffer.Data(), KLVMsgWireReader::Buffer::kSize};
-        result = link.transport->Read(&space, 1);
+    if (connection.Reads() && (happened & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
+        Reading& one = m_readings[m_reads++];
+        one.link = link;
+        one.discards = connection.Discards();
+        if (m_reads == kGroup) {
+            ReadGroup(lock);
+        }
     } else {
-        Read(link, result);
+        Tend(*link);
     }
-    lock.lock();
-    link.received += result.count;
-    if (result.count != 0 && !discards) {
-        link.connection.Came(m_now);
-        m_owner.OnCame(link, m_arrivals);
-    } else if (result.ended) {
-        link.connection.InputEnded();
-        m_owner.OnInputEnded(link);
-    } else if (result.error != 0 && result.error != EAGAIN) {
-        link.connection.Failed(result.error);
-    }
-    m_arrivals.messages.clear();
-    m_arrivals.unknown.clear();
 }
 
-// Without the mutex: a message's own code may run here.
-void KLVMsgLoop::Read(Link& link, KLVMsgTransport::Result& result) {
-    KLVMsgWireReader::Space spaces[2];
-    try {
-        link.connection.reader.MakeRoom(m_buffer, spaces);
-    } catch (const std::bad_alloc&) {
-        result.error = ENOMEM;
+// Reads once from each, without the mutex, and hands over what has come, with it.
+void KLVMsgLoop::ReadGroup(Lock& lock) {
+    const std::size_t count = std::exchange(m_reads, 0);
+    if (count == 0) {
         return;
     }
+    lock.unlock();
+    for (std::size_t i = 0; i < count; ++i) {
+        Read(m_readings[i]);
+    }
+    lock.lock();
+    for (std::size_t i = 0; i < count; ++i) {
+        HandOver(m_readings[i]);
+        Tend(*m_readings[i].link);
+        m_readings[i].link.reset();
+    }
+}
+
+// A message's own code may run here.
+void KLVMsgLoop::Read(Reading& one) {
+    Link& link = *one.link;
+    if (one.discards) {
+        const iovec space = {m_buffer.Data(), KLVMsgWireReader::Buffer::kSize};
+        one.result = link.transport->Read(&space, 1);
+        return;
+    }
+    KLVMsgWireReader::Space spaces[2];
+    link.connection.reader.MakeRoom(m_buffer, spaces);
     iovec pieces[2];
     int count = 0;
     for (const auto& space : spaces) {
@@ -279,57 +290,118 @@ void KLVMsgLoop::Read(Link& link, KLVMsgTransport::Result& result) {
             pieces[count++] = {space.data, space.size};
         }
     }
-    result = link.transport->Read(pieces, count);
-    if (result.count != 0) {
-        link.connection.reader.Came(m_buffer, result.count, m_arrivals);
+    one.result = link.transport->Read(pieces, count);
+    if (one.result.count != 0) {
+        link.connection.reader.Came(m_buffer, one.result.count, one.arrivals);
     }
 }
 
-// Sends one run. False when the mark is somebody else's.
-bool KLVMsgLoop::Write(Lock& lock, const LinkPtr& link) {
-    KLVMsgConnection& connection = link->connection;
-    if (link->isWriting || !connection.Writes()) {
-        return false;
+void KLVMsgLoop::HandOver(Reading& one) {
+    Link& link = *one.link;
+    link.received += one.result.count;
+    if (one.result.count != 0 && !one.discards) {
+        link.connection.Came(m_now);
+        m_owner.OnCame(link, one.arrivals, m_buffer.stock);
+    } else if (one.result.ended) {
+        link.connection.InputEnded();
+        m_owner.OnInputEnded(link);
+    } else if (one.result.error != 0 && one.result.error != EAGAIN) {
+        link.connection.Failed(one.result.error);
     }
-    link->isWriting = true;
-    std::size_t segment = 0;
-    // A message that goes alone needs no measure.
-    if (m_options.wholeHeaders && connection.output.HasSeveral()) {
-        lock.unlock();
-        segment = link->transport->Segment();
-        lock.lock();
-    }
-    if (connection.Writes()) {
-        const KLVMsgOutput::Run run = connection.output.Take(segment);
-        lock.unlock();
-        const KLVMsgTransport::Result result = link->transport->Write(
-            run.pieces, run.count, m_options.wholeHeaders && run.endsMessage);
-        lock.lock();
-        connection.Took(m_now, result.count, result.error == EAGAIN || result.count < run.size);
-        if (result.error != 0 && result.error != EAGAIN) {
-            connection.OutputFailed(result.error);
-        }
-        m_owner.OnTook(*link);
-    }
-    link->isWriting = false;
-    return true;
+    one.arrivals.messages.clear();
+    one.arrivals.unknown.clear();
 }
 
-// What the application's threads have left to do.
+// What the application's threads have left to do, each connection once in a round.
 void KLVMsgLoop::DoTouched(Lock& lock) {
     LinkPtr link = std::move(m_firstTouched);
     m_lastTouched = nullptr;
     while (link != nullptr) {
         LinkPtr next = std::move(link->nextTouched);
         link->isTouched = false;
-        KLVMsgConnection& connection = link->connection;
-        const KLVMsgOutput::Position before = connection.output.Taken();
-        while (connection.Writes() && !connection.IsFull() &&
-               connection.output.Taken() - before < kMostWritten && Write(lock, link)) {
+        if (link->isWriting || !link->connection.Writes() || link->connection.IsFull()) {
+            Tend(*link);
+        } else {
+            link->isWriting = true;
+            m_writings[m_writes++].link = std::move(link);
         }
-        Tend(*link);
+        if (m_writes == kGroup || next == nullptr) {
+            WriteGroup(lock);
+        }
         link = std::move(next);
     }
+}
+
+// Writes to all whose mark was set, without the mutex. With many connections what is sent at a time
+// is little, and taking the mutex for each would cost more than sending.
+void KLVMsgLoop::WriteGroup(Lock& lock) {
+    const std::size_t count = std::exchange(m_writes, 0);
+    bool asks = false;
+    for (std::size_t i = 0; i < count; ++i) {
+        // A message that goes alone needs no measure.
+        Writing& one = m_writings[i];
+        one.asks = m_options.wholeHeaders && one.link->connection.output.HasSeveral();
+        asks = asks || one.asks;
+    }
+    if (asks) {
+        lock.unlock();
+        for (std::size_t i = 0; i < count; ++i) {
+            Writing& one = m_writings[i];
+            one.segment = one.asks ? one.link->transport->Segment() : 0;
+        }
+        lock.lock();
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        TakeRuns(m_writings[i]);
+    }
+    lock.unlock();
+    for (std::size_t i = 0; i < count; ++i) {
+        Write(m_writings[i]);
+    }
+    lock.lock();
+    for (std::size_t i = 0; i < count; ++i) {
+        const LinkPtr link = std::move(m_writings[i].link);
+        Took(*link, m_writings[i].result, m_writings[i].isFull);
+        Tend(*link);
+    }
+}
+
+void KLVMsgLoop::TakeRuns(Writing& one) const {
+    KLVMsgConnection& connection = one.link->connection;
+    one.runs.clear();
+    // Without a measure one message goes, however many have come meanwhile.
+    const std::size_t most = m_options.wholeHeaders && !one.asks ? 1 : kMostRuns;
+    const std::size_t segment = most == 1 ? 1 : one.segment;
+    std::size_t size = 0;
+    while (connection.Writes() && connection.output.HasMore() && one.runs.size() < most &&
+           size < kMostWritten) {
+        one.runs.push_back(connection.output.Take(segment));
+        size += one.runs.back().size;
+    }
+}
+
+void KLVMsgLoop::Write(Writing& one) const {
+    one.result = {};
+    one.isFull = false;
+    for (const KLVMsgOutput::Run& run : one.runs) {
+        const KLVMsgTransport::Result sent = one.link->transport->Write(
+            run.pieces, run.count, m_options.wholeHeaders && run.endsMessage);
+        one.result.count += sent.count;
+        one.result.error = sent.error;
+        one.isFull = sent.count < run.size;
+        if (one.isFull) {
+            return;
+        }
+    }
+}
+
+void KLVMsgLoop::Took(Link& link, const KLVMsgTransport::Result& result, bool isFull) {
+    link.isWriting = false;
+    link.connection.Took(m_now, result.count, isFull);
+    if (result.error != 0 && result.error != EAGAIN) {
+        link.connection.OutputFailed(result.error);
+    }
+    m_owner.OnTook(link);
 }
 
 void KLVMsgLoop::CheckTimers() {

@@ -1,6 +1,8 @@
 // For the session's own sources: the one thread that moves the bytes of all connections.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -70,7 +72,9 @@ public:
     // Told with the mutex held, on the loop's thread; Took also on the thread of a caller that writes.
     class Owner {
     public:
-        virtual void OnCame(Link& link, KLVMsgWireReader::Arrivals& arrivals) = 0;
+        // `stock` may be filled with what is no longer needed.
+        virtual void OnCame(Link& link, KLVMsgWireReader::Arrivals& arrivals,
+                            KLVMsgParcel::Stock& stock) = 0;
         virtual void OnInputEnded(Link& link) = 0;
         virtual void OnTook(Link& link) = 0;
         virtual void OnStalls(Link& link) = 0;
@@ -89,7 +93,7 @@ public:
     KLVMsgLoop(const KLVMsgLoop&) = delete;
     KLVMsgLoop& operator=(const KLVMsgLoop&) = delete;
 
-    // Asks the system for what the loop needs.
+    // Asks the system for what the loop needs. Throws std::bad_alloc.
     KLVMsgOutcome Prepare();
 
     // Starts the thread, with all signals blocked.
@@ -115,9 +119,9 @@ public:
     // There is something to do for a connection: its output, its state.
     void Touch(Link& link);
 
-    // Writes what is queued on the caller's thread, once, who has just looked at the clock. Lets the
-    // mutex go meanwhile.
-    // Requires: the caller's own pointer.
+    // Writes the one message that is queued on the caller's thread, who has just looked at the clock.
+    // Lets the mutex go meanwhile.
+    // Requires: nobody writes, and the pointer is the caller's own.
     void WriteNow(Lock& lock, const LinkPtr& link, Time now);
 
     // Ends all connections that are left. Requires: the loop does not run.
@@ -126,13 +130,34 @@ public:
 private:
     using Timer = std::pair<Time, std::uint64_t>;
 
+    // One of those that are read in one go, and one of those that are written.
+    struct Reading {
+        LinkPtr link;
+        bool discards = false;
+        KLVMsgTransport::Result result;
+        KLVMsgWireReader::Arrivals arrivals;
+    };
+    struct Writing {
+        LinkPtr link;
+        bool asks = false;  // for the segment's size
+        std::size_t segment = 0;
+        std::vector<KLVMsgOutput::Run> runs;
+        KLVMsgTransport::Result result;
+        bool isFull = false;
+    };
+    static constexpr std::size_t kGroup = 16;
+
     void Run();
     int Wait(struct epoll_event* events, int most);
     void Serve(Lock& lock, std::uint64_t id, unsigned happened);
-    void Read(Lock& lock, Link& link);
-    void Read(Link& link, KLVMsgTransport::Result& result);
-    bool Write(Lock& lock, const LinkPtr& link);
+    void ReadGroup(Lock& lock);
+    void Read(Reading& one);
+    void HandOver(Reading& one);
     void DoTouched(Lock& lock);
+    void WriteGroup(Lock& lock);
+    void TakeRuns(Writing& one) const;
+    void Write(Writing& one) const;
+    void Took(Link& link, const KLVMsgTransport::Result& result, bool isFull);
     void CheckTimers();
     void CheckListeners();
     void Accept(Lock& lock, std::uint64_t id);
@@ -154,7 +179,10 @@ private:
 
     // The thread's own.
     KLVMsgWireReader::Buffer m_buffer;
-    KLVMsgWireReader::Arrivals m_arrivals;
+    std::array<Reading, kGroup> m_readings;
+    std::size_t m_reads = 0;
+    std::array<Writing, kGroup> m_writings;
+    std::size_t m_writes = 0;
 
     // Guarded by the mutex.
     std::unordered_map<std::uint64_t, LinkPtr> m_links;

@@ -46,36 +46,43 @@ KLVMsgOutput::Piece KLVMsgOutput::NewBlock(std::size_t size) const {
     return piece;
 }
 
-// How many bytes go next.
-std::size_t KLVMsgOutput::RunSize(std::size_t segment) const {
-    const auto queued = static_cast<std::size_t>(m_appended - m_taken);
+// How many bytes go next, from a position on.
+std::size_t KLVMsgOutput::RunSize(Position begin, std::size_t segment) const {
+    const auto queued = static_cast<std::size_t>(m_appended - begin);
     if (segment == 0) {
         return std::min(queued, kMostAtOnce);
     }
-    const auto first = static_cast<std::size_t>(m_ends.front() - m_taken);
-    if (m_taken != m_start || first >= segment) {
-        return std::min(first, kMostAtOnce);
+    const auto first = std::upper_bound(m_ends.begin(), m_ends.end(), begin);
+    const Position start = first == m_ends.begin() ? m_start : *std::prev(first);
+    const auto rest = static_cast<std::size_t>(*first - begin);
+    if (begin != start || rest >= segment) {
+        return std::min(rest, kMostAtOnce);
     }
-    const Position limit = m_taken + std::min(segment, kMostAtOnce);
-    const auto past = std::upper_bound(m_ends.begin(), m_ends.end(), limit);
-    return static_cast<std::size_t>(*std::prev(past) - m_taken);
+    const Position limit = begin + std::min(segment, kMostAtOnce);
+    return static_cast<std::size_t>(*std::prev(std::upper_bound(first, m_ends.end(), limit)) - begin);
 }
 
 KLVMsgOutput::Run KLVMsgOutput::Take(std::size_t segment) {
-    const std::size_t most = RunSize(segment);
+    const Position begin = m_taken + m_out;
+    const std::size_t most = RunSize(begin, segment);
     Run run;
+    std::size_t before = m_out;
     for (const Piece& piece : m_pieces) {
-        if (run.size == most || run.count == 8) {
+        const std::size_t there = piece.end - piece.begin;
+        if (before >= there) {
+            before -= there;
+            continue;
+        }
+        const std::size_t size = std::min(there - before, most - run.size);
+        run.pieces[run.count++] = {const_cast<char*>(piece.Data()) + piece.begin + before, size};
+        run.size += size;
+        before = 0;
+        if (run.size == most || run.count == Run::kMostPieces) {
             break;
         }
-        const std::size_t size = std::min(piece.end - piece.begin, most - run.size);
-        if (size != 0) {
-            run.pieces[run.count++] = {const_cast<char*>(piece.Data()) + piece.begin, size};
-            run.size += size;
-        }
     }
-    run.endsMessage = std::binary_search(m_ends.begin(), m_ends.end(), m_taken + run.size);
-    m_out = run.size;
+    run.endsMessage = std::binary_search(m_ends.begin(), m_ends.end(), begin + run.size);
+    m_out += run.size;
     return run;
 }
 

@@ -17,8 +17,8 @@
 //     |--------|------------------------|
 //       gone     queued; Take shows what goes next
 //
-// No I/O and no lock. While a run is out, which Take has shown and Took has not been told of, bytes
-// may be appended, and cut out behind the run.
+// No I/O and no lock. While runs are out, which Take has shown and Took has not been told of, bytes
+// may be appended, and cut out behind them.
 class KLVMsgOutput {
 public:
     using Position = std::uint64_t;
@@ -28,7 +28,9 @@ public:
 
     // Bytes for one call of the system.
     struct Run {
-        iovec pieces[8];
+        static constexpr int kMostPieces = 6;
+
+        iovec pieces[kMostPieces];
         int count = 0;
         std::size_t size = 0;
         bool endsMessage = false;
@@ -39,12 +41,13 @@ public:
     Position Append(std::string_view head, std::string_view body,
                     const std::shared_ptr<const std::string>& shared);
 
-    // What goes next. With a segment's size the run fits into it and ends with a message; a message
-    // that is longer, or of which a part has gone, goes alone. 0: as much as may go at once.
-    // Requires: something is queued, and no run is out.
+    // What goes next, behind the runs that are out already. With a segment's size the run fits into
+    // it and ends with a message; a message that is longer, or of which a part has gone, goes alone.
+    // 0: as much as may go at once.
+    // Requires: HasMore() is true.
     Run Take(std::size_t segment);
 
-    // The run is over, and so many of its bytes were taken by the system.
+    // The runs that were out are over, and so many of their bytes were taken by the system.
     void Took(std::size_t count);
 
     // Takes a message back of which nothing was taken or is out. False when it is too late for that.
@@ -55,6 +58,7 @@ public:
 
     bool IsEmpty() const { return m_taken == m_appended; }
     bool IsOut() const { return m_out != 0; }
+    bool HasMore() const { return m_taken + m_out != m_appended; }
     bool HasSeveral() const { return m_ends.size() > 1; }
     std::size_t Messages() const { return m_ends.size(); }
     std::uint64_t MessagesTaken() const { return m_messagesTaken; }
@@ -82,7 +86,7 @@ private:
     static constexpr std::size_t kLargestBlock = std::size_t{64} << 10;
 
     Piece NewBlock(std::size_t size) const;
-    std::size_t RunSize(std::size_t segment) const;
+    std::size_t RunSize(Position begin, std::size_t segment) const;
     void CutPieces(std::size_t before, std::size_t count);
 
     std::deque<Piece> m_pieces;
@@ -91,6 +95,6 @@ private:
     Position m_taken = 0;
     Position m_start = 0;  // of the first message that is not wholly gone
     std::uint64_t m_messagesTaken = 0;
-    std::size_t m_out = 0;  // bytes of the run that is out
+    std::size_t m_out = 0;  // bytes of the runs that are out
     std::size_t m_lastBlock = 0;
 };

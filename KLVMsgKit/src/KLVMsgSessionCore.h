@@ -171,7 +171,8 @@ private:
     Hand* MyHand();
 
     // KLVMsgLoop::Owner
-    void OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals) override;
+    void OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals,
+                KLVMsgParcel::Stock& stock) override;
     void OnInputEnded(KLVMsgLoop::Link& link) override;
     void OnTook(KLVMsgLoop::Link& link) override;
     void OnStalls(KLVMsgLoop::Link& link) override;

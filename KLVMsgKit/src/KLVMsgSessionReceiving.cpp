@@ -386,8 +386,9 @@ void KLVMsgSessionCore::EndOneHalf() {
 
 // The loop's side ------------------------------------------------------------------------------------
 
-void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals) {
-    arrivals.stock.Refill(m_spent);
+void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals,
+                               KLVMsgParcel::Stock& stock) {
+    stock.Refill(m_spent);
     if (link.client == nullptr || m_isEnding) {
         return;
     }

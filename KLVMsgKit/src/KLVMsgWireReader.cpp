@@ -30,7 +30,6 @@ std::string Printable(std::string_view name) {
 void KLVMsgWireReader::MakeRoom(Buffer& buffer, Space (&spaces)[2]) {
     spaces[0] = {};
     if (m_parcel != nullptr) {
-        GrowParcel();
         spaces[0] = {m_parcel->Bytes() + m_parcel->size, m_room - m_parcel->size};
         // The rest of a long body goes straight to its place; behind a short one more is read at once.
         const bool ends = m_room == m_length && spaces[0].size < kFirstRoom;
@@ -63,7 +62,7 @@ void KLVMsgWireReader::Came(Buffer& buffer, std::size_t count, Arrivals& arrival
         } else {
             bytes = {buffer.Data(), m_kept.size() + count};
         }
-        while (Next(bytes, arrivals)) {
+        while (Next(bytes, buffer, arrivals)) {
         }
         Keep(bytes, isLong);
     } catch (const std::bad_alloc&) {
@@ -72,16 +71,16 @@ void KLVMsgWireReader::Came(Buffer& buffer, std::size_t count, Arrivals& arrival
     }
 }
 
-bool KLVMsgWireReader::Next(std::string_view& bytes, Arrivals& arrivals) {
+bool KLVMsgWireReader::Next(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals) {
     switch (m_step) {
         case kName:
             return ReadName(bytes, arrivals);
         case kFrameLength:
-            return ReadFrameLength(bytes, arrivals);
+            return ReadFrameLength(bytes, buffer);
         case kFrame:
             return ReadFrame(bytes, arrivals);
         case kBare:
-            return ReadBare(bytes, arrivals);
+            return ReadBare(bytes, buffer, arrivals);
         case kPassOver:
             return PassOver(bytes);
     }
@@ -139,7 +138,7 @@ void KLVMsgWireReader::NoteUnknown(std::string_view name, Arrivals& arrivals) {
     }
 }
 
-bool KLVMsgWireReader::ReadFrameLength(std::string_view& bytes, Arrivals& arrivals) {
+bool KLVMsgWireReader::ReadFrameLength(std::string_view& bytes, Buffer& buffer) {
     if (bytes.size() < kLength) {
         return false;
     }
@@ -153,7 +152,7 @@ bool KLVMsgWireReader::ReadFrameLength(std::string_view& bytes, Arrivals& arriva
     }
     bytes.remove_prefix(kLength);
     m_room = std::min(m_length, std::max(kFirstRoom, std::min(m_length, bytes.size())));
-    m_parcel = arrivals.stock.Take(m_room);
+    m_parcel = buffer.stock.Take(m_room);
     m_step = kFrame;
     return true;
 }
@@ -167,6 +166,7 @@ bool KLVMsgWireReader::ReadFrame(std::string_view& bytes, Arrivals& arrivals) {
         bytes.remove_prefix(count);
     }
     if (m_parcel->size < m_length) {
+        GrowParcel();
         return false;
     }
     m_parcel->type = m_type;
@@ -185,7 +185,7 @@ void KLVMsgWireReader::GrowParcel() {
     }
 }
 
-bool KLVMsgWireReader::ReadBare(std::string_view& bytes, Arrivals& arrivals) {
+bool KLVMsgWireReader::ReadBare(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals) {
     if (!m_bare.IsWorthWhile(bytes.size()) && bytes.size() <= m_largestBareBody) {
         return false;
     }
@@ -209,7 +209,7 @@ bool KLVMsgWireReader::ReadBare(std::string_view& bytes, Arrivals& arrivals) {
         }
         return false;
     }
-    KLVMsgParcel::Owner parcel = arrivals.stock.Take(0);
+    KLVMsgParcel::Owner parcel = buffer.stock.Take(0);
     parcel->object = message.release();
     parcel->type = m_type;
     parcel->wireSize = static_cast<std::uint32_t>(m_headerSize + taken);

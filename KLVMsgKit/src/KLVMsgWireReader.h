@@ -33,11 +33,14 @@ public:
         std::size_t size = 0;
     };
 
-    // Room that all connections of a thread share, since each uses it only between MakeRoom and Came.
+    // What all connections of a thread share: room, which each uses only between MakeRoom and Came,
+    // and blocks for short bodies.
     class Buffer {
     public:
         static constexpr std::size_t kSize = std::size_t{64} << 10;
         char* Data() { return m_data.get(); }
+
+        KLVMsgParcel::Stock stock;
 
     private:
         std::unique_ptr<char[]> m_data{new char[kSize]};
@@ -47,14 +50,13 @@ public:
     struct Arrivals {
         std::vector<KLVMsgParcel::Owner> messages;  // in order
         std::vector<std::string> unknown;           // names, each type of a connection once
-        KLVMsgParcel::Stock stock;                  // of which parcels are made
     };
 
     KLVMsgWireReader(const KLVMsgMessageTypes& types, std::size_t largestBody,
                      std::size_t largestBareBody)
         : m_types(types), m_largestBody(largestBody), m_largestBareBody(largestBareBody) {}
 
-    // Two spaces, the first of which is filled first and may be empty. Throws std::bad_alloc.
+    // Two spaces, the first of which is filled first and may be empty.
     void MakeRoom(Buffer& buffer, Space (&spaces)[2]);
 
     // That many bytes were put there. The messages that they complete are added to `arrivals`. Calls
@@ -79,11 +81,11 @@ private:
     static constexpr std::size_t kMostUnknown = 100;    // names that are remembered
 
     // Reads one step from the front; false when it needs more bytes, or a fault was found.
-    bool Next(std::string_view& bytes, Arrivals& arrivals);
+    bool Next(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals);
     bool ReadName(std::string_view& bytes, Arrivals& arrivals);
-    bool ReadFrameLength(std::string_view& bytes, Arrivals& arrivals);
+    bool ReadFrameLength(std::string_view& bytes, Buffer& buffer);
     bool ReadFrame(std::string_view& bytes, Arrivals& arrivals);
-    bool ReadBare(std::string_view& bytes, Arrivals& arrivals);
+    bool ReadBare(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals);
     bool PassOver(std::string_view& bytes);
 
     void Named(std::uint32_t type, std::size_t headerSize);
