@@ -124,6 +124,9 @@ public:
     // Requires: nobody writes, and the pointer is the caller's own.
     void WriteNow(Lock& lock, const LinkPtr& link, Time now);
 
+    // Whether it waits for something to happen, with nothing to do meanwhile.
+    bool IsAsleep() const { return m_isAsleep; }
+
     // Ends all connections that are left. Requires: the loop does not run.
     void Clear(const char* cause);
 
@@ -183,6 +186,8 @@ private:
     std::size_t m_reads = 0;
     std::array<Writing, kGroup> m_writings;
     std::size_t m_writes = 0;
+    std::size_t m_written = 0;  // bytes in this round
+    Time m_gathersUntil{};      // nothing is written before
 
     // Guarded by the mutex.
     std::unordered_map<std::uint64_t, LinkPtr> m_links;

@@ -59,7 +59,8 @@ std::size_t KLVMsgOutput::RunSize(Position begin, std::size_t segment) const {
         return std::min(rest, kMostAtOnce);
     }
     const Position limit = begin + std::min(segment, kMostAtOnce);
-    return static_cast<std::size_t>(*std::prev(std::upper_bound(first, m_ends.end(), limit)) - begin);
+    return static_cast<std::size_t>(*std::prev(std::upper_bound(first, m_ends.end(), limit)) -
+                                    begin);
 }
 
 KLVMsgOutput::Run KLVMsgOutput::Take(std::size_t segment) {

@@ -225,8 +225,8 @@ bool KLVMsgSessionCore::HasRoom(const Peer& peer, std::size_t size) const {
 // Queues it, and writes it at once where that is worth while.
 void KLVMsgSessionCore::Deliver(Lock& lock, Peer& peer, const KLVMsgWireWriter& bytes,
                                 KLVMsgDelivery* delivery, bool isOnlyOne) {
-    const bool isAlone =
-        isOnlyOne && m_isStarted && peer.link->connection.output.IsEmpty() && !peer.link->isWriting;
+    const bool isAlone = isOnlyOne && m_loop.IsAsleep() && peer.link->connection.output.IsEmpty() &&
+                         !peer.link->isWriting;
     Append(peer, bytes, delivery);
     Time now{};
     if (isAlone && (now = Clock::now()) - m_lastOwnWrite > kQuiet) {
