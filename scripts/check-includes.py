@@ -14,7 +14,7 @@ FLOORS = (
     "KLVMsgExport KLVMsgVectors KLVMsgModuleCount KLVMsgComm_IF KLVMsgCommModules_IF "
     "KLVMsgSocket KLVMsgCommSocket KLVMsgServerSocket KLVMsgInetAddress KLVMsgSocketAddress "
     "KLVMsgSocketErrorInfo KLVMsgDiagnostics KLVMsgResolvedAddress KLVMsgSocketField "
-    "KLVMsgSocketHold KLVMsgSocketInternals",
+    "KLVMsgSocketHold KLVMsgSocketInternals KLVMsgDepartures KLVMsgConnectionLost",
     "KLVMsgConnectionServicesUtils KLVMsgMapIntoString KLVMsgStringToSocketMsgProto "
     "KLVMsgNotedNumbers KLVMsgRegistryInternals",
     "KLVMsgChannel KLVMsgChannelList KLVMsgChannelQuery KLVMsgChannelQueryByLabel KLVMsgStream "
