@@ -85,6 +85,7 @@ is_there() {  # PACKAGE
     pybuild-plugin-pyproject) [ -e /usr/share/dh-python/dhpython/build/plugin_pyproject.py ] ;;
     python3) python3 -c 'import json' 2>/dev/null ;;
     python3-*) /usr/bin/python3 -c "import ${1#python3-}" 2>/dev/null ;;
+    relacy-dev) has_header relacy/relacy.hpp ;;
     *) command -v "$1" ;;
   esac >/dev/null
 }
