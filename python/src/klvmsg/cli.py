@@ -13,7 +13,7 @@ from . import commands
 from .errors import PeerGone, TimedOut
 from .events import BadRecording
 from .exits import FILE, PEER_GONE, TIMEOUT, Failure
-from .observers import complain
+from .text import complain
 from .version import __version__
 
 

@@ -3,8 +3,9 @@
 from __future__ import annotations
 
 import json
-from typing import Any, Dict, Iterator, List, NamedTuple, Optional, TextIO
+from typing import Any, Dict, Iterator, NamedTuple, TextIO
 
+from .fields import plain
 from .text import clock, printable
 from .wire import header
 
@@ -27,7 +28,7 @@ class Event(NamedTuple):
     kind: str
     direction: str = ""
     text: str = ""
-    type: str = ""
+    type: str = ""  # out of step: the one whose rule was followed last
     length: int = 0  # of the body on the wire
     body: bytes = b""  # what is kept of it
 
@@ -40,25 +41,30 @@ class BadRecording(Exception):
     """A line that is no event."""
 
 
-def describe(event: Event, body_bytes: int = 0) -> str:
-    """One line, safe to print, with up to so many bytes of the body if it was kept."""
+def describe(event: Event, body_bytes: int = 0, said: str = "") -> str:
+    """One line, safe to print, with what the body says or up to so many bytes of it if it was kept."""
     arrow = {TO_SERVER: ">", TO_CLIENT: "<"}.get(event.direction, " ")
     head = f"{clock(event.time)} #{event.connection} {arrow} "
     if event.kind != MESSAGE:
         return head + f"-- {event.kind}" + (f": {printable(event.text)}" if event.text else "")
     line = head + f"{printable(event.type)} {event.length}"
-    if body_bytes and event.length:
+    if said:
+        line += " " + said
+    elif body_bytes and event.length:
         line += " " + printable(event.body[:body_bytes]) + ("..." if event.length > body_bytes else "")
     return line
 
 
-def to_json(event: Event) -> str:
-    """The event as a line of a recording, without the line's end."""
+def to_json(event: Event, said: Any = None) -> str:
+    """The event as a line of a recording, without the line's end, with what its body says if that is
+    known."""
     record: Dict[str, Any] = {"time": round(event.time, 6), "connection": event.connection}
     if event.direction:
         record["direction"] = event.direction
     if event.kind == MESSAGE:
         record.update(type=event.type, length=event.length, body=event.body.hex())
+        if said is not None:
+            record["decoded"] = plain(said)
     else:
         record["event"] = event.kind
         if event.text:
@@ -86,25 +92,6 @@ def from_json(line: str) -> Event:
         return event._replace(type=record["type"], length=len(body), body=body)
     except (ValueError, KeyError, TypeError, AttributeError) as error:
         raise BadRecording(f"not a line of a recording ({error!r})") from error
-
-
-class Selection(NamedTuple):
-    """Which messages are meant; what is empty selects everything."""
-
-    types: List[str]
-    direction: str
-    connections: List[int]
-    after: Optional[float] = None  # seconds from the start of the recording
-    before: Optional[float] = None
-
-    def takes(self, event: Event, start: float) -> bool:
-        return (
-            (not self.types or event.type in self.types)
-            and (not self.direction or event.direction == self.direction)
-            and (not self.connections or event.connection in self.connections)
-            and (self.after is None or event.time - start >= self.after)
-            and (self.before is None or event.time - start < self.before)
-        )
 
 
 def read_recording(file: TextIO) -> Iterator[Event]:

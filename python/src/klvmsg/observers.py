@@ -5,24 +5,28 @@ from __future__ import annotations
 import os
 import sys
 import threading
-from typing import BinaryIO, List, Tuple
+from typing import BinaryIO, Callable, List, Optional, Tuple
 
-from .events import MESSAGE, Event, describe, to_json
-from .text import printable
+from .events import MESSAGE, Event, describe
+from .text import complain as complain
 
 _WAITING_LINES = 100_000
+_WAITING_BYTES = 64_000_000  # of bodies
+
+Line = Callable[[Event], Optional[str]]  # what is written about an event, if anything
 
 
 class Printer:
     """Prints a line for each event on a thread of its own.
 
-    The bytes never wait for the output: when 100,000 lines wait to be printed, as at a terminal that
-    is stopped, further ones are left out, and their number is printed later.
+    The bytes never wait for the output: when 100,000 lines wait to be printed, or 64 MB of bodies, as at
+    a terminal that is stopped, further ones are left out, and their number is printed later.
     """
 
-    def __init__(self, body_bytes: int) -> None:
-        self._body_bytes = body_bytes
+    def __init__(self, line: Line) -> None:
+        self._line = line
         self._waiting: List[Event] = []
+        self._waiting_bytes = 0
         self._left_out = 0
         self._printed = 0
         self._over = False
@@ -33,7 +37,10 @@ class Printer:
     def observe(self, events: List[Event]) -> None:
         with self._change:
             room = _WAITING_LINES - len(self._waiting)
+            if self._waiting_bytes > _WAITING_BYTES:
+                room = 0
             self._waiting += events[:room]
+            self._waiting_bytes += sum(len(event.body) for event in events[:room])
             self._left_out += max(0, len(events) - room)
             self._change.notify()
 
@@ -53,7 +60,9 @@ class Printer:
             while True:
                 events, left_out, over = self._next()
                 for event in events:
-                    sys.stdout.write(describe(event, self._body_bytes) + "\n")
+                    line = self._line(event)
+                    if line is not None:
+                        sys.stdout.write(line + "\n")
                     self._printed += 1
                 if left_out:
                     sys.stdout.write(f"-- {left_out} lines left out: the output was too slow\n")
@@ -71,12 +80,8 @@ class Printer:
         with self._change:
             self._change.wait_for(lambda: self._waiting or self._over)
             events, left_out = self._waiting, self._left_out
-            self._waiting, self._left_out = [], 0
+            self._waiting, self._waiting_bytes, self._left_out = [], 0, 0
             return events, left_out, self._over
-
-
-def complain(text: str) -> None:
-    print(f"klvmsg: {printable(text)}", file=sys.stderr, flush=True)
 
 
 class Recorder:
@@ -85,8 +90,9 @@ class Recorder:
     When that fails, as on a full disk, it says so and stops; the bytes are passed on all the same.
     """
 
-    def __init__(self, file: BinaryIO) -> None:
+    def __init__(self, file: BinaryIO, line: Line) -> None:
         self._file = file
+        self._line = line
         self._lock = threading.Lock()
         self._closed = False
         self.messages = 0
@@ -112,7 +118,9 @@ class Recorder:
     def _write(self, events: List[Event]) -> None:
         try:
             for event in events:
-                self._file.write(to_json(event).encode("ascii") + b"\n")
+                line = self._line(event)
+                if line is not None:
+                    self._file.write(line.encode("ascii") + b"\n")
             self._file.flush()
             self.messages += sum(event.kind == MESSAGE for event in events)
         except OSError as error:

@@ -7,7 +7,8 @@ import threading
 from typing import Callable, Dict, Iterable, Optional
 
 from .errors import PeerGone, TimedOut
-from .events import ENDED, MESSAGE, Event, Selection
+from .events import ENDED, MESSAGE, Event
+from .filters import Filter
 from .relay import Address
 from .wire import header
 
@@ -21,7 +22,7 @@ class Player:
     output of a connection ends where the recorded one did.
     """
 
-    def __init__(self, server: Address, selection: Selection, patience: float) -> None:
+    def __init__(self, server: Address, selection: Filter, patience: float) -> None:
         """`patience`: seconds that the program may take to accept, to take a message, to close."""
         self._server = server
         self._selection = selection
@@ -39,15 +40,16 @@ class Player:
         start: Optional[float] = None
         for event in events:
             start = event.time if start is None else start
-            if event.kind == MESSAGE and self._selection.takes(event, start):
+            if not self._selection.takes(event, start):
+                continue
+            if event.kind == MESSAGE:
                 if not pause(event, event.time - start):
                     break
                 self._send(event)
             elif event.kind == ENDED and event.connection in self._playing:
-                if event.direction == self._selection.direction:
-                    if not pause(event, event.time - start):
-                        break
-                    self._playing[event.connection].end()
+                if not pause(event, event.time - start):
+                    break
+                self._playing[event.connection].end()
         for playing in self._playing.values():
             playing.end()
         for playing in self._playing.values():

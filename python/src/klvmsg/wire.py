@@ -104,6 +104,11 @@ class Decoder:
         return 0 if self.lost or self._body_at or self._missing else len(self._head)
 
     @property
+    def type(self) -> str:
+        """Of the last message whose header was whole: the rule that was followed last is for this type."""
+        return self._type
+
+    @property
     def between_messages(self) -> bool:
         return not self._head
 

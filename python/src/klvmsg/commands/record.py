@@ -3,20 +3,22 @@
 from __future__ import annotations
 
 import argparse
+from typing import Optional
 
 from ..between import open_entrance, pass_on
+from ..events import Event, to_json
 from ..exits import DONE, FILE
 from ..files import open_for_writing
-from ..observers import Recorder, complain
-from ..options import RULES_HELP, Commands, add_command, add_relay_options
-from ..text import plural
+from ..observers import Recorder
+from ..options import RULES_HELP, Commands, add_command, add_relay_options, decoders, selection
+from ..text import complain, plural
 
 
 def add(commands: Commands[argparse.ArgumentParser]) -> None:
     parser = add_command(
         commands, "record", run, "stand between two programs and write down what they say",
         "Like spy, but writes each message to FILE as a line of JSON: time, connection, direction,\n"
-        "type, length, and body in hexadecimal.",
+        "type, length, body in hexadecimal, and what it says where that is known.",
         RULES_HELP,
     )  # fmt: skip
     parser.add_argument("file", metavar="FILE", help="overwritten; - is standard output")
@@ -24,8 +26,14 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
 
 
 def run(options: argparse.Namespace) -> int:
+    decode = decoders(options)
+    chosen = selection(options, decode)
+
+    def line(event: Event) -> Optional[str]:
+        return to_json(event, decode.decode(event)) if chosen.takes(event) else None
+
     entrance = open_entrance(options)
-    recorder = Recorder(open_for_writing(options.file))
+    recorder = Recorder(open_for_writing(options.file), line)
     pass_on(options, entrance, recorder.observe, options.max_body)
     recorder.close()
     complain(f"recorded {plural(recorder.messages, 'message')}")

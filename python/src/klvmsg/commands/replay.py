@@ -11,11 +11,12 @@ from ..errors import PeerGone, TimedOut
 from ..events import MESSAGE, TO_SERVER, Event, describe, read_recording
 from ..exits import DONE, NO_CONNECTION, USAGE, Failure
 from ..files import open_recording
-from ..observers import complain
-from ..options import Commands, add_command, add_selection, connect_address, positive, selection
+from ..options import (
+    Commands, add_command, add_decoding, add_selection, connect_address, decoders, positive, selection,
+)  # fmt: skip
 from ..relay import show_address
 from ..replay import Player
-from ..text import plural
+from ..text import complain, plural
 
 
 def add(commands: Commands[argparse.ArgumentParser]) -> None:
@@ -41,6 +42,7 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
         help="how long the program may take to accept, to take a message and, when all has been "
         "sent, to close (10)",
     )  # fmt: skip
+    add_decoding(parser)
     add_selection(parser, TO_SERVER)
 
 
@@ -52,7 +54,7 @@ def run(options: argparse.Namespace) -> int:
         if options.file == "-":
             raise Failure(USAGE, "--step reads Enter from standard input, so FILE cannot be -")
         pause = _step
-    player = Player(options.connect, selection(options), options.timeout)
+    player = Player(options.connect, selection(options, decoders(options)), options.timeout)
     with open_recording(options.file) as file:
         try:
             player.play(read_recording(file), pause)
