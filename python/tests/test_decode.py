@@ -12,7 +12,10 @@ import pytest
 from conftest import LIMIT, ROOT, answer, dial, message
 from test_recording import write_recording
 
+from klvmsg.decode import Decoders, Sources
+from klvmsg.events import MESSAGE, TO_SERVER, Event
 from klvmsg.expressions import MISSING, Expression, part_of
+from klvmsg.rules import Rules
 
 DECODER = """
 import collections
@@ -40,7 +43,8 @@ def value(text: str, **names: Any) -> Any:
         ("items[2].count == 0 or items[0].gone", False),
         ("n in [1, -3, 3] and len(items) == 2", True),
         ("matches(lower(s), 'a*c') and abs(-n) == 3", True),
-        ("n / 0 == 0 or s * 1000000000 == s", False),
+        ("n / 0 == 0 or s * 2 == 'AbcAbc'", False),
+        ("len(gone) == 0 or matches(gone, 'm*')", False),
     ],
 )
 def test_expressions_ask_about_fields(text: str, wanted: Any) -> None:
@@ -62,6 +66,13 @@ def test_an_expression_reaches_nothing_but_fields() -> None:
     assert part_of([1], "append") is MISSING
     assert part_of({"a": 1}, "keys") is MISSING
     assert part_of(Expression("1"), "_value") is MISSING
+
+
+def test_a_body_that_breaks_its_rule_is_decoded_whole() -> None:
+    decoders = Decoders(Rules.parse("A=length(0,1,big)"), Sources([], [], ["A"]))
+    event = Event(0, 1, MESSAGE, TO_SERVER, "", "A", 3, b"\2ab")
+    assert decoders.decode(event) == "ab"
+    assert decoders.decode(event._replace(body=b"\3ab")) == "\3ab"
 
 
 @pytest.fixture

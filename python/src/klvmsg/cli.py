@@ -10,9 +10,9 @@ import sys
 from typing import List, NoReturn, Optional
 
 from . import commands
-from .errors import PeerGone, TimedOut
+from .errors import OutOfStep, PeerGone, TimedOut
 from .events import BadRecording
-from .exits import FILE, PEER_GONE, TIMEOUT, Failure
+from .exits import FILE, OUT_OF_STEP, PEER_GONE, TIMEOUT, Failure
 from .text import complain
 from .version import __version__
 
@@ -51,11 +51,14 @@ def main(arguments: Optional[List[str]] = None) -> int:
     except PeerGone as gone:
         complain(str(gone))
         return PEER_GONE
+    except OutOfStep as lost:
+        complain(str(lost))
+        return OUT_OF_STEP
     except TimedOut as late:
         complain(str(late))
         return TIMEOUT
     except OSError as error:
-        complain(str(error))
+        complain(": ".join(filter(None, (error.filename and str(error.filename), error.strerror))))
         return FILE
     except KeyboardInterrupt:
         return 128 + signal.SIGINT

@@ -6,7 +6,7 @@ import json
 from typing import Any, Dict, Iterator, NamedTuple, TextIO
 
 from .fields import plain
-from .text import clock, printable
+from .text import clock, complain, plural, printable
 from .wire import header
 
 TO_SERVER = "to-server"
@@ -86,18 +86,31 @@ def from_json(line: str) -> Event:
         if event.kind != MESSAGE:
             return event
         body = bytes.fromhex(record["body"])
-        if event.direction not in DIRECTIONS or len(body) != record["length"]:
-            raise ValueError("direction or length")
+        if event.direction not in DIRECTIONS:
+            raise BadRecording(f"no direction: {event.direction[:20]!r}")
+        if len(body) != record["length"]:
+            raise BadRecording(f"a body of {len(body)} bytes and a length that says something else")
         header(record["type"])  # that it can be sent
         return event._replace(type=record["type"], length=len(body), body=body)
-    except (ValueError, KeyError, TypeError, AttributeError) as error:
-        raise BadRecording(f"not a line of a recording ({error!r})") from error
+    except KeyError as error:
+        raise BadRecording(f"there is no {error.args[0]}") from error
+    except (ValueError, TypeError, AttributeError, OverflowError) as error:
+        raise BadRecording("not a line of a recording") from error
 
 
 def read_recording(file: TextIO) -> Iterator[Event]:
-    """The events of a recording. Raises BadRecording, which names the line."""
+    """The events of a recording. Raises BadRecording, which names the line.
+
+    A last line that is cut off, as when the recorder was killed or the disk full, is told of and passed
+    over.
+    """
+    messages = 0
     for number, line in enumerate(file, 1):
         try:
-            yield from_json(line)
+            event = from_json(line)
         except BadRecording as bad:
+            if not line.endswith("\n"):
+                return complain(f"{plural(messages, 'message')}; the last line is cut off")
             raise BadRecording(f"line {number}: {bad}") from bad
+        messages += event.kind == MESSAGE
+        yield event

@@ -1,13 +1,13 @@
-"""What becomes of the events of a relay: lines, a recording. The live table is in `top`."""
+"""Prints the events of a relay as lines. The live table is in `top`, the recording in `recorder`."""
 
 from __future__ import annotations
 
 import os
 import sys
 import threading
-from typing import BinaryIO, Callable, List, Optional, Tuple
+from typing import Callable, List, Optional, Tuple
 
-from .events import MESSAGE, Event, describe
+from .events import Event
 from .text import complain as complain
 
 _WAITING_LINES = 100_000
@@ -82,51 +82,3 @@ class Printer:
             events, left_out = self._waiting, self._left_out
             self._waiting, self._waiting_bytes, self._left_out = [], 0, 0
             return events, left_out, self._over
-
-
-class Recorder:
-    """Writes each event as a line of JSON at once.
-
-    When that fails, as on a full disk, it says so and stops; the bytes are passed on all the same.
-    """
-
-    def __init__(self, file: BinaryIO, line: Line) -> None:
-        self._file = file
-        self._line = line
-        self._lock = threading.Lock()
-        self._closed = False
-        self.messages = 0
-        self.failed = False
-
-    def close(self) -> None:
-        """Closes the file; what happens from now on is not written."""
-        with self._lock:
-            self._closed = True
-            try:
-                self._file.close()
-            except OSError as error:
-                self._fail(error)
-
-    def observe(self, events: List[Event]) -> None:
-        with self._lock:
-            if not self._closed and not self.failed:
-                self._write(events)
-        for event in events:
-            if event.is_notable():
-                complain(describe(event))
-
-    def _write(self, events: List[Event]) -> None:
-        try:
-            for event in events:
-                line = self._line(event)
-                if line is not None:
-                    self._file.write(line.encode("ascii") + b"\n")
-            self._file.flush()
-            self.messages += sum(event.kind == MESSAGE for event in events)
-        except OSError as error:
-            self._fail(error)
-
-    def _fail(self, error: OSError) -> None:
-        if not self.failed:
-            self.failed = True
-            complain(f"recording has ended: {error.strerror}")
