@@ -54,6 +54,11 @@ class Decoders:
         self._said: Set[str] = set()
         self._last: Tuple[Optional[Event], Any] = (None, None)
 
+    @staticmethod
+    def none() -> Decoders:
+        """Decodes nothing."""
+        return Decoders(Rules())
+
     def __bool__(self) -> bool:
         return bool(self._functions or self._texts or self.protos)
 
