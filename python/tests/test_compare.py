@@ -57,6 +57,7 @@ RUN = [
         ("no more than 2 Job a minute", "broken 1"),
         ("exactly 3 Job", "holds"),
         ("exactly 4 Job", "broken 1 there are 3"),
+        ("no more than 4 Job", "holds"),
         ("no more than 2 Job", "broken 1 is number 3"),
         ("at least 4 Job", "broken 1 there are 3"),
         ("at least 2 Job", "holds"),

@@ -13,7 +13,8 @@ from conftest import ROOT, SOURCES
 
 PAGE = (ROOT / "python" / "klvmsg.1").read_text()
 COMMANDS = {"spy": "of spy and record", "record": "of spy and record", "replay": "of replay",
-            "chart": "of chart", "diff": "", "check": ""}  # fmt: skip
+            "chart": "of chart", "diff": "", "check": "",
+            "export": "of export"}  # fmt: skip
 
 
 def options_of_help(*command: str) -> Set[str]:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import importlib
+import os
 import pkgutil
 import signal
 import sys
@@ -41,6 +42,7 @@ def main(arguments: Optional[List[str]] = None) -> int:
     try:
         options = _parser().parse_args(arguments)
         code: int = options.run(options)
+        sys.stdout.flush()
         return code
     except Failure as failure:
         complain(str(failure))
@@ -57,6 +59,9 @@ def main(arguments: Optional[List[str]] = None) -> int:
     except TimedOut as late:
         complain(str(late))
         return TIMEOUT
+    except BrokenPipeError:  # whoever read the output has enough
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # for Python's own flush
+        return FILE
     except OSError as error:
         complain(": ".join(filter(None, (error.filename and str(error.filename), error.strerror))))
         return FILE

@@ -96,6 +96,15 @@ class Decoders:
 
         return lookup
 
+    def proto_of(self, type: str) -> str:
+        """The name of the Protocol Buffers message that decodes this type, if one does."""
+        name = self._rules.of(type).protobuf or type
+        return name if self.protos is not None and self.protos.decoder(name) else ""
+
+    def describe(self, proto: str) -> bytes:
+        """The declaration of a Protocol Buffers message and of all that it needs."""
+        return self.protos.describe(proto) if self.protos is not None else b""
+
     def content(self, event: Event) -> bytes:
         """The body without its length, if it is a length and what that counts."""
         rule = self._rules.of(event.type)
@@ -116,9 +125,9 @@ class Decoders:
             return None
 
     def _find_decoder(self, type: str) -> Optional[Decode]:
-        proto = self.protos.decoder(self._rules.of(type).protobuf or type) if self.protos else None
-        if proto is not None:
-            return proto
+        name = self.proto_of(type)
+        if self.protos is not None and name:
+            return self.protos.decoder(name)
         if any(fnmatchcase(type, text) for text in self._texts):
             return _decode_text
         return self._decode_by_function if self._functions else None

@@ -12,7 +12,7 @@ from .exits import FILE, Failure
 def open_for_writing(path: str) -> BinaryIO:
     """The file, emptied; - is standard output."""
     try:
-        return sys.stdout.buffer if path == "-" else open(path, "wb")
+        return open(sys.stdout.fileno() if path == "-" else path, "wb", closefd=path != "-")
     except OSError as error:
         raise Failure(FILE, f"cannot write {path}: {error.strerror}") from error
 

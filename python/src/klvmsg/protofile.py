@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import subprocess
 import tempfile
+from functools import lru_cache
 from typing import Any, Callable, Dict, List, Optional
 
 from .exits import FILE, USAGE, Failure, missing
@@ -13,6 +14,8 @@ try:
     from google.protobuf import descriptor_pb2, descriptor_pool, message_factory
 except ImportError as error:
     raise missing("--proto", "protobuf", error) from error
+
+_CLASSES = 4096  # of messages, or names of none, that are remembered
 
 
 class ProtoFiles:
@@ -28,6 +31,7 @@ class ProtoFiles:
         for file in self._files.values():  # protoc names a file behind those that it imports
             self._pool.Add(file)
 
+    @lru_cache(_CLASSES)
     def decoder(self, name: str) -> Optional[Callable[[str, bytes], Dict[str, Any]]]:
         """What decodes the message of this full name, or None if no file declares it."""
         try:
