@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+from functools import lru_cache
 from typing import Any, Dict, Iterator, NamedTuple, TextIO
 
 from .fields import plain
@@ -58,18 +59,21 @@ def describe(event: Event, body_bytes: int = 0, said: str = "") -> str:
 def to_json(event: Event, said: Any = None) -> str:
     """The event as a line of a recording, without the line's end, with what its body says if that is
     known."""
+    if event.kind == MESSAGE:  # by hand, as there are many, in the form of the others
+        decoded = "" if said is None else f', "decoded": {json.dumps(plain(said))}'
+        return (f'{{"time": {round(event.time, 6)}, "connection": {event.connection}, "direction": '
+                f'"{event.direction}", "type": {_quoted(event.type)}, "length": {event.length}, "body": '
+                f'"{event.body.hex()}"{decoded}}}')  # fmt: skip
     record: Dict[str, Any] = {"time": round(event.time, 6), "connection": event.connection}
     if event.direction:
         record["direction"] = event.direction
-    if event.kind == MESSAGE:
-        record.update(type=event.type, length=event.length, body=event.body.hex())
-        if said is not None:
-            record["decoded"] = plain(said)
-    else:
-        record["event"] = event.kind
-        if event.text:
-            record["text"] = event.text
+    record["event"] = event.kind
+    if event.text:
+        record["text"] = event.text
     return json.dumps(record)
+
+
+_quoted = lru_cache(4096)(json.dumps)
 
 
 def from_json(line: str) -> Event:

@@ -40,7 +40,7 @@ class Recorder:
         self._files = _Files(path, rotation) if rotation else _OneFile(path)
         self._line = line
         self._interval = interval
-        self._gathered: List[Tuple[bytes, Event]] = []  # lines, and what they are about
+        self._gathered: List[Tuple[str, Event]] = []  # lines, and what they are about
         self._gathered_bytes = 0
         self._lock = threading.Lock()
         self._over = threading.Event()
@@ -74,9 +74,8 @@ class Recorder:
         for event in events:
             line = self._line(event)
             if line is not None:
-                data = line.encode("ascii") + b"\n"
-                self._gathered.append((data, event))
-                self._gathered_bytes += len(data)
+                self._gathered.append((line + "\n", event))
+                self._gathered_bytes += len(line)
 
     def _write_regularly(self) -> None:
         while not self._over.wait(self._interval):
@@ -87,7 +86,7 @@ class Recorder:
         lines, self._gathered, self._gathered_bytes = self._gathered, [], 0
         if not lines or self.failed:
             return
-        data = b"".join([line for line, _ in lines])
+        data = "".join([line for line, _ in lines]).encode("ascii")
         try:
             self._files.begin_write(len(data))
             written = self._files.write(data)
