@@ -221,3 +221,17 @@ def test_the_live_table_counts(start: Any, listener: socket.socket, columns: int
     last = picture.decode()[picture.decode().rindex("klvmsg spy") :]
     assert re.search(r"#1 +server +No\\x1bte\[b\] +1,234\s", last), last
     assert re.search(r"#1 +client +Back +1\s", last), last
+
+
+def test_a_file_gets_every_line(start: Any, listener: socket.socket) -> None:
+    """Even when more come at once than may wait."""
+    count = 250_000
+    wire = message(b"N", bytes(4)) * count
+    spy, client, server = between(start, listener)
+    sender = threading.Thread(target=client.sendall, args=(wire,))
+    sender.start()
+    assert len(read_all(server, len(wire))) == len(wire)
+    sender.join()
+    client.close()
+    server.close()
+    assert spy.end()[1].count("#1 > N 4\n") == count
