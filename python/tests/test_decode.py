@@ -176,16 +176,3 @@ def test_out_of_step_without_rules_names_the_file_that_has_them(
     assert code == 0 and "no rule for Hello" in errors
     file = re.search(r"--rules @(\S+exchange\.rules)", errors)
     assert file and pathlib.Path(file[1]).exists()
-
-
-WRONG = [
-    ("-r", "@none"), ("-r", "@."), ("--proto", "none"), ("--proto", __file__), ("--decode", "json"),
-    ("--decode", "json:none"), ("--decode", "none_such:x"), ("--decode", "none.py:x"),
-    ("--where", "a ="), ("--column", "a"), ("--direction", "up"),
-]  # fmt: skip
-
-
-@pytest.mark.parametrize("wrong", WRONG)
-def test_wrong_decoders_and_filters_are_refused_with_words(start: Any, wrong: Any) -> None:
-    code, _, errors = start("klvmsg", "spy", "-l", 0, "-c", "127.0.0.1:1", *wrong).end()
-    assert code in (2, 3) and "Traceback" not in errors and "listening" not in errors, errors

@@ -143,6 +143,8 @@ def _decode_text(type: str, content: bytes) -> str:
 
 def _where(error: Exception) -> str:
     """The kind of an error and the line of the code that raised it."""
+    if isinstance(error, SyntaxError):
+        return f"{os.path.basename(error.filename or '')}, line {error.lineno}, is no Python"
     frame = traceback.extract_tb(error.__traceback__)[-1]
     return f"{type(error).__name__} in {os.path.basename(frame.filename)}, line {frame.lineno}"
 
