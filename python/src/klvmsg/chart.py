@@ -1,4 +1,7 @@
-"""Draws a recording: the messages between the processes, and rates. Needs matplotlib. The page is in `page`."""
+"""Draws a recording: the messages between the processes, and rates. Needs matplotlib.
+
+The page is in `page`.
+"""
 
 from __future__ import annotations
 

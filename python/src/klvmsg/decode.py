@@ -183,7 +183,11 @@ def _load_module(name: str) -> Any:
         specification = importlib.util.spec_from_file_location("klvmsg_decoder", name)
         assert specification is not None and specification.loader is not None
         module = importlib.util.module_from_spec(specification)
-        specification.loader.exec_module(module)
+        written, sys.dont_write_bytecode = sys.dont_write_bytecode, True  # nothing beside that file
+        try:
+            specification.loader.exec_module(module)
+        finally:
+            sys.dont_write_bytecode = written
         return module
     except OSError as error:
         raise Failure(USAGE, f"cannot read {name}: {error.strerror}") from error

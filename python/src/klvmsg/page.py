@@ -95,8 +95,9 @@ function show([seconds, connection, direction, type, length, said]) {
 function choose() {
   const text = element("wanted").value;
   wanted = text ? all.rows.filter(row => row[3].includes(text) || row[5].includes(text)) : all.rows;
-  element("count").textContent = `${wanted.length.toLocaleString("en")} of ${all.rows.length.toLocaleString("en")}`
-    + (all.left_out ? `; ${all.left_out.toLocaleString("en")} later ones are not listed` : "");
+  const number = count => count.toLocaleString("en");
+  element("count").textContent = `${number(wanted.length)} of ${number(all.rows.length)}`
+    + (all.left_out ? `; ${number(all.left_out)} later ones are not listed` : "");
   element("list").scrollTop = 0;
   draw();
 }

@@ -27,8 +27,8 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
         commands, "spy", run, "stand between two programs and print what they say",
         "Stands between clients and their server, passes every byte on unchanged, and prints a line\n"
         "for each message: the time, the connection, > to the server or < to the client, the type,\n"
-        "the bytes of the body, and what it says where that is known. Bytes are passed on whatever is made of them, also when a rule\n"
-        "is wrong or the stream is out of step, which is printed.",
+        "the bytes of the body, and what it says where that is known. Bytes are passed on whatever is\n"
+        "made of them, also when a rule is wrong or the stream is out of step, which is printed.",
         RULES_HELP,
     )  # fmt: skip
     add_relay_options(parser)
