@@ -118,9 +118,10 @@ def test_a_choice_is_played_in_the_recorded_time(
 def test_step_by_step_each_message_waits_for_enter(
     start: Any, listener: socket.socket, tmp_path: pathlib.Path
 ) -> None:
-    file = write_recording(tmp_path / "run", *[(n, 1, "to-server", f"T{n}", b"") for n in range(3)])
+    contents = (b"", b"", b"two")
+    file = write_recording(tmp_path / "run", *[(n, 1, "to-server", f"T{n}", contents[n]) for n in range(3)])
     player = start("klvmsg", "replay", file, "-c", f"127.0.0.1:{listener.getsockname()[1]}", "--step",
-                   stdin=-1)  # fmt: skip
+                   "--text", "T2", stdin=-1)  # fmt: skip
     player.process.stdin.write(b"\n")
     player.process.stdin.flush()
     sock = answer(listener)
@@ -134,7 +135,7 @@ def test_step_by_step_each_message_waits_for_enter(
     assert read_all(sock) == message(b"T1", framed(b""))
     sock.close()
     code, _, errors = player.end()
-    assert code == 0 and "#1 > T2 4" in errors and "sent 2 messages" in errors
+    assert code == 0 and "#1 > T2 7 two   [Enter" in errors and "sent 2 messages" in errors
 
 
 def test_failures_have_codes_and_words(
@@ -233,6 +234,10 @@ def test_files_follow_each_other_and_each_is_a_recording(tmp_path: pathlib.Path)
             events = list(read_recording(file))
         assert [(e.kind, e.connection) for e in events[:2]] == [("opened", 1), (MESSAGE, 1)]
         assert path.stat().st_size <= 2000
+    small = Recorder(str(tmp_path / "s"), to_json, Rotation(bytes=10))
+    small.observe([note])
+    small.close()
+    assert [path.name for path in tmp_path.glob("s.*")] == ["s.0001"], "and no empty one before it"
     timed = Recorder(str(tmp_path / "t"), to_json, Rotation(seconds=1e-9))
     timed.observe([note])
     timed.observe([note])

@@ -180,12 +180,12 @@ def _load_module(name: str) -> Any:
                 return importlib.import_module(name)
             finally:
                 sys.path.remove("")
-        specification = importlib.util.spec_from_file_location("klvmsg_decoder", name)
-        assert specification is not None and specification.loader is not None
-        module = importlib.util.module_from_spec(specification)
+        found = importlib.util.spec_from_file_location("klvmsg_decoder", name)
+        assert found is not None and found.loader is not None
+        module = importlib.util.module_from_spec(found)
         written, sys.dont_write_bytecode = sys.dont_write_bytecode, True  # nothing beside that file
         try:
-            specification.loader.exec_module(module)
+            found.loader.exec_module(module)
         finally:
             sys.dont_write_bytecode = written
         return module
