@@ -15,7 +15,7 @@ FLOORS = (
     "KLVMsgExport KLVMsgVectors KLVMsgAtExit KLVMsgModuleCount KLVMsgComm_IF KLVMsgCommModules_IF "
     "KLVMsgSocket KLVMsgCommSocket KLVMsgServerSocket KLVMsgInetAddress KLVMsgSocketAddress "
     "KLVMsgSocketErrorInfo KLVMsgDiagnostics KLVMsgResolvedAddress KLVMsgSocketField "
-    "KLVMsgSocketHold KLVMsgSocketInternals",
+    "KLVMsgSocketHold KLVMsgSocketInternals KLVMsgDepartures KLVMsgConnectionLost",
     "KLVMsgConnectionServicesUtils KLVMsgMapIntoString KLVMsgStringToSocketMsgProto "
     "KLVMsgNotedNumbers KLVMsgRegistryInternals",
     "KLVMsgChannel KLVMsgChannelList KLVMsgChannelQuery KLVMsgChannelQueryByLabel KLVMsgStream "

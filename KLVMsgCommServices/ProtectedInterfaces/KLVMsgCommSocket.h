@@ -51,6 +51,7 @@ public:
 private:
     friend class KLVMsgServerSocket;  // which makes connected ones
 
+    static unsigned char Directions(const KLVMsgSocket& socket);  // the two flags
     void TakeOver(int connected);
     void SetDirections(bool open);
     void ShutDownDirection(bool& open, int how);

@@ -47,6 +47,10 @@ public:
     bool closed = true;           // false from bind, connect or accept until Close
 
 protected:
+    // For a class with direction flags: `directions` gives them as a number, so that the socket can
+    // tell whether one was changed since it closed its descriptor.
+    explicit KLVMsgSocket(unsigned char (*directions)(const KLVMsgSocket& socket));
+
     ~KLVMsgSocket() = default;
 
     // Puts a descriptor in, or -1, which the socket owns from now on.
@@ -60,27 +64,29 @@ protected:
 
 private:
     friend class KLVMsgSocketHold;
+    template <class Socket, class Mutex, class Condition>
+    friend class KLVMsgDepartures;
 
-    // How the socket is closed and destroyed while others work with it. A copy of a socket takes
-    // over only what is closed already.
+    // How many work with the socket, and what is to be done when they are through. A copy of a
+    // socket is held by nobody.
     struct Departure {
         Departure() = default;
-        Departure(const Departure& other) { *this = other; }
-        Departure& operator=(const Departure& other);
+        Departure(const Departure&) {}
+        Departure& operator=(const Departure&) { return *this; }
 
-        std::atomic<int> holds{0};  // how many must end first
-        std::atomic<int> waits{0};  // the same, for waits
-        int closed = -1;            // the descriptor that Close has closed, -1: none
-        bool inputOpen = false;     // the direction flags as Close left them
-        bool outputOpen = false;
-        bool departing = false;        // to be closed or destroyed when all holds have ended
-        bool closing = false;          // being closed at the moment
-        bool removed = false;          // to be destroyed
-        int toClose = -1;              // the descriptor to be closed, -1: none
-        KLVMsgSocket* next = nullptr;  // departing, too
+        std::atomic<unsigned> holds{0};  // twice their number, and one more when the socket departs
+        int toClose = -1;                // the descriptor to be closed, -1: none
+        bool removed = false;            // to be destroyed
+        KLVMsgSocket* next = nullptr;    // departing, too
     };
 
+    bool ClosesNow();
+    [[gnu::cold]] bool HasClosed();
+    bool IsAsClosed() const;
     void CloseDescriptor(int number);
 
+    unsigned char m_directionsAtClose = 0;
+    int m_closedDescriptor = -1;  // the one that Close has closed, -1: none
+    unsigned char (*m_directions)(const KLVMsgSocket& socket) = nullptr;  // null: it has none
     Departure m_departure;
 };

@@ -14,7 +14,6 @@
 #include "KLVMsgDiagnostics.h"
 #include "KLVMsgRegistryInternals.h"
 #include "KLVMsgServerSocket.h"
-#include "KLVMsgSocketField.h"
 #include "KLVMsgSocketInternals.h"
 #include "KLVMsgVectors.h"
 #include "aio_ostream.h"
@@ -37,9 +36,8 @@ void EndWait(KLVMsgCycle& cycle, const fd_set& set) {
                 cycle.AddTurn(watched);
             }
         }
-        cycle.EndWatch();
     }
-    KLVMsgSocketHold::AfterWait();
+    cycle.EndWatch();
 
     const auto byDescriptor = [](const KLVMsgTurn& a, const KLVMsgTurn& b) {
         return a.socket->descriptor < b.socket->descriptor;
@@ -128,8 +126,7 @@ void KLVMsgBeginWait(const KLVMsgChannelWaitable& waitable, KLVMsgCycle& cycle,
     for (std::size_t i = 0; i < waitable.channels.Size(); ++i) {
         const KLVMsgChannel channel = waitable.channels[i];
         KLVMsgSocket* const socket = registry.Find(channel.connection);
-        if (socket != nullptr && !KLVMsgLoad(socket->closed) &&
-            FitsDescriptorSet(socket->descriptor)) {
+        if (socket != nullptr && FitsDescriptorSet(socket->descriptor)) {
             cycle.Watch(socket, channel);
         }
     }

@@ -5,14 +5,20 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "KLVMsgConnectionLost.h"
 #include "KLVMsgResolvedAddress.h"
 #include "KLVMsgSocketField.h"
-#include "KLVMsgSocketInternals.h"
 
 // Closing resets the connection at once instead of draining it.
 static const linger resetOnClose = {1, 0};
 
-KLVMsgCommSocket::KLVMsgCommSocket(KLVMsgSocketAddress) {}
+KLVMsgCommSocket::KLVMsgCommSocket(KLVMsgSocketAddress) : KLVMsgSocket(&Directions) {}
+
+unsigned char KLVMsgCommSocket::Directions(const KLVMsgSocket& socket) {
+    const auto& stream = static_cast<const KLVMsgCommSocket&>(socket);
+    return static_cast<unsigned char>((KLVMsgLoad(stream.inputOpen) ? 1 : 0) |
+                                      (KLVMsgLoad(stream.outputOpen) ? 2 : 0));
+}
 
 void KLVMsgCommSocket::Connect(KLVMsgSocketAddress peer) {
     KLVString service;  // first, since its memory may not be had

@@ -1,24 +1,20 @@
 #include "KLVMsgCycle.h"
 
-#include "KLVMsgRegistryInternals.h"
+#include "KLVMsgSocketField.h"
 #include "KLVMsgSocketHold.h"
-
-void KLVMsgCycle::AbandonWatch() {
-    {
-        const KLVMsgLockedRegistry locked;
-        EndWatch();
-    }
-    KLVMsgSocketHold::AfterWait();
-}
 
 void KLVMsgCycle::Watch(KLVMsgSocket* socket, const KLVMsgChannel& channel) {
     m_lists.watched.push_back({socket, channel});
-    KLVMsgSocketHold::BeginWait(*socket);
+    KLVMsgSocketHold::Begin(*socket);
+    if (KLVMsgLoad(socket->closed)) {  // only now: until it was held it could be closed at any time
+        m_lists.watched.pop_back();
+        KLVMsgSocketHold::End(*socket);
+    }
 }
 
 void KLVMsgCycle::EndWatch() {
     for (const KLVMsgTurn& watched : m_lists.watched) {
-        KLVMsgSocketHold::EndWait(*watched.socket);
+        KLVMsgSocketHold::End(*watched.socket);
     }
     m_lists.watched.clear();
 }

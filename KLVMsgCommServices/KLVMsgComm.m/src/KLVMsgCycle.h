@@ -32,9 +32,7 @@ public:
 
     // Ends all holds that are left and empties the lists.
     ~KLVMsgCycle() {
-        if (!m_lists.watched.empty()) {
-            AbandonWatch();
-        }
+        EndWatch();
         while (m_current < m_lists.turns.size()) {
             EndTurn();
         }
@@ -44,8 +42,8 @@ public:
     KLVMsgCycle(const KLVMsgCycle&) = delete;
     KLVMsgCycle& operator=(const KLVMsgCycle&) = delete;
 
-    // What a wait watches, held until EndWatch, which is followed by KLVMsgSocketHold::AfterWait.
-    // Requires, both: the registry's lock is held. Requires: `socket` is not null.
+    // What a wait watches, held until EndWatch. A closed socket is passed over.
+    // Requires, Watch: the registry's lock is held, and `socket` is not null.
     void Watch(KLVMsgSocket* socket, const KLVMsgChannel& channel);
     void EndWatch();
     const std::vector<KLVMsgTurn>& Watched() const { return m_lists.watched; }
@@ -67,8 +65,6 @@ public:
     void EndTurn();
 
 private:
-    [[gnu::cold]] void AbandonWatch();  // of a wait that failed half way
-
     KLVMsgCycleLists& m_lists;
     std::size_t m_current = 0;
 };

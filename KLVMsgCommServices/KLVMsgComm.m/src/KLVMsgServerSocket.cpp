@@ -6,7 +6,7 @@
 #include <cerrno>
 
 #include "KLVMsgCommSocket.h"
-#include "KLVMsgSocketInternals.h"
+#include "KLVMsgConnectionLost.h"
 
 KLVMsgServerSocket::KLVMsgServerSocket(KLVMsgSocketAddress local, int backlog) {
     if (closed) {

@@ -5,12 +5,19 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
 
 #include "KLVMsgComm_IF.h"
+#include "KLVMsgDepartures.h"
 #include "KLVMsgResolvedAddress.h"
 #include "KLVMsgSocketField.h"
-#include "KLVMsgSocketHold.h"
+
+using Lock = std::lock_guard<std::mutex>;
+using Departures = KLVMsgDepartures<KLVMsgSocket, std::mutex, std::condition_variable>;
+
+Departures& KLVMsgSocketDepartures = *new Departures;
 
 // The port that the system has given to a bound descriptor, or -1 with errno set.
 static int BoundPort(int descriptor) {
@@ -26,17 +33,41 @@ static int BoundPort(int descriptor) {
 
 KLVMsgSocket::KLVMsgSocket() { Startup(); }
 
-KLVMsgSocket::Departure& KLVMsgSocket::Departure::operator=(const Departure& other) {
-    closed = other.closed;
-    inputOpen = other.inputOpen;
-    outputOpen = other.outputOpen;
-    return *this;
+KLVMsgSocket::KLVMsgSocket(unsigned char (*directions)(const KLVMsgSocket& socket))
+    : m_directions(directions) {
+    Startup();
 }
 
 void KLVMsgSocket::Close() {
-    if (KLVMsgSocketHold::ClosesNow(*this)) {
+    if (ClosesNow()) {
         CloseDescriptor(descriptor);
     }
+}
+
+// Marks the socket as closed. True when the descriptor is to be closed, false when that is left to
+// the end of the last hold, or was done before: EBADF is stored then.
+bool KLVMsgSocket::ClosesNow() {
+    const Lock lock(KLVMsgSocketDepartures.Guard());
+    if (IsAsClosed()) {
+        Fail(EBADF);
+        return false;
+    }
+    KLVMsgStore(closed, true);
+    m_closedDescriptor = descriptor;
+    m_directionsAtClose = m_directions == nullptr ? 0 : m_directions(*this);
+    return KLVMsgSocketDepartures.ClosesNow(*this, descriptor);
+}
+
+bool KLVMsgSocket::HasClosed() {
+    const Lock lock(KLVMsgSocketDepartures.Guard());
+    return IsAsClosed();
+}
+
+// True when the fields that an application may change are as Close left them.
+// Requires: the mutex is held.
+bool KLVMsgSocket::IsAsClosed() const {
+    return m_closedDescriptor != -1 && m_closedDescriptor == descriptor && KLVMsgLoad(closed) &&
+           (m_directions == nullptr || m_directions(*this) == m_directionsAtClose);
 }
 
 void KLVMsgSocket::CloseDescriptor(int number) {
@@ -46,7 +77,7 @@ void KLVMsgSocket::CloseDescriptor(int number) {
 }
 
 bool KLVMsgSocket::FailsAsClosed() {
-    if (!KLVMsgLoad(closed) || !KLVMsgSocketHold::HasClosed(*this)) {
+    if (!KLVMsgLoad(closed) || !HasClosed()) {
         return false;
     }
     Fail(EBADF);
@@ -54,7 +85,8 @@ bool KLVMsgSocket::FailsAsClosed() {
 }
 
 void KLVMsgSocket::PutIn(int number) {
-    KLVMsgSocketHold::Renew(*this);
+    const Lock lock(KLVMsgSocketDepartures.Guard());
+    m_closedDescriptor = -1;
     descriptor = number;
 }
 

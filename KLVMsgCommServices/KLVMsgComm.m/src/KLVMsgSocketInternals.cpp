@@ -1,24 +1,7 @@
 #include "KLVMsgSocketInternals.h"
 
-#include <cerrno>
-
 #include "KLVMsgServerSocket.h"
 #include "mem_Allocation.h"
-
-bool KLVMsgIsConnectionLost(int error) {
-    switch (error) {
-        case ENETDOWN:
-        case ENETUNREACH:
-        case ENETRESET:
-        case ECONNABORTED:
-        case ECONNRESET:
-        case ENOTCONN:
-        case ESHUTDOWN:
-            return true;
-        default:
-            return false;
-    }
-}
 
 KLVMsgServerSocket* KLVMsgAsServerSocket(KLVMsgSocket* socket) {
     return socket == nullptr || KLVMsgIsPlainStreamSocket(*socket)

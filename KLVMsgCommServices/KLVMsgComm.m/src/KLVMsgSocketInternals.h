@@ -8,9 +8,6 @@
 
 class KLVMsgServerSocket;
 
-// True for the errno values that tell that the peer or the network is gone.
-bool KLVMsgIsConnectionLost(int error);
-
 // True when the socket is of that very class, which is quicker to tell than whether it derives from
 // it.
 inline bool KLVMsgIsPlainStreamSocket(const KLVMsgSocket& socket) {
