@@ -9,6 +9,9 @@ import pytest
 from conftest import ROOT
 from test_recording import write_recording
 
+from klvmsg import text
+from klvmsg.events import MESSAGE, TO_SERVER, Event, Selection
+
 
 def texts(svg: str) -> List[str]:
     return ["".join(node.itertext()) for node in xml.fromstring(svg).iter("{http://www.w3.org/2000/svg}text")]
@@ -30,9 +33,9 @@ def test_a_recording_is_drawn(start: Any, recording: pathlib.Path) -> None:
     pytest.importorskip("matplotlib")
     assert start("klvmsg", "chart", recording).end()[0] == 0
     drawn = texts(recording.with_suffix(".svg").read_text())
-    for text in ("server:1", "#1  client", "#2  client:2", "Ask  4 B", r"<b>&$x^2$\x1b  6 B",
+    for wanted in ("server:1", "#1  client", "#2  client:2", "Ask  4 B", r"<b>&$x^2$\x1b  6 B",
                  "Many \u00d71,000  1.0 MB", "1.5 s of silence", "out of step: why <not>", "0.500000 s"):  # fmt: skip
-        assert text in drawn, drawn
+        assert wanted in drawn, drawn
 
     page = recording.with_suffix(".html").read_text()
     assert "<b>&$" not in page and "\x1b" not in page
@@ -56,6 +59,18 @@ def test_what_is_not_drawn_is_said(start: Any, recording: pathlib.Path, tmp_path
     (tmp_path / "empty").write_text("")
     assert start("klvmsg", "chart", tmp_path / "empty", "--svg", out).end()[0] == 0
     assert "No messages." in texts(out.read_text())
+
+
+def test_a_row_behind_those_left_out_is_left_out() -> None:
+    chart = pytest.importorskip("klvmsg.chart")
+    events = [Event(seconds, 1, MESSAGE, TO_SERVER, "", type) for seconds, type in enumerate("ABAA")]
+    story = chart.Story(events, Selection([], "", []), 1)
+    assert [row.count for row in story.rows] == [1] and story.left_out == 3
+
+
+def test_sizes_and_times_are_short_and_right() -> None:
+    shown = [text.size(count) for count in (999, 1004, 9949, 9951, 999_600, 34e6, 2e9, 5e12)]
+    assert shown == ["999 B", "1.0 kB", "9.9 kB", "10 kB", "1.0 MB", "34 MB", "2.0 GB", "5000 GB"]
 
 
 def test_every_command_has_help_and_there_is_one_version(start: Any) -> None:

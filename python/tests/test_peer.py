@@ -151,4 +151,70 @@ def test_finish_waits_until_the_peer_has_read(listener: socket.socket) -> None:
     assert sender.is_alive()
     other.close()
     sender.join(LIMIT)
-    assert not sender.is_alive()
+    assert not sender.is_alive() and peer.fileno() == -1
+
+    peer, other = klvmsg.connect("127.0.0.1", listener.getsockname()[1]), answer(listener)
+    with pytest.raises(klvmsg.TimedOut):
+        peer.finish(0.05)
+    assert peer.fileno() == -1
+
+
+@pytest.mark.parametrize("by_server", [False, True])
+def test_the_largest_body_holds_both_ways(by_server: bool) -> None:
+    with klvmsg.serve(0, max_body=100 if by_server else 1000) as server, klvmsg.connect(
+        "127.0.0.1", server.port, max_body=1000 if by_server else 100
+    ) as client, server.accept(LIMIT) as accepted:
+        limited, other = (accepted, client) if by_server else (client, accepted)
+        with pytest.raises(ValueError, match="101 bytes, more than the 100 allowed"):
+            limited.send("Note", bytes(97))
+        limited.send("Note", bytes(96))
+        assert other.receive(LIMIT) == ("Note", bytes(96))
+        other.send("Note", bytes(96))
+        other.send("Note", bytes(97))
+        assert limited.receive(LIMIT) == ("Note", bytes(96))
+        with pytest.raises(klvmsg.OutOfStep, match="a body of Note with 101 bytes"):
+            limited.receive(LIMIT)
+
+
+def test_a_port_can_be_had_again_at_once() -> None:
+    with klvmsg.serve(0) as server:
+        client = klvmsg.connect("127.0.0.1", server.port)
+        server.accept(LIMIT).close()
+        with pytest.raises(klvmsg.PeerGone):
+            client.receive(LIMIT)
+        client.close()
+    klvmsg.serve(server.port).close()
+
+
+def test_a_client_that_has_gone_again_is_not_accepted() -> None:
+    class Entrance(socket.socket):
+        """Tells of two clients that have gone when it is asked for them."""
+
+        gone = [BlockingIOError(), ConnectionAbortedError()]
+
+        def accept(self) -> Any:
+            if self.gone:
+                raise self.gone.pop()
+            return super().accept()
+
+    listener = klvmsg.peer.listen("127.0.0.1", 0)
+    listener.setblocking(False)
+    with klvmsg.Server(Entrance(fileno=listener.detach()), klvmsg.Rules(), 1000) as server:
+        with klvmsg.connect("127.0.0.1", server.port) as client, server.accept(LIMIT) as accepted:
+            accepted.send("Note")
+            assert client.receive(LIMIT).type == "Note" and not Entrance.gone
+
+
+def test_small_messages_do_not_wait_for_one_another(
+    pair: Tuple[klvmsg.Connection, socket.socket],
+) -> None:
+    """Where a receiver acknowledges late, as here, each one would otherwise wait for that."""
+    peer, other = pair
+    took = []
+    for _ in range(40):
+        other.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 0)
+        began = time.monotonic()
+        peer.send("Tick", bytes(8))
+        assert len(read_all(other, 16)) == 16
+        took.append(time.monotonic() - began)
+    assert sorted(took)[20] < 0.03

@@ -33,6 +33,8 @@ def test_bodies_that_break_their_rule_are_refused() -> None:
                        ("length(0,1,big)", bytes(256))):  # fmt: skip
         with pytest.raises(ValueError):
             Rule.parse(rule).wrap(body)
+    with pytest.raises(ValueError, match="too few to hold the length"):
+        Rule.parse("length(2,2,big)").wrap(b"ab\0")
 
 
 def test_a_stream_may_be_cut_anywhere() -> None:
@@ -91,3 +93,5 @@ def test_bodies_that_are_not_kept_take_no_memory() -> None:
     peak = tracemalloc.get_traced_memory()[1]
     tracemalloc.stop()
     assert peak < 1 << 20
+    decoder = Decoder(Rules(), 2)  # less than tells the length of a body
+    assert decoder.feed(message(b"Note", framed(b"abc"))) == [("Note", 7, b"\3\0")]
