@@ -112,15 +112,41 @@ def test_what_a_receiver_would_not_understand_is_not_sent(
     pair: Tuple[klvmsg.Connection, socket.socket],
 ) -> None:
     peer, other = pair
-    for type, body in (("", b""), ("a\0b", b""), ("n" * 256, b""), ("Tick", bytes(7))):
+    for type, body in (("", b""), ("a\0b", b""), ("Tick", bytes(7))):
         with pytest.raises(ValueError):
             peer.send(type, body)
     odd = "\udcff\x1b"
     peer.send(odd, b"x")
-    peer.send("n" * 255)
     peer.close()
-    wanted = message(b"\xff\x1b", framed(b"x")) + message(b"n" * 255, framed(b""))
-    assert read_all(other) == wanted
+    assert read_all(other) == message(b"\xff\x1b", framed(b"x"))
+
+
+def test_names_are_as_long_as_the_library_takes_them(start: Any) -> None:
+    name = "n" * 60_000
+    cat = start("klvmsgcat", "-t", LIMIT, "-l", 0, "-s", f"{name}=/dev/null", "-r", name)
+    with klvmsg.connect("127.0.0.1", cat.port()) as peer:
+        peer.send(name, b"x")
+        assert peer.receive(LIMIT) == (name, b"")
+        peer.finish(LIMIT)
+    assert cat.end()[:2] == (0, f"{name} 1 x\n")
+
+
+def test_a_name_over_the_limit_is_out_of_step(listener: socket.socket) -> None:
+    peer = klvmsg.connect("127.0.0.1", listener.getsockname()[1], max_name=10)
+    with answer(listener) as other:
+        other.sendall(message(b"n" * 10, framed(b"")) + message(b"n" * 11, framed(b"")))
+        assert peer.receive(LIMIT).type == "n" * 10
+        with pytest.raises(klvmsg.OutOfStep, match="a type name of 11 bytes"):
+            peer.receive(LIMIT)
+
+
+def test_a_peer_tells_its_address(listener: socket.socket) -> None:
+    host, port = listener.getsockname()
+    with klvmsg.connect("localhost", port) as peer, answer(listener):
+        assert peer.address == (host, port)
+    with klvmsg.serve(0, "::1") as server, klvmsg.connect("::1", server.port) as client:
+        with server.accept(LIMIT) as accepted:
+            assert accepted.address == ("::1", client._socket.getsockname()[1])
 
 
 def test_no_connection_tells_its_cause(listener: socket.socket) -> None:

@@ -7,8 +7,8 @@
     *=length(0,4,little)        every type without a rule of its own
 
 What the dissector is told about the content of a body, such as protobuf(shop.Order) behind any of
-these, is passed over. Rules are separated by semicolons; the last one for a type holds. Without a rule for * bodies begin
-with a 4-byte length in the byte order of this machine.
+these, is passed over. Rules are separated by semicolons; the last one for a type holds. Without a
+rule for * bodies begin with a 4-byte length in the byte order of this machine.
 """
 
 from __future__ import annotations
@@ -22,8 +22,8 @@ Order = Literal["little", "big"]
 Bytes = Union[bytes, bytearray, memoryview]
 
 _LENGTH = re.compile(
-    r"length\(\s*(\d+)\s*,\s*([1248])\s*,\s*(little|big)\s*,?\s*(\d*)\s*\)", re.ASCII)
-
+    r"length\(\s*(\d+)\s*,\s*([1248])\s*,\s*(little|big)\s*,?\s*(\d*)\s*\)", re.ASCII
+)
 _CONTENT = re.compile(r"\s+protobuf\(\s*[\w.]*\s*\)$", re.ASCII)
 
 
