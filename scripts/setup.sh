@@ -64,6 +64,7 @@ is_there() {  # PACKAGE
     abigail-tools) command -v abidw ;;
     binutils) command -v nm ;;
     build-essential) dpkg-query -W -f '${Status}' build-essential 2>/dev/null | grep ' installed$' ;;
+    chromium-driver) command -v chromedriver ;;
     clang) command -v clang++ ;;
     debhelper) command -v dh ;;
     dh-python) command -v dh_python3 ;;
@@ -84,6 +85,7 @@ is_there() {  # PACKAGE
     libzmq3-dev) has_header zmq.h ;;
     pybuild-plugin-pyproject) [ -e /usr/share/dh-python/dhpython/build/plugin_pyproject.py ] ;;
     python3) python3 -c 'import json' 2>/dev/null ;;
+    python3-protobuf) /usr/bin/python3 -c 'import google.protobuf' 2>/dev/null ;;
     python3-*) /usr/bin/python3 -c "import ${1#python3-}" 2>/dev/null ;;
     *) command -v "$1" ;;
   esac >/dev/null

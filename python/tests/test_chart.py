@@ -7,10 +7,14 @@ from typing import Any, List
 
 import pytest
 from conftest import ROOT
+from test_manual import COMMANDS
 from test_recording import write_recording
 
 from klvmsg import text
-from klvmsg.events import MESSAGE, TO_SERVER, Event, Selection
+from klvmsg.decode import Decoders, Sources
+from klvmsg.events import MESSAGE, TO_SERVER, Event
+from klvmsg.filters import Choice, Filter
+from klvmsg.rules import Rules
 
 
 def texts(svg: str) -> List[str]:
@@ -64,7 +68,7 @@ def test_what_is_not_drawn_is_said(start: Any, recording: pathlib.Path, tmp_path
 def test_a_row_behind_those_left_out_is_left_out() -> None:
     chart = pytest.importorskip("klvmsg.chart")
     events = [Event(seconds, 1, MESSAGE, TO_SERVER, "", type) for seconds, type in enumerate("ABAA")]
-    story = chart.Story(events, Selection([], "", []), 1)
+    story = chart.Story(events, Filter(Choice([]), Decoders(Rules(), Sources([], [], []))), 1)
     assert [row.count for row in story.rows] == [1] and story.left_out == 3
 
 
@@ -74,7 +78,7 @@ def test_sizes_and_times_are_short_and_right() -> None:
 
 
 def test_every_command_has_help_and_there_is_one_version(start: Any) -> None:
-    for command in ("spy", "record", "replay", "chart"):
+    for command in COMMANDS:
         code, output, _ = start("klvmsg", command, "--help").end()
         assert code == 0 and output.startswith(f"usage: klvmsg {command}")
     version = re.search(r"project\(.* VERSION ([0-9.]+)", (ROOT / "CMakeLists.txt").read_text())

@@ -4,6 +4,8 @@ import fcntl
 import json
 import pathlib
 import re
+import resource
+import signal
 import socket
 import termios
 import time
@@ -12,7 +14,11 @@ from typing import Any, List
 import pytest
 from conftest import LIMIT, answer, dial, framed, message, read_all, reset, segments
 
-from klvmsg.events import MESSAGE, TO_SERVER, BadRecording, Event, Selection, from_json, to_json
+from klvmsg.decode import Decoders, Sources
+from klvmsg.events import MESSAGE, TO_SERVER, BadRecording, Event, from_json, read_recording, to_json
+from klvmsg.filters import Choice, Filter
+from klvmsg.recorder import Recorder, Rotation
+from klvmsg.rules import Rules
 
 EXCHANGE = ("Hello=length(0,8,little,8); Chunk=length(8,8,little); Receipt=8; Report=32;"
             "Farewell=length(0,8,little)")  # fmt: skip
@@ -83,13 +89,12 @@ def test_the_exchange_is_recorded_and_played_to_another_hub(
                                       "Report", "Farewell"]  # fmt: skip
 
     hub, recorder = through(tmp_path / "second")
-    player = start("klvmsg", "replay", tmp_path / "first", "-c", f"127.0.0.1:{recorder.port()}")
+    player = start("klvmsg", "replay", tmp_path / "first", "-c", f"127.0.0.1:{recorder.port()}",
+                   "--fast", "--answers", "--rules", EXCHANGE)  # fmt: skip
     assert player.end()[0] == 0 and hub.process.wait(LIMIT) == 0 and recorder.end()[0] == 0
     again = messages(tmp_path / "second")
-    assert [m for m in again if m[0] == "to-server"] == [m for m in wanted if m[0] == "to-server"]
-    # The player does not wait for answers: the hub has those that come too late to itself.
-    answers = [m for m in again if m[0] == "to-client"]
-    assert answers == [m for m in wanted if m[0] == "to-client"][: len(answers)]
+    for direction in ("to-server", "to-client"):
+        assert [m for m in again if m[0] == direction] == [m for m in wanted if m[0] == direction]
 
 
 def test_a_choice_is_played_in_the_recorded_time(
@@ -141,8 +146,7 @@ def test_failures_have_codes_and_words(
     start: Any, listener: socket.socket, tmp_path: pathlib.Path
 ) -> None:
     good = write_recording(tmp_path / "good", (0, 1, "to-server", "A", bytes(5_000_000)))
-    cut = write_recording(tmp_path / "cut", (0, 1, "to-server", "A", b""))
-    cut.write_text(cut.read_text() + '{"time": 1, "connection": 1, "direc')
+    bad = write_recording(tmp_path / "bad", (0, 1, "to-client", "A", b""))
     at = f"127.0.0.1:{listener.getsockname()[1]}"
 
     def outcome(*arguments: object) -> Any:
@@ -161,8 +165,9 @@ def test_failures_have_codes_and_words(
     reset(sock)
     code, _, errors = player.end()
     assert code == 4 and "not everything may have been read" in errors
-    code, errors = outcome("replay", cut, "-c", at)
-    assert code == 3 and "line 2" in errors
+    bad.write_text(bad.read_text() + '{"time": 1}\n')
+    code, errors = outcome("replay", bad, "-c", at)
+    assert code == 3 and "line 2: there is no connection" in errors
     assert outcome("replay", good, "-c", at, "--timeout", 0.2)[0] == 6  # nobody reads it
     answer(listener).close()
     slow = write_recording(tmp_path / "slow", *[(n, 1, "to-server", "A", b"") for n in (0, 0.5)])
@@ -225,7 +230,8 @@ def test_a_recording_that_lies_is_none() -> None:
 
 
 def test_a_choice_begins_with_after_and_ends_before_before() -> None:
-    chosen = Selection([], "", [], after=0, before=2)
+    choice = Choice([], after=lambda start: start, before=lambda start: start + 2)
+    chosen = Filter(choice, Decoders(Rules(), Sources([], [], [])))
     events = [Event(10 + seconds, 1, MESSAGE, TO_SERVER) for seconds in (0, 1.5, 2)]
     assert [chosen.takes(event, 10) for event in events] == [True, True, False]
 
@@ -249,3 +255,116 @@ def test_no_header_that_is_played_is_cut_by_the_end_of_a_segment(
     slow.close()
     assert player.end()[0] == 0
     assert average < 536
+
+
+def test_what_is_written_whole_is_counted_and_read(
+    tmp_path: pathlib.Path, capsys: pytest.CaptureFixture[str]
+) -> None:
+    """Even when the disk takes a part of a batch alone."""
+    event = Event(1e9, 1, MESSAGE, TO_SERVER, "", "Note", 4, framed(b""))
+    soft, hard = resource.getrlimit(resource.RLIMIT_FSIZE)
+    recorder = Recorder(str(tmp_path / "run"), to_json)
+    recorder.observe([event._replace(kind="opened")])
+    resource.setrlimit(resource.RLIMIT_FSIZE, (10_000, hard))
+    try:
+        recorder.observe([event] * 500)
+        recorder.observe([event])
+    finally:
+        resource.setrlimit(resource.RLIMIT_FSIZE, (soft, hard))
+    recorder.close()
+    text = (tmp_path / "run").read_text()
+    assert recorder.failed and 10 < recorder.messages == text.count("\n") - 1 < 500
+    assert not text.endswith("\n")
+    with open(tmp_path / "run") as file:
+        assert sum(event.kind == MESSAGE for event in read_recording(file)) == recorder.messages
+    assert f"{recorder.messages} messages; the last line is cut off" in capsys.readouterr().err
+
+
+def test_files_follow_each_other_and_each_is_a_recording(tmp_path: pathlib.Path) -> None:
+    opened = Event(1e9, 1, "opened", text="a:1 to b:2")
+    note = Event(1e9, 1, MESSAGE, TO_SERVER, "", "Note", 104, framed(bytes(100)))
+    (tmp_path / "run.0007.jsonl").touch()
+    recorder = Recorder(str(tmp_path / "run.jsonl"), to_json, Rotation(bytes=2000, keep=3))
+    recorder.observe([opened, opened._replace(connection=2)])
+    recorder.observe([Event(1e9, 2, "ended", d, "gone") for d in ("to-server", "to-client")])
+    for _ in range(40):
+        recorder.observe([note])
+    recorder.close()
+    files = sorted(tmp_path.iterdir())
+    assert len(files) == 3 and files[-1].name > "run.0012.jsonl"
+    assert f"recorded 40 messages in {tmp_path / 'run.0008.jsonl'} to {files[-1]}" == recorder.summary()
+    for path in files:
+        with open(path) as file:
+            events = list(read_recording(file))
+        assert [(e.kind, e.connection) for e in events[:2]] == [("opened", 1), (MESSAGE, 1)]
+        assert path.stat().st_size <= 2000
+    timed = Recorder(str(tmp_path / "t"), to_json, Rotation(seconds=1e-9))
+    timed.observe([note])
+    timed.observe([note])
+    timed.close()
+    assert len(list(tmp_path.glob("t.*"))) == 3
+
+
+def test_what_is_gathered_is_written_in_time_and_at_the_end(tmp_path: pathlib.Path) -> None:
+    note = Event(1e9, 1, MESSAGE, TO_SERVER, "", "Note", 4, framed(b""))
+    rarely, soon = (Recorder(str(tmp_path / name), to_json, None, seconds)
+                    for name, seconds in (("rarely", 1e6), ("soon", 0.01)))  # fmt: skip
+    for recorder in (rarely, soon):
+        recorder.observe([note])
+    deadline = time.monotonic() + LIMIT
+    while not (tmp_path / "soon").read_text() and time.monotonic() < deadline:
+        time.sleep(0.01)
+    assert (tmp_path / "soon").read_text().count("\n") == 1
+    assert (tmp_path / "rarely").read_text() == ""
+    rarely.observe([note] * 20_000)  # more than is gathered
+    assert (tmp_path / "rarely").read_text().count("\n") == 20_001
+    rarely.observe([note])
+    rarely.close()
+    assert (tmp_path / "rarely").read_text().count("\n") == rarely.messages == 20_002
+    soon.close()
+
+
+def test_a_player_waits_for_answers(
+    start: Any, listener: socket.socket, tmp_path: pathlib.Path
+) -> None:
+    file = write_recording(tmp_path / "run", (0, 1, "to-server", "A", b""), (1, 1, "to-client", "B", b"1"),
+                           (1, 1, "to-client", "B", b"2"), (2, 1, "to-server", "C", b""))  # fmt: skip
+    command = ["replay", file, "-c", f"127.0.0.1:{listener.getsockname()[1]}", "--fast", "--answers",
+               "--rules", "B=1"]  # fmt: skip
+    player = start("klvmsg", *command)
+    with answer(listener) as sock:
+        assert read_all(sock, 9) == message(b"A", framed(b""))
+        sock.sendall(message(b"B", b"1") + message(b"B", b"2")[:-1])
+        sock.settimeout(0.2)
+        with pytest.raises(socket.timeout):
+            sock.recv(1)
+        sock.settimeout(LIMIT)
+        sock.sendall(b"2")
+        assert read_all(sock) == message(b"C", framed(b""))
+    assert player.end()[0] == 0
+    for reply, code, words in ((b"", 4, "has gone before answer 1 of 2"), (b"\0" * 4, 5, "out of step"),
+                               (None, 6, "answer 1 of 2 does not come")):  # fmt: skip
+        player = start("klvmsg", *command, "--timeout", 0.2 if reply is None else LIMIT)
+        with answer(listener) as sock:
+            read_all(sock, 9)
+            if reply is not None:
+                sock.sendall(reply)
+                sock.shutdown(socket.SHUT_WR)
+            ended = player.end()
+        assert ended[0] == code and words in ended[2]
+
+
+def test_a_loop_goes_on_until_it_is_interrupted(
+    start: Any, listener: socket.socket, tmp_path: pathlib.Path
+) -> None:
+    file = write_recording(tmp_path / "run", (0, 1, "to-server", "A", b""))
+    file.write_text(file.read_text() + '{"time": 1, "connection": 1, "direc')  # and it was cut
+    player = start("klvmsg", "replay", file, "-c", f"127.0.0.1:{listener.getsockname()[1]}", "--loop")
+    for _ in range(3):
+        with answer(listener) as sock:
+            assert read_all(sock) == message(b"A", framed(b""))
+    with answer(listener) as sock:
+        read_all(sock)
+        player.process.send_signal(signal.SIGTERM)
+        code, _, errors = player.end()
+    assert code == 0 and "sent 4 messages" in errors and "1 message; the last line is cut off" in errors

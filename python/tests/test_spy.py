@@ -24,7 +24,7 @@ from conftest import segments, wait_until
 
 import klvmsg
 from klvmsg import observers, relay
-from klvmsg.events import MESSAGE, TO_CLIENT, Event
+from klvmsg.events import MESSAGE, TO_CLIENT, Event, describe
 from klvmsg.rules import Rules
 from klvmsg.wire import Decoder
 
@@ -373,7 +373,7 @@ def test_lines_that_are_left_out_are_counted(monkeypatch: pytest.MonkeyPatch) ->
             pass
 
     monkeypatch.setattr("sys.stdout", Terminal())
-    printer = observers.Printer(0)
+    printer = observers.Printer(describe)
     event = Event(0.0, 1, MESSAGE, TO_CLIENT, "", "Note", 4)
     printer.observe([event])
     assert stalled.wait(LIMIT)

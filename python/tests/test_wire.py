@@ -95,3 +95,31 @@ def test_bodies_that_are_not_kept_take_no_memory() -> None:
     assert peak < 1 << 20
     decoder = Decoder(Rules(), 2)  # less than tells the length of a body
     assert decoder.feed(message(b"Note", framed(b"abc"))) == [("Note", 7, b"\3\0")]
+
+
+@pytest.mark.parametrize("seed", range(20))
+def test_pieces_of_any_size_give_the_same_messages(seed: int) -> None:
+    """Whole messages in a piece take another way than those in pieces."""
+    chance = random.Random(seed)
+    rules = Rules.parse("Fixed=5;None=0;Late=length(2,2,big,3)")
+    wanted, wire = [], b""
+    for _ in range(200):
+        content = chance.randbytes(chance.choice((0, 1, 7, 300)))
+        name, body = chance.choice((
+            ("Fixed", bytes(5)), ("None", b""), ("Note", framed(content)), ("Notes", framed(content)),
+            ("Late", b"ab" + len(content).to_bytes(2, "big") + content + b"xyz"),
+        ))  # fmt: skip
+        wanted.append((name, len(body), body[:9]))
+        wire += message(name.encode(), body)
+    wire += message(b"Note", framed(bytes(1000)))
+    decoder, found, starts, at = Decoder(rules, keep=9, max_body=999), [], [], 0
+    while at < len(wire):
+        size = chance.choice((1, 3, 40, 5000))
+        found += decoder.feed(memoryview(wire)[at : at + size])
+        starts += [at + start for start in decoder.starts]
+        at += size
+    assert found == wanted and len(starts) == 201
+    assert all(wire[start + 4 :].startswith(name.encode()) for start, (name, _, _) in zip(starts, wanted))
+    name, length, _ = wanted[-1]
+    assert decoder.lost and "Note with 1004 bytes" in decoder.lost
+    assert decoder.lost.endswith(f"after {name} with {length} bytes")

@@ -6,11 +6,12 @@ import argparse
 import socket
 from typing import Callable, List
 
-from .events import Event
+from .events import LOST, Event
 from .exits import NO_CONNECTION, Failure
-from .observers import complain
 from .peer import listen
 from .relay import Relay, show_address
+from .rulefile import find_rule_file
+from .text import complain
 
 
 def open_entrance(options: argparse.Namespace) -> socket.socket:
@@ -29,11 +30,35 @@ def pass_on(
     keep: int,
 ) -> None:  # fmt: skip
     """Passes everything on until the connections asked for have ended, or Ctrl-C."""
+    hint = _Hint(options)
+
+    def watch(events: List[Event]) -> None:
+        observe(events)
+        if events[-1].kind == LOST:  # nothing follows it
+            hint.give(events[-1])
+
     relay = Relay(
-        entrance, options.connect, options.rules, observe,
+        entrance, options.connect, options.rules, watch,
         keep=keep, max_body=options.max_body,
     )  # fmt: skip
     try:
         relay.run(options.connections)
     except KeyboardInterrupt:
         pass
+
+
+class _Hint:
+    """What to do when a stream is out of step because a type has no rule; given once."""
+
+    def __init__(self, options: argparse.Namespace) -> None:
+        self._rules = options.rules
+        self._given = False
+
+    def give(self, event: Event) -> None:
+        if self._given or not event.type or event.type in self._rules.named:
+            return
+        self._given = True
+        file = find_rule_file([event.type])
+        rules = f"--rules @{file}" if file else f"--rules '{event.type}=...' or --rules @FILE"
+        complain(f"there is no rule for {event.type}, so that its body was taken to begin with its "
+                 f"length; give one: {rules}")  # fmt: skip

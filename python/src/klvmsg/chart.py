@@ -12,7 +12,8 @@ from typing import Any, Dict, Iterable, List, Optional, Tuple, Union
 import matplotlib
 from matplotlib.figure import Figure
 
-from .events import MESSAGE, OPENED, TO_SERVER, Event, Selection
+from .events import MESSAGE, OPENED, TO_SERVER, Event
+from .filters import Filter
 from .text import plural, printable, size
 
 _LANES = 40  # processes that are drawn
@@ -55,7 +56,7 @@ class Kind:
 class Story:
     """What is drawn of a recording; bodies are not kept."""
 
-    def __init__(self, events: Iterable[Event], selection: Selection, rows: int) -> None:
+    def __init__(self, events: Iterable[Event], chosen: Filter, rows: int) -> None:
         """`rows`: at most so many are drawn."""
         self._limit = rows
         self.rows: List[Row] = []
@@ -67,15 +68,16 @@ class Story:
         self.server = "server"
         self.notices: List[Row] = []
         for event in events:
-            event = event._replace(body=b"")
             if self.start is None:
                 self.start = event.time
             seconds = event.time - self.start
             self.end = max(self.end, seconds)
+            if not chosen.takes(event, self.start):
+                continue
             if event.kind != MESSAGE:
                 self._note(event, seconds)
-            elif selection.takes(event, self.start):
-                self._add(event, seconds)
+            else:
+                self._add(event._replace(body=b""), seconds)
 
     def colour(self, type: str) -> str:
         types = self.types()

@@ -4,16 +4,17 @@ from __future__ import annotations
 
 import argparse
 import importlib
+import os
 import pkgutil
 import signal
 import sys
 from typing import List, NoReturn, Optional
 
 from . import commands
-from .errors import PeerGone, TimedOut
+from .errors import OutOfStep, PeerGone, TimedOut
 from .events import BadRecording
-from .exits import FILE, PEER_GONE, TIMEOUT, Failure
-from .observers import complain
+from .exits import FILE, OUT_OF_STEP, PEER_GONE, TIMEOUT, Failure
+from .text import complain
 from .version import __version__
 
 
@@ -41,6 +42,7 @@ def main(arguments: Optional[List[str]] = None) -> int:
     try:
         options = _parser().parse_args(arguments)
         code: int = options.run(options)
+        sys.stdout.flush()
         return code
     except Failure as failure:
         complain(str(failure))
@@ -51,11 +53,17 @@ def main(arguments: Optional[List[str]] = None) -> int:
     except PeerGone as gone:
         complain(str(gone))
         return PEER_GONE
+    except OutOfStep as lost:
+        complain(str(lost))
+        return OUT_OF_STEP
     except TimedOut as late:
         complain(str(late))
         return TIMEOUT
+    except BrokenPipeError:  # whoever read the output has enough
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # for Python's own flush
+        return FILE
     except OSError as error:
-        complain(str(error))
+        complain(": ".join(filter(None, (error.filename and str(error.filename), error.strerror))))
         return FILE
     except KeyboardInterrupt:
         return 128 + signal.SIGINT

@@ -3,9 +3,11 @@
 from __future__ import annotations
 
 import json
-from typing import Any, Dict, Iterator, List, NamedTuple, Optional, TextIO
+from functools import lru_cache
+from typing import Any, Dict, Iterator, NamedTuple, TextIO
 
-from .text import clock, printable
+from .fields import plain
+from .text import clock, complain, plural, printable
 from .wire import header
 
 TO_SERVER = "to-server"
@@ -27,7 +29,7 @@ class Event(NamedTuple):
     kind: str
     direction: str = ""
     text: str = ""
-    type: str = ""
+    type: str = ""  # out of step: the one whose rule was followed last
     length: int = 0  # of the body on the wire
     body: bytes = b""  # what is kept of it
 
@@ -40,30 +42,38 @@ class BadRecording(Exception):
     """A line that is no event."""
 
 
-def describe(event: Event, body_bytes: int = 0) -> str:
-    """One line, safe to print, with up to so many bytes of the body if it was kept."""
+def describe(event: Event, body_bytes: int = 0, said: str = "") -> str:
+    """One line, safe to print, with what the body says or up to so many bytes of it if it was kept."""
     arrow = {TO_SERVER: ">", TO_CLIENT: "<"}.get(event.direction, " ")
     head = f"{clock(event.time)} #{event.connection} {arrow} "
     if event.kind != MESSAGE:
         return head + f"-- {event.kind}" + (f": {printable(event.text)}" if event.text else "")
     line = head + f"{printable(event.type)} {event.length}"
-    if body_bytes and event.length:
+    if said:
+        line += " " + said
+    elif body_bytes and event.length:
         line += " " + printable(event.body[:body_bytes]) + ("..." if event.length > body_bytes else "")
     return line
 
 
-def to_json(event: Event) -> str:
-    """The event as a line of a recording, without the line's end."""
+def to_json(event: Event, said: Any = None) -> str:
+    """The event as a line of a recording, without the line's end, with what its body says if that is
+    known."""
+    if event.kind == MESSAGE:  # by hand, as there are many, in the form of the others
+        decoded = "" if said is None else f', "decoded": {json.dumps(plain(said))}'
+        return (f'{{"time": {round(event.time, 6)}, "connection": {event.connection}, "direction": '
+                f'"{event.direction}", "type": {_quoted(event.type)}, "length": {event.length}, "body": '
+                f'"{event.body.hex()}"{decoded}}}')  # fmt: skip
     record: Dict[str, Any] = {"time": round(event.time, 6), "connection": event.connection}
     if event.direction:
         record["direction"] = event.direction
-    if event.kind == MESSAGE:
-        record.update(type=event.type, length=event.length, body=event.body.hex())
-    else:
-        record["event"] = event.kind
-        if event.text:
-            record["text"] = event.text
+    record["event"] = event.kind
+    if event.text:
+        record["text"] = event.text
     return json.dumps(record)
+
+
+_quoted = lru_cache(4096)(json.dumps)
 
 
 def from_json(line: str) -> Event:
@@ -80,37 +90,31 @@ def from_json(line: str) -> Event:
         if event.kind != MESSAGE:
             return event
         body = bytes.fromhex(record["body"])
-        if event.direction not in DIRECTIONS or len(body) != record["length"]:
-            raise ValueError("direction or length")
+        if event.direction not in DIRECTIONS:
+            raise BadRecording(f"no direction: {event.direction[:20]!r}")
+        if len(body) != record["length"]:
+            raise BadRecording(f"a body of {len(body)} bytes and a length that says something else")
         header(record["type"])  # that it can be sent
         return event._replace(type=record["type"], length=len(body), body=body)
-    except (ValueError, KeyError, TypeError, AttributeError) as error:
-        raise BadRecording(f"not a line of a recording ({error!r})") from error
-
-
-class Selection(NamedTuple):
-    """Which messages are meant; what is empty selects everything."""
-
-    types: List[str]
-    direction: str
-    connections: List[int]
-    after: Optional[float] = None  # seconds from the start of the recording
-    before: Optional[float] = None
-
-    def takes(self, event: Event, start: float) -> bool:
-        return (
-            (not self.types or event.type in self.types)
-            and (not self.direction or event.direction == self.direction)
-            and (not self.connections or event.connection in self.connections)
-            and (self.after is None or event.time - start >= self.after)
-            and (self.before is None or event.time - start < self.before)
-        )
+    except KeyError as error:
+        raise BadRecording(f"there is no {error.args[0]}") from error
+    except (ValueError, TypeError, AttributeError, OverflowError) as error:
+        raise BadRecording("not a line of a recording") from error
 
 
 def read_recording(file: TextIO) -> Iterator[Event]:
-    """The events of a recording. Raises BadRecording, which names the line."""
+    """The events of a recording. Raises BadRecording, which names the line.
+
+    A last line that is cut off, as when the recorder was killed or the disk full, is told of and passed
+    over.
+    """
+    messages = 0
     for number, line in enumerate(file, 1):
         try:
-            yield from_json(line)
+            event = from_json(line)
         except BadRecording as bad:
+            if not line.endswith("\n"):
+                return complain(f"{plural(messages, 'message')}; the last line is cut off")
             raise BadRecording(f"line {number}: {bad}") from bad
+        messages += event.kind == MESSAGE
+        yield event

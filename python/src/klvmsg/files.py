@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import sys
+from io import FileIO
 from typing import BinaryIO, TextIO
 
 from .exits import FILE, Failure
@@ -11,7 +12,15 @@ from .exits import FILE, Failure
 def open_for_writing(path: str) -> BinaryIO:
     """The file, emptied; - is standard output."""
     try:
-        return sys.stdout.buffer if path == "-" else open(path, "wb")
+        return open(sys.stdout.fileno() if path == "-" else path, "wb", closefd=path != "-")
+    except OSError as error:
+        raise Failure(FILE, f"cannot write {path}: {error.strerror}") from error
+
+
+def open_unbuffered(path: str) -> FileIO:
+    """The same for whoever needs to know how much of what he writes has been written."""
+    try:
+        return FileIO(sys.stdout.fileno() if path == "-" else path, "w", closefd=path != "-")
     except OSError as error:
         raise Failure(FILE, f"cannot write {path}: {error.strerror}") from error
 

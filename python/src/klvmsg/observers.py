@@ -1,28 +1,32 @@
-"""What becomes of the events of a relay: lines, a recording. The live table is in `top`."""
+"""Prints the events of a relay as lines. The live table is in `top`, the recording in `recorder`."""
 
 from __future__ import annotations
 
 import os
 import sys
 import threading
-from typing import BinaryIO, List, Tuple
+from typing import Callable, List, Optional, Tuple
 
-from .events import MESSAGE, Event, describe, to_json
-from .text import printable
+from .events import Event
+from .text import complain as complain
 
 _WAITING_LINES = 100_000
+_WAITING_BYTES = 64_000_000  # of bodies
+
+Line = Callable[[Event], Optional[str]]  # what is written about an event, if anything
 
 
 class Printer:
     """Prints a line for each event on a thread of its own.
 
-    The bytes never wait for the output: when 100,000 lines wait to be printed, as at a terminal that
-    is stopped, further ones are left out, and their number is printed later.
+    The bytes never wait for the output: when 100,000 lines wait to be printed, or 64 MB of bodies, as at
+    a terminal that is stopped, further ones are left out, and their number is printed later.
     """
 
-    def __init__(self, body_bytes: int) -> None:
-        self._body_bytes = body_bytes
+    def __init__(self, line: Line) -> None:
+        self._line = line
         self._waiting: List[Event] = []
+        self._waiting_bytes = 0
         self._left_out = 0
         self._printed = 0
         self._over = False
@@ -33,7 +37,10 @@ class Printer:
     def observe(self, events: List[Event]) -> None:
         with self._change:
             room = _WAITING_LINES - len(self._waiting)
+            if self._waiting_bytes > _WAITING_BYTES:
+                room = 0
             self._waiting += events[:room]
+            self._waiting_bytes += sum(len(event.body) for event in events[:room])
             self._left_out += max(0, len(events) - room)
             self._change.notify()
 
@@ -53,7 +60,9 @@ class Printer:
             while True:
                 events, left_out, over = self._next()
                 for event in events:
-                    sys.stdout.write(describe(event, self._body_bytes) + "\n")
+                    line = self._line(event)
+                    if line is not None:
+                        sys.stdout.write(line + "\n")
                     self._printed += 1
                 if left_out:
                     sys.stdout.write(f"-- {left_out} lines left out: the output was too slow\n")
@@ -71,54 +80,5 @@ class Printer:
         with self._change:
             self._change.wait_for(lambda: self._waiting or self._over)
             events, left_out = self._waiting, self._left_out
-            self._waiting, self._left_out = [], 0
+            self._waiting, self._waiting_bytes, self._left_out = [], 0, 0
             return events, left_out, self._over
-
-
-def complain(text: str) -> None:
-    print(f"klvmsg: {printable(text)}", file=sys.stderr, flush=True)
-
-
-class Recorder:
-    """Writes each event as a line of JSON at once.
-
-    When that fails, as on a full disk, it says so and stops; the bytes are passed on all the same.
-    """
-
-    def __init__(self, file: BinaryIO) -> None:
-        self._file = file
-        self._lock = threading.Lock()
-        self._closed = False
-        self.messages = 0
-        self.failed = False
-
-    def close(self) -> None:
-        """Closes the file; what happens from now on is not written."""
-        with self._lock:
-            self._closed = True
-            try:
-                self._file.close()
-            except OSError as error:
-                self._fail(error)
-
-    def observe(self, events: List[Event]) -> None:
-        with self._lock:
-            if not self._closed and not self.failed:
-                self._write(events)
-        for event in events:
-            if event.is_notable():
-                complain(describe(event))
-
-    def _write(self, events: List[Event]) -> None:
-        try:
-            for event in events:
-                self._file.write(to_json(event).encode("ascii") + b"\n")
-            self._file.flush()
-            self.messages += sum(event.kind == MESSAGE for event in events)
-        except OSError as error:
-            self._fail(error)
-
-    def _fail(self, error: OSError) -> None:
-        if not self.failed:
-            self.failed = True
-            complain(f"recording has ended: {error.strerror}")

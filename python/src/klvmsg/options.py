@@ -3,17 +3,24 @@
 from __future__ import annotations
 
 import argparse
-from typing import Callable, Optional
+import re
+import time
+from typing import Any, Callable, Optional
 
-from .events import DIRECTIONS, Selection
+from .decode import Decoders, Sources
+from .events import DIRECTIONS
 from .exits import EXIT_CODES
+from .expressions import Expression
+from .filters import Choice, Filter, Moment
 from .relay import Address
+from .rulefile import read_rule_file
 from .rules import Rules
 from .wire import MAX_BODY
 
 Commands = argparse._SubParsersAction  # its public name does not exist
 
-RULES_HELP = """rules for the lengths of bodies, separated by semicolons:
+RULES_HELP = """rules for the lengths of bodies, separated by semicolons, or @FILE for a file that has them, and
+lines such as "decode MODULE:FUNCTION", "proto FILE", "text TYPE":
   Tick=8                      has 8 bytes
   Note=length(0,4,little)     begins with a length of 4 bytes, which counts the bytes behind it
   Frame=length(2,2,big)       has 2 bytes, then a length of 2 bytes, and what that counts
@@ -67,11 +74,30 @@ def connect_address(text: str) -> Address:
     return _address(text, None)
 
 
-def rules(text: str) -> Rules:
+def expression(text: str) -> Expression:
     try:
-        return Rules.parse(text)
+        return Expression(text)
     except ValueError as error:
         raise argparse.ArgumentTypeError(str(error)) from error
+
+
+def moment(text: str) -> Moment:
+    """Seconds after the start of a recording, or a time of the day of its start."""
+    clock = re.fullmatch(r"(\d\d):(\d\d):(\d\d(?:\.\d+)?)", text, re.ASCII)
+    if clock:
+        seconds = int(clock[1]) * 3600 + int(clock[2]) * 60 + float(clock[3])
+        return lambda start: _midnight(start) + seconds
+    try:
+        seconds = float(text)
+    except ValueError as error:
+        wrong = f"neither a number of seconds nor HH:MM:SS: {text!r}"
+        raise argparse.ArgumentTypeError(wrong) from error
+    return lambda start: start + seconds
+
+
+def _midnight(moment: float) -> float:
+    day = time.localtime(moment)
+    return time.mktime((day.tm_year, day.tm_mon, day.tm_mday, 0, 0, 0, 0, 0, -1))
 
 
 def positive(text: str) -> float:
@@ -104,10 +130,8 @@ def add_relay_options(parser: argparse.ArgumentParser) -> None:
         "-c", "--connect", required=True, type=connect_address, metavar="HOST:PORT",
         help="the server that they mean",
     )  # fmt: skip
-    parser.add_argument(
-        "-r", "--rules", type=rules, default=Rules(), metavar="RULES",
-        help="how long bodies are, see below",
-    )  # fmt: skip
+    add_decoding(parser)
+    add_filter(parser)
     parser.add_argument(
         "--max-body", type=count, default=MAX_BODY, metavar="BYTES",
         help="a larger body is taken for a sign that the stream is out of step (%(default)s)",
@@ -118,28 +142,87 @@ def add_relay_options(parser: argparse.ArgumentParser) -> None:
     )  # fmt: skip
 
 
-def add_selection(parser: argparse.ArgumentParser, directions: str) -> None:
-    """Which messages of a recording are meant; `selection` makes one of what was given."""
+class _RulesAction(argparse.Action):
+    """Takes rules, or @FILE, whose decoders become those of the command."""
+
+    def __call__(self, parser: Any, namespace: Any, value: Any, option: Any = None) -> None:
+        try:
+            if not value.startswith("@"):
+                namespace.rules = Rules.parse(value)
+                return
+            namespace.rules, sources = read_rule_file(value[1:])
+        except ValueError as error:
+            raise argparse.ArgumentError(self, str(error)) from error
+        namespace.protos = namespace.protos + sources.protos
+        namespace.functions = namespace.functions + sources.functions
+        namespace.texts = namespace.texts + sources.texts
+
+
+def add_decoding(parser: argparse.ArgumentParser) -> None:
+    """How bodies are laid out and what they say; `decoders` makes use of it."""
     parser.add_argument(
-        "-t", "--type", action="append", default=[], dest="types", metavar="TYPE",
-        help="only messages of this type; repeated",
+        "-r", "--rules", action=_RulesAction, default=Rules(), metavar="RULES|@FILE",
+        help="how long bodies are, see below; @FILE reads it from a file, which may name decoders too",
     )  # fmt: skip
-    parser.add_argument(
-        "-d", "--direction", choices=DIRECTIONS, default=directions,
-        help="only this direction" + (" (%(default)s)" if directions else ""),
-    )  # fmt: skip
-    parser.add_argument(
-        "-n", "--connection", action="append", default=[], dest="connections", type=count,
-        metavar="N", help="only the recorded connection N; repeated",
-    )  # fmt: skip
-    for name, what in (("after", "from"), ("before", "up to")):
+    for name, variable, metavar, text in (
+        ("proto", "protos", "FILE.proto", "decode the Protocol Buffers messages of this file, by their "
+         "names (needs protoc and protobuf)"),
+        ("decode", "functions", "MODULE:FUNCTION", "decode bodies by FUNCTION(body), or FUNCTION(type, "
+         "body), of a Python module or file; None where it knows nothing"),
+        ("text", "texts", "TYPE", "the bodies of this type are text; * and ? stand for any"),
+    ):  # fmt: skip
         parser.add_argument(
-            f"--{name}", type=float, metavar="SECONDS",
-            help=f"only messages {what} so many seconds after the recording began",
+            f"--{name}", action="append", default=[], dest=variable, metavar=metavar,
+            help=text + "; repeated",
         )  # fmt: skip
 
 
-def selection(options: argparse.Namespace) -> Selection:
-    return Selection(
-        options.types, options.direction, options.connections, options.after, options.before
-    )
+def decoders(options: argparse.Namespace) -> Decoders:
+    return Decoders(options.rules, Sources(options.protos, options.functions, options.texts))
+
+
+def add_filter(
+    parser: argparse.ArgumentParser, directions: str = "", *, short: bool = False
+) -> None:
+    """Which messages are meant, in every command the same; `selection` makes use of it."""
+    parser.add_argument(
+        *["-t"] * short, "--type", action="append", default=[], dest="types", metavar="GLOB",
+        help="only messages of this type; * and ? stand for any; repeated",
+    )  # fmt: skip
+    parser.add_argument(
+        *["-d"] * short, "--direction", choices=DIRECTIONS, default=directions,
+        help="only this direction" + (" (%(default)s)" if directions else ""),
+    )  # fmt: skip
+    parser.add_argument(
+        "--peer", action="append", default=[], dest="peers", metavar="GLOB",
+        help="only connections of which one end has this address, HOST or HOST:PORT; repeated",
+    )  # fmt: skip
+    parser.add_argument(
+        "--where", type=expression, metavar="EXPRESSION",
+        help="only messages for which this holds, such as 'cents > 100 and len(items) < 3': over the "
+        "fields of decoded bodies, body, type, length, time, connection, direction",
+    )  # fmt: skip
+
+
+def add_selection(parser: argparse.ArgumentParser, directions: str) -> None:
+    """Which messages of a recording are meant; `selection` makes use of it."""
+    add_filter(parser, directions, short=True)
+    parser.add_argument(
+        "-n", "--connection", action="append", default=[], dest="numbers", type=count,
+        metavar="N", help="only the recorded connection N; repeated",
+    )  # fmt: skip
+    for name, other, what in (("from", "after", "from"), ("to", "before", "up to")):
+        parser.add_argument(
+            f"--{name}", f"--{other}", dest=other, type=moment, metavar="WHEN",
+            help=f"only messages {what} so many seconds after the recording began, or HH:MM:SS",
+        )  # fmt: skip
+
+
+def selection(options: argparse.Namespace, decoders: Decoders) -> Filter:
+    """The filter that the options tell, of messages that pass or are recorded."""
+    choice = Choice(options.types, options.direction, options.peers, options.where)
+    if "numbers" in options:
+        choice = choice._replace(
+            connections=options.numbers, after=options.after, before=options.before
+        )
+    return Filter(choice, decoders)

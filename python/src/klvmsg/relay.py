@@ -177,7 +177,7 @@ class Relay:
                 for type, length, body in messages
             ]
             if decoder.lost is not None and was_lost is None:
-                events.append(Event(now, number, LOST, direction, decoder.lost))
+                events.append(Event(now, number, LOST, direction, decoder.lost, decoder.type))
             if events:
                 self._observe(events)
             data_held = min(decoder.header_bytes, len(held) + count)

@@ -6,9 +6,9 @@
     Hello=length(0,8,little,8)  8 bytes more than the length counts
     *=length(0,4,little)        every type without a rule of its own
 
-What the dissector is told about the content of a body, such as protobuf(shop.Order) behind any of
-these, is passed over. Rules are separated by semicolons; the last one for a type holds. Without a
-rule for * bodies begin with a 4-byte length in the byte order of this machine.
+Behind any of these may stand of which Protocol Buffers message the content is, as in
+protobuf(shop.Order); protobuf() takes the type's name for it. Rules are separated by semicolons; the last one for a type
+holds. Without a rule for * bodies begin with a 4-byte length in the byte order of this machine.
 """
 
 from __future__ import annotations
@@ -16,7 +16,7 @@ from __future__ import annotations
 import re
 import sys
 from dataclasses import dataclass
-from typing import Literal, Mapping, Optional, Union
+from typing import List, Literal, Mapping, Optional, Union
 
 Order = Literal["little", "big"]
 Bytes = Union[bytes, bytearray, memoryview]
@@ -24,7 +24,7 @@ Bytes = Union[bytes, bytearray, memoryview]
 _LENGTH = re.compile(
     r"length\(\s*(\d+)\s*,\s*([1248])\s*,\s*(little|big)\s*,?\s*(\d*)\s*\)", re.ASCII
 )
-_CONTENT = re.compile(r"\s+protobuf\(\s*[\w.]*\s*\)$", re.ASCII)
+_CONTENT = re.compile(r"\s+protobuf\(\s*([\w.]*)\s*\)$", re.ASCII)
 
 
 @dataclass(frozen=True)
@@ -36,18 +36,21 @@ class Rule:
     width: int = 0  # of the length: 1, 2, 4 or 8
     order: Order = "little"
     more: int = 0  # bytes that the length does not count
+    protobuf: str = ""  # the name of the content's message, where that is not the type's
 
     @staticmethod
     def parse(text: str) -> Rule:
         """The rule that the text behind the equals sign states. Raises ValueError."""
+        content = _CONTENT.search(text)
+        name = content[1] if content else ""
         text = _CONTENT.sub("", text)
         if re.fullmatch(r"\d+", text, re.ASCII):
-            return Rule(fixed=int(text))
+            return Rule(fixed=int(text), protobuf=name)
         found = _LENGTH.fullmatch(text)
         if found is None:
             raise ValueError(f"neither a size nor length(OFFSET,WIDTH,little|big[,MORE]): {text!r}")
         order: Order = "big" if found[3] == "big" else "little"
-        return Rule(None, int(found[1]), int(found[2]), order, int(found[4] or 0))
+        return Rule(None, int(found[1]), int(found[2]), order, int(found[4] or 0), name)
 
     @property
     def prefix(self) -> int:
@@ -106,6 +109,11 @@ class Rules:
                 raise ValueError(f"not of the form TYPE=RULE: {item!r}")
             rules[name.rstrip()] = Rule.parse(value.strip())
         return Rules(rules)
+
+    @property
+    def named(self) -> List[str]:
+        """The types that have a rule of their own."""
+        return [type for type in self._rules if type != "*"]
 
     def of(self, type: str) -> Rule:
         """The rule for a type; there is always one."""

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import functools
+import sys
 import time
 from typing import Union
 
@@ -44,3 +45,8 @@ def size(count: float) -> str:
 
 def plural(count: int, what: str) -> str:
     return f"{count:,} {what}" + ("" if count == 1 else "s")
+
+
+def complain(text: str) -> None:
+    """Says something to the user, beside the output."""
+    print(f"klvmsg: {printable(text)}", file=sys.stderr, flush=True)

@@ -5,14 +5,17 @@ from __future__ import annotations
 import threading
 import time
 from collections import deque
-from typing import Deque, Dict, List, Tuple
+from typing import Any, Deque, Dict, List, Optional, Tuple
 
 from rich.console import Console, Group
 from rich.live import Live
 from rich.table import Table
 from rich.text import Text
 
+from .decode import Decoders
 from .events import ENDED, MESSAGE, TO_SERVER, Event, describe
+from .expressions import MISSING, Expression
+from .fields import show
 from .text import printable, size
 
 _SECONDS = 0.5  # between two pictures
@@ -28,6 +31,7 @@ class _Row:
         self.count = 0
         self.bytes = 0
         self.seen = 0.0
+        self.value: Any = MISSING
         self.ended = False
         self.past: Deque[Tuple[float, int, int]] = deque([(time.monotonic(), 0, 0)], _PICTURES + 1)
 
@@ -45,8 +49,11 @@ _Key = Tuple[int, str, str]
 class Top:
     """Observes a relay, and draws until it is closed, when the last picture stays on the screen."""
 
-    def __init__(self, title: str) -> None:
+    def __init__(self, title: str, decoders: Decoders, column: Optional[Expression] = None) -> None:
+        """`column`: of each row the last value of this is shown."""
         self._title = title
+        self._decoders = decoders
+        self._column = column
         self._rows: Dict[_Key, _Row] = {}
         self._notices: Deque[str] = deque(maxlen=_NOTICES)
         self._lock = threading.Lock()
@@ -79,6 +86,11 @@ class Top:
         row.count += 1
         row.bytes += event.length
         row.seen = event.time
+        if self._column is not None:
+            try:
+                row.value = self._column.value(self._decoders.names(event))
+            except TypeError:
+                row.value = MISSING
 
     def close(self) -> None:
         self._over.set()
@@ -118,6 +130,8 @@ class Top:
         shown = [heading for heading, width in _NUMBERS if self._console.width >= width]
         for heading in shown:
             table.add_column(heading, justify="right", no_wrap=True)
+        if self._column is not None:
+            table.add_column(Text(self._column.text), no_wrap=True, overflow="ellipsis", ratio=1)
         for (connection, direction, type), row, rate, byte_rate in lines:
             numbers = (
                 f"{row.count:,}",
@@ -130,6 +144,7 @@ class Top:
                 direction[len("to-") :],
                 Text(printable(type)),
                 *numbers[: len(shown)],
+                *[Text("" if row.value is MISSING else show(row.value))] * (self._column is not None),
                 style="dim" if row.ended else "",
             )
         return table

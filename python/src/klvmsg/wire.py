@@ -11,8 +11,9 @@ that every name comes out again as it went in.
 
 from __future__ import annotations
 
+import struct
 import sys
-from typing import List, NamedTuple, Optional
+from typing import Dict, List, NamedTuple, Optional, Tuple
 
 from .rules import Bytes, Rule, Rules
 
@@ -20,6 +21,8 @@ LONGEST_NAME = 2**31 - 2  # receivers keep it with a zero behind it, and count b
 MAX_NAME = 255  # of programs that look on: longer names are rare, and streams out of step are not
 MAX_BODY = 64 * 1024 * 1024
 _SHOWN = 16  # bytes of what cannot be a header
+_KNOWN = 4096  # types whose names are remembered
+_read_length = struct.Struct("=I").unpack_from
 
 
 def to_name(name: Bytes) -> str:
@@ -73,15 +76,20 @@ class Decoder:
         self._length = 0  # of the body
         self._missing = 0  # bytes of the body behind _head
         self._body = bytearray()
-        self._last = ""  # the last whole message, in words
+        self._last = ("", 0)  # type and length of the last whole message
+        self._known: Dict[bytes, Tuple[str, Rule]] = {}  # types that have come, by their names
 
     def feed(self, data: Bytes) -> List[Found]:
         """The messages that come to their end in this piece."""
         found: List[Found] = []
         self.starts = []
         position = 0
+        data = bytes(data)
         while position < len(data) and not self._why:
             if not self._head:
+                position = self._take_whole(data, position, found)
+                if position == len(data):
+                    break
                 self.starts.append(position)
             count = min(self._missing or self._needed - len(self._head), len(data) - position)
             piece = data[position : position + count]
@@ -98,7 +106,8 @@ class Decoder:
                 found.append(self._finish())
         if self.lost is None and self._why:
             shown = bytes(self._head[:_SHOWN]) + bytes(data[position : position + _SHOWN])
-            after = f"after {self._last}" if self._last else "at the start"
+            type, length = self._last
+            after = f"after {type} with {length} bytes" if type else "at the start"
             self.lost = f"{self._why} ({shown[:_SHOWN].hex(' ')}), {after}"
         return found
 
@@ -106,6 +115,11 @@ class Decoder:
     def header_bytes(self) -> int:
         """How many bytes of a header have come, when it is not whole; otherwise 0."""
         return 0 if self.lost or self._body_at or self._missing else len(self._head)
+
+    @property
+    def type(self) -> str:
+        """Of the last message whose header was whole: the rule that was followed last is for this type."""
+        return self._type
 
     @property
     def between_messages(self) -> bool:
@@ -118,6 +132,33 @@ class Decoder:
         come = len(self._head) - self._body_at if self._missing == 0 else self._length - self._missing
         known = f" of {self._length}" if self._missing else ""
         return f"{self._type}, {come}{known} bytes"
+
+    def _take_whole(self, data: bytes, position: int, found: List[Found]) -> int:
+        """Takes messages of types that have come before, as long as they are whole in this piece: most
+        are, and need not be gathered. Returns where the next one begins."""
+        end, keep, max_body, known = len(data), self._keep, self._max_body, self._known
+        starts = self.starts
+        while position + 4 <= end:
+            body_at = position + 4 + _read_length(data, position)[0]
+            if body_at > end:
+                break
+            type_and_rule = known.get(data[position + 4 : body_at])
+            if type_and_rule is None:
+                break
+            type, rule = type_and_rule
+            length = rule.fixed
+            if length is None:
+                content_at = body_at + rule.offset + rule.width
+                count = int.from_bytes(data[body_at + rule.offset : content_at], rule.order)
+                length = content_at - body_at + count + rule.more
+            if body_at + length > end or length > max_body:  # also when its length is cut off
+                break
+            starts.append(position)
+            position = body_at + length
+            found.append(Found(type, length, data[body_at : min(position, body_at + keep)]))
+        if found:
+            self._type, self._last = found[-1].type, found[-1][:2]
+        return position
 
     def _understand_head(self) -> bool:
         """Looks at the head, of which all needed bytes are there. True when it is complete."""
@@ -134,6 +175,8 @@ class Decoder:
             self._type = to_name(name)
             self._body_at = len(self._head)
             self._rule = self._rules.of(self._type)
+            if len(self._known) < _KNOWN:
+                self._known[bytes(name)] = (self._type, self._rule)
             if self._rule.prefix > self._max_body:
                 return self._lose(f"a body of {self._type} with more than {self._max_body} bytes")
             self._needed = self._body_at + self._rule.prefix
@@ -153,7 +196,7 @@ class Decoder:
 
     def _finish(self) -> Found:
         message = Found(self._type, self._length, bytes(self._body))
-        self._last = f"{self._type} with {self._length} bytes"
+        self._last = (self._type, self._length)
         self._head.clear()
         self._body = bytearray()
         self._needed = 4

@@ -7,8 +7,10 @@ import argparse
 from ..events import read_recording
 from ..exits import DONE, USAGE, Failure, missing
 from ..files import open_for_writing, open_recording
-from ..observers import complain
-from ..options import Commands, add_command, add_selection, count, selection
+from ..options import (
+    Commands, add_command, add_decoding, add_selection, count, decoders, selection,
+)  # fmt: skip
+from ..text import complain
 
 
 def add(commands: Commands[argparse.ArgumentParser]) -> None:
@@ -25,6 +27,7 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
         "--rows", type=count, default=200, metavar="N",
         help="draw at most N rows; messages of one kind that follow each other share one (200)",
     )  # fmt: skip
+    add_decoding(parser)
     add_selection(parser, "")
 
 
@@ -37,7 +40,8 @@ def run(options: argparse.Namespace) -> int:
     if neither and options.file == "-":
         raise Failure(USAGE, "a recording from standard input needs --svg or --html")
     with open_recording(options.file) as file:
-        story = chart.Story(read_recording(file), selection(options), options.rows)
+        chosen = selection(options, decoders(options))
+        story = chart.Story(read_recording(file), chosen, options.rows)
     base = options.file[: -len(".jsonl")] if options.file.endswith(".jsonl") else options.file
     for path, make in ((options.svg or (neither and base + ".svg"), chart.make_svg),
                        (options.html or (neither and base + ".html"), chart.make_page)):  # fmt: skip

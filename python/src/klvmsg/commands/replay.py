@@ -11,11 +11,12 @@ from ..errors import PeerGone, TimedOut
 from ..events import MESSAGE, TO_SERVER, Event, describe, read_recording
 from ..exits import DONE, NO_CONNECTION, USAGE, Failure
 from ..files import open_recording
-from ..observers import complain
-from ..options import Commands, add_command, add_selection, connect_address, positive, selection
+from ..options import (
+    Commands, add_command, add_decoding, add_selection, connect_address, decoders, positive, selection,
+)  # fmt: skip
 from ..relay import show_address
 from ..replay import Player
-from ..text import plural
+from ..text import complain, plural
 
 
 def add(commands: Commands[argparse.ArgumentParser]) -> None:
@@ -37,33 +38,56 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
     pace.add_argument("--fast", action="store_true", help="without pauses")
     pace.add_argument("--step", action="store_true", help="wait for Enter before each message")
     parser.add_argument(
-        "--timeout", type=positive, default=10.0, metavar="SECONDS",
-        help="how long the program may take to accept, to take a message and, when all has been "
-        "sent, to close (10)",
+        "--answers", action="store_true",
+        help="send a message only when as many messages have come back on its connection as had when it "
+        "was recorded; --rules tells how long they are",
     )  # fmt: skip
+    parser.add_argument(
+        "--loop", action="store_true", help="begin again after the end, until Ctrl-C",
+    )  # fmt: skip
+    parser.add_argument(
+        "--timeout", type=positive, default=10.0, metavar="SECONDS",
+        help="how long the program may take to accept, to take a message, to answer and, when all has "
+        "been sent, to close (10)",
+    )  # fmt: skip
+    add_decoding(parser)
     add_selection(parser, TO_SERVER)
 
 
 def run(options: argparse.Namespace) -> int:
+    if options.file == "-" and (options.step or options.loop):
+        what = "--step reads Enter from it" if options.step else "--loop reads it again"
+        raise Failure(USAGE, f"FILE cannot be standard input: {what}")
+    answers = options.rules if options.answers else None
+    chosen = selection(options, decoders(options))
+    player = Player(options.connect, chosen, options.timeout, answers)
+    try:
+        _play(player, options)
+        before = 0
+        while options.loop and player.messages > before:
+            before = player.messages
+            _play(player, options)
+    except KeyboardInterrupt:
+        if not options.loop:
+            raise
+    except (PeerGone, TimedOut):
+        raise
+    except OSError as error:
+        where = show_address(options.connect)
+        raise Failure(NO_CONNECTION, f"cannot connect to {where}: {error.strerror}") from error
+    finally:
+        complain(f"sent {plural(player.messages, 'message')}")
+    return DONE
+
+
+def _play(player: Player, options: argparse.Namespace) -> None:
     pause: Callable[[Event, float], bool] = _Timed(options.speed)
     if options.fast:
         pause = _no_pause
     if options.step:
-        if options.file == "-":
-            raise Failure(USAGE, "--step reads Enter from standard input, so FILE cannot be -")
         pause = _step
-    player = Player(options.connect, selection(options), options.timeout)
     with open_recording(options.file) as file:
-        try:
-            player.play(read_recording(file), pause)
-        except (PeerGone, TimedOut):
-            raise
-        except OSError as error:
-            where = show_address(options.connect)
-            raise Failure(NO_CONNECTION, f"cannot connect to {where}: {error.strerror}") from error
-        finally:
-            complain(f"sent {plural(player.messages, 'message')}")
-    return DONE
+        player.play(read_recording(file), pause)
 
 
 # Pauses before a message ------------------------------------------------------------------------

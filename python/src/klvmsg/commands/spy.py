@@ -5,12 +5,21 @@ from __future__ import annotations
 import argparse
 import os
 import sys
+from typing import List, Optional
 
 from ..between import open_entrance, pass_on
+from ..decode import Decoders
+from ..events import Event, describe
 from ..exits import DONE, USAGE, Failure, missing
-from ..observers import Printer, complain
-from ..options import RULES_HELP, Commands, add_command, add_relay_options, count
+from ..filters import Filter
+from ..observers import Printer
+from ..options import (
+    RULES_HELP, Commands, add_command, add_relay_options, count, decoders, expression, selection,
+)  # fmt: skip
 from ..relay import show_address
+from ..text import complain
+
+_SHOWN = 200  # characters of what a body says
 
 
 def add(commands: Commands[argparse.ArgumentParser]) -> None:
@@ -18,34 +27,53 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
         commands, "spy", run, "stand between two programs and print what they say",
         "Stands between clients and their server, passes every byte on unchanged, and prints a line\n"
         "for each message: the time, the connection, > to the server or < to the client, the type,\n"
-        "and the bytes of the body. Bytes are passed on whatever is made of them, also when a rule\n"
+        "the bytes of the body, and what it says where that is known. Bytes are passed on whatever is made of them, also when a rule\n"
         "is wrong or the stream is out of step, which is printed.",
         RULES_HELP,
     )  # fmt: skip
     add_relay_options(parser)
     parser.add_argument(
         "-b", "--bodies", type=count, default=0, metavar="N",
-        help="print up to N bytes of each body too",
+        help="print up to N bytes of each body, or N characters of what it says (200)",
     )  # fmt: skip
     parser.add_argument(
         "-t", "--top", action="store_true",
         help="show a live table by connection and type instead (needs rich)",
     )  # fmt: skip
+    parser.add_argument(
+        "--column", type=expression, metavar="EXPRESSION",
+        help="a column of the table with the last value of this, such as a field of decoded bodies",
+    )  # fmt: skip
 
 
 def run(options: argparse.Namespace) -> int:
+    if options.column and not options.top:
+        raise Failure(USAGE, "--column needs --top")
+    decode = decoders(options)
+    chosen = selection(options, decode)
+    keep = options.max_body if decode else options.bodies
     if options.top:
-        return _top(options)
+        return _top(options, decode, chosen, keep)
+
+    def line(event: Event) -> Optional[str]:
+        if not chosen.takes(event):
+            return None
+        return describe(event, options.bodies, _short(decode.show(event), options.bodies or _SHOWN))
+
     entrance = open_entrance(options)
-    printer = Printer(options.bodies)
-    pass_on(options, entrance, printer.observe, options.bodies)
+    printer = Printer(line)
+    pass_on(options, entrance, printer.observe, keep)
     if not printer.close():
         complain("the last lines are not printed: the output takes none")
         os._exit(DONE)  # Python's own end would wait for the output
     return DONE
 
 
-def _top(options: argparse.Namespace) -> int:
+def _short(text: str, length: int) -> str:
+    return text if len(text) <= length else text[:length] + "..."
+
+
+def _top(options: argparse.Namespace, decode: Decoders, chosen: Filter, keep: int) -> int:
     try:
         from ..top import Top
     except ImportError as error:
@@ -54,7 +82,11 @@ def _top(options: argparse.Namespace) -> int:
         raise Failure(USAGE, "--top needs a terminal; without it a line is printed for each message")
     entrance = open_entrance(options)
     here, there = show_address(entrance.getsockname()), show_address(options.connect)
-    top = Top(f"klvmsg spy, {here} for {there}, Ctrl-C ends")
-    pass_on(options, entrance, top.observe, 0)
+    top = Top(f"klvmsg spy, {here} for {there}, Ctrl-C ends", decode, options.column)
+
+    def observe(events: List[Event]) -> None:
+        top.observe([event for event in events if chosen.takes(event)])
+
+    pass_on(options, entrance, observe, keep)
     top.close()
     return DONE

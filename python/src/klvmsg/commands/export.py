@@ -1,0 +1,59 @@
+"""`klvmsg export`: hands a recording on to other tools."""
+
+from __future__ import annotations
+
+import argparse
+import sys
+
+from ..events import MESSAGE, read_recording
+from ..exits import DONE, USAGE, Failure
+from ..export import Csv, Json
+from ..files import open_for_writing, open_recording
+from ..mcap import Mcap
+from ..options import (
+    Commands, add_command, add_decoding, add_selection, decoders, expression, selection,
+)  # fmt: skip
+from ..text import complain, plural
+
+_FORMS = {
+    "csv": (Csv, "a table: time, connection, direction, type, length, body, what it says"),
+    "json": (Json, "an array with an object for each message"),
+    "mcap": (Mcap, "MCAP, for viewers of robotics and engineering"),
+}
+
+
+def add(commands: Commands[argparse.ArgumentParser]) -> None:
+    parser = add_command(
+        commands, "export", run, "hand a recording on to other tools",
+        "Writes the messages of a recording in the form that other tools read.",
+    )  # fmt: skip
+    parser.add_argument("file", metavar="FILE", help="the recording; - is standard input")
+    forms = parser.add_mutually_exclusive_group(required=True)
+    for name, (form, text) in _FORMS.items():
+        forms.add_argument(f"--{name}", action="store_const", dest="form", const=form, help=text)
+    parser.add_argument(
+        "-o", "--output", default="-", metavar="PATH", help="where it goes, if not to standard output",
+    )  # fmt: skip
+    parser.add_argument(
+        "--column", action="append", default=[], dest="columns", type=expression, metavar="EXPRESSION",
+        help="one more column, or member of each object, with the value of this; repeated",
+    )  # fmt: skip
+    add_decoding(parser)
+    add_selection(parser, "")
+
+
+def run(options: argparse.Namespace) -> int:
+    if options.output == "-" and not options.form.is_text and sys.stdout.isatty():
+        raise Failure(USAGE, "this form is no text for a terminal: --output tells where it goes")
+    decode = decoders(options)
+    messages = 0
+    with open_recording(options.file) as file, open_for_writing(options.output) as out:
+        form = options.form(out, decode, options.columns)
+        for event in selection(options, decode).select(read_recording(file)):
+            if event.kind == MESSAGE:
+                form.write(event)
+                messages += 1
+        form.close()
+        out.flush()
+    complain(f"exported {plural(messages, 'message')}")
+    return DONE
