@@ -169,20 +169,26 @@ class Relay:
                     target.sendall(held)
                 return
             data = buffer[:count]
-            was_lost = decoder.lost
-            messages = decoder.feed(data)
-            now = time.time()
-            events = [
-                Event(now, number, MESSAGE, direction, "", type, length, body)
-                for type, length, body in messages
-            ]
-            if decoder.lost is not None and was_lost is None:
-                events.append(Event(now, number, LOST, direction, decoder.lost, decoder.type))
+            events = events_of(decoder, data, time.time(), number, direction)
             if events:
                 self._observe(events)
             data_held = min(decoder.header_bytes, len(held) + count)
             _send_messages(target, held, data, decoder, data_held)
             held = (held + bytes(data[-data_held:]))[-data_held:] if data_held else b""
+
+
+def events_of(
+    decoder: Decoder, data: Bytes, now: float, number: int, direction: str
+) -> List[Event]:
+    """What these bytes bring to their end, on the connection of this number."""
+    was_lost = decoder.lost
+    events = [
+        Event(now, number, MESSAGE, direction, "", type, length, body)
+        for type, length, body in decoder.feed(data)
+    ]
+    if decoder.lost is not None and was_lost is None:
+        events.append(Event(now, number, LOST, direction, decoder.lost, decoder.type))
+    return events
 
 
 def _send_messages(
