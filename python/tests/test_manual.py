@@ -42,4 +42,3 @@ def test_page_and_help_tell_of_the_same_options(command: str) -> None:
     if command == "spy":
         told -= {"rotate", "keep", "flush"}  # of record alone
     assert options_of_help(command) == told
-

@@ -3,6 +3,7 @@
 import random
 import tracemalloc
 
+import fuzz_wire
 import pytest
 from conftest import framed, message
 
@@ -123,3 +124,7 @@ def test_pieces_of_any_size_give_the_same_messages(seed: int) -> None:
     name, length, _ = wanted[-1]
     assert decoder.lost and "Note with 1004 bytes" in decoder.lost
     assert decoder.lost.endswith(f"after {name} with {length} bytes")
+
+
+def test_streams_from_a_seed_give_what_a_model_of_them_gives() -> None:
+    assert fuzz_wire.fuzz(1) > 0

@@ -7,8 +7,9 @@
     *=length(0,4,little)        every type without a rule of its own
 
 Behind any of these may stand of which Protocol Buffers message the content is, as in
-protobuf(shop.Order); protobuf() takes the type's name for it. Rules are separated by semicolons; the last one for a type
-holds. Without a rule for * bodies begin with a 4-byte length in the byte order of this machine.
+protobuf(shop.Order); protobuf() takes the type's name for it. Rules are separated by semicolons; the
+last one for a type holds. Without a rule for * bodies begin with a 4-byte length in the byte order of
+this machine.
 """
 
 from __future__ import annotations
