@@ -5,13 +5,16 @@ import json
 import pathlib
 import re
 import socket
-from typing import Any
+import threading
+import time
+from typing import Any, List
 
 import pytest
 from conftest import LIMIT
 from test_recording import write_recording
 
-from klvmsg.measure import histogram, percentile
+import klvmsg
+from klvmsg.measure import histogram, percentile, rate_one_way
 from klvmsg.testing import Script
 
 
@@ -85,6 +88,22 @@ def test_rates_are_measured_one_way_and_back(start: Any) -> None:
         )
 
 
+def test_a_rate_one_way_is_up_to_the_last_message_read() -> None:
+    with klvmsg.serve(0) as server:
+        read: List[klvmsg.Message] = []
+
+        def read_late() -> None:
+            with server.accept(LIMIT) as peer:
+                time.sleep(0.3)
+                read.extend(peer)
+
+        reader = threading.Thread(target=read_late)
+        reader.start()
+        rate = rate_one_way(lambda: klvmsg.connect("127.0.0.1", server.port), "Note", 8, 0.01, LIMIT)
+        reader.join(LIMIT)
+    assert rate.messages == len(read) and rate.seconds >= 0.3
+
+
 def test_a_recording_is_summed_up(start: Any, tmp_path: pathlib.Path) -> None:
     run = write_recording(tmp_path / "run", (0, 1, "to-server", "Ask", b"1234"),
                           (0.5, 1, "to-client", "Told", b""), (3, 1, "to-server", "Ask", b"12345678"),
@@ -98,6 +117,7 @@ def test_a_recording_is_summed_up(start: Any, tmp_path: pathlib.Path) -> None:
                    "connection #1: a:1 to b:2, 3 messages", "connection #2: peers unknown, 1 message",
                    "gap of 2.500000 s, from 0.500000 s on", "out of step: why"):  # fmt: skip
         assert wanted in output, output
+    assert output.count("gap of") == 3
     rows = {tuple(line.split()[:5]) for line in output.splitlines()}
     assert ("Ask", "server", "2", "20", "0.3") in rows and ("A\\x1b", "server", "1", "4", "-") in rows
     output = start("klvmsg", "info", run, "-t", "Told").end()[1]

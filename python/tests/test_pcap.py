@@ -131,6 +131,12 @@ def test_what_a_capture_does_not_have_is_told() -> None:
     assert (last.kind, last.direction) == (LOST, TO_SERVER)
     assert last.text == f"{len(note)} bytes are missing in the capture"
 
+    again = [frames[1], line.frame(True, (100 + len(note) + 3, ACK, note[3:5])),
+             line.frame(True, (100 + len(note) + 3, ACK, note[3:])),
+             line.frame(True, (100 + len(note), ACK, note[:3]))]  # fmt: skip
+    kinds = [event.kind for event in pcap.read_capture(capture(101, again), Rules())]
+    assert kinds == [OPENED, MESSAGE, MESSAGE], "sent again, and longer"
+
     whole = capture(101, frames).getvalue()
     cut = list(pcap.read_capture(io.BytesIO(whole[:-5]), Rules(), ports=[5000]))
     assert cut == events[:-1]

@@ -8,7 +8,7 @@ import time
 from typing import Any, Tuple
 
 import pytest
-from conftest import LIMIT, answer, framed, message, read_all, reset
+from conftest import LIMIT, answer, dial, framed, message, read_all, reset
 
 import klvmsg
 
@@ -108,6 +108,20 @@ def test_a_peer_that_does_not_read_is_told_apart(
         peer.send("Note")
 
 
+def test_a_message_of_which_nothing_has_gone_does_not_end_the_sending(
+    pair: Tuple[klvmsg.Connection, socket.socket],
+) -> None:
+    peer, other = pair
+    sent = 0
+    with pytest.raises(klvmsg.TimedOut):
+        while True:
+            peer.send("Tick", bytes(8), timeout=0)
+            sent += 1
+    assert len(read_all(other, 16 * sent)) == 16 * sent
+    peer.send("Tick", b"12345678", timeout=LIMIT)
+    assert read_all(other, 16) == message(b"Tick", b"12345678")
+
+
 def test_what_a_receiver_would_not_understand_is_not_sent(
     pair: Tuple[klvmsg.Connection, socket.socket],
 ) -> None:
@@ -147,6 +161,11 @@ def test_a_peer_tells_its_address(listener: socket.socket) -> None:
     with klvmsg.serve(0, "::1") as server, klvmsg.connect("::1", server.port) as client:
         with server.accept(LIMIT) as accepted:
             assert accepted.address == ("::1", client._socket.getsockname()[1])
+    with klvmsg.serve(0) as server:
+        reset(dial(server.port))
+        with server.accept(LIMIT) as accepted, pytest.raises(klvmsg.PeerGone):
+            assert accepted.address == ("", 0)
+            accepted.receive(LIMIT)
 
 
 def test_no_connection_tells_its_cause(listener: socket.socket) -> None:

@@ -3,7 +3,7 @@
 from typing import Callable, List
 
 import pytest
-from conftest import LIMIT
+from conftest import LIMIT, dial
 
 import klvmsg
 from klvmsg.testing import Script
@@ -45,6 +45,12 @@ def test_a_difference_is_told(script: Script, said: List[str], words: str) -> No
             for line in said:
                 program.send(line.split()[0], line.split()[1].encode())
     assert words in str(told.value)
+
+
+def test_a_program_that_breaks_off_is_told() -> None:
+    with pytest.raises(AssertionError, match="after the last step: the peer has gone in the middle"):
+        with Script(limit=LIMIT).serve() as peer, dial(peer.port) as program:
+            program.sendall(b"\7\0")
 
 
 def test_a_program_that_never_comes_is_told() -> None:

@@ -9,12 +9,12 @@ import subprocess
 import sys
 from typing import Any, Dict, List, Tuple
 
-from ..errors import Error
-from ..exits import DONE, NO_CONNECTION, USAGE, Failure
+from ..calling import add_calling, call
+from ..exits import DONE, USAGE, Failure
 from ..measure import Rate, rate_and_back, rate_one_way
-from ..options import RULES_HELP, Commands, add_command, add_decoding, connect_address, positive
-from ..peer import Connection, connect
-from ..relay import Address, show_address
+from ..options import RULES_HELP, Commands, add_command, positive
+from ..peer import Connection
+from ..relay import Address
 from ..text import size
 
 _SIZES = "8,100,1000,10000,100000"
@@ -30,9 +30,7 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
         "another process of klvmsg answers; then the figures are of Python at both ends.",
         RULES_HELP,
     )  # fmt: skip
-    parser.add_argument(
-        "address", nargs="?", type=connect_address, metavar="HOST:PORT", help="the program",
-    )  # fmt: skip
+    add_calling(parser, "Bench")
     parser.add_argument(
         "-s", "--sizes", type=_sizes, default=_sizes(_SIZES), metavar="BYTES,...",
         help=f"sizes of bodies, without the length before them ({_SIZES})",
@@ -43,17 +41,9 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
     parser.add_argument(
         "-w", "--way", choices=("one-way", "back"), help="only this; answers to one-way are not read",
     )  # fmt: skip
-    parser.add_argument(
-        "-t", "--type", default="Bench", metavar="TYPE", help="the type of the message (%(default)s)",
-    )  # fmt: skip
-    parser.add_argument(
-        "--timeout", type=positive, default=10.0, metavar="SECONDS",
-        help="how long the program may take to accept, to take a message, to answer, to close (10)",
-    )  # fmt: skip
     form = parser.add_mutually_exclusive_group()
     form.add_argument("--json", action="store_true", help="print an array of objects")
     form.add_argument("--csv", action="store_true", help="print a table with commas")
-    add_decoding(parser)
 
 
 def _sizes(text: str) -> List[int]:
@@ -76,7 +66,7 @@ def _measure(options: argparse.Namespace, one_way: Address, back: Address) -> in
             continue
 
         def dial(to: Address = address) -> Connection:
-            return _connection(options, to)
+            return call(options, to)
 
         for length in options.sizes:
             try:
@@ -93,16 +83,6 @@ def _measure(options: argparse.Namespace, one_way: Address, back: Address) -> in
         table.writeheader()
         table.writerows(_values(*rate) for rate in rates)
     return DONE
-
-
-def _connection(options: argparse.Namespace, address: Address) -> Connection:
-    try:
-        return connect(*address, rules=options.rules, timeout=options.timeout)
-    except Error:
-        raise
-    except OSError as error:
-        where = show_address(address)
-        raise Failure(NO_CONNECTION, f"cannot connect to {where}: {error.strerror}") from error
 
 
 def _values(way: str, rate: Rate) -> Dict[str, Any]:

@@ -6,14 +6,12 @@ import argparse
 import time
 from typing import List
 
-from ..errors import Error
+from ..calling import add_calling, call
 from ..exits import DONE, FILE, NO_CONNECTION, USAGE, Failure
 from ..measure import histogram, percentile, round_trip
-from ..options import (
-    RULES_HELP, Commands, add_command, add_decoding, connect_address, count, listen_address, positive,
-)  # fmt: skip
+from ..options import RULES_HELP, Commands, add_command, count, listen_address, positive
 from ..partner import attend
-from ..peer import Connection, connect, serve
+from ..peer import serve
 from ..relay import show_address
 from ..text import complain, plural
 
@@ -28,9 +26,7 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
         "the other end: it sends back each message that comes, and goes on until Ctrl-C.",
         RULES_HELP,
     )  # fmt: skip
-    parser.add_argument(
-        "address", nargs="?", type=connect_address, metavar="HOST:PORT", help="the program",
-    )  # fmt: skip
+    add_calling(parser, "Ping")
     parser.add_argument(
         "-a", "--answer", type=listen_address, metavar="[HOST:]PORT",
         help="listen there and answer; port 0 lets the system choose, and the port is printed",
@@ -42,19 +38,11 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
         "-i", "--interval", type=positive, default=0.01, metavar="SECONDS",
         help="the pause between them (0.01)",
     )  # fmt: skip
-    parser.add_argument(
-        "-t", "--type", default="Ping", metavar="TYPE", help="the type of the message (%(default)s)",
-    )  # fmt: skip
     body = parser.add_mutually_exclusive_group()
     body.add_argument(
         "-s", "--size", type=count, default=8, metavar="BYTES", help="zero bytes in its body (8)",
     )  # fmt: skip
     body.add_argument("-b", "--body", metavar="FILE", help="its body, without the length before it")
-    parser.add_argument(
-        "--timeout", type=positive, default=10.0, metavar="SECONDS",
-        help="how long the program may take to accept and to answer (10)",
-    )  # fmt: skip
-    add_decoding(parser)
 
 
 def run(options: argparse.Namespace) -> int:
@@ -72,7 +60,7 @@ def _ping(options: argparse.Namespace) -> int:
         except OSError as error:
             raise Failure(FILE, f"cannot read {options.body}: {error.strerror}") from error
     times: List[float] = []
-    with _connection(options) as peer:
+    with call(options, options.address) as peer:
         try:
             while len(times) < options.count:
                 if times:
@@ -85,16 +73,6 @@ def _ping(options: argparse.Namespace) -> int:
         finally:
             _report(sorted(times))
     return DONE
-
-
-def _connection(options: argparse.Namespace) -> Connection:
-    try:
-        return connect(*options.address, rules=options.rules, timeout=options.timeout)
-    except Error:
-        raise
-    except OSError as error:
-        where = show_address(options.address)
-        raise Failure(NO_CONNECTION, f"cannot connect to {where}: {error.strerror}") from error
 
 
 def _report(times: List[float]) -> None:
