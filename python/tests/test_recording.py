@@ -123,9 +123,10 @@ def test_a_choice_is_played_in_the_recorded_time(
 def test_step_by_step_each_message_waits_for_enter(
     start: Any, listener: socket.socket, tmp_path: pathlib.Path
 ) -> None:
-    file = write_recording(tmp_path / "run", *[(n, 1, "to-server", f"T{n}", b"") for n in range(3)])
+    contents = (b"", b"", b"two")
+    file = write_recording(tmp_path / "run", *[(n, 1, "to-server", f"T{n}", contents[n]) for n in range(3)])
     player = start("klvmsg", "replay", file, "-c", f"127.0.0.1:{listener.getsockname()[1]}", "--step",
-                   stdin=-1)  # fmt: skip
+                   "--text", "T2", stdin=-1)  # fmt: skip
     player.process.stdin.write(b"\n")
     player.process.stdin.flush()
     sock = answer(listener)
@@ -139,7 +140,7 @@ def test_step_by_step_each_message_waits_for_enter(
     assert read_all(sock) == message(b"T1", framed(b""))
     sock.close()
     code, _, errors = player.end()
-    assert code == 0 and "#1 > T2 4" in errors and "sent 2 messages" in errors
+    assert code == 0 and "#1 > T2 7 two   [Enter" in errors and "sent 2 messages" in errors
 
 
 def test_failures_have_codes_and_words(
@@ -298,6 +299,10 @@ def test_files_follow_each_other_and_each_is_a_recording(tmp_path: pathlib.Path)
             events = list(read_recording(file))
         assert [(e.kind, e.connection) for e in events[:2]] == [("opened", 1), (MESSAGE, 1)]
         assert path.stat().st_size <= 2000
+    small = Recorder(str(tmp_path / "s"), to_json, Rotation(bytes=10))
+    small.observe([note])
+    small.close()
+    assert [path.name for path in tmp_path.glob("s.*")] == ["s.0001"], "and no empty one before it"
     timed = Recorder(str(tmp_path / "t"), to_json, Rotation(seconds=1e-9))
     timed.observe([note])
     timed.observe([note])
@@ -368,3 +373,16 @@ def test_a_loop_goes_on_until_it_is_interrupted(
         player.process.send_signal(signal.SIGTERM)
         code, _, errors = player.end()
     assert code == 0 and "sent 4 messages" in errors and "1 message; the last line is cut off" in errors
+
+
+def test_a_played_connection_ends_where_the_recorded_one_did(
+    start: Any, listener: socket.socket, tmp_path: pathlib.Path
+) -> None:
+    file = write_recording(tmp_path / "run", (0, 1, "to-server", "A", b""), (0, 1, "to-server", "", None),
+                           (LIMIT, 2, "to-server", "B", b""))  # fmt: skip
+    start("klvmsg", "replay", file, "-c", f"127.0.0.1:{listener.getsockname()[1]}")
+    with answer(listener) as first:
+        assert read_all(first) == message(b"A", framed(b""))
+    listener.setblocking(False)
+    with pytest.raises(BlockingIOError):
+        listener.accept()

@@ -207,16 +207,18 @@ def test_names_do_nothing_to_the_terminal(start: Any, listener: socket.socket) -
 @pytest.mark.parametrize("columns", [40, 200])
 def test_the_live_table_counts(start: Any, listener: socket.socket, columns: int) -> None:
     pytest.importorskip("rich")
+    wide = columns > 40
     main, terminal = pty.openpty()
     fcntl.ioctl(main, termios.TIOCSWINSZ, struct.pack("4H", 24, columns, 0, 0))
     port = listener.getsockname()[1]
-    spy = start("klvmsg", "spy", "--top", "-l", 0, "-c", f"127.0.0.1:{port}", stdout=terminal)
+    spy = start("klvmsg", "spy", "--top", "-l", 0, "-c", f"127.0.0.1:{port}", "--text", "Back",
+                "--type", "Back", "--type", "No*", *["--column", "body"] * wide, stdout=terminal)  # fmt: skip
     os.close(terminal)
     client, server = dial(spy.port()), answer(listener)
     wire = message(b"No\x1bte[b]", framed(bytes(96))) * 1234
     client.sendall(wire)
-    server.sendall(message(b"Back", framed(b"")))
-    read_all(server, len(wire)), read_all(client, 12)
+    server.sendall(message(b"Gone", framed(b"")) + message(b"Back", framed(b"said")))
+    read_all(server, len(wire)), read_all(client, 28)
     time.sleep(1)
     spy.process.send_signal(signal.SIGTERM)
     picture = b""
@@ -229,7 +231,7 @@ def test_the_live_table_counts(start: Any, listener: socket.socket, columns: int
     assert spy.process.wait(LIMIT) == 0
     last = picture.decode()[picture.decode().rindex("klvmsg spy") :]
     assert re.search(r"#1 +server +No\\x1bte\[b\] +1,234\s", last), last
-    assert re.search(r"#1 +client +Back +1\s", last), last
+    assert re.search(r"#1 +client +Back +1\s" + ".*said" * wide, last) and "Gone" not in last, last
 
 
 # What stands between, in this process ---------------------------------------------------------------
@@ -372,6 +374,10 @@ def test_lines_that_are_left_out_are_counted(monkeypatch: pytest.MonkeyPatch) ->
         def flush(self) -> None:
             pass
 
+        def fileno(self) -> int:
+            return reading  # a pipe, as a file would get every line
+
+    reading, writing = os.pipe()
     monkeypatch.setattr("sys.stdout", Terminal())
     printer = observers.Printer(describe)
     event = Event(0.0, 1, MESSAGE, TO_CLIENT, "", "Note", 4)
@@ -381,4 +387,21 @@ def test_lines_that_are_left_out_are_counted(monkeypatch: pytest.MonkeyPatch) ->
     printer.observe([event] * 7)
     on.set()
     assert printer.close()
-    assert len(written) == 12 and written[-1] == "-- 5 lines left out: the output was too slow\n"
+    os.close(reading)
+    os.close(writing)
+    shown = "".join(written).splitlines()
+    assert len(shown) == 12 and shown[-1] == "-- 5 lines left out: the output was too slow"
+
+
+def test_a_file_gets_every_line(start: Any, listener: socket.socket) -> None:
+    """Even when more come at once than may wait."""
+    count = 250_000
+    wire = message(b"N", bytes(4)) * count
+    spy, client, server = between(start, listener)
+    sender = threading.Thread(target=client.sendall, args=(wire,))
+    sender.start()
+    assert len(read_all(server, len(wire))) == len(wire)
+    sender.join()
+    client.close()
+    server.close()
+    assert spy.end()[1].count("#1 > N 4\n") == count

@@ -1,4 +1,7 @@
-"""Draws a recording: the messages between the processes, a table by type, rates. Needs matplotlib."""
+"""Draws a recording: the messages between the processes, and rates. Needs matplotlib.
+
+The page is in `page`.
+"""
 
 from __future__ import annotations
 
@@ -6,8 +9,7 @@ import io
 import time
 import warnings
 from array import array
-from html import escape
-from typing import Any, Dict, Iterable, List, Optional, Tuple, Union
+from typing import Any, Callable, Dict, Iterable, List, NamedTuple, Optional, Tuple, Union
 
 import matplotlib
 from matplotlib.figure import Figure
@@ -20,7 +22,9 @@ _LANES = 40  # processes that are drawn
 _SILENCE = 1.0  # seconds without a message that are worth a row
 _LONGEST_NAME = 22  # characters of a type in a drawing
 _BINS = (10, 120)  # fewest and most in a plot of rates
-_NOTICES = 50  # in the page
+_LISTED = 100_000  # messages in the list of the page
+_SAID = 20_000_000  # characters of what they say; beyond that they are short
+_SHORT = 100
 _COLOURED = 9  # types with a colour of their own
 _COLOURS = ("#1f77b4", "#d62728", "#2ca02c", "#9467bd", "#ff7f0e", "#17becf", "#8c564b", "#e377c2",
             "#bcbd22", "#555555")  # fmt: skip
@@ -53,12 +57,27 @@ class Kind:
         self.lengths = array("Q")
 
 
-class Story:
-    """What is drawn of a recording; bodies are not kept."""
+class Listed(NamedTuple):
+    """A message in the list of the page."""
 
-    def __init__(self, events: Iterable[Event], chosen: Filter, rows: int) -> None:
-        """`rows`: at most so many are drawn."""
+    seconds: float
+    connection: int
+    direction: str
+    type: str
+    length: int
+    said: str
+
+
+class Story:
+    """What is drawn of a recording; of bodies only what the first 100,000 say is kept."""
+
+    def __init__(
+        self, events: Iterable[Event], chosen: Filter, rows: int, said: Callable[[Event], str]
+    ) -> None:
+        """`rows`: at most so many are drawn. `said`: what a body says, shortly."""
         self._limit = rows
+        self.listed: List[Listed] = []
+        self._room = _SAID
         self.rows: List[Row] = []
         self.left_out = 0  # messages and other events beyond the last row
         self.kinds: Dict[Tuple[str, str], Kind] = {}  # by type and direction
@@ -77,6 +96,8 @@ class Story:
             if event.kind != MESSAGE:
                 self._note(event, seconds)
             else:
+                if len(self.listed) < _LISTED:
+                    self._list(event, seconds, said(event))
                 self._add(event._replace(body=b""), seconds)
 
     def colour(self, type: str) -> str:
@@ -94,6 +115,13 @@ class Story:
         """Those with a colour of their own: the most frequent ones."""
         counts = self.counts()
         return sorted(counts, key=lambda type: (-counts[type], type))[:_COLOURED]
+
+    def _list(self, event: Event, seconds: float, said: str) -> None:
+        if self._room <= 0 and len(said) > _SHORT:
+            said = said[:_SHORT] + "..."
+        self._room -= len(said)
+        self.listed.append(Listed(round(seconds, 6), event.connection, event.direction, event.type,
+                                  event.length, said))  # fmt: skip
 
     def _note(self, event: Event, seconds: float) -> None:
         if event.kind == OPENED:
@@ -138,7 +166,7 @@ def make_svg(story: Story, name: str) -> str:
     axes.set(xlim=(0, width), ylim=(height, 0))
     axes.axis("off")
     _draw_lanes(axes, story, lanes, height - _ROW * (len(remarks) + 0.7))
-    _write(axes, 0.15, 0.25, _title(story, name), weight="bold", ha="left")
+    _write(axes, 0.15, 0.25, title(story, name), weight="bold", ha="left")
     for i, row in enumerate(lines):
         y = _TOP + _ROW * (i + 0.6)
         if isinstance(row, float):
@@ -185,7 +213,7 @@ def _draw_row(axes: Any, story: Story, row: Row, lane: float, y: float) -> None:
     event = row.event
     _write(axes, 0.15, y, f"{row.first:.6f} s", color="#666666", ha="left")
     if event.kind != MESSAGE:
-        text = _short(f"{event.kind}: {event.text}", 60)
+        text = short(f"{event.kind}: {event.text}", 60)
         x = lane if not event.direction else lane - _LANE / 2
         return _write(axes, x, y, text, color="#c00000", weight="bold", bbox=_BACKGROUND)
     x_from, x_to = (lane, _LEFT) if event.direction == TO_SERVER else (_LEFT, lane)
@@ -193,7 +221,7 @@ def _draw_row(axes: Any, story: Story, row: Row, lane: float, y: float) -> None:
     axes.annotate("", (x_to, y), (x_from, y), zorder=2,
                   arrowprops={"arrowstyle": "-|>", "color": colour, "shrinkA": 0, "shrinkB": 0})  # fmt: skip
     times = f" \u00d7{row.count:,}" if row.count > 1 else ""
-    text = f"{_short(event.type, _LONGEST_NAME)}{times}  {size(row.bytes)}"
+    text = f"{short(event.type, _LONGEST_NAME)}{times}  {size(row.bytes)}"
     _write(axes, lane - _LANE / 2, y, text, color=colour, bbox=_BACKGROUND)
 
 
@@ -205,16 +233,16 @@ def _write(axes: Any, x: float, y: float, text: str, **style: Any) -> None:
                              "zorder": 3, **style})  # fmt: skip
 
 
-def _short(text: str, length: int) -> str:
+def short(text: str, length: int) -> str:
     text = printable(text)
     return text if len(text) <= length else text[: length - 3] + "..."
 
 
-def _title(story: Story, name: str) -> str:
+def title(story: Story, name: str) -> str:
     if story.start is None:
-        return f"{_short(name, 60)}: nothing has been recorded"
+        return f"{short(name, 60)}: nothing has been recorded"
     began = time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(story.start))
-    return f"{_short(name, 60)}, from {began} on"
+    return f"{short(name, 60)}, from {began} on"
 
 
 # Rates --------------------------------------------------------------------------------------------
@@ -236,7 +264,7 @@ def make_rates(story: Story) -> str:
                     place = min(int(seconds / width), bins - 1)
                     counts[place] += 1 / width
                     sizes[place] += length / width
-        label = _short(type, _LONGEST_NAME) if type else "all other types"
+        label = short(type, _LONGEST_NAME) if type else "all other types"
         for axes, values in ((upper, counts), (lower, sizes)):
             axes.stairs(values, edges, label=label, color=story.colour(type), linewidth=1.3)
     upper.set(ylabel="messages a second")
@@ -262,81 +290,3 @@ def _to_svg(figure: Figure, salt: str) -> str:
             warnings.simplefilter("ignore")  # characters that the font does not have
             figure.savefig(out, format="svg", metadata={"Date": None})
     return out.getvalue()
-
-
-# The page -----------------------------------------------------------------------------------------
-
-_PAGE = """<!DOCTYPE html>
-<html lang="en">
-<head>
-<meta charset="utf-8">
-<meta name="viewport" content="width=device-width">
-<title>{title}</title>
-<style>
-body {{ font: 15px/1.5 "DejaVu Sans", Verdana, sans-serif; margin: 2em auto; max-width: 75em;
-  padding: 0 1em; color: #222; background: #fff; }}
-table {{ border-collapse: collapse; }}
-th, td {{ text-align: right; padding: 0.2em 0.8em; border-bottom: 1px solid #ddd;
-  white-space: nowrap; }}
-th:first-child, td:first-child {{ text-align: left; overflow-wrap: anywhere;
-  white-space: normal; min-width: 8em; }}
-.notice {{ color: #c00000; }}
-.drawing, .table {{ overflow-x: auto; }}
-.rates svg {{ max-width: 100%; height: auto; }}
-</style>
-</head>
-<body>
-<h1>{title}</h1>
-<p>{summary}</p>
-{notices}
-<h2>By type</h2>
-<div class="table"><table>
-<tr><th>type</th><th>to</th><th>messages</th><th>bytes in bodies</th><th>smallest</th><th>largest</th>
-<th>first at</th><th>last at</th></tr>
-{table}
-</table></div>
-<h2>Rates</h2>
-<div class="drawing rates">{rates}</div>
-<h2>The messages between the processes</h2>
-<div class="drawing">{messages}</div>
-</body>
-</html>
-"""
-
-
-def make_page(story: Story, name: str) -> str:
-    """A page that needs nothing else: summary, table by type, rates, and the messages."""
-    count = sum(len(kind.times) for kind in story.kinds.values())
-    total = sum(sum(kind.lengths) for kind in story.kinds.values())
-    summary = (f"{plural(count, 'message')} with {size(total)} in bodies on "
-               f"{plural(len(story.names), 'connection')} in {story.end:.3f} s. "
-               f"Server: {printable(story.server)}.")  # fmt: skip
-    return _PAGE.format(
-        title=escape(_title(story, name)),
-        summary=escape(summary),
-        notices=_notice_list(story.notices),
-        table="\n".join(_table_row(*item) for item in sorted(story.kinds.items())),
-        rates=_inline(make_rates(story)),
-        messages=_inline(make_svg(story, name)),
-    )
-
-
-def _notice_list(notices: List[Row]) -> str:
-    lines = [f"{row.first:.6f} s, connection #{row.event.connection} {row.event.direction}: "
-             f"{row.event.kind}: {printable(row.event.text)}" for row in notices[:_NOTICES]]  # fmt: skip
-    if len(notices) > _NOTICES:
-        lines.append(f"and {len(notices) - _NOTICES} more")
-    items = "".join(f"<li>{escape(line)}</li>\n" for line in lines)
-    return f'<ul class="notice">\n{items}</ul>' if lines else ""
-
-
-def _table_row(key: Tuple[str, str], kind: Kind) -> str:
-    cells = (printable(key[0]), key[1][len("to-") :], f"{len(kind.times):,}",
-             f"{sum(kind.lengths):,}", f"{min(kind.lengths):,}", f"{max(kind.lengths):,}",
-             f"{kind.times[0]:.6f} s", f"{kind.times[-1]:.6f} s")  # fmt: skip
-    return "<tr>" + "".join(f"<td>{escape(cell)}</td>" for cell in cells) + "</tr>"
-
-
-def _inline(svg: str) -> str:
-    """Without what only a file of its own has before its root."""
-    return svg[svg.index("<svg") :]

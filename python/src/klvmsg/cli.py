@@ -20,7 +20,8 @@ from .version import __version__
 
 def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
-        prog="klvmsg", description="Watches, records and replays typed messages between programs."
+        prog="klvmsg",
+        description="Watches, records, replays, draws, compares and hands on typed messages.",
     )
     parser.add_argument("--version", action="version", version=f"klvmsg {__version__}")
     parsers = parser.add_subparsers(metavar="COMMAND", required=True)

@@ -143,6 +143,8 @@ def _decode_text(type: str, content: bytes) -> str:
 
 def _where(error: Exception) -> str:
     """The kind of an error and the line of the code that raised it."""
+    if isinstance(error, SyntaxError):
+        return f"{os.path.basename(error.filename or '')}, line {error.lineno}, is no Python"
     frame = traceback.extract_tb(error.__traceback__)[-1]
     return f"{type(error).__name__} in {os.path.basename(frame.filename)}, line {frame.lineno}"
 
@@ -178,10 +180,14 @@ def _load_module(name: str) -> Any:
                 return importlib.import_module(name)
             finally:
                 sys.path.remove("")
-        specification = importlib.util.spec_from_file_location("klvmsg_decoder", name)
-        assert specification is not None and specification.loader is not None
-        module = importlib.util.module_from_spec(specification)
-        specification.loader.exec_module(module)
+        found = importlib.util.spec_from_file_location("klvmsg_decoder", name)
+        assert found is not None and found.loader is not None
+        module = importlib.util.module_from_spec(found)
+        written, sys.dont_write_bytecode = sys.dont_write_bytecode, True  # nothing beside that file
+        try:
+            found.loader.exec_module(module)
+        finally:
+            sys.dont_write_bytecode = written
         return module
     except OSError as error:
         raise Failure(USAGE, f"cannot read {name}: {error.strerror}") from error

@@ -4,7 +4,8 @@
 DONE, NO_CONNECTION, USAGE, FILE, PEER_GONE, OUT_OF_STEP, TIMEOUT = range(7)
 DIFFERENT = 1  # of commands that make no connection: recordings differ, a statement is broken
 
-EXIT_CODES = "exit codes: 0 done, 1 no connection, 2 usage, 3 a file, 4 the peer has gone,\n5 out of step, 6 timeout"
+EXIT_CODES = """exit codes: 0 done, 1 no connection, 2 usage, 3 a file, 4 the peer has gone,
+5 out of step, 6 timeout"""
 
 
 class Failure(Exception):

@@ -1,4 +1,4 @@
-"""MCAP files, which viewers for robotics and engineering open (https://mcap.dev/spec).
+"""MCAP files, which viewers for robotics and engineering open (https://mcap.dev).
 
 They are written without chunks and without a summary, so that one that was cut can be read up to its last
 whole record. A channel is one type on one connection, in one direction. Bodies that a .proto file declares

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import stat
 import sys
 import threading
 from typing import Callable, List, Optional, Tuple
@@ -12,6 +13,7 @@ from .text import complain as complain
 
 _WAITING_LINES = 100_000
 _WAITING_BYTES = 64_000_000  # of bodies
+_AT_ONCE = 100  # lines that are written together
 
 Line = Callable[[Event], Optional[str]]  # what is written about an event, if anything
 
@@ -19,8 +21,9 @@ Line = Callable[[Event], Optional[str]]  # what is written about an event, if an
 class Printer:
     """Prints a line for each event on a thread of its own.
 
-    The bytes never wait for the output: when 100,000 lines wait to be printed, or 64 MB of bodies, as at
-    a terminal that is stopped, further ones are left out, and their number is printed later.
+    When 100,000 lines wait to be printed, or 64 MB of bodies, a file is waited for, which always moves.
+    For any other output, such as a terminal that is stopped, the bytes never wait: further lines are
+    left out, and their number is printed later.
     """
 
     def __init__(self, line: Line) -> None:
@@ -28,6 +31,7 @@ class Printer:
         self._waiting: List[Event] = []
         self._waiting_bytes = 0
         self._left_out = 0
+        self._to_file = stat.S_ISREG(os.fstat(sys.stdout.fileno()).st_mode)
         self._printed = 0
         self._over = False
         self._change = threading.Condition()
@@ -36,19 +40,25 @@ class Printer:
 
     def observe(self, events: List[Event]) -> None:
         with self._change:
-            room = _WAITING_LINES - len(self._waiting)
-            if self._waiting_bytes > _WAITING_BYTES:
-                room = 0
+            room = self._room()
+            if self._to_file:
+                self._change.wait_for(lambda: self._room() > 0 or self._over)
+                room = len(events)
             self._waiting += events[:room]
             self._waiting_bytes += sum(len(event.body) for event in events[:room])
             self._left_out += max(0, len(events) - room)
-            self._change.notify()
+            self._change.notify_all()
+
+    def _room(self) -> int:
+        if self._waiting_bytes > _WAITING_BYTES:
+            return 0
+        return _WAITING_LINES - len(self._waiting)
 
     def close(self) -> bool:
         """Prints what waits; False when the output has taken nothing for two seconds."""
         with self._change:
             self._over = True
-            self._change.notify()
+            self._change.notify_all()
         before = -1
         while self._thread.is_alive() and self._printed != before:
             before = self._printed
@@ -59,10 +69,9 @@ class Printer:
         try:
             while True:
                 events, left_out, over = self._next()
-                for event in events:
-                    line = self._line(event)
-                    if line is not None:
-                        sys.stdout.write(line + "\n")
+                for at in range(0, len(events), _AT_ONCE):
+                    lines = map(self._line, events[at : at + _AT_ONCE])
+                    sys.stdout.write("".join([line + "\n" for line in lines if line is not None]))
                     self._printed += 1
                 if left_out:
                     sys.stdout.write(f"-- {left_out} lines left out: the output was too slow\n")
@@ -81,4 +90,5 @@ class Printer:
             self._change.wait_for(lambda: self._waiting or self._over)
             events, left_out = self._waiting, self._left_out
             self._waiting, self._waiting_bytes, self._left_out = [], 0, 0
+            self._change.notify_all()
             return events, left_out, self._over

@@ -19,8 +19,8 @@ from .wire import MAX_BODY, MAX_NAME
 
 Commands = argparse._SubParsersAction  # its public name does not exist
 
-RULES_HELP = """rules for the lengths of bodies, separated by semicolons, or @FILE for a file that has them, and
-lines such as "decode MODULE:FUNCTION", "proto FILE", "text TYPE":
+RULES_HELP = """rules for the lengths of bodies, separated by semicolons, or @FILE for a file that has them,
+and lines such as "decode MODULE:FUNCTION", "proto FILE", "text TYPE":
   Tick=8                      has 8 bytes
   Note=length(0,4,little)     begins with a length of 4 bytes, which counts the bytes behind it
   Frame=length(2,2,big)       has 2 bytes, then a length of 2 bytes, and what that counts

@@ -72,8 +72,9 @@ def _compile(path: str) -> Any:
         except FileNotFoundError as error:
             raise Failure(USAGE, "--proto needs protoc (apt-get install protobuf-compiler)") from error
         if done.returncode != 0:
-            why = done.stderr.decode("utf-8", "replace").strip().splitlines()
-            raise Failure(FILE, f"cannot understand {path}: {why[0] if why else 'protoc fails'}")
+            words = done.stderr.decode("utf-8", "replace").splitlines()
+            why = next((line for line in words if line.startswith(name)), "protoc fails")
+            raise Failure(FILE, f"cannot understand {path}: {why}")
         with open(out, "rb") as file:
             return descriptor_pb2.FileDescriptorSet.FromString(file.read())
 

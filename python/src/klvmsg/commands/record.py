@@ -44,7 +44,8 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
 def _rotation(text: str) -> Rotation:
     found = re.fullmatch(r"(\d+)(b|kb|mb|gb|s|min|h|d)", text.lower(), re.ASCII)
     if not found or int(found[1]) == 0:
-        raise argparse.ArgumentTypeError(f"neither a size, such as 100MB, nor a time, such as 10min: {text!r}")
+        wrong = f"neither a size, such as 100MB, nor a time, such as 10min: {text!r}"
+        raise argparse.ArgumentTypeError(wrong)
     amount = int(found[1]) * _UNITS[found[2]]
     return Rotation(bytes=int(amount)) if found[2].endswith("b") else Rotation(seconds=amount)
 

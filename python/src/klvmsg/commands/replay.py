@@ -5,8 +5,10 @@ from __future__ import annotations
 import argparse
 import sys
 import time
+from functools import partial
 from typing import Callable, Optional
 
+from ..decode import Decoders
 from ..errors import PeerGone, TimedOut
 from ..events import MESSAGE, TO_SERVER, Event, describe, read_recording
 from ..exits import DONE, NO_CONNECTION, USAGE, Failure
@@ -59,14 +61,15 @@ def run(options: argparse.Namespace) -> int:
         what = "--step reads Enter from it" if options.step else "--loop reads it again"
         raise Failure(USAGE, f"FILE cannot be standard input: {what}")
     answers = options.rules if options.answers else None
-    chosen = selection(options, decoders(options))
+    decode = decoders(options)
+    chosen = selection(options, decode)
     player = Player(options.connect, chosen, options.timeout, answers)
     try:
-        _play(player, options)
+        _play(player, options, decode)
         before = 0
         while options.loop and player.messages > before:
             before = player.messages
-            _play(player, options)
+            _play(player, options, decode)
     except KeyboardInterrupt:
         if not options.loop:
             raise
@@ -80,12 +83,12 @@ def run(options: argparse.Namespace) -> int:
     return DONE
 
 
-def _play(player: Player, options: argparse.Namespace) -> None:
+def _play(player: Player, options: argparse.Namespace, decode: Decoders) -> None:
     pause: Callable[[Event, float], bool] = _Timed(options.speed)
     if options.fast:
         pause = _no_pause
     if options.step:
-        pause = _step
+        pause = partial(_step, decode)
     with open_recording(options.file) as file:
         player.play(read_recording(file), pause)
 
@@ -112,9 +115,10 @@ def _no_pause(event: Event, seconds: float) -> bool:
     return True
 
 
-def _step(event: Event, seconds: float) -> bool:
+def _step(decode: Decoders, event: Event, seconds: float) -> bool:
     if event.kind != MESSAGE:
         return True
-    print(f"{describe(event, 32)}   [Enter sends, q ends] ", end="", file=sys.stderr, flush=True)
+    line = describe(event, 32, decode.show(event))
+    print(f"{line}   [Enter sends, q ends] ", end="", file=sys.stderr, flush=True)
     answer = sys.stdin.readline()
     return answer != "" and answer.strip() != "q"
