@@ -108,6 +108,19 @@ def reset(sock: socket.socket) -> None:
     sock.close()
 
 
+def wait_until(condition: Callable[[], Any]) -> None:
+    deadline = time.monotonic() + LIMIT
+    while not condition():
+        assert time.monotonic() < deadline, "nothing came of it"
+        time.sleep(0.005)
+
+
+def segments(sock: socket.socket) -> int:
+    """How many segments with data have come."""
+    count: int = struct.unpack_from("I", sock.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 160), 152)[0]
+    return count
+
+
 def message(name: bytes, body: bytes) -> bytes:
     return struct.pack("=I", len(name)) + name + body
 

@@ -10,6 +10,12 @@ from conftest import ROOT
 from test_manual import COMMANDS
 from test_recording import write_recording
 
+from klvmsg import text
+from klvmsg.decode import Decoders, Sources
+from klvmsg.events import MESSAGE, TO_SERVER, Event
+from klvmsg.filters import Choice, Filter
+from klvmsg.rules import Rules
+
 
 def texts(svg: str) -> List[str]:
     return ["".join(node.itertext()) for node in xml.fromstring(svg).iter("{http://www.w3.org/2000/svg}text")]
@@ -31,9 +37,9 @@ def test_a_recording_is_drawn(start: Any, recording: pathlib.Path) -> None:
     pytest.importorskip("matplotlib")
     assert start("klvmsg", "chart", recording).end()[0] == 0
     drawn = texts(recording.with_suffix(".svg").read_text())
-    for text in ("server:1", "#1  client", "#2  client:2", "Ask  4 B", r"<b>&$x^2$\x1b  6 B",
+    for wanted in ("server:1", "#1  client", "#2  client:2", "Ask  4 B", r"<b>&$x^2$\x1b  6 B",
                  "Many \u00d71,000  1.0 MB", "1.5 s of silence", "out of step: why <not>", "0.500000 s"):  # fmt: skip
-        assert text in drawn, drawn
+        assert wanted in drawn, drawn
 
     page = recording.with_suffix(".html").read_text()
     assert "<b>&$" not in page and "\x1b" not in page
@@ -57,6 +63,23 @@ def test_what_is_not_drawn_is_said(start: Any, recording: pathlib.Path, tmp_path
     (tmp_path / "empty").write_text("")
     assert start("klvmsg", "chart", tmp_path / "empty", "--svg", out).end()[0] == 0
     assert "No messages." in texts(out.read_text())
+
+
+def test_a_row_behind_those_left_out_is_left_out() -> None:
+    chart = pytest.importorskip("klvmsg.chart")
+    events = [Event(seconds, 1, MESSAGE, TO_SERVER, "", type) for seconds, type in enumerate("ABAA")]
+    everything = Filter(Choice([]), Decoders(Rules(), Sources([], [], [])))
+    story = chart.Story(events, everything, 1, lambda event: "")
+    assert [row.count for row in story.rows] == [1] and story.left_out == 3
+
+
+def test_of_bytes_only_ascii_is_printable() -> None:
+    assert text.printable(b"Gr\xc3\xbc\xe4\\n") == r"Gr\xc3\xbc\xe4\x5cn" and text.printable("Gr\u00fc") == "Gr\u00fc"
+
+
+def test_sizes_and_times_are_short_and_right() -> None:
+    shown = [text.size(count) for count in (999, 1004, 9949, 9951, 999_600, 34e6, 2e9, 5e12)]
+    assert shown == ["999 B", "1.0 kB", "9.9 kB", "10 kB", "1.0 MB", "34 MB", "2.0 GB", "5000 GB"]
 
 
 def test_every_command_has_help_and_there_is_one_version(start: Any) -> None:

@@ -14,7 +14,7 @@ from conftest import ROOT, SOURCES
 PAGE = (ROOT / "python" / "klvmsg.1").read_text()
 COMMANDS = {"spy": "of spy and record", "record": "of spy and record", "replay": "of replay",
             "chart": "of chart", "diff": "", "check": "",
-            "export": "of export"}  # fmt: skip
+            "export": "of export", "info": "", "ping": "of ping", "bench": "of bench"}  # fmt: skip
 
 
 def options_of_help(*command: str) -> Set[str]:
@@ -34,7 +34,10 @@ def options_of_page(part: str) -> Set[str]:
 @pytest.mark.parametrize("command", COMMANDS)
 def test_page_and_help_tell_of_the_same_options(command: str) -> None:
     told = {"help"} | (options_of_page(COMMANDS[command]) if COMMANDS[command] else set())
-    told |= options_of_page("that decode") | options_of_page("that select")
+    if command in ("ping", "bench"):
+        told |= options_of_page("that call")
+    else:
+        told |= options_of_page("that decode") | options_of_page("that select")
     if command in ("spy", "record"):
         told -= {"connection", "from", "to"}  # of recordings alone
     if command == "record":

@@ -8,7 +8,7 @@ import time
 from typing import Any, Tuple
 
 import pytest
-from conftest import LIMIT, answer, framed, message, read_all, reset
+from conftest import LIMIT, answer, dial, framed, message, read_all, reset
 
 import klvmsg
 
@@ -108,19 +108,64 @@ def test_a_peer_that_does_not_read_is_told_apart(
         peer.send("Note")
 
 
+def test_a_message_of_which_nothing_has_gone_does_not_end_the_sending(
+    pair: Tuple[klvmsg.Connection, socket.socket],
+) -> None:
+    peer, other = pair
+    sent = 0
+    with pytest.raises(klvmsg.TimedOut):
+        while True:
+            peer.send("Tick", bytes(8), timeout=0)
+            sent += 1
+    assert len(read_all(other, 16 * sent)) == 16 * sent
+    peer.send("Tick", b"12345678", timeout=LIMIT)
+    assert read_all(other, 16) == message(b"Tick", b"12345678")
+
+
 def test_what_a_receiver_would_not_understand_is_not_sent(
     pair: Tuple[klvmsg.Connection, socket.socket],
 ) -> None:
     peer, other = pair
-    for type, body in (("", b""), ("a\0b", b""), ("n" * 256, b""), ("Tick", bytes(7))):
+    for type, body in (("", b""), ("a\0b", b""), ("Tick", bytes(7))):
         with pytest.raises(ValueError):
             peer.send(type, body)
     odd = "\udcff\x1b"
     peer.send(odd, b"x")
-    peer.send("n" * 255)
     peer.close()
-    wanted = message(b"\xff\x1b", framed(b"x")) + message(b"n" * 255, framed(b""))
-    assert read_all(other) == wanted
+    assert read_all(other) == message(b"\xff\x1b", framed(b"x"))
+
+
+def test_names_are_as_long_as_the_library_takes_them(start: Any) -> None:
+    name = "n" * 60_000
+    cat = start("klvmsgcat", "-t", LIMIT, "-l", 0, "-s", f"{name}=/dev/null", "-r", name)
+    with klvmsg.connect("127.0.0.1", cat.port()) as peer:
+        peer.send(name, b"x")
+        assert peer.receive(LIMIT) == (name, b"")
+        peer.finish(LIMIT)
+    assert cat.end()[:2] == (0, f"{name} 1 x\n")
+
+
+def test_a_name_over_the_limit_is_out_of_step(listener: socket.socket) -> None:
+    peer = klvmsg.connect("127.0.0.1", listener.getsockname()[1], max_name=10)
+    with answer(listener) as other:
+        other.sendall(message(b"n" * 10, framed(b"")) + message(b"n" * 11, framed(b"")))
+        assert peer.receive(LIMIT).type == "n" * 10
+        with pytest.raises(klvmsg.OutOfStep, match="a type name of 11 bytes"):
+            peer.receive(LIMIT)
+
+
+def test_a_peer_tells_its_address(listener: socket.socket) -> None:
+    host, port = listener.getsockname()
+    with klvmsg.connect("localhost", port) as peer, answer(listener):
+        assert peer.address == (host, port)
+    with klvmsg.serve(0, "::1") as server, klvmsg.connect("::1", server.port) as client:
+        with server.accept(LIMIT) as accepted:
+            assert accepted.address == ("::1", client._socket.getsockname()[1])
+    with klvmsg.serve(0) as server:
+        reset(dial(server.port))
+        with server.accept(LIMIT) as accepted, pytest.raises(klvmsg.PeerGone):
+            assert accepted.address == ("", 0)
+            accepted.receive(LIMIT)
 
 
 def test_no_connection_tells_its_cause(listener: socket.socket) -> None:
@@ -151,4 +196,70 @@ def test_finish_waits_until_the_peer_has_read(listener: socket.socket) -> None:
     assert sender.is_alive()
     other.close()
     sender.join(LIMIT)
-    assert not sender.is_alive()
+    assert not sender.is_alive() and peer.fileno() == -1
+
+    peer, other = klvmsg.connect("127.0.0.1", listener.getsockname()[1]), answer(listener)
+    with pytest.raises(klvmsg.TimedOut):
+        peer.finish(0.05)
+    assert peer.fileno() == -1
+
+
+@pytest.mark.parametrize("by_server", [False, True])
+def test_the_largest_body_holds_both_ways(by_server: bool) -> None:
+    with klvmsg.serve(0, max_body=100 if by_server else 1000) as server, klvmsg.connect(
+        "127.0.0.1", server.port, max_body=1000 if by_server else 100
+    ) as client, server.accept(LIMIT) as accepted:
+        limited, other = (accepted, client) if by_server else (client, accepted)
+        with pytest.raises(ValueError, match="101 bytes, more than the 100 allowed"):
+            limited.send("Note", bytes(97))
+        limited.send("Note", bytes(96))
+        assert other.receive(LIMIT) == ("Note", bytes(96))
+        other.send("Note", bytes(96))
+        other.send("Note", bytes(97))
+        assert limited.receive(LIMIT) == ("Note", bytes(96))
+        with pytest.raises(klvmsg.OutOfStep, match="a body of Note with 101 bytes"):
+            limited.receive(LIMIT)
+
+
+def test_a_port_can_be_had_again_at_once() -> None:
+    with klvmsg.serve(0) as server:
+        client = klvmsg.connect("127.0.0.1", server.port)
+        server.accept(LIMIT).close()
+        with pytest.raises(klvmsg.PeerGone):
+            client.receive(LIMIT)
+        client.close()
+    klvmsg.serve(server.port).close()
+
+
+def test_a_client_that_has_gone_again_is_not_accepted() -> None:
+    class Entrance(socket.socket):
+        """Tells of two clients that have gone when it is asked for them."""
+
+        gone = [BlockingIOError(), ConnectionAbortedError()]
+
+        def accept(self) -> Any:
+            if self.gone:
+                raise self.gone.pop()
+            return super().accept()
+
+    listener = klvmsg.peer.listen("127.0.0.1", 0)
+    listener.setblocking(False)
+    with klvmsg.Server(Entrance(fileno=listener.detach()), klvmsg.Rules(), 1000) as server:
+        with klvmsg.connect("127.0.0.1", server.port) as client, server.accept(LIMIT) as accepted:
+            accepted.send("Note")
+            assert client.receive(LIMIT).type == "Note" and not Entrance.gone
+
+
+def test_small_messages_do_not_wait_for_one_another(
+    pair: Tuple[klvmsg.Connection, socket.socket],
+) -> None:
+    """Where a receiver acknowledges late, as here, each one would otherwise wait for that."""
+    peer, other = pair
+    took = []
+    for _ in range(40):
+        other.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 0)
+        began = time.monotonic()
+        peer.send("Tick", bytes(8))
+        assert len(read_all(other, 16)) == 16
+        took.append(time.monotonic() - began)
+    assert sorted(took)[20] < 0.03

@@ -1,19 +1,24 @@
 """What is recorded, and what comes out when it is played."""
 
+import fcntl
 import json
 import pathlib
 import re
 import resource
 import signal
 import socket
+import termios
 import time
 from typing import Any, List
 
 import pytest
-from conftest import LIMIT, answer, dial, framed, message, read_all, reset
+from conftest import LIMIT, answer, dial, framed, message, read_all, reset, segments
 
-from klvmsg.events import MESSAGE, TO_SERVER, Event, read_recording, to_json
+from klvmsg.decode import Decoders, Sources
+from klvmsg.events import MESSAGE, TO_SERVER, BadRecording, Event, from_json, read_recording, to_json
+from klvmsg.filters import Choice, Filter
 from klvmsg.recorder import Recorder, Rotation
+from klvmsg.rules import Rules
 
 EXCHANGE = ("Hello=length(0,8,little,8); Chunk=length(8,8,little); Receipt=8; Report=32;"
             "Farewell=length(0,8,little)")  # fmt: skip
@@ -165,6 +170,12 @@ def test_failures_have_codes_and_words(
     code, errors = outcome("replay", bad, "-c", at)
     assert code == 3 and "line 2: there is no connection" in errors
     assert outcome("replay", good, "-c", at, "--timeout", 0.2)[0] == 6  # nobody reads it
+    answer(listener).close()
+    slow = write_recording(tmp_path / "slow", *[(n, 1, "to-server", "A", b"") for n in (0, 0.5)])
+    player = start("klvmsg", "replay", slow, "-c", at, "--timeout", 0.2)
+    with answer(listener) as sock:  # who reads it, and says and does nothing
+        assert read_all(sock) != b""
+        assert player.end()[0] == 6
     listener.close()
     assert outcome("replay", good, "-c", at)[0] == 1
     assert outcome("replay", tmp_path / "none", "-c", at)[0] == 3
@@ -191,6 +202,60 @@ def test_recording_ends_with_a_word_when_the_disk_is_full(
     server.close()
     code, _, errors = recorder.end()
     assert code == 3 and "No space left" in errors
+
+
+def test_what_is_recorded_is_in_the_file_when_the_recorder_is_killed(
+    start: Any, listener: socket.socket, tmp_path: pathlib.Path
+) -> None:
+    recorder = start("klvmsg", "record", tmp_path / "run", "-l", 0, "-c",
+                     f"127.0.0.1:{listener.getsockname()[1]}")  # fmt: skip
+    with dial(recorder.port()) as client, answer(listener) as server:
+        client.sendall(message(b"Note", framed(b"abc")))
+        read_all(server, 15)
+        recorder.process.kill()
+        recorder.process.wait()
+    assert messages(tmp_path / "run") == [("to-server", "Note", framed(b"abc"))]
+
+
+def test_a_recording_that_lies_is_none() -> None:
+    event = Event(1.5, 2, MESSAGE, TO_SERVER, "", "Note", 3, b"abc")
+    line = json.loads(to_json(event))
+    assert from_json(json.dumps(line)) == event
+    for name, value in (("length", 4), ("length", None), ("direction", "to-nobody"), ("direction", ""),
+                        ("body", "6162"), ("body", "xy"), ("type", ""), ("type", "a\0b"), ("type", 7),
+                        ("time", "then"), ("connection", None)):  # fmt: skip
+        with pytest.raises(BadRecording):
+            from_json(json.dumps({**line, name: value}))
+    with pytest.raises(BadRecording):
+        from_json("[]")
+
+
+def test_a_choice_begins_with_after_and_ends_before_before() -> None:
+    choice = Choice([], after=lambda start: start, before=lambda start: start + 2)
+    chosen = Filter(choice, Decoders(Rules(), Sources([], [], [])))
+    events = [Event(10 + seconds, 1, MESSAGE, TO_SERVER) for seconds in (0, 1.5, 2)]
+    assert [chosen.takes(event, 10) for event in events] == [True, True, False]
+
+
+def test_no_header_that_is_played_is_cut_by_the_end_of_a_segment(
+    start: Any, listener: socket.socket, tmp_path: pathlib.Path
+) -> None:
+    """Not even when the receiver is slow and messages wait: each segment begins with one."""
+    count = 10_000
+    file = write_recording(tmp_path / "run", *[(0, 1, "to-server", "Note", b"1234567")] * count)
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    player = start("klvmsg", "replay", file, "-c", f"127.0.0.1:{listener.getsockname()[1]}", "--fast")
+    slow = answer(listener)
+    waiting, before = b"", b"?"
+    while waiting != before:  # until nothing more comes
+        time.sleep(0.3)
+        waiting, before = fcntl.ioctl(slow, termios.FIONREAD, bytes(4)), waiting
+    before_that = segments(slow)
+    rest = len(read_all(slow)) - int.from_bytes(waiting, "little")
+    average = rest / (segments(slow) - before_that)
+    slow.close()
+    assert player.end()[0] == 0
+    assert average < 536
 
 
 def test_what_is_written_whole_is_counted_and_read(
@@ -308,3 +373,16 @@ def test_a_loop_goes_on_until_it_is_interrupted(
         player.process.send_signal(signal.SIGTERM)
         code, _, errors = player.end()
     assert code == 0 and "sent 4 messages" in errors and "1 message; the last line is cut off" in errors
+
+
+def test_a_played_connection_ends_where_the_recorded_one_did(
+    start: Any, listener: socket.socket, tmp_path: pathlib.Path
+) -> None:
+    file = write_recording(tmp_path / "run", (0, 1, "to-server", "A", b""), (0, 1, "to-server", "", None),
+                           (LIMIT, 2, "to-server", "B", b""))  # fmt: skip
+    start("klvmsg", "replay", file, "-c", f"127.0.0.1:{listener.getsockname()[1]}")
+    with answer(listener) as first:
+        assert read_all(first) == message(b"A", framed(b""))
+    listener.setblocking(False)
+    with pytest.raises(BlockingIOError):
+        listener.accept()

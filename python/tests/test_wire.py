@@ -3,6 +3,7 @@
 import random
 import tracemalloc
 
+import fuzz_wire
 import pytest
 from conftest import framed, message
 
@@ -33,6 +34,8 @@ def test_bodies_that_break_their_rule_are_refused() -> None:
                        ("length(0,1,big)", bytes(256))):  # fmt: skip
         with pytest.raises(ValueError):
             Rule.parse(rule).wrap(body)
+    with pytest.raises(ValueError, match="too few to hold the length"):
+        Rule.parse("length(2,2,big)").wrap(b"ab\0")
 
 
 def test_a_stream_may_be_cut_anywhere() -> None:
@@ -91,6 +94,8 @@ def test_bodies_that_are_not_kept_take_no_memory() -> None:
     peak = tracemalloc.get_traced_memory()[1]
     tracemalloc.stop()
     assert peak < 1 << 20
+    decoder = Decoder(Rules(), 2)  # less than tells the length of a body
+    assert decoder.feed(message(b"Note", framed(b"abc"))) == [("Note", 7, b"\3\0")]
 
 
 @pytest.mark.parametrize("seed", range(20))
@@ -119,3 +124,7 @@ def test_pieces_of_any_size_give_the_same_messages(seed: int) -> None:
     name, length, _ = wanted[-1]
     assert decoder.lost and "Note with 1004 bytes" in decoder.lost
     assert decoder.lost.endswith(f"after {name} with {length} bytes")
+
+
+def test_streams_from_a_seed_give_what_a_model_of_them_gives() -> None:
+    assert fuzz_wire.fuzz(1) > 0

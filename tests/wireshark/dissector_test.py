@@ -183,6 +183,9 @@ def test_out_of_step(tshark, folder):
     for reason in ("Out of step: a type name of 2147483647 bytes", "has the byte 0x01",
                    "Out of step: a type name of 0 bytes", "a body of Note with 2147483651 bytes"):
         assert reason in tshark.packets, reason
+    for expert, times in (("name_length", 3), ("body_length", 1)):
+        assert tshark.packets.count('"klvmsg.%s.impossible": ' % expert) == times, expert
+    assert "out of step: a type name of 0 bytes" in tshark.list_of_packets(path, RULES)
 
 
 def test_rules(tshark, folder):
@@ -193,6 +196,7 @@ def test_rules(tshark, folder):
     expect([(0, 40000, "Tick", bytes(8)), (0, 40000, "Odd", b"abc"), (0, 40000, "...", tick),
             (0, PORT, "Tick", bytes(8))],
            tshark.read(path, "Tick=8; Odd=length(0,3,little)"), "no rule")
+    assert "Tick, Odd (no rule)" in tshark.list_of_packets(path, "Tick=8")
     for part in ("No rule for Odd", "Rule not understood: Odd=length(0,3,little)"):
         assert part in tshark.packets, part
     packets = tshark.list_of_packets(path, "Odd=length(0,3,little)")
@@ -207,6 +211,25 @@ def test_rules(tshark, folder):
         expect([(0, 40000, *b) for b in bodies],
                tshark.read(path, rules, "-o", "klvmsg.order:" + name, "-d",
                            "tcp.port==%d,klvmsg" % PORT), "widths, " + name)
+
+
+def test_rules_of_examples(tshark, folder):
+    """Rules may stand in a file, as those of the examples do, beside what is not for the dissector."""
+    path = os.path.join(folder, "examples.pcap")
+    examples = os.path.join(HERE, "..", "..", "examples")
+    tried = {"klvmsgcat": [("Note", text(b"hello"))], "pubsub": [("News", text(b"hello"))],
+             "workers": [("Job", text(b"1234")), ("Result", text(b"12345678"))],
+             "exchange": [("Hello", struct.pack("<Q", 1) + b"a" + struct.pack("<Q", 3)),
+                          ("Chunk", struct.pack("<QQ", 0, 3) + b"abc"), ("Receipt", bytes(8)),
+                          ("Report", bytes(32)), ("Farewell", struct.pack("<Q", 2) + b"by")]}
+    for example, bodies in tried.items():
+        write_capture(path, [[(True, b"".join(message(*b) for b in bodies))]])
+        rules = shutil.copy(os.path.join(examples, example, example + ".rules"), folder)
+        os.chmod(rules, 0o644)
+        expect([(0, 40000, *b) for b in bodies], tshark.read(path, "@" + rules), example)
+        assert "not understood" not in tshark.packets, example
+    tshark.read(path, "@" + os.path.join(folder, "none"))
+    assert "Rule not understood: @" in tshark.packets
 
 
 def test_protocol_buffers(tshark, folder):
@@ -396,23 +419,46 @@ def test_klvmsgcat(tshark, folder, klvmsgcat):
     print("klvmsgcat: captured on loopback")
 
 
+def test_session(tshark, folder, workers):
+    """Sessions put several messages into a segment; each of them is shown."""
+    path = os.path.join(folder, "session.pcapng")
+    works = capture_conversation(
+        tshark, path, [workers, "dispatch"],
+        lambda port: ["sh", "-c", "for i in 1 2 3; do %s work %d & done; wait" % (workers, port)],
+        "tcp.flags.fin == 1 && tcp.port == %d")
+    if not works:
+        print("workers: capturing on loopback is not permitted, not tried")
+        return
+    found = tshark.read(path, "*=length(0,4,little)", port=tshark.server_port(path))
+    said = [m[2:] for m in found]
+    expect([("Job", text(struct.pack("<I", n))) for n in [0] * 3 + list(range(1, 11))],
+           sorted(m for m in said if m[0] == "Job"), "the jobs")
+    expect([("Result", text(struct.pack("<II", n, n * n))) for n in [0] * 3 + list(range(1, 11))],
+           sorted((m for m in said if m[0] == "Result"), key=lambda m: m[1]), "the results")
+    expect(26, len(said), "the number of messages")
+    print("workers: captured on loopback")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--tshark", default="tshark")
     parser.add_argument("--klvmsgcat", help="the program, to be captured while it talks")
     parser.add_argument("--exchange", help="the program, to be captured while it works")
+    parser.add_argument("--workers", help="the program, to be captured while it works")
     parser.add_argument("--keep", help="where that capture goes, to be kept")
     arguments = parser.parse_args()
     os.umask(0o022)
     with tempfile.TemporaryDirectory() as folder:
         tshark = Tshark(arguments.tshark, folder)
         for test in (test_cuts, test_directions_and_large_bodies, test_out_of_step, test_rules,
-                     test_protocol_buffers):
+                     test_rules_of_examples, test_protocol_buffers):
             test(tshark, folder)
             print("%s: passed" % test.__name__)
         test_exchange(tshark, folder, arguments.exchange, arguments.keep)
         if arguments.klvmsgcat:
             test_klvmsgcat(tshark, folder, arguments.klvmsgcat)
+        if arguments.workers:
+            test_session(tshark, folder, arguments.workers)
 
 
 if __name__ == "__main__":

@@ -25,7 +25,11 @@ local e_no_rule = ProtoExpert.new("klvmsg.no_rule", "No rule for this type",
                                   expert.group.UNDECODED, expert.severity.NOTE)
 local e_bad_rule = ProtoExpert.new("klvmsg.bad_rule", "Rule not understood",
                                    expert.group.PROTOCOL, expert.severity.WARN)
-klvmsg.experts = { e_lost, e_no_rule, e_bad_rule }
+local e_name_length = ProtoExpert.new("klvmsg.name_length.impossible", "No name has this length",
+                                      expert.group.MALFORMED, expert.severity.ERROR)
+local e_body_length = ProtoExpert.new("klvmsg.body_length.impossible", "No body has this length",
+                                      expert.group.MALFORMED, expert.severity.ERROR)
+klvmsg.experts = { e_lost, e_no_rule, e_bad_rule, e_name_length, e_body_length }
 
 -- Preferences -------------------------------------------------------------------------------------
 
@@ -34,7 +38,8 @@ local LITTLE, BIG = 1, 2
 klvmsg.prefs.ports = Pref.range("TCP ports", "", "Ports whose connections carry messages", 65535)
 klvmsg.prefs.rules = Pref.string("Body rules", "",
     "TYPE=SIZE or TYPE=length(OFFSET,WIDTH,little|big[,MORE]), either followed by " ..
-    "protobuf(MESSAGE) where the rest of the body is one, separated by semicolons; * is any type")
+    "protobuf(MESSAGE) where the rest of the body is one, separated by semicolons; * is any type. " ..
+    "Or @FILE, which has them")
 klvmsg.prefs.order = Pref.enum("Byte order of the name length", LITTLE,
     "The byte order of the hosts that talk",
     { { 1, "little endian", LITTLE }, { 2, "big endian", BIG } }, false)
@@ -75,8 +80,34 @@ local function parse_rule(text)
     return rule
 end
 
+-- The rules of a file, with semicolons between them: a line has rules, is a comment, or tells
+-- other programs how to decode bodies. Nil when it cannot be read.
+local function read_rules(path)
+    local file = io.open(path)
+    if not file then
+        return nil
+    end
+    local found = {}
+    for line in file:lines() do
+        local word = line:match("^%s*(%S*)")
+        if word:sub(1, 1) ~= "#" and word ~= "decode" and word ~= "proto" and word ~= "text" then
+            found[#found + 1] = line
+        end
+    end
+    file:close()
+    return table.concat(found, ";")
+end
+
 local function parse_rules(text)
     rules, bad_rules = {}, {}
+    local path = text:match("^%s*@%s*(.-)%s*$")
+    if path then
+        text = read_rules(path)
+        if not text then
+            bad_rules = { "@" .. path }
+            return
+        end
+    end
     for item in text:gmatch("[^;]+") do
         item = item:match("^%s*(.-)%s*$")
         local name, value = item:match("^(.+)=%s*(.-)$")
@@ -140,13 +171,17 @@ local function ask_for(pinfo, start, missing)
     pinfo.desegment_len = missing or DESEGMENT_ONE_MORE_SEGMENT
 end
 
-local function show_lost(tvb, start, pinfo, tree, why)
+-- `length` is a length that cannot be, if that is why: its bytes, and the expert info that tells of it.
+local function show_lost(tvb, start, pinfo, tree, why, length)
     local range = tvb(start)
     local item = tree:add(klvmsg, range, "KLVMsg, out of step")
     item:add(f_lost, range)
     item:add_proto_expert_info(e_lost, "Out of step: " .. why)
+    if length then
+        item:add(length.range, "Impossible: " .. why):add_proto_expert_info(length.expert, why)
+    end
     end_messages(pinfo, "lost")
-    return "out of step"
+    return "out of step: " .. why
 end
 
 -- Nil when the bytes of a name are printable as far as they have come; otherwise the reason.
@@ -208,7 +243,8 @@ local function dissect_message(tvb, start, pinfo, tree)
     local length = klvmsg.prefs.order == BIG and field:uint() or field:le_uint()
     if length == 0 or length > klvmsg.prefs.max_name then
         return tvb:len(), show_lost(tvb, start, pinfo, tree,
-                                    string.format("a type name of %u bytes", length))
+                                    string.format("a type name of %u bytes", length),
+                                    { range = field, expert = e_name_length })
     end
     local why = unprintable(tvb, start + 4, length)
     if why then
@@ -228,8 +264,10 @@ local function dissect_message(tvb, start, pinfo, tree)
             return ask_for(pinfo, start)
         end
         if too_large then
+            local place = rule.size and tvb(start) or tvb(body + rule.offset, rule.width)
             return tvb:len(), show_lost(tvb, start, pinfo, tree,
-                                        string.format("a body of %s with %.0f bytes", name, size))
+                                        string.format("a body of %s with %.0f bytes", name, size),
+                                        { range = place, expert = e_body_length })
         end
         if body + size > tvb:len() then
             return ask_for(pinfo, start, body + size - tvb:len())
@@ -255,7 +293,7 @@ local function dissect_message(tvb, start, pinfo, tree)
                                    ": its body is shown up to the end of the stream")
         end_messages(pinfo, name)
     end
-    return body + size, name
+    return body + size, rule and name or name .. " (no rule)"
 end
 
 -- The bytes behind the point where the messages of a direction ended.

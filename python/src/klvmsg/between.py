@@ -1,21 +1,27 @@
-"""What the commands share that stand between two programs."""
+"""What the commands share that stand between two programs, or look at a capture of what they said."""
 
 from __future__ import annotations
 
 import argparse
 import socket
-from typing import Callable, List
+from typing import Callable, List, Optional
 
 from .events import LOST, Event
-from .exits import NO_CONNECTION, Failure
+from .exits import FILE, NO_CONNECTION, USAGE, Failure, missing
 from .peer import listen
 from .relay import Relay, show_address
 from .rulefile import find_rule_file
 from .text import complain
 
 
-def open_entrance(options: argparse.Namespace) -> socket.socket:
-    """The socket to which clients connect; says where it is."""
+def open_entrance(options: argparse.Namespace) -> Optional[socket.socket]:
+    """The socket to which clients connect; says where it is. None where a capture is read."""
+    if options.pcap:
+        if options.listen or options.connect:
+            raise Failure(USAGE, "--pcap reads what was captured; --listen and --connect do not go with it")
+        return None
+    if not options.listen or not options.connect:
+        raise Failure(USAGE, "--listen and --connect are needed, or --pcap")
     try:
         entrance = listen(*options.listen)
     except OSError as error:
@@ -26,10 +32,10 @@ def open_entrance(options: argparse.Namespace) -> socket.socket:
 
 
 def pass_on(
-    options: argparse.Namespace, entrance: socket.socket, observe: Callable[[List[Event]], None],
+    options: argparse.Namespace, entrance: Optional[socket.socket], observe: Callable[[List[Event]], None],
     keep: int,
 ) -> None:  # fmt: skip
-    """Passes everything on until the connections asked for have ended, or Ctrl-C."""
+    """Passes everything on until the connections asked for have ended, or Ctrl-C; or reads a capture."""
     hint = _Hint(options)
 
     def watch(events: List[Event]) -> None:
@@ -37,14 +43,39 @@ def pass_on(
         if events[-1].kind == LOST:  # nothing follows it
             hint.give(events[-1])
 
-    relay = Relay(
-        entrance, options.connect, options.rules, watch,
-        keep=keep, max_body=options.max_body,
-    )  # fmt: skip
     try:
+        if entrance is None:
+            return _read_capture(options, watch, keep)
+        relay = Relay(
+            entrance, options.connect, options.rules, watch,
+            keep=keep, max_body=options.max_body, max_name=options.max_name,
+        )  # fmt: skip
         relay.run(options.connections)
     except KeyboardInterrupt:
         pass
+
+
+def _read_capture(
+    options: argparse.Namespace, observe: Callable[[List[Event]], None], keep: int
+) -> None:
+    try:
+        from .pcap import BadCapture, read_capture
+    except ImportError as error:
+        raise missing("--pcap", "dpkt", error) from error
+    try:
+        with open(options.pcap, "rb") as file:
+            for event in read_capture(
+                file, options.rules, ports=options.ports,
+                keep=keep, max_body=options.max_body, max_name=options.max_name,
+            ):  # fmt: skip
+                if options.connections is None or event.connection <= options.connections:
+                    observe([event])
+    except OSError as error:
+        if error.filename != options.pcap:
+            raise
+        raise Failure(FILE, f"cannot read {options.pcap}: {error.strerror}") from error
+    except BadCapture as bad:
+        raise Failure(FILE, f"{options.pcap} is no capture: {bad}") from bad
 
 
 class _Hint:

@@ -15,7 +15,7 @@ from .filters import Choice, Filter, Moment
 from .relay import Address
 from .rulefile import read_rule_file
 from .rules import Rules
-from .wire import MAX_BODY
+from .wire import MAX_BODY, MAX_NAME
 
 Commands = argparse._SubParsersAction  # its public name does not exist
 
@@ -122,19 +122,31 @@ def count(text: str) -> int:
 def add_relay_options(parser: argparse.ArgumentParser) -> None:
     """What stands between two programs needs to know of them."""
     parser.add_argument(
-        "-l", "--listen", required=True, type=listen_address, metavar="[HOST:]PORT",
+        "-l", "--listen", type=listen_address, metavar="[HOST:]PORT",
         help="where clients connect, on 127.0.0.1 unless told otherwise; port 0 lets the system "
         "choose, and the port is printed",
     )  # fmt: skip
     parser.add_argument(
-        "-c", "--connect", required=True, type=connect_address, metavar="HOST:PORT",
+        "-c", "--connect", type=connect_address, metavar="HOST:PORT",
         help="the server that they mean",
+    )  # fmt: skip
+    parser.add_argument(
+        "--pcap", metavar="CAPTURE",
+        help="stand nowhere, and read a capture (pcap or pcapng; needs dpkt)",
+    )  # fmt: skip
+    parser.add_argument(
+        "--port", action="append", default=[], dest="ports", type=count, metavar="PORT",
+        help="of a capture only connections of servers with this port; repeated",
     )  # fmt: skip
     add_decoding(parser)
     add_filter(parser)
     parser.add_argument(
         "--max-body", type=count, default=MAX_BODY, metavar="BYTES",
         help="a larger body is taken for a sign that the stream is out of step (%(default)s)",
+    )  # fmt: skip
+    parser.add_argument(
+        "--max-name", type=count, default=MAX_NAME, metavar="BYTES",
+        help="and so is a longer name of a type (%(default)s)",
     )  # fmt: skip
     parser.add_argument(
         "-n", "--connections", type=count, metavar="N",

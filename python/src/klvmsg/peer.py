@@ -2,33 +2,19 @@
 
 from __future__ import annotations
 
-import errno
 import select
 import socket
 import time
-from collections import deque
 from types import TracebackType
-from typing import Callable, Deque, Iterator, NamedTuple, Optional, Type, Union
+from typing import Callable, Iterator, Optional, Type, Union
 
-from .errors import OutOfStep, PeerGone, TimedOut
+from .channel import MAX_NAME, Channel, Message
+from .errors import PeerGone, TimedOut
 from .rules import Rules, as_rules
-from .text import printable
-from .wire import MAX_BODY, Decoder, header
-
-_PIECE = 65536
+from .wire import MAX_BODY
 
 
-class Message(NamedTuple):
-    """What one side says to the other: the name of the type, and the body.
-
-    A body that begins with its length stands here without that; any other is here whole.
-    """
-
-    type: str
-    body: bytes
-
-
-def _remaining(timeout: Optional[float]) -> Callable[[], Optional[float]]:
+def time_limit(timeout: Optional[float]) -> Callable[[], Optional[float]]:
     """What is left of a time limit that begins now."""
     if timeout is None:
         return lambda: None
@@ -40,12 +26,6 @@ def _wait(sock: socket.socket, event: int, seconds: Optional[float]) -> bool:
     poll = select.poll()  # unlike select(), it takes descriptors of any number
     poll.register(sock, event)
     return bool(poll.poll(None if seconds is None else seconds * 1000))
-
-
-def _gone(error: OSError) -> PeerGone:
-    if error.errno == errno.EBADF:
-        return PeerGone("the connection has been closed here")
-    return PeerGone(f"the peer has gone: {error.strerror}")
 
 
 class _Closing:
@@ -63,27 +43,13 @@ class _Closing:
         self.close()
 
 
-class Connection(_Closing):
-    """A connection with one peer; made by `connect` and `Server.accept`.
+class Connection(Channel, _Closing):
+    """A connection with one peer; made by `connect` and `Server.accept`. Its `address` is the peer's.
 
     One thread may send while another receives; otherwise a connection belongs to one thread at a
     time. Two peers that both send more than the system buffers, and do not receive meanwhile, wait for
     each other. As a context manager it closes itself.
     """
-
-    def __init__(
-        self, sock: socket.socket, rules: Union[Rules, str, None] = None, max_body: int = MAX_BODY
-    ) -> None:
-        """Takes over a connected stream socket. `max_body`: a larger body is out of step."""
-        self._rules = as_rules(rules)
-        self._socket = sock
-        self._decoder = Decoder(self._rules, max_body, max_body)
-        self._max_body = max_body
-        self._received: Deque[Message] = deque()
-        self._cut = False  # a message has gone in part
-        self._reset: Optional[PeerGone] = None  # the system tells it once; then it shows an end
-        sock.setblocking(False)
-        sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
 
     def send(self, type: str, body: bytes = b"", timeout: Optional[float] = None) -> None:
         """Sends a message; returns when the system has taken all of it.
@@ -91,32 +57,18 @@ class Connection(_Closing):
         That the peer has read it is not known; it may answer. Raises ValueError, with nothing sent,
         for a name that no receiver takes or a body that is not as the rule for its type says;
         PeerGone; TimedOut. When the message has gone in part, nothing more can be sent.
-        """
-        wire = self._rules.of(type).wrap(body)
-        if len(wire) > self._max_body:
-            raise ValueError(f"a body of {len(wire)} bytes, more than the {self._max_body} allowed")
-        self._send_all(header(type) + wire, timeout)
 
-    def _send_all(self, data: bytes, timeout: Optional[float]) -> None:
-        # Header and body go with one send, marked as the end of a record: the kernel then starts the
-        # next message in a segment of its own. Receivers take a header with two single reads, so it
-        # must not be cut by the end of a segment.
-        if self._cut:
-            raise PeerGone("an earlier message could not be sent whole")
-        remaining = _remaining(timeout)
-        rest = memoryview(data)
+        Receivers of the library take a name with a single read, so one that is longer than a segment
+        of the connection may be lost on them.
+        """
+        remaining = time_limit(timeout)
+        self._begin(type, body)
         try:
-            while rest:
-                try:
-                    rest = rest[self._socket.send(rest, socket.MSG_EOR | socket.MSG_NOSIGNAL) :]
-                except BlockingIOError:
-                    if not _wait(self._socket, select.POLLOUT, remaining()):
-                        raise TimedOut("the peer does not take the message in time") from None
-        except OSError as error:
-            self._cut = len(rest) < len(data)
-            if isinstance(error, TimedOut):
-                raise
-            raise _gone(error) from error
+            while not self._push():
+                if not _wait(self._socket, select.POLLOUT, remaining()):
+                    raise TimedOut("the peer does not take the message in time")
+        finally:
+            self._give_up()
 
     def receive(self, timeout: Optional[float] = None) -> Message:
         """The next message, oldest first.
@@ -125,32 +77,13 @@ class Connection(_Closing):
         has come by then is kept; PeerGone when nothing more can come; OutOfStep. Messages that came
         before the end or the error are handed out first.
         """
-        remaining = _remaining(timeout)
-        while not self._received:
-            if self._decoder.lost is not None:
-                raise OutOfStep(printable(self._decoder.lost))
-            self._take_in(remaining)
-        return self._received.popleft()
-
-    def _take_in(self, remaining: Callable[[], Optional[float]]) -> None:
-        if self._reset is not None:
-            raise self._reset
-        try:
-            data = self._socket.recv(_PIECE)
-        except BlockingIOError:
+        remaining = time_limit(timeout)
+        while True:
+            message = self._next()
+            if message is not None:
+                return message
             if not _wait(self._socket, select.POLLIN, remaining()):
-                raise TimedOut("no message has come in time") from None
-            return
-        except OSError as error:
-            self._reset = _gone(error)
-            raise self._reset from error
-        if not data:
-            if self._decoder.between_messages:
-                raise PeerGone("the peer has closed the connection", orderly=True)
-            where = printable(self._decoder.where())
-            raise PeerGone(f"the peer has gone in the middle of a message: {where}")
-        for type, _, body in self._decoder.feed(data):
-            self._received.append(Message(type, self._rules.of(type).unwrap(body)))
+                raise TimedOut("no message has come in time")
 
     def __iter__(self) -> Iterator[Message]:
         """The messages up to the end of the connection; an end amid a message raises PeerGone."""
@@ -169,28 +102,18 @@ class Connection(_Closing):
         To close at once could throw away what the peer has not read yet. Messages that still come are
         dropped. Raises PeerGone when the peer resets the connection, TimedOut; it is closed then too.
         """
-        remaining = _remaining(timeout)
+        remaining = time_limit(timeout)
         try:
-            self._socket.shutdown(socket.SHUT_WR)
-            while _wait(self._socket, select.POLLIN, remaining()):
-                if not self._socket.recv(_PIECE):
-                    return
-            raise TimedOut("the peer does not close the connection in time")
-        except OSError as error:
-            if isinstance(error, TimedOut):
-                raise
-            raise _gone(error) from error
+            self._end_output()
+            while not self._drop_input():
+                if not _wait(self._socket, select.POLLIN, remaining()):
+                    raise TimedOut("the peer does not close the connection in time")
         finally:
             self.close()
 
     def close(self) -> None:
         """Closes at once. May be called again."""
         self._socket.close()
-
-    def fileno(self) -> int:
-        """For select and its like. Readable means that bytes have come, not a message; messages that
-        came together with an earlier one are not seen by it."""
-        return self._socket.fileno()
 
     def __enter__(self) -> Connection:
         return self
@@ -199,21 +122,23 @@ class Connection(_Closing):
 class Server(_Closing):
     """A listening socket; made by `serve`. As a context manager it closes itself."""
 
-    def __init__(self, sock: socket.socket, rules: Rules, max_body: int) -> None:
+    def __init__(
+        self, sock: socket.socket, rules: Rules, max_body: int, max_name: int = MAX_NAME
+    ) -> None:
         self._socket = sock
         self._rules = rules
-        self._max_body = max_body
+        self._limits = max_body, max_name
         self.host: str = sock.getsockname()[0]
         self.port: int = sock.getsockname()[1]
 
     def accept(self, timeout: Optional[float] = None) -> Connection:
         """The next program that connects. Raises TimedOut; OSError once the server is closed."""
-        remaining = _remaining(timeout)
+        remaining = time_limit(timeout)
         while True:
             if not _wait(self._socket, select.POLLIN, remaining()):
                 raise TimedOut("nobody has connected in time")
             try:
-                return Connection(self._socket.accept()[0], self._rules, self._max_body)
+                return Connection(self._socket.accept()[0], self._rules, *self._limits)
             except (BlockingIOError, ConnectionAbortedError):
                 pass  # it has gone again before it was accepted
 
@@ -236,18 +161,21 @@ def connect(
     rules: Union[Rules, str, None] = None,
     timeout: Optional[float] = None,
     max_body: int = MAX_BODY,
+    max_name: int = MAX_NAME,
 ) -> Connection:
     """Connects to a program that listens.
 
-    `rules` tell how long bodies are, see `Rules`. Raises OSError with the cause, TimedOut, and
-    ValueError for rules that are not understood.
+    `rules` tell how long bodies are, see `Rules`. A body over `max_body` bytes, or a name over
+    `max_name`, is taken for a sign that the stream is out of step; the library's own receivers take
+    names of up to 2^31 - 2 bytes. Raises OSError with the cause, TimedOut, and ValueError for rules
+    that are not understood.
     """
     understood = as_rules(rules)
     try:
         sock = socket.create_connection((host, port), timeout)
     except socket.timeout as error:
         raise TimedOut(f"no connection with {host}:{port} in time") from error
-    return Connection(sock, understood, max_body)
+    return Connection(sock, understood, max_body, max_name)
 
 
 def serve(
@@ -256,6 +184,7 @@ def serve(
     *,
     rules: Union[Rules, str, None] = None,
     max_body: int = MAX_BODY,
+    max_name: int = MAX_NAME,
 ) -> Server:
     """Listens for programs that connect; port 0 lets the system choose one, see `Server.port`.
 
@@ -264,7 +193,7 @@ def serve(
     understood = as_rules(rules)
     sock = listen(host, port)
     sock.setblocking(False)
-    return Server(sock, understood, max_body)
+    return Server(sock, understood, max_body, max_name)
 
 
 def listen(host: str, port: int) -> socket.socket:

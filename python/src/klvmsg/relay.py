@@ -11,6 +11,7 @@ import itertools
 import select
 import socket
 import struct
+import sys
 import termios
 import threading
 import time
@@ -18,14 +19,14 @@ from typing import Callable, List, Optional, Tuple
 
 from .events import ENDED, FAILED, LOST, MESSAGE, OPENED, TO_CLIENT, TO_SERVER, Event
 from .rules import Bytes, Rules
-from .wire import MAX_BODY, Decoder
+from .wire import MAX_BODY, MAX_NAME, Decoder
 
 Address = Tuple[str, int]
 
 _PIECE = 65536
 _HEADER_WAIT = 0.010  # seconds that a header in pieces may wait for its rest
 _CONNECT_TIMEOUT = 10.0
-_SHARED = 256  # from the start of a send: a header that begins there fits into every segment
+_SEGMENT = 536  # bytes that every segment has room for
 _TCP_CLOSE = 7  # the state of a connection that has been reset
 _DRAIN_TIMEOUT = 10.0  # without progress
 
@@ -58,6 +59,7 @@ class Relay:
         *,
         keep: int = 0,
         max_body: int = MAX_BODY,
+        max_name: int = MAX_NAME,
     ) -> None:
         self._entrance = entrance
         self._server = server
@@ -65,6 +67,7 @@ class Relay:
         self._observe = observe
         self._keep = keep
         self._max_body = max_body
+        self._max_name = max_name
 
     def run(self, connections: Optional[int] = None) -> None:
         """Serves so many connections to their end, or all until the caller's thread is interrupted.
@@ -130,7 +133,7 @@ class Relay:
 
         `broken` is shared by the two directions: how the connection broke, once it has.
         """
-        decoder = Decoder(self._rules, self._keep, self._max_body)
+        decoder = Decoder(self._rules, self._keep, self._max_body, self._max_name)
         try:
             self._pass_bytes(number, direction, source, target, decoder)
             if not broken:
@@ -166,20 +169,26 @@ class Relay:
                     target.sendall(held)
                 return
             data = buffer[:count]
-            was_lost = decoder.lost
-            messages = decoder.feed(data)
-            now = time.time()
-            events = [
-                Event(now, number, MESSAGE, direction, "", type, length, body)
-                for type, length, body in messages
-            ]
-            if decoder.lost is not None and was_lost is None:
-                events.append(Event(now, number, LOST, direction, decoder.lost, decoder.type))
+            events = events_of(decoder, data, time.time(), number, direction)
             if events:
                 self._observe(events)
             data_held = min(decoder.header_bytes, len(held) + count)
             _send_messages(target, held, data, decoder, data_held)
             held = (held + bytes(data[-data_held:]))[-data_held:] if data_held else b""
+
+
+def events_of(
+    decoder: Decoder, data: Bytes, now: float, number: int, direction: str
+) -> List[Event]:
+    """What these bytes bring to their end, on the connection of this number."""
+    was_lost = decoder.lost
+    events = [
+        Event(now, number, MESSAGE, direction, "", type, length, body)
+        for type, length, body in decoder.feed(data)
+    ]
+    if decoder.lost is not None and was_lost is None:
+        events.append(Event(now, number, LOST, direction, decoder.lost, decoder.type))
+    return events
 
 
 def _send_messages(
@@ -189,17 +198,22 @@ def _send_messages(
 
     The kernel may send a segment as soon as it is full, and a receiver may look at it before the next
     one comes. So a send begins with a message and is marked as the end of a record, which makes the
-    next one begin a segment; further messages share it only if they begin well within that.
+    next one begin a segment; further messages share it only if their headers end within that.
     """
     whole: Bytes = held + bytes(data) if held else data
     shift = len(held)
     end = len(whole) - held_next
     begin = 0
     for start in decoder.starts:
-        if start + shift < end and (begin == 0 or start + shift - begin > _SHARED):
-            begin = _send_record(target, whole, begin, start + shift)
+        place = start + shift
+        if place < end and (begin == 0 or _header_end(whole, place) - begin > _SEGMENT):
+            begin = _send_record(target, whole, begin, place)
     marked = held_next or decoder.between_messages
     _send_record(target, whole, begin, end, socket.MSG_EOR if marked else 0)
+
+
+def _header_end(data: Bytes, start: int) -> int:
+    return start + 4 + int.from_bytes(data[start : start + 4], sys.byteorder)
 
 
 def _send_record(

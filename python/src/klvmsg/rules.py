@@ -6,9 +6,10 @@
     Hello=length(0,8,little,8)  8 bytes more than the length counts
     *=length(0,4,little)        every type without a rule of its own
 
-Behind any of these may stand of which Protocol Buffers message the content is, as in protobuf(shop.Order);
-protobuf() takes the type's name for it. Rules are separated by semicolons; the last one for a type
-holds. Without a rule for * bodies begin with a 4-byte length in the byte order of this machine.
+Behind any of these may stand of which Protocol Buffers message the content is, as in
+protobuf(shop.Order); protobuf() takes the type's name for it. Rules are separated by semicolons; the
+last one for a type holds. Without a rule for * bodies begin with a 4-byte length in the byte order of
+this machine.
 """
 
 from __future__ import annotations
@@ -22,8 +23,8 @@ Order = Literal["little", "big"]
 Bytes = Union[bytes, bytearray, memoryview]
 
 _LENGTH = re.compile(
-    r"length\(\s*(\d+)\s*,\s*([1248])\s*,\s*(little|big)\s*,?\s*(\d*)\s*\)", re.ASCII)
-
+    r"length\(\s*(\d+)\s*,\s*([1248])\s*,\s*(little|big)\s*,?\s*(\d*)\s*\)", re.ASCII
+)
 _CONTENT = re.compile(r"\s+protobuf\(\s*([\w.]*)\s*\)$", re.ASCII)
 
 

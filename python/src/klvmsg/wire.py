@@ -17,7 +17,8 @@ from typing import Dict, List, NamedTuple, Optional, Tuple
 
 from .rules import Bytes, Rule, Rules
 
-MAX_NAME = 255
+LONGEST_NAME = 2**31 - 2  # receivers keep it with a zero behind it, and count both in 31 bits
+MAX_NAME = 255  # of programs that look on: longer names are rare, and streams out of step are not
 MAX_BODY = 64 * 1024 * 1024
 _SHOWN = 16  # bytes of what cannot be a header
 _KNOWN = 4096  # types whose names are remembered
@@ -34,10 +35,10 @@ def from_name(type: str) -> bytes:
 
 def header(type: str) -> bytes:
     """The header of a message. Raises ValueError for a name that a receiver refuses or cuts: an empty
-    one, one of more than 255 bytes, one with a zero byte."""
+    one, one of more than 2^31 - 2 bytes, one with a zero byte."""
     name = from_name(type)
-    if not 0 < len(name) <= MAX_NAME or 0 in name:
-        raise ValueError(f"no name for a type: {type[:MAX_NAME]!r}")
+    if not 0 < len(name) <= LONGEST_NAME or 0 in name:
+        raise ValueError(f"no name for a type: {type[:40]!r}")
     return len(name).to_bytes(4, sys.byteorder) + name
 
 
@@ -53,17 +54,20 @@ class Decoder:
     """Takes one direction of a connection apart, in pieces of any size.
 
     It holds a header, the start of a body up to its length, and of bodies no more than `keep` bytes. A
-    body over `max_body` or a name over 255 bytes is a sign that the stream is out of step, as is a
+    body over `max_body` or a name over `max_name` is a sign that the stream is out of step, as is a
     name with a zero byte, which no receiver sees whole. From there on nothing is decoded.
     """
 
-    def __init__(self, rules: Rules, keep: int, max_body: int = MAX_BODY) -> None:
+    def __init__(
+        self, rules: Rules, keep: int, max_body: int = MAX_BODY, max_name: int = MAX_NAME
+    ) -> None:
         self.lost: Optional[str] = None  # why the stream is out of step, and the bytes there
         self.starts: List[int] = []  # where in the last piece messages began
         self._why = ""  # the short form of `lost`
         self._rules = rules
         self._keep = keep
         self._max_body = max_body
+        self._max_name = max_name
         self._head = bytearray()  # of the message that is coming: header and start of the body
         self._needed = 4  # bytes of _head to go on
         self._body_at = 0  # where in _head the body starts; 0 while that is not known
@@ -160,7 +164,7 @@ class Decoder:
         """Looks at the head, of which all needed bytes are there. True when it is complete."""
         if self._body_at == 0:
             name_length = int.from_bytes(self._head[:4], sys.byteorder)
-            if not 0 < name_length <= MAX_NAME:
+            if not 0 < name_length <= self._max_name:
                 return self._lose(f"a type name of {name_length} bytes")
             if len(self._head) < 4 + name_length:
                 self._needed = 4 + name_length

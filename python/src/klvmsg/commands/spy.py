@@ -5,7 +5,7 @@ from __future__ import annotations
 import argparse
 import os
 import sys
-from typing import List, Optional
+from typing import Callable, List, Optional
 
 from ..between import open_entrance, pass_on
 from ..decode import Decoders
@@ -61,11 +61,30 @@ def run(options: argparse.Namespace) -> int:
         return describe(event, options.bodies, _short(decode.show(event), options.bodies or _SHOWN))
 
     entrance = open_entrance(options)
+    if entrance is None:
+        return _print_capture(options, line, keep)
     printer = Printer(line)
     pass_on(options, entrance, printer.observe, keep)
     if not printer.close():
         complain("the last lines are not printed: the output takes none")
         os._exit(DONE)  # Python's own end would wait for the output
+    return DONE
+
+
+def _print_capture(
+    options: argparse.Namespace, line: Callable[[Event], Optional[str]], keep: int
+) -> int:
+    """Here the output may take its time: no line is left out."""
+
+    def observe(events: List[Event]) -> None:
+        for text in filter(None, map(line, events)):
+            sys.stdout.write(text + "\n")
+
+    try:
+        pass_on(options, None, observe, keep)
+        sys.stdout.flush()
+    except BrokenPipeError:  # nobody reads any more
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # for Python's own flush
     return DONE
 
 
@@ -81,6 +100,8 @@ def _top(options: argparse.Namespace, decode: Decoders, chosen: Filter, keep: in
     if not sys.stdout.isatty():
         raise Failure(USAGE, "--top needs a terminal; without it a line is printed for each message")
     entrance = open_entrance(options)
+    if entrance is None:
+        raise Failure(USAGE, "--top shows what passes now, and not a capture")
     here, there = show_address(entrance.getsockname()), show_address(options.connect)
     top = Top(f"klvmsg spy, {here} for {there}, Ctrl-C ends", decode, options.column)
 

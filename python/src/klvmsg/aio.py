@@ -1,0 +1,263 @@
+"""The peer for asyncio: `await connect(...)`, `await serve(...)`.
+
+What stands in `klvmsg.peer` holds here too, with tasks in place of threads: several may send, and
+several receive, at once; each message goes whole, and comes to one of them. A task that is cancelled
+loses nothing that has come; a message that has gone in part then is the last one.
+"""
+
+from __future__ import annotations
+
+import asyncio
+import socket
+from types import TracebackType
+from typing import AsyncIterator, Callable, List, Optional, Type, Union
+
+from .channel import MAX_NAME, Channel, Message
+from .errors import PeerGone, TimedOut
+from .peer import listen, time_limit
+from .rules import Rules, as_rules
+from .wire import MAX_BODY
+
+__all__ = ["Connection", "Message", "Server", "connect", "serve"]
+
+_Left = Callable[[], Optional[float]]
+
+
+class _Waiting:
+    """Tasks that wait for a socket, until it is closed."""
+
+    _socket: socket.socket
+
+    def __init__(self) -> None:
+        self._wakers: List[Callable[[], None]] = []
+
+    def close(self) -> None:
+        """Closes at once, and wakes the tasks that wait. May be called again."""
+        for wake in list(self._wakers):
+            wake()
+        self._socket.close()
+
+    async def _readable(self, seconds: Optional[float]) -> bool:
+        loop = asyncio.get_running_loop()
+        return await self._ready(loop.add_reader, loop.remove_reader, seconds)
+
+    async def _writable(self, seconds: Optional[float]) -> bool:
+        loop = asyncio.get_running_loop()
+        return await self._ready(loop.add_writer, loop.remove_writer, seconds)
+
+    async def _ready(
+        self, add: Callable[..., object], remove: Callable[[int], object], seconds: Optional[float]
+    ) -> bool:
+        """False when the time is over. One task at a time waits for each of the two."""
+        number = self._socket.fileno()
+        if number == -1:
+            return True  # the call to come tells that it is closed
+        ready: asyncio.Future[None] = asyncio.get_running_loop().create_future()
+
+        def wake() -> None:
+            remove(number)
+            if not ready.done():
+                ready.set_result(None)
+
+        add(number, wake)
+        self._wakers.append(wake)
+        try:
+            await asyncio.wait_for(ready, seconds)
+        except asyncio.TimeoutError:
+            return False
+        finally:
+            self._wakers.remove(wake)
+            if ready.cancelled() and self._socket.fileno() == number:
+                remove(number)  # a number that was closed meanwhile may be another's
+        return True
+
+
+class _Turn:
+    """A lock that is waited for no longer than a time limit allows."""
+
+    def __init__(self, lock: asyncio.Lock, left: _Left) -> None:
+        self._lock = lock
+        self._left = left
+
+    async def __aenter__(self) -> None:
+        if not self._lock.locked():
+            await self._lock.acquire()
+            return
+        try:
+            await asyncio.wait_for(self._lock.acquire(), self._left())
+        except asyncio.TimeoutError:
+            raise TimedOut("other tasks are first, and take longer") from None
+
+    async def __aexit__(self, *_: object) -> None:
+        self._lock.release()
+
+
+class Connection(_Waiting, Channel):
+    """A connection with one peer; made by `connect` and `Server.accept`. Its `address` is the peer's.
+
+    `async with` closes it at the end, `async for` gives the messages up to the end of the connection.
+    """
+
+    def __init__(
+        self,
+        sock: socket.socket,
+        rules: Union[Rules, str, None] = None,
+        max_body: int = MAX_BODY,
+        max_name: int = MAX_NAME,
+    ) -> None:
+        _Waiting.__init__(self)
+        Channel.__init__(self, sock, rules, max_body, max_name)
+        self._sender = asyncio.Lock()
+        self._receiver = asyncio.Lock()
+
+    async def send(self, type: str, body: bytes = b"", timeout: Optional[float] = None) -> None:
+        """As `klvmsg.Connection.send`."""
+        left = time_limit(timeout)
+        async with _Turn(self._sender, left):
+            self._begin(type, body)
+            try:
+                while not self._push():
+                    if not await self._writable(left()):
+                        raise TimedOut("the peer does not take the message in time")
+            finally:
+                self._give_up()
+
+    async def receive(self, timeout: Optional[float] = None) -> Message:
+        """As `klvmsg.Connection.receive`."""
+        left = time_limit(timeout)
+        async with _Turn(self._receiver, left):
+            while True:
+                message = self._next()
+                if message is not None:
+                    return message
+                if not await self._readable(left()):
+                    raise TimedOut("no message has come in time")
+
+    def __aiter__(self) -> AsyncIterator[Message]:
+        return self._messages()
+
+    async def _messages(self) -> AsyncIterator[Message]:
+        while True:
+            try:
+                message = await self.receive()
+            except PeerGone as gone:
+                if gone.orderly:
+                    return
+                raise
+            yield message
+
+    async def finish(self, timeout: Optional[float] = None) -> None:
+        """As `klvmsg.Connection.finish`."""
+        left = time_limit(timeout)
+        try:
+            async with _Turn(self._receiver, left):
+                self._end_output()
+                while not self._drop_input():
+                    if not await self._readable(left()):
+                        raise TimedOut("the peer does not close the connection in time")
+        finally:
+            self.close()
+
+    async def __aenter__(self) -> Connection:
+        return self
+
+    async def __aexit__(
+        self,
+        kind: Optional[Type[BaseException]],
+        error: Optional[BaseException],
+        trace: Optional[TracebackType],
+    ) -> None:
+        self.close()
+
+
+class Server(_Waiting):
+    """A listening socket; made by `serve`. `async with` closes it at the end."""
+
+    def __init__(
+        self, sock: socket.socket, rules: Rules, max_body: int = MAX_BODY, max_name: int = MAX_NAME
+    ) -> None:
+        super().__init__()
+        self._socket = sock
+        self._rules = rules
+        self._limits = max_body, max_name
+        self._acceptor = asyncio.Lock()
+        self.host: str = sock.getsockname()[0]
+        self.port: int = sock.getsockname()[1]
+
+    async def accept(self, timeout: Optional[float] = None) -> Connection:
+        """As `klvmsg.Server.accept`."""
+        left = time_limit(timeout)
+        async with _Turn(self._acceptor, left):
+            while True:
+                try:
+                    return Connection(self._socket.accept()[0], self._rules, *self._limits)
+                except ConnectionAbortedError:
+                    pass  # it has gone again before it was accepted
+                except BlockingIOError:
+                    if not await self._readable(left()):
+                        raise TimedOut("nobody has connected in time") from None
+
+    async def __aenter__(self) -> Server:
+        return self
+
+    async def __aexit__(
+        self,
+        kind: Optional[Type[BaseException]],
+        error: Optional[BaseException],
+        trace: Optional[TracebackType],
+    ) -> None:
+        self.close()
+
+
+async def connect(
+    host: str,
+    port: int,
+    *,
+    rules: Union[Rules, str, None] = None,
+    timeout: Optional[float] = None,
+    max_body: int = MAX_BODY,
+    max_name: int = MAX_NAME,
+) -> Connection:
+    """As `klvmsg.connect`."""
+    understood = as_rules(rules)
+    try:
+        sock = await asyncio.wait_for(_dial(host, port), timeout)
+    except asyncio.TimeoutError as error:
+        raise TimedOut(f"no connection with {host}:{port} in time") from error
+    return Connection(sock, understood, max_body, max_name)
+
+
+async def serve(
+    port: int,
+    host: str = "127.0.0.1",
+    *,
+    rules: Union[Rules, str, None] = None,
+    max_body: int = MAX_BODY,
+    max_name: int = MAX_NAME,
+) -> Server:
+    """As `klvmsg.serve`."""
+    understood = as_rules(rules)
+    sock = await asyncio.get_running_loop().run_in_executor(None, listen, host, port)
+    sock.setblocking(False)
+    return Server(sock, understood, max_body, max_name)
+
+
+async def _dial(host: str, port: int) -> socket.socket:
+    """A connection with the first of the host's addresses that has one. Raises OSError of the last."""
+    loop = asyncio.get_running_loop()
+    failure: OSError = OSError(f"{host} has no address")
+    for family, kind, protocol, _, address in await loop.getaddrinfo(
+        host, port, type=socket.SOCK_STREAM
+    ):
+        sock = socket.socket(family, kind, protocol)
+        sock.setblocking(False)
+        try:
+            await loop.sock_connect(sock, address)
+            return sock
+        except OSError as error:
+            sock.close()
+            failure = error
+        except BaseException:
+            sock.close()
+            raise
+    raise failure
