@@ -40,8 +40,8 @@ public:
     using Clients = void (*)(Process& server, const Talk& talk, Talker& talker);
 
     Meeting(const Talk& talk, Clients clients)
-        : m_far([&](Process& near) { BeClients(near, talk, clients); }),
-          m_latest(static_cast<std::size_t>(std::max(talk.connections, talk.threads))) {
+        : m_latest(static_cast<std::size_t>(std::max(talk.connections, talk.threads))),
+          m_far([&](Process& near) { BeClients(near, talk, clients); }) {
         if (talk.wire != nullptr) {
             talk.wire->EnterNear();
         }
@@ -86,9 +86,9 @@ private:
         }
     }
 
-    Process m_far;
     std::unique_ptr<Talker> m_talker;
     std::vector<std::uint64_t> m_latest;  // by lane
+    Process m_far;  // ends first, so that the server waits for no peer to close
 };
 
 }  // namespace bench
