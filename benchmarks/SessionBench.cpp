@@ -142,7 +142,7 @@ void OneWayOverWire() {
             manner.wholeHeaders = wholeHeaders;
             manner.together = together;
             talks.push_back(SessionTalk(std::string("session") + (together ? ", together" : "") +
-                                            (wholeHeaders ? "" : ", headers cut"),
+                                            (wholeHeaders ? "" : ", wholeHeaders off"),
                                         manner));
         }
     }

@@ -49,9 +49,10 @@ def short_rows():
             yield rate(f"{what}, {title}", what, who, "ZeroMQ", bar)
             yield rate(f"{what}, {title}", what, who, "nng")
     what = "one way, 16 B, MTU 1,500"
-    for headers, suffix, bar in (("headers whole", "", 0.5), ("headers cut", ", headers cut", 1.0)):
+    for option, suffix, bar in (("on", "", 0.5), ("off", ", wholeHeaders off", 1.0)):
         for title, who in (("one by one", SESSION), ("together", TOGETHER)):
-            yield rate(f"{what}, {headers}, {title}", what, who + suffix, "ZeroMQ", bar)
+            yield rate(f"{what}, `wholeHeaders` {option}, {title}", what, who + suffix, "ZeroMQ",
+                       bar)
 
 
 def long_rows():
@@ -168,8 +169,8 @@ def figure(row, who, runs):
 def beside(row, runs):
     """Whose figure, and what it is: of the one it is compared with, or of all others."""
     if row.against is not None:
-        return row.against.replace(SESSION, "alone", 1) if row.what.startswith("there") and \
-            row.against == SESSION else f"{row.against}: {figure(row, row.against, runs)}"
+        name = {SESSION: "alone", TOGETHER: "one thread"}.get(row.against, row.against)
+        return f"{name}: {figure(row, row.against, runs)}"
     others = sorted({who for run in runs for what, who in run if what == row.what} - {row.who})
     return ", ".join(f"{who}: {figure(row, who, runs)}" for who in others)
 
