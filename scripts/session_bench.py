@@ -51,8 +51,9 @@ def short_rows():
     what = "one way, 16 B, MTU 1,500"
     for option, suffix, bar in (("on", "", 0.5), ("off", ", wholeHeaders off", 1.0)):
         for title, who in (("one by one", SESSION), ("together", TOGETHER)):
-            yield rate(f"{what}, `wholeHeaders` {option}, {title}", what, who + suffix, "ZeroMQ",
-                       bar)
+            full = f"{what}, `wholeHeaders` {option}, {title}"
+            yield rate(full, what, who + suffix, "ZeroMQ", bar)
+            yield rate(full, what, who + suffix, "nng")
 
 
 def long_rows():
