@@ -19,7 +19,7 @@ while [ $# -gt 0 ]; do
   esac
 done
 need_packages cmake g++ make libbenchmark-dev gnuplot-nox python3 \
-  -- libboost-dev libnng-dev libzmq3-dev valgrind
+  -- iproute2 libboost-dev libnng-dev libzmq3-dev valgrind
 
 prepare_build "$build" "$root"
 echo "== Building in $build"
@@ -62,3 +62,4 @@ for run in $(seq "$runs"); do
 done
 python3 "$root/scripts/bench_report.py" --input "$build"/run-* --output "$output" \
   --plots "$build" --root "$root" $document
+python3 "$root/scripts/session_bench.py" "$build" --runs "$runs" $document

@@ -40,6 +40,9 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
+    // Of the other process. Requires: this is the one that started it.
+    pid_t Id() const { return m_id; }
+
     template <class T>
     void Tell(const T& what) {
         Require(write(m_line, &what, sizeof what) == sizeof what, "telling a process");

@@ -1,180 +1,274 @@
-// A session between two processes, beside messaging libraries with their default queues: there and
-// back, one way over one connection and over a hundred, and doing nothing. Messages have 16 bytes.
+// A session between two processes, beside messaging libraries with their default settings and, for
+// long messages, beside a loop over plain sockets: one way, there and back, and doing nothing.
 //
-// Each measurement has two new processes. One line of JSON for each; scripts/session_bench.py runs
-// this several times and takes the medians.
+// Contenders take turns in random order, and each turn has two new processes. One line of JSON for
+// each figure of each turn; scripts/session_bench.py makes the ratios.
 #include <sys/resource.h>
 
-#include <cmath>
-#include <thread>
+#include <ctime>
+#include <optional>
 
-#include "Process.h"
-#include "Talker.h"
+#include "Meeting.h"
 
 namespace bench {
 namespace {
 
-struct Contender {
+struct Peer {
     const char* name;
-    std::unique_ptr<Talker> (*make)(Use);
-    bool collects;  // what comes while nobody asks
+    MakeTalker* make;
 };
 
-const Contender contenders[] = {
-    {"session", &MakeSessionTalker, true},
+const std::vector<Peer> peers = {
 #ifdef BENCH_ZEROMQ
-    {"ZeroMQ", &MakeZeroMqTalker, false},
+    {"ZeroMQ", &MakeZeroMqTalker},
 #endif
 #ifdef BENCH_NNG
-    {"nng", &MakeNngTalker, false},
+    {"nng", &MakeNngTalker},
 #endif
 };
 
-void Print(const Contender& contender, const char* what, double value) {
-    std::printf("{\"contender\": \"%s\", \"what\": \"%s\", \"value\": %.6g}\n", contender.name,
-                what, value);
+void Print(const std::string& what, const std::string& who, double value) {
+    std::printf("{\"what\": \"%s\", \"who\": \"%s\", \"value\": %.6g}\n", what.c_str(), who.c_str(),
+                value);
     std::fflush(stdout);
 }
 
-// The client of the other process: sends when it is told how many.
-struct Order {
-    int connections;
-    int count;
+void LeaveOut(const char* what, const char* why) {
+    std::fprintf(stderr, "left out: %s: %s\n", what, why);
+}
+
+// One turn of everybody, several times over.
+template <class Measure>
+void TakeTurns(int turns, std::vector<Talk> talks, Measure measure) {
+    static std::mt19937 random(20);
+    for (int turn = 0; turn < Rounds(turns); ++turn) {
+        std::shuffle(talks.begin(), talks.end(), random);
+        for (const Talk& talk : talks) {
+            measure(talk);
+        }
+    }
+}
+
+Talk SessionTalk(const std::string& who, const Manner& manner) {
+    return {who, &MakeSessionTalker, manner};
+}
+
+void AddPeers(std::vector<Talk>& talks, const Manner& manner, int connections = 1) {
+    for (const Peer& peer : peers) {
+        talks.push_back({peer.name, peer.make, manner, connections});
+    }
+}
+
+// One way -----------------------------------------------------------------------------------------
+
+// Sends round its connections until the time is over, and then the last one on each.
+void SendOnAndOn(Talker& talker, std::size_t connections, std::size_t lane) {
+    const double end = Now() + (smoke ? 0 : 1e9);
+    for (std::uint64_t number = 1;; ++number) {
+        const bool isLast = number % 64 == 0 && Now() >= end;
+        for (std::size_t i = 0; i < connections; ++i) {
+            talker.Send(i, {lane + i, number | (isLast ? Meeting::kLast : 0)});
+        }
+        if (isLast) {
+            return;
+        }
+    }
+}
+
+void SendOneWay(Process&, const Talk& talk, Talker& talker) {
+    std::vector<std::thread> others;
+    for (int i = 1; i < talk.threads; ++i) {
+        others.emplace_back([&talker, i] { SendOnAndOn(talker, 1, static_cast<std::size_t>(i)); });
+    }
+    SendOnAndOn(talker, static_cast<std::size_t>(talk.connections), 0);
+    for (std::thread& other : others) {
+        other.join();
+    }
+}
+
+// Messages a second, from the first one sent to the last one received.
+double RateOneWay(const Talk& talk) {
+    Meeting meeting(talk, &SendOneWay);
+    std::vector<Stamp> stamps;
+    double count = 0;
+    const double start = Now();
+    meeting.Begin();
+    for (int lanes = std::max(talk.connections, talk.threads); lanes > 0;) {
+        stamps.clear();
+        meeting.Server().Receive(stamps);
+        for (const Stamp& stamp : stamps) {
+            meeting.Check(stamp);
+            lanes -= (stamp.number & Meeting::kLast) != 0 ? 1 : 0;
+        }
+        count += static_cast<double>(stamps.size());
+    }
+    return count / ((Now() - start) / 1e9);
+}
+
+void OneWay(const std::string& what, const std::vector<Talk>& talks) {
+    TakeTurns(3, talks, [&](const Talk& talk) {
+        Print(what, talk.who, Apart<double>([&] { return RateOneWay(talk); }));
+    });
+}
+
+void OneWayShort(int connections) {
+    Manner manner;
+    std::vector<Talk> talks;
+    AddPeers(talks, manner, connections);
+    talks.push_back(SessionTalk("session", manner));
+    manner.together = true;
+    talks.push_back(SessionTalk("session, together", manner));
+    for (Talk& talk : talks) {
+        talk.connections = connections;
+    }
+    if (connections == 1) {
+        talks.push_back(SessionTalk("session, together, 16 threads", manner));
+        talks.back().threads = 16;
+    }
+    OneWay("one way, 16 B, connections: " + std::to_string(connections), talks);
+}
+
+void OneWayOverWire() {
+    const Wire wire;
+    if (!wire.IsThere()) {
+        LeaveOut("one way, MTU 1,500", "takes root, network namespaces and iproute2");
+        return;
+    }
+    Manner manner;
+    std::vector<Talk> talks;
+    AddPeers(talks, manner);
+    for (const bool wholeHeaders : {true, false}) {
+        for (const bool together : {false, true}) {
+            manner.wholeHeaders = wholeHeaders;
+            manner.together = together;
+            talks.push_back(SessionTalk(std::string("session") + (together ? ", together" : "") +
+                                            (wholeHeaders ? "" : ", wholeHeaders off"),
+                                        manner));
+        }
+    }
+    for (Talk& talk : talks) {
+        talk.wire = &wire;
+    }
+    OneWay("one way, 16 B, MTU 1,500", talks);
+}
+
+void OneWayLong(std::size_t size) {
+    Manner manner;
+    manner.size = size;
+    std::vector<Talk> talks = {SessionTalk("session", manner)};
+    AddPeers(talks, manner);
+    if (size >= 65536) {
+        talks.push_back({"by hand", &MakeHandTalker, manner});
+    }
+    OneWay("one way, " + std::to_string(size >> 10) + " KiB", talks);
+}
+
+// There and back ----------------------------------------------------------------------------------
+
+struct RoundTrip {  // in microseconds
+    double median;
+    double high;  // 99 % are below
 };
 
-[[noreturn]] void FarEnd(Process& near, const Contender& contender, Use use) {
-    const std::unique_ptr<Talker> talker = contender.make(use);
-    const int port = near.Hear<int>();
-    const auto order = near.Hear<Order>();
-    talker->Connect(port, order.connections);
-    for (int i = 0; i < order.connections; ++i) {
-        talker->Send({static_cast<std::uint64_t>(i), 0});
-    }
-    near.Hear<char>();  // the server has heard of all
+const int firstTrips = 500;  // do not count
+
+int Trips() { return smoke ? firstTrips + 10 : firstTrips + 5000; }
+
+void AskAgainAndAgain(Process& server, const Talk&, Talker& talker) {
     std::vector<double> times;
-    for (int i = 0; i < order.count; ++i) {
-        const auto number = static_cast<std::uint64_t>(i);
-        const auto connections = static_cast<std::uint64_t>(order.connections);
+    std::vector<Stamp> stamps;
+    for (int i = 1; i <= Trips(); ++i) {
         const double start = Now();
-        talker->Send({number % connections, 1 + number / connections});
-        if (use == Use::ThereAndBack) {
-            Require(talker->Receive().number == 1 + number, "the answer");
-            times.push_back(Now() - start);
+        talker.Send(0, {0, static_cast<std::uint64_t>(i)});
+        stamps.clear();
+        talker.Receive(stamps);
+        Require(stamps[0].number == static_cast<std::uint64_t>(i), "the answer");
+        if (i > firstTrips) {
+            times.push_back((Now() - start) / 1e3);
         }
     }
-    near.Tell(times.empty() ? 0 : Median(times));
-    near.Tell(times.empty() ? 0 : Quantile(times, 0.99));
-    for (;;) {
-        pause();
-    }
+    server.Tell(RoundTrip{Median(times), Quantile(times, 0.99)});
 }
 
-// The server of this process, connected to a client in another one.
-struct Meeting {
-    Meeting(const Contender& contender, Use use, Order order)
-        : far([&](Process& near) { FarEnd(near, contender, use); }),
-          talker(contender.make(use)),
-          latest(static_cast<std::size_t>(order.connections)) {
-        far.Tell(talker->Listen());
-        far.Tell(order);
-        for (int i = 0; i < order.connections; ++i) {
-            talker->Receive();
+RoundTrip TimeThereAndBack(const Talk& talk) {
+    Meeting meeting(talk, &AskAgainAndAgain);
+    std::vector<Stamp> stamps;
+    meeting.Begin();
+    for (int i = 0; i < Trips(); ++i) {
+        stamps.clear();
+        meeting.Server().Receive(stamps);
+        meeting.Check(stamps[0]);
+        meeting.Server().Answer(stamps[0]);
+    }
+    return meeting.Far().Hear<RoundTrip>();
+}
+
+// As many descriptors as the system lets this process have.
+bool RaiseDescriptors(rlim_t wanted) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur >= wanted;
+}
+
+void ThereAndBack() {
+    Manner manner;
+    manner.use = Use::kThereAndBack;
+    std::vector<Talk> talks = {SessionTalk("session", manner)};
+    AddPeers(talks, manner);
+    for (const int idle : {1000, 5000}) {
+        if (RaiseDescriptors(static_cast<rlim_t>(idle) + 100)) {
+            talks.push_back(
+                SessionTalk("session, idle connections: " + std::to_string(idle), manner));
+            talks.back().connections = 1 + (smoke ? idle / 100 : idle);
+        } else {
+            LeaveOut("there and back beside idle connections", "too few descriptors");
         }
     }
-
-    void Begin() { far.Tell(char{0}); }
-
-    // Each connection's messages come once and in order.
-    void Check(const Item& item) {
-        Require(item.number == ++latest[item.connection], "the next message");
-    }
-
-    Process far;
-    std::unique_ptr<Talker> talker;
-    std::vector<std::uint64_t> latest;
-};
-
-// Does the work in a process of its own, and returns the number it tells.
-template <class Work>
-double Apart(Work work) {
-    Process process([&](Process& bench) {
-        work(bench);
-        for (;;) {
-            pause();
-        }
+    manner.waiting = smoke ? 16 : 256;
+    talks.push_back(SessionTalk("session, 256 threads waiting", manner));
+    TakeTurns(5, talks, [](const Talk& talk) {
+        const auto time = Apart<RoundTrip>([&] { return TimeThereAndBack(talk); });
+        Print("there and back, 16 B, median", talk.who, time.median);
+        Print("there and back, 16 B, 99 %", talk.who, time.high);
     });
-    return process.Hear<double>();
 }
 
-void ThereAndBack(const Contender& contender) {
-    const int count = smoke ? 20 : 10000;
-    Process process([&](Process& bench) {
-        Meeting meeting(contender, Use::ThereAndBack, {1, count});
-        meeting.Begin();
-        for (int i = 0; i < count; ++i) {
-            meeting.talker->Answer(meeting.talker->Receive());
-        }
-        bench.Tell(meeting.far.Hear<double>());
-        bench.Tell(meeting.far.Hear<double>());
-        pause();
-        std::_Exit(0);
-    });
-    Print(contender, "there and back, median, ms", process.Hear<double>() / 1e6);
-    Print(contender, "there and back, 99 %, ms", process.Hear<double>() / 1e6);
-}
-
-void OneWay(const Contender& contender, int connections, bool together) {
-    const int count = smoke ? 1000 : 3000000;
-    const double rate = Apart([&](Process& bench) {
-        Meeting meeting(contender, Use::OneWay, {connections, count});
-        const double start = Now();
-        meeting.Begin();
-        for (int i = 0; i < count; ++i) {
-            Item item = {};
-            while (together && !meeting.talker->ReceiveIfThere(item)) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            }
-            meeting.Check(together ? item : meeting.talker->Receive());
-        }
-        bench.Tell(count / ((Now() - start) / 1e9));
-    });
-    const std::string what = std::string("one way, ") + (together ? "together" : "one by one") +
-                             ", connections: " + std::to_string(connections) + ", messages/s";
-    Print(contender, what.c_str(), rate);
-}
+// Idle --------------------------------------------------------------------------------------------
 
 double ProcessorTime() {
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval& time) {
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-    };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+    timespec time = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
 }
 
-void Idle(const Contender& contender) {
-    const int seconds = smoke ? 0 : 4;
-    const double share = Apart([&](Process& bench) {
-        Meeting meeting(contender, Use::OneWay, {1, 0});
-        const double before = ProcessorTime();
-        const double start = Now();
-        std::this_thread::sleep_for(std::chrono::seconds(seconds));
-        bench.Tell(100 * (ProcessorTime() - before) / ((Now() - start) / 1e9));
+// What a server with one connection uses, in percent.
+double ShareOfCore(const Talk& talk) {
+    Meeting meeting(talk, [](Process&, const Talk&, Talker&) {});
+    std::this_thread::sleep_for(std::chrono::milliseconds(smoke ? 0 : 500));
+    const double before = ProcessorTime();
+    const double start = Now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(smoke ? 1 : 5000));
+    return 100 * (ProcessorTime() - before) / (Now() - start);
+}
+
+void Idle() {
+    std::vector<Talk> talks = {SessionTalk("session", {})};
+    AddPeers(talks, {});
+    TakeTurns(1, talks, [](const Talk& talk) {
+        Print("idle", talk.who, Apart<double>([&] { return ShareOfCore(talk); }));
     });
-    Print(contender, "idle, % of a core", share);
 }
 
 void RunAll() {
-    for (const Contender& contender : contenders) {
-        ThereAndBack(contender);
-        for (const int connections : {1, 100}) {
-            OneWay(contender, connections, false);
-            if (contender.collects) {
-                OneWay(contender, connections, true);
-            }
-        }
-        Idle(contender);
+    OneWayShort(1);
+    OneWayShort(100);
+    OneWayOverWire();
+    for (const std::size_t kibibytes : {1, 64, 1024}) {
+        OneWayLong(kibibytes << 10);
     }
+    ThereAndBack();
+    Idle();
 }
 
 }  // namespace

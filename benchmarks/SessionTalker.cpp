@@ -1,78 +1,109 @@
 #include <KLVMsgSession.h>
 
-#include <vector>
+#include <thread>
 
 #include "Talker.h"
 
 namespace bench {
 namespace {
 
-struct Message : KLVMsgFramedMessage {
-    explicit Message(const Item& content = {}) : item(content) {}
+constexpr std::chrono::seconds kLimit{60};
+
+class Message : public KLVMsgFramedMessage {
+public:
+    explicit Message(std::size_t size = sizeof(Stamp), const Stamp& content = {})
+        : stamp(content), m_size(size) {}
+
     bool Encode(std::string& bytes) const override {
-        bytes.assign(reinterpret_cast<const char*>(&item), sizeof item);
+        bytes.reserve(m_size);
+        bytes.append(reinterpret_cast<const char*>(&stamp), sizeof stamp);
+        bytes.append(Filling(), m_size - sizeof stamp);
         return true;
     }
     bool Decode(std::string_view bytes) override {
-        std::memcpy(&item, bytes.data(), std::min(bytes.size(), sizeof item));
-        return bytes.size() == sizeof item;
+        const bool isRight = bytes.size() == m_size;
+        stamp = isRight ? StampOf(bytes.data()) : Stamp();
+        return isRight;
     }
-    KLVMsgSocketMessage* NewInstance() override { return new Message; }
+    KLVMsgSocketMessage* NewInstance() override { return new Message(m_size); }
     KLVString GetMessageType() const override { return "BenchMessage"; }
-    Item item;
+
+    Stamp stamp;
+
+private:
+    std::size_t m_size;
 };
 
-// Where the queue of what is posted is full it waits for room, as the others do by themselves.
+// What is waited for and never comes.
+class OtherMessage : public Message {
+public:
+    KLVMsgSocketMessage* NewInstance() override { return new OtherMessage; }
+    KLVString GetMessageType() const override { return "OtherMessage"; }
+};
+
+KLVMsgSessionOptions Options(const Manner& manner) {
+    KLVMsgSessionOptions options;
+    options.wholeHeaders = manner.wholeHeaders;
+    return options;
+}
+
 class SessionTalker : public Talker {
 public:
-    SessionTalker() { Require(bool(m_session.Register(Message())), "session register"); }
+    explicit SessionTalker(const Manner& manner) : m_manner(manner), m_session(Options(manner)) {
+        Require(m_session.Register(Message(manner.size)) && m_session.Register(OtherMessage()),
+                "session register");
+    }
 
-    int Listen() override {
+    int Listen(const std::string& host) override {
         int port = 0;
-        Require(m_session.Serve({"127.0.0.1", 0}, &port) && m_session.Start(), "session listen");
+        Require(m_session.Serve({host.c_str(), 0}, &port) && m_session.Start(), "session listen");
+        for (int i = 0; i < m_manner.waiting; ++i) {
+            std::thread([this] {
+                m_session.Receive<OtherMessage>(std::chrono::hours(1));
+            }).detach();
+        }
         return port;
     }
 
-    void Connect(int port, int connections) override {
+    void Connect(const std::string& host, int port, int connections) override {
         for (int i = 0; i < connections; ++i) {
-            Require(bool(m_session.Connect({"127.0.0.1", port}, "server")), "session connect");
+            Require(bool(m_session.Connect({host.c_str(), port}, "server")), "session connect");
         }
         m_servers = m_session.Peers("server");
         Require(bool(m_session.Start()), "session start");
     }
 
-    void Send(const Item& item) override {
-        const KLVMsgPeer server = m_servers[item.connection];
-        const Message message(item);
+    // Where the queue is full it waits for room, as the others do by themselves.
+    void Send(std::size_t connection, const Stamp& stamp) override {
+        const Message message(m_manner.size, stamp);
+        const KLVMsgPeer server = m_servers[connection];
         const KLVMsgOutcome posted = m_session.Post(server, message);
         Require(posted || (posted.status == KLVMsgOutcome::kFull &&
                            m_session.Send(server, message, kLimit)),
                 "session send");
     }
 
-    Item Receive() override {
-        const auto received = m_session.Receive<Message>(kLimit);
-        if (!received) std::fprintf(stderr, "OUT %d %s\n", int(received.status), received.text.c_str());
-        Require(bool(received), "session receive");
-        m_sender = received.peer;
-        return received->item;
-    }
-
-    void Answer(const Item& item) override {
-        Require(bool(m_session.Post(m_sender, Message(item))), "session answer");
-    }
-
-    bool ReceiveIfThere(Item& item) override {
-        const auto received = m_session.Receive<Message>(std::chrono::seconds(0));
-        if (received) {
-            item = received->item;
+    void Receive(std::vector<Stamp>& stamps) override {
+        if (m_manner.together) {
+            const auto received = m_session.ReceiveAll<Message>(kLimit);
+            Require(bool(received), "session receive all");
+            for (const auto& item : received.messages) {
+                stamps.push_back(item->stamp);
+            }
+        } else {
+            const auto received = m_session.Receive<Message>(kLimit);
+            Require(bool(received), "session receive");
+            m_sender = received.peer;
+            stamps.push_back(received->stamp);
         }
-        return bool(received);
+    }
+
+    void Answer(const Stamp& stamp) override {
+        Require(bool(m_session.Post(m_sender, Message(m_manner.size, stamp))), "session answer");
     }
 
 private:
-    static constexpr std::chrono::seconds kLimit{60};
-
+    const Manner m_manner;
     KLVMsgSession m_session;
     std::vector<KLVMsgPeer> m_servers;
     KLVMsgPeer m_sender;
@@ -80,6 +111,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Talker> MakeSessionTalker(Use) { return std::make_unique<SessionTalker>(); }
+std::unique_ptr<Talker> MakeSessionTalker(const Manner& manner) {
+    return std::make_unique<SessionTalker>(manner);
+}
 
 }  // namespace bench

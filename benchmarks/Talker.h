@@ -1,18 +1,35 @@
 // The contenders of the session's benchmark: what an application talks through.
+//
+// Each hands over bodies that it has put together from a stamp and a filling, with one copy, and looks
+// at what has come where its library has put it.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Bench.h"
 
 namespace bench {
 
-// 16 bytes: which message of which connection.
-struct Item {
-    std::uint64_t connection;
+// The first 16 bytes of every body. A lane is what keeps an order: a connection, or a thread of those
+// that send on the same one.
+struct Stamp {
+    std::uint64_t lane;
     std::uint64_t number;
+};
+
+enum class Use { kThereAndBack, kOneWay };
+
+// How a contender is to talk. Only a session looks at the lower half, which has its defaults.
+struct Manner {
+    Use use = Use::kOneWay;
+    std::size_t size = sizeof(Stamp);  // of a body
+
+    bool together = false;     // the receiver takes all that is there at once
+    bool wholeHeaders = true;  // the option of this name
+    int waiting = 0;           // threads of the server that wait for what never comes
 };
 
 // One process's end. A server has many clients, which are all in one process and one object.
@@ -20,21 +37,42 @@ class Talker {
 public:
     virtual ~Talker() = default;
 
-    virtual int Listen() = 0;  // returns the port
-    virtual void Connect(int port, int connections) = 0;
+    virtual int Listen(const std::string& host) = 0;  // returns the port
+    virtual void Connect(const std::string& host, int port, int connections) = 0;
 
-    virtual void Send(const Item& item) = 0;    // of a client
-    virtual Item Receive() = 0;                 // waits; in the order in which they were sent
-    virtual void Answer(const Item& item) = 0;  // of a server, to the one it has just received from
+    // Of a client. Waits where the contender holds its sender back. Only a session's may be called on
+    // several threads.
+    virtual void Send(std::size_t connection, const Stamp& stamp) = 0;
 
-    // False when nothing is there. Only of those that collect what comes while nobody asks.
-    virtual bool ReceiveIfThere(Item&) { return false; }
+    // Waits, and appends the stamps of at least one message, in the order in which they came.
+    virtual void Receive(std::vector<Stamp>& stamps) = 0;
+
+    // Of a server there and back, to whom it has just received from.
+    virtual void Answer(const Stamp& stamp) = 0;
 };
 
-enum class Use { ThereAndBack, OneWay };
+using MakeTalker = std::unique_ptr<Talker>(const Manner&);
+MakeTalker MakeSessionTalker;
+MakeTalker MakeHandTalker;  // one connection, one way
+MakeTalker MakeNngTalker;
+MakeTalker MakeZeroMqTalker;
 
-std::unique_ptr<Talker> MakeSessionTalker(Use use);
-std::unique_ptr<Talker> MakeNngTalker(Use use);
-std::unique_ptr<Talker> MakeZeroMqTalker(Use use);
+// What stands behind the stamp in every body.
+inline const char* Filling() {
+    static const std::string bytes(std::size_t{1} << 20, 'x');
+    return bytes.data();
+}
+
+// Writes a body of that size.
+inline void PutBody(char* to, const Stamp& stamp, std::size_t size) {
+    std::memcpy(to, &stamp, sizeof stamp);
+    std::memcpy(to + sizeof stamp, Filling(), size - sizeof stamp);
+}
+
+inline Stamp StampOf(const void* body) {
+    Stamp stamp = {};
+    std::memcpy(&stamp, body, sizeof stamp);
+    return stamp;
+}
 
 }  // namespace bench
