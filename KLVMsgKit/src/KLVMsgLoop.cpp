@@ -515,7 +515,8 @@ void KLVMsgLoop::Tend(Link& link) {
     }
 }
 
-// Takes it out of the map. Who writes to it at this moment is told, and closes it.
+// Takes it out of the map. Who writes to it at this moment is told, and closes it. The peer is told here:
+// a child process may have a copy of the descriptor.
 void KLVMsgLoop::Remove(Link& link) {
     const auto found = m_links.find(link.id);
     if (found == m_links.end()) {
@@ -525,9 +526,7 @@ void KLVMsgLoop::Remove(Link& link) {
     m_links.erase(found);
     epoll_ctl(m_epoll.Number(), EPOLL_CTL_DEL, link.transport->Descriptor(), nullptr);
     m_timers.erase({link.due, link.id});
-    if (link.isWriting) {
-        link.transport->Break();
-    }
+    link.transport->Break();
     m_owner.OnOver(link);
 }
 

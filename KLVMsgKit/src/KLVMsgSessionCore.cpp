@@ -84,6 +84,17 @@ KLVMsgOutcome KLVMsgSessionCore::IsReady() const {
 
 KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_info& type,
                                           const KLVMsgFramedMessage* framed) {
+    std::string name;
+    Message made;
+    try {
+        const KLVString text = prototype->GetMessageType();
+        name.assign(text.Text(), static_cast<std::size_t>(text.Length()));
+        made.reset(prototype->NewInstance());
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (...) {
+        return Failure(EINVAL, "the message's own code failed");
+    }
     const Lock lock(m_mutex);
     if (const KLVMsgOutcome ready = IsReady(); !ready) {
         return ready;
@@ -92,23 +103,21 @@ KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_inf
         return Failure(EALREADY,
                        "the session has been started: classes are registered before that");
     }
-    const KLVString text = prototype->GetMessageType();
-    const std::string name(text.Text(), static_cast<std::size_t>(text.Length()));
     if (name.empty() || name.find('\0') != std::string::npos) {
         return Failure(EINVAL, "a type name is neither empty nor has zero bytes");
     }
     if (m_types.OfName(name) != KLVMsgMessageTypes::kNone) {
         return Failure(EINVAL, "there is a prototype for " + name);
     }
-    const Message made(prototype->NewInstance());
     const KLVMsgSocketMessage* const object = made.get();
     if (object == nullptr || typeid(*object) != type) {
         return Failure(EINVAL, "NewInstance of " + name + " makes an object of another class");
     }
-    m_receivers.emplace_back();
+    // Room first: a type that is known has its place everywhere.
+    m_receivers.resize(m_types.Size() + 1);
+    m_inbox.Prepare(m_types.Size() + 1);
     m_types.Add({name, &type, std::move(prototype), framed != nullptr,
                  framed != nullptr ? framed->LargestBody() : 0});
-    m_inbox.Prepare(m_types.Size());
     return {};
 }
 
@@ -125,9 +134,14 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, int* 
     const Lock lock(m_mutex);
     outcome = IsReady();
     const KLVMsgSocketAddress served(address.host, bound);
-    for (auto socket = sockets.begin(); outcome && socket != sockets.end(); ++socket) {
-        outcome = m_loop.AddListener(std::move(*socket), m_book.NextId(), bound,
-                                     KLVMsgSessionSockets::Text(served));
+    try {
+        for (auto socket = sockets.begin(); outcome && socket != sockets.end(); ++socket) {
+            outcome = m_loop.AddListener(std::move(*socket), m_book.NextId(), bound,
+                                         KLVMsgSessionSockets::Text(served));
+        }
+    } catch (const std::bad_alloc&) {
+        m_loop.RemoveListeners(bound);
+        throw;
     }
     if (!outcome) {
         m_loop.RemoveListeners(bound);
@@ -140,7 +154,7 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, int* 
 KLVMsgOutcome KLVMsgSessionCore::StopServing(int port) {
     const Lock lock(m_mutex);
     KLVMsgOutcome outcome = IsReady();
-    if (outcome && m_loop.RemoveListeners(port) == 0) {
+    if (outcome && (port < 0 || m_loop.RemoveListeners(port) == 0)) {
         outcome = Failure(ENOENT, "nobody is served at port " + std::to_string(port));
     }
     WakeThoseWithoutHope();
@@ -249,7 +263,9 @@ KLVMsgOutcome KLVMsgSessionCore::SetLabel(KLVMsgPeer peer, const std::string& la
     for (std::uint32_t type = 0; type < m_types.Size(); ++type) {
         WakeReceivers(type);
     }
+    LimitReading(*found);
     WakeThoseWithoutHope();
+    WakeThoseWhoseAreGone();
     return {};
 }
 
@@ -273,12 +289,13 @@ KLVMsgOutcome KLVMsgSessionCore::Disconnect(const KLVMsgPeers& meant) {
     }
     std::vector<Peer*> found;
     m_book.Find(meant, found);
+    const std::string cause = "the peer was disconnected here";
     bool isAny = false;
     for (Peer* const peer : found) {
         if (peer->link != nullptr && !peer->link->connection.Discards()) {
             isAny = true;
             peer->link->connection.Leave(Clock::now() + kLastWords);
-            FailAwaited(*peer, "the peer was disconnected here");
+            FailAwaited(*peer, cause);
             UpdateCost(*peer);
             TellGone(*peer, KLVMsgEvent::kShutDownHere, "shut down here", 0);
             m_loop.Touch(*peer->link);
@@ -297,7 +314,7 @@ KLVMsgOutcome KLVMsgSessionCore::WaitUntilGone(const KLVMsgPeers& meant, KLVMsgT
             return m_book.IsAnyThere(meant) ? Late() : KLVMsgOutcome();
         }
     }
-    return m_isEnding ? Ended(KLVMsgOutcome::kPeerGone) : KLVMsgOutcome();
+    return m_isEnding ? Ended(KLVMsgOutcome::kPeerGone) : m_ready;
 }
 
 // Tells once that nothing more will come from there.
@@ -319,13 +336,17 @@ void KLVMsgSessionCore::TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std
         event.what = peer.address + ": " + text;
         return event;
     });
+    WakeThoseWhoseAreGone();
+    WakeThoseWithoutHope();
+    WakeRoomless();
+}
+
+void KLVMsgSessionCore::WakeThoseWhoseAreGone() {
     for (GoneWaiter* const one : m_goneWaiters) {
         if (!m_book.IsAnyThere(*one->meant)) {
             one->waiter.Wake();
         }
     }
-    WakeThoseWithoutHope();
-    WakeRoomless();
 }
 
 void KLVMsgSessionCore::Forget(Peer& peer) { m_book.Remove(peer); }
@@ -430,6 +451,10 @@ void KLVMsgSessionCore::OnStalls(KLVMsgLoop::Link& link) {
 KLVMsgEvent KLVMsgSessionCore::NextEvent(KLVMsgTimeLimit limit) {
     KLVMsgEvent event;
     Lock lock(m_mutex);
+    if (!m_ready) {
+        static_cast<KLVMsgOutcome&>(event) = m_ready;
+        return event;
+    }
     if (m_events.IsEmpty() && !m_isEnding) {
         const Time deadline = limit.Deadline();
         KLVMsgWaiter waiter;

@@ -120,6 +120,7 @@ private:
     void Forget(Peer& peer);
     void EndAnswerless(Peer& peer);
     void EndOneHalf();
+    void WakeThoseWhoseAreGone();
     void WakeEverybody();
     static KLVMsgEvent Event(KLVMsgEvent::Kind kind, const Peer* peer);
     void PushEvent(KLVMsgEvent event);
@@ -166,7 +167,7 @@ private:
     bool IsAwaited(const Peer& peer) const;
     bool LetRead(const KLVMsgPeers* from);
     void ReleaseHand();
-    void Release(Hand& hand);
+    void Release(Hand& hand, std::size_t kept);
     void TakeInHand(Peer& peer, bool isNext);
     Hand* MyHand();
 

@@ -82,12 +82,15 @@ KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Want
             Lock lock(m_mutex);
             const KLVMsgParcel* found = nullptr;
             outcome = AwaitParcel(lock, type, wanted, found);
+            // Room first: what is taken out is handed over.
+            const std::size_t most = outcome ? m_inbox.Count(type) : 0;
+            parcels.reserve(most);
+            received.messages.reserve(most);
             for (; outcome && found != nullptr; found = Find(type, wanted.from)) {
                 parcels.emplace_back();
                 parcels.back().first = TakeOut(found, parcels.back().second, parcels.size() == 1);
             }
         }
-        received.messages.reserve(parcels.size());
         for (auto& [parcel, peer] : parcels) {
             Message message = parcel->object != nullptr
                                   ? Message(std::exchange(parcel->object, nullptr))
@@ -159,10 +162,10 @@ const KLVMsgParcel* KLVMsgSessionCore::Find(std::uint32_t type, const KLVMsgPeer
 KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from,
                                                bool isNext) {
     const std::size_t cost = parcel->Cost();
-    KLVMsgParcel::Owner taken = m_inbox.Take(parcel);
-    Peer& peer = *static_cast<Peer*>(static_cast<KLVMsgInbox::Sender*>(taken->sender)->owner);
+    Peer& peer = *static_cast<Peer*>(static_cast<KLVMsgInbox::Sender*>(parcel->sender)->owner);
     from = peer.peer;
-    TakeInHand(peer, isNext);
+    TakeInHand(peer, isNext);  // takes memory: without it the message stays
+    KLVMsgParcel::Owner taken = m_inbox.Take(parcel);
     if (peer.isReadingPaused) {
         LimitReading(peer);
     }
@@ -312,18 +315,18 @@ bool KLVMsgSessionCore::LetRead(const KLVMsgPeers* from) {
 void KLVMsgSessionCore::ReleaseHand() {
     Hand* const hand = MyHand();
     if (hand != nullptr) {
-        Release(*hand);
+        Release(*hand, 0);
     }
 }
 
-void KLVMsgSessionCore::Release(Hand& hand) {
-    for (const KLVMsgPeer one : hand.peers) {
-        Peer* const peer = m_book.Find(one);
+// Lets go of all but the first ones.
+void KLVMsgSessionCore::Release(Hand& hand, std::size_t kept) {
+    for (; hand.peers.size() > kept; hand.peers.pop_back()) {
+        Peer* const peer = m_book.Find(hand.peers.back());
         if (peer != nullptr && --peer->inHand == 0 && peer->isHalf) {
             EndAnswerless(*peer);
         }
     }
-    hand.peers.clear();
 }
 
 // The thread has a message of this peer now: with `isNext` instead of what it had.
@@ -332,22 +335,18 @@ void KLVMsgSessionCore::TakeInHand(Peer& peer, bool isNext) {
     if (hand == nullptr) {
         // Threads that have ended are not told apart: the one that came first is let go.
         if (m_hands.size() == kMostHands) {
-            Release(m_hands.front());
+            Release(m_hands.front(), 0);
             m_hands.erase(m_hands.begin());
         }
         hand = &m_hands.emplace_back(Hand{std::this_thread::get_id(), {}});
     }
-    if (!hand->peers.empty() && hand->peers.back() == peer.peer) {
-        return;
+    if (hand->peers.empty() || hand->peers.back() != peer.peer) {
+        hand->peers.push_back(peer.peer);
+        ++peer.inHand;
     }
-    hand->peers.push_back(peer.peer);
-    ++peer.inHand;
-    if (isNext && hand->peers.size() > 1) {
-        Hand before{hand->thread, {}};
-        before.peers.swap(hand->peers);
-        hand->peers.push_back(before.peers.back());
-        before.peers.pop_back();
-        Release(before);
+    if (isNext) {
+        std::swap(hand->peers.front(), hand->peers.back());
+        Release(*hand, 1);
     }
 }
 
@@ -393,8 +392,8 @@ void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrival
         return;
     }
     Peer& peer = *static_cast<Peer*>(link.client);
+    std::uint32_t type = KLVMsgMessageTypes::kNone;
     try {
-        std::uint32_t type = KLVMsgMessageTypes::kNone;
         for (KLVMsgParcel::Owner& parcel : arrivals.messages) {
             if (type != KLVMsgMessageTypes::kNone && type != parcel->type) {
                 WakeReceivers(type);
@@ -402,9 +401,6 @@ void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrival
             type = parcel->type;
             m_inbox.Push(peer.sent, std::move(parcel));
             ++peer.messagesReceived;
-        }
-        if (type != KLVMsgMessageTypes::kNone) {
-            WakeReceivers(type);
         }
         for (const std::string& name : arrivals.unknown) {
             Tell([&] {
@@ -416,6 +412,9 @@ void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrival
         }
     } catch (const std::bad_alloc&) {
         link.connection.End(KLVMsgEvent::kNoMemory, "there was no memory for what came");
+    }
+    if (type != KLVMsgMessageTypes::kNone) {
+        WakeReceivers(type);
     }
     LimitReading(peer);
     if (peer.isReadingPaused) {

@@ -70,16 +70,18 @@ KLVMsgOutcome KLVMsgSessionCore::PostToMany(Lock& lock, const KLVMsgPeers& to,
         return Gone(to);
     }
     KLVMsgOutcome outcome;
+    for (const Peer* const peer : meant) {
+        outcome = outcome ? WhyNot(*peer, bytes) : outcome;
+    }
+    if (!outcome) {
+        return outcome;
+    }
     for (Peer* const peer : meant) {
-        KLVMsgOutcome one = WhyNot(*peer, bytes);
-        if (one && !HasRoom(*peer, bytes.Size())) {
-            TellLeftOut(*peer);
-            one = NoRoom();
-        }
-        if (one) {
+        if (HasRoom(*peer, bytes.Size())) {
             Deliver(lock, *peer, bytes, nullptr, meant.size() == 1);
         } else {
-            outcome = std::move(one);
+            TellLeftOut(*peer);
+            outcome = NoRoom();
         }
     }
     return outcome;
@@ -135,7 +137,7 @@ KLVMsgOutcome KLVMsgSessionCore::Send(const KLVMsgPeers& to, KLVMsgSocketMessage
         return LeaveOut(delivery, !isOne);
     }
     if (delivery.failed) {
-        return {KLVMsgOutcome::kPeerGone, m_isEnded ? ESHUTDOWN : ENOTCONN, delivery.cause};
+        return {KLVMsgOutcome::kPeerGone, m_isEnding ? ESHUTDOWN : ENOTCONN, delivery.cause};
     }
     return outcome;
 }
@@ -152,7 +154,8 @@ void KLVMsgSessionCore::RetryRoomless(Lock& lock, KLVMsgDelivery& delivery,
             continue;
         }
         if (!isThere) {
-            delivery.Fail(m_book.WhyGone(delivery.roomless[i]));
+            delivery.Fail(m_isEnding ? "the session has ended"
+                                     : m_book.WhyGone(delivery.roomless[i]));
         }
         delivery.roomless.erase(delivery.roomless.begin() + static_cast<std::ptrdiff_t>(i));
         if (isThere) {
@@ -181,6 +184,7 @@ void KLVMsgSessionCore::Withdraw(KLVMsgDelivery& delivery) {
         }
     });
     delivery.left = 0;
+    WakeRoomless();
 }
 
 void KLVMsgSessionCore::TellLeftOut(const Peer& peer) {

@@ -1,0 +1,128 @@
+// The vocabulary of the session's tests: messages, sessions in pairs, and what happened.
+#pragma once
+
+#include <KLVMsgSession.h>
+
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "Support.h"
+
+using namespace std::chrono_literals;
+
+// Longer than any test may take: who waits that long has missed its wake-up.
+inline const KLVMsgTimeLimit ever(1h);
+
+// A framed message; some texts make its own code misbehave, as `hook` does.
+struct Word : KLVMsgFramedMessage {
+    explicit Word(std::string content = "") : text(std::move(content)) {}
+    bool Encode(std::string& bytes) const override {
+        hook(text);
+        return bytes = text, text != "not encoded";
+    }
+    bool Decode(std::string_view bytes) override {
+        text = bytes;
+        return text == "throws at the receiver" ? throw 1 : text != "refused";
+    }
+    KLVMsgSocketMessage* NewInstance() override { return new Word; }
+    KLVString GetMessageType() const override { return "Word"; }
+
+    static inline std::function<void(const std::string& text)> hook = [](const std::string&) {};
+    std::string text;
+};
+struct Other : Word {
+    using Word::Word;
+    KLVMsgSocketMessage* NewInstance() override { return new Other; }
+    KLVString GetMessageType() const override { return "Other"; }
+};
+
+// A class that moves its body itself: a length of one byte, and the text. One of 255 is none.
+struct Bare : KLVMsgSocketMessage {
+    explicit Bare(std::string content = "") : text(std::move(content)) {}
+    int WriteMessage(KLVMsgOutputStream* stream) override {
+        int count = 0;
+        std::string bytes = static_cast<char>(text.size()) + text;
+        stream->write(bytes.data(), static_cast<int>(bytes.size()), count);
+        return 1;
+    }
+    int ReadMessage(KLVMsgInputStream* stream) override {
+        int count = 0;
+        unsigned char length = 0;
+        stream->read(&length, 1, count);
+        text.resize(length == 255 ? throw 1 : length);
+        stream->read(text.data(), length, count);
+        return count == length;
+    }
+    KLVMsgSocketMessage* NewInstance() override { return new Bare; }
+    KLVString GetMessageType() const override { return "Bare"; }
+    std::string text;
+};
+
+inline std::string WordBytes(const std::string& text) { return TextBytes("Word", text); }
+inline const KLVMsgSocketAddress anyPort("127.0.0.1", 0);
+inline KLVMsgSocketAddress At(int port) { return {"127.0.0.1", port}; }
+
+// A session that serves.
+struct Session : KLVMsgSession {
+    explicit Session(const KLVMsgSessionOptions& options = {}) : KLVMsgSession(options) {
+        Register(Word());
+        Register(Other());
+        Register(Bare());
+        Serve(anyPort, &port);
+        Start();
+    }
+
+    // The next word's text, or why there is none.
+    template <class Message = Word, class... From>
+    std::string Next(From... from) {
+        const auto word = Receive<Message>(ever, KLVMsgPeers(from)...);
+        return word ? word->text : word.KLVMsgOutcome::text;
+    }
+
+    // The next event of this kind, whatever was before it.
+    KLVMsgEvent Await(KLVMsgEvent::Kind kind) {
+        for (;;) {
+            KLVMsgEvent event = NextEvent(ever);
+            if (!event || event.kind == kind) {
+                return event;
+            }
+        }
+    }
+
+    // The next connection that comes, under a label.
+    KLVMsgPeer Came(const std::string& label = "") {
+        const KLVMsgPeer peer = Await(KLVMsgEvent::kCame).peer;
+        SetLabel(peer, label);
+        return peer;
+    }
+
+    int port = 0;
+};
+
+// Two, connected with each other: each is the other one's "peer".
+struct Pair {
+    explicit Pair(const KLVMsgSessionOptions& options = {}) : here(options) {
+        EXPECT_TRUE(here.Connect(At(there.port), "peer", ever));
+        me = there.Came("peer");
+        peer = here.Came("peer");
+    }
+    // Otherwise each would wait for the answers that the other one may still give.
+    ~Pair() { here.Disconnect("peer"), there.Disconnect("peer"); }
+    Session here, there;
+    KLVMsgPeer me, peer;  // as the other one knows us, and as we know it
+};
+
+// A session and a connection to it whose other end does what a test says, and at first nothing.
+struct MutePair {
+    explicit MutePair(const KLVMsgSessionOptions& options = {}) : session(options) {
+        id = session.Came("mute");
+    }
+    Session session;
+    PlainPeer mute{session.port};
+    KLVMsgPeer id;
+};
+
+// More than the sockets of a connection hold: with a peer that does not read, all that is queued
+// behind it waits.
+inline const Word flood(std::string(std::size_t{24} << 20, 'x'));
