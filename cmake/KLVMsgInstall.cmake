@@ -11,38 +11,18 @@ file(GLOB message_headers CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/KLVMsgKit/ProtectedInterfaces/*.h)
 
 # The libraries are looked up beside each other, so that the installed tree can be moved.
-set(libraries KLVMsgCommModules KLVMsgKit)
+set(libraries KLVMsgKit KLVMsgCommModules)
 if(NOT KLVMSG_BASE_TARGET)
   list(APPEND libraries KLVBase)
 endif()
 set_target_properties(${libraries} PROPERTIES INSTALL_RPATH "$ORIGIN")
 
-# An application's own base belongs to the application: its headers, its library and the package
-# files that name it are not ours to install.
 if(KLVMSG_BASE_TARGET)
   set(base_headers ${templates})
-  install(TARGETS ${libraries}
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
-  install(FILES ${base_headers} ${message_headers}
-    DESTINATION ${include_dir} COMPONENT development)
-  return()
 endif()
-
 install(TARGETS ${libraries} EXPORT KLVMsgCommModulesTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 install(FILES ${base_headers} ${message_headers} DESTINATION ${include_dir} COMPONENT development)
-
-# find_package(KLVMsgCommModules)
-configure_package_config_file(cmake/KLVMsgCommModulesConfig.cmake.in
-  ${PROJECT_BINARY_DIR}/KLVMsgCommModulesConfig.cmake INSTALL_DESTINATION ${package_dir}
-  NO_SET_AND_CHECK_MACRO)
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/KLVMsgCommModulesConfigVersion.cmake
-  COMPATIBILITY SameMajorVersion)
-install(FILES ${PROJECT_BINARY_DIR}/KLVMsgCommModulesConfig.cmake
-              ${PROJECT_BINARY_DIR}/KLVMsgCommModulesConfigVersion.cmake
-  DESTINATION ${package_dir} COMPONENT development)
-install(EXPORT KLVMsgCommModulesTargets NAMESPACE KLVMsgCommModules::
-  DESTINATION ${package_dir} COMPONENT development)
 
 # pkg-config KLVMsgCommModules: with the system's own prefix plain paths, otherwise such that start
 # from where the file itself stands, since that tree can be moved.
@@ -58,9 +38,29 @@ else()
   set(pc_libdir \${pcfiledir}/..)
   set(pc_includedir \${pcfiledir}/${pc_includedir})
 endif()
+list(TRANSFORM libraries PREPEND -l OUTPUT_VARIABLE pc_libs)
+list(JOIN pc_libs " " pc_libs)
 configure_file(cmake/KLVMsgCommModules.pc.in ${PROJECT_BINARY_DIR}/KLVMsgCommModules.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/KLVMsgCommModules.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+# An application's own base belongs to the application: the package files that name it, and tools that
+# would not find it, are not ours to install.
+if(KLVMSG_BASE_TARGET)
+  return()
+endif()
+
+# find_package(KLVMsgCommModules)
+configure_package_config_file(cmake/KLVMsgCommModulesConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/KLVMsgCommModulesConfig.cmake INSTALL_DESTINATION ${package_dir}
+  NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KLVMsgCommModulesConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KLVMsgCommModulesConfig.cmake
+              ${PROJECT_BINARY_DIR}/KLVMsgCommModulesConfigVersion.cmake
+  DESTINATION ${package_dir} COMPONENT development)
+install(EXPORT KLVMsgCommModulesTargets NAMESPACE KLVMsgCommModules::
+  DESTINATION ${package_dir} COMPONENT development)
 
 # The command-line peer, and the dissector where a Wireshark of the same prefix looks for it.
 if(TARGET klvmsgcat)

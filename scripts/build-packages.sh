@@ -69,19 +69,20 @@ write_copyright() {
 
 # Weak symbols come from templates and inline functions: it is the compiler's choice which of them there
 # are. A symbol has the version that brought it, or has been there from the first one.
-write_symbols() {
-  local library
-  for library in KLVBase KLVMsgCommModules; do
-    echo "lib$library.so.${version%%.*} libklvmsgcommmodules${version%%.*} #MINVER#"
+write_symbols() {  # PACKAGE LIBRARY...
+  local package=$1${version%%.*} library
+  for library in "${@:2}"; do
+    echo "lib$library.so.${version%%.*} $package #MINVER#"
     echo "* Build-Depends-Package: libklvmsgcommmodules-dev"
     awk '{ print " " ($2 ~ /^[TBDR]$/ ? "" : "(optional)") $1 "@Base " ($3 == "" ? "1.0.0" : $3) }' \
       "abi/$library.symbols"
-  done >"$debian/libklvmsgcommmodules${version%%.*}.symbols"
+  done >"$debian/$package.symbols"
 }
 
 write_changelog
 write_copyright
-write_symbols
+write_symbols libklvmsgcommmodules KLVBase KLVMsgCommModules
+write_symbols libklvmsgkit KLVMsgKit
 [ "$(dpkg-parsechangelog -l "$debian/changelog" -S Version)" = "$version" ] ||
   { echo "CHANGELOG.md does not begin with version $version" >&2; exit 1; }
 SOURCE_DATE_EPOCH=$(dpkg-parsechangelog -l "$debian/changelog" -S Timestamp)

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Compares the binary interface with the baseline in abi/; with --accept, writes the baseline anew.
+# Compares the binary interface with the baseline in abi/; with --accept, writes the baseline anew, of all
+# libraries or of those that are named: check-abi.sh [--accept [LIBRARY...]]
 #
 # For each library, abi/*.symbols lists what it exports, with the version that brought it where that is
 # not the first one, and abi/*.abi describes the functions and the
@@ -9,17 +10,21 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/setup.sh
 
-accept=no
-case "$*" in
-  "") ;;
-  --accept) accept=yes ;;
-  *) echo "usage: check-abi.sh [--accept]" >&2; exit 2 ;;
+libraries=(KLVBase KLVMsgCommModules KLVMsgKit)
+accepted=()
+case "$#:${1:-}" in
+  0:) ;;
+  1:--accept) accepted=("${libraries[@]}") ;;
+  *:--accept) accepted=("${@:2}") ;;
+  *) echo "usage: check-abi.sh [--accept [LIBRARY...]]" >&2; exit 2 ;;
 esac
+for library in "${accepted[@]}"; do
+  [[ " ${libraries[*]} " = *" $library "* ]] || { echo "there is no library $library" >&2; exit 2; }
+done
 need_packages cmake g++ make binutils abigail-tools
 
 build=build/abi
 mkdir -p "$build"
-libraries=(KLVBase KLVMsgCommModules)
 own='^(void )?(KLV|omi_|mem_|aio_|(VORFatalError|BtreeCompare|Startup|endl|printError)\()'
 
 # Always built the same way, and with no path of this machine in the debugging information.
@@ -35,7 +40,7 @@ fi
 rm -rf "$build/headers"
 mkdir "$build/headers"
 cp KLVBase/ProtectedInterfaces/*.h KLVBase/Containers/*.h \
-  KLVMsgCommServices/ProtectedInterfaces/*.h "$build/headers"
+  KLVMsgCommServices/ProtectedInterfaces/*.h KLVMsgKit/ProtectedInterfaces/*.h "$build/headers"
 
 describe() {  # LIBRARY: what it is now, in the build directory
   local file=$build/lib$1.so
@@ -82,14 +87,14 @@ for library in "${libraries[@]}"; do
 done
 [ $failed = no ] || exit 1
 
-if [ $accept = yes ]; then
-  mkdir -p abi && touch abi/{KLVBase,KLVMsgCommModules}.symbols
-  for library in "${libraries[@]}"; do
+if [ ${#accepted[@]} -gt 0 ]; then
+  for library in "${accepted[@]}"; do
+    touch "abi/$library.symbols"
     with_versions "$library" >"$build/$library.accepted"
     mv "$build/$library.accepted" "abi/$library.symbols"
     cp "$build/$library.abi" abi/
   done
-  echo "The baseline in abi/ is now the interface as it stands; commit it with the change."
+  echo "The baseline of ${accepted[*]} in abi/ is now the interface as it stands; commit it with the change."
   exit
 fi
 

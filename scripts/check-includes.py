@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Fails when a file of the library includes one of a floor above its own, or when the units of a floor
-(a header and its source, or a family of them) include each other in a circle. What includes what comes
-from the compiler."""
+"""Fails when a file of the library includes one of a floor above its own, when the session includes one
+of the singletons, or when the units of a floor (a header and its source, or a family of them) include each
+other in a circle. What includes what comes from the compiler."""
 
 import os
 import subprocess
@@ -24,7 +24,16 @@ FLOORS = (
     "KLVMsgElementFunctions",
     "KLVMsgChannelOrganizer KLVMsgChannelWaitable KLVMsgChannelWait KLVMsgCycle",
     "KLVMsgSocketCommunicator KLVMsgMessageTask",
-    "KLVMsgCommModules KLVMsgKit/",
+    "KLVMsgCommModules",
+    # The session, from its first floor to its fifth.
+    "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
+    "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage "
+    "KLVMsgMessageTypes KLVMsgParcel KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
+    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets",
+    "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
+    "KLVMsgLoop",
+    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
+    "KLVMsgPeerBook KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
     "examples/",
 )
 
@@ -35,7 +44,12 @@ FAMILIES = (
     "KLVMsgMessageQuery KLVMsgMessageQueryByType",
     "KLVMsgStream KLVMsgInputStream KLVMsgOutputStream KLVMsgSimpleInputStream "
     "KLVMsgBufferedOutputStream",
+    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving",
 )
+
+# What the session does without: the two singletons with all that stands around them.
+NOT_IN_KIT = ("KLVMsgCommModules.h", "KLVMsgSocketCommunicator.h", "KLVMsgConnectionServicesUtils.h",
+              "KLVBasAtiGlobalSingleton.h")
 
 # The one arrow up: the registry keeps prototypes by pointer, and calls their NewInstance.
 MEANT = {("KLVMsgConnectionServicesUtils.cpp", "KLVMsgSocketMessage.h")}
@@ -78,6 +92,13 @@ def arrows_up(uses):
                             for between in used - {other})
             if up > own and drawn and (os.path.basename(file), os.path.basename(other)) not in MEANT:
                 yield f"{file}, floor {own}, includes {other}, floor {up}"
+
+
+def singletons_in_kit(uses):
+    for file, used in sorted(uses.items()):
+        for other in sorted(used):
+            if file.startswith("KLVMsgKit/") and os.path.basename(other) in NOT_IN_KIT:
+                yield f"{file} includes {other}, which the session does without"
 
 
 def unit(path):
@@ -123,7 +144,7 @@ def circles(uses):
 
 def main():
     uses = included()
-    found = [*arrows_up(uses), *circles(uses)]
+    found = [*arrows_up(uses), *singletons_in_kit(uses), *circles(uses)]
     if found:
         sys.exit("\n".join(found))
     print(f"{len(uses)} files include from their own floor and those below, in no circle.")

@@ -12,10 +12,14 @@
 #include "Outcome.h"
 
 // A session with the prototypes of what may come. A peer that stops in the middle of a message is
-// given up when the time is over.
+// given up when the time is over, unless options say otherwise.
 struct Talk : KLVMsgSession {
     template <class... Messages>
-    explicit Talk(const Messages&... prototypes) : KLVMsgSession(Options()) {
+    explicit Talk(const Messages&... prototypes) : Talk(Options(), prototypes...) {}
+
+    template <class... Messages>
+    explicit Talk(const KLVMsgSessionOptions& options, const Messages&... prototypes)
+        : KLVMsgSession(options) {
         (Check(Register(prototypes)), ...);
     }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <KLVMsgOutcome.h>
+#include <KLVMsgPeer.h>
 #include <KLVMsgSocketAddress.h>
 #include <KLVMsgSocketMessage.h>
 #include <KLVMsgTimeLimit.h>

@@ -1,5 +1,7 @@
 // A session that loses its peer and carries on when it comes back: a watcher asks a thermometer for
 // readings; the thermometer ends after a few, and another one takes its place.
+#include <KLVBasUtlsleep.h>
+
 #include "Talk.h"
 
 static const char usage[] = R"(usage: reconnect [--timeout SECONDS]

@@ -324,7 +324,7 @@ class Klvmsgcat(ProgramTest):
 
 class Others(ProgramTest):
     def test_each_tells_its_help_and_version(self):
-        for name in ("exchange", "klvmsgcat", "pubsub", "workers"):
+        for name in ("exchange", "klvmsgcat", "ownloop", "pubsub", "slow", "workers"):
             usage = self.ends(0, name, "--help").output()
             self.assertTrue(usage.startswith(b"usage: %b " % name.encode()), usage)
             version = self.ends(0, name, "--version").output()
@@ -431,6 +431,20 @@ class Others(ProgramTest):
     def test_a_watcher_carries_on_with_the_next_thermometer(self):
         watched = self.ends(0, "reconnect")
         watched.says(rb"reading 3: 20.3 degrees\nwaiting for a thermometer\nreading 4: 20.4 degrees")
+
+    def test_a_loop_of_ones_own_answers_while_its_timer_runs(self):
+        counted = self.ends(0, "ownloop")
+        counted.says(rb": a connection\n(?s:.)*: the peer has closed\n")
+        self.assertEqual(6, len(re.findall(rb"it has come to \d+\n", counted.output())))
+
+    def test_a_slow_subscriber_is_dropped_and_the_brisk_one_misses_nothing(self):
+        slow = self.ends(0, "slow")
+        slow.says(rb"the slow subscriber stalls\n")
+        behind = int(slow.says(rb"the slow subscriber is dropped, (\d+) messages behind\n")[1])
+        self.assertIn(behind, range(1, 17))  # as far as its queue goes
+        had = int(slow.says(rb"the brisk subscriber has had (\d+) items\n")[1])
+        slow.says(rb"published %d items\n" % had)
+        self.assertLess(int(slow.says(rb"dropped after (\d+) items\n")[1]), had)
 
     def test_bodies_of_other_libraries_come_back(self):
         for name, says in (("protobuf", rb"100 x bolt: 2000 cents\n(?s:.)*to pay: 8000 cents"),
