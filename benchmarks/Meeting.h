@@ -32,8 +32,8 @@ Result Apart(Work work) {
     return process.Hear<Result>();
 }
 
-// The server, which is this process, and its clients in another one. Each client has said who it is.
-// A talk that is over is left by the end of both processes.
+// The server, which is this process, and its clients in another one. Each client has said who it
+// is. A talk that is over is left by the end of both processes.
 class Meeting {
 public:
     // What the clients do is their process's; it does not return.

@@ -264,7 +264,7 @@ void RunAll() {
     OneWayShort(1);
     OneWayShort(100);
     OneWayOverWire();
-    for (const std::size_t kibibytes : {1, 64, 1024}) {
+    for (const std::size_t kibibytes : {1U, 64U, 1024U}) {
         OneWayLong(kibibytes << 10);
     }
     ThereAndBack();

@@ -1,7 +1,8 @@
-// What a session keeps in memory: by itself, and for each connection on which nothing happens any more.
+// What a session keeps in memory: by itself, and for each connection on which nothing happens any
+// more.
 //
-// Resident memory of a process before and after, in bytes; the system's own, for its sockets, is not
-// in it. One line of JSON for each figure, as benchsession has them.
+// Resident memory of a process before and after, in bytes; the system's own, for its sockets, is
+// not in it. One line of JSON for each figure, as benchsession has them.
 #include <KLVMsgSession.h>
 
 #include <fstream>

@@ -1,7 +1,7 @@
 // The contenders of the session's benchmark: what an application talks through.
 //
-// Each hands over bodies that it has put together from a stamp and a filling, with one copy, and looks
-// at what has come where its library has put it.
+// Each hands over bodies that it has put together from a stamp and a filling, with one copy, and
+// looks at what has come where its library has put it.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@
 
 namespace bench {
 
-// The first 16 bytes of every body. A lane is what keeps an order: a connection, or a thread of those
-// that send on the same one.
+// The first 16 bytes of every body. A lane is what keeps an order: a connection, or a thread of
+// those that send on the same one.
 struct Stamp {
     std::uint64_t lane;
     std::uint64_t number;
@@ -40,8 +40,8 @@ public:
     virtual int Listen(const std::string& host) = 0;  // returns the port
     virtual void Connect(const std::string& host, int port, int connections) = 0;
 
-    // Of a client. Waits where the contender holds its sender back. Only a session's may be called on
-    // several threads.
+    // Of a client. Waits where the contender holds its sender back. Only a session's may be called
+    // on several threads.
     virtual void Send(std::size_t connection, const Stamp& stamp) = 0;
 
     // Waits, and appends the stamps of at least one message, in the order in which they came.

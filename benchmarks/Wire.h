@@ -1,4 +1,4 @@
-// Two network namespaces with an Ethernet between them, whose segments are those of a local network.
+// Two network namespaces and an Ethernet between them, whose segments are a local network's.
 #pragma once
 
 #include <fcntl.h>
@@ -16,12 +16,11 @@ public:
           m_far([](Process& main) { Hold(main, "far", farHost); }) {
         const std::string near = std::to_string(m_near.Id());
         const std::string far = std::to_string(m_far.Id());
-        const bool mayHave = m_near.Hear<bool>() & m_far.Hear<bool>();
-        const bool has = mayHave && Run("ip link add name near mtu 1500 netns " + near +
-                                        " type veth peer name far mtu 1500 netns " + far);
+        const bool has = BothHave() && Run("ip link add name near mtu 1500 netns " + near +
+                                           " type veth peer name far mtu 1500 netns " + far);
         m_near.Tell(has);
         m_far.Tell(has);
-        m_isThere = m_near.Hear<bool>() & m_far.Hear<bool>();
+        m_isThere = BothHave();
     }
 
     bool IsThere() const { return m_isThere; }
@@ -43,6 +42,12 @@ private:
         for (;;) {
             pause();
         }
+    }
+
+    // Hears both, whatever the first one says.
+    bool BothHave() {
+        const bool nearHas = m_near.Hear<bool>();
+        return m_far.Hear<bool>() && nearHas;
     }
 
     static bool Run(const std::string& command) {
