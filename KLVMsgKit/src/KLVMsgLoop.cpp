@@ -19,7 +19,7 @@ constexpr std::uint64_t kWakeUp = 0;  // no connection has this id
 constexpr int kMostEvents = 256;
 constexpr int kMostAccepted = 64;                            // of one socket in a round
 constexpr std::size_t kMostWritten = std::size_t{64} << 10;  // of one connection in a round
-constexpr std::size_t kMostRuns = 64;                        // the same
+constexpr std::size_t kMostRuns = 32;                        // the same
 constexpr std::size_t kWorthWhile = std::size_t{4} << 10;    // bytes to send at a time
 constexpr std::chrono::microseconds kLongestGathering(500);
 constexpr std::chrono::milliseconds kFirstPause(10);

@@ -5,10 +5,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
+
+#include "KLVMsgFifo.h"
 
 // Bytes in the order in which they go, and where each message ends. Bytes are counted from the
 // connection's beginning: a position is how many stand before it.
@@ -28,7 +29,7 @@ public:
 
     // Bytes for one call of the system.
     struct Run {
-        static constexpr int kMostPieces = 6;
+        static constexpr int kMostPieces = 4;
 
         iovec pieces[kMostPieces];
         int count = 0;
@@ -89,8 +90,8 @@ private:
     std::size_t RunSize(Position begin, std::size_t segment) const;
     void CutPieces(std::size_t before, std::size_t count);
 
-    std::deque<Piece> m_pieces;
-    std::deque<Position> m_ends;  // of the messages that are queued or partly gone
+    KLVMsgFifo<Piece> m_pieces;
+    KLVMsgFifo<Position> m_ends;  // of the messages that are queued or partly gone
     Position m_appended = 0;
     Position m_taken = 0;
     Position m_start = 0;  // of the first message that is not wholly gone

@@ -36,6 +36,11 @@ void KLVMsgPeerBook::Find(const KLVMsgPeers& meant, std::vector<Peer*>& found) {
 }
 
 bool KLVMsgPeerBook::IsAnyThere(const KLVMsgPeers& meant) {
+    if (meant.HowMeant() == KLVMsgPeers::kAll) {
+        // Mostly the first one is.
+        return std::any_of(m_peers.begin(), m_peers.end(),
+                           [](const auto& one) { return one.second->IsThere(); });
+    }
     bool isAny = false;
     ForMeant(meant, [&](const Peer& peer) { isAny = isAny || peer.IsThere(); });
     return isAny;

@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "KLVMsgEvent.h"
+#include "KLVMsgFifo.h"
 #include "KLVMsgInbox.h"
 #include "KLVMsgLoop.h"
 #include "KLVMsgPeer.h"
@@ -36,7 +36,7 @@ struct KLVMsgSessionPeer : KLVMsgLoop::Client {
     std::string address;
     KLVMsgLoop::LinkPtr link;  // null when it is over
     KLVMsgInbox::Sender sent;  // what it has sent and nobody has asked for
-    std::deque<Awaited> awaited;
+    KLVMsgFifo<Awaited> awaited;
     std::size_t cost = 0;    // of its output, as far as the session has counted it
     std::size_t inHand = 0;  // threads that have its message and have not asked for the next one
     bool isTold = false;     // that it has gone
