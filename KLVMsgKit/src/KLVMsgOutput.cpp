@@ -53,11 +53,11 @@ std::size_t KLVMsgOutput::RunSize(std::size_t segment) const {
         return std::min(queued, kMostAtOnce);
     }
     const auto first = static_cast<std::size_t>(m_ends.front() - m_taken);
-    if (m_taken != m_start || first >= segment) {
+    const std::size_t most = std::min(segment, kMostAtOnce);
+    if (m_taken != m_start || first >= most) {
         return std::min(first, kMostAtOnce);
     }
-    const Position limit = m_taken + std::min(segment, kMostAtOnce);
-    const auto past = std::upper_bound(m_ends.begin(), m_ends.end(), limit);
+    const auto past = std::upper_bound(m_ends.begin(), m_ends.end(), m_taken + most);
     return static_cast<std::size_t>(*std::prev(past) - m_taken);
 }
 
