@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <utility>
 
 KLVMsgOutput::Position KLVMsgOutput::Append(std::string_view head, std::string_view body,
@@ -114,10 +115,12 @@ bool KLVMsgOutput::CutOut(Position begin, Position end) {
 
 // Removes bytes from the pieces, and pieces that are empty then.
 void KLVMsgOutput::CutPieces(std::size_t before, std::size_t count) {
+    std::size_t start = 0;  // of the piece, from the first byte that has not gone
     for (auto piece = m_pieces.begin(); count != 0;) {
         const std::size_t size = piece->end - piece->begin;
         if (before >= size) {
             before -= size;
+            start += size;
             ++piece;
             continue;
         }
@@ -131,8 +134,27 @@ void KLVMsgOutput::CutPieces(std::size_t before, std::size_t count) {
         char* const from = piece->block.get() + piece->begin + before;
         std::memmove(from, from + cut, size - before - cut);
         piece->end -= cut;
+        if (start >= m_out) {
+            Shrink(*piece);
+        }
+        start += size - cut;
         before = 0;
         ++piece;
+    }
+}
+
+// A block of which little is left takes no more memory than that. Where there is none to move it to it
+// stays as it is.
+void KLVMsgOutput::Shrink(Piece& piece) {
+    const std::size_t size = piece.end - piece.begin;
+    if (piece.room <= kFirstBlock || size > piece.room / 4) {
+        return;
+    }
+    if (char* const smaller = new (std::nothrow) char[size]; smaller != nullptr) {
+        std::memcpy(smaller, piece.block.get() + piece.begin, size);
+        piece.block.reset(smaller);
+        piece.room = piece.end = size;
+        piece.begin = 0;
     }
 }
 
