@@ -107,6 +107,9 @@ void KLVMsgConnection::AllowReading(Time now, bool allowed) {
 void KLVMsgConnection::EndOutput(bool discards) {
     m_endWhenEmpty = true;
     m_discards = m_discards || discards;
+    if (m_discards) {
+        m_watch.InputEnded();  // of what comes nothing is due
+    }
 }
 
 bool KLVMsgConnection::CutOut(KLVMsgOutput::Position begin, KLVMsgOutput::Position end) {
