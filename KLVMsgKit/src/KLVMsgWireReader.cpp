@@ -68,7 +68,7 @@ void KLVMsgWireReader::Came(Buffer& buffer, std::size_t count, Arrivals& arrival
         Keep(bytes, isLong);
     } catch (const std::bad_alloc&) {
         m_fault = KLVMsgEvent::kNoMemory;
-        m_faultText.clear();
+        m_faultText = "no memory";  // short enough to need none
     }
 }
 
