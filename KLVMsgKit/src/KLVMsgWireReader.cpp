@@ -225,7 +225,7 @@ bool KLVMsgWireReader::PassOver(std::string_view& bytes) {
             return false;
         }
         const std::size_t length = LengthAt(bytes);
-        if (length > m_largestBody) {
+        if (length > std::max(m_largestBody, m_types.LongestName())) {
             Fail(KLVMsgEvent::kUnknownLength,
                  "a length of " + std::to_string(length) + " behind an unknown type");
             return false;
