@@ -38,7 +38,7 @@ void KLVMsgWireReader::MakeRoom(Buffer& buffer, Space (&spaces)[2]) {
         return;
     }
     const std::size_t kept = m_kept.size();
-    const bool isLong = kept > Buffer::kSize / 2;
+    const bool isLong = kept > kMostCopied;
     if (!isLong) {
         std::copy(m_kept.begin(), m_kept.end(), buffer.Data());
     }
@@ -50,7 +50,7 @@ void KLVMsgWireReader::Came(Buffer& buffer, std::size_t count, Arrivals& arrival
     if (m_fault != KLVMsgEvent::kNoCause) {
         return;
     }
-    const bool isLong = m_kept.size() > Buffer::kSize / 2;
+    const bool isLong = m_kept.size() > kMostCopied;
     try {
         std::string_view bytes;
         if (m_parcel != nullptr) {
