@@ -150,11 +150,11 @@ void KLVMsgOutput::Shrink(Piece& piece) {
     if (piece.room <= kFirstBlock || size > piece.room / 4) {
         return;
     }
-    if (char* const smaller = new (std::nothrow) char[size]; smaller != nullptr) {
-        std::memcpy(smaller, piece.block.get() + piece.begin, size);
-        piece.block.reset(smaller);
-        piece.room = piece.end = size;
-        piece.begin = 0;
+    try {
+        std::unique_ptr<char[]> smaller(new char[size]);
+        std::memcpy(smaller.get(), piece.block.get() + piece.begin, size);
+        piece = {std::move(smaller), nullptr, size, 0, size};
+    } catch (const std::bad_alloc&) {
     }
 }
 

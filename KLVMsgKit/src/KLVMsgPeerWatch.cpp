@@ -2,9 +2,7 @@
 
 #include <algorithm>
 
-void KLVMsgPeerWatch::Came(Time now, bool inMiddle) {
-    m_input = {inMiddle, now, false};
-}
+void KLVMsgPeerWatch::Came(Time now, bool inMiddle) { m_input = {inMiddle, now, false}; }
 
 void KLVMsgPeerWatch::Reads(Time now, bool reads) {
     if (reads != m_reads) {

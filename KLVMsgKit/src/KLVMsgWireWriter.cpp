@@ -82,7 +82,8 @@ KLVMsgOutcome KLVMsgWireWriter::Write(KLVMsgSocketMessage& message,
             return Unfit("a type name is neither empty nor has zero bytes");
         }
         if (m_nameSize > KLVMsgWireReader::kLongestName) {
-            return Unfit("no receiver takes a type name of " + std::to_string(m_nameSize) + " bytes");
+            return Unfit("no receiver takes a type name of " + std::to_string(m_nameSize) +
+                         " bytes");
         }
         AppendLength(m_head, m_nameSize);
         m_head.append(text);
