@@ -65,9 +65,12 @@ TEST_F(ConnectionTest, StallIsToldOnceInEachDirectionUntilAByteMovesThere) {
     EXPECT_FALSE(StallsAfter(29s)) << "bytes that go do not tell it again";
     EXPECT_TRUE(StallsAfter(1s));
     HalfAMessageComes();
-    Run(0, 0);
+    Run(0, 10);
     EXPECT_FALSE(StallsAfter(29s));
+    Run(0, 0);
     EXPECT_TRUE(StallsAfter(1s));
+    Run(0, 10);
+    EXPECT_TRUE(StallsAfter(30s));
     Run(0);
     one->InputEnded();
     EXPECT_FALSE(one->Stalls());
@@ -180,13 +183,14 @@ TEST_F(ConnectionTest, PeerThatEndsItsOutputStillGetsItsAnswer) {
 TEST_F(ConnectionTest, LeaveDropsWhatIsQueuedAndIsOverInTime) {
     Queue({100, 100});
     one->output.Take(0);
-    one->Leave(now + 5s);
+    one->Leave(now + 4s);
     one->Leave(now + 9s);
     EXPECT_TRUE(one->Writes()) << "a run is out";
     one->Took(now, 30, true);
     EXPECT_TRUE(one->EndsOutput() && one->Reads() && one->Discards() && !one->IsFull());
-    EXPECT_EQ(now + 5s, one->NextCheck(now));
-    StallsAfter(4999ms);
+    EXPECT_EQ(0U, one->output.Messages());
+    EXPECT_EQ(now + 4s, one->NextCheck(now));
+    StallsAfter(3999ms);
     EXPECT_FALSE(one->IsOver());
     StallsAfter(1ms);
     EXPECT_EQ(Event::kShutDownHere, one->WhyOver());
