@@ -32,7 +32,7 @@ public:
             m_wanted = m_position + (asked - given);
         }
         m_nothings += given == 0 ? 1 : 0;
-        if (m_nothings == kMostNothings) {
+        if (m_nothings >= kMostNothings) {
             throw AsksForEver();
         }
     }

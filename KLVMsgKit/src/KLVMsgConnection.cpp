@@ -58,6 +58,15 @@ void KLVMsgConnection::DropOutput() {
     m_dropsOutput = true;
     if (!output.IsOut()) {
         output.Clear();
+        OutputShrank();
+    }
+}
+
+// Where nothing is left nothing waits for the system, and the next message need not either.
+void KLVMsgConnection::OutputShrank() {
+    if (output.IsEmpty()) {
+        m_isFull = false;
+        m_watch.OutputDropped();
     }
 }
 
@@ -98,6 +107,15 @@ void KLVMsgConnection::AllowReading(Time now, bool allowed) {
 void KLVMsgConnection::EndOutput(bool discards) {
     m_endWhenEmpty = true;
     m_discards = m_discards || discards;
+    if (m_discards) {
+        m_watch.InputEnded();  // of what comes nothing is due
+    }
+}
+
+bool KLVMsgConnection::CutOut(KLVMsgOutput::Position begin, KLVMsgOutput::Position end) {
+    const bool isCut = output.CutOut(begin, end);
+    OutputShrank();
+    return isCut;
 }
 
 void KLVMsgConnection::Leave(Time limit) {

@@ -72,6 +72,9 @@ public:
     // The peer has ended its output and may wait for an answer, until `limit` at the latest.
     void AwaitAnswer(Time limit) { m_answers = limit; }
 
+    // Takes a message back, as KLVMsgOutput has it.
+    bool CutOut(KLVMsgOutput::Position begin, KLVMsgOutput::Position end);
+
     // Takes leave: what is queued is dropped, what the system has taken still arrives, and what comes
     // is not looked at. Over at `limit` whatever the peer does.
     void Leave(Time limit);
@@ -108,6 +111,7 @@ private:
     void Note(Cause cause, int error, std::string_view text);
     void OverIfBothHaveEnded();
     void DropOutput();
+    void OutputShrank();
 
     const bool m_stallEnds;
     KLVMsgPeerWatch m_watch;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <utility>
 
 KLVMsgOutput::Position KLVMsgOutput::Append(std::string_view head, std::string_view body,
@@ -55,12 +56,12 @@ std::size_t KLVMsgOutput::RunSize(Position begin, std::size_t segment) const {
     const auto first = std::upper_bound(m_ends.begin(), m_ends.end(), begin);
     const Position start = first == m_ends.begin() ? m_start : *std::prev(first);
     const auto rest = static_cast<std::size_t>(*first - begin);
-    if (begin != start || rest >= segment) {
+    const std::size_t most = std::min(segment, kMostAtOnce);
+    if (begin != start || rest >= most) {
         return std::min(rest, kMostAtOnce);
     }
-    const Position limit = begin + std::min(segment, kMostAtOnce);
-    return static_cast<std::size_t>(*std::prev(std::upper_bound(first, m_ends.end(), limit)) -
-                                    begin);
+    const auto past = std::upper_bound(first, m_ends.end(), begin + most);
+    return static_cast<std::size_t>(*std::prev(past) - begin);
 }
 
 KLVMsgOutput::Run KLVMsgOutput::Take(std::size_t segment) {
@@ -122,10 +123,12 @@ bool KLVMsgOutput::CutOut(Position begin, Position end) {
 
 // Removes bytes from the pieces, and pieces that are empty then.
 void KLVMsgOutput::CutPieces(std::size_t before, std::size_t count) {
+    std::size_t start = 0;  // of the piece, from the first byte that has not gone
     for (auto piece = m_pieces.begin(); count != 0;) {
         const std::size_t size = piece->end - piece->begin;
         if (before >= size) {
             before -= size;
+            start += size;
             ++piece;
             continue;
         }
@@ -139,8 +142,27 @@ void KLVMsgOutput::CutPieces(std::size_t before, std::size_t count) {
         char* const from = piece->block.get() + piece->begin + before;
         std::memmove(from, from + cut, size - before - cut);
         piece->end -= cut;
+        if (start >= m_out) {
+            Shrink(*piece);
+        }
+        start += size - cut;
         before = 0;
         ++piece;
+    }
+}
+
+// A block of which little is left takes no more memory than that. Where there is none to move it to it
+// stays as it is.
+void KLVMsgOutput::Shrink(Piece& piece) {
+    const std::size_t size = piece.end - piece.begin;
+    if (piece.room <= kFirstBlock || size > piece.room / 4) {
+        return;
+    }
+    try {
+        std::unique_ptr<char[]> smaller(new char[size]);
+        std::memcpy(smaller.get(), piece.block.get() + piece.begin, size);
+        piece = {std::move(smaller), nullptr, size, 0, size};
+    } catch (const std::bad_alloc&) {
     }
 }
 

@@ -87,6 +87,7 @@ private:
     static constexpr std::size_t kLargestBlock = std::size_t{64} << 10;
 
     Piece NewBlock(std::size_t size) const;
+    static void Shrink(Piece& piece);
     std::size_t RunSize(Position begin, std::size_t segment) const;
     void CutPieces(std::size_t before, std::size_t count);
 

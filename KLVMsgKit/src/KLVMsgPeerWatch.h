@@ -4,8 +4,8 @@
 #include <chrono>
 
 // A peer is dead when its system does not answer any more, and stalls when it answers but does not
-// read, or stops in the middle of a message. A stall is told once, until a byte moves again. It never
-// runs while the session itself does not read. Knows no clock: it is told the time.
+// read, or stops in the middle of a message. A stall is told once in each direction, until a byte moves
+// there again. It never runs while the session itself does not read. Knows no clock: it is told the time.
 class KLVMsgPeerWatch {
 public:
     using Time = std::chrono::steady_clock::time_point;
@@ -37,7 +37,10 @@ public:
     void Took(Time now, bool some, bool waits);
 
     // The peer has ended its output, so nothing is due from it.
-    void InputEnded() { m_inMiddle = false; }
+    void InputEnded() { m_input.isDue = false; }
+
+    // Nothing is queued any more, though not for its having been taken.
+    void OutputDropped() { m_output.isDue = false; }
 
     // Looks at it anew.
     Verdict Check(Time now, const Sample& sample);
@@ -45,19 +48,24 @@ public:
     // When to check next, if nothing else happens; Time::max() when there is nothing to see.
     Time Next(Time now) const;
 
-    bool Stalls() const { return m_stallTold; }
+    bool Stalls() const {
+        return (m_input.isDue && m_input.isTold && m_reads) || (m_output.isDue && m_output.isTold);
+    }
 
 private:
-    bool InputIsDue() const { return m_inMiddle && m_reads; }
+    struct Direction {
+        bool isDue = false;   // a byte
+        Time since{};         // when none has moved
+        bool isTold = false;  // that it stalls
+    };
+
+    Time StallEnds(const Direction& direction) const;
     Time StallEnds() const;
 
     const Limits m_limits;
     bool m_reads = true;
-    bool m_inMiddle = false;
-    Time m_came{};  // since when nothing came, though it is due
-    bool m_waits = false;
-    Time m_took{};        // since when nothing was taken, though it is due
+    Direction m_input;
+    Direction m_output;
     bool m_sent = false;  // something that may not have been acknowledged
     Time m_sentSince{};
-    bool m_stallTold = false;
 };

@@ -174,7 +174,7 @@ void KLVMsgSessionCore::Withdraw(KLVMsgDelivery& delivery) {
         }
         const Peer::Awaited one = *found;
         auto later = peer.awaited.erase(found);
-        if (peer.link != nullptr && peer.link->connection.output.CutOut(one.begin, one.end)) {
+        if (peer.link != nullptr && peer.link->connection.CutOut(one.begin, one.end)) {
             for (; later != peer.awaited.end(); ++later) {
                 later->begin -= one.end - one.begin;
                 later->end -= one.end - one.begin;

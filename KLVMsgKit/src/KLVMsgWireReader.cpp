@@ -37,7 +37,7 @@ void KLVMsgWireReader::MakeRoom(Buffer& buffer, Space (&spaces)[2]) {
         return;
     }
     const std::size_t kept = m_kept.size();
-    const bool isLong = kept > Buffer::kSize / 2;
+    const bool isLong = kept > kMostCopied;
     if (!isLong) {
         std::copy(m_kept.begin(), m_kept.end(), buffer.Data());
     }
@@ -49,7 +49,7 @@ void KLVMsgWireReader::Came(Buffer& buffer, std::size_t count, Arrivals& arrival
     if (m_fault != KLVMsgEvent::kNoCause) {
         return;
     }
-    const bool isLong = m_kept.size() > Buffer::kSize / 2;
+    const bool isLong = m_kept.size() > kMostCopied;
     try {
         std::string_view bytes;
         if (m_parcel != nullptr) {
@@ -67,7 +67,7 @@ void KLVMsgWireReader::Came(Buffer& buffer, std::size_t count, Arrivals& arrival
         Keep(bytes, isLong);
     } catch (const std::bad_alloc&) {
         m_fault = KLVMsgEvent::kNoMemory;
-        m_faultText.clear();
+        m_faultText = "no memory";  // short enough to need none
     }
 }
 
@@ -225,7 +225,7 @@ bool KLVMsgWireReader::PassOver(std::string_view& bytes) {
             return false;
         }
         const std::size_t length = LengthAt(bytes);
-        if (length > m_largestBody) {
+        if (length > std::max(m_largestBody, m_types.LongestName())) {
             Fail(KLVMsgEvent::kUnknownLength,
                  "a length of " + std::to_string(length) + " behind an unknown type");
             return false;

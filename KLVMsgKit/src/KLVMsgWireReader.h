@@ -46,6 +46,8 @@ public:
         std::unique_ptr<char[]> m_data{new char[kSize]};
     };
 
+    static constexpr std::size_t kLongestName = 65535;  // of any sender's, known or not
+
     // What has come of it.
     struct Arrivals {
         std::vector<KLVMsgParcel::Owner> messages;  // in order
@@ -77,8 +79,8 @@ private:
     enum Step { kName, kFrameLength, kFrame, kBare, kPassOver };
 
     static constexpr std::size_t kLength = sizeof(std::uint32_t);
-    static constexpr std::size_t kLongestName = 65535;  // of any sender's, known or not
-    static constexpr std::size_t kMostUnknown = 100;    // names that are remembered
+    static constexpr std::size_t kMostCopied = 4096;  // bytes that wait, with each read
+    static constexpr std::size_t kMostUnknown = 100;  // names that are remembered
 
     // Reads one step from the front; false when it needs more bytes, or a fault was found.
     bool Next(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals);

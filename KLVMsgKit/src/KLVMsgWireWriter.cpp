@@ -11,6 +11,7 @@
 #include "KLVMsgFramedMessage.h"
 #include "KLVMsgOutputStream.h"
 #include "KLVMsgSocketMessage.h"
+#include "KLVMsgWireReader.h"
 
 namespace {
 
@@ -81,6 +82,10 @@ KLVMsgOutcome KLVMsgWireWriter::Write(KLVMsgSocketMessage& message,
         const std::string_view text(name.Text(), m_nameSize);
         if (text.empty() || text.find('\0') != std::string_view::npos) {
             return Unfit("a type name is neither empty nor has zero bytes");
+        }
+        if (m_nameSize > KLVMsgWireReader::kLongestName) {
+            return Unfit("no receiver takes a type name of " + std::to_string(m_nameSize) +
+                         " bytes");
         }
         std::string& head = m_scratch->head;
         head.resize(kLength + m_nameSize + (framed != nullptr ? kLength : 0));

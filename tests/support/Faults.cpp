@@ -24,8 +24,6 @@ std::atomic<std::size_t> refusedSize{0};
 thread_local int allocations = 0;
 thread_local int failing = -1;  // the one to fail, counted like `allocations`
 
-bool Fails() { return Exempt::depth == 0 && ++allocations == failing; }
-
 // What stands behind the function of this name here.
 template <class Function>
 Function* Next(Function*, const char* name) {
@@ -85,25 +83,27 @@ Result Pass(Result (*function)(Parameters...), SystemCall&& call, Arguments... a
 
 }  // namespace
 
+bool AllocationFails() { return Exempt::depth == 0 && ++allocations == failing; }
+
 void* operator new(std::size_t size) {
     static auto* const next = Next<void*(std::size_t)>(nullptr, "_Znwm");
-    return Fails() ? throw std::bad_alloc() : next(size);
+    return AllocationFails() ? throw std::bad_alloc() : next(size);
 }
 
 void* mem_OperatorNewThrow(std::size_t size) {
     static auto* const next = Next(&mem_OperatorNewThrow, "_Z20mem_OperatorNewThrowm");
-    return Counted(Fails() ? throw std::bad_alloc() : next(size));
+    return Counted(AllocationFails() ? throw std::bad_alloc() : next(size));
 }
 
 void* mem_OperatorNewThrowBuiltin(std::size_t size) {
     static auto* const next =
         Next(&mem_OperatorNewThrowBuiltin, "_Z27mem_OperatorNewThrowBuiltinm");
-    return Counted(Fails() ? throw std::bad_alloc() : next(size));
+    return Counted(AllocationFails() ? throw std::bad_alloc() : next(size));
 }
 
 void* mem_Malloc(std::size_t size) {
     static auto* const next = Next(&mem_Malloc, "_Z10mem_Mallocm");
-    if (Fails() || (size >> 30 != 0 && size >> 32 == 0) || !WatchedMutex::available) {
+    if (AllocationFails() || (size >> 30 != 0 && size >> 32 == 0) || !WatchedMutex::available) {
         refusedSize = size;
         return nullptr;
     }

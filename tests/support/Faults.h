@@ -37,6 +37,9 @@ private:
     const int m_before = Allocations();
 };
 
+// Counts an allocation that is about to be made, and tells whether it is the one to fail.
+bool AllocationFails();
+
 // What this thread does meanwhile is the test's own: its allocations are not counted, and neither
 // they nor its system calls are made to fail.
 class Exempt {
