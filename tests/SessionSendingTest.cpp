@@ -133,12 +133,13 @@ TEST(SessionSending, TheQueuesOfAllHaveALimitTogether) {
 }
 
 TEST(SessionSending, WhatIsTooLateIsTakenBackAndLeavesItsRoomToOthers) {
+    constexpr std::size_t kLarge = std::size_t{20} << 20;
     KLVMsgSessionOptions options;
-    options.queueLimit = kFloodSize + 100000;
+    options.queueLimit = std::size_t{45} << 20;
     MutePair pair(options);
     pair.session.Post("mute", flood);
     const auto send = [&](char letter, KLVMsgTimeLimit limit) {
-        return pair.session.Send(pair.id, Word(std::string(60000, letter)), limit);
+        return pair.session.Send(pair.id, Word(std::string(kLarge, letter)), limit);
     };
     auto late = std::async(send, 'a', 300ms);
     EXPECT_TRUE(Eventually([&] { return pair.session.Counts("mute").messagesQueued == 2; }));
@@ -147,7 +148,8 @@ TEST(SessionSending, WhatIsTooLateIsTakenBackAndLeavesItsRoomToOthers) {
     EXPECT_TRUE(Eventually([&] { return pair.session.Counts("mute").messagesQueued == 2; }));
     pair.session.Post("mute", Word("end"));
     pair.mute.Receive(kFloodSize);
-    EXPECT_EQ(WordBytes(std::string(60000, 'b')) + WordBytes("end"), pair.mute.Receive(60027));
+    EXPECT_EQ(WordBytes(std::string(kLarge, 'b')) + WordBytes("end"),
+              pair.mute.Receive(kLarge + 27));
     EXPECT_TRUE(next.get());
 }
 

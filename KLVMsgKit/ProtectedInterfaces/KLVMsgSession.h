@@ -172,7 +172,8 @@ public:
     std::vector<KLVMsgPeer> Peers(const KLVMsgPeers& meant);
 
     // Ends those connections: what is queued for them is dropped, and what the system has taken still
-    // arrives. What has come from them may still be received. Peer gone: there is none.
+    // arrives if the peer reads it within five seconds. What has come from them may still be received.
+    // Peer gone: there is none.
     KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
 
     // Waits until no such connection is there.

@@ -3,9 +3,12 @@
 #include <dlfcn.h>
 #include <linux/futex.h>
 #include <netdb.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <array>
@@ -83,7 +86,9 @@ Result Pass(Result (*function)(Parameters...), SystemCall&& call, Arguments... a
 
 }  // namespace
 
-bool AllocationFails() { return Exempt::depth == 0 && ++allocations == failing; }
+bool AllocationFails() {
+    return Exempt::depth == 0 && (++allocations == failing || FailingAllocationAnywhere::Fails());
+}
 
 void* operator new(std::size_t size) {
     static auto* const next = Next<void*(std::size_t)>(nullptr, "_Znwm");
@@ -208,6 +213,31 @@ int connect(int fd, const sockaddr* address, socklen_t length) {
 }
 int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
     return Pass(&getsockname, {"getsockname", fd}, fd, address, length);
+}
+int getpeername(int fd, sockaddr* address, socklen_t* length) noexcept {
+    return Pass(&getpeername, {"getpeername", fd}, fd, address, length);
+}
+int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    return Pass(&accept4, {"accept4", fd}, fd, address, length, flags);
+}
+int getsockopt(int fd, int level, int option, void* value, socklen_t* size) noexcept {
+    return Pass(&getsockopt, {"getsockopt", fd}, fd, level, option, value, size);
+}
+ssize_t readv(int fd, const iovec* pieces, int count) {
+    return Pass(&readv, {"readv", fd}, fd, pieces, count);
+}
+ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    return Pass(&sendmsg, {"sendmsg", fd}, fd, message, flags);
+}
+int eventfd(unsigned int count, int flags) noexcept {
+    return Pass(&eventfd, {"eventfd", -1}, count, flags);
+}
+int epoll_create1(int flags) noexcept { return Pass(&epoll_create1, {"epoll_create1", -1}, flags); }
+int epoll_ctl(int fd, int operation, int which, epoll_event* event) noexcept {
+    return Pass(&epoll_ctl, {"epoll_ctl", which}, fd, operation, which, event);
+}
+int epoll_wait(int fd, epoll_event* events, int most, int limit) {
+    return Pass(&epoll_wait, {"epoll_wait", fd}, fd, events, most, limit);
 }
 int shutdown(int fd, int how) noexcept {
     return Pass(&shutdown, {"shutdown", fd, Words(how)}, fd, how);
