@@ -126,6 +126,11 @@ at_head {
     if (code ~ / = delete;$/) {
         next
     }
+    if (!open && code ~ /^    };$/) {
+        forget_comment()
+        print code
+        next
+    }
     behind = match($0, / +\/\/ /) ? "  ///< " substr($0, RSTART + RLENGTH) : ""
     if (!open && code !~ /^ *}/ && code !~ /^#(pragma|include)/) {
         if (code ~ /^class .*[{:]$/ && comment_lines == 0) {
@@ -137,7 +142,8 @@ at_head {
     }
     print code behind
 
-    if (code ~ /^(class|struct) /) {
+    # What stands in a class within a class has comments of its own, too.
+    if (code ~ /^(class|struct) / || code ~ /^    struct [A-Za-z]+ [{]$/) {
         in_class_head = 1
     }
     if (in_class_head) {

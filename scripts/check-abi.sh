@@ -75,7 +75,7 @@ check_types() {  # LIBRARY
 
 with_versions() {  # LIBRARY: its symbols, each with the version that it came with
   awk -v version="$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)" '
-    NR == FNR { since[$1] = $3 == "" ? "" : " " $3; next }
+    FILENAME == ARGV[1] { since[$1] = $3 == "" ? "" : " " $3; next }
     { print $0 ($1 in since ? since[$1] : version == "1.0.0" ? "" : " " version) }' \
     "abi/$1.symbols" "$build/$1.symbols"
 }

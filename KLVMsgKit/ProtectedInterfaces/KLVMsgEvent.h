@@ -9,8 +9,9 @@
 
 // Something that happened, when the outcome is done; `text` is empty then.
 struct KLVMsgEvent : KLVMsgOutcome {
+    // What has happened.
     enum Kind {
-        kNone,
+        kNone,          // no event: the outcome is not done
         kCame,          // a connection was accepted or made
         kGone,          // a connection has ended, for `cause`
         kStalls,        // no byte has moved for the stall's time, though one is due
@@ -22,7 +23,7 @@ struct KLVMsgEvent : KLVMsgOutcome {
 
     // Why a connection has ended.
     enum Cause {
-        kNoCause,
+        kNoCause,        // it has not
         kClosed,         // the peer closed it, or ended its output, between two messages
         kCut,            // the same in the middle of a message
         kReset,          // the peer or the system between broke it
@@ -34,7 +35,7 @@ struct KLVMsgEvent : KLVMsgOutcome {
         kNoMemory        // there was no memory for what came
     };
 
-    Kind kind = kNone;
+    Kind kind = kNone;       // which
     Cause cause = kNoCause;  // of kGone
     KLVMsgPeer peer;         // whom it concerns; none for kRefused and kServingFailed
     std::string label;       // of the peer, at that moment
@@ -52,10 +53,10 @@ struct KLVMsgCounts {
     std::uint64_t messagesSent = 0;      // whose last byte was taken by the system
     std::uint64_t bytesSent = 0;         // taken by the system
     std::uint64_t messagesReceived = 0;  // that came whole
-    std::uint64_t bytesReceived = 0;
-    std::uint64_t messagesQueued = 0;   // now: not yet taken by the system, the whole of them
-    std::uint64_t bytesQueued = 0;      // now
-    std::uint64_t messagesInInbox = 0;  // now: not yet asked for
-    std::uint64_t bytesInInbox = 0;     // now
+    std::uint64_t bytesReceived = 0;     // by the session, of whole messages or not
+    std::uint64_t messagesQueued = 0;    // now: not yet taken by the system, the whole of them
+    std::uint64_t bytesQueued = 0;       // now
+    std::uint64_t messagesInInbox = 0;   // now: not yet asked for
+    std::uint64_t bytesInInbox = 0;      // now
     std::uint64_t stalled = 0;  // now: connections on which no byte moves, though one is due
 };

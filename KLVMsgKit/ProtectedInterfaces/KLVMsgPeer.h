@@ -22,7 +22,12 @@ struct KLVMsgPeer {
 // Which connections are meant: one, all that have a label, or every one.
 class KLVMsgPeers {
 public:
-    enum Kind { kOne, kLabel, kAll };
+    // How they are meant.
+    enum Kind {
+        kOne,    // one by itself
+        kLabel,  // all that have a label
+        kAll     // every one
+    };
 
     // Those, each by itself; a peer that is none stands for nobody.
     KLVMsgPeers(KLVMsgPeer peer) : m_kind(kOne), m_peer(peer) {}
@@ -66,6 +71,7 @@ template <class Message>
 struct KLVMsgReceivedAll : KLVMsgOutcome {
     // One of them.
     struct Item {
+        // The message.
         Message* operator->() const { return message.get(); }
         Message& operator*() const { return *message; }
 
@@ -73,5 +79,5 @@ struct KLVMsgReceivedAll : KLVMsgOutcome {
         KLVMsgPeer peer;                   // whose connection it came on
     };
 
-    std::vector<Item> messages;
+    std::vector<Item> messages;  // empty unless done
 };
