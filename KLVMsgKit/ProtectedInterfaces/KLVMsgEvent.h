@@ -46,8 +46,8 @@ struct KLVMsgEvent : KLVMsgOutcome {
         0;  // how many events were dropped right before this one, as nobody asked
 };
 
-// Numbers since the beginning of a connection, or of the session; a message's bytes are those on the
-// wire.
+// Numbers since the beginning of a connection, or of the session; a message's bytes are those on
+// the wire.
 struct KLVMsgCounts {
     std::uint64_t connections = 0;       // that are there
     std::uint64_t messagesSent = 0;      // whose last byte was taken by the system

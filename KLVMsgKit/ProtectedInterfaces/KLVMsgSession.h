@@ -20,10 +20,10 @@
 
 class KLVMsgSessionCore;
 
-// Brings the module up and takes it down again, and between the two sends and receives. There may be
-// several in a process, each with connections of its own, and the library's bare interface beside
-// them. A thread of the session's own, the loop, moves the bytes of all its connections, and never
-// waits for one of them: no peer holds up another one, a delivery, or a time limit.
+// Brings the module up and takes it down again, and between the two sends and receives. There may
+// be several in a process, each with connections of its own, and the library's bare interface
+// beside them. A thread of the session's own, the loop, moves the bytes of all its connections, and
+// never waits for one of them: no peer holds up another one, a delivery, or a time limit.
 //
 //     KLVMsgSession session;
 //     session.Register(Greeting());
@@ -34,20 +34,20 @@ class KLVMsgSessionCore;
 //     if (answer) std::puts(answer->text.c_str());
 //
 // All operations but the constructor, Register, Start and the destructor may be called on any
-// thread at any time. None throws but std::bad_alloc, and what it was to do is then not done. On the
-// wire a session is as any other user of the library: a peer needs none.
+// thread at any time. None throws but std::bad_alloc, and what it was to do is then not done. On
+// the wire a session is as any other user of the library: a peer needs none.
 //
 // The code of a message class runs on the thread that sends it, or receives it, so on several at a
 // time; that of a class that overrides ReadMessage runs on the loop, where it must neither wait nor
-// end the session, and may run more often than messages come (KLVMsgBareReading has the rule: it asks
-// for no more than its body has). What it throws costs its own message when it is sent, and its own
-// connection when it is received.
+// end the session, and may run more often than messages come (KLVMsgBareReading has the rule: it
+// asks for no more than its body has). What it throws costs its own message when it is sent, and
+// its own connection when it is received.
 //
 // A process that forks leaves its sessions to the parent: the child destroys them without effect.
 class KLVMSGKIT_EXPORT KLVMsgSession {
 public:
-    // The limits are those of `options`. Throws std::bad_alloc and leaves nothing behind then. Where
-    // the system gives no descriptors, every operation says so.
+    // The limits are those of `options`. Throws std::bad_alloc and leaves nothing behind then.
+    // Where the system gives no descriptors, every operation says so.
     explicit KLVMsgSession(const KLVMsgSessionOptions& options = KLVMsgSessionOptions());
 
     // End with a limit of five seconds. What was received and never asked for is destroyed.
@@ -77,11 +77,12 @@ public:
     }
 
     // Lets peers connect to every address that the host has on this machine, and tells the port;
-    // with port 0 the system chooses it. Their connections have the empty label until SetLabel gives
-    // them another one.
+    // with port 0 the system chooses it. Their connections have the empty label until SetLabel
+    // gives them another one.
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port = nullptr);
 
-    // Lets no more peers connect to that port; those who are there stay. Failed: nobody served there.
+    // Lets no more peers connect to that port; those who are there stay. Failed: nobody served
+    // there.
     KLVMsgOutcome StopServing(int port);
 
     // Connects to a server, under a label; the label may be one that other connections have. Waits
@@ -106,8 +107,8 @@ public:
     // queued, before Start too.
 
     // Queues the message, and does not wait. Peer gone: there is no such connection. Full: there is
-    // no room in its queue, and nothing was queued; of a label those with room have it, and an event
-    // names each of the others. One that goes before its turn gets nothing.
+    // no room in its queue, and nothing was queued; of a label those with room have it, and an
+    // event names each of the others. One that goes before its turn gets nothing.
     template <class Message>
     KLVMsgOutcome Post(const KLVMsgPeers& to, Message&& message) {
         return Outgo<Message>(message,
@@ -132,11 +133,11 @@ public:
     // Receiving -----------------------------------------------------------------------------------
 
     // Waits for a message of exactly this class and hands over the oldest: of any connection, or of
-    // those that are meant. A label means the connections that have it now; of one that has gone, the
-    // last that it had. Peer gone: none is there and no such connection either, so that none will
-    // come. Failed: the class was never registered. Full: so much that nobody asks for has come
-    // before it that reading has stopped. A message that its class refused is none: its connection
-    // ends.
+    // those that are meant. A label means the connections that have it now; of one that has gone,
+    // the last that it had. Peer gone: none is there and no such connection either, so that none
+    // will come. Failed: the class was never registered. Full: so much that nobody asks for has
+    // come before it that reading has stopped. A message that its class refused is none: its
+    // connection ends.
     template <class Message>
     KLVMsgReceived<Message> Receive(KLVMsgTimeLimit limit) {
         return Take<Message>(limit, nullptr);
@@ -156,9 +157,9 @@ public:
         return TakeAll<Message>(limit, &from);
     }
 
-    // A descriptor for loops of one's own (poll, epoll): readable while there is a message or an event
-    // to be asked for, and once the session has ended. It stays the session's: neither read it nor
-    // close it. -1 where the system has none to give.
+    // A descriptor for loops of one's own (poll, epoll): readable while there is a message or an
+    // event to be asked for, and once the session has ended. It stays the session's: neither read
+    // it nor close it. -1 where the system has none to give.
     int Descriptor();
 
     // Connections ---------------------------------------------------------------------------------
@@ -166,14 +167,14 @@ public:
     // Gives a connection another label. Peer gone: it is no longer there.
     KLVMsgOutcome SetLabel(KLVMsgPeer peer, const std::string& label);
 
-    // The connections that are meant and there, the oldest first. One whose peer has ended its output
-    // is no longer there: nothing more will come. It still takes an answer, though, until the thread
-    // that has received its last message asks for the next one.
+    // The connections that are meant and there, the oldest first. One whose peer has ended its
+    // output is no longer there: nothing more will come. It still takes an answer, though, until
+    // the thread that has received its last message asks for the next one.
     std::vector<KLVMsgPeer> Peers(const KLVMsgPeers& meant);
 
-    // Ends those connections: what is queued for them is dropped, and what the system has taken still
-    // arrives if the peer reads it within five seconds. What has come from them may still be received.
-    // Peer gone: there is none.
+    // Ends those connections: what is queued for them is dropped, and what the system has taken
+    // still arrives if the peer reads it within five seconds. What has come from them may still be
+    // received. Peer gone: there is none.
     KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
 
     // Waits until no such connection is there.
@@ -193,8 +194,8 @@ public:
 
     // Sends what is queued, ends the output of every connection, and waits up to `limit` for the
     // peers to have read all of it and to close; then the loop ends. Nothing that was done is lost.
-    // What comes meanwhile is dropped. Whoever waits is told that the session has ended, as is every
-    // operation from then on. Too late: some peers had not closed.
+    // What comes meanwhile is dropped. Whoever waits is told that the session has ended, as is
+    // every operation from then on. Too late: some peers had not closed.
     KLVMsgOutcome End(KLVMsgTimeLimit limit);
 
 private:

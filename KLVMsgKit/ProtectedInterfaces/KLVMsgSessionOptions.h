@@ -23,8 +23,8 @@ struct KLVMsgSessionOptions {
     std::size_t queueLimit = std::size_t{64} << 20;
     std::size_t queueLimitOfAll = std::size_t{256} << 20;
 
-    // Received and not yet asked for, of one peer and of all. Who is above is not read until half of
-    // it is gone; TCP holds the sender, and nothing is dropped.
+    // Received and not yet asked for, of one peer and of all. Who is above is not read until half
+    // of it is gone; TCP holds the sender, and nothing is dropped.
     std::size_t inboxLimit = std::size_t{64} << 20;
     std::size_t inboxLimitOfAll = std::size_t{256} << 20;
 

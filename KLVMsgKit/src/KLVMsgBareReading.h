@@ -7,10 +7,10 @@
 
 #include "KLVMsgSocketMessage.h"
 
-// Has a class read a body over the bytes that have come. Nobody knows how long such a body is but its
-// class, so this is a try: where the bytes fall short the object is thrown away, and a new one made
-// when a next try is worth while. All tries over one message read no more than four times what has
-// come and 64 KiB, so that a body that drips costs no more than its bytes.
+// Has a class read a body over the bytes that have come. Nobody knows how long such a body is but
+// its class, so this is a try: where the bytes fall short the object is thrown away, and a new one
+// made when a next try is worth while. All tries over one message read no more than four times what
+// has come and 64 KiB, so that a body that drips costs no more than its bytes.
 class KLVMsgBareReading {
 public:
     // A next message begins.

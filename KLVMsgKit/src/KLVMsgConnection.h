@@ -11,19 +11,20 @@
 #include "KLVMsgSessionOptions.h"
 #include "KLVMsgWireReader.h"
 
-// Decides, and does nothing itself: it makes no system call, takes no lock and reads no clock. It is
-// told what has happened and answers what is to be done next. Nothing throws: words for which there is
-// no memory are left out.
+// Decides, and does nothing itself: it makes no system call, takes no lock and reads no clock. It
+// is told what has happened and answers what is to be done next. Nothing throws: words for which
+// there is no memory are left out.
 //
-// The two directions end by themselves: the peer may end its output and still wait for an answer, and
-// what it has sent is read although it takes nothing more.
+// The two directions end by themselves: the peer may end its output and still wait for an answer,
+// and what it has sent is read although it takes nothing more.
 //
 //     open --InputEnded--> half --EndOutput, all taken--> over
 //       |                                                  ^
 //       +--EndOutput--> its output ended --InputEnded------+
 //       +--a fault, a failure, a death, too long a leave---+
 //
-// `reader` belongs to the thread that reads; the mutex of whoever owns the connection guards the rest.
+// `reader` belongs to the thread that reads; the mutex of whoever owns the connection guards the
+// rest.
 class KLVMsgConnection {
 public:
     using Time = KLVMsgPeerWatch::Time;
@@ -75,8 +76,8 @@ public:
     // Takes a message back, as KLVMsgOutput has it.
     bool CutOut(KLVMsgOutput::Position begin, KLVMsgOutput::Position end);
 
-    // Takes leave: what is queued is dropped, what the system has taken still arrives, and what comes
-    // is not looked at. Over at `limit` whatever the peer does.
+    // Takes leave: what is queued is dropped, what the system has taken still arrives, and what
+    // comes is not looked at. Over at `limit` whatever the peer does.
     void Leave(Time limit);
 
     // Ends it at once.

@@ -343,7 +343,8 @@ void KLVMsgLoop::DoTouched(Lock& lock) {
         }
         link = std::move(next);
     }
-    // Where little was sent to each, sending was most of the work: as long as it took, more gathers.
+    // Where little was sent to each, sending was most of the work: as long as it took, more
+    // gathers.
     if (m_written < links * kWorthWhile) {
         const Time end = Clock::now();
         m_gathersUntil = end + std::min<Clock::duration>(end - m_now, kLongestGathering);
@@ -515,8 +516,8 @@ void KLVMsgLoop::Tend(Link& link) {
     }
 }
 
-// Takes it out of the map. Who writes to it at this moment is told, and closes it. The peer is told here:
-// a child process may have a copy of the descriptor.
+// Takes it out of the map. Who writes to it at this moment is told, and closes it. The peer is told
+// here: a child process may have a copy of the descriptor.
 void KLVMsgLoop::Remove(Link& link) {
     const auto found = m_links.find(link.id);
     if (found == m_links.end()) {

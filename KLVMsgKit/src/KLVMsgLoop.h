@@ -21,16 +21,16 @@
 #include "KLVMsgTransport.h"
 
 // Waits on epoll for what happens to the connections, tells them, and does what they answer.
-// Connections are known by an id that never comes back, which is also what epoll hands out: an event
-// of one that has gone finds nobody.
+// Connections are known by an id that never comes back, which is also what epoll hands out: an
+// event of one that has gone finds nobody.
 //
-// The mutex is the owner's. It guards the map and all that is in it but the readers; it is never held
-// while a system call transfers or a message's own code runs.
+// The mutex is the owner's. It guards the map and all that is in it but the readers; it is never
+// held while a system call transfers or a message's own code runs.
 //
 // Each connection has a writer's mark (`isWriting`). Who finds it unset sets it, lets the mutex go,
-// sends, takes the mutex and clears it; whoever comes meanwhile only appends. A descriptor is closed
-// when the map and the writer have both let go of the connection, so that nobody sends on a number
-// that is somebody else's.
+// sends, takes the mutex and clears it; whoever comes meanwhile only appends. A descriptor is
+// closed when the map and the writer have both let go of the connection, so that nobody sends on a
+// number that is somebody else's.
 class KLVMsgLoop {
 public:
     using Clock = KLVMsgTimeLimit::Clock;
@@ -69,7 +69,8 @@ public:
         std::chrono::milliseconds pause{0};
     };
 
-    // Told with the mutex held, on the loop's thread; Took also on the thread of a caller that writes.
+    // Told with the mutex held, on the loop's thread; Took also on the thread of a caller that
+    // writes.
     class Owner {
     public:
         // `stock` may be filled with what is no longer needed.
@@ -119,9 +120,9 @@ public:
     // There is something to do for a connection: its output, its state.
     void Touch(Link& link);
 
-    // Writes the one message that is queued on the caller's thread, who has just looked at the clock.
-    // Lets the mutex go meanwhile.
-    // Requires: nobody writes, and the pointer is the caller's own.
+    // Writes the one message that is queued on the caller's thread, who has just looked at the
+    // clock. Lets the mutex go meanwhile. Requires: nobody writes, and the pointer is the caller's
+    // own.
     void WriteNow(Lock& lock, const LinkPtr& link, Time now);
 
     // Whether it waits for something to happen, with nothing to do meanwhile.

@@ -151,8 +151,8 @@ void KLVMsgOutput::CutPieces(std::size_t before, std::size_t count) {
     }
 }
 
-// A block of which little is left takes no more memory than that. Where there is none to move it to it
-// stays as it is.
+// A block of which little is left takes no more memory than that. Where there is none to move it to
+// it stays as it is.
 void KLVMsgOutput::Shrink(Piece& piece) {
     const std::size_t size = piece.end - piece.begin;
     if (piece.room <= kFirstBlock || size > piece.room / 4) {

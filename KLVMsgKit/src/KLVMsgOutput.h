@@ -37,21 +37,21 @@ public:
         bool endsMessage = false;
     };
 
-    // Appends one message, and returns where it ends. Throws std::bad_alloc and leaves everything as
-    // it was. `shared` holds the body if it is not null: then it is not copied.
+    // Appends one message, and returns where it ends. Throws std::bad_alloc and leaves everything
+    // as it was. `shared` holds the body if it is not null: then it is not copied.
     Position Append(std::string_view head, std::string_view body,
                     const std::shared_ptr<const std::string>& shared);
 
     // What goes next, behind the runs that are out already. With a segment's size the run fits into
-    // it and ends with a message; a message that is longer, or of which a part has gone, goes alone.
-    // 0: as much as may go at once.
-    // Requires: HasMore() is true.
+    // it and ends with a message; a message that is longer, or of which a part has gone, goes
+    // alone. 0: as much as may go at once. Requires: HasMore() is true.
     Run Take(std::size_t segment);
 
     // The runs that were out are over, and so many of their bytes were taken by the system.
     void Took(std::size_t count);
 
-    // Takes a message back of which nothing was taken or is out. False when it is too late for that.
+    // Takes a message back of which nothing was taken or is out. False when it is too late for
+    // that.
     bool CutOut(Position begin, Position end);
 
     // Drops all that is queued. Requires: no run is out.

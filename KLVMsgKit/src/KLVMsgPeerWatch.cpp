@@ -47,8 +47,8 @@ KLVMsgPeerWatch::Time KLVMsgPeerWatch::StallEnds() const {
     return std::min(m_reads ? StallEnds(m_input) : Time::max(), StallEnds(m_output));
 }
 
-// Looks now and then as long as something is under way. What happens in between only moves the end of
-// a stall back, so that nobody need be told.
+// Looks now and then as long as something is under way. What happens in between only moves the end
+// of a stall back, so that nobody need be told.
 KLVMsgPeerWatch::Time KLVMsgPeerWatch::Next(Time now) const {
     Time next = Time::max();
     if (m_sent || m_output.isDue) {

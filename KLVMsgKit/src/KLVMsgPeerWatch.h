@@ -4,8 +4,9 @@
 #include <chrono>
 
 // A peer is dead when its system does not answer any more, and stalls when it answers but does not
-// read, or stops in the middle of a message. A stall is told once in each direction, until a byte moves
-// there again. It never runs while the session itself does not read. Knows no clock: it is told the time.
+// read, or stops in the middle of a message. A stall is told once in each direction, until a byte
+// moves there again. It never runs while the session itself does not read. Knows no clock: it is
+// told the time.
 class KLVMsgPeerWatch {
 public:
     using Time = std::chrono::steady_clock::time_point;

@@ -8,7 +8,8 @@ KLVMsgSession::KLVMsgSession(const KLVMsgSessionOptions& options)
     : m_core(std::make_unique<KLVMsgSessionCore>(options)) {}
 
 KLVMsgSession::~KLVMsgSession() {
-    // In a child the thread is not there, and the mutex may be held for ever: it is all the parent's.
+    // In a child the thread is not there, and the mutex may be held for ever: it is all the
+    // parent's.
     if (m_core->IsInChild()) {
         static_cast<void>(m_core.release());
     }

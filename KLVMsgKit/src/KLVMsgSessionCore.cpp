@@ -29,7 +29,8 @@ void Signal(int descriptor) {
     static_cast<void>(!write(descriptor, &one, sizeof one));
 }
 
-// It is held for less time than falling asleep takes, so whoever finds it taken tries a while first.
+// It is held for less time than falling asleep takes, so whoever finds it taken tries a while
+// first.
 void MakeAdaptive(std::mutex& mutex) {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
@@ -80,7 +81,7 @@ KLVMsgOutcome KLVMsgSessionCore::IsReady() const {
     return m_isEnding ? Ended(KLVMsgOutcome::kFailed) : m_ready;
 }
 
-// Set-up -------------------------------------------------------------------------------------------
+// Set-up ------------------------------------------------------------------------------------------
 
 KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_info& type,
                                           const KLVMsgFramedMessage* framed) {
@@ -247,7 +248,7 @@ KLVMsgOutcome KLVMsgSessionCore::Adopt(KLVMsgDescriptor socket, const std::strin
     return outcome;
 }
 
-// Connections --------------------------------------------------------------------------------------
+// Connections -------------------------------------------------------------------------------------
 
 KLVMsgOutcome KLVMsgSessionCore::SetLabel(KLVMsgPeer peer, const std::string& label) {
     const Lock lock(m_mutex);
@@ -413,7 +414,7 @@ void KLVMsgSessionCore::OnListenerFailed(const KLVMsgLoop::Listener& listener, i
     });
 }
 
-// What happens -------------------------------------------------------------------------------------
+// What happens ------------------------------------------------------------------------------------
 
 KLVMsgEvent KLVMsgSessionCore::Event(KLVMsgEvent::Kind kind, const Peer* peer) {
     KLVMsgEvent event;
@@ -538,7 +539,7 @@ KLVMsgCounts KLVMsgSessionCore::Counts() {
     return counts;
 }
 
-// Ending -------------------------------------------------------------------------------------------
+// Ending ------------------------------------------------------------------------------------------
 
 KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
     const Time deadline = limit.Deadline();

@@ -44,9 +44,9 @@ struct KLVMsgDelivery {
     }
 };
 
-// What stands behind KLVMsgSession. The mutex guards all of it but the types, which do not change once
-// the loop runs, and the options. It is never held while a message's own code runs, a system call
-// transfers, or somebody waits.
+// What stands behind KLVMsgSession. The mutex guards all of it but the types, which do not change
+// once the loop runs, and the options. It is never held while a message's own code runs, a system
+// call transfers, or somebody waits.
 //
 // Sources: KLVMsgSessionCore.cpp has connections and the end, KLVMsgSessionSending.cpp and
 // KLVMsgSessionReceiving.cpp the two directions.

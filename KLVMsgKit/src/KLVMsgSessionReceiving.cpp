@@ -1,5 +1,5 @@
-// What a session receives. The loop puts what has come into the inbox; framed bodies become messages on
-// the thread that asks for them, without the mutex.
+// What a session receives. The loop puts what has come into the inbox; framed bodies become
+// messages on the thread that asks for them, without the mutex.
 #include <algorithm>
 #include <cerrno>
 #include <exception>
@@ -30,7 +30,7 @@ KLVMsgOutcome InboxIsFull() {
 
 }  // namespace
 
-// The application's side ---------------------------------------------------------------------------
+// The application's side --------------------------------------------------------------------------
 
 KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& wanted) {
     KLVMsgReceived<KLVMsgSocketMessage> received;
@@ -243,7 +243,7 @@ void KLVMsgSessionCore::WakeThoseWithoutHope() {
     }
 }
 
-// Limits -------------------------------------------------------------------------------------------
+// Limits ------------------------------------------------------------------------------------------
 
 // They are told that nothing more is read for them.
 void KLVMsgSessionCore::WakeThoseWhoseInboxIsFull() {
@@ -309,7 +309,7 @@ bool KLVMsgSessionCore::LetRead(const KLVMsgPeers* from) {
     return isAnyRead || !isAnyThere;
 }
 
-// Answers to those who have ended their output --------------------------------------------------------
+// Answers to those who have ended their output ----------------------------------------------------
 
 // The thread waits for the next message: it answers the last ones no more.
 void KLVMsgSessionCore::ReleaseHand() {
@@ -383,7 +383,7 @@ void KLVMsgSessionCore::EndOneHalf() {
     }
 }
 
-// The loop's side ------------------------------------------------------------------------------------
+// The loop's side ---------------------------------------------------------------------------------
 
 void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals,
                                KLVMsgParcel::Stock& stock) {

@@ -1,5 +1,5 @@
-// What a session sends. Messages become bytes on the caller's thread and without the mutex; the bytes
-// are then appended to the output of each connection.
+// What a session sends. Messages become bytes on the caller's thread and without the mutex; the
+// bytes are then appended to the output of each connection.
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -11,8 +11,8 @@
 
 namespace {
 
-// A caller writes by himself if the last such write is longer ago than this: it halves the round trip,
-// and with messages that follow each other closer than that, gathering them is what counts.
+// A caller writes by himself if the last such write is longer ago than this: it halves the round
+// trip, and with messages that follow each other closer than that, gathering them is what counts.
 constexpr std::chrono::microseconds kQuiet(10);
 
 // A header of this size fits into every segment.

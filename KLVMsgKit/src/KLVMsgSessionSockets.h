@@ -34,9 +34,9 @@ struct KLVMsgSessionSockets {
     // A failed system call.
     static KLVMsgOutcome Failure(const std::string& what, int error);
 
-    // Connects to the first address of the host that answers, and tells its text. The resolver takes
-    // as long as it takes; each address gets an equal part of the time that is left then. Gives up
-    // when `cancel` becomes readable.
+    // Connects to the first address of the host that answers, and tells its text. The resolver
+    // takes as long as it takes; each address gets an equal part of the time that is left then.
+    // Gives up when `cancel` becomes readable.
     static KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, Time limit, int cancel,
                                  KLVMsgDescriptor& made);
 

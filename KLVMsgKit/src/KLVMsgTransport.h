@@ -6,8 +6,8 @@
 #include <chrono>
 #include <cstddef>
 
-// One connection, never waited for. One thread reads and one writes at a time, which may be two. Its
-// destructor closes; whatever the system still has is sent, unless bytes came that nobody read.
+// One connection, never waited for. One thread reads and one writes at a time, which may be two.
+// Its destructor closes; whatever the system still has is sent, unless bytes came that nobody read.
 class KLVMsgTransport {
 public:
     // What a transfer came to.

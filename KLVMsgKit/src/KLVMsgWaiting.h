@@ -10,8 +10,8 @@
 
 #include "KLVMsgTimeLimit.h"
 
-// Each waiting operation has a place of its own to be woken at, so that it wakes up for what it waits
-// for and not for what happens to others.
+// Each waiting operation has a place of its own to be woken at, so that it wakes up for what it
+// waits for and not for what happens to others.
 class KLVMsgWaiter {
 public:
     using Time = KLVMsgTimeLimit::Clock::time_point;

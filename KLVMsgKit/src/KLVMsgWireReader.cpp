@@ -31,7 +31,8 @@ void KLVMsgWireReader::MakeRoom(Buffer& buffer, Space (&spaces)[2]) {
     spaces[0] = {};
     if (m_parcel != nullptr) {
         spaces[0] = {m_parcel->Bytes() + m_parcel->size, m_room - m_parcel->size};
-        // The rest of a long body goes straight to its place; behind a short one more is read at once.
+        // The rest of a long body goes straight to its place; behind a short one more is read at
+        // once.
         const bool ends = m_room == m_length && spaces[0].size < kFirstRoom;
         spaces[1] = {buffer.Data(), ends ? Buffer::kSize : 0};
         return;

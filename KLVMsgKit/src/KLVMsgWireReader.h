@@ -61,9 +61,9 @@ public:
     // Two spaces, the first of which is filled first and may be empty.
     void MakeRoom(Buffer& buffer, Space (&spaces)[2]);
 
-    // That many bytes were put there. The messages that they complete are added to `arrivals`. Calls
-    // code of classes that read their bodies themselves, and passes nothing on that it throws:
-    // whatever goes wrong is a fault, and then nothing more is read.
+    // That many bytes were put there. The messages that they complete are added to `arrivals`.
+    // Calls code of classes that read their bodies themselves, and passes nothing on that it
+    // throws: whatever goes wrong is a fault, and then nothing more is read.
     void Came(Buffer& buffer, std::size_t count, Arrivals& arrivals);
 
     // Why the connection cannot be read on; kNoCause as long as it can.

@@ -121,7 +121,8 @@ KLVMsgOutcome KLVMsgWireWriter::Encode(const KLVMsgFramedMessage& message,
 KLVMsgOutcome KLVMsgWireWriter::Collect(KLVMsgSocketMessage& message, std::size_t largestBody) {
     Collector stream(m_scratch->body, largestBody);
     const int result = message.WriteMessage(&stream);
-    // Of other classes the result says nothing; a framed one says 0 when it could not be put into bytes.
+    // Of other classes the result says nothing; a framed one says 0 when it could not be put into
+    // bytes.
     if (result == 0 && dynamic_cast<const KLVMsgFramedMessage*>(&message) != nullptr) {
         return Unfit("Encode has refused the message");
     }

@@ -11,8 +11,8 @@
 class KLVMsgFramedMessage;
 class KLVMsgSocketMessage;
 
-// The bytes of one message, as KLVMsgWireReader draws them. Made on the thread that sends, without a
-// lock, since it runs the message's own code, which may do anything, sending another message
+// The bytes of one message, as KLVMsgWireReader draws them. Made on the thread that sends, without
+// a lock, since it runs the message's own code, which may do anything, sending another message
 // included.
 class KLVMsgWireWriter {
 public:

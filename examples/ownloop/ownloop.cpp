@@ -1,5 +1,6 @@
-// A program with a loop of its own: one thread waits with epoll for a timer and for what the session
-// has, and never inside the session. What a program of windows or of many descriptors needs.
+// A program with a loop of its own: one thread waits with epoll for a timer and for what the
+// session has, and never inside the session. What a program of windows or of many descriptors
+// needs.
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 
@@ -12,8 +13,8 @@ static const char usage[] = R"(usage: ownloop [--timeout SECONDS]
        ownloop [--timeout SECONDS] ask PORT
 
 The first form runs a counter and two who ask it, as processes of their own. The other two are for
-terminals: the counter counts up every 10 ms, tells its port on 127.0.0.1, answers whoever asks how far
-it has come, and ends when two who asked have left again; who asks does so three times.
+terminals: the counter counts up every 10 ms, tells its port on 127.0.0.1, answers whoever asks
+how far it has come, and ends when two who asked have left again; who asks does so three times.
 
   --timeout SECONDS   give up when a peer has been silent for so long (20; 0: never)
   --help, --version
@@ -84,8 +85,8 @@ private:
         m_count += read(m_timer, &times, sizeof times) == sizeof times ? times : 0;
     }
 
-    // Takes what is there and waits for nothing. The descriptor stays readable as long as anything is
-    // left: messages of each class that may come, and events.
+    // Takes what is there and waits for nothing. The descriptor stays readable as long as anything
+    // is left: messages of each class that may come, and events.
     void Talked() {
         using namespace std::chrono_literals;
         while (const auto asked = m_talk.Receive<Count>(0ms)) {

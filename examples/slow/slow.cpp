@@ -1,5 +1,5 @@
-// A publisher that waits for no subscriber, is told of the one that does not keep up, and drops it by
-// its own choice. The other subscriber misses nothing.
+// A publisher that waits for no subscriber, is told of the one that does not keep up, and drops it
+// by its own choice. The other subscriber misses nothing.
 #include <map>
 #include <set>
 
@@ -11,8 +11,8 @@ static const char usage[] = R"(usage: slow [--timeout SECONDS]
 
 The first form runs a publisher and two subscribers as processes of their own. The other two are for
 terminals: the publisher tells its port on 127.0.0.1, waits for two subscribers, sends them numbered
-items of 64 KiB until it has dropped one who takes none for a second, and then the last one. The slow
-subscriber reads one item and nothing for the next four seconds.
+items of 64 KiB until it has dropped one who takes none for a second, and then the last one. The
+slow subscriber reads one item and nothing for the next four seconds.
 
   --timeout SECONDS   give up when a peer has been silent for so long (20; 0: never)
   --help, --version
