@@ -219,8 +219,15 @@ int KLVMsgLoop::Wait(epoll_event* events, int most) {
         limit.tv_sec = left.count() / 1000000000;
         limit.tv_nsec = left.count() % 1000000000;
     }
-    const int count = epoll_pwait2(m_epoll.Number(), events, most,
-                                   until == Time::max() ? nullptr : &limit, nullptr);
+    int count = epoll_pwait2(m_epoll.Number(), events, most,
+                             until == Time::max() ? nullptr : &limit, nullptr);
+    if (count == -1 && errno == ENOSYS) {
+        // A kernel before 5.11: the waits are whole milliseconds, rounded up.
+        const bool isEndless = until == Time::max();
+        const auto milliseconds = limit.tv_sec * 1000 + (limit.tv_nsec + 999999) / 1000000;
+        count = epoll_wait(m_epoll.Number(), events, most,
+                           isEndless ? -1 : static_cast<int>(milliseconds));
+    }
     return std::max(count, 0);
 }
 

@@ -194,7 +194,6 @@ private:
     KLVMsgParcel::Stock m_spent;  // blocks of messages that were handed over
     KLVMsgEventQueue m_events;
     std::size_t m_live = 0;        // connections that are not over
-    std::size_t m_half = 0;        // of them, those that may still get an answer
     std::size_t m_queuedCost = 0;  // of all outputs
     std::size_t m_paused = 0;      // peers that are not read
     KLVMsgCounts m_past;           // of connections that are over
