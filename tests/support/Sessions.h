@@ -37,26 +37,21 @@ struct Other : Word {
     KLVString GetMessageType() const override { return "Other"; }
 };
 
-// A class that moves its body itself: a length of one byte, and the text. One of 255 is none.
+// A class that moves its body itself: four bytes.
 struct Bare : KLVMsgSocketMessage {
-    explicit Bare(std::string content = "") : text(std::move(content)) {}
     int WriteMessage(KLVMsgOutputStream* stream) override {
         int count = 0;
-        std::string bytes = static_cast<char>(text.size()) + text;
-        stream->write(bytes.data(), static_cast<int>(bytes.size()), count);
+        stream->write(text.data(), 4, count);
         return 1;
     }
     int ReadMessage(KLVMsgInputStream* stream) override {
         int count = 0;
-        unsigned char length = 0;
-        stream->read(&length, 1, count);
-        text.resize(length == 255 ? throw 1 : length);
-        stream->read(text.data(), length, count);
-        return count == length;
+        stream->read(text.data(), 4, count);
+        return count == 4;
     }
     KLVMsgSocketMessage* NewInstance() override { return new Bare; }
     KLVString GetMessageType() const override { return "Bare"; }
-    std::string text;
+    std::string text = "bare";
 };
 
 inline std::string WordBytes(const std::string& text) { return TextBytes("Word", text); }
@@ -66,9 +61,7 @@ inline KLVMsgSocketAddress At(int port) { return {"127.0.0.1", port}; }
 // A session that serves.
 struct Session : KLVMsgSession {
     explicit Session(const KLVMsgSessionOptions& options = {}) : KLVMsgSession(options) {
-        Register(Word());
-        Register(Other());
-        Register(Bare());
+        Register(Word()), Register(Other()), Register(Bare());
         Serve(anyPort, &port);
         Start();
     }
@@ -82,12 +75,8 @@ struct Session : KLVMsgSession {
 
     // The next event of this kind, whatever was before it.
     KLVMsgEvent Await(KLVMsgEvent::Kind kind) {
-        for (;;) {
-            KLVMsgEvent event = NextEvent(ever);
-            if (!event || event.kind == kind) {
-                return event;
-            }
-        }
+        KLVMsgEvent event = NextEvent(ever);
+        return !event || event.kind == kind ? event : Await(kind);
     }
 
     // The next connection that comes, under a label.
@@ -97,6 +86,13 @@ struct Session : KLVMsgSession {
         return peer;
     }
 
+    bool Queues(unsigned messages) {
+        return Eventually([&] { return Counts().messagesQueued == messages; });
+    }
+    bool Holds(unsigned messages) {
+        return Eventually([&] { return Counts().messagesInInbox == messages; });
+    }
+
     int port = 0;
 };
 
@@ -104,23 +100,21 @@ struct Session : KLVMsgSession {
 struct Pair {
     explicit Pair(const KLVMsgSessionOptions& options = {}) : here(options) {
         EXPECT_TRUE(here.Connect(At(there.port), "peer", ever));
-        me = there.Came("peer");
+        there.Came("peer");
         peer = here.Came("peer");
     }
     // Otherwise each would wait for the answers that the other one may still give.
     ~Pair() { here.Disconnect("peer"), there.Disconnect("peer"); }
     Session here, there;
-    KLVMsgPeer me, peer;  // as the other one knows us, and as we know it
+    KLVMsgPeer peer;  // as we know the other one
 };
 
 // A session and a connection to it whose other end does what a test says, and at first nothing.
 struct MutePair {
-    explicit MutePair(const KLVMsgSessionOptions& options = {}) : session(options) {
-        id = session.Came("mute");
-    }
+    explicit MutePair(const KLVMsgSessionOptions& options = {}) : session(options) {}
     Session session;
     PlainPeer mute{session.port};
-    KLVMsgPeer id;
+    KLVMsgPeer id = session.Came("mute");
 };
 
 // More than the sockets of a connection hold: with a peer that does not read, all that is queued
