@@ -12,22 +12,21 @@ namespace {
 bool LivesAndGetsAll() {
     KLVMsgSession server, client;
     int port = 0;
-    const bool done = server.Register(Word()) && server.Register(Bare()) &&
+    const bool done = server.Register(Word()) && server.Register(Other()) &&
                       server.Serve(anyPort, &port) && server.Start() && client.Register(Word()) &&
                       client.Start() && client.Connect(At(port), "server", ever);
     // From here on nobody else can come: who waits for the client learns that it has gone.
     server.NextEvent(done ? 200ms : 0ms);
     server.StopServing(port);
-    bool gotAll = done && client.Post("server", Word("posted")) && client.Post("server", Bare()) &&
+    bool gotAll = done && client.Post("server", Word("posted")) && client.Post("server", Other()) &&
                   client.Send("server", Word(std::string(100000, 'x')), ever);
     if (gotAll) {
         const auto first = server.Receive<Word>(ever);
         const auto second = first ? server.Receive<Word>(ever) : KLVMsgReceived<Word>();
-        gotAll = second && !server.ReceiveAll<Bare>(ever).messages.empty();
+        gotAll = second && !server.ReceiveAll<Other>(ever).messages.empty();
         EXPECT_TRUE(!second || (first->text == "posted" && second->text.size() == 100000));
         if (first) {
-            server.SetLabel(first.peer, "client");
-            server.Post("client", Word("answer"));
+            server.Post(first.peer, Word("answer"));
             client.Receive<Word>(gotAll ? ever : KLVMsgTimeLimit(0s), "server");
         }
     }

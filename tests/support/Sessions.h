@@ -37,23 +37,6 @@ struct Other : Word {
     KLVString GetMessageType() const override { return "Other"; }
 };
 
-// A class that moves its body itself: four bytes.
-struct Bare : KLVMsgSocketMessage {
-    int WriteMessage(KLVMsgOutputStream* stream) override {
-        int count = 0;
-        stream->write(text.data(), 4, count);
-        return 1;
-    }
-    int ReadMessage(KLVMsgInputStream* stream) override {
-        int count = 0;
-        stream->read(text.data(), 4, count);
-        return count == 4;
-    }
-    KLVMsgSocketMessage* NewInstance() override { return new Bare; }
-    KLVString GetMessageType() const override { return "Bare"; }
-    std::string text = "bare";
-};
-
 inline std::string WordBytes(const std::string& text) { return TextBytes("Word", text); }
 inline const KLVMsgSocketAddress anyPort("127.0.0.1", 0);
 inline KLVMsgSocketAddress At(int port) { return {"127.0.0.1", port}; }
@@ -61,7 +44,7 @@ inline KLVMsgSocketAddress At(int port) { return {"127.0.0.1", port}; }
 // A session that serves.
 struct Session : KLVMsgSession {
     explicit Session(const KLVMsgSessionOptions& options = {}) : KLVMsgSession(options) {
-        Register(Word()), Register(Other()), Register(Bare());
+        Register(Word()), Register(Other());
         Serve(anyPort, &port);
         Start();
     }
@@ -86,11 +69,11 @@ struct Session : KLVMsgSession {
         return peer;
     }
 
-    bool Queues(unsigned messages) {
-        return Eventually([&] { return Counts().messagesQueued == messages; });
+    bool Queues(unsigned n) {
+        return Eventually([&] { return Counts().messagesQueued == n; });
     }
-    bool Holds(unsigned messages) {
-        return Eventually([&] { return Counts().messagesInInbox == messages; });
+    bool Holds(unsigned n) {
+        return Eventually([&] { return Counts().messagesInInbox == n; });
     }
 
     int port = 0;

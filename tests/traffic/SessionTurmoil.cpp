@@ -86,18 +86,17 @@ void Talk(Session& client, int port, int thread) {
         Require(bool(client.Connect(At(port), sender.label, ever)), "cannot connect");
         do {
             sender.Send(Random(50));
-            if (Random(3) == 0) {
-                sender.Send(1);
-                client.Receive<Other>(std::chrono::milliseconds(Random(20)), sender.label);
-            }
             client.ReceiveAll<Other>(0ms, sender.label);
+            sender.Send(1);
+            if (sender.flow.told.back() == 'd') {
+                Require(bool(client.Receive<Other>(ever, sender.label)), "no echo");
+            }
         } while (!over && Random(3) != 0);
         const std::string next = sender.label + "'";
         Require(bool(client.SetLabel(client.Peers(sender.label).front(), next)),
                 "cannot be labelled");
         sender.flow.wasCut = true;
         client.Disconnect(next);
-        client.ReceiveAll<Other>(0ms, next);
     }
 }
 
@@ -164,19 +163,16 @@ void Run(int seconds) {
             "the server keeps something");
     server.End(ever);
     echo.wait();
-    std::size_t count = 0;
     for (Flow& flow : flows) {
         flow.arrived.resize(flow.told.size(), '-');
         for (std::size_t i = 0; i < flow.told.size(); ++i) {
             const bool came = flow.arrived[i] == '+';
             const char told = flow.told[i];
-            count += came ? 1 : 0;
             Require(came ? told != 'n' : told != 'd' && (told != 'p' || flow.wasCut),
                     "lost, or falsely arrived: " + flow.told + " " + flow.arrived);
         }
     }
-    std::cout << "session_turmoil: " << count << " messages over " << flows.size()
-              << " connections, each once (seed " << seed << ")\n";
+    std::cout << "session_turmoil: " << flows.size() << " connections (seed " << seed << ")\n";
 }
 
 }  // namespace
