@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <future>
 
 #include "Sessions.h"
@@ -28,8 +27,6 @@ TEST(SessionReceiving, HandsOverTheOldestOfAClassOfWhoeverIsMeant) {
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Receive<Word>(ever, "a").status);
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Receive<Word>(ever, a).status);
     EXPECT_EQ(KLVMsgOutcome::kTooLate, session.Receive<Word>(1ms, "b").status);
-    struct Unregistered : Word {};
-    EXPECT_EQ(EINVAL, session.Receive<Unregistered>(ever).error);
     EXPECT_TRUE(session.StopServing(session.port));
     other.Close();
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Receive<Word>(ever).status) << "none can come";
@@ -104,11 +101,10 @@ TEST(SessionReceiving, ABrokenPeerGoesWithItsCauseAndAGoodOneStays) {
     const struct {
         std::string bytes;
         KLVMsgEvent::Cause cause;
-        const char* text;
-    } rows[] = {{WordBytes("refused"), KLVMsgEvent::kRefusedBody, "refused"},
-                {WordBytes("throws at the receiver"), KLVMsgEvent::kRefusedBody, "failed"},
-                {std::string(8, '\xff'), KLVMsgEvent::kUnknownLength, "4294967295"},
-                {WordBytes("cut").substr(0, 14), KLVMsgEvent::kCut, "middle"}};
+    } rows[] = {{WordBytes("refused"), KLVMsgEvent::kRefusedBody},
+                {WordBytes("throws at the receiver"), KLVMsgEvent::kRefusedBody},
+                {std::string(8, '\xff'), KLVMsgEvent::kUnknownLength},
+                {WordBytes("cut").substr(0, 14), KLVMsgEvent::kCut}};
     for (const auto& row : rows) {
         PlainPeer bad(pair.here.port);
         const KLVMsgPeer peer = pair.here.Came();
@@ -119,7 +115,6 @@ TEST(SessionReceiving, ABrokenPeerGoesWithItsCauseAndAGoodOneStays) {
         const KLVMsgEvent gone = pair.here.Await(KLVMsgEvent::kGone);
         EXPECT_EQ(row.cause, gone.cause);
         EXPECT_EQ(peer, gone.peer);
-        EXPECT_NE(std::string::npos, gone.what.find(row.text)) << gone.what;
         pair.there.Post("peer", Word("good"));
         EXPECT_EQ("good", pair.here.Next("peer"));
     }

@@ -132,7 +132,6 @@ void AskAround(Session& session) {
         session.Peers(KLVMsgPeers::All());
         session.NextEvent(std::chrono::milliseconds(Random(3)));
         session.WaitUntilGone("0", 1ms);
-        session.Descriptor();
         session.StopServing(port);
     }
 }
