@@ -86,9 +86,7 @@ Result Pass(Result (*function)(Parameters...), SystemCall&& call, Arguments... a
 
 }  // namespace
 
-bool AllocationFails() {
-    return Exempt::depth == 0 && (++allocations == failing || FailingAllocationAnywhere::Fails());
-}
+bool AllocationFails() { return Exempt::depth == 0 && ++allocations == failing; }
 
 void* operator new(std::size_t size) {
     static auto* const next = Next<void*(std::size_t)>(nullptr, "_Znwm");

@@ -37,25 +37,6 @@ private:
     const int m_before = Allocations();
 };
 
-// The same with the allocations of all threads counted together.
-class FailingAllocationAnywhere {
-public:
-    explicit FailingAllocationAnywhere(int n) { left = n; }
-    ~FailingAllocationAnywhere() { left = 0; }
-    FailingAllocationAnywhere(const FailingAllocationAnywhere&) = delete;
-
-    static bool HasFailed() { return left < 0; }
-    static bool Fails() {  // the one that is about to be made
-        int now = left.load(std::memory_order_relaxed);
-        while (now > 0 && !left.compare_exchange_weak(now, now == 1 ? -1 : now - 1)) {
-        }
-        return now == 1;
-    }
-
-private:
-    static inline std::atomic<int> left{0};
-};
-
 // Counts an allocation that is about to be made, and tells whether it is the one to fail.
 bool AllocationFails();
 

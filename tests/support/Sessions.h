@@ -37,28 +37,6 @@ struct Other : Word {
     KLVString GetMessageType() const override { return "Other"; }
 };
 
-// A class that moves its body itself: a length of one byte, and the text. One of 255 is none.
-struct Bare : KLVMsgSocketMessage {
-    explicit Bare(std::string content = "") : text(std::move(content)) {}
-    int WriteMessage(KLVMsgOutputStream* stream) override {
-        int count = 0;
-        std::string bytes = static_cast<char>(text.size()) + text;
-        stream->write(bytes.data(), static_cast<int>(bytes.size()), count);
-        return 1;
-    }
-    int ReadMessage(KLVMsgInputStream* stream) override {
-        int count = 0;
-        unsigned char length = 0;
-        stream->read(&length, 1, count);
-        text.resize(length == 255 ? throw 1 : length);
-        stream->read(text.data(), length, count);
-        return count == length;
-    }
-    KLVMsgSocketMessage* NewInstance() override { return new Bare; }
-    KLVString GetMessageType() const override { return "Bare"; }
-    std::string text;
-};
-
 inline std::string WordBytes(const std::string& text) { return TextBytes("Word", text); }
 inline const KLVMsgSocketAddress anyPort("127.0.0.1", 0);
 inline KLVMsgSocketAddress At(int port) { return {"127.0.0.1", port}; }
@@ -66,9 +44,7 @@ inline KLVMsgSocketAddress At(int port) { return {"127.0.0.1", port}; }
 // A session that serves.
 struct Session : KLVMsgSession {
     explicit Session(const KLVMsgSessionOptions& options = {}) : KLVMsgSession(options) {
-        Register(Word());
-        Register(Other());
-        Register(Bare());
+        Register(Word()), Register(Other());
         Serve(anyPort, &port);
         Start();
     }
@@ -82,12 +58,8 @@ struct Session : KLVMsgSession {
 
     // The next event of this kind, whatever was before it.
     KLVMsgEvent Await(KLVMsgEvent::Kind kind) {
-        for (;;) {
-            KLVMsgEvent event = NextEvent(ever);
-            if (!event || event.kind == kind) {
-                return event;
-            }
-        }
+        KLVMsgEvent event = NextEvent(ever);
+        return !event || event.kind == kind ? event : Await(kind);
     }
 
     // The next connection that comes, under a label.
@@ -97,6 +69,13 @@ struct Session : KLVMsgSession {
         return peer;
     }
 
+    bool Queues(unsigned n) {
+        return Eventually([&] { return Counts().messagesQueued == n; });
+    }
+    bool Holds(unsigned n) {
+        return Eventually([&] { return Counts().messagesInInbox == n; });
+    }
+
     int port = 0;
 };
 
@@ -104,23 +83,21 @@ struct Session : KLVMsgSession {
 struct Pair {
     explicit Pair(const KLVMsgSessionOptions& options = {}) : here(options) {
         EXPECT_TRUE(here.Connect(At(there.port), "peer", ever));
-        me = there.Came("peer");
+        there.Came("peer");
         peer = here.Came("peer");
     }
     // Otherwise each would wait for the answers that the other one may still give.
     ~Pair() { here.Disconnect("peer"), there.Disconnect("peer"); }
     Session here, there;
-    KLVMsgPeer me, peer;  // as the other one knows us, and as we know it
+    KLVMsgPeer peer;  // as we know the other one
 };
 
 // A session and a connection to it whose other end does what a test says, and at first nothing.
 struct MutePair {
-    explicit MutePair(const KLVMsgSessionOptions& options = {}) : session(options) {
-        id = session.Came("mute");
-    }
+    explicit MutePair(const KLVMsgSessionOptions& options = {}) : session(options) {}
     Session session;
     PlainPeer mute{session.port};
-    KLVMsgPeer id;
+    KLVMsgPeer id = session.Came("mute");
 };
 
 // More than the sockets of a connection hold: with a peer that does not read, all that is queued
