@@ -44,15 +44,21 @@ struct Mutex {
 using Lock = std::unique_lock<Mutex>;
 
 constexpr auto noLimit = std::chrono::milliseconds::max();
+constexpr std::chrono::milliseconds someLimit(1);
 
 class Condition {
 public:
     void notify_all() { m_checked.notify_all(RL_INFO); }
 
     template <class Predicate>
-    void wait_for(Lock& lock, std::chrono::milliseconds, Predicate predicate) {
-        while (!predicate()) {
-            m_checked.wait(lock.mutex()->checked, RL_INFO);
+    void wait_for(Lock& lock, std::chrono::milliseconds limit, Predicate predicate) {
+        bool inTime = true;
+        while (!predicate() && inTime) {
+            if (limit == noLimit) {
+                m_checked.wait(lock.mutex()->checked, RL_INFO);
+            } else {
+                inTime = m_checked.wait_for(lock.mutex()->checked, 0, RL_INFO);
+            }
         }
     }
 
@@ -156,6 +162,23 @@ struct RemovedWhileHeldTwice : Sockets<RemovedWhileHeldTwice, 3> {
     }
 };
 
+// The transfer ends that has found the connection's end. The socket is closed then, or a removal
+// has taken it up before.
+struct RemovedWhileItDeparts : Sockets<RemovedWhileItDeparts, 2> {
+    void before() {
+        Sockets::before();
+        departures.Begin(*socket);
+        Close();
+    }
+    void thread(unsigned index) {
+        if (index == 1) {
+            departures.Begin(*socket);
+            Destroy();
+        }
+        End();
+    }
+};
+
 // A transfer is about to begin while the registry closes and removes the socket.
 struct RemovedWhileLookedUp : Sockets<RemovedWhileLookedUp, 2> {
     void thread(unsigned index) {
@@ -208,6 +231,22 @@ struct AwaitedUntilClosed : Sockets<AwaitedUntilClosed, 2> {
     void after() { delete socket; }
 };
 
+// The same when that wait does not wake up: it is over before its hold.
+struct AwaitedInVain : Sockets<AwaitedInVain, 2> {
+    void thread(unsigned index) {
+        if (index == 0) {
+            return;
+        }
+        departures.Begin(*socket);
+        Close();
+        departures.AwaitClosed(noLimit, [](const Socket&) { return false; });  // another kind
+        departures.AwaitClosed(someLimit, [](const Socket&) { return true; });
+        RL_ASSERT(socket->closes == 0);
+        End();
+        Delete(socket);
+    }
+};
+
 template <class Scene>
 bool Holds() {
     rl::test_params parameters;
@@ -218,7 +257,8 @@ bool Holds() {
 }  // namespace
 
 int main() {
-    const bool all = Holds<RemovedWhileHeldTwice>() && Holds<RemovedWhileLookedUp>() &&
-                     Holds<ClosedWithoutAHold>() && Holds<AwaitedUntilClosed>();
+    const bool all = Holds<RemovedWhileHeldTwice>() && Holds<RemovedWhileItDeparts>() &&
+                     Holds<RemovedWhileLookedUp>() && Holds<ClosedWithoutAHold>() &&
+                     Holds<AwaitedUntilClosed>() && Holds<AwaitedInVain>();
     return all ? 0 : 1;
 }
