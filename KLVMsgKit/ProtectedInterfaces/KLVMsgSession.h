@@ -270,7 +270,8 @@ private:
         CheckWanted<Message>();
         KLVMsgReceived<KLVMsgSocketMessage> found = ReceiveOne({typeid(Message), limit, from});
         KLVMsgReceived<Message> received;
-        static_cast<KLVMsgOutcome&>(received) = std::move(found);
+        KLVMsgOutcome& outcome = found;
+        static_cast<KLVMsgOutcome&>(received) = std::move(outcome);
         received.message.reset(static_cast<Message*>(found.message.release()));
         received.peer = found.peer;
         return received;
@@ -280,7 +281,8 @@ private:
         CheckWanted<Message>();
         Found found = ReceiveMany({typeid(Message), limit, from});
         KLVMsgReceivedAll<Message> received;
-        static_cast<KLVMsgOutcome&>(received) = std::move(found);
+        KLVMsgOutcome& outcome = found;
+        static_cast<KLVMsgOutcome&>(received) = std::move(outcome);
         received.messages.reserve(found.messages.size());
         for (auto& item : found.messages) {
             std::unique_ptr<Message> message(static_cast<Message*>(item.message.release()));

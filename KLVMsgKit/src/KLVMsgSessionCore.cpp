@@ -97,7 +97,7 @@ KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_inf
         return Failure(EINVAL, "the message's own code failed");
     }
     const Lock lock(m_mutex);
-    if (const KLVMsgOutcome ready = IsReady(); !ready) {
+    if (KLVMsgOutcome ready = IsReady(); !ready) {
         return ready;
     }
     if (m_isStarted) {
@@ -166,12 +166,12 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
                                          const std::string& label, Time limit) {
     {
         const Lock lock(m_mutex);
-        if (const KLVMsgOutcome ready = IsReady(); !ready) {
+        if (KLVMsgOutcome ready = IsReady(); !ready) {
             return ready;
         }
     }
     KLVMsgDescriptor socket;
-    const KLVMsgOutcome outcome =
+    KLVMsgOutcome outcome =
         KLVMsgSessionSockets::Connect(address, limit, m_endSignal.Number(), socket);
     const Lock lock(m_mutex);
     if (m_isEnding) {

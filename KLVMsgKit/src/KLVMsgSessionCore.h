@@ -146,6 +146,8 @@ private:
                  bool isOnlyOne);
     void UpdateCost(Peer& peer);
     KLVMsgOutcome PostToMany(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes);
+    KLVMsgOutcome FindReceivers(const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
+                                KLVMsgDelivery& delivery);
     void RetryRoomless(Lock& lock, KLVMsgDelivery& delivery, const KLVMsgWireWriter& bytes);
     void Withdraw(KLVMsgDelivery& delivery);
     KLVMsgOutcome LeaveOut(const KLVMsgDelivery& delivery, bool isLabel);

@@ -57,7 +57,7 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& 
                 // The block goes back at once, to be used again.
                 body.copy(bytes, body.size());
                 body = {bytes, body.size()};
-                m_spent.Put(std::move(parcel));
+                m_spent.Put(std::exchange(parcel, nullptr));
             }
         }
         received.message = parcel != nullptr && parcel->object != nullptr

@@ -101,20 +101,9 @@ KLVMsgOutcome KLVMsgSessionCore::Send(const KLVMsgPeers& to, KLVMsgSocketMessage
     if (m_isEnding) {
         return Ended(KLVMsgOutcome::kPeerGone);
     }
-    std::vector<Peer*> meant;
-    m_book.Find(to, meant);
-    const bool isOne = to.HowMeant() == KLVMsgPeers::kOne;
-    for (const Peer* const peer : meant) {
-        if (peer->Takes() && (isOne || peer->IsThere())) {
-            outcome = WhyNot(*peer, bytes);
-            if (!outcome) {
-                return outcome;
-            }
-            delivery.roomless.push_back(peer->peer);
-        }
-    }
-    if (delivery.roomless.empty()) {
-        return Gone(to);
+    outcome = FindReceivers(to, bytes, delivery);
+    if (!outcome) {
+        return outcome;
     }
     const KLVMsgEntry<KLVMsgDelivery> entry(m_roomless, delivery);
     try {
@@ -134,12 +123,29 @@ KLVMsgOutcome KLVMsgSessionCore::Send(const KLVMsgPeers& to, KLVMsgSocketMessage
         outcome = Late();
     }
     if (!delivery.roomless.empty()) {
-        return LeaveOut(delivery, !isOne);
+        return LeaveOut(delivery, to.HowMeant() != KLVMsgPeers::kOne);
     }
     if (delivery.failed) {
         return {KLVMsgOutcome::kPeerGone, m_isEnding ? ESHUTDOWN : ENOTCONN, delivery.cause};
     }
     return outcome;
+}
+
+// Whom it is for, all of them without room as yet.
+KLVMsgOutcome KLVMsgSessionCore::FindReceivers(const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
+                                               KLVMsgDelivery& delivery) {
+    std::vector<Peer*> meant;
+    m_book.Find(to, meant);
+    const bool isOne = to.HowMeant() == KLVMsgPeers::kOne;
+    for (const Peer* const peer : meant) {
+        if (peer->Takes() && (isOne || peer->IsThere())) {
+            if (KLVMsgOutcome unfit = WhyNot(*peer, bytes); !unfit) {
+                return unfit;
+            }
+            delivery.roomless.push_back(peer->peer);
+        }
+    }
+    return delivery.roomless.empty() ? Gone(to) : KLVMsgOutcome();
 }
 
 // Queues the message for those who have room by now.

@@ -211,7 +211,7 @@ KLVMsgOutcome KLVMsgSessionSockets::Listen(const KLVMsgSocketAddress& address,
         return Failure(what, EINVAL);
     }
     Addresses addresses;
-    const KLVMsgOutcome outcome = Resolve(address, what, AI_PASSIVE, addresses);
+    KLVMsgOutcome outcome = Resolve(address, what, AI_PASSIVE, addresses);
     if (!outcome) {
         return outcome;
     }
