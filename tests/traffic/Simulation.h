@@ -29,7 +29,16 @@ public:
     // Throws what was not kept.
     void Run() {
         for (int step = 0; step < 20; ++step) {
-            Step(Below(2));
+            const unsigned side = Below(2), what = Below(12);
+            End &end = *m_ends[side], &peer = *m_ends[1 - side];
+            what < 3    ? (end.connection.Takes() ? Queue(end) : void())
+            : what < 6  ? Write(end, peer)
+            : what < 9  ? Read(end, peer)
+            : what < 10 ? (end.sent.empty() || end.hasDropped ? void() : TakeBack(end))
+            : what < 11 ? Jump()
+                        : Disturb(end, peer);
+            Keep(end);
+            Keep(peer);
         }
         m_isCalm = true;
         for (unsigned side = 0; side < 24; ++side) {
@@ -41,8 +50,8 @@ public:
             Read(end, peer);
             Keep(end);
         }
-        CheckCompleteness(*m_ends[0], *m_ends[1]);
-        CheckCompleteness(*m_ends[1], *m_ends[0]);
+        CheckWhole(*m_ends[0], *m_ends[1]);
+        CheckWhole(*m_ends[1], *m_ends[0]);
     }
 
 private:
@@ -88,33 +97,20 @@ private:
         unsigned causes = 1U << Event::kNoCause;  // for which it may end
     };
 
-    void Step(unsigned side) {
-        End &end = *m_ends[side], &peer = *m_ends[1 - side];
-        const unsigned what = Below(12);
-        what < 3    ? Queue(end)
-        : what < 6  ? Write(end, peer)
-        : what < 9  ? Read(end, peer)
-        : what < 10 ? TakeBack(end)
-        : what < 11 ? Jump()
-                    : Disturb(end, peer);
-        Keep(end);
-        Keep(peer);
-    }
-
     void Queue(End& end) {
         KLVMsgOutput& output = end.connection.output;
-        if (!end.connection.Takes()) {
-            return;
-        }
         const auto kind = static_cast<Kind>(Below(24) != 0 ? Below(3) : 3 + Below(3));
         std::size_t size = kind == kTooLong ? 20000 : Below(Below(8) == 0 ? 12000 : 60);
         size = kind == kFramed && Below(200) == 0 ? 70000 + Below(200000) : size;
         std::string text = std::to_string(++m_number) + " ";
         text.resize(text.size() + size, static_cast<char>('a' + m_number % 26));
+        const auto length = [](std::size_t n) {
+            return std::string(reinterpret_cast<const char*>(&n), 4);
+        };
         static const std::string names[] = {"Framed", "Bare", "Stranger"};
         const std::string& name = names[kind < kThrows ? kind : kBare];
-        std::string head = Bytes(name.size()) + name + Bytes(kind == kThrows ? ~0U : text.size());
-        head = kind == kNoName ? Bytes(0x7fffffff) : head;
+        std::string head = length(name.size()) + name + length(kind == kThrows ? ~0U : text.size());
+        head = kind == kNoName ? length(0x7fffffff) : head;
         const bool isLarge = text.size() >= 65536;
         const auto shared = isLarge ? std::make_shared<const std::string>(text) : nullptr;
         const Position begin = output.Appended();
@@ -127,11 +123,7 @@ private:
         end.sent.push_back({kind, std::move(text), begin, output.Appended()});
     }
 
-    static std::string Bytes(std::size_t number) {
-        return std::string(reinterpret_cast<const char*>(&number), 4);
-    }
-
-    // A run goes out with one step, and comes back with a later one.
+    // A run goes out, and comes back later.
     void Write(End& end, End& peer) {
         KLVMsgConnection& connection = end.connection;
         if (!end.run) {
@@ -236,9 +228,6 @@ private:
     }
 
     void TakeBack(End& end) {
-        if (end.sent.empty() || end.hasDropped) {
-            return;
-        }
         const auto which = end.sent.begin() + Below(end.sent.size());
         const Position begin = which->begin, size = which->end - begin;
         const bool isFree = begin >= end.gone + (end.run ? end.run->size : 0);
@@ -325,7 +314,7 @@ private:
         Require(end.hasDropped || output.MessagesTaken() + queued == end.sent.size(), "taken");
     }
 
-    void CheckCompleteness(End& end, End& peer) {
+    void CheckWhole(End& end, End& peer) {
         const bool isDue =
             !end.hasDropped && !peer.connection.IsOver() && !peer.connection.Discards();
         Require(!isDue || NextKnown(end) == nullptr, "something that was sent never came");
