@@ -105,23 +105,6 @@ TEST_F(ConnectionTest, PeerIsDeadWhenItAnswersNothingForAsLong) {
     EXPECT_EQ(KLVMsgPeerWatch::Time::max(), one->NextCheck(now)) << "all was acknowledged";
 }
 
-TEST_F(ConnectionTest, PeerThatEndsItsOutputStillGetsItsAnswer) {
-    one->InputEnded();
-    EXPECT_TRUE(one->Takes() && !one->Gives() && !one->Reads() && !one->IsOver());
-    one->AwaitAnswer(now + 30s);
-    EXPECT_EQ(now + 30s, one->NextCheck(now));
-    Queue(100);
-    Run(60);
-    StallsAfter(30s);
-    EXPECT_FALSE(one->Takes() || one->EndsOutput());
-    EXPECT_LT(now, one->NextCheck(now));
-    Run();
-    EXPECT_TRUE(one->EndsOutput());
-    one->OutputEnded();
-    EXPECT_TRUE(one->IsOver());
-    EXPECT_EQ(Event::kClosed, one->WhyOver());
-}
-
 TEST_F(ConnectionTest, LeaveDropsWhatIsQueuedAndIsOverInTime) {
     Queue(200);
     one->output.Take(0);
@@ -137,29 +120,6 @@ TEST_F(ConnectionTest, LeaveDropsWhatIsQueuedAndIsOverInTime) {
     StallsAfter(1ms);
     EXPECT_EQ(Event::kShutDownHere, one->WhyOver());
     EXPECT_TRUE(one->IsOver() && !one->Writes());
-}
-
-TEST_F(ConnectionTest, EachFailureHasItsCause) {
-    const struct {
-        int error;
-        bool ofOutput, isOver;
-        Event::Cause cause;
-        const char* words;
-    } rows[] = {
-        {EPIPE, true, false, Event::kReset, "the peer has reset the connection"},
-        {EHOSTUNREACH, true, true, Event::kDead, "the peer does not answer: No route to host"},
-        {ENOMEM, false, true, Event::kNoMemory, "there was no memory: Cannot allocate memory"},
-        {EIO, false, true, Event::kReset, "the connection has failed: Input/output error"}};
-    for (const auto& row : rows) {
-        Renew();
-        row.ofOutput ? one->OutputFailed(row.error) : one->Failed(row.error);
-        EXPECT_EQ(row.isOver, one->IsOver()) << row.words;
-        EXPECT_EQ(!row.isOver, one->Reads()) << row.words;
-        one->InputEnded();
-        EXPECT_TRUE(one->IsOver());
-        EXPECT_EQ(row.cause, one->WhyOver()) << row.words;
-        EXPECT_EQ(row.words, one->Text());
-    }
 }
 
 TEST_F(ConnectionTest, SimulatedNetworksBreakNothing) {
