@@ -121,6 +121,13 @@ TEST_F(WireTest, LengthIsOnlyAPromise) {
     EXPECT_EQ(400014U, arrivals.messages.at(0)->wireSize);
 }
 
+TEST_F(WireTest, WhatFollowsALongBareBodyIsKept) {
+    const std::string bytes = BareBytes(std::string(9000, 'y')) + Frame("end");
+    Feed(bytes.substr(0, 9013), 4600);
+    Feed(bytes.substr(9013));
+    EXPECT_EQ("9012:" + std::string(9000, 'y') + " 17:end ", Came());
+}
+
 TEST_F(WireTest, RefusedBytesEndTheReadingWithTheirCause) {
     Bare::reading = [](Bare& bare, KLVMsgInputStream& stream) {
         Bare::ReadWhole(bare, stream);
