@@ -3,219 +3,141 @@
 // clock jumps. After each step they must have kept what they promise; a seed replays.
 #pragma once
 
-#include <KLVMsgFramedMessage.h>
+#include <KLVMsgSocketMessage.h>
 
 #include <cerrno>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "Faults.h"
 #include "KLVMsgConnection.h"
-#include "KLVMsgWireWriter.h"
 
 class Simulation {
 public:
-    // What was not kept; empty when everything was.
-    static std::string Run(std::uint64_t seed) {
-        try {
-            Simulation(seed).Run();
-        } catch (const char* broken) {
-            return "seed " + std::to_string(seed) + ": " + broken;
+    explicit Simulation(std::uint64_t seed) : m_seed(seed), m_state(seed * 0x9e3779b97f4a7c15) {
+        m_types.Add({"Framed", &typeid(Sent), std::make_unique<Bare>(), true, 300000});
+        m_types.Add({"Bare", &typeid(Bare), std::make_unique<Bare>(), false, 0});
+        m_options.largestBareBody = 20000;
+        m_options.stallEnds = Below(2) == 0;
+        m_ends[0].emplace(m_types, m_options, m_now);
+        m_ends[1].emplace(m_types, m_options, m_now);
+    }
+
+    // Throws what was not kept.
+    void Run() {
+        for (int step = 0; step < 20; ++step) {
+            const unsigned side = Below(2), what = Below(12);
+            End &end = *m_ends[side], &peer = *m_ends[1 - side];
+            what < 3    ? (end.connection.Takes() ? Queue(end) : void())
+            : what < 6  ? Write(end, peer)
+            : what < 9  ? Read(end, peer)
+            : what < 10 ? (end.sent.empty() || end.hasDropped ? void() : TakeBack(end))
+            : what < 11 ? Jump()
+                        : Disturb(end, peer);
+            Keep(end);
+            Keep(peer);
         }
-        return "";
+        m_isCalm = true;
+        for (unsigned side = 0; side < 24; ++side) {
+            End &end = *m_ends[side % 2], &peer = *m_ends[1 - side % 2];
+            end.connection.AllowReading(m_now, true);
+            for (int i = 0; i < 40 && (end.run || end.connection.Writes()); ++i) {
+                Write(end, peer);
+            }
+            Read(end, peer);
+            Keep(end);
+        }
+        CheckWhole(*m_ends[0], *m_ends[1]);
+        CheckWhole(*m_ends[1], *m_ends[0]);
     }
 
 private:
     using Time = KLVMsgPeerWatch::Time;
     using Event = KLVMsgEvent;
-    enum Kind { kFramed, kBare, kUnknown, kThrows, kTooLong, kNoName, kNoFrame };
+    using Position = KLVMsgOutput::Position;
+    enum Kind { kFramed, kBare, kUnknown, kThrows, kTooLong, kNoName };
 
-    // Number, size, and so many letters of one kind.
-    struct Content {
-        bool Has(std::string_view text, const Content& wanted) const {
-            return number == wanted.number && text.size() == wanted.size &&
-                   text.find_first_not_of(Letter()) == std::string_view::npos;
-        }
-        char Letter() const { return static_cast<char>('a' + number % 26); }
-        std::uint32_t number = 0;
-        std::uint32_t size = 0;
-    };
-    struct Framed : KLVMsgFramedMessage {
-        bool Encode(std::string& bytes) const override {
-            bytes.assign(reinterpret_cast<const char*>(&content), sizeof content);
-            bytes.append(content.size, content.Letter());
-            return true;
-        }
-        bool Decode(std::string_view) override { return false; }
-        KLVMsgSocketMessage* NewInstance() override { return nullptr; }
-        KLVString GetMessageType() const override { return isUnknown ? "Stranger" : "Framed"; }
-        bool isUnknown = false;
-        Content content;
-    };
-    // Never asks whether a read fell short.
+    // Reads a length and so many bytes, and never asks whether a read fell short.
     struct Bare : KLVMsgSocketMessage {
-        int WriteMessage(KLVMsgOutputStream* stream) override {
-            int count = 0;
-            text.assign(content.size == kThrowing ? 0 : content.size, content.Letter());
-            stream->write(&content, sizeof content, count);
-            stream->write(text.data(), static_cast<int>(text.size()), count);
-            return 1;
-        }
+        int WriteMessage(KLVMsgOutputStream*) override { return 0; }
         int ReadMessage(KLVMsgInputStream* stream) override {
             int count = 0;
-            stream->read(&content.number, sizeof content.number, count);
-            stream->read(&content.size, sizeof content.size, count);
-            text.resize(content.size != kThrowing ? content.size : throw content.size);
-            stream->read(text.data(), static_cast<int>(text.size()), count);
+            std::uint32_t size = 0;
+            stream->read(&size, sizeof size, count);
+            text.resize(size != ~0U ? size : throw size);
+            stream->read(text.data(), static_cast<int>(size), count);
             return 1;
         }
         KLVMsgSocketMessage* NewInstance() override { return new Bare; }
         KLVString GetMessageType() const override { return "Bare"; }
-        static constexpr std::uint32_t kThrowing = 0xffffffff;
-        Content content;
         std::string text;
     };
-
     struct Sent {
         Kind kind;
-        Content content;
-        KLVMsgOutput::Position begin, end;
+        std::string text;
+        Position begin, end;
     };
     struct End {
-        End(const KLVMsgMessageTypes& types, const KLVMsgSessionOptions& options)
-            : connection(types, options) {}
+        End(const KLVMsgMessageTypes& types, const KLVMsgSessionOptions& options, Time now)
+            : connection(types, options), cameAt(now), tookAt(now) {}
+        void May(Event::Cause cause, bool indeed = true) { causes |= indeed ? 1U << cause : 0; }
         KLVMsgConnection connection;
-        std::optional<KLVMsgOutput::Run> run;
-        std::string wire;                 // from here, and not yet read
-        bool hasEnded = false;            // what the wire carries ends there
-        bool hasDropped = false;          // something that was queued does not go
-        std::vector<Sent> sent;           // not taken back
-        std::size_t arrived = 0;          // of them
-        KLVMsgOutput::Position gone = 0;  // taken by the system
-        bool hasToldUnknown = false;
         Time cameAt, tookAt;
-        unsigned causes = 0;  // for which it may end
+        std::optional<KLVMsgOutput::Run> run;
+        std::string wire;         // from here, and not yet read
+        bool hasEnded = false;    // what the wire carries ends there
+        bool hasDropped = false;  // something that was queued does not go
+        std::vector<Sent> sent;   // not taken back
+        std::size_t arrived = 0;  // of them
+        Position gone = 0;        // taken by the system
+        std::size_t toldUnknown = 0;
+        unsigned causes = 1U << Event::kNoCause;  // for which it may end
     };
 
-    explicit Simulation(std::uint64_t seed) : m_state(seed * 0x9e3779b97f4a7c15) {
-        m_options.stallEnds = Below(2) == 0;
-        for (auto& end : m_ends) {
-            end.emplace(Types(), m_options);
-            end->cameAt = end->tookAt = m_now;
-        }
-    }
-
-    void Run() {
-        for (int step = 0; step < 20; ++step) {
-            const unsigned side = Below(2);
-            Step(*m_ends[side], *m_ends[1 - side]);
-            Keep();
-        }
-        m_isCalm = true;
-        for (int round = 0; round < 12; ++round) {
-            for (unsigned side = 0; side < 2; ++side) {
-                End& end = *m_ends[side];
-                if (!end.connection.Reads()) {
-                    end.connection.AllowReading(m_now, true);
-                }
-                for (int i = 0; i < 40 && (end.run || end.connection.Writes()); ++i) {
-                    Write(end, *m_ends[1 - side]);
-                }
-                Read(end, *m_ends[1 - side]);
-            }
-            Keep();
-            if (m_ends[0]->wire.empty() && m_ends[1]->wire.empty() && round > 1) {
-                break;
-            }
-        }
-        CheckCompleteness(*m_ends[0], *m_ends[1]);
-        CheckCompleteness(*m_ends[1], *m_ends[0]);
-    }
-
-    void Step(End& end, End& peer) {
-        using Do = void (Simulation::*)(End&, End&);
-        static constexpr Do kQueue = &Simulation::Queue, kWrite = &Simulation::Write,
-                            kRead = &Simulation::Read;
-        static constexpr Do what[] = {kQueue,
-                                      kQueue,
-                                      kQueue,
-                                      kWrite,
-                                      kWrite,
-                                      kWrite,
-                                      kRead,
-                                      kRead,
-                                      kRead,
-                                      &Simulation::TakeBack,
-                                      &Simulation::Jump,
-                                      &Simulation::Disturb};
-        (this->*what[Below(std::size(what))])(end, peer);
-    }
-
-    void Queue(End& end, End&) {
+    void Queue(End& end) {
         KLVMsgOutput& output = end.connection.output;
-        if (!end.connection.Takes()) {
-            return;
-        }
-        const Kind kind =
-            Below(24) != 0 ? static_cast<Kind>(Below(3)) : static_cast<Kind>(3 + Below(4));
-        Content content{++m_number, Below(8) == 0 ? Below(12000) : Below(60)};
-        content.size = kind == kThrows ? Bare::kThrowing : kind == kTooLong ? 20000 : content.size;
-        content.size = kind < kBare && Below(200) == 0 ? 70000 + Below(200000) : content.size;
-        const KLVMsgOutput::Position begin = output.Appended();
-        const FailingAllocation fault(Shortage());
+        const auto kind = static_cast<Kind>(Below(24) != 0 ? Below(3) : 3 + Below(3));
+        std::size_t size = kind == kTooLong ? 20000 : Below(Below(8) == 0 ? 12000 : 60);
+        size = kind == kFramed && Below(200) == 0 ? 70000 + Below(200000) : size;
+        std::string text = std::to_string(++m_number) + " ";
+        text.resize(text.size() + size, static_cast<char>('a' + m_number % 26));
+        const auto length = [](std::size_t n) {
+            return std::string(reinterpret_cast<const char*>(&n), 4);
+        };
+        static const std::string names[] = {"Framed", "Bare", "Stranger"};
+        const std::string& name = names[kind < kThrows ? kind : kBare];
+        std::string head = length(name.size()) + name + length(kind == kThrows ? ~0U : text.size());
+        head = kind == kNoName ? length(0x7fffffff) : head;
+        const bool isLarge = text.size() >= 65536;
+        const auto shared = isLarge ? std::make_shared<const std::string>(text) : nullptr;
+        const Position begin = output.Appended();
         try {
-            if (kind == kNoName || kind == kNoFrame) {
-                using namespace std::string_literals;
-                output.Append(kind == kNoFrame ? "\1\0\0\0?"s : ""s, "\xff\xff\xff\x7f", nullptr);
-            } else {
-                KLVMsgWireWriter bytes;
-                if (!Put(kind, content, bytes)) {
-                    return;
-                }
-                output.Append(bytes.Head(), bytes.Body(), bytes.Shared());
-            }
+            const FailingAllocation fault(Shortage());
+            output.Append(head, text, shared);
         } catch (const std::bad_alloc&) {
             return Require(output.Appended() == begin, "a message without memory was queued");
         }
-        const Exempt exempt;
-        end.sent.push_back({kind, content, begin, output.Appended()});
+        end.sent.push_back({kind, std::move(text), begin, output.Appended()});
     }
 
-    bool Put(Kind kind, Content content, KLVMsgWireWriter& bytes) {
-        Framed framed;
-        Bare bare;
-        framed.content = bare.content = content;
-        framed.isUnknown = kind == kUnknown;
-        const bool isFramed = kind == kFramed || kind == kUnknown;
-        const KLVMsgOutcome outcome = isFramed ? bytes.Write(framed, &framed, m_options.largestBody)
-                                               : bytes.Write(bare, nullptr, m_options.largestBody);
-        Require(outcome || m_isShort, "a message was refused");
-        return static_cast<bool>(outcome);
-    }
-
-    // A run goes out with one step, and comes back with a later one.
+    // A run goes out, and comes back later.
     void Write(End& end, End& peer) {
         KLVMsgConnection& connection = end.connection;
         if (!end.run) {
-            if (connection.Writes()) {
-                static constexpr std::size_t segments[] = {0, 100, 1448, 70000};
-                const std::size_t segment = segments[Below(4)];
-                end.run = connection.output.Take(segment);
-                CheckRun(end, segment);
-            }
-            return;
+            return connection.Writes() ? TakeRun(end) : void();
         }
         const bool isGone = peer.connection.IsOver() || connection.IsOver();
         const std::size_t size = end.run->size;
         const std::size_t most = isGone ? 0 : m_isCalm || Below(2) == 0 ? size : Below(size + 1);
-        std::size_t count = most;
-        for (int i = 0; i < end.run->count && count != 0; ++i) {
-            const std::size_t part = std::min(count, end.run->pieces[i].iov_len);
-            end.wire.append(static_cast<const char*>(end.run->pieces[i].iov_base), part);
-            count -= part;
+        std::string bytes;
+        for (int i = 0; i < end.run->count; ++i) {
+            const iovec& piece = end.run->pieces[i];
+            bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
         }
+        end.wire.append(bytes, 0, most);
         end.run.reset();
         end.gone += most;
         end.tookAt = most != 0 || !connection.IsFull() ? m_now : end.tookAt;
@@ -226,9 +148,12 @@ private:
         }
     }
 
-    static void CheckRun(const End& end, std::size_t segment) {
-        const KLVMsgOutput::Position to = end.gone + end.run->size;
-        const auto most = end.gone + std::min(segment, KLVMsgOutput::kMostAtOnce);
+    void TakeRun(End& end) {
+        static constexpr std::size_t segments[] = {0, 100, 1448, 70000};
+        const std::size_t segment = segments[Below(4)];
+        end.run = end.connection.output.Take(segment);
+        const Position to = end.gone + end.run->size;
+        const Position most = end.gone + std::min(segment, KLVMsgOutput::kMostAtOnce);
         const Sent* first = nullptr;
         bool isEnd = false, isAllThatFits = true;
         for (const Sent& one : end.sent) {
@@ -238,84 +163,60 @@ private:
         }
         Require(to > end.gone && to <= end.gone + KLVMsgOutput::kMostAtOnce, "a run has no size");
         Require(end.run->endsMessage == isEnd, "a run does not know where it ends");
-        const bool isAlone = to <= first->end;
-        Require(segment == 0 || isAlone || (first->begin >= end.gone && isEnd && to <= most),
-                "a run cuts a header");
-        Require(segment == 0 || first->begin < end.gone || isAllThatFits, "a message is left");
+        const bool isWhole = first->begin >= end.gone && isEnd && to <= most && isAllThatFits;
+        const bool isAlone = to <= first->end && (first->begin < end.gone || first->end > most);
+        Require(segment == 0 || isAlone || isWhole, "a run cuts a header, or leaves a message");
     }
 
     void Read(End& end, End& peer) {
         KLVMsgConnection& connection = end.connection;
-        if (!connection.Reads()) {
+        if (connection.Reads() && peer.wire.empty() && peer.hasEnded) {
+            end.May(Event::kClosed);
+            end.May(Event::kCut, peer.hasDropped);
+            connection.InputEnded();
+            connection.EndOutput(false);
+        }
+        if (!connection.Reads() || peer.wire.empty()) {
             return;
         }
-        if (peer.wire.empty()) {
-            if (peer.hasEnded) {
-                end.causes |= 1U << Event::kClosed | (peer.hasDropped ? 1U << Event::kCut : 0);
-                connection.InputEnded();
-                connection.EndOutput(false);
-            }
-            return;
-        }
-        std::size_t count = m_isCalm || Below(3) != 0 ? peer.wire.size() : 1 + Below(16);
+        std::size_t count = peer.wire.size();
+        count = m_isCalm || Below(3) != 0 ? count : std::min<std::size_t>(count, 1 + Below(16));
         if (!connection.Discards()) {
-            count = Feed(connection, std::min(count, peer.wire.size()), peer.wire.data());
+            KLVMsgWireReader::Arrivals arrivals;
+            KLVMsgWireReader::Space spaces[2];
+            connection.reader.MakeRoom(m_buffer, spaces);
+            count = std::min(count, spaces[0].size + spaces[1].size);
+            const std::size_t first = std::min(count, spaces[0].size);
+            peer.wire.copy(spaces[0].data, first);
+            peer.wire.copy(spaces[1].data, count - first, first);
+            std::optional<FailingAllocation> fault(Shortage());
+            connection.reader.Came(m_buffer, count, arrivals);
+            connection.Came(m_now);
+            fault.reset();
             end.cameAt = m_now;
-            CheckArrivals(end, peer);
+            CheckArrivals(end, peer, arrivals);
         }
         peer.wire.erase(0, count);
     }
 
-    // Returns how many there was room for.
-    std::size_t Feed(KLVMsgConnection& connection, std::size_t count, const char* bytes) {
-        static KLVMsgWireReader::Buffer buffer;
-        m_arrivals.messages.clear();
-        m_arrivals.unknown.clear();
-        const FailingAllocation fault(Shortage());
-        KLVMsgWireReader::Space spaces[2];
-        try {
-            connection.reader.MakeRoom(buffer, spaces);
-        } catch (const std::bad_alloc&) {
-            connection.Failed(ENOMEM);
-            return 0;
-        }
-        const std::size_t first = std::min(count, spaces[0].size);
-        const std::size_t second = std::min(count - first, spaces[1].size);
-        std::copy_n(bytes, first, spaces[0].data);
-        std::copy_n(bytes + first, second, spaces[1].data);
-        connection.reader.Came(buffer, first + second, m_arrivals);
-        connection.Came(m_now);
-        return first + second;
-    }
-
-    void CheckArrivals(End& end, End& peer) {
-        for (const std::string& name : m_arrivals.unknown) {
-            Require(name == "?" || (name == "Stranger" && !end.hasToldUnknown),
-                    "a name is no news");
-            end.hasToldUnknown = end.hasToldUnknown || name != "?";
-        }
-        for (const auto& parcel : m_arrivals.messages) {
+    void CheckArrivals(End& end, End& peer, KLVMsgWireReader::Arrivals& arrivals) {
+        end.toldUnknown += arrivals.unknown.size();
+        Require(end.toldUnknown <= 1, "an unknown type was told again");
+        for (auto& parcel : arrivals.messages) {
             const Sent* const sent = NextKnown(peer);
             Require(sent != nullptr && sent->kind <= kBare, "something came that nobody sent");
             Require(parcel->type == static_cast<unsigned>(sent->kind), "the type is another one");
             Require(parcel->wireSize == sent->end - sent->begin, "the size is another one");
             const auto* const bare = static_cast<Bare*>(parcel->object);
-            std::string_view text = bare != nullptr ? bare->text : parcel->Body();
-            Content content = bare != nullptr ? bare->content : Content();
-            if (bare == nullptr) {
-                text.copy(reinterpret_cast<char*>(&content), sizeof content);
-                text.remove_prefix(sizeof content);
-            }
-            Require(content.Has(text, sent->content), "it is not whole");
+            Require((bare != nullptr ? bare->text : parcel->Body()) == sent->text, "not whole");
+            m_buffer.stock.Put(std::move(parcel));
             ++peer.arrived;
         }
         const Sent* const next = NextKnown(peer);
-        const bool isLength = next != nullptr && next->kind >= kNoName;
-        const bool isRefused =
-            m_isShort || (next != nullptr && (next->kind == kThrows || next->kind == kTooLong));
-        end.causes |= (isLength ? 1U << Event::kUnknownLength : 0) |
-                      (isRefused ? 1U << Event::kRefusedBody : 0) |
-                      (m_isShort ? 1U << Event::kNoMemory : 0);
+        const Kind kind = next != nullptr ? next->kind : kFramed;
+        end.May(Event::kUnknownLength, kind == kNoName);
+        end.May(Event::kRefusedBody, m_isShort || kind == kThrows || kind == kTooLong);
+        end.May(Event::kNoMemory, m_isShort);
     }
 
     static const Sent* NextKnown(End& peer) {
@@ -326,24 +227,22 @@ private:
         return peer.arrived < peer.sent.size() ? &peer.sent[peer.arrived] : nullptr;
     }
 
-    void TakeBack(End& end, End&) {
-        if (end.sent.empty() || end.hasDropped) {
-            return;
-        }
-        const std::size_t which = Below(end.sent.size());
-        const Sent one = end.sent[which];
-        const bool isFree = one.begin >= end.gone + (end.run ? end.run->size : 0);
-        Require(end.connection.CutOut(one.begin, one.end) == isFree, "taken back too late, or not");
+    void TakeBack(End& end) {
+        const auto which = end.sent.begin() + Below(end.sent.size());
+        const Position begin = which->begin, size = which->end - begin;
+        const bool isFree = begin >= end.gone + (end.run ? end.run->size : 0);
+        Require(!end.connection.CutOut(begin, begin + size - 1), "a part was taken back");
+        Require(end.connection.CutOut(begin, begin + size) == isFree,
+                "taken back too late, or not");
         if (isFree) {
-            end.sent.erase(end.sent.begin() + static_cast<std::ptrdiff_t>(which));
-            for (std::size_t i = which; i < end.sent.size(); ++i) {
-                end.sent[i].begin -= one.end - one.begin;
-                end.sent[i].end -= one.end - one.begin;
+            for (auto later = end.sent.erase(which); later != end.sent.end(); ++later) {
+                later->begin -= size;
+                later->end -= size;
             }
         }
     }
 
-    void Jump(End&, End&) {
+    void Jump() {
         const Time before = m_now;
         m_now += std::chrono::milliseconds(Below(3) == 0 ? 31000 : Below(6000));
         for (auto& end : m_ends) {
@@ -352,95 +251,79 @@ private:
                 continue;
             }
             const bool isDead = Below(24) == 0;
-            const std::chrono::milliseconds quiet(isDead ? 25000 : 24999);
             const bool isStill = connection.IsFull() && m_now - end->tookAt >= m_stall;
             const bool isCut = connection.reader.InMiddle() && connection.Reads() &&
                                !connection.Discards() && m_now - end->cameAt >= m_stall;
-            end->causes |= isDead ? 1U << Event::kDead : 0;
-            end->causes |= m_options.stallEnds && (isStill || isCut) ? 1U << Event::kStalled : 0;
-            const bool stalls = connection.Check(m_now, {1, 0, quiet});
+            end->May(Event::kDead, isDead);
+            end->May(Event::kStalled, m_options.stallEnds && (isStill || isCut));
+            const bool stalls =
+                connection.Check(m_now, {1, 0, std::chrono::milliseconds(isDead ? 25000 : 24999)});
             Require(!stalls || isStill || isCut, "a stall was told of one that does not");
             Require(connection.IsOver() || connection.NextCheck(m_now) > m_now, "no end of checks");
         }
     }
 
     void Disturb(End& end, End& peer) {
-        KLVMsgConnection& connection = end.connection;
-        switch (Below(8)) {
-            case 0:
-                return FailOutput(end, Below(2) == 0 ? EPIPE : ETIMEDOUT);
-            case 1:
-                end.causes |= 1U << Event::kReset;
-                end.hasDropped = peer.hasDropped = true;
-                end.wire.clear();
-                return connection.Failed(ECONNRESET);
-            case 2:
-                end.causes |= 1U << Event::kShutDownHere;
-                end.hasDropped = true;
-                return connection.Leave(m_now + std::chrono::seconds(5));
-            case 3:
-                return connection.EndOutput(Below(2) == 0);
-            default:
-                return connection.AllowReading(m_now, Below(2) == 0);
+        const unsigned what = Below(12);
+        if (what < 2) {
+            FailOutput(end, what == 0 ? EPIPE : ETIMEDOUT);
+        } else if (what == 2) {
+            end.May(Event::kReset);
+            end.hasDropped = peer.hasDropped = true;
+            end.wire.clear();
+            end.connection.Failed(ECONNRESET);
+        } else if (what == 3) {
+            end.May(Event::kShutDownHere);
+            end.hasDropped = true;
+            end.connection.Leave(m_now + std::chrono::seconds(5));
+        } else if (what == 4) {
+            end.connection.EndOutput(Below(2) == 0);
+        } else {
+            end.connection.AllowReading(m_now, Below(2) == 0);
         }
     }
 
     static void FailOutput(End& end, int error) {
-        end.causes |= 1U << (error == ETIMEDOUT ? Event::kDead : Event::kReset);
+        end.May(error == ETIMEDOUT ? Event::kDead : Event::kReset);
         end.hasDropped = true;
         end.connection.OutputFailed(error);
     }
 
-    // After each step.
-    void Keep() {
-        for (auto& end : m_ends) {
-            KLVMsgConnection& connection = end->connection;
-            const KLVMsgOutput& output = connection.output;
-            if (!connection.IsOver() && connection.EndsOutput() && !end->run) {
-                Require(end->hasDropped || end->sent.empty() || end->sent.back().end <= end->gone,
-                        "the output ends before all has gone");
-                end->hasEnded = true;
-                connection.OutputEnded();
-            }
-            Require((end->causes | 1U) >> connection.WhyOver() & 1,
-                    "a cause that there was none for");
-            Require(!connection.IsOver() || connection.WhyOver() != Event::kNoCause, "no cause");
-            end->hasEnded = end->hasEnded || connection.IsOver();
-            end->hasDropped = end->hasDropped || (connection.IsOver() && !output.IsEmpty());
-            Require(!connection.IsFull() || connection.Writes() || connection.IsOver() || end->run,
-                    "waits for the system, though nothing is queued");
-            Require(!connection.IsFull() || connection.NextCheck(m_now) != Time::max() || end->run,
-                    "waits for the system, and nobody looks after it");
-            std::size_t queued = 0;
-            for (const Sent& one : end->sent) {
-                queued += one.end > end->gone ? 1 : 0;
-            }
-            Require(end->hasDropped || output.Messages() == queued, "the queue is another one");
+    void Keep(End& end) {
+        KLVMsgConnection& connection = end.connection;
+        const KLVMsgOutput& output = connection.output;
+        std::size_t queued = 0, bytes = 0;
+        for (const Sent& one : end.sent) {
+            queued += one.end > end.gone ? 1 : 0;
+            bytes = one.end - end.gone;
         }
+        const bool isOver = connection.IsOver();
+        if (!isOver && connection.EndsOutput() && !end.run) {
+            Require(end.hasDropped || queued == 0, "the output ends before all has gone");
+            end.hasEnded = true;
+            connection.OutputEnded();
+        }
+        Require(end.causes >> connection.WhyOver() & 1, "a cause that there was none for");
+        Require(!isOver || connection.WhyOver() != Event::kNoCause, "no cause");
+        end.hasEnded = end.hasEnded || isOver;
+        end.hasDropped = end.hasDropped || (isOver && !output.IsEmpty());
+        const bool waits = connection.IsFull() && !end.run;
+        Require(!waits || connection.Writes() || isOver, "waits, though nothing is queued");
+        Require(!waits || connection.NextCheck(m_now) != Time::max(), "nobody looks after it");
+        Require(end.hasDropped || output.Cost() == bytes + 64 * queued, "another queue");
+        Require(end.hasDropped || output.MessagesTaken() + queued == end.sent.size(), "taken");
     }
 
-    static void CheckCompleteness(End& end, End& peer) {
-        if (end.hasDropped || peer.connection.IsOver() || peer.connection.Discards()) {
-            return;
-        }
-        Require(NextKnown(end) == nullptr, "something that was sent never came");
-        Require(end.connection.output.IsEmpty() && end.wire.empty(), "bytes are left");
-        Require(!peer.connection.reader.InMiddle(), "a part of a message is left");
+    void CheckWhole(End& end, End& peer) {
+        const bool isDue =
+            !end.hasDropped && !peer.connection.IsOver() && !peer.connection.Discards();
+        Require(!isDue || NextKnown(end) == nullptr, "something that was sent never came");
+        Require(!isDue || (end.connection.output.IsEmpty() && end.wire.empty()), "bytes are left");
+        Require(!isDue || !peer.connection.reader.InMiddle(), "a part of a message is left");
     }
 
-    static const KLVMsgMessageTypes& Types() {
-        static KLVMsgMessageTypes types;
-        if (types.Size() == 0) {
-            types.Add({"Framed", &typeid(Framed), std::make_unique<Framed>(), true, 300000});
-            types.Add({"Bare", &typeid(Bare), std::make_unique<Bare>(), false, 0});
-        }
-        return types;
-    }
-
-    static void Require(bool holds, const char* what) {
-        if (!holds) {
-            throw what;
-        }
+    void Require(bool holds, const char* what) const {
+        holds ? void() : throw std::runtime_error("seed " + std::to_string(m_seed) + ": " + what);
     }
 
     unsigned Below(std::size_t limit) {
@@ -450,23 +333,20 @@ private:
         return static_cast<unsigned>((m_state >> 32) % limit);
     }
 
-    // The allocation for which there is no memory in this step; 0 when there is enough.
+    // The allocation for which there is no memory, if any.
     int Shortage() {
         m_isShort = !m_isCalm && Below(12) == 0;
         return m_isShort ? 1 + static_cast<int>(Below(4)) : 0;
     }
 
+    const std::uint64_t m_seed;
     std::uint64_t m_state;
-    KLVMsgSessionOptions m_options = [] {
-        KLVMsgSessionOptions options;
-        options.largestBareBody = 20000;
-        return options;
-    }();
+    KLVMsgMessageTypes m_types;
+    KLVMsgSessionOptions m_options;
     const std::chrono::milliseconds m_stall = m_options.stall.Duration();
     Time m_now = Time() + std::chrono::hours(1);
+    KLVMsgWireReader::Buffer m_buffer;
     std::optional<End> m_ends[2];
-    KLVMsgWireReader::Arrivals m_arrivals;
-    std::uint32_t m_number = 0;
-    bool m_isShort = false;
-    bool m_isCalm = false;  // nothing fails any more
+    unsigned m_number = 0;
+    bool m_isShort = false, m_isCalm = false;  // calm: nothing fails any more
 };
