@@ -1,5 +1,5 @@
-// Bytes from a peer, for libFuzzer: into the reader of a session. What it makes of them must not depend on
-// how they were cut, which the first two bytes say.
+// Bytes from a peer, for libFuzzer: into the reader of a session. What it makes of them must not
+// depend on how they were cut, which the first two bytes say.
 #include <KLVMsgFramedMessage.h>
 
 #include <algorithm>
@@ -11,8 +11,8 @@
 
 namespace {
 
-// With a limit of its own as a framed one; by itself it reads pairs of length and bytes until a length is
-// zero, asks for ever when one is 255, and throws at 254.
+// With a limit of its own as a framed one; by itself it reads pairs of length and bytes until a
+// length is zero, asks for ever when one is 255, and throws at 254.
 struct Pairs : KLVMsgFramedMessage {
     explicit Pairs(const char* ownName) : name(ownName) {}
     bool Encode(std::string&) const override { return false; }

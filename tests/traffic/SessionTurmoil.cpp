@@ -1,6 +1,6 @@
-// Fifteen threads that do everything with sessions at once, at random: connect, send, post, receive,
-// label, disconnect, end. Each message arrives once, in order, or its fate was told. Usage:
-// session_turmoil SECONDS [SEED]
+// Fifteen threads that do everything with sessions at once, at random: connect, send, post,
+// receive, label, disconnect, end. Each message arrives once, in order, or its fate was told.
+// Usage: session_turmoil SECONDS [SEED]
 #include <chrono>
 #include <cstdlib>
 #include <deque>

@@ -1,5 +1,5 @@
-// The simulated network for as many seeds as one likes: simulation NUMBER [FIRST]. Aborts with the first
-// seed that breaks something, and says what.
+// The simulated network for as many seeds as one likes: simulation NUMBER [FIRST]. Aborts with the
+// first seed that breaks something, and says what.
 #include "Simulation.h"
 
 #include <cstdio>

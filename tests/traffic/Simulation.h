@@ -1,6 +1,7 @@
-// Two connections of a session that talk through a network which a seed makes up: how bytes are cut, how
-// many the system takes and when, who resets, leaves, stalls, throws and runs out of memory, and how the
-// clock jumps. After each step they must have kept what they promise; a seed replays.
+// Two connections of a session that talk through a network which a seed makes up: how bytes are
+// cut, how many the system takes and when, who resets, leaves, stalls, throws and runs out of
+// memory, and how the clock jumps. After each step they must have kept what they promise; a seed
+// replays.
 #pragma once
 
 #include <KLVMsgSocketMessage.h>
