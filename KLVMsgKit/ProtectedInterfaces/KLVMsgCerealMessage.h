@@ -76,12 +76,6 @@ private:
             m_bytes.append(data, static_cast<std::size_t>(length));
             return length;
         }
-        int_type overflow(int_type character) override {
-            if (character != traits_type::eof()) {
-                m_bytes.push_back(traits_type::to_char_type(character));
-            }
-            return traits_type::not_eof(character);
-        }
 
         std::string& m_bytes;
     };
