@@ -234,8 +234,9 @@ int epoll_create1(int flags) noexcept { return Pass(&epoll_create1, {"epoll_crea
 int epoll_ctl(int fd, int operation, int which, epoll_event* event) noexcept {
     return Pass(&epoll_ctl, {"epoll_ctl", which}, fd, operation, which, event);
 }
-int epoll_wait(int fd, epoll_event* events, int most, int limit) {
-    return Pass(&epoll_wait, {"epoll_wait", fd}, fd, events, most, limit);
+int epoll_pwait2(int fd, epoll_event* events, int most, const timespec* limit,
+                 const sigset_t* signals) {
+    return Pass(&epoll_pwait2, {"epoll_pwait2", fd}, fd, events, most, limit, signals);
 }
 int shutdown(int fd, int how) noexcept {
     return Pass(&shutdown, {"shutdown", fd, Words(how)}, fd, how);
