@@ -148,6 +148,8 @@ private:
     KLVMsgOutcome PostToMany(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes);
     KLVMsgOutcome FindReceivers(const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
                                 KLVMsgDelivery& delivery);
+    void AwaitDelivery(Lock& lock, KLVMsgDelivery& delivery, const KLVMsgWireWriter& bytes,
+                       Time deadline);
     void RetryRoomless(Lock& lock, KLVMsgDelivery& delivery, const KLVMsgWireWriter& bytes);
     void Withdraw(KLVMsgDelivery& delivery);
     KLVMsgOutcome LeaveOut(const KLVMsgDelivery& delivery, bool isLabel);

@@ -106,18 +106,7 @@ KLVMsgOutcome KLVMsgSessionCore::Send(const KLVMsgPeers& to, KLVMsgSocketMessage
         return outcome;
     }
     const KLVMsgEntry<KLVMsgDelivery> entry(m_roomless, delivery);
-    try {
-        RetryRoomless(lock, delivery, bytes);
-        while (delivery.left != 0 || !delivery.roomless.empty()) {
-            if (!delivery.waiter.Wait(lock, deadline)) {
-                break;
-            }
-            RetryRoomless(lock, delivery, bytes);
-        }
-    } catch (...) {
-        Withdraw(delivery);
-        throw;
-    }
+    AwaitDelivery(lock, delivery, bytes, deadline);
     if (delivery.left != 0) {
         Withdraw(delivery);
         outcome = Late();
@@ -146,6 +135,21 @@ KLVMsgOutcome KLVMsgSessionCore::FindReceivers(const KLVMsgPeers& to, const KLVM
         }
     }
     return delivery.roomless.empty() ? Gone(to) : KLVMsgOutcome();
+}
+
+// Queues it where and when there is room, and waits until all is taken or the time is over.
+void KLVMsgSessionCore::AwaitDelivery(Lock& lock, KLVMsgDelivery& delivery,
+                                      const KLVMsgWireWriter& bytes, Time deadline) {
+    try {
+        RetryRoomless(lock, delivery, bytes);
+        while ((delivery.left != 0 || !delivery.roomless.empty()) &&
+               delivery.waiter.Wait(lock, deadline)) {
+            RetryRoomless(lock, delivery, bytes);
+        }
+    } catch (...) {
+        Withdraw(delivery);
+        throw;
+    }
 }
 
 // Queues the message for those who have room by now.
