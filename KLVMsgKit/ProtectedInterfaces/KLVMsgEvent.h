@@ -40,8 +40,8 @@ struct KLVMsgEvent : KLVMsgOutcome {
     KLVMsgPeer peer;         // whom it concerns; none for kRefused and kServingFailed
     std::string label;       // of the peer, at that moment
     std::string address;     // of the peer, or where was to be served: "127.0.0.1, port 4711"
-    std::string type;        // of kUnknownType: the name as it came, its first 256 bytes
-    std::string what;        // all of it in words
+    std::string type;  // of kUnknownType: its first 256 bytes, with ? for what cannot be printed
+    std::string what;  // all of it in words
     std::uint64_t missed =
         0;  // how many events were dropped right before this one, as nobody asked
 };
