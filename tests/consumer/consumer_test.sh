@@ -87,7 +87,8 @@ case $way in
     [ -f "$include/omi_Btree.h" ] || say_and_fail "the ordered map is not installed"
     [ ! -e "$include/KLVString.h" ] || say_and_fail "a header of KLVBase is installed"
     libdir=$(dirname "$(find "$work/prefix" -name libKLVMsgKit.so.1)")
-    CXXFLAGS="${CXXFLAGS:-} -pthread -I$source/examples/own_base -I$work/build/headers" try_pkg_config
+    ln -s "$source/examples/own_base" "$work/base"  # its own path may have spaces
+    CXXFLAGS="${CXXFLAGS:-} -pthread -I$work/base -I$work/build/headers" try_pkg_config
     ;;
   *)
     say_and_fail "unknown way: $way"
