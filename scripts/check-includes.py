@@ -28,7 +28,7 @@ FLOORS = (
     # The session, from its first floor to its fifth.
     "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
     "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage "
-    "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
+    "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
     "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets",
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
     "KLVMsgLoop",

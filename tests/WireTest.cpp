@@ -110,7 +110,8 @@ struct WireTest : testing::Test {
     KLVMsgWireReader::Buffer buffer;
     std::optional<KLVMsgWireReader> reader;
     KLVMsgWireReader::Arrivals arrivals;
-    KLVMsgWireWriter writer;
+    std::shared_ptr<KLVMsgSpentBodies> spent = std::make_shared<KLVMsgSpentBodies>();
+    KLVMsgWireWriter writer{*spent};
 };
 
 TEST_F(WireTest, LengthIsOnlyAPromise) {
@@ -216,7 +217,7 @@ TEST_F(WireTest, ShortReadOfABareClassIsNoFaultWhateverItMakesOfIt) {
 
 TEST_F(WireTest, EncodeMaySendAndSmallMessagesTakeNoMemory) {
     Letter inner("inner"), outer(std::string(60, 'x'));
-    outer.encode = [&] { return bool(KLVMsgWireWriter().Write(inner, &inner, 100)); };
+    outer.encode = [&] { return bool(KLVMsgWireWriter(*spent).Write(inner, &inner, 100)); };
     ASSERT_TRUE(Write(outer));
     EXPECT_EQ(Frame(outer.text), Written());
     EXPECT_EQ(EMSGSIZE, Write(inner, 4).error);
@@ -230,6 +231,21 @@ TEST_F(WireTest, EncodeMaySendAndSmallMessagesTakeNoMemory) {
     EXPECT_EQ(before + 1, Allocations()) << "the type name";
     EXPECT_TRUE(Write(outer));
     EXPECT_EQ(before + 4, Allocations()) << "two type names, and room for the inner one";
+}
+
+TEST_F(WireTest, RoomOfLongBodiesIsFilledAnew) {
+    Letter letter(std::string(70000, 'x'));
+    ASSERT_TRUE(Write(letter));
+    const char* const written = writer.Body().data();
+    ASSERT_TRUE(Write(letter));
+    EXPECT_EQ(written, writer.Body().data());
+    Feed(Written());
+    const char* const read = arrivals.messages.at(0)->Bytes();
+    EXPECT_EQ(nullptr, buffer.stock.Put(std::move(arrivals.messages[0])));
+    arrivals = {};
+    Feed(Frame(std::string(60000, 'y')));
+    EXPECT_EQ(read, arrivals.messages.at(0)->Bytes());
+    EXPECT_EQ("60014:" + std::string(60000, 'y') + " ", Came());
 }
 
 TEST_F(WireTest, ShortMemoryCostsTheConnectionOrTheMessage) {

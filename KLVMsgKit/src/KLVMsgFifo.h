@@ -30,13 +30,7 @@ public:
     // Requires, as all that follow: it is not empty.
     void pop_front() {
         m_all[m_first] = T();  // lets go of what it owns
-        ++m_first;
-        if (empty()) {
-            clear();
-        } else if (m_first >= kMostGone && m_first >= size()) {
-            m_all.erase(m_all.begin(), begin());
-            m_first = 0;
-        }
+        Drop(1);
     }
     void pop_back() {
         m_all.pop_back();
@@ -45,6 +39,17 @@ public:
         }
     }
     Iterator erase(Iterator one) { return m_all.erase(one); }
+
+    // Takes so many off the front, which own nothing. Requires: there are so many.
+    void Drop(std::size_t count) {
+        m_first += count;
+        if (empty()) {
+            clear();
+        } else if (m_first >= kMostGone && m_first >= size()) {
+            m_all.erase(m_all.begin(), begin());
+            m_first = 0;
+        }
+    }
 
     void clear() {
         m_first = 0;

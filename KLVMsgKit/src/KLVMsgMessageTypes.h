@@ -22,6 +22,7 @@ public:
         std::unique_ptr<KLVMsgSocketMessage> prototype;
         bool framed;              // its body is a length and bytes, which wait for Decode
         std::size_t largestBody;  // of a framed one
+        std::string header = {};  // on the wire: the name's length and the name; Add makes it
     };
 
     static constexpr std::uint32_t kNone = 0xffffffff;
@@ -29,6 +30,9 @@ public:
     // Throws std::bad_alloc and leaves the table as it was.
     void Add(Type type) {
         m_types.reserve(m_types.size() + 1);
+        const auto length = static_cast<std::uint32_t>(type.name.size());
+        type.header.assign(reinterpret_cast<const char*>(&length), sizeof length);
+        type.header += type.name;
         const auto number = static_cast<std::uint32_t>(m_types.size());
         m_numbers.emplace(type.name, number);
         m_longestName = m_longestName < type.name.size() ? type.name.size() : m_longestName;

@@ -10,41 +10,54 @@ KLVMsgOutput::Position KLVMsgOutput::Append(std::string_view head, std::string_v
     const std::size_t copied = head.size() + (shared == nullptr ? body.size() : 0);
     const bool fits = !m_pieces.empty() && m_pieces.back().room >= m_pieces.back().end + copied;
     // Whatever may fail comes first.
-    Piece block = fits ? Piece() : NewBlock(copied);
-    const std::size_t room = block.room;
     m_ends.push_back(m_appended + head.size() + body.size());
-    try {
-        if (!fits) {
-            m_pieces.push_back(std::move(block));
+    if (!fits || shared != nullptr) {
+        try {
+            AddPieces(fits ? 0 : copied, shared);
+        } catch (...) {
+            m_ends.pop_back();
+            throw;
         }
+    }
+    Piece& piece = m_pieces[m_pieces.size() - (shared == nullptr ? 1 : 2)];
+    char* const to = piece.block.get() + piece.end;
+    std::memcpy(to, head.data(), head.size());
+    if (shared == nullptr && !body.empty()) {
+        std::memcpy(to + head.size(), body.data(), body.size());
+    }
+    piece.end += copied;
+    return m_appended = m_ends.back();
+}
+
+// A block, unless that is of size 0, and what is shared, unless that is null: both or none.
+void KLVMsgOutput::AddPieces(std::size_t block, const std::shared_ptr<const std::string>& shared) {
+    if (block != 0) {
+        // Nothing more fits into one that a shared body follows.
+        m_pieces.push_back(NewBlock(shared != nullptr ? block : std::max(block, NextRoom())));
+    }
+    try {
         if (shared != nullptr) {
-            m_pieces.push_back({nullptr, shared, 0, 0, body.size()});
+            m_pieces.push_back({nullptr, shared, 0, 0, shared->size()});
         }
     } catch (...) {
-        m_ends.pop_back();
-        if (!fits && !m_pieces.empty() && m_pieces.back().end == 0) {
+        if (block != 0) {
             m_pieces.pop_back();
         }
         throw;
     }
-    m_lastBlock = fits ? m_lastBlock : room;
-    Piece& piece = m_pieces[m_pieces.size() - (shared == nullptr ? 1 : 2)];
-    std::memcpy(piece.block.get() + piece.end, head.data(), head.size());
-    piece.end += head.size();
-    if (shared == nullptr && !body.empty()) {
-        std::memcpy(piece.block.get() + piece.end, body.data(), body.size());
-        piece.end += body.size();
-    }
-    return m_appended = m_ends.back();
+    m_lastBlock = shared == nullptr ? m_pieces.back().room : m_lastBlock;
+}
+
+KLVMsgOutput::Piece KLVMsgOutput::NewBlock(std::size_t size) {
+    Piece piece;
+    piece.room = size;
+    piece.block.reset(new char[size]);
+    return piece;
 }
 
 // Blocks grow with what is queued, so that an idle connection has none and a busy one few.
-KLVMsgOutput::Piece KLVMsgOutput::NewBlock(std::size_t size) const {
-    Piece piece;
-    const std::size_t next = m_pieces.empty() ? kFirstBlock : 4 * m_lastBlock;
-    piece.room = std::max(size, std::min(next, kLargestBlock));
-    piece.block.reset(new char[piece.room]);
-    return piece;
+std::size_t KLVMsgOutput::NextRoom() const {
+    return m_pieces.empty() ? kFirstBlock : std::min(4 * m_lastBlock, kLargestBlock);
 }
 
 // How many bytes go next, from a position on.
@@ -100,10 +113,12 @@ void KLVMsgOutput::Took(std::size_t count) {
             m_pieces.pop_front();
         }
     }
-    while (!m_ends.empty() && m_ends.front() <= m_taken) {
-        m_start = m_ends.front();
-        m_ends.pop_front();
-        ++m_messagesTaken;
+    const auto first = std::upper_bound(m_ends.begin(), m_ends.end(), m_taken);
+    if (first != m_ends.begin()) {
+        m_start = *std::prev(first);
+        const auto over = static_cast<std::size_t>(first - m_ends.begin());
+        m_ends.Drop(over);
+        m_messagesTaken += over;
     }
 }
 

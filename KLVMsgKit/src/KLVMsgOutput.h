@@ -86,7 +86,9 @@ private:
     static constexpr std::size_t kFirstBlock = 1024 - 64;
     static constexpr std::size_t kLargestBlock = std::size_t{64} << 10;
 
-    Piece NewBlock(std::size_t size) const;
+    static Piece NewBlock(std::size_t size);
+    std::size_t NextRoom() const;
+    void AddPieces(std::size_t block, const std::shared_ptr<const std::string>& shared);
     static void Shrink(Piece& piece);
     std::size_t RunSize(Position begin, std::size_t segment) const;
     void CutPieces(std::size_t before, std::size_t count);

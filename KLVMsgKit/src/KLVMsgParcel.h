@@ -24,31 +24,46 @@ public:
     };
     using Owner = std::unique_ptr<KLVMsgParcel, Free>;
 
-    // Blocks for short bodies that one thread has done with and another one takes anew, since
-    // allocating and freeing is most of what a short message costs. No lock.
+    // Blocks that one thread has done with and another one takes anew: allocating and freeing is
+    // most of what a short message costs, and half of what the pages of a long one do. No lock.
     class Stock {
     public:
-        static constexpr std::size_t kRoom = 128;  // bytes of a body
+        static constexpr std::size_t kRoom = 128;  // bytes of a short body
 
         Stock() = default;
         ~Stock();
         Stock(const Stock&) = delete;
         Stock& operator=(const Stock&) = delete;
 
-        // With room for so many bytes. Throws std::bad_alloc.
-        Owner Take(std::size_t room);
+        // With room for so many bytes, or for as many as are wished if there is such a block.
+        // Throws std::bad_alloc.
+        Owner Take(std::size_t room, std::size_t wish);
 
-        // Keeps the block of a short body, up to a number of them, and frees others.
-        void Put(Owner parcel);
+        // Keeps the block of a short or a long body, as far as there are not too many; hands it
+        // back otherwise. May tells it in advance, but for the number.
+        Owner Put(Owner parcel);
+        static bool May(const KLVMsgParcel& parcel) {
+            return parcel.object == nullptr && (parcel.room == kRoom || parcel.room >= kLong);
+        }
 
-        // Takes over all that another one has, if this one has none.
+        // Takes over all that another one has, if this one has none of their kind.
         void Refill(Stock& other);
 
     private:
-        static constexpr std::size_t kMost = 4096;
+        static constexpr std::size_t kMostShort = 4096;                 // blocks
+        static constexpr std::size_t kLong = std::size_t{16} << 10;     // bytes of a body
+        static constexpr std::size_t kMostLong = std::size_t{2} << 20;  // bytes in all
 
-        KLVMsgParcel* m_first = nullptr;
-        std::size_t m_count = 0;
+        struct List {
+            void Push(KLVMsgParcel* parcel, std::size_t cost);
+
+            KLVMsgParcel* first = nullptr;
+            std::size_t size = 0;
+        };
+        Owner TakeLong(std::size_t wish);
+
+        List m_short;  // its size is their number
+        List m_long;   // its size is their room
     };
 
     // With room for `room` bytes. Throws std::bad_alloc.
@@ -57,7 +72,9 @@ public:
         if (block == nullptr) {
             throw std::bad_alloc();
         }
-        return Owner(new (block) KLVMsgParcel);
+        Owner made(new (block) KLVMsgParcel);
+        made->room = room;
+        return made;
     }
 
     // Makes the room larger, or smaller; the bytes stay. Throws std::bad_alloc and leaves it as it
@@ -70,6 +87,7 @@ public:
         }
         static_cast<void>(parcel.release());
         parcel.reset(static_cast<KLVMsgParcel*>(moved));
+        parcel->room = room;
     }
 
     char* Bytes() { return reinterpret_cast<char*>(this + 1); }
@@ -90,9 +108,9 @@ public:
     std::uint64_t order = 0;                // the inbox's: later ones have a larger one
     KLVMsgSocketMessage* object = nullptr;  // owned; of a class that has read its body itself
     std::size_t size = 0;                   // bytes of the body, if there is no object
+    std::size_t room = 0;                   // for those
     std::uint32_t type = 0;                 // its number among the registered types
     std::uint32_t wireSize = 0;             // header and body
-    bool isShort = false;                   // its room is the stock's
 
 private:
     KLVMsgParcel() = default;
@@ -100,38 +118,67 @@ private:
 static_assert(std::is_trivially_copyable<KLVMsgParcel>::value, "a block is moved by its bytes");
 
 inline KLVMsgParcel::Stock::~Stock() {
-    while (m_first != nullptr) {
-        Free()(std::exchange(m_first, m_first->ofClass.next));
+    for (List* const list : {&m_short, &m_long}) {
+        while (list->first != nullptr) {
+            Free()(std::exchange(list->first, list->first->ofClass.next));
+        }
     }
 }
 
-inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Take(std::size_t room) {
-    if (room > kRoom) {
-        return New(room);
+inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Take(std::size_t room, std::size_t wish) {
+    if (room <= kRoom && m_short.first == nullptr) {
+        return New(kRoom);
     }
-    if (m_first == nullptr) {
-        Owner made = New(kRoom);
-        made->isShort = true;
-        return made;
+    if (room <= kRoom) {
+        --m_short.size;
+        KLVMsgParcel* const taken = m_short.first;
+        m_short.first = taken->ofClass.next;
+        *taken = KLVMsgParcel();
+        taken->room = kRoom;
+        return Owner(taken);
     }
-    --m_count;
-    KLVMsgParcel* const taken = std::exchange(m_first, m_first->ofClass.next);
-    *taken = KLVMsgParcel();
-    taken->isShort = true;
-    return Owner(taken);
+    Owner taken = wish < kLong ? nullptr : TakeLong(wish);
+    return taken != nullptr ? std::move(taken) : New(room);
 }
 
-inline void KLVMsgParcel::Stock::Put(Owner parcel) {
-    if (parcel->isShort && parcel->object == nullptr && m_count < kMost) {
-        ++m_count;
-        parcel->ofClass.next = m_first;
-        m_first = parcel.release();
+// Not one that is many times too large: it would be missed where it is needed.
+inline KLVMsgParcel::Owner KLVMsgParcel::Stock::TakeLong(std::size_t wish) {
+    KLVMsgParcel** place = &m_long.first;
+    while (*place != nullptr && ((*place)->room < wish || (*place)->room / 4 > wish)) {
+        place = &(*place)->ofClass.next;
     }
+    Owner taken(*place);
+    if (taken != nullptr) {
+        const std::size_t room = taken->room;
+        *place = taken->ofClass.next;
+        m_long.size -= room;
+        *taken = KLVMsgParcel();
+        taken->room = room;
+    }
+    return taken;
+}
+
+inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Put(Owner parcel) {
+    const bool isShort = parcel->room == kRoom;
+    const std::size_t cost = isShort ? 1 : parcel->room;
+    List& list = isShort ? m_short : m_long;
+    if (May(*parcel) && list.size + cost <= (isShort ? kMostShort : kMostLong)) {
+        list.Push(parcel.release(), cost);
+    }
+    return parcel;
+}
+
+inline void KLVMsgParcel::Stock::List::Push(KLVMsgParcel* parcel, std::size_t cost) {
+    parcel->ofClass.next = first;
+    first = parcel;
+    size += cost;
 }
 
 inline void KLVMsgParcel::Stock::Refill(Stock& other) {
-    if (m_first == nullptr) {
-        std::swap(m_first, other.m_first);
-        std::swap(m_count, other.m_count);
+    if (m_short.first == nullptr) {
+        std::swap(m_short, other.m_short);
+    }
+    if (m_long.first == nullptr) {
+        std::swap(m_long, other.m_long);
     }
 }

@@ -139,7 +139,7 @@ private:
     static void AddCounts(KLVMsgCounts& counts, Peer& peer);
 
     // Sending.
-    KLVMsgOutcome WhyNot(const Peer& peer, const KLVMsgWireWriter& bytes) const;
+    bool Fits(const Peer& peer, const KLVMsgWireWriter& bytes, KLVMsgOutcome& outcome) const;
     bool HasRoom(const Peer& peer, std::size_t size) const;
     void Append(Peer& peer, const KLVMsgWireWriter& bytes, KLVMsgDelivery* delivery);
     void Deliver(Lock& lock, Peer& peer, const KLVMsgWireWriter& bytes, KLVMsgDelivery* delivery,
@@ -191,6 +191,8 @@ private:
     KLVMsgMessageTypes m_types;
     KLVMsgOutcome m_ready;  // why nothing works, if nothing does
     KLVMsgDescriptor m_endSignal;
+
+    const std::shared_ptr<KLVMsgSpentBodies> m_spentBodies = std::make_shared<KLVMsgSpentBodies>();
 
     std::mutex m_mutex;
     KLVMsgPeerBook m_book;

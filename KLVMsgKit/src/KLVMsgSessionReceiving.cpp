@@ -2,6 +2,7 @@
 // messages on the thread that asks for them, without the mutex.
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <string>
@@ -46,23 +47,26 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& 
         std::string_view body;
         {
             Lock lock(m_mutex);
-            const KLVMsgParcel* found = nullptr;
-            outcome = AwaitParcel(lock, type, wanted, found);
-            if (!outcome) {
+            const KLVMsgParcel* found = m_isEnding ? nullptr : Find(type, wanted.from);
+            if (found == nullptr && !(outcome = AwaitParcel(lock, type, wanted, found))) {
                 break;
             }
             parcel = TakeOut(found, received.peer, true);
             body = parcel->Body();
-            if (parcel->isShort && parcel->object == nullptr) {
+            if (parcel->room == KLVMsgParcel::Stock::kRoom && parcel->object == nullptr) {
                 // The block goes back at once, to be used again.
-                body.copy(bytes, body.size());
+                std::memcpy(bytes, body.data(), body.size());
                 body = {bytes, body.size()};
-                m_spent.Put(std::exchange(parcel, nullptr));
+                parcel = m_spent.Put(std::move(parcel));
             }
         }
         received.message = parcel != nullptr && parcel->object != nullptr
                                ? Message(std::exchange(parcel->object, nullptr))
                                : Decode(type, body, received.peer);
+        if (parcel != nullptr && KLVMsgParcel::Stock::May(*parcel)) {
+            const Lock lock(m_mutex);
+            parcel = m_spent.Put(std::move(parcel));
+        }
     }
     return received;
 }
@@ -80,8 +84,10 @@ KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Want
         parcels.clear();
         {
             Lock lock(m_mutex);
-            const KLVMsgParcel* found = nullptr;
-            outcome = AwaitParcel(lock, type, wanted, found);
+            const KLVMsgParcel* found = m_isEnding ? nullptr : Find(type, wanted.from);
+            if (found == nullptr) {
+                outcome = AwaitParcel(lock, type, wanted, found);
+            }
             // Room first: what is taken out is handed over.
             const std::size_t most = outcome ? m_inbox.Count(type) : 0;
             parcels.reserve(most);
@@ -101,22 +107,15 @@ KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Want
         }
         const Lock lock(m_mutex);
         for (auto& [parcel, peer] : parcels) {
-            m_spent.Put(std::move(parcel));
+            parcel = m_spent.Put(std::move(parcel));
         }
     }
     return received;
 }
 
-// Waits until there is one, or none can come.
+// Where there is none: waits until there is, or none can come.
 KLVMsgOutcome KLVMsgSessionCore::AwaitParcel(Lock& lock, std::uint32_t type, const Wanted& wanted,
                                              const KLVMsgParcel*& found) {
-    if (m_isEnding) {
-        return Ended(KLVMsgOutcome::kPeerGone);
-    }
-    found = Find(type, wanted.from);
-    if (found != nullptr) {
-        return {};
-    }
     ReleaseHand();
     const Time deadline = wanted.limit.Deadline();
     Receiver receiver{{}, type, wanted.from};
@@ -332,6 +331,9 @@ void KLVMsgSessionCore::Release(Hand& hand, std::size_t kept) {
 // The thread has a message of this peer now: with `isNext` instead of what it had.
 void KLVMsgSessionCore::TakeInHand(Peer& peer, bool isNext) {
     Hand* hand = MyHand();
+    if (isNext && hand != nullptr && hand->peers.size() == 1 && hand->peers[0] == peer.peer) {
+        return;  // the next one of the same peer
+    }
     if (hand == nullptr) {
         // Threads that have ended are not told apart: the one that came first is let go.
         if (m_hands.size() == kMostHands) {

@@ -28,7 +28,7 @@ KLVMsgOutcome NoMemory() {
 
 KLVMsgOutcome KLVMsgSessionCore::Post(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                                       const KLVMsgFramedMessage* framed) {
-    KLVMsgWireWriter bytes;
+    KLVMsgWireWriter bytes(*m_spentBodies);
     KLVMsgOutcome outcome = bytes.Write(message, framed, m_options.largestBody);
     if (!outcome) {
         return outcome;
@@ -45,12 +45,12 @@ KLVMsgOutcome KLVMsgSessionCore::Post(const KLVMsgPeers& to, KLVMsgSocketMessage
         if (peer == nullptr || !peer->Takes()) {
             return Gone(to);
         }
-        outcome = WhyNot(*peer, bytes);
-        if (outcome && !HasRoom(*peer, bytes.Size())) {
-            outcome = NoRoom();
-        }
-        if (outcome) {
-            Deliver(lock, *peer, bytes, nullptr, true);
+        if (Fits(*peer, bytes, outcome)) {
+            if (HasRoom(*peer, bytes.Size())) {
+                Deliver(lock, *peer, bytes, nullptr, true);
+            } else {
+                outcome = NoRoom();
+            }
         }
     } catch (const std::bad_alloc&) {
         outcome = NoMemory();
@@ -71,10 +71,9 @@ KLVMsgOutcome KLVMsgSessionCore::PostToMany(Lock& lock, const KLVMsgPeers& to,
     }
     KLVMsgOutcome outcome;
     for (const Peer* const peer : meant) {
-        outcome = outcome ? WhyNot(*peer, bytes) : outcome;
-    }
-    if (!outcome) {
-        return outcome;
+        if (!Fits(*peer, bytes, outcome)) {
+            return outcome;
+        }
     }
     for (Peer* const peer : meant) {
         if (HasRoom(*peer, bytes.Size())) {
@@ -90,7 +89,7 @@ KLVMsgOutcome KLVMsgSessionCore::PostToMany(Lock& lock, const KLVMsgPeers& to,
 KLVMsgOutcome KLVMsgSessionCore::Send(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                                       const KLVMsgFramedMessage* framed, KLVMsgTimeLimit limit) {
     const Time deadline = limit.Deadline();
-    KLVMsgWireWriter bytes;
+    KLVMsgWireWriter bytes(*m_spentBodies);
     KLVMsgOutcome outcome = bytes.Write(message, framed, m_options.largestBody);
     if (!outcome) {
         return outcome;
@@ -126,15 +125,16 @@ KLVMsgOutcome KLVMsgSessionCore::FindReceivers(const KLVMsgPeers& to, const KLVM
     std::vector<Peer*> meant;
     m_book.Find(to, meant);
     const bool isOne = to.HowMeant() == KLVMsgPeers::kOne;
+    KLVMsgOutcome outcome;
     for (const Peer* const peer : meant) {
         if (peer->Takes() && (isOne || peer->IsThere())) {
-            if (KLVMsgOutcome unfit = WhyNot(*peer, bytes); !unfit) {
-                return unfit;
+            if (!Fits(*peer, bytes, outcome)) {
+                return outcome;
             }
             delivery.roomless.push_back(peer->peer);
         }
     }
-    return delivery.roomless.empty() ? Gone(to) : KLVMsgOutcome();
+    return delivery.roomless.empty() ? Gone(to) : outcome;
 }
 
 // Queues it where and when there is room, and waits until all is taken or the time is over.
@@ -215,18 +215,20 @@ KLVMsgOutcome KLVMsgSessionCore::LeaveOut(const KLVMsgDelivery& delivery, bool i
     return NoRoom();
 }
 
-// Why this connection does not take this message, room aside.
-KLVMsgOutcome KLVMsgSessionCore::WhyNot(const Peer& peer, const KLVMsgWireWriter& bytes) const {
+// Whether this connection takes this message, room aside; the outcome tells why not.
+bool KLVMsgSessionCore::Fits(const Peer& peer, const KLVMsgWireWriter& bytes,
+                             KLVMsgOutcome& outcome) const {
     if (!m_options.wholeHeaders || bytes.NameSize() <= kSmallName) {
-        return {};
+        return true;
     }
     const std::size_t segment = peer.link->transport->Segment();
-    if (segment != 0 && bytes.NameSize() + 4 > segment) {
-        return {KLVMsgOutcome::kFailed, EMSGSIZE,
-                "the type's name does not fit into a segment of " + std::to_string(segment) +
-                    " bytes, so that receivers without a session would miss it"};
+    const bool fits = segment == 0 || bytes.NameSize() + 4 <= segment;
+    if (!fits) {
+        outcome = {KLVMsgOutcome::kFailed, EMSGSIZE,
+                   "the type's name does not fit into a segment of " + std::to_string(segment) +
+                       " bytes, so that receivers without a session would miss it"};
     }
-    return {};
+    return fits;
 }
 
 bool KLVMsgSessionCore::HasRoom(const Peer& peer, std::size_t size) const {

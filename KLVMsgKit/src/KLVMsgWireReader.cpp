@@ -31,10 +31,11 @@ void KLVMsgWireReader::MakeRoom(Buffer& buffer, Space (&spaces)[2]) {
     spaces[0] = {};
     if (m_parcel != nullptr) {
         spaces[0] = {m_parcel->Bytes() + m_parcel->size, m_room - m_parcel->size};
-        // The rest of a long body goes straight to its place; behind a short one more is read at
-        // once.
-        const bool ends = m_room == m_length && spaces[0].size < kFirstRoom;
-        spaces[1] = {buffer.Data(), ends ? Buffer::kSize : 0};
+        // The rest of a long body goes straight to its place. Behind it little is read at once:
+        // what follows is often as long, and goes straight to its own. Behind a short one more is.
+        const bool ends = m_room == m_length;
+        const std::size_t more = m_length < kFirstRoom ? Buffer::kSize : kMostCopied;
+        spaces[1] = {buffer.Data(), ends ? more : 0};
         return;
     }
     const std::size_t kept = m_kept.size();
@@ -63,7 +64,7 @@ void KLVMsgWireReader::Came(Buffer& buffer, std::size_t count, Arrivals& arrival
         } else {
             bytes = {buffer.Data(), m_kept.size() + count};
         }
-        while (Next(bytes, buffer, arrivals)) {
+        while (ReadWhole(bytes, buffer, arrivals) || Next(bytes, buffer, arrivals)) {
         }
         Keep(bytes, isLong);
     } catch (const std::bad_alloc&) {
@@ -86,6 +87,33 @@ bool KLVMsgWireReader::Next(std::string_view& bytes, Buffer& buffer, Arrivals& a
             return PassOver(bytes);
     }
     return false;
+}
+
+// One short message that has come whole, of the type that came before it, as most are: the same as
+// the steps below, in one. False, and nothing is read, when it is none.
+bool KLVMsgWireReader::ReadWhole(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals) {
+    if (m_step != kName || m_type >= m_types.Size() || !m_types[m_type].framed) {
+        return false;
+    }
+    const KLVMsgMessageTypes::Type& type = m_types[m_type];
+    const std::size_t start = type.header.size() + kLength;
+    if (bytes.size() < start ||
+        std::memcmp(bytes.data(), type.header.data(), type.header.size()) != 0) {
+        return false;
+    }
+    const std::size_t length = LengthAt(bytes.substr(type.header.size()));
+    const std::size_t most = std::min(KLVMsgParcel::Stock::kRoom, bytes.size() - start);
+    if (length > std::min({most, type.largestBody, m_largestBody})) {
+        return false;
+    }
+    KLVMsgParcel::Owner parcel = buffer.stock.Take(length, length);
+    std::memcpy(parcel->Bytes(), bytes.data() + start, length);
+    parcel->size = length;
+    parcel->type = m_type;
+    parcel->wireSize = static_cast<std::uint32_t>(start + length);
+    arrivals.messages.push_back(std::move(parcel));
+    bytes.remove_prefix(start + length);
+    return true;
 }
 
 bool KLVMsgWireReader::ReadName(std::string_view& bytes, Arrivals& arrivals) {
@@ -152,8 +180,8 @@ bool KLVMsgWireReader::ReadFrameLength(std::string_view& bytes, Buffer& buffer) 
         return false;
     }
     bytes.remove_prefix(kLength);
-    m_room = std::min(m_length, std::max(kFirstRoom, std::min(m_length, bytes.size())));
-    m_parcel = buffer.stock.Take(m_room);
+    m_parcel = buffer.stock.Take(std::min(m_length, kFirstRoom), m_length);
+    m_room = std::min(m_length, m_parcel->room);
     m_step = kFrame;
     return true;
 }
@@ -177,10 +205,10 @@ bool KLVMsgWireReader::ReadFrame(std::string_view& bytes, Arrivals& arrivals) {
     return true;
 }
 
-// A length is only a promise: room is made as the bytes come, twice as much each time.
+// A length is only a promise: room is made as the bytes come, four times as much each time.
 void KLVMsgWireReader::GrowParcel() {
     if (m_parcel->size == m_room && m_room < m_length) {
-        const std::size_t room = std::min(m_length, 2 * m_room);
+        const std::size_t room = std::min(m_length, 4 * m_room);
         KLVMsgParcel::Resize(m_parcel, room);
         m_room = room;
     }
@@ -210,7 +238,7 @@ bool KLVMsgWireReader::ReadBare(std::string_view& bytes, Buffer& buffer, Arrival
         }
         return false;
     }
-    KLVMsgParcel::Owner parcel = buffer.stock.Take(0);
+    KLVMsgParcel::Owner parcel = buffer.stock.Take(0, 0);
     parcel->object = message.release();
     parcel->type = m_type;
     parcel->wireSize = static_cast<std::uint32_t>(m_headerSize + taken);

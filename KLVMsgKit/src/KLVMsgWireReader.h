@@ -84,6 +84,7 @@ private:
 
     // Reads one step from the front; false when it needs more bytes, or a fault was found.
     bool Next(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals);
+    bool ReadWhole(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals);
     bool ReadName(std::string_view& bytes, Arrivals& arrivals);
     bool ReadFrameLength(std::string_view& bytes, Buffer& buffer);
     bool ReadFrame(std::string_view& bytes, Arrivals& arrivals);

@@ -12,6 +12,7 @@
 #include "KLVMsgOutputStream.h"
 #include "KLVMsgSocketMessage.h"
 #include "KLVMsgWireReader.h"
+#include "KLVString.h"
 
 namespace {
 
@@ -56,7 +57,8 @@ private:
 
 thread_local KLVMsgWireWriter::Scratch KLVMsgWireWriter::s_ofThread;
 
-KLVMsgWireWriter::KLVMsgWireWriter() : m_scratch(&s_ofThread) {
+KLVMsgWireWriter::KLVMsgWireWriter(KLVMsgSpentBodies& spent)
+    : m_spent(spent), m_scratch(&s_ofThread) {
     if (m_scratch->isUsed) {
         m_own = std::make_unique<Scratch>();
         m_scratch = m_own.get();
@@ -76,24 +78,17 @@ KLVMsgOutcome KLVMsgWireWriter::Write(KLVMsgSocketMessage& message,
     m_scratch->body.clear();
     m_shared.reset();
     KLVMsgOutcome outcome;
+    if (m_scratch->wasLong) {
+        m_scratch->body = m_spent.Take();
+        m_scratch->wasLong = false;
+    }
     try {
-        const KLVString name = message.GetMessageType();
-        m_nameSize = static_cast<std::size_t>(name.Length());
-        const std::string_view text(name.Text(), m_nameSize);
-        if (text.empty() || text.find('\0') != std::string_view::npos) {
-            return Unfit("a type name is neither empty nor has zero bytes");
-        }
-        if (m_nameSize > KLVMsgWireReader::kLongestName) {
-            return Unfit("no receiver takes a type name of " + std::to_string(m_nameSize) +
-                         " bytes");
-        }
-        std::string& head = m_scratch->head;
-        head.resize(kLength + m_nameSize + (framed != nullptr ? kLength : 0));
-        PutLength(head, 0, m_nameSize);
-        text.copy(&head[kLength], m_nameSize);
-        outcome = framed != nullptr ? Encode(*framed, largestBody) : Collect(message, largestBody);
-        if (outcome && m_scratch->body.size() >= kShared) {
-            m_shared = std::make_shared<const std::string>(std::move(m_scratch->body));
+        if (PutHead(message.GetMessageType(), framed != nullptr, outcome) &&
+            (framed != nullptr ? Encode(*framed, largestBody, outcome)
+                               : Collect(message, largestBody, outcome)) &&
+            m_scratch->body.size() >= kShared) {
+            m_shared = m_spent.Share(std::move(m_scratch->body));
+            m_scratch->wasLong = true;
         }
     } catch (const std::bad_alloc&) {
         outcome = {KLVMsgOutcome::kFailed, ENOMEM, "no memory for the message's bytes"};
@@ -105,26 +100,49 @@ KLVMsgOutcome KLVMsgWireWriter::Write(KLVMsgSocketMessage& message,
     return outcome;
 }
 
-KLVMsgOutcome KLVMsgWireWriter::Encode(const KLVMsgFramedMessage& message,
-                                       std::size_t largestBody) {
-    if (!message.Encode(m_scratch->body)) {
-        return Unfit("Encode has refused the message");
+bool KLVMsgWireWriter::PutHead(const KLVString& name, bool hasLength, KLVMsgOutcome& outcome) {
+    m_nameSize = static_cast<std::size_t>(name.Length());
+    const std::string_view text(name.Text(), m_nameSize);
+    if (text.empty() || text.find('\0') != std::string_view::npos) {
+        outcome = Unfit("a type name is neither empty nor has zero bytes");
+    } else if (m_nameSize > KLVMsgWireReader::kLongestName) {
+        outcome =
+            Unfit("no receiver takes a type name of " + std::to_string(m_nameSize) + " bytes");
+    } else {
+        std::string& head = m_scratch->head;
+        head.resize(kLength + m_nameSize + (hasLength ? kLength : 0));
+        PutLength(head, 0, m_nameSize);
+        text.copy(&head[kLength], m_nameSize);
     }
-    const std::size_t largest = std::min(message.LargestBody(), largestBody);
-    if (m_scratch->body.size() > largest) {
-        return TooLong(m_scratch->body.size(), largest);
-    }
-    PutLength(m_scratch->head, kLength + m_nameSize, m_scratch->body.size());
-    return {};
+    return outcome.status == KLVMsgOutcome::kDone;
 }
 
-KLVMsgOutcome KLVMsgWireWriter::Collect(KLVMsgSocketMessage& message, std::size_t largestBody) {
+bool KLVMsgWireWriter::Encode(const KLVMsgFramedMessage& message, std::size_t largestBody,
+                              KLVMsgOutcome& outcome) {
+    if (!message.Encode(m_scratch->body)) {
+        outcome = Unfit("Encode has refused the message");
+        return false;
+    }
+    const std::size_t size = m_scratch->body.size();
+    const std::size_t largest = std::min(message.LargestBody(), largestBody);
+    if (size > largest) {
+        outcome = TooLong(size, largest);
+        return false;
+    }
+    PutLength(m_scratch->head, kLength + m_nameSize, size);
+    return true;
+}
+
+bool KLVMsgWireWriter::Collect(KLVMsgSocketMessage& message, std::size_t largestBody,
+                               KLVMsgOutcome& outcome) {
     Collector stream(m_scratch->body, largestBody);
     const int result = message.WriteMessage(&stream);
     // Of other classes the result says nothing; a framed one says 0 when it could not be put into
     // bytes.
     if (result == 0 && dynamic_cast<const KLVMsgFramedMessage*>(&message) != nullptr) {
-        return Unfit("Encode has refused the message");
+        outcome = Unfit("Encode has refused the message");
+    } else if (stream.Size() > largestBody) {
+        outcome = TooLong(stream.Size(), largestBody);
     }
-    return stream.Size() > largestBody ? TooLong(stream.Size(), largestBody) : KLVMsgOutcome();
+    return outcome.status == KLVMsgOutcome::kDone;
 }

@@ -7,9 +7,11 @@
 #include <string_view>
 
 #include "KLVMsgOutcome.h"
+#include "KLVMsgSpentBodies.h"
 
 class KLVMsgFramedMessage;
 class KLVMsgSocketMessage;
+class KLVString;
 
 // The bytes of one message, as KLVMsgWireReader draws them. Made on the thread that sends, without
 // a lock, since it runs the message's own code, which may do anything, sending another message
@@ -19,8 +21,9 @@ public:
     // From this size on a body is shared by all who send it instead of copied for each.
     static constexpr std::size_t kShared = std::size_t{64} << 10;
 
-    // Uses what the calling thread keeps for this, so that mostly nothing is allocated.
-    KLVMsgWireWriter();
+    // Uses what the calling thread keeps for this, so that mostly nothing is allocated, and `spent`
+    // for long bodies.
+    explicit KLVMsgWireWriter(KLVMsgSpentBodies& spent);
     ~KLVMsgWireWriter();
     KLVMsgWireWriter(const KLVMsgWireWriter&) = delete;
     KLVMsgWireWriter& operator=(const KLVMsgWireWriter&) = delete;
@@ -39,16 +42,21 @@ public:
     std::size_t Size() const { return Head().size() + Body().size(); }
 
 private:
-    KLVMsgOutcome Encode(const KLVMsgFramedMessage& message, std::size_t largestBody);
-    KLVMsgOutcome Collect(KLVMsgSocketMessage& message, std::size_t largestBody);
+    // False: `outcome` has the cause.
+    bool PutHead(const KLVString& name, bool hasLength, KLVMsgOutcome& outcome);
+    bool Encode(const KLVMsgFramedMessage& message, std::size_t largestBody,
+                KLVMsgOutcome& outcome);
+    bool Collect(KLVMsgSocketMessage& message, std::size_t largestBody, KLVMsgOutcome& outcome);
 
     struct Scratch {
         std::string head;
         std::string body;
         bool isUsed = false;
+        bool wasLong = false;  // the last body, so that the next one may be
     };
     static thread_local Scratch s_ofThread;
 
+    KLVMsgSpentBodies& m_spent;
     Scratch* m_scratch;
     std::unique_ptr<Scratch> m_own;  // where the thread's is in use, by a message whose code sends
     std::shared_ptr<const std::string> m_shared;
