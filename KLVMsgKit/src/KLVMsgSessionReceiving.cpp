@@ -63,7 +63,7 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& 
         received.message = parcel != nullptr && parcel->object != nullptr
                                ? Message(std::exchange(parcel->object, nullptr))
                                : Decode(type, body, received.peer);
-        if (parcel != nullptr && KLVMsgParcel::Stock::May(*parcel)) {
+        if (parcel != nullptr && body.data() != bytes && KLVMsgParcel::Stock::May(*parcel)) {
             const Lock lock(m_mutex);
             parcel = m_spent.Put(std::move(parcel));
         }
