@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Makes the Debian packages in build/packages and has lintian check them; its warnings fail.
+# Makes the Debian packages and the source package in build/packages and has lintian check them; its
+# warnings fail. `autopkgtest build/packages/*.dsc build/packages/*.deb -- null` tries them.
 # build-packages.sh [--no-check]
 #
 # They are built from a copy of the tree, in which packaging/debian stands where Debian's tools look for
@@ -17,8 +18,8 @@ case "$*" in
   --no-check) check=no ;;
   *) echo "usage: build-packages.sh [--no-check]" >&2; exit 2 ;;
 esac
-need_packages build-essential cmake debhelper dh-python dpkg-dev pybuild-plugin-pyproject python3 \
-  python3-setuptools python3-wheel
+need_packages build-essential cmake debhelper dh-python doxygen dpkg-dev graphviz pybuild-plugin-pyproject \
+  python3 python3-setuptools python3-wheel
 [ $check = no ] || need_packages lintian
 
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
@@ -41,13 +42,13 @@ write_changelog() {
       if (date != "") {
         command = "LC_ALL=C date --utc --date=" date " +\"%a, %d %b %Y %H:%M:%S +0000\""
         command | getline stamp
-        printf "\n -- %s  %s\n\n", maintainer, stamp
+        printf "\n -- %s  %s\n", maintainer, stamp
       }
     }
     /^## / {
       finish()
       date = substr($3, 2, length($3) - 2)
-      printf "klvmsgcommmodules (%s) unstable; urgency=medium\n\n", $2
+      printf "%sklvmsgcommmodules (%s) unstable; urgency=medium\n\n", entries++ ? "\n" : "", $2
       next
     }
     date != "" && /^- / { print "  * " substr($0, 3) }
@@ -92,9 +93,9 @@ find "$source" -exec touch -h -d "@$SOURCE_DATE_EPOCH" {} +
 echo "== Building the packages in $build"
 # With the system's own compiler and Python, which may not be the first ones of the user's.
 (cd "$source" && env -u CXX -u CXXFLAGS -u CMAKE_CXX_COMPILER_LAUNCHER PATH=/usr/sbin:/usr/bin:/sbin:/bin \
-  dpkg-buildpackage --build=binary --no-sign --jobs="$(nproc)") \
+  dpkg-buildpackage --build=full --no-sign --jobs="$(nproc)") \
   >"$build/build.log" 2>&1 || { cat "$build/build.log" >&2; exit 1; }
-cp "$folder"/*.deb "$build"
+cp "$folder"/klvmsgcommmodules_* "$folder"/*.deb "$build"
 
 if [ $check = yes ]; then
   lintian --allow-root --fail-on error,warning --info "$folder"/*.changes
