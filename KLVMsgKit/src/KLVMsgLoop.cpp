@@ -17,10 +17,11 @@ namespace {
 
 constexpr std::uint64_t kWakeUp = 0;  // no connection has this id
 constexpr int kMostEvents = 256;
-constexpr int kMostAccepted = 64;                             // of one socket in a round
-constexpr std::size_t kMostWritten = std::size_t{256} << 10;  // of one connection in a round
-constexpr std::size_t kMostRuns = 32;                         // the same
-constexpr std::size_t kWorthWhile = std::size_t{4} << 10;     // bytes to send at a time
+constexpr int kMostAccepted = 64;                            // of one socket in a round
+constexpr std::size_t kMostWritten = std::size_t{64} << 10;  // of one connection in a round
+constexpr std::size_t kMostAlone = std::size_t{256} << 10;   // the same, with no other beside it
+constexpr std::size_t kMostRuns = 32;                        // the same
+constexpr std::size_t kWorthWhile = std::size_t{4} << 10;    // bytes to send at a time
 constexpr std::chrono::microseconds kLongestGathering(500);
 constexpr std::chrono::milliseconds kFirstPause(10);
 constexpr std::chrono::milliseconds kLongestPause(1000);
@@ -378,7 +379,7 @@ void KLVMsgLoop::WriteGroup(Lock& lock) {
         lock.lock();
     }
     for (std::size_t i = 0; i < count; ++i) {
-        TakeRuns(m_writings[i]);
+        TakeRuns(m_writings[i], count == 1 ? kMostAlone : kMostWritten);
     }
     lock.unlock();
     for (std::size_t i = 0; i < count; ++i) {
@@ -393,7 +394,7 @@ void KLVMsgLoop::WriteGroup(Lock& lock) {
     }
 }
 
-void KLVMsgLoop::TakeRuns(Writing& one) const {
+void KLVMsgLoop::TakeRuns(Writing& one, std::size_t most) const {
     KLVMsgConnection& connection = one.link->connection;
     one.runs.clear();
     // Without a measure one message goes, however many have come meanwhile.
@@ -401,7 +402,7 @@ void KLVMsgLoop::TakeRuns(Writing& one) const {
     const std::size_t segment = isOne ? 1 : one.segment;
     std::size_t size = 0;
     while (connection.Writes() && connection.output.HasMore() && one.runs.size() < kMostRuns &&
-           size < kMostWritten && !(isOne && size != 0 && one.runs.back().endsMessage)) {
+           size < most && !(isOne && size != 0 && one.runs.back().endsMessage)) {
         one.runs.push_back(connection.output.Take(segment));
         size += one.runs.back().size;
     }

@@ -159,7 +159,7 @@ private:
     void HandOver(Reading& one);
     void DoTouched(Lock& lock);
     void WriteGroup(Lock& lock);
-    void TakeRuns(Writing& one) const;
+    void TakeRuns(Writing& one, std::size_t most) const;
     void Write(Writing& one) const;
     void Took(Link& link, const KLVMsgTransport::Result& result, bool isFull);
     void CheckTimers();
