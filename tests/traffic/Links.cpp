@@ -1,5 +1,5 @@
-// The processes that links.py starts: `links session|bare FILE SILENCE TYPE...`, which do what their
-// standard input says, write what comes to the file and tell the events. SILENCE in milliseconds.
+// The processes that links.py starts: `links session|bare FILE SILENCE TYPE...`. They do what their
+// standard input says, write what comes to the file and tell events. SILENCE in milliseconds.
 #include <KLVMsgSession.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>

@@ -14,6 +14,7 @@ import ctypes
 import fcntl
 import hashlib
 import itertools
+import math
 import os
 import pathlib
 import queue
@@ -293,18 +294,18 @@ def listen(network, near, label, behave):
     threading.Thread(target=behave, args=[server.accept()[0]], daemon=True).start()
 
 
-def read(peer, limit=None, rate=None):
-    """What comes, up to so many bytes a second, until a time."""
+def read(peer, rate=None, until=math.inf, most=math.inf):
+    """What comes, up to so many bytes a second, until a time or a size."""
     result = bytearray()
     try:
-        while limit is None or time.monotonic() < limit:
+        while time.monotonic() < until and len(result) < most:
             data = peer.recv(1 << 20 if rate is None else rate // 20)
             if not data:
                 break
             result += data
             time.sleep(0 if rate is None else 0.05)
     except OSError:
-        pass  # the link is down
+        pass  # the connection is broken
     return result
 
 
@@ -314,7 +315,7 @@ def cut_link(options, place, command):
     near, far = (Agent(one, "session", options, options.silence)
                  for one in (network.near, network.far))
     never = threading.Event()
-    listen(network, near, "reads", lambda peer: read(peer, rate=1000000))
+    listen(network, near, "reads", lambda peer: read(peer, 1000000))
     listen(network, near, "later", read)
     listen(network, near, "closed", lambda peer: never.wait() and peer)
     listen(network, near, "idle", read)
@@ -375,12 +376,9 @@ def slow_peers(options, network, silence):
 
     def behave(rate):
         def reader(peer):
-            end = time.monotonic() + options.seconds
-            begin = read(peer, end, rate) if rate else peer.recv(1 << 20)
+            begin = read(peer, rate, time.monotonic() + options.seconds) if rate else peer.recv(1 << 20)
             time.sleep(0 if rate else options.stop)
-            rest = bytearray()
-            while len(begin) + len(rest) < len(data) and (piece := peer.recv(1 << 20)):
-                rest += piece
+            rest = read(peer, most=len(data) - len(begin))
             come[rate] = begin + rest, time.monotonic()
         return reader
 
