@@ -97,6 +97,15 @@ class Network:
                 run(f"ip link set {device} up")
         self.text = f"MTU {mtu}, " + (f"{', '.join(kept)} still on" if kept else "no offloads")
 
+    def limit(self, rate):
+        """Segments come one after the other, as over a real wire, where the system has what it takes:
+        a receiver that is faster finds each header as it was cut."""
+        with self.near:
+            command = f"tc qdisc add dev near root tbf rate {rate} burst 3000 latency 1s"
+            limited = subprocess.run(command.split(), stderr=subprocess.DEVNULL).returncode == 0
+        self.text += f", {rate}" if limited else ", no limit of the rate"
+        return self
+
 
 def segment_by_segment(device):
     """Turns the offloads off, so that nothing on the way is larger than the MTU; which stayed on."""
@@ -462,6 +471,7 @@ def pairs(options):
         lines += [pairing(options, network, *both) for both in itertools.product(kinds, kinds)]
         lines += [flood(options, network, *way)
                   for way in (("post", options.small), ("send", options.fewer))]
+    lines.append(flood(options, Network(options.mtu).limit("10mbit"), "post", options.fewer))
     return f"pairs: there and back {title}", lines
 
 
