@@ -103,6 +103,10 @@ TEST_F(ConnectionTest, PeerIsDeadWhenItAnswersNothingForAsLong) {
     }
     StallsAfter(1s);
     EXPECT_EQ(KLVMsgPeerWatch::Time::max(), one->NextCheck(now)) << "all was acknowledged";
+    one->AllowReading(now, false);
+    one->OutputFailed(ETIMEDOUT);
+    EXPECT_FALSE(one->IsOver()) << "what has come can still be read";
+    EXPECT_EQ(Event::kDead, one->WhyOver());
 }
 
 TEST_F(ConnectionTest, LeaveDropsWhatIsQueuedAndIsOverInTime) {

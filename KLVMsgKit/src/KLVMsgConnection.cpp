@@ -43,11 +43,16 @@ void KLVMsgConnection::Took(Time now, std::size_t count, bool isFull) {
 }
 
 void KLVMsgConnection::OutputFailed(int error) {
-    if (error != EPIPE && error != ECONNRESET) {
-        Failed(error);
+    const bool isReset = error == EPIPE || error == ECONNRESET;
+    if (isReset) {
+        Note(KLVMsgEvent::kReset, error, "the peer has reset the connection");
+    } else {
+        NoteFailure(error);
+    }
+    if (!isReset && Reads()) {
+        m_isOver = true;
         return;
     }
-    Note(KLVMsgEvent::kReset, error, "the peer has reset the connection");
     m_outputOpen = false;
     DropOutput();
     OverIfBothHaveEnded();
@@ -71,6 +76,11 @@ void KLVMsgConnection::OutputShrank() {
 }
 
 void KLVMsgConnection::Failed(int error) {
+    NoteFailure(error);
+    m_isOver = true;
+}
+
+void KLVMsgConnection::NoteFailure(int error) {
     if (IsDeath(error)) {
         Note(KLVMsgEvent::kDead, error, "the peer does not answer: ");
     } else if (error == ENOMEM) {
@@ -78,7 +88,6 @@ void KLVMsgConnection::Failed(int error) {
     } else {
         Note(KLVMsgEvent::kReset, error, "the connection has failed: ");
     }
-    m_isOver = true;
 }
 
 bool KLVMsgConnection::Check(Time now, const KLVMsgPeerWatch::Sample& sample) {

@@ -52,7 +52,8 @@ public:
     // The system takes bytes again.
     void HasRoom() { m_isFull = false; }
 
-    // Nothing can be sent any more, though what has come can still be read: errno of the cause.
+    // Nothing can be sent any more, though what has come can still be read where the peer has reset
+    // the connection, or reading waits for room: errno of the cause.
     void OutputFailed(int error);
 
     // The connection has failed: errno of the cause.
@@ -110,6 +111,7 @@ public:
 
 private:
     void Note(Cause cause, int error, std::string_view text);
+    void NoteFailure(int error);
     void OverIfBothHaveEnded();
     void DropOutput();
     void OutputShrank();

@@ -30,6 +30,14 @@ KLVMsgOutcome Failure(const char* what, int error) {
     return KLVMsgSessionSockets::Failure(what, error);
 }
 
+// What has broken a connection; where the system does not say it, the peer has.
+int FailureOf(int descriptor) {
+    int error = 0;
+    socklen_t length = sizeof error;
+    getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length);
+    return error == 0 ? ECONNRESET : error;
+}
+
 }  // namespace
 
 KLVMsgOutcome KLVMsgLoop::Prepare() {
@@ -258,7 +266,7 @@ void KLVMsgLoop::Serve(Lock& lock, std::uint64_t id, unsigned happened) {
     }
     if (!connection.Reads() && (happened & (EPOLLERR | EPOLLHUP)) != 0) {
         // What has come before is still there to be read, once there is room for it.
-        connection.OutputFailed(ECONNRESET);
+        connection.OutputFailed(FailureOf(link->transport->Descriptor()));
         m_owner.OnTook(*link);
     }
     if (connection.Reads() && (happened & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {

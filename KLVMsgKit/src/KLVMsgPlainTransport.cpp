@@ -43,8 +43,9 @@ KLVMsgPlainTransport::KLVMsgPlainTransport(int descriptor, std::chrono::millisec
     Set(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, std::max(1, seconds * 2 / 5));
     Set(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, std::max(1, seconds / 5));
     Set(descriptor, IPPROTO_TCP, TCP_KEEPCNT, 3);
-    // A peer that dies behind a closed window is probed often enough to be noticed.
-    Set(descriptor, IPPROTO_TCP, kLongestPause, std::clamp(seconds * 1000 / 5, 1000, 5000));
+    // A peer that dies behind a closed window is probed often enough to be noticed. Were the pauses
+    // always short, the system would give up long before a long silence is over.
+    Set(descriptor, IPPROTO_TCP, kLongestPause, std::clamp(seconds * 1000 / 5, 1000, 120000));
 }
 
 KLVMsgPlainTransport::~KLVMsgPlainTransport() { close(m_descriptor); }

@@ -72,8 +72,17 @@ KLVMsgOutcome KLVMsgSessionCore::Ended(KLVMsgOutcome::Status status) {
 }
 
 KLVMsgOutcome KLVMsgSessionCore::Gone(const KLVMsgPeers& meant) {
-    return m_ready ? KLVMsgOutcome{KLVMsgOutcome::kPeerGone, ENOTCONN, m_book.WhyGone(meant)}
-                   : m_ready;
+    if (!m_ready) {
+        return m_ready;
+    }
+    // One from which there still is something to be read is not told yet, and has its cause.
+    std::string cause;
+    m_book.ForMeant(meant, [&](const Peer& peer) {
+        if (peer.link != nullptr && !peer.isTold && !peer.link->connection.Takes()) {
+            cause = peer.link->connection.Text();
+        }
+    });
+    return {KLVMsgOutcome::kPeerGone, ENOTCONN, cause.empty() ? m_book.WhyGone(meant) : cause};
 }
 
 // Requires: the mutex is held.
