@@ -37,7 +37,7 @@ public:
 
         // With room for so many bytes, or for as many as are wished if there is such a block.
         // Throws std::bad_alloc.
-        Owner Take(std::size_t room, std::size_t wish);
+        Owner Take(std::size_t least, std::size_t wish);
 
         // Keeps the block of a short or a long body, as far as there are not too many; hands it
         // back otherwise. May tells it in advance, but for the number.
@@ -125,11 +125,11 @@ inline KLVMsgParcel::Stock::~Stock() {
     }
 }
 
-inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Take(std::size_t room, std::size_t wish) {
-    if (room <= kRoom && m_short.first == nullptr) {
+inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Take(std::size_t least, std::size_t wish) {
+    if (least <= kRoom && m_short.first == nullptr) {
         return New(kRoom);
     }
-    if (room <= kRoom) {
+    if (least <= kRoom) {
         --m_short.size;
         KLVMsgParcel* const taken = m_short.first;
         m_short.first = taken->ofClass.next;
@@ -138,7 +138,7 @@ inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Take(std::size_t room, std::size
         return Owner(taken);
     }
     Owner taken = wish < kLong ? nullptr : TakeLong(wish);
-    return taken != nullptr ? std::move(taken) : New(room);
+    return taken != nullptr ? std::move(taken) : New(least);
 }
 
 // Not one that is many times too large: it would be missed where it is needed.
@@ -149,11 +149,11 @@ inline KLVMsgParcel::Owner KLVMsgParcel::Stock::TakeLong(std::size_t wish) {
     }
     Owner taken(*place);
     if (taken != nullptr) {
-        const std::size_t room = taken->room;
+        const std::size_t kept = taken->room;
         *place = taken->ofClass.next;
-        m_long.size -= room;
+        m_long.size -= kept;
         *taken = KLVMsgParcel();
-        taken->room = room;
+        taken->room = kept;
     }
     return taken;
 }
