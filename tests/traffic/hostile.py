@@ -168,10 +168,6 @@ class Scene:
 # What peers do -----------------------------------------------------------------------------------
 
 
-def alone(scene):
-    pass
-
-
 def drip(scene, whole):
     peer = scene.connect()
     peer.sendall(whole[:50000])
@@ -324,27 +320,27 @@ def make_deaf(scene):
     scene.session.pour("deaf", DEAF, 1000000)
 
 
-def measure(options, hostility, is_alone):
-    """The good peer's waits, the memory, and the operations' limits."""
+def measure(options, hostility):
+    """Of the good peer and of one who is alone its waits, of its session the memory, and the operations'
+    limits. Both at the same time, since a busy machine lets both wait."""
     with contextlib.ExitStack() as stack:
+        alone = stack.enter_context(Scene(options.program, True))
+        alone.start_good()
         scene = stack.enter_context(Scene(options.program, True))
-        session = scene.session
         hostility(scene)
         scene.start_good()
-        if not is_alone:
-            make_deaf(scene)
+        make_deaf(scene)
         time.sleep(0.2)
-        scene.good.tell(options.seconds)
-        late = {}
-        if not is_alone:
-            ports = listen_to_nobody(stack, None), listen_to_nobody(stack, 0)
-            late = try_limits(session, time.monotonic() + options.seconds, *ports)
-        waits = list(map(float, scene.good.hear()))
-        peak = session.peak()
-        if not is_alone:
-            late["End"] = session.operate("end", NOBODY, 300)[1]
-            session.end()
-    return waits, peak, late
+        pair = scene, alone
+        for one in pair:
+            one.good.tell(options.seconds)
+        ports = listen_to_nobody(stack, None), listen_to_nobody(stack, 0)
+        late = try_limits(scene.session, time.monotonic() + options.seconds, *ports)
+        waits = [list(map(float, one.good.hear())) for one in pair]
+        peaks = [one.session.peak() for one in pair]
+        late["End"] = scene.session.operate("end", NOBODY, 300)[1]
+        scene.session.end()
+    return waits, peaks, late
 
 
 def measure_destructor(options, hostility):
@@ -361,7 +357,6 @@ def measure_destructor(options, hostility):
 # and four times that while somebody waits for what the inbox does not hold.
 MEBI = 1024 * 1024 / 1e6
 SCENES = {
-    "alone": (alone, 0),
     "bodies": (bodies, 24 * 0.2 + 30),
     "mute": (mute, 128 * MEBI),
     "flood": (flood, 256 * MEBI),
@@ -378,37 +373,32 @@ def mark(value, holds, width, digits):
     return f"{value:{width}.{digits}f}{' ' if holds else '!'}"
 
 
-def print_row(name, row, alone_row, allowed, options):
+def print_row(name, waits, peaks, late, allowed):
     """True if the limits of memory hold."""
-    (rounds, median, most, longest), peak, late = row
-    limit = alone_row[1] + allowed + options.memory
-    text = f"  {name:16}{rounds:8.0f}{median:8.3f}{most:8.3f}"
-    text += mark(longest, longest <= alone_row[0][3] + BAR, 9, 2)
-    text += mark(peak, peak <= limit, 8, 1) + f"{limit:7.1f} "
+    (rounds, median, most, longest), (_, median_alone, _, longest_alone) = waits
+    text = f"  {name:16}{rounds:7.0f}{median:8.3f}{median_alone:7.3f}{most:8.2f}"
+    text += mark(longest, longest <= longest_alone + BAR, 9, 2) + f"{longest_alone:6.2f}"
+    text += mark(peaks[0], peaks[0] <= peaks[1] + allowed, 8, 1) + f"{peaks[1] + allowed:6.1f}"
     for operation in ("Send", "Receive", "ConnectAgain", "End", "destructor"):
-        if operation in late:
-            # A destructor need not wait for its limit.
-            holds = late[operation] <= BAR and (late[operation] >= 0 or operation == "destructor")
-            text += mark(late[operation], holds, len(operation) + 2, 2)
+        # A destructor need not wait for its limit.
+        holds = late[operation] <= BAR and (late[operation] >= 0 or operation == "destructor")
+        text += mark(late[operation], holds, len(operation) + 2, 1)
     print(text, flush=True)
-    return peak <= limit
+    return peaks[0] <= peaks[1] + allowed
 
 
 def measure_scenes(options, chosen):
-    load = os.getloadavg()[0]
-    print(f"hostile: {options.seconds:g} s each, the machine's load is {load:.1f}\n"
-          "                       the good peer's waits, ms      memory, MB          ms over the limit\n"
-          "                  rounds  median  99.9 %  longest     peak  limit    "
-          "Send  Receive  ConnectAgain   End  destructor", flush=True)
-    alone_row, well = None, True
+    print(f"hostile: {options.seconds:g} s each, the machine's load is {os.getloadavg()[0]:.1f}\n"
+          "                     the good peer's waits, in ms, and alone    memory, MB"
+          "        operations beyond their limits, ms\n"
+          "                   rounds  median alone  99.9 %  longest alone    peak  limit"
+          "  Send  Receive  ConnectAgain  End  destructor", flush=True)
+    well = True
     for name, (hostility, allowed) in SCENES.items():
-        if name in chosen or name == "alone":
-            row = measure(options, hostility, name == "alone")
-            if name != "alone":
-                row[2]["destructor"] = measure_destructor(options, hostility)
-                allowed += DEAF
-            alone_row = alone_row or row
-            well = print_row(name, row, alone_row, allowed, options) and well
+        if name in chosen:
+            waits, peaks, late = measure(options, hostility)
+            late["destructor"] = measure_destructor(options, hostility)
+            well = print_row(name, waits, peaks, late, allowed + DEAF + options.memory) and well
     require(well, "more memory than the limits allow")
 
 
