@@ -84,6 +84,11 @@ class Session(Process):
         status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
         return int(status.split("VmHWM:")[1].split()[0]) / 1000
 
+    def starved(self):
+        """Of its threads the one that had to wait longest for a processor: how many seconds."""
+        folder = pathlib.Path(f"/proc/{self.process.pid}/task")
+        return max(int(file.read_text().split()[1]) for file in folder.glob("*/schedstat")) / 1e9
+
     def pour(self, label, count, size, limit=0):
         return int(self.ask("pour", label, count, size, limit)[0])
 
@@ -332,15 +337,17 @@ def measure(options, hostility):
         make_deaf(scene)
         time.sleep(0.2)
         pair = scene, alone
+        begin, starved = time.monotonic(), scene.session.starved()
         for one in pair:
             one.good.tell(options.seconds)
         ports = listen_to_nobody(stack, None), listen_to_nobody(stack, 0)
         late = try_limits(scene.session, time.monotonic() + options.seconds, *ports)
         waits = [list(map(float, one.good.hear())) for one in pair]
+        starved = (scene.session.starved() - starved) / (time.monotonic() - begin)
         peaks = [one.session.peak() for one in pair]
         late["End"] = scene.session.operate("end", NOBODY, 300)[1]
         scene.session.end()
-    return waits, peaks, late
+    return waits, starved, peaks, late
 
 
 def measure_destructor(options, hostility):
@@ -373,11 +380,11 @@ def mark(value, holds, width, digits):
     return f"{value:{width}.{digits}f}{' ' if holds else '!'}"
 
 
-def print_row(name, waits, peaks, late, allowed):
+def print_row(name, waits, starved, peaks, late, allowed):
     """True if the limits of memory hold."""
     (rounds, median, most, longest), (_, median_alone, _, longest_alone) = waits
     text = f"  {name:16}{rounds:7.0f}{median:8.3f}{median_alone:7.3f}{most:8.2f}"
-    text += mark(longest, longest <= longest_alone + BAR, 9, 2) + f"{longest_alone:6.2f}"
+    text += mark(longest, longest <= longest_alone + BAR, 9, 2) + f"{longest_alone:6.2f}{100 * starved:7.0f}"
     text += mark(peaks[0], peaks[0] <= peaks[1] + allowed, 8, 1) + f"{peaks[1] + allowed:6.1f}"
     for operation in ("Send", "Receive", "ConnectAgain", "End", "destructor"):
         # A destructor need not wait for its limit.
@@ -388,17 +395,18 @@ def print_row(name, waits, peaks, late, allowed):
 
 
 def measure_scenes(options, chosen):
-    print(f"hostile: {options.seconds:g} s each, the machine's load is {os.getloadavg()[0]:.1f}\n"
-          "                     the good peer's waits, in ms, and alone    memory, MB"
-          "        operations beyond their limits, ms\n"
-          "                   rounds  median alone  99.9 %  longest alone    peak  limit"
+    print(f"hostile: {options.seconds:g} s each. `starved`: how much of the time a thread of the session "
+          "waited for a processor, in %.\n"
+          "                     the good peer's waits, in ms, and alone            memory, MB"
+          "       operations beyond their limits, ms\n"
+          "                   rounds  median alone  99.9 %  longest alone starved    peak limit"
           "  Send  Receive  ConnectAgain  End  destructor", flush=True)
     well = True
     for name, (hostility, allowed) in SCENES.items():
         if name in chosen:
-            waits, peaks, late = measure(options, hostility)
+            waits, starved, peaks, late = measure(options, hostility)
             late["destructor"] = measure_destructor(options, hostility)
-            well = print_row(name, waits, peaks, late, allowed + DEAF + options.memory) and well
+            well = print_row(name, waits, starved, peaks, late, allowed + DEAF + options.memory) and well
     require(well, "more memory than the limits allow")
 
 
