@@ -126,10 +126,12 @@ struct Subject {
             threads.push_back(std::async(ahead, [this, pause = first] { Take(pause); }));
         } else if (command == "taken") {
             answer << taken << " " << disordered;
-        } else if (command == "label") {
-            for (const KLVMsgPeer peer : session->Peers(KLVMsgPeers::All())) {
+        } else if (command == "label") {  // all who are there, and tells how many
+            const auto peers = session->Peers(KLVMsgPeers::All());
+            for (const KLVMsgPeer peer : peers) {
                 session->SetLabel(peer, label);
             }
+            answer << peers.size();
         } else if (command == "pour") {
             Pour();
         } else if (command == "hasten") {

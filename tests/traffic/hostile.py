@@ -97,6 +97,11 @@ class Session(Process):
         status, late = self.ask(*words)
         return int(status), float(late)
 
+    def label(self, label, count):
+        """All who are there, once they are so many."""
+        while int(self.ask("label", label)[0]) < count:
+            time.sleep(0.01)
+
     def await_taken(self, count):
         limit = time.monotonic() + EVER
         while (taken := self.ask("taken", NOBODY)) != [str(count), "0"]:
@@ -150,7 +155,7 @@ class Scene:
             self.good = self.start(Process, "good", self.session.port)
             self.good.hear()
             if label != NOBODY:
-                self.session.ask("label", label)
+                self.session.label(label, len(self.sockets) + 1)
             self.good.ask(0.1)  # it warms up
 
     def __enter__(self):
@@ -226,8 +231,7 @@ def stopped(scene):
     peer = scene.start(Process, "good", scene.session.port)
     peer.hear()
     peer.tell(1000)
-    time.sleep(0.1)
-    scene.session.ask("label", "stopped")
+    scene.session.label("stopped", 1)
     os.kill(peer.process.pid, signal.SIGSTOP)
     require(scene.session.pour("stopped", 60, 1000000) == 60, "a queue has no room")
 
@@ -361,13 +365,14 @@ def measure_destructor(options, hostility):
 
 
 # The scenes, and how many MB the session's limits allow in each: 64 MiB for a peer's queue or inbox,
-# and four times that while somebody waits for what the inbox does not hold.
+# and four times that while somebody waits for what the inbox does not hold. An application that asks for
+# all of it has as much again.
 MEBI = 1024 * 1024 / 1e6
 SCENES = {
     "bodies": (bodies, 24 * 0.2 + 30),
     "mute": (mute, 128 * MEBI),
     "flood": (flood, 256 * MEBI),
-    "flood asked for": (flood_asked_for, 256 * MEBI),
+    "flood asked for": (flood_asked_for, 2 * 256 * MEBI),
     "stopped": (stopped, 64 * MEBI),
     "connects": (connects, 0),
     "unknown types": (unknown_types, 0),
@@ -419,7 +424,7 @@ def exchange(options):
     with Scene(options.program, inbox=1) as scene:
         pair = scene.session, scene.start(Session, 1)
         require(not pair[0].ask("connect", "other", pair[1].port), "cannot connect")
-        pair[1].ask("label", "other")
+        pair[1].label("other", 1)
         for session in pair:
             session.ask("take", NOBODY, 1000)
             session.tell("pour", "other", count, 300, EVER * 1000)
