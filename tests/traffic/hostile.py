@@ -482,7 +482,7 @@ def read_slowly(scene, peer, rate, pause, expected, faults):
     begin, got = time.monotonic(), b""
     peer.settimeout(EVER)
     with contextlib.suppress(OSError):
-        while time.monotonic() < begin + pause:
+        while time.monotonic() < begin + pause and len(got) < len(expected):
             time.sleep(0.05)
             if rate:
                 got += peer.recv(rate // 20)
