@@ -6,8 +6,9 @@
 
 #include "KLVMsgTimeLimit.h"
 
-// Sizes are in bytes. What waits in a queue or in the inbox counts with its size on the wire and 64
-// bytes a message; one message always has room where nothing else waits.
+// Sizes are in bytes. What waits counts with its size on the wire and what it takes beside it: 64
+// bytes a message in a queue, 192 in the inbox. One message always has room where nothing else
+// waits.
 struct KLVMsgSessionOptions {
     // A connection on which no byte moves for that long, though one is due: bytes are queued and
     // the peer does not read, or it has stopped in the middle of a message. That is an event, and

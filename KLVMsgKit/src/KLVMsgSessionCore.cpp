@@ -508,7 +508,7 @@ void KLVMsgSessionCore::UpdateReadable() {
 void KLVMsgSessionCore::AddCounts(KLVMsgCounts& counts, Peer& peer) {
     counts.messagesReceived += peer.messagesReceived;
     counts.messagesInInbox += peer.sent.count;
-    counts.bytesInInbox += peer.sent.cost - peer.sent.count * KLVMsgOutput::kPerMessage;
+    counts.bytesInInbox += peer.sent.cost - peer.sent.count * KLVMsgParcel::kPerMessage;
     if (peer.link != nullptr) {
         const KLVMsgConnection& connection = peer.link->connection;
         const KLVMsgOutput& output = connection.output;

@@ -58,6 +58,7 @@ public:
     using Time = Clock::time_point;
     using Wanted = KLVMsgSession::Wanted;
     using Message = std::unique_ptr<KLVMsgSocketMessage>;
+    using Found = KLVMsgSession::Found;
 
     explicit KLVMsgSessionCore(const KLVMsgSessionOptions& options);
     ~KLVMsgSessionCore();
@@ -107,6 +108,8 @@ private:
         std::thread::id thread;
         std::vector<KLVMsgPeer> peers;
     };
+
+    using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
 
     static KLVMsgOutcome Late();
     static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
@@ -160,6 +163,9 @@ private:
     KLVMsgOutcome AwaitParcel(Lock& lock, std::uint32_t type, const Wanted& wanted,
                               const KLVMsgParcel*& found);
     const KLVMsgParcel* Find(std::uint32_t type, const KLVMsgPeers* from);
+    std::size_t TakePart(std::uint32_t type, const KLVMsgPeers* from, std::size_t most,
+                         bool isFirst, Parcels& parcels);
+    void HandOver(std::uint32_t type, Parcels& parcels, Found& received);
     KLVMsgParcel::Owner TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from, bool isNext);
     Message Decode(std::uint32_t number, std::string_view body, KLVMsgPeer from);
     void Refuse(KLVMsgPeer from, const std::string& cause);

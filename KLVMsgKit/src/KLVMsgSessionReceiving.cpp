@@ -20,6 +20,8 @@ constexpr std::chrono::seconds kAnswerTime(30);
 
 constexpr std::size_t kMostHands = 1000;
 
+constexpr std::size_t kMostAtOnce = 4096;  // messages that are taken with one lock
+
 KLVMsgOutcome NotRegistered() {
     return {KLVMsgOutcome::kFailed, EINVAL, "no prototype of this class was registered"};
 }
@@ -79,9 +81,9 @@ KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Want
         outcome = NotRegistered();
         return received;
     }
-    std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>> parcels;
+    Parcels parcels;
     while (outcome && received.messages.empty()) {
-        parcels.clear();
+        std::size_t left = 0;
         {
             Lock lock(m_mutex);
             const KLVMsgParcel* found = m_isEnding ? nullptr : Find(type, wanted.from);
@@ -89,28 +91,54 @@ KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Want
                 outcome = AwaitParcel(lock, type, wanted, found);
             }
             // Room first: what is taken out is handed over.
-            const std::size_t most = outcome ? m_inbox.Count(type) : 0;
-            parcels.reserve(most);
-            received.messages.reserve(most);
-            for (; outcome && found != nullptr; found = Find(type, wanted.from)) {
-                parcels.emplace_back();
-                parcels.back().first = TakeOut(found, parcels.back().second, parcels.size() == 1);
-            }
+            left = outcome ? m_inbox.Count(type) : 0;
+            received.messages.reserve(left);
+            parcels.reserve(std::min(left, kMostAtOnce));
+            left = TakePart(type, wanted.from, left, true, parcels);
         }
-        for (auto& [parcel, peer] : parcels) {
-            Message message = parcel->object != nullptr
-                                  ? Message(std::exchange(parcel->object, nullptr))
-                                  : Decode(type, parcel->Body(), peer);
-            if (message != nullptr) {
-                received.messages.push_back({std::move(message), peer});
+        HandOver(type, parcels, received);
+        while (left != 0) {
+            {
+                const Lock lock(m_mutex);
+                left = TakePart(type, wanted.from, left, false, parcels);
             }
+            HandOver(type, parcels, received);
         }
+    }
+    return received;
+}
+
+// Takes out some of those that are there, `most` at the most: with all of a long inbox everybody
+// else would wait for the mutex meanwhile. Returns how many may be left.
+std::size_t KLVMsgSessionCore::TakePart(std::uint32_t type, const KLVMsgPeers* from,
+                                        std::size_t most, bool isFirst, Parcels& parcels) {
+    const KLVMsgParcel* found = Find(type, from);
+    for (; found != nullptr && most != 0 && parcels.size() < kMostAtOnce; --most) {
+        parcels.emplace_back();
+        parcels.back().first =
+            TakeOut(found, parcels.back().second, isFirst && parcels.size() == 1);
+        found = Find(type, from);
+    }
+    return found != nullptr ? most : 0;
+}
+
+// Makes messages of the parcels, whose blocks are then used again.
+void KLVMsgSessionCore::HandOver(std::uint32_t type, Parcels& parcels, Found& received) {
+    for (auto& [parcel, peer] : parcels) {
+        Message message = parcel->object != nullptr
+                              ? Message(std::exchange(parcel->object, nullptr))
+                              : Decode(type, parcel->Body(), peer);
+        if (message != nullptr) {
+            received.messages.push_back({std::move(message), peer});
+        }
+    }
+    {
         const Lock lock(m_mutex);
         for (auto& [parcel, peer] : parcels) {
             parcel = m_spent.Put(std::move(parcel));
         }
     }
-    return received;
+    parcels.clear();  // what is too much for that is freed without the mutex
 }
 
 // Where there is none: waits until there is, or none can come.
