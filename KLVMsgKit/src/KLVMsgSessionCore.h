@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -13,6 +14,7 @@
 #include <string_view>
 #include <thread>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include "KLVMsgEventQueue.h"
@@ -108,6 +110,8 @@ private:
         std::vector<KLVMsgPeer> peers;
     };
 
+    using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
+
     static KLVMsgOutcome Late();
     static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
     KLVMsgOutcome Gone(const KLVMsgPeers& meant);
@@ -161,8 +165,10 @@ private:
                               const KLVMsgParcel*& found);
     const KLVMsgParcel* Find(std::uint32_t type, const KLVMsgPeers* from);
     KLVMsgParcel::Owner TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from, bool isNext);
+    void TakeOutAll(const KLVMsgParcel* found, const KLVMsgPeers* from, Parcels& parcels);
     Message Decode(std::uint32_t number, std::string_view body, KLVMsgPeer from);
-    void Refuse(KLVMsgPeer from, const std::string& cause);
+    void Refuse(KLVMsgPeer from, KLVMsgEvent::Cause cause,
+                std::initializer_list<std::string_view> words);
     bool MayCome(const KLVMsgPeers* from);
     void WakeReceivers(std::uint32_t type);
     void WakeThoseWithoutHope();

@@ -75,20 +75,20 @@ KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Want
         outcome = NotRegistered();
         return received;
     }
-    std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>> parcels;
+    Parcels parcels;
     while (outcome && received.messages.empty()) {
         parcels.clear();
         {
             Lock lock(m_mutex);
             const KLVMsgParcel* found = nullptr;
             outcome = AwaitParcel(lock, type, wanted, found);
-            // Room first: what is taken out is handed over.
-            const std::size_t most = outcome ? m_inbox.Count(type) : 0;
-            parcels.reserve(most);
-            received.messages.reserve(most);
-            for (; outcome && found != nullptr; found = Find(type, wanted.from)) {
-                parcels.emplace_back();
-                parcels.back().first = TakeOut(found, parcels.back().second, parcels.size() == 1);
+            if (outcome) {
+                // Room first: what is taken out is handed over.
+                const std::size_t most = m_inbox.Count(type);
+                parcels.reserve(most);
+                received.messages.reserve(most);
+                wanted.makeRoom(wanted.all, most);
+                TakeOutAll(found, wanted.from, parcels);
             }
         }
         for (auto& [parcel, peer] : parcels) {
@@ -181,11 +181,27 @@ KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMs
     return taken;
 }
 
+// That one, and all of its class that fit. Requires: there is room for them.
+void KLVMsgSessionCore::TakeOutAll(const KLVMsgParcel* found, const KLVMsgPeers* from,
+                                   Parcels& parcels) {
+    const std::uint32_t type = found->type;
+    try {
+        for (; found != nullptr; found = Find(type, from)) {
+            KLVMsgPeer peer;
+            KLVMsgParcel::Owner parcel = TakeOut(found, peer, parcels.empty());
+            parcels.emplace_back(std::move(parcel), peer);
+        }
+    } catch (const std::bad_alloc&) {
+        if (parcels.empty()) {
+            throw;
+        }
+    }
+}
+
 // The message of a framed body; null when its class refuses it, which ends the connection.
 KLVMsgSessionCore::Message KLVMsgSessionCore::Decode(std::uint32_t number, std::string_view body,
                                                      KLVMsgPeer from) {
     const KLVMsgMessageTypes::Type& type = m_types[number];
-    std::string cause;
     try {
         Message message(type.prototype->NewInstance());
         auto* const framed = static_cast<KLVMsgFramedMessage*>(message.get());
@@ -193,23 +209,35 @@ KLVMsgSessionCore::Message KLVMsgSessionCore::Decode(std::uint32_t number, std::
             framed->whole = true;
             return message;
         }
-        cause = "Decode has refused a body of " + type.name;
+        Refuse(from, KLVMsgEvent::kRefusedBody, {"Decode has refused a body of ", type.name});
+    } catch (const std::bad_alloc&) {
+        Refuse(from, KLVMsgEvent::kNoMemory, {"there was no memory for what came"});
     } catch (const std::exception& error) {
-        cause = "decoding " + type.name + " failed: " + error.what();
+        Refuse(from, KLVMsgEvent::kRefusedBody,
+               {"decoding ", type.name, " failed: ", error.what()});
     } catch (...) {
-        cause = "decoding " + type.name + " failed";
+        Refuse(from, KLVMsgEvent::kRefusedBody, {"decoding ", type.name, " failed"});
     }
-    Refuse(from, cause);
     return nullptr;
 }
 
-void KLVMsgSessionCore::Refuse(KLVMsgPeer from, const std::string& cause) {
+// Words for which there is no memory are left out.
+void KLVMsgSessionCore::Refuse(KLVMsgPeer from, KLVMsgEvent::Cause cause,
+                               std::initializer_list<std::string_view> words) {
+    std::string text;
+    try {
+        for (const std::string_view word : words) {
+            text += word;
+        }
+    } catch (const std::bad_alloc&) {
+        text.clear();
+    }
     const Lock lock(m_mutex);
     Peer* const peer = m_book.Find(from);
     if (peer != nullptr && peer->link != nullptr) {
         const KLVMsgLoop::LinkPtr link = peer->link;
-        link->connection.End(KLVMsgEvent::kRefusedBody, cause);
-        TellGone(*peer, KLVMsgEvent::kRefusedBody, cause, 0);
+        link->connection.End(cause, text);
+        TellGone(*peer, cause, text, 0);
         m_loop.Touch(*link);
     }
 }
