@@ -66,7 +66,7 @@ TEST_F(ConnectionTest, StallIsToldOnceInEachDirectionUntilAByteMovesThere) {
     EXPECT_EQ(Event::kCut, one->WhyOver());
 }
 
-TEST_F(ConnectionTest, NothingIsDueWhileNobodyReadsAndOfWhatIsDiscarded) {
+TEST_F(ConnectionTest, NothingIsDueOfWhatIsNotLookedAt) {
     options.stallEnds = true;
     for (const bool discards : {false, true}) {
         Renew();
@@ -120,7 +120,7 @@ TEST_F(ConnectionTest, PeerIsDeadWhenItAnswersNothingForAsLong) {
     EXPECT_EQ(now + 200ms, one->NextCheck(now));
 }
 
-TEST_F(ConnectionTest, LeaveDropsWhatIsQueuedAndIsOverInTime) {
+TEST_F(ConnectionTest, LeaveIsOverInTimeWithoutWhatIsQueued) {
     Queue(200);
     one->output.Take(0);
     one->Leave(now + 4s);

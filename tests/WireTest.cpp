@@ -171,7 +171,7 @@ TEST_F(WireTest, RefusedBytesEndTheReadingWithTheirCause) {
     EXPECT_FALSE(Feed(BareBytes("none"))) << "made no object";
 }
 
-TEST_F(WireTest, UnknownTypesArePassedOverAndToldOnce) {
+TEST_F(WireTest, UnknownTypesArePassedOver) {
     for (const std::size_t piece : {1U << 20, 1U}) {
         Renew();
         Feed(Frame("body", "U") + Frame("x") + Frame("no", "Better") + Frame("", "U") +
@@ -180,6 +180,9 @@ TEST_F(WireTest, UnknownTypesArePassedOverAndToldOnce) {
              piece);
         EXPECT_EQ("15:x 16:in V 17:z 15:y ?U ?Better ?V ?W ", Came());
     }
+}
+
+TEST_F(WireTest, AHundredUnknownTypesAreTold) {
     Feed(Header("\x7f" + std::string(300, '\n')) + Length(10) + "x");
     EXPECT_TRUE(reader->InMiddle());
     Feed("123456789");
@@ -188,7 +191,7 @@ TEST_F(WireTest, UnknownTypesArePassedOverAndToldOnce) {
     for (int i = 0; i < 200; ++i) {
         Feed(Frame("", "N" + std::to_string(i)), 3);
     }
-    EXPECT_EQ(95U, arrivals.unknown.size()) << "a hundred are remembered";
+    EXPECT_EQ(99U, arrivals.unknown.size());
     EXPECT_TRUE(Feed(Frame("still")));
 }
 
@@ -244,7 +247,7 @@ TEST_F(WireTest, WhatNoReceiverTakesIsNotWritten) {
     EXPECT_EQ(EINVAL, writer.Write(none, nullptr, 100).error);
 }
 
-TEST_F(WireTest, EncodeMaySendAndSmallMessagesTakeNoMemory) {
+TEST_F(WireTest, SmallMessagesTakeNoMemory) {
     Letter inner("inner"), outer(std::string(60, 'x'));
     outer.encode = [&] { return bool(KLVMsgWireWriter().Write(inner, &inner, 100)); };
     ASSERT_TRUE(Write(outer));
@@ -262,7 +265,7 @@ TEST_F(WireTest, EncodeMaySendAndSmallMessagesTakeNoMemory) {
     EXPECT_EQ(before + 4, Allocations()) << "two type names, and room for the inner one";
 }
 
-TEST_F(WireTest, ShortMemoryCostsTheConnectionOrTheMessage) {
+TEST_F(WireTest, ShortMemoryCostsTheConnection) {
     const std::string bytes = Frame("", "U") + Frame(std::string(200000, 'x')) + BareBytes("b");
     FailEachAllocation(
         [&] {
@@ -272,6 +275,9 @@ TEST_F(WireTest, ShortMemoryCostsTheConnectionOrTheMessage) {
         [&](int n, bool thrown) {
             EXPECT_TRUE(thrown || reader->Fault() == Event::kNoMemory) << n;
         });
+}
+
+TEST_F(WireTest, ShortMemoryCostsTheMessage) {
     Letter letter(std::string(70000, 'x'));
     KLVMsgOutcome outcome;
     FailEachAllocation([&] { outcome = Write(letter); },

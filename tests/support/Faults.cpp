@@ -17,6 +17,7 @@
 #include <cstdarg>
 #include <mutex>
 #include <sstream>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -267,6 +268,10 @@ int select(int count, fd_set* reads, fd_set* writes, fd_set* exceptions, timeval
     return Pass(&select, std::move(call), count, reads, writes, exceptions, limit);
 }
 int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** list) {
+    if (host == std::string_view(twoAddresses)) {
+        const int result = getaddrinfo("::1", service, hints, list);
+        return result != 0 ? result : getaddrinfo("127.0.0.1", service, hints, &(*list)->ai_next);
+    }
     SystemCall call{"getaddrinfo", 0, Words(host, service == nullptr ? "none" : service)};
     return Pass(&getaddrinfo, std::move(call), host, service, hints, list);
 }
