@@ -3,6 +3,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -212,6 +213,29 @@ TEST(SessionConnections, EveryDescriptorHasItsOptions) {
         }
     }
     EXPECT_EQ(2, connections);
+}
+
+TEST(SessionConnections, ThousandsAreServedAtOnce) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = 11000;
+    if (setrlimit(RLIMIT_NOFILE, &limit) == -1) {
+        GTEST_SKIP() << "the system allows too few descriptors";
+    }
+    Session session;
+    std::vector<std::unique_ptr<PlainPeer>> peers;
+    while (peers.size() < 5000) {
+        peers.push_back(std::make_unique<PlainPeer>(session.port));
+    }
+    peers.back()->Send(WordBytes("from the last"));
+    const auto word = session.Receive<Word>(ever);
+    EXPECT_TRUE(session.Send(word.peer, Word("alone"), ever));
+    EXPECT_EQ(WordBytes("alone"), peers.back()->Receive(17));
+    EXPECT_TRUE(session.Send(KLVMsgPeers::All(), Word("together"), ever));
+    for (const auto& peer : peers) {
+        ASSERT_EQ(WordBytes("together"), peer->Receive(20));
+    }
+    EXPECT_TRUE(session.Disconnect(KLVMsgPeers::All()));
 }
 
 TEST(SessionConnections, AnUnansweredConnectIsGivenUp) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 
 #include "Faults.h"
@@ -10,7 +11,7 @@
 
 namespace {
 
-int loops = -1;  // that have waited so far; -1: nobody counts
+std::atomic<int> loops{-1};  // that have waited so far; -1: nobody counts
 
 // Reads its body by itself.
 struct Bare : Word {
@@ -163,7 +164,8 @@ TEST(SessionFaults, EachAllocationMayFail) {
         bool reached = true;
         for (int n = 1; reached; ++n) {
             SCOPED_TRACE(std::to_string(n) + " on thread " + std::to_string(where));
-            loops = count = 0;
+            loops = 0;
+            count = 0;
             const Interposed onLoops([&](SystemCall& call) -> std::optional<long> {
                 thread_local int loop = 0;
                 thread_local std::optional<FailingAllocation> fault;
