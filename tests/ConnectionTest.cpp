@@ -137,6 +137,16 @@ TEST_F(ConnectionTest, LeaveIsOverInTimeWithoutWhatIsQueued) {
     EXPECT_TRUE(one->IsOver() && !one->Writes());
 }
 
+TEST_F(ConnectionTest, LittleIsQueuedInLittleMemory) {
+    Queue(900);
+    Queue(900);
+    EXPECT_EQ(2, one->output.Take(0).count) << "blocks";
+    one->Took(now, 1800, false);
+    const int before = Allocations();
+    one->output.Append("head", "body", nullptr);
+    EXPECT_EQ(before + 1, Allocations()) << "none was kept";
+}
+
 TEST_F(ConnectionTest, EachDirectionEndsByItself) {
     one->OutputFailed(ECONNRESET);
     EXPECT_TRUE(one->Reads() && !one->Takes());

@@ -5,6 +5,7 @@
 
 #include <future>
 
+#include "Faults.h"
 #include "Sessions.h"
 
 namespace {
@@ -174,6 +175,25 @@ TEST(SessionReceiving, AHalfClosedAskerStillGetsItsAnswer) {
     EXPECT_EQ(18, recv(asker, answer.data(), 100, MSG_WAITALL)) << "and the end";
     EXPECT_EQ(WordBytes("answer"), answer.substr(0, 18));
     close(asker);
+}
+
+TEST(SessionReceiving, AHalfClosedAskerMakesRoomForOthers) {
+    for (const bool isFull : {true, false}) {
+        KLVMsgSessionOptions options;
+        options.connectionLimit = isFull ? 1 : 10;
+        Session session(options);
+        const Listener listener;
+        EXPECT_TRUE(session.Connect(At(listener.address.port), "asker", ever));
+        const int asker = accept(listener.descriptor, nullptr, nullptr);
+        EXPECT_EQ(20, send(asker, WordBytes("question").data(), 20, 0));
+        shutdown(asker, SHUT_WR);
+        EXPECT_EQ(KLVMsgEvent::kClosed, session.Await(KLVMsgEvent::kGone).cause);
+        const FailingCall fault("accept4", EMFILE, isFull ? -1 : 1);
+        const PlainPeer other(session.port);
+        char byte = 0;
+        EXPECT_EQ(0, recv(asker, &byte, 1, 0)) << "the end";
+        close(asker);
+    }
 }
 
 }  // namespace
