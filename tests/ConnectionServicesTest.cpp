@@ -76,7 +76,7 @@ TEST(Header, ShortOrFailedSendIsNotRepeated) {
     }
 }
 
-TEST(Header, CutAnywhereFailsAndTheEndOfThePeerIsFound) {
+TEST(Header, CutAnywhereFailsUntilTheEndIsFound) {
     for (std::size_t cut = 0; cut <= header.size(); ++cut) {
         for (const auto& [reset, release] :
              {std::pair(false, true), {true, true}, {true, false}, {false, false}}) {

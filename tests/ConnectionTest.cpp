@@ -48,18 +48,25 @@ TEST_F(ConnectionTest, StallIsToldOnceInEachDirectionUntilAByteMovesThere) {
     Run(50);
     EXPECT_FALSE(StallsAfter(29s)) << "bytes that go do not tell it again";
     EXPECT_TRUE(StallsAfter(1s));
-    HalfAMessageComes();
     Run(10);
     EXPECT_FALSE(StallsAfter(29s));
     Run(0);
+    HalfAMessageComes();
     EXPECT_TRUE(StallsAfter(1s));
     Run(10);
-    EXPECT_TRUE(StallsAfter(30s));
+    one->AllowReading(now, false);
+    EXPECT_TRUE(StallsAfter(30s)) << "of what goes";
+    Run();
+    one->AllowReading(now, true);
+    EXPECT_FALSE(one->Stalls());
+    EXPECT_TRUE(StallsAfter(30s)) << "of what comes";
+    one->AllowReading(now, false);
+    EXPECT_FALSE(one->Stalls()) << "it is not read";
     one->InputEnded();
     EXPECT_EQ(Event::kCut, one->WhyOver());
 }
 
-TEST_F(ConnectionTest, NothingIsDueWhileNobodyReadsAndOfWhatIsDiscarded) {
+TEST_F(ConnectionTest, NothingIsDueOfWhatIsNotLookedAt) {
     options.stallEnds = true;
     for (const bool discards : {false, true}) {
         Renew();
@@ -97,7 +104,10 @@ TEST_F(ConnectionTest, PeerIsDeadWhenItAnswersNothingForAsLong) {
         Queue(100);
         Run();
         EXPECT_EQ(now + 5s, one->NextCheck(now));
-        StallsAfter(row.later, {row.unacknowledged, row.probes, row.quiet});
+        StallsAfter(row.later / 2, {1, 0, 0ms});
+        Queue(100);
+        Run();
+        StallsAfter(row.later - row.later / 2, {row.unacknowledged, row.probes, row.quiet});
         EXPECT_EQ(row.dies, one->IsOver());
         EXPECT_EQ(row.dies ? Event::kDead : Event::kNoCause, one->WhyOver());
     }
@@ -107,9 +117,14 @@ TEST_F(ConnectionTest, PeerIsDeadWhenItAnswersNothingForAsLong) {
     one->OutputFailed(ETIMEDOUT);
     EXPECT_FALSE(one->IsOver()) << "what has come can still be read";
     EXPECT_EQ(Event::kDead, one->WhyOver());
+    options.silence = 1s;
+    Renew();
+    Queue(100);
+    Run();
+    EXPECT_EQ(now + 200ms, one->NextCheck(now));
 }
 
-TEST_F(ConnectionTest, LeaveDropsWhatIsQueuedAndIsOverInTime) {
+TEST_F(ConnectionTest, LeaveIsOverInTimeWithoutWhatIsQueued) {
     Queue(200);
     one->output.Take(0);
     one->Leave(now + 4s);
@@ -124,6 +139,31 @@ TEST_F(ConnectionTest, LeaveDropsWhatIsQueuedAndIsOverInTime) {
     StallsAfter(1ms);
     EXPECT_EQ(Event::kShutDownHere, one->WhyOver());
     EXPECT_TRUE(one->IsOver() && !one->Writes());
+}
+
+TEST_F(ConnectionTest, LittleIsQueuedInLittleMemory) {
+    Queue(900);
+    Queue(900);
+    EXPECT_EQ(2, one->output.Take(0).count) << "blocks";
+    one->Took(now, 1800, false);
+    const int before = Allocations();
+    one->output.Append("head", "body", nullptr);
+    EXPECT_EQ(before + 1, Allocations()) << "none was kept";
+}
+
+TEST_F(ConnectionTest, EachDirectionEndsByItself) {
+    one->OutputFailed(ECONNRESET);
+    EXPECT_TRUE(one->Reads() && !one->Takes());
+    one->InputEnded();
+    EXPECT_TRUE(one->IsOver());
+    EXPECT_EQ(Event::kReset, one->WhyOver()) << "the first cause";
+    Renew();
+    one->InputEnded();
+    one->AwaitAnswer(now + 30s);
+    EXPECT_EQ(now + 30s, one->NextCheck(now));
+    EXPECT_TRUE(one->Takes() && !one->Gives());
+    StallsAfter(30s);
+    EXPECT_TRUE(one->EndsOutput() && !one->Takes());
 }
 
 TEST_F(ConnectionTest, SimulatedNetworksBreakNothing) {

@@ -1,6 +1,8 @@
 // Bringing the module up and down, and the singleton template.
+#include <KLVMsgSession.h>
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -28,7 +30,7 @@ WATCH(KLVBasCoreUtils)
 WATCH(KLVBasGenericsLib)
 WATCH(KLVBasAlloc)
 
-TEST(Module, OnlyTheFirstInitializeAndTheLastFinalizeReachTheBaseModulesInOrder) {
+TEST(Module, OnlyTheOutermostCallsReachTheBaseModules) {
     int status = 5;
     calls.clear();
     KLVMsgCommModules_initialize(status);
@@ -70,6 +72,12 @@ TEST(Module, CountsEachPartOnce) {
     KLVMsgCommModules_initialize(status);
     KLVMsgCommModules_finalize(status);
     EXPECT_EQ(0, status);
+}
+
+TEST(Module, SessionsBringItUpOnce) {
+    calls.clear();
+    { const KLVMsgSession one, another; }
+    EXPECT_EQ(14, std::count(calls.begin(), calls.end(), ',')) << calls;
 }
 
 static bool LockIsHeld() { return WatchedMutex::last != nullptr && WatchedMutex::last->held; }
@@ -120,7 +128,7 @@ TEST(Singleton, IsMadeOnceUntilFinalizeDestroysItAndItsLock) {
     }
 }
 
-TEST(SingletonDeathTest, SecondObjectAndMissingLockAreReportedWithTheirLines) {
+TEST(SingletonDeathTest, MisuseIsReportedWithItsLine) {
     const std::string file = ".*KLVBase/ProtectedInterfaces/KLVBasAtiGlobalSingleton:";
     Single::Instance();
     EXPECT_DEATH(Single(), "AssertionFailed:m_instance == 0" + file + "17");

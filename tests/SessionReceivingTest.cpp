@@ -5,6 +5,7 @@
 
 #include <future>
 
+#include "Faults.h"
 #include "Sessions.h"
 
 namespace {
@@ -15,12 +16,19 @@ TEST(SessionReceiving, HandsOverTheOldestOfAClassOfWhoeverIsMeant) {
     const KLVMsgPeer a = session.Came("a");
     PlainPeer other(session.port);
     const KLVMsgPeer b = session.Came("b");
-    one.Send(WordBytes("1") + WordBytes("2") + TextBytes("Other", "3"));
-    EXPECT_EQ("3", session.Next<Other>());
+    auto both = std::async([&] { return session.Next<Other>(); });
+    one.Send(TextBytes("Other", "3") + WordBytes("0") + WordBytes("1") + WordBytes("2"));
+    EXPECT_EQ("0", session.Next());
+    EXPECT_EQ("3", both.get());
     other.Send(WordBytes("4") + TextBytes("Other", "5"));
     EXPECT_EQ("5", session.Next<Other>(b));
     EXPECT_EQ("4", session.Next("b"));
-    EXPECT_EQ("1", session.Next(KLVMsgPeers::All()));
+    other.Send(WordBytes("6"));
+    EXPECT_TRUE(session.Holds(3));
+    session.SetLabel(b, "a");
+    EXPECT_EQ("1", session.Next("a"));
+    session.SetLabel(b, "b");
+    EXPECT_EQ("6", session.Next(b));
     one.Close();
     EXPECT_TRUE(session.WaitUntilGone(a, ever));
     EXPECT_EQ("2", session.Next("a")) << "under its last label";
@@ -35,8 +43,9 @@ TEST(SessionReceiving, HandsOverTheOldestOfAClassOfWhoeverIsMeant) {
 TEST(SessionReceiving, ReceiveAllTakesAllOfAClassThatAreThere) {
     MutePair pair;
     pair.mute.Send(WordBytes("1") + TextBytes("Other", "other") + TextBytes("Odd", "1") +
-                   TextBytes("Odd", "2") + WordBytes("refused") + WordBytes("2"));
-    EXPECT_TRUE(pair.session.Holds(4)) << "of the class that it does not know, none";
+                   TextBytes("Odd", "2") + TextBytes("Text", "nobody asks for that") +
+                   WordBytes("refused") + WordBytes("2"));
+    EXPECT_TRUE(pair.session.Holds(5)) << "of the class that it does not know, none";
     EXPECT_EQ("Odd", pair.session.Await(KLVMsgEvent::kUnknownType).type);
     EXPECT_EQ(KLVMsgOutcome::kTooLate, pair.session.NextEvent(1ms).status) << "told once";
     const auto words = pair.session.ReceiveAll<Word>(ever, "mute");
@@ -47,7 +56,7 @@ TEST(SessionReceiving, ReceiveAllTakesAllOfAClassThatAreThere) {
     EXPECT_EQ(KLVMsgOutcome::kTooLate, pair.session.ReceiveAll<Word>(1ms).status);
 }
 
-TEST(SessionReceiving, AFullInboxStopsItsSenderAndLosesNothing) {
+TEST(SessionReceiving, AFullInboxHoldsUpItsSender) {
     KLVMsgSessionOptions options;
     options.inboxLimit = 100000;
     for (const bool ofAll : {false, true}) {
@@ -62,24 +71,33 @@ TEST(SessionReceiving, AFullInboxStopsItsSenderAndLosesNothing) {
         EXPECT_EQ(KLVMsgOutcome::kFull, waiting.status) << ofAll;
         EXPECT_GT(pair.here.Counts().bytesInInbox, 380000U) << "four times the limit";
         EXPECT_LT(pair.here.Counts().bytesInInbox, 1500000U) << "and what one read brought";
-        for (int i = 0; i < 4000; ++i) {
-            ASSERT_EQ(text(i), pair.here.Next());
+        const auto came = pair.here.Counts().messagesReceived;
+        int next = 0;
+        while (pair.here.Counts().bytesInInbox > 40000) {
+            ASSERT_EQ(text(next++), pair.here.Next());
+        }
+        EXPECT_TRUE(Eventually([&] { return pair.here.Counts().messagesReceived > came; }));
+        while (next < 4000) {
+            ASSERT_EQ(text(next++), pair.here.Next());
         }
     }
 }
 
-TEST(SessionReceiving, WaitingReadsPastAFullInboxAndNotForSomebodyElse) {
+TEST(SessionReceiving, WaitingReadsPastAFullInboxForThoseMeant) {
     KLVMsgSessionOptions options;
-    options.inboxLimit = 1000;
+    options.inboxLimit = options.inboxLimitOfAll = 1000;
     MutePair pair(options);
     PlainPeer another(pair.session.port);
-    pair.session.Came("wanted");
+    const KLVMsgPeer idle = pair.session.Came("wanted");
     pair.mute.Send(WordBytes(std::string(2000, 'x')));
     EXPECT_TRUE(pair.session.Holds(1));
     pair.mute.Send(TextBytes("Other", "behind"));
     EXPECT_EQ(KLVMsgOutcome::kTooLate, pair.session.Receive<Other>(10ms, "wanted").status);
     EXPECT_EQ(1U, pair.session.Counts().messagesInInbox);
+    another.Send(WordBytes("its first"));
+    EXPECT_TRUE(pair.session.Holds(2)) << "of whom nothing is there is read";
     EXPECT_EQ("behind", pair.session.Next<Other>("mute"));
+    auto first = std::async(std::launch::async, [&] { return pair.session.Next<Other>(idle); });
     // Whether it waits when the label is given or not, it gets what is behind.
     for (int i = 0; i < 50; ++i) {
         pair.mute.Send(TextBytes("Other", "labelled"));
@@ -93,10 +111,12 @@ TEST(SessionReceiving, WaitingReadsPastAFullInboxAndNotForSomebodyElse) {
         EXPECT_EQ("labelled", waiting.get());
         pair.session.SetLabel(pair.id, "mute");
     }
+    another.Send(TextBytes("Other", "for itself"));
+    EXPECT_EQ("for itself", first.get());
 }
 
 // Whoever sends what cannot be read goes, with the cause, and nobody else notices.
-TEST(SessionReceiving, ABrokenPeerGoesWithItsCauseAndAGoodOneStays) {
+TEST(SessionReceiving, ABrokenPeerGoesAloneWithItsCause) {
     Pair pair;
     const struct {
         std::string bytes;
@@ -122,11 +142,11 @@ TEST(SessionReceiving, ABrokenPeerGoesWithItsCauseAndAGoodOneStays) {
 
 TEST(SessionReceiving, TheDescriptorIsReadableAsLongAsThereIsSomething) {
     MutePair pair;
+    pair.mute.Send(WordBytes("1"));
+    EXPECT_TRUE(pair.session.Holds(1));
     pollfd asked = {pair.session.Descriptor(), POLLIN, 0};
     const auto isReadable = [&] { return poll(&asked, 1, 0) == 1; };
-    EXPECT_FALSE(isReadable());
-    pair.mute.Send(WordBytes("1"));
-    EXPECT_TRUE(Eventually(isReadable));
+    EXPECT_TRUE(isReadable());
     EXPECT_EQ("1", pair.session.Next());
     EXPECT_FALSE(isReadable());
     pair.mute.Close();
@@ -137,21 +157,43 @@ TEST(SessionReceiving, TheDescriptorIsReadableAsLongAsThereIsSomething) {
     EXPECT_TRUE(isReadable());
 }
 
-TEST(SessionReceiving, AHalfClosedAskerGetsItsAnswerAndThenTheEnd) {
+TEST(SessionReceiving, AHalfClosedAskerStillGetsItsAnswer) {
     Session session;
     const Listener listener;
     EXPECT_TRUE(session.Connect(At(listener.address.port), "asker", ever));
     const int asker = accept(listener.descriptor, nullptr, nullptr);
-    EXPECT_EQ(20, send(asker, WordBytes("question").data(), 20, 0));
+    const std::string two = WordBytes("question") + WordBytes("question");
+    EXPECT_EQ(40, send(asker, two.data(), 40, 0));
     shutdown(asker, SHUT_WR);
     EXPECT_EQ(KLVMsgEvent::kClosed, session.Await(KLVMsgEvent::kGone).cause);
+    EXPECT_EQ("question", session.Next());
     const auto word = session.Receive<Word>(ever);
-    EXPECT_TRUE(session.Send(word.peer, Word("answer"), ever));
+    EXPECT_TRUE(word->whole && session.Send(word.peer, Word("answer"), ever));
+    EXPECT_FALSE(session.Post("asker", Word()) || session.Send("asker", Word(), ever));
     EXPECT_FALSE(session.Receive<Word>(0ms)) << "and answers no more";
     std::string answer(100, 'x');
     EXPECT_EQ(18, recv(asker, answer.data(), 100, MSG_WAITALL)) << "and the end";
     EXPECT_EQ(WordBytes("answer"), answer.substr(0, 18));
     close(asker);
+}
+
+TEST(SessionReceiving, AHalfClosedAskerMakesRoomForOthers) {
+    for (const bool isFull : {true, false}) {
+        KLVMsgSessionOptions options;
+        options.connectionLimit = isFull ? 1 : 10;
+        Session session(options);
+        const Listener listener;
+        EXPECT_TRUE(session.Connect(At(listener.address.port), "asker", ever));
+        const int asker = accept(listener.descriptor, nullptr, nullptr);
+        EXPECT_EQ(20, send(asker, WordBytes("question").data(), 20, 0));
+        shutdown(asker, SHUT_WR);
+        EXPECT_EQ(KLVMsgEvent::kClosed, session.Await(KLVMsgEvent::kGone).cause);
+        const FailingCall fault("accept4", EMFILE, isFull ? -1 : 1);
+        const PlainPeer other(session.port);
+        char byte = 0;
+        EXPECT_EQ(0, recv(asker, &byte, 1, 0)) << "the end";
+        close(asker);
+    }
 }
 
 }  // namespace

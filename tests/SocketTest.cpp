@@ -34,7 +34,7 @@ std::string Option(int option, const std::string& value) {
 
 }  // namespace
 
-TEST(StreamSocket, ConnectionIsResetOnCloseAndKeptAlive) {
+TEST(StreamSocket, ConnectionHasItsTwoOptions) {
     for (const char* host : {"", "localhost", "::1"}) {
         const CallLog log;
         Listener server(Address(host, 0));
@@ -166,7 +166,7 @@ TEST(Socket, OnlyAConnectionLostErrorEndsIt) {
     }
 }
 
-TEST(ServerSocket, BindsListensAndAcceptsWithoutFurtherOptions) {
+TEST(ServerSocket, ServesWithoutFurtherOptions) {
     const int before = OpenDescriptors();
     const CallLog log;
     KLVMsgServerSocket server(Address("", 0), -7);

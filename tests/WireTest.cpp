@@ -118,7 +118,11 @@ TEST_F(WireTest, LengthIsOnlyAPromise) {
     Feed(Header("Letter") + Length(400000) + "little");
     Feed("more");
     EXPECT_LE(room, 65536U);
-    Feed(std::string(399990, 'x'), 1000);
+    Feed(std::string(70000, 'x'));
+    EXPECT_LE(room, 65536U);
+    Feed("x");
+    EXPECT_LE(room, 131072U - 70010U);
+    Feed(std::string(329989, 'x'), 1000);
     EXPECT_EQ(400014U, arrivals.messages.at(0)->wireSize);
 }
 
@@ -150,8 +154,8 @@ TEST_F(WireTest, RefusedBytesEndTheReadingWithTheirCause) {
         EXPECT_EQ(row.cause, reader->Fault()) << row.words;
         EXPECT_NE(std::string::npos, reader->FaultText().find(row.words)) << reader->FaultText();
         Feed(Frame("bad"));
-        EXPECT_EQ("18:good ", Came().substr(0, 8)) << row.words;
-        EXPECT_EQ("", Came());
+        const std::string came = Came();
+        EXPECT_TRUE(came == "18:good " || came == "18:good ?? ") << came;
     }
     Renew();
     EXPECT_TRUE(Feed(Header(std::string(65535, 'n')) + Length(500000) + std::string(500000, 'x') +
@@ -168,7 +172,7 @@ TEST_F(WireTest, RefusedBytesEndTheReadingWithTheirCause) {
     EXPECT_FALSE(Feed(BareBytes("none"))) << "made no object";
 }
 
-TEST_F(WireTest, UnknownTypesArePassedOverAndToldOnce) {
+TEST_F(WireTest, UnknownTypesArePassedOver) {
     for (const std::size_t piece : {1U << 20, 1U}) {
         Renew();
         Feed(Frame("body", "U") + Frame("x") + Frame("no", "Better") + Frame("", "U") +
@@ -177,10 +181,18 @@ TEST_F(WireTest, UnknownTypesArePassedOverAndToldOnce) {
              piece);
         EXPECT_EQ("15:x 16:in V 17:z 15:y ?U ?Better ?V ?W ", Came());
     }
+}
+
+TEST_F(WireTest, AHundredUnknownTypesAreTold) {
+    Feed(Header("\x7f" + std::string(300, '\n')) + Length(10) + "x");
+    EXPECT_TRUE(reader->InMiddle());
+    Feed("123456789");
+    EXPECT_FALSE(reader->InMiddle());
+    EXPECT_EQ(std::string(257, '?') + " ", Came()) << "one can print it";
     for (int i = 0; i < 200; ++i) {
         Feed(Frame("", "N" + std::to_string(i)), 3);
     }
-    EXPECT_EQ(96U, arrivals.unknown.size()) << "a hundred are remembered";
+    EXPECT_EQ(99U, arrivals.unknown.size());
     EXPECT_TRUE(Feed(Frame("still")));
 }
 
@@ -204,7 +216,10 @@ TEST_F(WireTest, ShortReadOfABareClassIsNoFaultWhateverItMakesOfIt) {
     Bare::reading = [&](Bare& bare, KLVMsgInputStream& stream) {
         Bare::ReadWhole(bare, stream);
         for (int count = 0; bare.text == "ever" && count == 0; ++zeros) {
-            stream.read(&count, 4, count);
+            try {
+                stream.read(&count, 4, count);
+            } catch (const std::exception&) {  // which is not for the class to catch
+            }
         }
         bare.text.find('\0') == bare.text.npos ? void() : throw std::runtime_error("short");
     };
@@ -215,7 +230,25 @@ TEST_F(WireTest, ShortReadOfABareClassIsNoFaultWhateverItMakesOfIt) {
     EXPECT_EQ(99, zeros);
 }
 
-TEST_F(WireTest, EncodeMaySendAndSmallMessagesTakeNoMemory) {
+TEST_F(WireTest, WhatNoReceiverTakesIsNotWritten) {
+    struct Named : Letter {
+        using Letter::Letter;
+        KLVString GetMessageType() const override { return {text.data(), int(text.size())}; }
+    };
+    for (const std::string& name :
+         {std::string(), std::string("a\0b", 3), std::string(65536, 'n')}) {
+        Named named(name);
+        EXPECT_EQ(EINVAL, Write(named).error) << name.size();
+    }
+    Letter longest(std::string(400000, 'x')), longer(std::string(400001, 'x')), none("none");
+    EXPECT_TRUE(Write(longest));
+    EXPECT_EQ(EMSGSIZE, Write(longer).error);
+    EXPECT_TRUE(writer.Write(longest, nullptr, 1 << 20)) << "by its own WriteMessage";
+    none.encode = [] { return false; };
+    EXPECT_EQ(EINVAL, writer.Write(none, nullptr, 100).error);
+}
+
+TEST_F(WireTest, SmallMessagesTakeNoMemory) {
     Letter inner("inner"), outer(std::string(60, 'x'));
     outer.encode = [&] { return bool(KLVMsgWireWriter(*spent).Write(inner, &inner, 100)); };
     ASSERT_TRUE(Write(outer));
@@ -248,7 +281,7 @@ TEST_F(WireTest, RoomOfLongBodiesIsFilledAnew) {
     EXPECT_EQ("60014:" + std::string(60000, 'y') + " ", Came());
 }
 
-TEST_F(WireTest, ShortMemoryCostsTheConnectionOrTheMessage) {
+TEST_F(WireTest, ShortMemoryCostsTheConnection) {
     const std::string bytes = Frame("", "U") + Frame(std::string(200000, 'x')) + BareBytes("b");
     FailEachAllocation(
         [&] {
@@ -256,9 +289,11 @@ TEST_F(WireTest, ShortMemoryCostsTheConnectionOrTheMessage) {
             Feed(bytes, 70001);
         },
         [&](int n, bool thrown) {
-            const bool isRefused = reader->FaultText() == "reading Bare failed: std::bad_alloc";
-            EXPECT_TRUE(thrown || isRefused || reader->FaultText() == "no memory") << n;
+            EXPECT_TRUE(thrown || reader->Fault() == Event::kNoMemory) << n;
         });
+}
+
+TEST_F(WireTest, ShortMemoryCostsTheMessage) {
     Letter letter(std::string(70000, 'x'));
     KLVMsgOutcome outcome;
     FailEachAllocation([&] { outcome = Write(letter); },

@@ -262,6 +262,10 @@ private:
         const std::type_info& type;
         KLVMsgTimeLimit limit;
         const KLVMsgPeers* from;  // null: anybody
+
+        // For so many messages, before they are taken out: what is taken out is handed over.
+        void (*makeRoom)(void* all, std::size_t count) = nullptr;
+        void* all = nullptr;
     };
     using Found = KLVMsgReceivedAll<KLVMsgSocketMessage>;
 
@@ -279,11 +283,13 @@ private:
     template <class Message>
     KLVMsgReceivedAll<Message> TakeAll(KLVMsgTimeLimit limit, const KLVMsgPeers* from) {
         CheckWanted<Message>();
-        Found found = ReceiveMany({typeid(Message), limit, from});
         KLVMsgReceivedAll<Message> received;
+        const auto makeRoom = [](void* all, std::size_t count) {
+            static_cast<KLVMsgReceivedAll<Message>*>(all)->messages.reserve(count);
+        };
+        Found found = ReceiveMany({typeid(Message), limit, from, makeRoom, &received});
         KLVMsgOutcome& outcome = found;
         static_cast<KLVMsgOutcome&>(received) = std::move(outcome);
-        received.messages.reserve(found.messages.size());
         for (auto& item : found.messages) {
             std::unique_ptr<Message> message(static_cast<Message*>(item.message.release()));
             received.messages.push_back({std::move(message), item.peer});

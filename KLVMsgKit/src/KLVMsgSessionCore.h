@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -13,6 +14,7 @@
 #include <string_view>
 #include <thread>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include "KLVMsgEventQueue.h"
@@ -168,7 +170,8 @@ private:
     void HandOver(std::uint32_t type, Parcels& parcels, Found& received);
     KLVMsgParcel::Owner TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from, bool isNext);
     Message Decode(std::uint32_t number, std::string_view body, KLVMsgPeer from);
-    void Refuse(KLVMsgPeer from, const std::string& cause);
+    void Refuse(KLVMsgPeer from, KLVMsgEvent::Cause cause,
+                std::initializer_list<std::string_view> words);
     bool MayCome(const KLVMsgPeers* from);
     void WakeReceivers(std::uint32_t type);
     void WakeThoseWithoutHope();

@@ -90,11 +90,14 @@ KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Want
             if (found == nullptr) {
                 outcome = AwaitParcel(lock, type, wanted, found);
             }
-            // Room first: what is taken out is handed over.
-            left = outcome ? m_inbox.Count(type) : 0;
-            received.messages.reserve(left);
-            parcels.reserve(std::min(left, kMostAtOnce));
-            left = TakePart(type, wanted.from, left, true, parcels);
+            if (outcome) {
+                // Room first: what is taken out is handed over.
+                left = m_inbox.Count(type);
+                parcels.reserve(std::min(left, kMostAtOnce));
+                received.messages.reserve(left);
+                wanted.makeRoom(wanted.all, left);
+                left = TakePart(type, wanted.from, left, true, parcels);
+            }
         }
         HandOver(type, parcels, received);
         while (left != 0) {
@@ -109,15 +112,23 @@ KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Want
 }
 
 // Takes out some of those that are there, `most` at the most: with all of a long inbox everybody
-// else would wait for the mutex meanwhile. Returns how many may be left.
+// else would wait for the mutex meanwhile. Returns how many may be left; none where memory has run
+// short behind the first. Requires: there is room for them.
 std::size_t KLVMsgSessionCore::TakePart(std::uint32_t type, const KLVMsgPeers* from,
                                         std::size_t most, bool isFirst, Parcels& parcels) {
     const KLVMsgParcel* found = Find(type, from);
-    for (; found != nullptr && most != 0 && parcels.size() < kMostAtOnce; --most) {
-        parcels.emplace_back();
-        parcels.back().first =
-            TakeOut(found, parcels.back().second, isFirst && parcels.size() == 1);
-        found = Find(type, from);
+    try {
+        for (; found != nullptr && most != 0 && parcels.size() < kMostAtOnce; --most) {
+            KLVMsgPeer peer;
+            KLVMsgParcel::Owner parcel = TakeOut(found, peer, isFirst && parcels.empty());
+            parcels.emplace_back(std::move(parcel), peer);
+            found = Find(type, from);
+        }
+    } catch (const std::bad_alloc&) {
+        if (isFirst && parcels.empty()) {
+            throw;
+        }
+        return 0;
     }
     return found != nullptr ? most : 0;
 }
@@ -212,7 +223,6 @@ KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMs
 KLVMsgSessionCore::Message KLVMsgSessionCore::Decode(std::uint32_t number, std::string_view body,
                                                      KLVMsgPeer from) {
     const KLVMsgMessageTypes::Type& type = m_types[number];
-    std::string cause;
     try {
         Message message(type.prototype->NewInstance());
         auto* const framed = static_cast<KLVMsgFramedMessage*>(message.get());
@@ -220,23 +230,35 @@ KLVMsgSessionCore::Message KLVMsgSessionCore::Decode(std::uint32_t number, std::
             framed->whole = true;
             return message;
         }
-        cause = "Decode has refused a body of " + type.name;
+        Refuse(from, KLVMsgEvent::kRefusedBody, {"Decode has refused a body of ", type.name});
+    } catch (const std::bad_alloc&) {
+        Refuse(from, KLVMsgEvent::kNoMemory, {"there was no memory for what came"});
     } catch (const std::exception& error) {
-        cause = "decoding " + type.name + " failed: " + error.what();
+        Refuse(from, KLVMsgEvent::kRefusedBody,
+               {"decoding ", type.name, " failed: ", error.what()});
     } catch (...) {
-        cause = "decoding " + type.name + " failed";
+        Refuse(from, KLVMsgEvent::kRefusedBody, {"decoding ", type.name, " failed"});
     }
-    Refuse(from, cause);
     return nullptr;
 }
 
-void KLVMsgSessionCore::Refuse(KLVMsgPeer from, const std::string& cause) {
+// Words for which there is no memory are left out.
+void KLVMsgSessionCore::Refuse(KLVMsgPeer from, KLVMsgEvent::Cause cause,
+                               std::initializer_list<std::string_view> words) {
+    std::string text;
+    try {
+        for (const std::string_view word : words) {
+            text += word;
+        }
+    } catch (const std::bad_alloc&) {
+        text.clear();
+    }
     const Lock lock(m_mutex);
     Peer* const peer = m_book.Find(from);
     if (peer != nullptr && peer->link != nullptr) {
         const KLVMsgLoop::LinkPtr link = peer->link;
-        link->connection.End(KLVMsgEvent::kRefusedBody, cause);
-        TellGone(*peer, KLVMsgEvent::kRefusedBody, cause, 0);
+        link->connection.End(cause, text);
+        TellGone(*peer, cause, text, 0);
         m_loop.Touch(*link);
     }
 }

@@ -76,9 +76,15 @@ KLVMsgOutcome KLVMsgSessionCore::PostToMany(Lock& lock, const KLVMsgPeers& to,
         }
     }
     for (Peer* const peer : meant) {
-        if (HasRoom(*peer, bytes.Size())) {
-            Deliver(lock, *peer, bytes, nullptr, meant.size() == 1);
-        } else {
+        bool hasRoom = HasRoom(*peer, bytes.Size());
+        try {
+            if (hasRoom) {
+                Deliver(lock, *peer, bytes, nullptr, meant.size() == 1);
+            }
+        } catch (const std::bad_alloc&) {
+            hasRoom = false;  // others may have it already
+        }
+        if (!hasRoom) {
             TellLeftOut(*peer);
             outcome = NoRoom();
         }

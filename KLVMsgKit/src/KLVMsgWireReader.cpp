@@ -224,6 +224,8 @@ bool KLVMsgWireReader::ReadBare(std::string_view& bytes, Buffer& buffer, Arrival
     try {
         const std::string_view allowed = bytes.substr(0, m_largestBareBody);
         message = m_bare.Try(*m_types[m_type].prototype, allowed, taken);
+    } catch (const std::bad_alloc&) {
+        throw;
     } catch (const std::exception& error) {
         Fail(KLVMsgEvent::kRefusedBody, "reading " + name + " failed: " + error.what());
         return false;

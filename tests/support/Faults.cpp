@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <linux/futex.h>
 #include <netdb.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/select.h>
@@ -16,6 +17,7 @@
 #include <cstdarg>
 #include <mutex>
 #include <sstream>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -225,7 +227,7 @@ ssize_t readv(int fd, const iovec* pieces, int count) {
     return Pass(&readv, {"readv", fd}, fd, pieces, count);
 }
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
-    return Pass(&sendmsg, {"sendmsg", fd}, fd, message, flags);
+    return Pass(&sendmsg, {"sendmsg", fd, Words(flags)}, fd, message, flags);
 }
 int eventfd(unsigned int count, int flags) noexcept {
     return Pass(&eventfd, {"eventfd", -1}, count, flags);
@@ -236,7 +238,11 @@ int epoll_ctl(int fd, int operation, int which, epoll_event* event) noexcept {
 }
 int epoll_pwait2(int fd, epoll_event* events, int most, const timespec* limit,
                  const sigset_t* signals) {
-    return Pass(&epoll_pwait2, {"epoll_pwait2", fd}, fd, events, most, limit, signals);
+    SystemCall call{"epoll_pwait2", fd, limit == nullptr ? "for ever" : ""};
+    return Pass(&epoll_pwait2, std::move(call), fd, events, most, limit, signals);
+}
+int poll(pollfd* asked, nfds_t count, int limit) {
+    return Pass(&poll, {"poll", -1}, asked, count, limit);
 }
 int shutdown(int fd, int how) noexcept {
     return Pass(&shutdown, {"shutdown", fd, Words(how)}, fd, how);
@@ -262,6 +268,10 @@ int select(int count, fd_set* reads, fd_set* writes, fd_set* exceptions, timeval
     return Pass(&select, std::move(call), count, reads, writes, exceptions, limit);
 }
 int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** list) {
+    if (host == std::string_view(twoAddresses)) {
+        const int result = getaddrinfo("::1", service, hints, list);
+        return result != 0 ? result : getaddrinfo("127.0.0.1", service, hints, &(*list)->ai_next);
+    }
     SystemCall call{"getaddrinfo", 0, Words(host, service == nullptr ? "none" : service)};
     return Pass(&getaddrinfo, std::move(call), host, service, hints, list);
 }

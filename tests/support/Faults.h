@@ -123,6 +123,9 @@ const WatchedMutex& LockOf() {
 // The call by which the library waits for connections.
 inline const std::string theWait = "select";
 
+// A host that has ::1 and 127.0.0.1.
+inline constexpr const char* twoAddresses = "two.addresses";
+
 // One call, before it is made. `name` is that of the C function.
 struct SystemCall {
     std::string name;

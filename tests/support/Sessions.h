@@ -44,7 +44,7 @@ inline KLVMsgSocketAddress At(int port) { return {"127.0.0.1", port}; }
 // A session that serves.
 struct Session : KLVMsgSession {
     explicit Session(const KLVMsgSessionOptions& options = {}) : KLVMsgSession(options) {
-        Register(Word()), Register(Other());
+        Register(Word()), Register(Other()), Register(TextMessage("Text"));
         Serve(anyPort, &port);
         Start();
     }

@@ -89,6 +89,7 @@ struct TextMessage : KLVMsgFramedMessage {
         : type(typeName), text(content) {
         ++alive;
     }
+    TextMessage(const TextMessage& other) : TextMessage(other.type, other.text) {}
     ~TextMessage() override { --alive; }
 
     bool Encode(std::string& bytes) const override { return bytes = text, true; }

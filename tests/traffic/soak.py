@@ -20,21 +20,77 @@ import time
 KEPT = 32  # bytes, the smallest block, for a type name that was received
 
 
+def field(content):
+    return len(content).to_bytes(4, sys.byteorder) + content
+
+
+class Talker:
+    """What a client's process does: sends texts and waits for the answers, until it is killed."""
+
+    def __init__(self, port, name, seed, left, largest):
+        self.port, self.name, self.largest = port, name, largest
+        self.order = random.Random(seed)
+        self.end = time.monotonic() + left / 1000
+        self.sent = self.acknowledged = self.twice = self.cut = 0
+        self.connection = None
+
+    def account(self):
+        """Into the file that is the standard output: it survives the process."""
+        os.pwrite(1, struct.pack("4q", self.sent, self.acknowledged, self.twice, self.cut), 0)
+
+    def connect(self):
+        if self.connection:
+            self.connection.close()
+        self.connection = socket.create_connection(("127.0.0.1", self.port))
+        self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+
+    def text(self, largest):
+        """As many lengths of two digits as of six."""
+        self.sent += 1
+        letters = self.order.choice("abcdefgh") * int(largest ** self.order.random())
+        return f"{self.name} {self.sent} {letters}.".encode()
+
+    def receive(self, count):
+        content = self.connection.recv(count, socket.MSG_WAITALL)
+        return content if len(content) == count else sys.exit("the hub has closed")
+
+    def round(self):
+        """One text, which may be large, or several small ones: behind more than a socket holds a header
+        could arrive in pieces, and would be lost."""
+        count = self.order.choice([1, self.order.randrange(2, 9)])
+        texts = [self.text(self.largest if count == 1 else 2000) for _ in range(count)]
+        self.account()
+        for text in texts:
+            self.connection.sendall(field(b"Text") + field(text))
+        for text in texts:
+            header = self.receive(12)
+            answer = self.receive(int.from_bytes(header[8:], sys.byteorder))
+            self.acknowledged += answer == text
+            self.cut += not answer.endswith(b".")
+            self.twice += answer != text and answer.endswith(b".")
+            self.account()
+
+    def run(self):
+        while time.monotonic() < self.end:
+            if not self.connection or self.order.randrange(30) == 0:
+                self.connect()
+            self.round()
+
+
 class Client:
     """A process, and its account, which outlives it."""
 
     names = 0
 
-    def __init__(self, options, port, end, place):
+    def __init__(self, options, port, end):
         Client.names += 1
         self.name = Client.names
         self.file = tempfile.TemporaryFile()
         self.file.truncate(32)
         self.killed = False
         left = int(1000 * (end - time.monotonic()))
-        mode = "task" if place % 3 == 0 else "hand"
-        arguments = port, self.name, options.seed + self.name, left, options.largest, mode
-        self.process = subprocess.Popen([options.program, "client", *map(str, arguments)],
+        arguments = port, self.name, options.seed + self.name, left, options.largest
+        self.process = subprocess.Popen([sys.executable, __file__, "client", *map(str, arguments)],
                                         stdout=self.file)
 
     def kill(self):
@@ -60,7 +116,7 @@ class Client:
 class Hub:
     def __init__(self, program):
         # What is released goes back to the system, so that what stays is what was kept.
-        self.process = subprocess.Popen([program, "hub"], stdout=subprocess.PIPE, text=True, env={
+        self.process = subprocess.Popen([program], stdout=subprocess.PIPE, text=True, env={
             **os.environ, "MALLOC_MMAP_THRESHOLD_": "65536",
             "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"})
         self.port = int(self.process.stdout.readline())
@@ -80,8 +136,6 @@ class Hub:
 
     def end(self):
         """Its exit code, and how many messages it has received from each client."""
-        def field(content):
-            return len(content).to_bytes(4, sys.byteorder) + content
         try:
             with socket.create_connection(("127.0.0.1", self.port), 10) as connection:
                 connection.sendall(field(b"Text") + field(b"end."))
@@ -98,13 +152,13 @@ def run(options, hub, clients, done):
     """Kills all but the first two clients, again and again, and lets the others end."""
     end = time.monotonic() + options.seconds
     order = random.Random(options.seed)
-    clients += [Client(options, hub.port, end, place) for place in range(options.clients)]
+    clients += [Client(options, hub.port, end) for _ in range(options.clients)]
     while (now := time.monotonic()) < end and hub.process.poll() is None:
         time.sleep(min(order.expovariate(1 / options.pause), end - now))
         place = order.randrange(2, options.clients)
         clients[place].kill()
         done.append(clients[place])
-        clients[place] = Client(options, hub.port, end, place)
+        clients[place] = Client(options, hub.port, end)
     for client in clients:
         client.read(end + 60 - time.monotonic())
     done += clients
@@ -168,6 +222,8 @@ def account(options, hub, done, before):
 
 
 def main():
+    if sys.argv[1:2] == ["client"]:
+        return Talker(*map(int, sys.argv[2:])).run()
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("program", help="what Soak.cpp was built to")
     parser.add_argument("--seconds", type=float, default=1)
