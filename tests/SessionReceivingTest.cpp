@@ -75,36 +75,24 @@ TEST(SessionReceiving, AFullInboxHoldsUpItsSender) {
         EXPECT_EQ(KLVMsgOutcome::kFull, waiting.status) << ofAll;
         EXPECT_GT(pair.here.Counts().bytesInInbox, 380000U) << "four times the limit";
         EXPECT_LT(pair.here.Counts().bytesInInbox, 1500000U) << "and what one read brought";
-        const auto came = pair.here.Counts().messagesReceived;
-        int next = 0;
-        while (pair.here.Counts().bytesInInbox > 40000) {
-            ASSERT_EQ(text(next++), pair.here.Next());
-        }
-        EXPECT_TRUE(Eventually([&] { return pair.here.Counts().messagesReceived > came; }));
-        while (next < 4000) {
-            ASSERT_EQ(text(next++), pair.here.Next());
+        for (int i = 0; i < 4000; ++i) {
+            ASSERT_EQ(text(i), pair.here.Next());
         }
     }
 }
 
 TEST(SessionReceiving, WaitingReadsPastAFullInboxForThoseMeant) {
     KLVMsgSessionOptions options;
-    options.inboxLimit = options.inboxLimitOfAll = 1000;
+    options.inboxLimit = 1000;
     MutePair pair(options);
     PlainPeer another(pair.session.port);
-    const KLVMsgPeer idle = pair.session.Came("wanted");
+    pair.session.Came("wanted");
     pair.mute.Send(WordBytes(std::string(2000, 'x')));
     EXPECT_TRUE(pair.session.Holds(1));
     pair.mute.Send(TextBytes("Other", "behind"));
     EXPECT_EQ(KLVMsgOutcome::kTooLate, pair.session.Receive<Other>(10ms, "wanted").status);
     EXPECT_EQ(1U, pair.session.Counts().messagesInInbox);
-    another.Send(WordBytes("its first"));
-    EXPECT_TRUE(pair.session.Holds(2));
-    EXPECT_EQ("its first", pair.session.Next(idle));
-    another.Send(WordBytes("its second"));
-    EXPECT_TRUE(pair.session.Holds(2)) << "of whom nothing is there is read";
     EXPECT_EQ("behind", pair.session.Next<Other>("mute"));
-    auto first = std::async(std::launch::async, [&] { return pair.session.Next<Other>(idle); });
     // Whether it waits when the label is given or not, it gets what is behind.
     for (int i = 0; i < 50; ++i) {
         pair.mute.Send(TextBytes("Other", "labelled"));
@@ -118,8 +106,6 @@ TEST(SessionReceiving, WaitingReadsPastAFullInboxForThoseMeant) {
         EXPECT_EQ("labelled", waiting.get());
         pair.session.SetLabel(pair.id, "mute");
     }
-    another.Send(TextBytes("Other", "for itself"));
-    EXPECT_EQ("for itself", first.get());
 }
 
 // Whoever sends what cannot be read goes, with the cause, and nobody else notices.

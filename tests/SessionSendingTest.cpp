@@ -68,6 +68,7 @@ TEST(SessionSending, WhatWaitsForTheStartGoesInOrderWithoutWhatWasWithdrawn) {
     EXPECT_EQ(std::string(9, 'x'), server.Next());
     EXPECT_EQ(std::string(300, 'x'), server.Next());
     EXPECT_TRUE(behind.get() && roomless.get());
+    EXPECT_FALSE(server.Receive<Word>(0ms)) << "and answers no more";
     const std::string whole = std::to_string(MSG_NOSIGNAL | MSG_DONTWAIT | MSG_EOR) + " ";
     for (const SystemCall& call : log.Calls()) {
         EXPECT_TRUE(call.name != "sendmsg" || call.rest == whole) << call.rest;
