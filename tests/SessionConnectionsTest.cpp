@@ -103,19 +103,24 @@ TEST(SessionConnections, AStallIsToldAgainWhenAByteHasMoved) {
 }
 
 TEST(SessionConnections, DisconnectDropsOnlyWhatIsQueued) {
-    MutePair pair;
+    KLVMsgSessionOptions options;
+    options.queueLimit = 1000;
+    MutePair pair(options);
     pair.mute.Send(WordBytes("came"));
     EXPECT_TRUE(pair.session.Holds(1));
     pair.session.Send("mute", Word("taken"), ever);
-    pair.session.Post("mute", flood);
-    auto sending = std::async([&] { return pair.session.Send("mute", Word("last"), ever); });
+    auto sending = std::async([&] { return pair.session.Send("mute", flood, ever); });
+    EXPECT_TRUE(pair.session.Queues(1));
+    auto roomless = std::async([&] { return pair.session.Send("mute", Word("last"), ever); });
     auto gone = std::async([&] { return pair.session.WaitUntilGone(pair.id, ever); });
     auto waiting = std::async([&] { return pair.session.Receive<Other>(ever, "mute").status; });
-    EXPECT_TRUE(pair.session.Queues(2));
+    EXPECT_EQ(KLVMsgOutcome::kFull, pair.session.Send("mute", Word("full"), 20ms).status);
+    pair.session.Await(KLVMsgEvent::kLeftOut);
     EXPECT_TRUE(pair.session.Disconnect("mute"));
     EXPECT_EQ(KLVMsgEvent::kShutDownHere, pair.session.NextEvent(0ms).cause);
     EXPECT_TRUE(gone.get());
     EXPECT_TRUE(Has(sending.get().text, "disconnected here"));
+    EXPECT_EQ(KLVMsgOutcome::kPeerGone, roomless.get().status);
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, waiting.get());
     EXPECT_EQ("came", pair.session.Next());
     EXPECT_EQ(WordBytes("taken"), pair.mute.Receive(17));
@@ -166,6 +171,7 @@ TEST(SessionConnections, WhoeverWaitsIsToldThatTheSessionHasEnded) {
         EXPECT_EQ(ESHUTDOWN, operations[i]().error) << i;
     }
     EXPECT_EQ(ESHUTDOWN, session.Post("mute", Word()).error);
+    EXPECT_EQ(ESHUTDOWN, session.End(ever).error);
     EXPECT_TRUE(session.Peers(KLVMsgPeers::All()).empty());
     EXPECT_EQ(ECONNREFUSED, KLVMsgSession().Connect(At(session.port), "").error);
 }

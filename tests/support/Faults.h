@@ -174,6 +174,6 @@ public:
     int Count() const { return m_count; }
 
 private:
-    int m_count = 0;
+    std::atomic<int> m_count{0};
     Interposed m_interposed;
 };
