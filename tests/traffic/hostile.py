@@ -41,12 +41,31 @@ def message(type, body):
     return wire.header(type) + len(body).to_bytes(4, sys.byteorder) + body
 
 
-class Process:
-    """One of the program's, which answers lines with lines."""
+def be_good(port):
+    """What the good peer's process does: asks and waits for the answer, for as many seconds as each line
+    of its input says, and prints its waits."""
+    peer, word = socket.create_connection(("127.0.0.1", port)), message("Word", b"ping")
+    print("done", flush=True)
+    for line in sys.stdin:
+        waits, end = [], time.monotonic() + float(line)
+        while time.monotonic() < end:
+            asked = time.monotonic()
+            peer.sendall(word)
+            if peer.recv(len(word), socket.MSG_WAITALL) != word:
+                return
+            waits.append(1000 * (time.monotonic() - asked))
+            time.sleep(0.0002)  # without it this would be much of the load
+        waits.sort()
+        count = len(waits)
+        print("done", count, waits[count // 2], waits[count - 1 - count // 1000], waits[-1], flush=True)
 
-    def __init__(self, program, *arguments):
-        self.name = arguments[0]
-        self.process = subprocess.Popen([program, *map(str, arguments)], stdin=subprocess.PIPE,
+
+class Process:
+    """It answers lines with lines."""
+
+    def __init__(self, name, *arguments):
+        self.name = name
+        self.process = subprocess.Popen(list(map(str, arguments)), stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, text=True)
 
     def tell(self, *words):
@@ -58,7 +77,8 @@ class Process:
         line = self.process.stdout.readline()
         timer.cancel()
         require(line, f"the {self.name} has ended, or would wait for ever")
-        return line.split()
+        require(line.startswith("done"), f"the {self.name} has {line.strip()}")
+        return line.split()[1:]
 
     def ask(self, *words):
         self.tell(*words)
@@ -74,10 +94,19 @@ class Process:
         require(code == 0, f"the {self.name} has ended with {code}")
 
 
+class Good(Process):
+    def __init__(self, _program, port):
+        super().__init__("good peer", sys.executable, __file__, "good", port)
+        self.hear()
+
+
 class Session(Process):
     def __init__(self, program, inbox=64):
-        super().__init__(program, "session", inbox)
-        self.port = int(self.hear()[0])
+        super().__init__("session", program, "session", "-", 25000, inbox, "Word", "Other")
+        self.port = int(self.ask("serve")[0])
+
+    def tell(self, command, label=NOBODY, *numbers):
+        super().tell(command, label, "127.0.0.1", *numbers)
 
     def peak(self):
         """Of its memory, in MB."""
@@ -136,7 +165,7 @@ class Scene:
             server.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, room)
             server.bind(("127.0.0.1", 0))
             server.listen()
-            require(not self.session.ask("connect", label, server.getsockname()[1]), "cannot connect")
+            self.session.ask("connect", label, server.getsockname()[1])
             self.sockets.append(server.accept()[0])
             return self.sockets[-1]
 
@@ -152,8 +181,7 @@ class Scene:
         """With a label all who are there by then have it, and each gets all answers."""
         if self.is_measured and self.good is None:
             self.session.ask("answer", label)
-            self.good = self.start(Process, "good", self.session.port)
-            self.good.hear()
+            self.good = self.start(Good, self.session.port)
             if label != NOBODY:
                 self.session.label(label, len(self.sockets) + 1)
             self.good.ask(0.1)  # it warms up
@@ -228,8 +256,7 @@ def flood_asked_for(scene):
 
 
 def stopped(scene):
-    peer = scene.start(Process, "good", scene.session.port)
-    peer.hear()
+    peer = scene.start(Good, scene.session.port)
     peer.tell(1000)
     scene.session.label("stopped", 1)
     os.kill(peer.process.pid, signal.SIGSTOP)
@@ -309,7 +336,7 @@ def listen_to_nobody(stack, backlog):
 def try_limits(session, end, refusing, full):
     """By how much each of them was away from its limit, at most."""
     operations = {
-        "Send": (("send", "deaf", 100), (TOO_LATE, FULL)),
+        "Send": (("try", "deaf", 100), (TOO_LATE, FULL)),
         "Receive": (("receive", "deaf", 100), (TOO_LATE,)),
         "ConnectAgain": (("again", "nobody", refusing, 100), (FAILED, TOO_LATE)),
         "to full": (("again", "nobody", full, 100), (FAILED, TOO_LATE)),
@@ -423,7 +450,7 @@ def exchange(options):
     count = 300000
     with Scene(options.program, inbox=1) as scene:
         pair = scene.session, scene.start(Session, 1)
-        require(not pair[0].ask("connect", "other", pair[1].port), "cannot connect")
+        pair[0].ask("connect", "other", pair[1].port)
         pair[1].label("other", 1)
         for session in pair:
             session.ask("take", NOBODY, 1000)
@@ -441,7 +468,7 @@ def rest(options):
     with Scene(options.program) as scene:
         feeder = scene.start(Session)
         before = scene.session.peak()
-        require(not feeder.ask("connect", "resting", scene.session.port), "cannot connect")
+        feeder.ask("connect", "resting", scene.session.port)
         feeder.tell("pour", "resting", count, size, (options.rest + EVER) * 1000)
         time.sleep(options.rest)
         more = scene.session.peak() - before
@@ -538,8 +565,10 @@ def count_scenes(options, chosen):
 
 
 def main():
+    if sys.argv[1:2] == ["good"]:
+        return be_good(int(sys.argv[2]))
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("program", help="what Hostile.cpp was built to")
+    parser.add_argument("program", help="what Puppet.cpp was built to")
     parser.add_argument("--scene", action="append", choices=[*SCENES, *COUNTED], help="all without")
     parser.add_argument("--seconds", type=float, default=3, help="of each scene that is measured")
     parser.add_argument("--rest", type=int, default=5, help="seconds without asking, or reading")

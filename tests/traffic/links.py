@@ -36,6 +36,7 @@ GONE, STALLS = 2, 3  # kinds of an event
 CLOSED, DEAD = 1, 4  # causes
 NEAR, FAR = "10.0.0.1", "10.0.0.2"
 RTO_MAX_MS = 44  # the number of this option of TCP
+INBOX = 64  # MiB
 LONG = 60  # seconds for what takes next to none
 
 NETWORK = 0x40000000  # of unshare and setns
@@ -131,7 +132,7 @@ class Agent:
     def __init__(self, place, kind, options, silence=25):
         self.kind = kind
         self.out = options.folder / f"out{next(Agent.counter)}"
-        command = options.program, kind, self.out, int(1000 * silence), *options.types
+        command = options.program, kind, self.out, int(1000 * silence), INBOX, *options.types
         with place:
             self.process = subprocess.Popen(list(map(str, command)), stdin=subprocess.PIPE,
                                             stdout=subprocess.PIPE, text=True)
@@ -149,26 +150,26 @@ class Agent:
                     self.events.append(event)
                     self.changed.notify_all()
             else:
-                self.answers.put(line.split(" ", 1))
+                self.answers.put(line.split())
         self.answers.put(["failed", "it has ended"])
 
     def order(self, text, limit=LONG):
         """Has it do something; the number that it answers."""
         self.process.stdin.write(text + "\n")
         self.process.stdin.flush()
-        word, rest = self.answers.get(timeout=limit)
+        word, *rest = self.answers.get(timeout=limit)
         if word != "done":
-            raise RuntimeError(f"{self.kind}: {text}: {rest.strip()}")
-        return int(rest)
+            raise RuntimeError(f"{self.kind}: {text}: {' '.join(rest)}")
+        return rest
 
     def serve(self, host):
-        return self.order(f"serve {host} 0")
+        return int(self.order(f"serve - {host} 0")[0])
 
-    def connect(self, host, port, label=""):
-        return self.order(f"connect {host} {port} {label}")
+    def connect(self, host, port, label="-"):
+        self.order(f"connect {label} {host} {port}")
 
-    def send(self, file, how="post", label=""):
-        self.order(f"{how} {file} {label}", 10 * LONG)
+    def send(self, file, how="post", label="-"):
+        self.order(f"{how} {label} {file}", 10 * LONG)
 
     def of(self, kind, label=""):
         """The events of a kind, and of a label."""
@@ -574,7 +575,7 @@ def prepare(options):
 def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("program", help="what Links.cpp was built to")
+    parser.add_argument("program", help="what Puppet.cpp was built to")
     parser.add_argument("parts", nargs="*", help="all of them unless told otherwise")
     parser.add_argument("--mtu", type=int, default=1500)
     parser.add_argument("--silence", type=float, default=25, help="seconds, of the part of this name")
