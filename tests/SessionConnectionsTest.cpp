@@ -13,7 +13,6 @@
 #include <csignal>
 #include <future>
 #include <numeric>
-#include <thread>
 
 #include "Faults.h"
 #include "Sessions.h"
@@ -315,8 +314,12 @@ TEST(SessionConnections, TheLoopSleepsUntilThereIsSomething) {
     EXPECT_TRUE(pair.session.Queues(1));
     pair.mute.Reset();
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, sending.get().status) << "an error is seen all the same";
-    std::this_thread::sleep_for(20ms);
-    EXPECT_GT(200, waits) << "spins";
+    PlainPeer other(pair.session.port);
+    for (int i = 0; i < 20; ++i) {  // time to spin in
+        other.Send(TextBytes("Other", "busy"));
+        EXPECT_EQ("busy", pair.session.Next<Other>());
+    }
+    EXPECT_GT(300, waits) << "spins";
 }
 
 // The child's copies of the descriptors keep nothing open, and it ends nothing.
