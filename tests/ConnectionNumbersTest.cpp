@@ -228,23 +228,6 @@ TEST_F(ConnectionNumbers, SocketClosesItsDescriptorOnce) {
     }
 }
 
-TEST_F(ConnectionNumbers, DescriptorPutInWhileTheFirstIsStillHeldIsClosedAsWell) {
-    Watched held("held");
-    TextMessage::hook = [&] {
-        held.socket->Shutdown();
-        const int second = dup(STDERR_FILENO);
-        held.socket->descriptor = second;
-        held.socket->closed = false;
-        held.socket->Close();
-        EXPECT_FALSE(IsOpen(second));
-        EXPECT_TRUE(IsOpen(held.number));
-    };
-    held.peer.Send(TextBytes("Text", "a"));
-    Cycle();
-    EXPECT_EQ(Texts{"a"}, Take());
-    EXPECT_FALSE(IsOpen(held.number));
-}
-
 TEST_F(ConnectionNumbers, DescriptorsBeyondTheSetAreOnlySentTo) {
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);

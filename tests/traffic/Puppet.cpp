@@ -10,7 +10,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <fstream>
@@ -160,29 +159,6 @@ struct Session {
         return Text(count);
     }
 
-    // Connects from eight threads to port `first`, for `second` seconds, and sends at once. Tells
-    // how many connections there were, could not be made, did not take the message, and did not
-    // bring the answer.
-    std::string Hasten() {
-        std::atomic<unsigned long> made{0}, failed{0}, gone{0}, lost{0};
-        const auto begin = Clock::now();
-        const auto work = [&] {
-            while (MillisecondsSince(begin) < 1000 * double(second)) {
-                const unsigned long number = ++made;
-                const Word one(std::to_string(number));
-                failed += !session->Connect(Server(), one.body, ever);
-                gone += !(number % 2 ? session->Post(one.body, one)
-                                     : session->Send(one.body, one, ever));
-                lost += !session->Receive<Word>(1min, one.body);
-                session->Disconnect(one.body);
-            }
-        };
-        std::vector<std::future<void>> workers(8);
-        std::generate(workers.begin(), workers.end(), [&] { return std::async(ahead, work); });
-        workers.clear();
-        return Text(made, failed, gone, lost);
-    }
-
     // Tells the outcome, and by how much it came later than the limit.
     template <class Operation>
     std::string Time(long milliseconds, Operation operation) {
@@ -210,7 +186,6 @@ struct Session {
                : command == "taken"   ? Text(taken, disordered)
                : command == "label"   ? Label()
                : command == "pour"    ? Pour()
-               : command == "hasten"  ? Hasten()
                : command == "again"   ? Time(second, again)
                : command == "try"     ? Time(first, send)
                : command == "receive" ? Time(first, receive)
