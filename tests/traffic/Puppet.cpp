@@ -1,4 +1,4 @@
-// The processes that hostile.py and links.py command: `puppet session|bare FILE SILENCE INBOX
+// The processes that hostile.py, links.py and soak.py command: `puppet session|bare FILE SILENCE INBOX
 // TYPE...`, SILENCE in milliseconds, INBOX in MiB. With a FILE what comes is taken at once, written
 // there, and events are told. A line of the input is a command, a label, a word ("-" in place of
 // either for none) and up to three numbers; it is answered with "done" and what came of it.
@@ -11,6 +11,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <deque>
 #include <fstream>
 #include <future>
@@ -207,6 +209,9 @@ struct Bare : Library {  // nobody asks for what is in its inbox
         }
     }
     std::string Obey() {
+        if (command == "echo") {
+            return Echo();
+        }
         const KLVMsgSocketAddress at(word.c_str(), int(first));
         const KLVMsgChannel opened =
             command == "serve" ? Serve(at, 16, "entrance") : Connect(at, label.c_str());
@@ -220,7 +225,7 @@ struct Bare : Library {  // nobody asks for what is in its inbox
         // Paced, when the one before has left: another bare receiver needs each header in one
         // piece, which behind a part of a segment, or more than it has room for, it may not be.
         const int paced = command == "pace";
-        setsockopt(number, IPPROTO_TCP, TCP_NODELAY, &paced, sizeof paced);
+        Hurry(number, paced);
         for (int left = paced; left != 0; ioctl(number, SIOCOUTQ, &left)) {
         }
         unsigned int id = 0;
@@ -228,6 +233,38 @@ struct Bare : Library {  // nobody asks for what is in its inbox
         Communicator().TransmitPendingMessage();
     }
     void Turn() { Communicator().WaitConnectionsAndMessages(nullptr, 20); }
+
+    static void Hurry(int number, int on) {
+        setsockopt(number, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    }
+
+    // Answers each text with the same text, at once, until one of nobody's comes, and tells how
+    // many came from each client. A text is "NAME NUMBER letters."; those that are cut are -1's.
+    // What has gone stays known until its number comes back: nothing is removed here.
+    std::string Echo() {
+        std::map<long, long> received;
+        for (unsigned int id = 0; received.count(0) == 0;) {
+            Turn();
+            KLVMsgMessageQueryByType query(types[0].c_str());
+            KLVBasVector<KLVMsgChannelMsgStruct> records;  // the newest first
+            Communicator().IRetrieveMessagesWithChannel(&query, records);
+            for (std::size_t i = records.Size(); i-- != 0;) {
+                const std::string& text = dynamic_cast<Item&>(*records[i].message).body;
+                ++received[text.empty() || text.back() != '.' ? -1 : std::atol(text.c_str())];
+                Hurry(records[i].channel.connection, 1);
+                Communicator().ISendSocketMessage(records[i].channel, records[i].message, id);
+            }
+            Communicator().TransmitPendingMessage();
+            for (std::size_t i = 0; i < records.Size(); ++i) {
+                delete records[i].message;
+            }
+        }
+        std::string counts;
+        for (const auto& [name, count] : received) {
+            counts += Text(name, count);
+        }
+        return counts;
+    }
 
     std::deque<Item> prototypes;
 };
@@ -263,6 +300,7 @@ void Serve(Peer&& peer) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+    std::signal(SIGPIPE, SIG_IGN);
     types.assign(argv + 5, argv + argc);
     argv[2] != std::string("-") ? out.open(argv[2], std::ios::binary) : void();
     KLVMsgSessionOptions options;
