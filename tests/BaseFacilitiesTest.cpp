@@ -132,26 +132,6 @@ TEST(IntTable, FollowsTheStandardMapOnKeysOfEitherSign) {
     }
 }
 
-// A look-up goes through slots that are taken side by side: here never ten.
-TEST(UintTable, KeysAtEqualDistancesStandApart) {
-    for (const unsigned distance : {1u, 2u, 3u, 10u, 64u, 1000u, 4096u}) {
-        omi_UintTable<int> table;
-        for (unsigned i = 0; i < 4000; ++i) {
-            table.Insert(i * distance, 0);
-        }
-        std::vector<std::ptrdiff_t> places;
-        omi_UintTableIterator<int> position(table);
-        for (position.First(); !position.IsDone(); position.Next()) {
-            places.push_back(reinterpret_cast<std::ptrdiff_t>(&position.CurrentValue()));
-        }
-        std::sort(places.begin(), places.end());
-        std::adjacent_difference(places.begin(), places.end(), places.begin());
-        places.front() = places.back();
-        const std::ptrdiff_t slot = *std::min_element(places.begin(), places.end());
-        EXPECT_EQ(places.end(), std::search_n(places.begin(), places.end(), 9, slot)) << distance;
-    }
-}
-
 // Whether a thread of this process sleeps, as one does that waits for a mutex.
 static bool Sleeps(int thread) {
     std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");

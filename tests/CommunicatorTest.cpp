@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <set>
 #include <stdexcept>
 
@@ -214,44 +213,33 @@ TEST_F(CommunicatorTest, LostConnectionIsWatchedUntilAllReadsAreOver) {
     }
 }
 
-// Selects messages by chance, each twice and some that are not there, and keeps which ones.
-struct Lottery : KLVMsgMessageQuery {
-    void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
-                KLVBasVector<int>& indexes) const override {
-        const int size = static_cast<int>(messages.Size());
-        for (int i = 0; i < size; ++i) {
-            if (random() % 3 == 0) {
-                chosen.push_back(i);
-                indexes.PushBack(i);
-                indexes.PushBack(i);
-            }
+TEST_F(CommunicatorTest, TakingOutLeavesTheOthersInTheirOrder) {
+    struct : KLVMsgMessageQuery {
+        void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
+                    KLVBasVector<int>& indexes) const override {
+            const int size = static_cast<int>(messages.Size());
+            indexes = ListOf<int>({-1, 1, 1, 4, 5, size - 1, size});  // some not there, some twice
         }
-        indexes.PushBack(-1);
-        indexes.PushBack(size);
-    }
-    mutable std::mt19937 random;
-    mutable std::vector<int> chosen;
-};
-
-TEST_F(CommunicatorTest, InboxFollowsTheModelFromWhichOneElementIsTakenAtATime) {
-    Lottery query;
-    std::vector<int> inbox;  // the channels of the messages
-    for (int step = 0; step < 3000; ++step) {
-        Communicator().AddMessage({ChannelOf(step), &hello, 0});
-        inbox.push_back(step);
-        if (query.random() % 8 == 0) {
-            KLVBasVector<KLVMsgChannelMsgStruct> records;
-            query.chosen.clear();
-            Communicator().IRetrieveMessagesWithChannel(&query, records);
-            ASSERT_EQ(query.chosen.size(), records.Size());
-            for (const KLVMsgChannelMsgStruct& record : VectorOf(records)) {
-                const auto position = inbox.begin() + query.chosen.back();
-                ASSERT_EQ(*position, record.channel.connection);
-                inbox.erase(position);
-                query.chosen.pop_back();
-            }
+    } some;
+    const auto take = [&some] {
+        KLVBasVector<KLVMsgChannelMsgStruct> records;
+        Communicator().IRetrieveMessagesWithChannel(&some, records);
+        std::vector<int> numbers;
+        for (const KLVMsgChannelMsgStruct& record : VectorOf(records)) {
+            numbers.push_back(record.channel.connection);
         }
-    }
+        return numbers;
+    };
+    const auto add = [this](int first, int last) {
+        for (; first != last; ++first) {
+            Communicator().AddMessage({ChannelOf(first), &hello, 0});
+        }
+    };
+    add(0, 9);
+    EXPECT_EQ((std::vector{8, 5, 4, 1}), take());
+    add(10, 14);
+    EXPECT_EQ((std::vector{13, 10, 7, 2}), take());
+    EXPECT_EQ((std::vector{12, 3}), take());
 }
 
 // A body of 8 bytes, written and read with one call; allocates nothing.

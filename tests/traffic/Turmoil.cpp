@@ -6,15 +6,14 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <future>
 #include <iostream>
-#include <random>
 #include <thread>
 
 #include "Support.h"
+#include "Turmoil.h"
 
 // In place of the base library's: nobody sleeps for long, the message task least of all.
 void KLVBasUtlsleep(unsigned milliseconds) {
@@ -22,23 +21,6 @@ void KLVBasUtlsleep(unsigned milliseconds) {
 }
 
 namespace {
-
-std::atomic<bool> over{false};
-unsigned int seed = 0;
-
-void Require(bool holds, const std::string& what) {
-    if (!holds) {
-        std::cerr << "turmoil: " << what << " (seed " << seed << ")\n";
-        std::_Exit(1);
-    }
-}
-
-// A random number below `limit`, for each thread in an order of its own.
-unsigned int Random(std::size_t limit) {
-    static std::atomic<unsigned int> threads{0};
-    thread_local std::mt19937 generator(seed + threads++);
-    return static_cast<unsigned int>(generator() % limit);
-}
 
 void Pause(unsigned int most) {
     std::this_thread::sleep_for(std::chrono::milliseconds(Random(most + 1)));
@@ -252,8 +234,7 @@ void Run(int seconds) {
 
 int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
-    seed = argc > 2 ? static_cast<unsigned int>(std::atoi(argv[2])) : std::random_device()();
-    Run(argc > 1 ? std::atoi(argv[1]) : 1);
+    Start(Run, argc, argv);
     KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Finalize();
     KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Finalize();
 }
