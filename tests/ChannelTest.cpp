@@ -58,17 +58,12 @@ TEST(Query, AppendsExactMatchesInOrder) {
         ::ListOf<KLVMsgSocketMessage*>({&first, &small, &second, &nameless, &first, &second});
     Channels found = ListOf({other.number});
     KLVBasVector<int> positions;
-    KLVMsgChannelQueryByLabel pair("pair");
-    const KLVMsgMessageQueryByType type("A");
     KLVMsgChannelQueryByLabel("pai").Search(organizer.channels, found);
     KLVMsgMessageQueryByType("").Search(messages, positions);
-    const auto sizes = [&] { return positions.Size() + found.Size(); };
-    EXPECT_LT(0, ShortMemoryChangesNothing([&] { type.Search(messages, positions); }, sizes));
-    EXPECT_LT(0, ShortMemoryChangesNothing([&] { pair.Search(organizer.channels, found); }, sizes));
+    KLVMsgMessageQueryByType("A").Search(messages, positions);
+    KLVMsgChannelQueryByLabel("pair").Search(organizer.channels, found);
     EXPECT_EQ((Numbers{3, 0, 2, 4, 5}), VectorOf(positions));
     EXPECT_EQ((Numbers{other.number, b.number, a.number, b.number, a.number}), NumbersOf(found));
-    const auto all = [&] { organizer.LookupChannel(nullptr, found); };
-    EXPECT_LT(0, ShortMemoryChangesNothing(all, sizes));
 }
 
 TEST(Organizer, RemovingTakesTheFirstEntryOffEachList) {
@@ -96,14 +91,6 @@ TEST(Organizer, RemovingTakesTheFirstEntryOffEachList) {
     organizer.RemoveChannel(organizer.channels[0], true);  // an entry itself
     organizer.RemoveChannel(organizer.waitable.channels[1], true);
     EXPECT_EQ("", unwatched.peer.Receive(1) + second.peer.Receive(1));
-    struct : KLVMsgChannelQuery {
-        void Search(const KLVBasVector<KLVMsgChannel>& in,
-                    KLVBasVector<KLVMsgChannel>& out) const override {
-            out.PushBack(in[in.Size() - 1]);
-        }
-    } last;
-    organizer.RegisterChannel(first.channel, true);
-    organizer.RemoveChannel(&last, true);  // one of two entries, on each list
     EXPECT_EQ(Lists({first.number}, {first.number}), lists());
     organizer.Shutdown();
     EXPECT_EQ("", first.peer.Receive(1));
@@ -209,7 +196,6 @@ TEST(Stream, LastPieceOfABodyIsNotCounted) {
     EXPECT_EQ("4 4 2 -> 8 abcdefghij", Write("abcdefghij", 4));
     EXPECT_EQ("4 4 -> 4 abcdefgh", Write("abcdefgh", 4));
     EXPECT_EQ("4 -> 4 abcd", Write("abcd", 4));
-    EXPECT_EQ("3 -> 3 abc", Write("abc", 4));
     EXPECT_EQ("0 -> 0 ", Write("", 4));
 }
 
@@ -259,10 +245,6 @@ TEST(Stream, ReadIsOneReceive) {
     connection.peer.Send(std::string(30, 'x'));
     input.read(buffer, 100, count);
     EXPECT_EQ(30, count);
-    output.m_connectionNumber = connection.number;
-    output.write(buffer, 3, count);
-    EXPECT_EQ(33, count);
-    EXPECT_EQ("xxx", connection.peer.Receive(3));
     connection.peer.Close();
     input.read(buffer, 100, count);
     EXPECT_EQ(0, count);

@@ -3,10 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <map>
 #include <memory>
-#include <random>
 #include <set>
 #include <stdexcept>
 
@@ -189,21 +186,6 @@ TEST_F(CommunicatorTest, NumberGivenAwayRightBeforeTheLookUpIsNotServed) {
     }
 }
 
-TEST(IdleCommunicator, MakesNoRegistry) {
-    KLVMsgBufferedOutputStream output(1);
-    Communicator().SetDefaultOutputStream(&output);
-    KLVMsgChannelWaitable nothing;
-    const int blocks = Blocks();
-    nothing.WaitForConnectionAndMessages(1000);
-    EXPECT_EQ(blocks, Blocks()) << "a wait without channels";
-    Communicator().WaitConnectionsAndMessages(nullptr, 1000);
-    EXPECT_EQ(blocks, Blocks()) << "a cycle without connections";
-    Communicator().TransmitPendingMessage();
-    EXPECT_EQ(blocks, Blocks()) << "a transmission of an empty queue";
-    Registry();
-    EXPECT_LT(blocks, Blocks()) << "which would have shown";
-}
-
 TEST_F(CommunicatorTest, LostConnectionIsWatchedUntilAllReadsAreOver) {
     for (const bool throws : {false, true}) {
         ConnectedPair lost, other;
@@ -231,44 +213,33 @@ TEST_F(CommunicatorTest, LostConnectionIsWatchedUntilAllReadsAreOver) {
     }
 }
 
-// Selects messages by chance, each twice and some that are not there, and keeps which ones.
-struct Lottery : KLVMsgMessageQuery {
-    void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
-                KLVBasVector<int>& indexes) const override {
-        const int size = static_cast<int>(messages.Size());
-        for (int i = 0; i < size; ++i) {
-            if (random() % 3 == 0) {
-                chosen.push_back(i);
-                indexes.PushBack(i);
-                indexes.PushBack(i);
-            }
+TEST_F(CommunicatorTest, TakingOutLeavesTheOthersInTheirOrder) {
+    struct : KLVMsgMessageQuery {
+        void Search(const KLVBasVector<KLVMsgSocketMessage*>& messages,
+                    KLVBasVector<int>& indexes) const override {
+            const int size = static_cast<int>(messages.Size());
+            indexes = ListOf<int>({-1, 1, 1, 4, 5, size - 1, size});  // some not there, some twice
         }
-        indexes.PushBack(-1);
-        indexes.PushBack(size);
-    }
-    mutable std::mt19937 random;
-    mutable std::vector<int> chosen;
-};
-
-TEST_F(CommunicatorTest, InboxFollowsTheModelFromWhichOneElementIsTakenAtATime) {
-    Lottery query;
-    std::vector<int> inbox;  // the channels of the messages
-    for (int step = 0; step < 3000; ++step) {
-        Communicator().AddMessage({ChannelOf(step), &hello, 0});
-        inbox.push_back(step);
-        if (query.random() % 8 == 0) {
-            KLVBasVector<KLVMsgChannelMsgStruct> records;
-            query.chosen.clear();
-            Communicator().IRetrieveMessagesWithChannel(&query, records);
-            ASSERT_EQ(query.chosen.size(), records.Size());
-            for (const KLVMsgChannelMsgStruct& record : VectorOf(records)) {
-                const auto position = inbox.begin() + query.chosen.back();
-                ASSERT_EQ(*position, record.channel.connection);
-                inbox.erase(position);
-                query.chosen.pop_back();
-            }
+    } some;
+    const auto take = [&some] {
+        KLVBasVector<KLVMsgChannelMsgStruct> records;
+        Communicator().IRetrieveMessagesWithChannel(&some, records);
+        std::vector<int> numbers;
+        for (const KLVMsgChannelMsgStruct& record : VectorOf(records)) {
+            numbers.push_back(record.channel.connection);
         }
-    }
+        return numbers;
+    };
+    const auto add = [this](int first, int last) {
+        for (; first != last; ++first) {
+            Communicator().AddMessage({ChannelOf(first), &hello, 0});
+        }
+    };
+    add(0, 9);
+    EXPECT_EQ((std::vector{8, 5, 4, 1}), take());
+    add(10, 14);
+    EXPECT_EQ((std::vector{13, 10, 7, 2}), take());
+    EXPECT_EQ((std::vector{12, 3}), take());
 }
 
 // A body of 8 bytes, written and read with one call; allocates nothing.
@@ -283,13 +254,8 @@ struct FixedMessage : KLVMsgSocketMessage {
     KLVString type{"TwelveLetter"};
 };
 
-// What a clock cannot tell exactly, against the budget file.
+// What a clock cannot tell exactly.
 TEST_F(CommunicatorTest, OneMessageCostsNoMoreThanBefore) {
-    std::map<std::string, int> limits;
-    std::ifstream file(BUDGET_FILE);
-    for (std::string word; file >> word;) {
-        word[0] == '#' ? file.ignore(1000, '\n') : file >> limits[word];
-    }
     FixedMessage message;
     Communicator().RegisterMessagePrototype("TwelveLetter", &message);
     ConnectedPair pair;
@@ -298,19 +264,18 @@ TEST_F(CommunicatorTest, OneMessageCostsNoMoreThanBefore) {
         Send(pair.channel, &message);
         Communicator().TransmitPendingMessage();
     };
-    const auto check = [&limits](const std::string& name, int buffers, auto action) {
+    const auto check = [](int calls, int allocations, auto action) {
         const CallLog log;
         const int before = Allocations();
         action();
-        const int allocations = Allocations() - before - buffers;
-        EXPECT_LE(allocations, limits.at(name + "_allocations")) << name;
-        EXPECT_LE(static_cast<int>(log.Calls().size()), limits.at(name + "_calls")) << name;
+        EXPECT_GE(allocations, Allocations() - before);
+        EXPECT_GE(calls, static_cast<int>(log.Calls().size()));
     };
     for (int i = 0; i < 6; ++i) {  // makes room in queue and inbox
         pair.peer.Send(HeaderBytes("TwelveLetter") + "12345678");
-        i < 5 ? transmit() : check("queue_and_transmit", 0, transmit);
+        i < 5 ? transmit() : check(3, 0, transmit);
         i < 5 ? Cycle()
               : check(
-                    "wait_and_receive", 2, [] { Cycle(); });  // two for the header
+                    4, 3, [] { Cycle(); });  // two allocations are for the header
     }
 }

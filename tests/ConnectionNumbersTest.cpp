@@ -215,34 +215,6 @@ TEST_F(ConnectionNumbers, SocketClosesItsDescriptorOnce) {
         }
         EXPECT_EQ("", log.Names());
     }
-    // What is put in after that is owned again, by whichever field that is told.
-    ConnectedPair again;
-    KLVMsgCommSocket& socket = *again.socket;
-    for (const int way : {0, 1, 2, 3, 4}) {
-        socket.Shutdown();
-        const int copy = fcntl(STDERR_FILENO, F_DUPFD, socket.descriptor + way % 2);
-        socket.descriptor = copy;
-        (way == 0 ? socket.closed : way == 4 ? socket.outputOpen : socket.inputOpen) = way >= 2;
-        socket.Shutdown();
-        EXPECT_FALSE(IsOpen(copy)) << "way " << way;
-    }
-}
-
-TEST_F(ConnectionNumbers, DescriptorPutInWhileTheFirstIsStillHeldIsClosedAsWell) {
-    Watched held("held");
-    TextMessage::hook = [&] {
-        held.socket->Shutdown();
-        const int second = dup(STDERR_FILENO);
-        held.socket->descriptor = second;
-        held.socket->closed = false;
-        held.socket->Close();
-        EXPECT_FALSE(IsOpen(second));
-        EXPECT_TRUE(IsOpen(held.number));
-    };
-    held.peer.Send(TextBytes("Text", "a"));
-    Cycle();
-    EXPECT_EQ(Texts{"a"}, Take());
-    EXPECT_FALSE(IsOpen(held.number));
 }
 
 TEST_F(ConnectionNumbers, DescriptorsBeyondTheSetAreOnlySentTo) {

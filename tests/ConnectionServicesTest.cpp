@@ -170,16 +170,6 @@ TEST(Registry, FailedStartIsReportedUnlessThereIsNoSocketAtAll) {
         EXPECT_EQ(nullptr, Registry().ConnectToServer(Address(), Address("", taken.address.port)));
         EXPECT_EQ(call == std::string("socket") ? EBADF : EMFILE, errno);
     }
-    for (int i = 0; i < 5; ++i) {
-        const auto shown = [] {
-            int count = OpenDescriptors();
-            for (int number = 0; number < 30; ++number) {
-                count += Registry().GetSocket(number) != nullptr ? 1 : 0;
-            }
-            return count;
-        };
-        ShortMemoryChangesNothing([] { Registry().StartServer(Address(), 1); }, shown);
-    }
     const FailingCall fault("socket", EMFILE);
     const CallLog log;
     EXPECT_EQ(nullptr, Registry().StartServer(Address("", 0), 1));

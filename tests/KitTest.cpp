@@ -1,17 +1,10 @@
 #include <KLVMsgFramedMessage.h>
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <stdexcept>
 #if __has_include(<google/protobuf/descriptor.pb.h>)
 #include <KLVMsgProtobufMessage.h>
 #include <google/protobuf/descriptor.pb.h>
-#endif
-#if __has_include(<cereal/cereal.hpp>)
-#include <KLVMsgCerealMessage.h>
-
-#include <cereal/types/map.hpp>
-#include <cereal/types/string.hpp>
 #endif
 
 #include "Support.h"
@@ -115,19 +108,6 @@ TEST(ProtobufMessage, WithoutARequiredFieldIsRefused) {
     EXPECT_TRUE(received.Decode(bytes));
     EXPECT_EQ("name", received.content.name_part());
     EXPECT_STREQ("google.protobuf.UninterpretedOption.NamePart", sent.GetMessageType().Text());
-}
-#endif
-
-#if __has_include(<cereal/cereal.hpp>)
-TEST(CerealMessage, ArrivesUnderItsName) {
-    using Note = KLVMsgCerealMessage<std::map<std::string, int>>;
-    Note note("Note", {{"bolt", 100}, {"washer", 200}});
-    const std::unique_ptr<KLVMsgSocketMessage> received(note.NewInstance());
-    EXPECT_STREQ("Note", received->GetMessageType().Text());
-    Memory memory;
-    EXPECT_EQ(1, note.WriteMessage(&memory));
-    EXPECT_EQ(1, received->ReadMessage(&memory));
-    EXPECT_EQ(note.content, dynamic_cast<Note&>(*received).content);
 }
 #endif
 

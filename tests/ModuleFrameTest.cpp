@@ -31,25 +31,23 @@ WATCH(KLVBasGenericsLib)
 WATCH(KLVBasAlloc)
 
 TEST(Module, OnlyTheOutermostCallsReachTheBaseModules) {
-    int status = 5;
+    int status = 5, before = 6;
     calls.clear();
     KLVMsgCommModules_initialize(status);
     KLVMsgCommModules_initialize(status);
     EXPECT_EQ(15, status);
-    EXPECT_EQ(
-        "KLVSimContainers_initialize 6, KLVBasXmlParser_initialize 7, KLVBasShared_initialize 8, "
-        "KLVBasMorva_initialize 9, KLVBasCoreUtils_initialize 10, "
-        "KLVBasGenericsLib_initialize 11, KLVBasAlloc_initialize 12, ",
-        std::exchange(calls, ""));
     KLVMsgCommModules_finalize(status);
     EXPECT_EQ(15, status);
     KLVMsgCommModules_finalize(status);
     EXPECT_EQ(5, status);
-    EXPECT_EQ(
-        "KLVBasAlloc_finalize 12, KLVBasGenericsLib_finalize 11, KLVBasCoreUtils_finalize 10, "
-        "KLVBasMorva_finalize 9, KLVBasShared_finalize 8, KLVBasXmlParser_finalize 7, "
-        "KLVSimContainers_finalize 6, ",
-        calls);
+    std::string up, down;
+    for (const char* module : {"KLVSimContainers", "KLVBasXmlParser", "KLVBasShared", "KLVBasMorva",
+                               "KLVBasCoreUtils", "KLVBasGenericsLib", "KLVBasAlloc"}) {
+        const std::string number = " " + std::to_string(before++) + ", ";
+        up += module + ("_initialize" + number);
+        down = module + ("_finalize" + number) + down;
+    }
+    EXPECT_EQ(up + down, calls);
 }
 
 TEST(Module, CountsEachPartOnce) {

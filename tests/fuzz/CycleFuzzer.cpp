@@ -1,7 +1,6 @@
 // Bytes from a peer, for libFuzzer: into the header reader and the whole cycle. The first byte says
 // how the peer ends the connection; what follows it is sent. However it goes, a good peer is served
 // next.
-#include <KLVMsgCommModules.h>
 #include <KLVMsgFramedMessage.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include "Library.h"
 
 namespace {
 
@@ -39,14 +40,6 @@ private:
 
 FuzzedMessage prototypes[] = {{"T", false}, {"Framed", false}, {"Endless", true}};
 KLVMsgSimpleInputStream input;
-
-KLVMsgSocketCommunicator& Communicator() {
-    return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
-}
-
-KLVMsgConnectionServicesUtils& Registry() {
-    return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
-}
 
 void Require(bool holds, const char* what) {
     if (!holds) {

@@ -1,4 +1,4 @@
-// Each case is compiled by itself, with its number as MISUSE, and must be refused in words.
+// Compiled with one statement at a time as MISUSE, which must be refused in words.
 #include <KLVMsgSession.h>
 
 struct Note : KLVMsgFramedMessage {
@@ -8,18 +8,4 @@ struct Note : KLVMsgFramedMessage {
     KLVString GetMessageType() const override { return "Note"; }
 };
 
-void Misuse(KLVMsgSession& session, Note note) {
-#if MISUSE == 0
-    session.Send("peer", note, std::chrono::seconds(5));  // no misuse
-#elif MISUSE == 1
-    session.Send("peer", note, 5);
-#elif MISUSE == 2
-    session.Post("peer", &note);
-#elif MISUSE == 3
-    session.Post("peer", std::string("note"));
-#elif MISUSE == 4
-    session.Receive<std::string>(std::chrono::seconds(5));
-#elif MISUSE == 5
-    session.Register("Note");
-#endif
-}
+void Misuse(KLVMsgSession& session, Note note) { MISUSE, void(session), void(note); }

@@ -196,59 +196,41 @@ FailingCall::FailingCall(const std::string& name, int error, int n)
 // first.
 extern "C" {
 
-int socket(int domain, int type, int protocol) noexcept {
-    return Pass(&socket, {"socket", domain}, domain, type, protocol);
-}
-int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
-    return Pass(&bind, {"bind", fd}, fd, address, length);
-}
+// Those of which only the descriptor is of interest.
+#define PASS(result, name, parameters, descriptor, ...) \
+    result name parameters { return Pass(&name, {#name, descriptor}, __VA_ARGS__); }
+#define NAMED (int fd, sockaddr* address, socklen_t* length)
+PASS(int, socket, (int domain, int type, int protocol) noexcept, domain, domain, type, protocol)
+PASS(int, bind, (int fd, const sockaddr* to, socklen_t length) noexcept, fd, fd, to, length)
+PASS(int, connect, (int fd, const sockaddr* to, socklen_t length), fd, fd, to, length)
+PASS(int, accept, NAMED, fd, fd, address, length)
+PASS(int, accept4, (int fd, sockaddr* a, socklen_t* size, int flags), fd, fd, a, size, flags)
+PASS(int, getsockname, NAMED noexcept, fd, fd, address, length)
+PASS(int, getpeername, NAMED noexcept, fd, fd, address, length)
+PASS(int, getsockopt, (int fd, int level, int option, void* value, socklen_t* size) noexcept, fd,
+     fd, level, option, value, size)
+PASS(ssize_t, readv, (int fd, const iovec* pieces, int count), fd, fd, pieces, count)
+PASS(int, eventfd, (unsigned int count, int flags) noexcept, -1, count, flags)
+PASS(int, epoll_create1, (int flags) noexcept, -1, flags)
+PASS(int, epoll_ctl, (int fd, int what, int which, epoll_event* event) noexcept, which, fd, what,
+     which, event)
+PASS(int, poll, (pollfd * asked, nfds_t count, int limit), -1, asked, count, limit)
+PASS(int, close, (int fd), fd, fd)
+
 int listen(int fd, int backlog) noexcept {
     return Pass(&listen, {"listen", fd, Words(backlog)}, fd, backlog);
-}
-int accept(int fd, sockaddr* address, socklen_t* length) {
-    return Pass(&accept, {"accept", fd}, fd, address, length);
-}
-int connect(int fd, const sockaddr* address, socklen_t length) {
-    return Pass(&connect, {"connect", fd}, fd, address, length);
-}
-int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
-    return Pass(&getsockname, {"getsockname", fd}, fd, address, length);
-}
-int getpeername(int fd, sockaddr* address, socklen_t* length) noexcept {
-    return Pass(&getpeername, {"getpeername", fd}, fd, address, length);
-}
-int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
-    return Pass(&accept4, {"accept4", fd}, fd, address, length, flags);
-}
-int getsockopt(int fd, int level, int option, void* value, socklen_t* size) noexcept {
-    return Pass(&getsockopt, {"getsockopt", fd}, fd, level, option, value, size);
-}
-ssize_t readv(int fd, const iovec* pieces, int count) {
-    return Pass(&readv, {"readv", fd}, fd, pieces, count);
 }
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     return Pass(&sendmsg, {"sendmsg", fd, Words(flags)}, fd, message, flags);
 }
-int eventfd(unsigned int count, int flags) noexcept {
-    return Pass(&eventfd, {"eventfd", -1}, count, flags);
-}
-int epoll_create1(int flags) noexcept { return Pass(&epoll_create1, {"epoll_create1", -1}, flags); }
-int epoll_ctl(int fd, int operation, int which, epoll_event* event) noexcept {
-    return Pass(&epoll_ctl, {"epoll_ctl", which}, fd, operation, which, event);
+int shutdown(int fd, int how) noexcept {
+    return Pass(&shutdown, {"shutdown", fd, Words(how)}, fd, how);
 }
 int epoll_pwait2(int fd, epoll_event* events, int most, const timespec* limit,
                  const sigset_t* signals) {
     SystemCall call{"epoll_pwait2", fd, limit == nullptr ? "for ever" : ""};
     return Pass(&epoll_pwait2, std::move(call), fd, events, most, limit, signals);
 }
-int poll(pollfd* asked, nfds_t count, int limit) {
-    return Pass(&poll, {"poll", -1}, asked, count, limit);
-}
-int shutdown(int fd, int how) noexcept {
-    return Pass(&shutdown, {"shutdown", fd, Words(how)}, fd, how);
-}
-int close(int fd) { return Pass(&close, {"close", fd}, fd); }
-
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) noexcept {
     const int* const first = static_cast<const int*>(value);
     const int second = size > sizeof *first ? first[1] : 0;

@@ -1,7 +1,7 @@
-// The processes that hostile.py and links.py command: `puppet session|bare FILE SILENCE INBOX
-// TYPE...`, SILENCE in milliseconds, INBOX in MiB. With a FILE what comes is taken at once, written
-// there, and events are told. A line of the input is a command, a label, a word ("-" in place of
-// either for none) and up to three numbers; it is answered with "done" and what came of it.
+// The processes that hostile.py, links.py and soak.py command: `puppet session|bare FILE SILENCE
+// INBOX TYPE...`, SILENCE in milliseconds, INBOX in MiB. With a FILE what comes is taken at once,
+// written there, and events are told. A line of the input is a command, a label, a word ("-" for
+// none) and up to three numbers; it is answered with "done" and what came of it.
 #include <KLVMsgSession.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
@@ -10,8 +10,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <deque>
 #include <fstream>
 #include <future>
@@ -160,29 +161,6 @@ struct Session {
         return Text(count);
     }
 
-    // Connects from eight threads to port `first`, for `second` seconds, and sends at once. Tells
-    // how many connections there were, could not be made, did not take the message, and did not
-    // bring the answer.
-    std::string Hasten() {
-        std::atomic<unsigned long> made{0}, failed{0}, gone{0}, lost{0};
-        const auto begin = Clock::now();
-        const auto work = [&] {
-            while (MillisecondsSince(begin) < 1000 * double(second)) {
-                const unsigned long number = ++made;
-                const Word one(std::to_string(number));
-                failed += !session->Connect(Server(), one.body, ever);
-                gone += !(number % 2 ? session->Post(one.body, one)
-                                     : session->Send(one.body, one, ever));
-                lost += !session->Receive<Word>(1min, one.body);
-                session->Disconnect(one.body);
-            }
-        };
-        std::vector<std::future<void>> workers(8);
-        std::generate(workers.begin(), workers.end(), [&] { return std::async(ahead, work); });
-        workers.clear();
-        return Text(made, failed, gone, lost);
-    }
-
     // Tells the outcome, and by how much it came later than the limit.
     template <class Operation>
     std::string Time(long milliseconds, Operation operation) {
@@ -210,7 +188,6 @@ struct Session {
                : command == "taken"   ? Text(taken, disordered)
                : command == "label"   ? Label()
                : command == "pour"    ? Pour()
-               : command == "hasten"  ? Hasten()
                : command == "again"   ? Time(second, again)
                : command == "try"     ? Time(first, send)
                : command == "receive" ? Time(first, receive)
@@ -232,6 +209,9 @@ struct Bare : Library {  // nobody asks for what is in its inbox
         }
     }
     std::string Obey() {
+        if (command == "echo") {
+            return Echo();
+        }
         const KLVMsgSocketAddress at(word.c_str(), int(first));
         const KLVMsgChannel opened =
             command == "serve" ? Serve(at, 16, "entrance") : Connect(at, label.c_str());
@@ -245,7 +225,7 @@ struct Bare : Library {  // nobody asks for what is in its inbox
         // Paced, when the one before has left: another bare receiver needs each header in one
         // piece, which behind a part of a segment, or more than it has room for, it may not be.
         const int paced = command == "pace";
-        setsockopt(number, IPPROTO_TCP, TCP_NODELAY, &paced, sizeof paced);
+        Hurry(number, paced);
         for (int left = paced; left != 0; ioctl(number, SIOCOUTQ, &left)) {
         }
         unsigned int id = 0;
@@ -253,6 +233,38 @@ struct Bare : Library {  // nobody asks for what is in its inbox
         Communicator().TransmitPendingMessage();
     }
     void Turn() { Communicator().WaitConnectionsAndMessages(nullptr, 20); }
+
+    static void Hurry(int number, int on) {
+        setsockopt(number, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    }
+
+    // Answers each text with the same text, at once, until one of nobody's comes, and tells how
+    // many came from each client. A text is "NAME NUMBER letters."; those that are cut are -1's.
+    // What has gone stays known until its number comes back: nothing is removed here.
+    std::string Echo() {
+        std::map<long, long> received;
+        for (unsigned int id = 0; received.count(0) == 0;) {
+            Turn();
+            KLVMsgMessageQueryByType query(types[0].c_str());
+            KLVBasVector<KLVMsgChannelMsgStruct> records;  // the newest first
+            Communicator().IRetrieveMessagesWithChannel(&query, records);
+            for (std::size_t i = records.Size(); i-- != 0;) {
+                const std::string& text = dynamic_cast<Item&>(*records[i].message).body;
+                ++received[text.empty() || text.back() != '.' ? -1 : std::atol(text.c_str())];
+                Hurry(records[i].channel.connection, 1);
+                Communicator().ISendSocketMessage(records[i].channel, records[i].message, id);
+            }
+            Communicator().TransmitPendingMessage();
+            for (std::size_t i = 0; i < records.Size(); ++i) {
+                delete records[i].message;
+            }
+        }
+        std::string counts;
+        for (const auto& [name, count] : received) {
+            counts += Text(name, count);
+        }
+        return counts;
+    }
 
     std::deque<Item> prototypes;
 };
@@ -288,6 +300,7 @@ void Serve(Peer&& peer) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+    std::signal(SIGPIPE, SIG_IGN);
     types.assign(argv + 5, argv + argc);
     argv[2] != std::string("-") ? out.open(argv[2], std::ios::binary) : void();
     KLVMsgSessionOptions options;

@@ -2,33 +2,16 @@
 // receive, label, disconnect, end. Each message arrives once, in order, or its fate was told.
 // Usage: session_turmoil SECONDS [SEED]
 #include <chrono>
-#include <cstdlib>
 #include <deque>
 #include <future>
 #include <iostream>
 #include <mutex>
-#include <random>
 #include <thread>
 
 #include "Sessions.h"
+#include "Turmoil.h"
 
 namespace {
-
-std::atomic<bool> over{false};
-unsigned int seed = 0;
-
-void Require(bool holds, const std::string& what) {
-    if (!holds) {
-        std::cerr << "session_turmoil: " << what << " (seed " << seed << ")\n";
-        std::_Exit(1);
-    }
-}
-
-unsigned int Random(unsigned int limit) {
-    static std::atomic<unsigned int> threads{0};
-    thread_local std::mt19937 generator(seed + threads++);
-    return static_cast<unsigned int>(generator() % limit);
-}
 
 // The messages over one connection: what the sender was told of each, and whether it has arrived.
 struct Flow {
@@ -176,7 +159,4 @@ void Run(int seconds) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    seed = argc > 2 ? static_cast<unsigned int>(std::atoi(argv[2])) : std::random_device()();
-    Run(argc > 1 ? std::atoi(argv[1]) : 1);
-}
+int main(int argc, char** argv) { Start(Run, argc, argv); }

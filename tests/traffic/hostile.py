@@ -535,24 +535,11 @@ def slow(options):
         return f"4 slow peers got {len(expected) / 1e6:.1f} MB each"
 
 
-def hasty(options):
-    """Eight threads connect and send at once."""
-    with Scene(options.program) as scene:
-        server = scene.start(Session)
-        server.ask("answer", NOBODY)
-        scene.session.tell("hasten", NOBODY, server.port, options.hasty)
-        made, *bad = map(int, scene.session.hear(options.hasty + EVER))
-        require(not any(bad), f"of {made} connections {bad[0]} failed, {bad[1]} did not take a message, "
-                              f"and of {bad[2]} no answer came")
-        return f"{made} connections, and on each a message at once"
-
-
 COUNTED = {
     "exchange": exchange,
     "rest": rest,
     "behind": behind,
     "slow": slow,
-    "hasty": hasty,
 }
 
 
@@ -572,7 +559,6 @@ def main():
     parser.add_argument("--scene", action="append", choices=[*SCENES, *COUNTED], help="all without")
     parser.add_argument("--seconds", type=float, default=3, help="of each scene that is measured")
     parser.add_argument("--rest", type=int, default=5, help="seconds without asking, or reading")
-    parser.add_argument("--hasty", type=int, default=10, help="seconds of connecting and sending")
     parser.add_argument("--memory", type=float, default=16, help="megabytes beyond the limits")
     options = parser.parse_args()
     chosen = options.scene or [*SCENES, *COUNTED]

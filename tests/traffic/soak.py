@@ -116,10 +116,15 @@ class Client:
 class Hub:
     def __init__(self, program):
         # What is released goes back to the system, so that what stays is what was kept.
-        self.process = subprocess.Popen([program], stdout=subprocess.PIPE, text=True, env={
+        leaks = pathlib.Path(__file__).resolve().parents[1] / "lsan.supp"  # what was kept is none
+        command = [program, "bare", "-", "25000", "64", "Text"]
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env={
             **os.environ, "MALLOC_MMAP_THRESHOLD_": "65536",
+            "LSAN_OPTIONS": f"suppressions='{leaks}':print_suppressions=0",
             "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"})
-        self.port = int(self.process.stdout.readline())
+        print("serve - 127.0.0.1 0", file=self.process.stdin, flush=True)
+        self.port = int(self.process.stdout.readline().split()[1])
+        print("echo", file=self.process.stdin, flush=True)
         self.folder = pathlib.Path(f"/proc/{self.process.pid}")
 
     def descriptors(self):
@@ -142,8 +147,8 @@ class Hub:
                 connection.recv(1)  # until it is answered
         except OSError:
             self.process.kill()  # it hangs
-        lines = self.process.communicate()[0].splitlines()
-        received = dict(map(int, line.split()) for line in lines)
+        numbers = list(map(int, self.process.communicate()[0].split()[1:]))
+        received = dict(zip(numbers[::2], numbers[1::2]))
         received.pop(0, None)  # the end's
         return self.process.returncode, received
 
@@ -225,7 +230,7 @@ def main():
     if sys.argv[1:2] == ["client"]:
         return Talker(*map(int, sys.argv[2:])).run()
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("program", help="what Soak.cpp was built to")
+    parser.add_argument("program", help="what Puppet.cpp was built to")
     parser.add_argument("--seconds", type=float, default=1)
     parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1, 1000000))
     parser.add_argument("--clients", type=int, default=6, help="at a time; two are never killed")
