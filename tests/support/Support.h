@@ -17,8 +17,12 @@
 #include <string>
 #include <vector>
 
-KLVMsgSocketCommunicator& Communicator();
-KLVMsgConnectionServicesUtils& Registry();
+inline KLVMsgSocketCommunicator& Communicator() {
+    return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
+}
+inline KLVMsgConnectionServicesUtils& Registry() {
+    return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
+}
 
 // Asks again and again until it holds; false after much longer than a test may take.
 bool Eventually(const std::function<bool()>& condition);
