@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <optional>
 
 #include "Faults.h"
