@@ -159,7 +159,6 @@ public:
         }
     }
     void AwaitEnd() { m_threads.clear(); }
-
     const std::unique_ptr<KLVBasAtiMutex> mutex{KLVBasAtiThreadingModel::newMutex()};
     std::vector<int> served;  // in their order
 
@@ -262,6 +261,8 @@ TEST(Memory, ThatIsShortChangesNothing) {
     ShortMemoryChangesNothing([&] { array.PushBack(array[0]); }, show);
     EXPECT_EQ(6,
               ShortMemoryChangesNothing([&] { rows.PushBack(row); }, [&] { return rows.Size(); }));
+    FailEachAllocation([&] { rows.Erase(1); },
+                       [&](int, bool) { EXPECT_EQ(1u, rows.Size()) << "not up to the gap"; });
     ShortMemoryChangesNothing([&] { other = array; }, show);
     ShortMemoryChangesNothing([&] { array.Erase(2); }, show);
     for (const int key : {0, 1, 2, 3, 4, -1, -2, -3, 2}) {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <stdexcept>
-#include <utility>
 
 #include "Faults.h"
 #include "Support.h"
@@ -62,14 +61,10 @@ TEST(Module, CountsEachPartOnce) {
     KLVMsgComm_finalize(status);
     KLVMsgCommModules_specific_finalize(status);
     KLVBasMorva_finalize(status);
-    KLVBasMorva_finalize(status);
-    KLVBasMorva_initialize(status);
+    EXPECT_EQ(0, status);
     KLVMsgCommModules_finalize(status);
     KLVMsgCommModules_initialize(status);
     EXPECT_EQ(0, status) << "one finalize too many costs one initialize";
-    KLVMsgCommModules_initialize(status);
-    KLVMsgCommModules_finalize(status);
-    EXPECT_EQ(0, status);
 }
 
 TEST(Module, SessionsBringItUpOnce) {
@@ -99,8 +94,7 @@ struct Single : Number, KLVBasAtiGlobalSingleton<Single> {
         EXPECT_TRUE(LockIsHeld());
         --alive;
     }
-    static inline int alive = 0;
-    static inline int made = 0;
+    static inline int alive = 0, made = 0;
     static inline bool fails = false;
 };
 

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <optional>
 
 #include "Faults.h"
@@ -82,15 +81,13 @@ private:
         }
     }
 
-    // One that moves bytes. With the fault in it a connection may be out of step: the run has to
-    // come to its end, whatever still arrives.
+    // One that moves bytes. With the fault in it a connection may be out of step.
     void Move(Lock lock, const Operation& operation, int line = __builtin_LINE()) {
         const bool before = m_left > 0;
-        const bool done = Attempt(lock, operation, line);
-        m_outOfStep |= before && m_left <= 0;
-        if (!done) {
+        if (!Attempt(lock, operation, line)) {
             Attempt(lock, operation, line);
         }
+        m_outOfStep |= before && m_left <= 0;
     }
 
     // False when memory was short. However it ends, no lock is taken.
@@ -278,8 +275,6 @@ private:
                  [&] { Registry().IsConnectionOpen(number); }}) {
             Do(registrys, ask);
         }
-        Do(communicators, [&] { Communicator().GetErrorsOnChannel(m_client, code, m_text); });
-        Expect(code == 0 && m_text.Length() == 0, "no error");
         if (KLVMsgSocket* const socket = m_client.GetSocket()) {
             socket->lastError = EIO;
         }

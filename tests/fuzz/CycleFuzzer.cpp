@@ -17,7 +17,6 @@ namespace {
 class FuzzedMessage : public KLVMsgFramedMessage {
 public:
     FuzzedMessage(const char* type, bool endless) : m_type(type), m_endless(endless) {}
-
     bool Encode(std::string&) const override { return false; }
     bool Decode(std::string_view) override { return true; }
     std::size_t Limit() const override { return 4096; }

@@ -14,23 +14,19 @@
 #include <string>
 #include <vector>
 
-// The blocks of the in-house allocator that are in use.
+// The blocks of the in-house allocator that are in use; the allocations of this thread so far, its
+// and operator new's; the last size that mem_Malloc refused, as it does from one to four gigabytes.
 int Blocks();
-
-// The allocations of this thread so far: the in-house allocator's and operator new's.
 int Allocations();
-
-// The last size that mem_Malloc had no memory for: here it never has one to four gigabytes.
 std::size_t RefusedSize();
 
-// Makes the n-th allocation of this thread from now on fail (counted from 1), none with n = 0.
+// Makes the n-th allocation of this thread from now on fail (counted from 1), none with n = 0, and
+// counts them, as FailingCall does.
 class FailingAllocation {
 public:
     explicit FailingAllocation(int n);
     ~FailingAllocation();
     FailingAllocation(const FailingAllocation&) = delete;
-
-    // How many there were since then, the failed one included.
     int Count() const { return Allocations() - m_before; }
 
 private:
@@ -47,7 +43,6 @@ public:
     Exempt() { ++depth; }
     ~Exempt() { --depth; }
     Exempt(const Exempt&) = delete;
-
     static inline thread_local int depth = 0;
 };
 
@@ -153,10 +148,8 @@ class CallLog {
 public:
     CallLog();
 
-    // Every call, or only those on one descriptor.
+    // Every call, or only those on one descriptor, and their names, separated by one space.
     std::vector<SystemCall> Calls(int descriptor = -1) const;
-
-    // Their names in order, separated by one space: "socket connect setsockopt setsockopt".
     std::string Names(int descriptor = -1) const;
 
 private:
@@ -169,8 +162,6 @@ private:
 class FailingCall {
 public:
     FailingCall(const std::string& name, int error, int n = 0);
-
-    // How many there were since then, the failed ones included.
     int Count() const { return m_count; }
 
 private:

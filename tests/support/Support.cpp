@@ -54,14 +54,6 @@ extern "C" const char* __lsan_default_options() { return SUPPRESSED_LEAKS; }
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
 
-KLVMsgSocketCommunicator& Communicator() {
-    return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
-}
-
-KLVMsgConnectionServicesUtils& Registry() {
-    return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
-}
-
 bool Eventually(const std::function<bool()>& condition) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::minutes(5);
     while (!condition()) {

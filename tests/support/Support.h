@@ -17,14 +17,17 @@
 #include <string>
 #include <vector>
 
-KLVMsgSocketCommunicator& Communicator();
-KLVMsgConnectionServicesUtils& Registry();
+inline KLVMsgSocketCommunicator& Communicator() {
+    return *KLVBasAtiGlobalSingleton<KLVMsgSocketCommunicator>::Instance();
+}
+inline KLVMsgConnectionServicesUtils& Registry() {
+    return *KLVBasAtiGlobalSingleton<KLVMsgConnectionServicesUtils>::Instance();
+}
 
 // Asks again and again until it holds; false after much longer than a test may take.
 bool Eventually(const std::function<bool()>& condition);
 
-// How many descriptors the process has open.
-int OpenDescriptors();
+int OpenDescriptors();  // how many the process has open
 
 // That, the blocks of the library that are in use without those that were kept on purpose, and the
 // TextMessages that are alive: what may not grow.
@@ -48,12 +51,8 @@ public:
     explicit PlainPeer(const Listener& listener);  // accepts there
     ~PlainPeer() { Close(); }
     PlainPeer(const PlainPeer&) = delete;
-
-    void Send(const std::string& bytes);  // to a connection that may have gone
-
-    // Exactly `length` bytes, or as many as came before the connection ended.
-    std::string Receive(std::size_t length);
-
+    void Send(const std::string& bytes);      // to a connection that may have gone
+    std::string Receive(std::size_t length);  // or what came before the connection ended
     void Close();  // in order: the other side reads the end of the stream
     void Reset();  // at once: the other side gets ECONNRESET
 
@@ -67,9 +66,7 @@ struct ConnectedPair {
     explicit ConnectedPair(const KLVString& label = "")
         : ConnectedPair(std::make_shared<Listener>(), label) {}
     ConnectedPair(std::shared_ptr<Listener> at, const KLVString& label);
-
-    // The peer closes, and the socket learns of it by reading.
-    void EndByPeer();
+    void EndByPeer();  // and the socket learns of it by reading
 
     std::shared_ptr<Listener> listener;
     KLVMsgCommSocket* socket;
@@ -101,12 +98,9 @@ struct TextMessage : KLVMsgFramedMessage {
 
     static inline std::atomic<int> alive{0};
     static inline std::function<void()> hook = [] {};  // until the end of the test
-
-    std::string type;
-    std::string text;
+    std::string type, text;
 };
 
-// The text of a message that is known to be a TextMessage.
 const std::string& TextOf(const KLVMsgSocketMessage* message);
 
 // The library's arrays and the standard's, and a channel made of its number.

@@ -8,6 +8,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -206,6 +207,11 @@ struct Bare : Library {  // nobody asks for what is in its inbox
     Bare() : prototypes(types.begin(), types.end()) {
         for (Item& one : prototypes) {
             Communicator().RegisterMessagePrototype(one.type.c_str(), &one);
+        }
+    }
+    ~Bare() {
+        for (int number = 0; number < FD_SETSIZE; ++number) {
+            Registry().ShutDownConnection(number);
         }
     }
     std::string Obey() {

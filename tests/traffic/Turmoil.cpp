@@ -89,7 +89,6 @@ void Stay(SteadyPeer& self) {
 }
 
 void Leave(PlainPeer& peer) { Random(2) == 0 ? peer.Close() : peer.Reset(); }
-
 // Peers that come, send something whole or broken, and go in every way.
 void ComeAndGo(int port) {
     while (!over) {
