@@ -122,9 +122,12 @@ TEST_F(CommunicatorTest, QueueGoesOutInOrderWithoutWhatCannotBeWritten) {
 TEST_F(CommunicatorTest, ErrorIsThatUnderTheNumberThatTheSocketHasNow) {
     ConnectedPair pair;
     const auto error = [&pair] {
+        const WatchedMutex& lock = LockOf<KLVMsgConnectionServicesUtils>();
+        const int before = lock.taken;
         int code = 42;
         KLVString text("none");
         Communicator().GetErrorsOnChannel(pair.channel, code, text);
+        EXPECT_EQ(before + 1, lock.taken) << "socket and error are looked up in one step";
         return std::to_string(code) + " " + text.Text();
     };
     EXPECT_EQ("0 none", error());
@@ -181,6 +184,21 @@ TEST_F(CommunicatorTest, NumberGivenAwayRightBeforeTheLookUpIsNotServed) {
         EXPECT_EQ("", now->peer.Receive(1));
         EXPECT_EQ(Texts{}, Take());
     }
+}
+
+TEST(IdleCommunicator, MakesNoRegistry) {
+    KLVMsgBufferedOutputStream output(1);
+    Communicator().SetDefaultOutputStream(&output);
+    KLVMsgChannelWaitable nothing;
+    const int blocks = Blocks();
+    nothing.WaitForConnectionAndMessages(1000);
+    EXPECT_EQ(blocks, Blocks()) << "a wait without channels";
+    Communicator().WaitConnectionsAndMessages(nullptr, 1000);
+    EXPECT_EQ(blocks, Blocks()) << "a cycle without connections";
+    Communicator().TransmitPendingMessage();
+    EXPECT_EQ(blocks, Blocks()) << "a transmission of an empty queue";
+    Registry();
+    EXPECT_LT(blocks, Blocks()) << "which would have shown";
 }
 
 TEST_F(CommunicatorTest, LostConnectionIsWatchedUntilAllReadsAreOver) {

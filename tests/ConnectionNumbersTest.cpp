@@ -181,31 +181,68 @@ TEST_F(ConnectionNumbers, RemovedDuringAWaitIsGoneAfterIt) {
 }
 
 TEST_F(ConnectionNumbers, SocketClosesItsDescriptorOnce) {
-    ConnectedPair left, shut;
+    Watched left("left"), reset("reset");
+    ConnectedPair shut;
     KLVMsgServerSocket* const server = StartLoopbackServer();
     left.EndByPeer();
     server->Shutdown();
     shut.socket->Close();  // its direction flags stay set
-    const CallLog log;
-    char byte = 0;
-    shut.socket->ShutDownInput();
-    shut.socket->ShutDownOutput();
-    EXPECT_EQ(EBADF, std::exchange(shut.socket->lastError, 0));
-    EXPECT_EQ(-1, shut.socket->read(&byte, 1));
-    EXPECT_EQ(-1, shut.socket->write(&byte, 1));
-    EXPECT_EQ(EBADF, shut.socket->lastError);
-    EXPECT_EQ(-1, left.socket->read(&byte, 1));
-    EXPECT_EQ(0, left.socket->lastError) << "its flag has ended that";
-    server->Close();
-    EXPECT_EQ(EBADF, std::exchange(server->lastError, 0));
-    KLVMsgCommSocket(*left.socket).Close();
-    server->Shutdown();
-    EXPECT_EQ(nullptr, server->Accept());
-    EXPECT_EQ(EBADF, server->lastError);
-    for (const int number : {left.number, server->descriptor, shut.number}) {
-        Registry().ShutDownConnection(number);
+    reset.peer.Reset();
+    {
+        const CallLog log;
+        Cycle();
+        EXPECT_EQ("recv shutdown shutdown close", log.Names(reset.number));
     }
-    EXPECT_EQ("", log.Names());
+    {
+        const CallLog log;
+        char byte = 0;
+        shut.socket->ShutDownInput();
+        shut.socket->ShutDownOutput();
+        EXPECT_EQ(EBADF, std::exchange(shut.socket->lastError, 0));
+        EXPECT_EQ(-1, shut.socket->read(&byte, 1));
+        EXPECT_EQ(-1, shut.socket->write(&byte, 1));
+        EXPECT_EQ(EBADF, shut.socket->lastError);
+        EXPECT_EQ(-1, left.socket->read(&byte, 1));
+        EXPECT_EQ(0, left.socket->lastError) << "its flag has ended that";
+        server->Close();
+        EXPECT_EQ(EBADF, std::exchange(server->lastError, 0));
+        KLVMsgCommSocket(*left.socket).Close();
+        server->Shutdown();
+        EXPECT_EQ(nullptr, server->Accept());
+        EXPECT_EQ(EBADF, server->lastError);
+        for (const int number : {left.number, server->descriptor, shut.number}) {
+            Registry().ShutDownConnection(number);
+        }
+        EXPECT_EQ("", log.Names());
+    }
+    // What is put in after that is owned again, by whichever field that is told.
+    ConnectedPair again;
+    KLVMsgCommSocket& socket = *again.socket;
+    for (const int way : {0, 1, 2, 3, 4}) {
+        socket.Shutdown();
+        const int copy = fcntl(STDERR_FILENO, F_DUPFD, socket.descriptor + way % 2);
+        socket.descriptor = copy;
+        (way == 0 ? socket.closed : way == 4 ? socket.outputOpen : socket.inputOpen) = way >= 2;
+        socket.Shutdown();
+        EXPECT_FALSE(IsOpen(copy)) << "way " << way;
+    }
+}
+
+TEST_F(ConnectionNumbers, DescriptorPutInWhileTheFirstIsStillHeldIsClosedAsWell) {
+    Watched held("held");
+    TextMessage::hook = [&] {
+        held.socket->Shutdown();
+        const int second = dup(STDERR_FILENO);
+        held.socket->descriptor = second;
+        held.socket->closed = false;
+        held.socket->Close();
+        EXPECT_FALSE(IsOpen(second));
+        EXPECT_TRUE(IsOpen(held.number));
+    };
+    held.peer.Send(TextBytes("Text", "a"));
+    Cycle();
+    EXPECT_EQ(Texts{"a"}, Take());
+    EXPECT_FALSE(IsOpen(held.number));
 }
 
 TEST_F(ConnectionNumbers, DescriptorsBeyondTheSetAreOnlySentTo) {

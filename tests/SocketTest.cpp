@@ -93,6 +93,11 @@ TEST(StreamSocket, ConnectEndsTheOldConnectionFirst) {
     EXPECT_EQ("shutdown close getaddrinfo", log.Names());
     EXPECT_EQ("closed " + std::to_string(ENOENT), State(*pair.socket));
     EXPECT_EQ(-1, pair.socket->descriptor);
+    pair.socket->inputOpen = true;
+    pair.socket->closed = false;
+    pair.socket->ShutDownInput();
+    EXPECT_FALSE(pair.socket->IsConnected());
+    EXPECT_EQ("shutdown close getaddrinfo", log.Names()) << "there is no descriptor";
     Registry().ShutDownConnection(pair.number);
 }
 
@@ -203,6 +208,12 @@ TEST(ServerSocket, ListensEvenWhenTheBindFailed) {
     EXPECT_TRUE(second.closed);
     EXPECT_EQ(EADDRINUSE, second.lastError);
     second.Shutdown();
+    {
+        const FailingCall none("socket", EMFILE);
+        const CallLog without;
+        Listener().Shutdown();
+        EXPECT_EQ("getaddrinfo socket bind freeaddrinfo listen close", without.Names());
+    }
     const FailingCall listen("listen", EOPNOTSUPP);
     Listener third(taken.address);
     EXPECT_EQ(EOPNOTSUPP, third.lastError);

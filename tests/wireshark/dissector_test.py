@@ -424,7 +424,7 @@ def test_session(tshark, folder, workers):
     path = os.path.join(folder, "session.pcapng")
     works = capture_conversation(
         tshark, path, [workers, "dispatch"],
-        lambda port: ["sh", "-c", "for i in 1 2 3; do %s work %d & done; wait" % (workers, port)],
+        lambda port: ["sh", "-c", 'for i in 1 2 3; do "$0" work "$1" & done; wait', workers, str(port)],
         "tcp.flags.fin == 1 && tcp.port == %d")
     if not works:
         print("workers: capturing on loopback is not permitted, not tried")
