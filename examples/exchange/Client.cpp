@@ -65,21 +65,28 @@ public:
     }
 
     // The others may take their time.
-    void Leave() { RequireHub(m_link->Receive<Farewell>(std::chrono::hours::max())); }
+    void Leave() {
+        if (!m_farewell) {
+            RequireHub(m_link->Receive<Farewell>(std::chrono::hours::max()));
+        }
+    }
 
 private:
-    // A farewell comes in place of any other answer.
+    // A farewell comes in place of any other answer, or behind the last one: it is looked for first,
+    // so that what came before it is there.
     template <class Message>
     KLVMsgReceived<Message> Await() {
         const auto deadline = Limit().Deadline();
         for (;;) {
+            if (!m_farewell) {
+                m_farewell = m_link->Receive<Farewell>(std::chrono::seconds(0)).message;
+            }
             auto received = m_link->Receive<Message>(std::chrono::milliseconds(100));
             if (received && received->complete) {
                 return received;
             }
-            const auto farewell = m_link->Receive<Farewell>(std::chrono::seconds(0));
-            if (farewell) {
-                throw std::runtime_error("sent away: " + farewell->reason);
+            if (m_farewell) {
+                throw std::runtime_error("sent away: " + m_farewell->reason);
             }
             if (received.status == KLVMsgOutcome::kPeerGone ||
                 KLVMsgTimeLimit::Clock::now() >= deadline) {
@@ -96,6 +103,7 @@ private:
     const std::unique_ptr<Link> m_link;
     const std::string m_name;
     const std::size_t m_chunkBytes;
+    std::unique_ptr<Farewell> m_farewell;  // once it has come
 };
 
 }  // namespace

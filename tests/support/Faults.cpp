@@ -95,6 +95,11 @@ void* operator new(std::size_t size) {
     return AllocationFails() ? throw std::bad_alloc() : next(size);
 }
 
+// A sanitizer's own would not come by here.
+void* operator new[](std::size_t size) { return operator new(size); }
+void operator delete[](void* block) noexcept { operator delete(block); }
+void operator delete[](void* block, std::size_t) noexcept { operator delete(block); }
+
 void* mem_OperatorNewThrow(std::size_t size) {
     static auto* const next = Next(&mem_OperatorNewThrow, "_Z20mem_OperatorNewThrowm");
     return Counted(AllocationFails() ? throw std::bad_alloc() : next(size));
