@@ -72,8 +72,8 @@ public:
     }
 
 private:
-    // A farewell comes in place of any other answer, or behind the last one: it is looked for first,
-    // so that what came before it is there.
+    // A farewell comes in place of any other answer, or behind the last one: it is looked for
+    // first, so that what came before it is there.
     template <class Message>
     KLVMsgReceived<Message> Await() {
         const auto deadline = Limit().Deadline();
