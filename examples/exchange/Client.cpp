@@ -72,24 +72,22 @@ public:
     }
 
 private:
-    // A farewell comes in place of any other answer, or behind the last one: it is looked for
-    // first, so that what came before it is there.
+    // A farewell comes in place of any other answer, or behind the last one, which is there then.
     template <class Message>
     KLVMsgReceived<Message> Await() {
         const auto deadline = Limit().Deadline();
         for (;;) {
-            if (!m_farewell) {
-                m_farewell = m_link->Receive<Farewell>(std::chrono::seconds(0)).message;
-            }
-            auto received = m_link->Receive<Message>(std::chrono::milliseconds(100));
+            auto received =
+                m_link->Receive<Message>(std::chrono::milliseconds(m_farewell ? 0 : 100));
             if (received && received->complete) {
                 return received;
             }
             if (m_farewell) {
                 throw std::runtime_error("sent away: " + m_farewell->reason);
             }
-            if (received.status == KLVMsgOutcome::kPeerGone ||
-                KLVMsgTimeLimit::Clock::now() >= deadline) {
+            m_farewell = m_link->Receive<Farewell>(std::chrono::seconds(0)).message;
+            if (!m_farewell && (received.status == KLVMsgOutcome::kPeerGone ||
+                                KLVMsgTimeLimit::Clock::now() >= deadline)) {
                 RequireHub(received);
             }
         }
