@@ -315,6 +315,7 @@ TEST(SessionConnections, TheLoopSleepsUntilThereIsSomething) {
     pair.mute.Reset();
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, sending.get().status) << "an error is seen all the same";
     PlainPeer other(pair.session.port);
+    pair.session.Came();
     for (int i = 0; i < 20; ++i) {  // time to spin in
         other.Send(TextBytes("Other", "busy"));
         EXPECT_EQ("busy", pair.session.Next<Other>());
