@@ -20,7 +20,7 @@ constexpr int kMostEvents = 256;
 constexpr int kMostAccepted = 64;                            // of one socket in a round
 constexpr std::size_t kMostWritten = std::size_t{64} << 10;  // of one connection in a round
 constexpr std::size_t kMostAlone = std::size_t{256} << 10;   // the same, with no other beside it
-constexpr std::size_t kMostRuns = 32;                        // the same
+constexpr std::size_t kMostRuns = 32;                        // of one connection in a round
 constexpr std::size_t kWorthWhile = std::size_t{4} << 10;    // bytes to send at a time
 constexpr std::chrono::microseconds kLongestGathering(500);
 constexpr std::chrono::milliseconds kFirstPause(10);
