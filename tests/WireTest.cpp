@@ -92,8 +92,10 @@ struct WireTest : testing::Test {
         std::string all;
         for (auto& parcel : std::exchange(arrivals.messages, {})) {
             const auto* const bare = static_cast<Bare*>(parcel->object);
-            all += std::to_string(parcel->wireSize) + ":";
-            all.append(bare != nullptr ? std::string_view(bare->text) : parcel->Body()) += " ";
+            parcel->ForEach([&] {
+                all += std::to_string(parcel->FirstSize()) + ":";
+                all.append(bare != nullptr ? std::string_view(bare->text) : parcel->Body()) += " ";
+            });
         }
         for (const std::string& name : std::exchange(arrivals.unknown, {})) {
             all += "?" + name + " ";
