@@ -61,7 +61,10 @@ public:
     Peer& Add(const std::string& label, const std::string& address);
 
     // Null when there is none.
-    Peer* Find(KLVMsgPeer peer);
+    Peer* Find(KLVMsgPeer peer) {
+        // Mostly the one that was found last.
+        return m_found != nullptr && m_found->peer == peer ? m_found : LookUp(peer);
+    }
     // Those that are meant, the oldest first, those that have gone included.
     void Find(const KLVMsgPeers& meant, std::vector<Peer*>& found);
     bool IsAnyThere(const KLVMsgPeers& meant);
@@ -105,11 +108,13 @@ public:
 private:
     static constexpr std::size_t kMostCauses = 1000;
 
+    Peer* LookUp(KLVMsgPeer peer);
     void RemoveLabel(Peer& peer);
 
     std::unordered_map<std::uint64_t, std::unique_ptr<Peer>> m_peers;
     std::unordered_map<std::string, std::vector<Peer*>> m_labels;  // in the order of their ids
     std::map<std::uint64_t, std::string> m_causes;                 // of peers that have gone
     std::unordered_map<std::string, std::string> m_labelCauses;    // the last one of a label
+    Peer* m_found = nullptr;                                       // by the last look-up
     std::uint64_t m_lastId = 0;
 };

@@ -187,6 +187,8 @@ private:
     void Deliver(Lock& lock, Peer& peer, const KLVMsgWireWriter& bytes, KLVMsgDelivery* delivery,
                  bool isOnlyOne);
     void UpdateCost(Peer& peer);
+    void PostBytes(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
+                   KLVMsgOutcome& outcome);
     KLVMsgOutcome PostToMany(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes);
     KLVMsgOutcome FindReceivers(const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
                                 KLVMsgDelivery& delivery);
@@ -205,7 +207,10 @@ private:
     std::size_t TakePart(std::uint32_t type, const KLVMsgPeers* from, std::size_t most,
                          bool isFirst, Parcels& parcels);
     void HandOver(std::uint32_t type, Parcels& parcels, Found& received);
-    KLVMsgParcel::Owner TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from, bool isNext);
+    KLVMsgParcel::Owner TakeFirst(const KLVMsgParcel* found, KLVMsgPeer& from,
+                                  char (&bytes)[KLVMsgParcel::kShort], std::string_view& body);
+    static Peer& PeerOf(const KLVMsgParcel& parcel);
+    void TookOut(Peer& peer, std::size_t cost);
     Message Decode(std::uint32_t number, std::string_view body, KLVMsgPeer from);
     void Refuse(KLVMsgPeer from, KLVMsgEvent::Cause cause,
                 std::initializer_list<std::string_view> words);

@@ -43,7 +43,7 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& 
         outcome = NotRegistered();
         return received;
     }
-    char bytes[KLVMsgParcel::Stock::kRoom];
+    char bytes[KLVMsgParcel::kShort];
     while (outcome && received.message == nullptr) {
         KLVMsgParcel::Owner parcel;
         std::string_view body;
@@ -53,19 +53,12 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& 
             if (found == nullptr && !(outcome = AwaitParcel(lock, type, wanted, found))) {
                 break;
             }
-            parcel = TakeOut(found, received.peer, true);
-            body = parcel->Body();
-            if (parcel->room == KLVMsgParcel::Stock::kRoom && parcel->object == nullptr) {
-                // The block goes back at once, to be used again.
-                std::memcpy(bytes, body.data(), body.size());
-                body = {bytes, body.size()};
-                parcel = m_spent.Put(std::move(parcel));
-            }
+            parcel = TakeFirst(found, received.peer, bytes, body);
         }
         received.message = parcel != nullptr && parcel->object != nullptr
                                ? Message(std::exchange(parcel->object, nullptr))
                                : Decode(type, body, received.peer);
-        if (parcel != nullptr && body.data() != bytes && KLVMsgParcel::Stock::May(*parcel)) {
+        if (parcel != nullptr && KLVMsgParcel::Stock::May(*parcel)) {
             const Lock lock(m_mutex);
             parcel = m_spent.Put(std::move(parcel));
         }
@@ -118,10 +111,15 @@ std::size_t KLVMsgSessionCore::TakePart(std::uint32_t type, const KLVMsgPeers* f
                                         std::size_t most, bool isFirst, Parcels& parcels) {
     const KLVMsgParcel* found = Find(type, from);
     try {
-        for (; found != nullptr && most != 0 && parcels.size() < kMostAtOnce; --most) {
-            KLVMsgPeer peer;
-            KLVMsgParcel::Owner parcel = TakeOut(found, peer, isFirst && parcels.empty());
-            parcels.emplace_back(std::move(parcel), peer);
+        for (std::size_t taken = 0;
+             found != nullptr && found->count <= most && taken < kMostAtOnce;) {
+            most -= found->count;
+            taken += found->count;
+            Peer& peer = PeerOf(*found);
+            TakeInHand(peer, isFirst && parcels.empty());
+            const KLVMsgPeer sender = peer.peer;
+            parcels.emplace_back(m_inbox.Take(found), sender);
+            TookOut(peer, parcels.back().first->Cost());
             found = Find(type, from);
         }
     } catch (const std::bad_alloc&) {
@@ -130,18 +128,19 @@ std::size_t KLVMsgSessionCore::TakePart(std::uint32_t type, const KLVMsgPeers* f
         }
         return 0;
     }
-    return found != nullptr ? most : 0;
+    return found != nullptr && found->count <= most ? most : 0;
 }
 
 // Makes messages of the parcels, whose blocks are then used again.
 void KLVMsgSessionCore::HandOver(std::uint32_t type, Parcels& parcels, Found& received) {
     for (auto& [parcel, peer] : parcels) {
-        Message message = parcel->object != nullptr
-                              ? Message(std::exchange(parcel->object, nullptr))
-                              : Decode(type, parcel->Body(), peer);
-        if (message != nullptr) {
-            received.messages.push_back({std::move(message), peer});
-        }
+        parcel->ForEach([&, &one = *parcel, from = peer] {
+            Message message = one.object != nullptr ? Message(std::exchange(one.object, nullptr))
+                                                    : Decode(type, one.Body(), from);
+            if (message != nullptr) {
+                received.messages.push_back({std::move(message), from});
+            }
+        });
     }
     {
         const Lock lock(m_mutex);
@@ -197,13 +196,36 @@ const KLVMsgParcel* KLVMsgSessionCore::Find(std::uint32_t type, const KLVMsgPeer
     return oldest;
 }
 
-KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from,
-                                               bool isNext) {
-    const std::size_t cost = parcel->Cost();
-    Peer& peer = *static_cast<Peer*>(static_cast<KLVMsgInbox::Sender*>(parcel->sender)->owner);
+// Takes out the first message. A short body is copied to `bytes`, so that its block is used again
+// at once, or stays for those that are still in it; otherwise the parcel is handed over.
+KLVMsgParcel::Owner KLVMsgSessionCore::TakeFirst(const KLVMsgParcel* found, KLVMsgPeer& from,
+                                                 char (&bytes)[KLVMsgParcel::kShort],
+                                                 std::string_view& body) {
+    auto& parcel = *const_cast<KLVMsgParcel*>(found);  // the inbox's own
+    Peer& peer = PeerOf(parcel);
+    TakeInHand(peer, true);  // takes memory: without it the message stays
     from = peer.peer;
-    TakeInHand(peer, isNext);  // takes memory: without it the message stays
-    KLVMsgParcel::Owner taken = m_inbox.Take(parcel);
+    const std::size_t cost = parcel.FirstSize() + KLVMsgParcel::kPerMessage;
+    body = parcel.Body();
+    const bool isCopied = parcel.object == nullptr && body.size() <= sizeof bytes;
+    if (isCopied) {
+        std::memcpy(bytes, body.data(), body.size());
+        body = {bytes, body.size()};
+    }
+    KLVMsgParcel::Owner taken = m_inbox.TakeFirst(found);
+    if (isCopied && taken != nullptr) {
+        taken = m_spent.Put(std::move(taken));
+    }
+    TookOut(peer, cost);
+    return taken;
+}
+
+KLVMsgSessionPeer& KLVMsgSessionCore::PeerOf(const KLVMsgParcel& parcel) {
+    return *static_cast<Peer*>(static_cast<KLVMsgInbox::Sender*>(parcel.sender)->owner);
+}
+
+// There is room again; the peer may be forgotten now.
+void KLVMsgSessionCore::TookOut(Peer& peer, std::size_t cost) {
     if (peer.isReadingPaused) {
         LimitReading(peer);
     }
@@ -216,7 +238,6 @@ KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMs
         Forget(peer);
     }
     UpdateReadable();
-    return taken;
 }
 
 // The message of a framed body; null when its class refuses it, which ends the connection.
@@ -454,8 +475,9 @@ void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrival
                 WakeReceivers(type);
             }
             type = parcel->type;
+            const std::uint32_t count = parcel->count;
             m_inbox.Push(peer.sent, std::move(parcel));
-            ++peer.messagesReceived;
+            peer.messagesReceived += count;
         }
         for (const std::string& name : arrivals.unknown) {
             Tell([&] {

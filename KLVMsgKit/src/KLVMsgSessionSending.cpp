@@ -30,32 +30,37 @@ KLVMsgOutcome KLVMsgSessionCore::Post(const KLVMsgPeers& to, KLVMsgSocketMessage
                                       const KLVMsgFramedMessage* framed) {
     KLVMsgWireWriter bytes(*m_spentBodies);
     KLVMsgOutcome outcome = bytes.Write(message, framed, m_options.largestBody);
-    if (!outcome) {
-        return outcome;
-    }
-    Lock lock(m_mutex);
-    if (m_isEnding) {
-        return Ended(KLVMsgOutcome::kPeerGone);
-    }
-    try {
-        if (to.HowMeant() != KLVMsgPeers::kOne) {
-            return PostToMany(lock, to, bytes);
+    if (outcome) {
+        Lock lock(m_mutex);
+        try {
+            PostBytes(lock, to, bytes, outcome);
+        } catch (const std::bad_alloc&) {
+            outcome = NoMemory();
         }
-        Peer* const peer = m_book.Find(to.One());
-        if (peer == nullptr || !peer->Takes()) {
-            return Gone(to);
-        }
-        if (Fits(*peer, bytes, outcome)) {
-            if (HasRoom(*peer, bytes.Size())) {
-                Deliver(lock, *peer, bytes, nullptr, true);
-            } else {
-                outcome = NoRoom();
-            }
-        }
-    } catch (const std::bad_alloc&) {
-        outcome = NoMemory();
     }
     return outcome;
+}
+
+void KLVMsgSessionCore::PostBytes(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
+                                  KLVMsgOutcome& outcome) {
+    if (m_isEnding) {
+        outcome = Ended(KLVMsgOutcome::kPeerGone);
+        return;
+    }
+    if (to.HowMeant() != KLVMsgPeers::kOne) {
+        outcome = PostToMany(lock, to, bytes);
+        return;
+    }
+    Peer* const peer = m_book.Find(to.One());
+    if (peer == nullptr || !peer->Takes()) {
+        outcome = Gone(to);
+    } else if (Fits(*peer, bytes, outcome)) {
+        if (HasRoom(*peer, bytes.Size())) {
+            Deliver(lock, *peer, bytes, nullptr, true);
+        } else {
+            outcome = NoRoom();
+        }
+    }
 }
 
 KLVMsgOutcome KLVMsgSessionCore::PostToMany(Lock& lock, const KLVMsgPeers& to,
