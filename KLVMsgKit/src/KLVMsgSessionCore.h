@@ -197,6 +197,7 @@ private:
     void RetryRoomless(Lock& lock, KLVMsgDelivery& delivery, const KLVMsgWireWriter& bytes);
     void Withdraw(KLVMsgDelivery& delivery);
     KLVMsgOutcome LeaveOut(const KLVMsgDelivery& delivery, bool isLabel);
+    static void TellTaken(Queue& awaited, KLVMsgOutput::Position taken);
     static void FailAwaited(Queue& awaited, const std::string& cause);
     void WakeRoomless();
 
