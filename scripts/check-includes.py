@@ -27,13 +27,16 @@ FLOORS = (
     "KLVMsgCommModules",
     # The session, from its first floor to its fifth.
     "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
+    "KLVMsgPeerInfo KLVMsgPeerInfoData KLVMsgNetwork "
     "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage "
     "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
-    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets",
+    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgQuietThread KLVMsgResolver "
+    "KLVMsgDialer",
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
     "KLVMsgLoop",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
-    "KLVMsgPeerBook KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
+    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionDraining "
+    "KLVMsgPeerBook KLVMsgKeep KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
     "examples/",
 )
 
@@ -44,7 +47,8 @@ FAMILIES = (
     "KLVMsgMessageQuery KLVMsgMessageQueryByType",
     "KLVMsgStream KLVMsgInputStream KLVMsgOutputStream KLVMsgSimpleInputStream "
     "KLVMsgBufferedOutputStream",
-    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving",
+    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving "
+    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionDraining",
 )
 
 # What the session does without: the two singletons with all that stands around them.

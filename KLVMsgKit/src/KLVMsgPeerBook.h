@@ -1,6 +1,7 @@
 // For the session's own sources: who is at the other end of each connection.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -16,6 +17,7 @@
 #include "KLVMsgPeer.h"
 
 struct KLVMsgDelivery;
+struct KLVMsgKeep;
 
 // What the session knows of one connection, from its beginning until it is over and nothing of it
 // waits in the inbox.
@@ -28,14 +30,19 @@ struct KLVMsgSessionPeer : KLVMsgLoop::Client {
     };
 
     // Whether something may still come; whether it takes messages, and those to a label.
-    bool IsThere() const { return link != nullptr && link->connection.Gives(); }
+    bool IsThere() const { return link != nullptr && !isPlace && link->connection.Gives(); }
     bool Takes() const { return link != nullptr && link->connection.Takes(); }
+    bool TakesByLabel() const { return Takes() && (isPlace || IsThere()); }
 
     KLVMsgPeer peer;
     std::string label;
     std::string address;
-    KLVMsgLoop::LinkPtr link;  // null when it is over
-    KLVMsgInbox::Sender sent;  // what it has sent and nobody has asked for
+    std::string served;  // where it was accepted; empty for one that was made here
+    std::chrono::system_clock::time_point since = std::chrono::system_clock::now();
+    KLVMsgLoop::LinkPtr link;    // null when it is over
+    KLVMsgKeep* keep = nullptr;  // whose connection it is, if it is one's
+    bool isPlace = false;        // the place of a Keep's connection while that is away
+    KLVMsgInbox::Sender sent;    // what it has sent and nobody has asked for
     KLVMsgFifo<Awaited> awaited;
     std::size_t cost = 0;    // of its output, as far as the session has counted it
     std::size_t inHand = 0;  // threads that have its message and have not asked for the next one

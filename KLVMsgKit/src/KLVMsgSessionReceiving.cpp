@@ -160,7 +160,7 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitParcel(Lock& lock, std::uint32_t type, con
     const KLVMsgEntry<Receiver> entry(m_receivers[type], receiver);
     KLVMsgOutcome outcome;
     for (bool inTime = true; outcome && found == nullptr;) {
-        if (m_isEnding) {
+        if (m_isEnding || m_isDraining) {
             outcome = Ended(KLVMsgOutcome::kPeerGone);
         } else if (!MayCome(wanted.from)) {
             outcome = Gone(wanted.from == nullptr ? KLVMsgPeers::All() : *wanted.from);
@@ -287,9 +287,10 @@ void KLVMsgSessionCore::Refuse(KLVMsgPeer from, KLVMsgEvent::Cause cause,
 
 bool KLVMsgSessionCore::MayCome(const KLVMsgPeers* from) {
     if (from == nullptr || from->HowMeant() == KLVMsgPeers::kAll) {
-        return m_book.IsAnyThere(KLVMsgPeers::All()) || m_loop.HasListeners();
+        return m_book.IsAnyThere(KLVMsgPeers::All()) || m_loop.HasListeners() || !m_keeps.empty();
     }
-    return m_book.IsAnyThere(*from);
+    return m_book.IsAnyThere(*from) ||
+           (from->HowMeant() == KLVMsgPeers::kLabel && m_keeps.count(from->Label()) != 0);
 }
 
 // As many as there are messages for.
@@ -354,6 +355,7 @@ void KLVMsgSessionCore::LimitReading(Peer& peer) {
         all / kStretch < m_options.inboxLimitOfAll && IsAwaited(peer)) {
         pauses = false;
     }
+    pauses = pauses || m_isDraining;
     if (pauses != peer.isReadingPaused) {
         peer.isReadingPaused = pauses;
         pauses ? ++m_paused : --m_paused;
@@ -398,6 +400,7 @@ void KLVMsgSessionCore::Release(Hand& hand, std::size_t kept) {
             EndAnswerless(*peer);
         }
     }
+    WakeIfDrained();
 }
 
 // The thread has a message of this peer now: with `isNext` instead of what it had.
@@ -503,7 +506,13 @@ void KLVMsgSessionCore::OnInputEnded(KLVMsgLoop::Link& link) {
         return;
     }
     Peer& peer = *static_cast<Peer*>(link.client);
+    if (peer.keep != nullptr) {
+        link.connection.End(link.connection.WhyOver(), "");  // it comes back: nothing is to follow
+    }
     TellGone(peer, link.connection.WhyOver(), link.connection.Text(), link.connection.Error());
+    if (link.connection.IsOver()) {
+        return;
+    }
     if (peer.sent.count == 0 && peer.inHand == 0) {
         link.connection.EndOutput(false);
         return;

@@ -67,7 +67,7 @@ KLVMsgOutcome KLVMsgSessionCore::PostToMany(Lock& lock, const KLVMsgPeers& to,
                                             const KLVMsgWireWriter& bytes) {
     std::vector<Peer*> meant;
     m_book.Find(to, meant);
-    const auto takes = [](const Peer* peer) { return peer->IsThere() && peer->Takes(); };
+    const auto takes = [](const Peer* peer) { return peer->TakesByLabel(); };
     meant.erase(
         std::remove_if(meant.begin(), meant.end(), [&](Peer* peer) { return !takes(peer); }),
         meant.end());
@@ -122,7 +122,10 @@ KLVMsgOutcome KLVMsgSessionCore::Send(const KLVMsgPeers& to, KLVMsgSocketMessage
         outcome = Late();
     }
     if (!delivery.roomless.empty()) {
-        return LeaveOut(delivery, to.HowMeant() != KLVMsgPeers::kOne);
+        outcome = LeaveOut(delivery, to.HowMeant() != KLVMsgPeers::kOne);
+        delivery.roomless.clear();
+        WakeIfDrained();
+        return outcome;
     }
     if (delivery.failed) {
         return {KLVMsgOutcome::kPeerGone, m_isEnding ? ESHUTDOWN : ENOTCONN, delivery.cause};
@@ -138,7 +141,7 @@ KLVMsgOutcome KLVMsgSessionCore::FindReceivers(const KLVMsgPeers& to, const KLVM
     const bool isOne = to.HowMeant() == KLVMsgPeers::kOne;
     KLVMsgOutcome outcome;
     for (const Peer* const peer : meant) {
-        if (peer->Takes() && (isOne || peer->IsThere())) {
+        if (isOne ? peer->Takes() : peer->TakesByLabel()) {
             if (!Fits(*peer, bytes, outcome)) {
                 return outcome;
             }
@@ -232,7 +235,7 @@ bool KLVMsgSessionCore::Fits(const Peer& peer, const KLVMsgWireWriter& bytes,
     if (!m_options.wholeHeaders || bytes.NameSize() <= kSmallName) {
         return true;
     }
-    const std::size_t segment = peer.link->transport->Segment();
+    const std::size_t segment = peer.isPlace ? 0 : peer.link->transport->Segment();
     const bool fits = segment == 0 || bytes.NameSize() + 4 <= segment;
     if (!fits) {
         outcome = {KLVMsgOutcome::kFailed, EMSGSIZE,
@@ -290,13 +293,18 @@ void KLVMsgSessionCore::UpdateCost(Peer& peer) {
     const std::size_t cost = peer.link == nullptr ? 0 : peer.link->connection.output.Cost();
     m_queuedCost = m_queuedCost - peer.cost + cost;
     peer.cost = cost;
+    WakeIfDrained();
 }
 
 void KLVMsgSessionCore::OnTook(KLVMsgLoop::Link& link) {
     if (link.client == nullptr) {
+        TakeBackLate(link);
         return;
     }
     Peer& peer = *static_cast<Peer*>(link.client);
+    if (peer.keep != nullptr && !link.connection.Takes()) {
+        OpenPlace(*peer.keep);
+    }
     const KLVMsgOutput& output = link.connection.output;
     while (!peer.awaited.empty() && peer.awaited.front().end <= output.Taken()) {
         KLVMsgDelivery& delivery = *peer.awaited.front().delivery;
@@ -306,21 +314,21 @@ void KLVMsgSessionCore::OnTook(KLVMsgLoop::Link& link) {
         }
     }
     if (!link.connection.Takes() && output.IsEmpty() && !peer.awaited.empty()) {
-        FailAwaited(peer, link.connection.Text());
+        FailAwaited(peer.awaited, link.connection.Text());
     }
     UpdateCost(peer);
     WakeRoomless();
 }
 
 // They will not be taken any more.
-void KLVMsgSessionCore::FailAwaited(Peer& peer, const std::string& cause) {
-    for (const Peer::Awaited& one : peer.awaited) {
+void KLVMsgSessionCore::FailAwaited(Queue& awaited, const std::string& cause) {
+    for (const Peer::Awaited& one : awaited) {
         one.delivery->Fail(cause);
         if (--one.delivery->left == 0) {
             one.delivery->waiter.Wake();
         }
     }
-    peer.awaited.clear();
+    awaited.clear();
 }
 
 // Wakes those whose messages have room by now, or never will.
