@@ -270,7 +270,7 @@ TEST_F(WireTest, SmallMessagesTakeNoMemory) {
 
 TEST_F(WireTest, ShortMessagesThatCameTogetherCountOneByOne) {
     types.Add({"Tight", &typeid(Letter), std::make_unique<Letter>(), true, 3});
-    Feed(Frame("one") + Frame("") + Frame("three") + Frame(std::string(129, 'x')));
+    Feed(Frame("one") + Frame("") + Frame("three") + Frame(std::string(2049, 'x')));
     ASSERT_EQ(2U, arrivals.messages.size());
     KLVMsgInbox inbox;
     KLVMsgInbox::Sender sender;

@@ -27,8 +27,9 @@ public:
     };
     using Owner = std::unique_ptr<KLVMsgParcel, Free>;
 
-    static constexpr std::size_t kShort = 128;                 // bytes of a short body
-    static constexpr std::size_t kRun = std::size_t{8} << 10;  // bytes of short messages together
+    static constexpr std::size_t kShort = 128;  // bytes of a body in the smallest block
+    static constexpr std::size_t kRun = std::size_t{8} << 10;  // bytes of messages together
+    static constexpr std::size_t kLongestOfRun = std::size_t{2} << 10;  // bytes of a body of these
 
     // Blocks that one thread has done with and another one takes anew: allocating and freeing is
     // most of what a short message costs, and half of what the pages of a long one do. No lock.

@@ -209,7 +209,8 @@ private:
                          bool isFirst, Parcels& parcels);
     void HandOver(std::uint32_t type, Parcels& parcels, Found& received);
     KLVMsgParcel::Owner TakeFirst(const KLVMsgParcel* found, KLVMsgPeer& from,
-                                  char (&bytes)[KLVMsgParcel::kShort], std::string_view& body);
+                                  char (&bytes)[KLVMsgParcel::kLongestOfRun],
+                                  std::string_view& body);
     static Peer& PeerOf(const KLVMsgParcel& parcel);
     void TookOut(Peer& peer, std::size_t cost);
     Message Decode(std::uint32_t number, std::string_view body, KLVMsgPeer from);

@@ -43,7 +43,7 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& 
         outcome = NotRegistered();
         return received;
     }
-    char bytes[KLVMsgParcel::kShort];
+    char bytes[KLVMsgParcel::kLongestOfRun];
     while (outcome && received.message == nullptr) {
         KLVMsgParcel::Owner parcel;
         std::string_view body;
@@ -199,7 +199,7 @@ const KLVMsgParcel* KLVMsgSessionCore::Find(std::uint32_t type, const KLVMsgPeer
 // Takes out the first message. A short body is copied to `bytes`, so that its block is used again
 // at once, or stays for those that are still in it; otherwise the parcel is handed over.
 KLVMsgParcel::Owner KLVMsgSessionCore::TakeFirst(const KLVMsgParcel* found, KLVMsgPeer& from,
-                                                 char (&bytes)[KLVMsgParcel::kShort],
+                                                 char (&bytes)[KLVMsgParcel::kLongestOfRun],
                                                  std::string_view& body) {
     auto& parcel = *const_cast<KLVMsgParcel*>(found);  // the inbox's own
     Peer& peer = PeerOf(parcel);
@@ -207,7 +207,8 @@ KLVMsgParcel::Owner KLVMsgSessionCore::TakeFirst(const KLVMsgParcel* found, KLVM
     from = peer.peer;
     const std::size_t cost = parcel.FirstSize() + KLVMsgParcel::kPerMessage;
     body = parcel.Body();
-    const bool isCopied = parcel.object == nullptr && body.size() <= sizeof bytes;
+    const bool isCopied =
+        parcel.count != 1 || (parcel.object == nullptr && body.size() <= KLVMsgParcel::kShort);
     if (isCopied) {
         std::memcpy(bytes, body.data(), body.size());
         body = {bytes, body.size()};

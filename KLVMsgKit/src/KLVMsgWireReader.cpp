@@ -98,7 +98,8 @@ bool KLVMsgWireReader::ReadRun(std::string_view& bytes, Buffer& buffer, Arrivals
     const KLVMsgMessageTypes::Type& type = m_types[m_type];
     const std::string_view header = type.header;
     const std::size_t lead = header.size() + kLength;
-    const std::size_t longest = std::min({KLVMsgParcel::kShort, type.largestBody, m_largestBody});
+    const std::size_t longest =
+        std::min({KLVMsgParcel::kLongestOfRun, type.largestBody, m_largestBody});
     const std::size_t most = std::min(bytes.size(), KLVMsgParcel::kRun);
     std::size_t size = 0;
     std::uint32_t count = 0;
