@@ -27,12 +27,14 @@ FLOORS = (
     "KLVMsgCommModules",
     # The session, from its first floor to its fifth.
     "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
-    "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage "
+    "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage KLVMsgCallMessage "
+    "KLVMsgReceivedAny KLVMsgQuestionCounts "
     "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
     "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets",
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
     "KLVMsgLoop",
-    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
+    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving "
+    "KLVMsgSessionAsking KLVMsgSessionDispatching KLVMsgMetrics KLVMsgInbox "
     "KLVMsgPeerBook KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
     "examples/",
 )
@@ -44,7 +46,8 @@ FAMILIES = (
     "KLVMsgMessageQuery KLVMsgMessageQueryByType",
     "KLVMsgStream KLVMsgInputStream KLVMsgOutputStream KLVMsgSimpleInputStream "
     "KLVMsgBufferedOutputStream",
-    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving",
+    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving "
+    "KLVMsgSessionAsking KLVMsgSessionDispatching",
 )
 
 # What the session does without: the two singletons with all that stands around them.

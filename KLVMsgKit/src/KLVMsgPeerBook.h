@@ -16,6 +16,7 @@
 #include "KLVMsgPeer.h"
 
 struct KLVMsgDelivery;
+struct KLVMsgQuestion;
 
 // What the session knows of one connection, from its beginning until it is over and nothing of it
 // waits in the inbox.
@@ -37,6 +38,8 @@ struct KLVMsgSessionPeer : KLVMsgLoop::Client {
     KLVMsgLoop::LinkPtr link;  // null when it is over
     KLVMsgInbox::Sender sent;  // what it has sent and nobody has asked for
     KLVMsgFifo<Awaited> awaited;
+    std::map<std::uint64_t, KLVMsgQuestion*> questions;  // by number: those it has not answered
+    std::uint64_t lastTurn = 0;                          // when it was last asked; 0: never
     std::size_t cost = 0;    // of its output, as far as the session has counted it
     std::size_t inHand = 0;  // threads that have its message and have not asked for the next one
     bool isTold = false;     // that it has gone

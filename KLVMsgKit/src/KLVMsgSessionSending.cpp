@@ -182,25 +182,27 @@ void KLVMsgSessionCore::RetryRoomless(Lock& lock, KLVMsgDelivery& delivery,
 
 // Takes back what was not begun; what was may still arrive.
 void KLVMsgSessionCore::Withdraw(KLVMsgDelivery& delivery) {
-    m_book.ForEach([&](Peer& peer) {
-        const auto is = [&](const Peer::Awaited& one) { return one.delivery == &delivery; };
-        const auto found = std::find_if(peer.awaited.begin(), peer.awaited.end(), is);
-        if (found == peer.awaited.end()) {
-            return;
-        }
-        const Peer::Awaited one = *found;
-        auto later = peer.awaited.erase(found);
-        if (peer.link != nullptr && peer.link->connection.CutOut(one.begin, one.end)) {
-            for (; later != peer.awaited.end(); ++later) {
-                later->begin -= one.end - one.begin;
-                later->end -= one.end - one.begin;
-            }
-            UpdateCost(peer);
-            m_loop.Touch(*peer.link);
-        }
-    });
+    m_book.ForEach([&](Peer& peer) { WithdrawFrom(peer, delivery); });
     delivery.left = 0;
     WakeRoomless();
+}
+
+void KLVMsgSessionCore::WithdrawFrom(Peer& peer, const KLVMsgDelivery& delivery) {
+    const auto is = [&](const Peer::Awaited& one) { return one.delivery == &delivery; };
+    const auto found = std::find_if(peer.awaited.begin(), peer.awaited.end(), is);
+    if (found == peer.awaited.end()) {
+        return;
+    }
+    const Peer::Awaited one = *found;
+    auto later = peer.awaited.erase(found);
+    if (peer.link != nullptr && peer.link->connection.CutOut(one.begin, one.end)) {
+        for (; later != peer.awaited.end(); ++later) {
+            later->begin -= one.end - one.begin;
+            later->end -= one.end - one.begin;
+        }
+        UpdateCost(peer);
+        m_loop.Touch(*peer.link);
+    }
 }
 
 void KLVMsgSessionCore::TellLeftOut(const Peer& peer) {
