@@ -10,8 +10,8 @@
 namespace bench {
 namespace {
 
-// A pair there and back; one way a socket that pulls, and one for each connection that pushes. Where
-// one asks, a socket that replies, and one for each asker that requests.
+// A pair there and back; one way a socket that pulls, and one for each connection that pushes.
+// Where one asks, a socket that replies, and one for each asker that requests.
 class NngTalker : public Talker {
 public:
     explicit NngTalker(const Manner& manner) : m_manner(manner) {}

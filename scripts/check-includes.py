@@ -27,15 +27,18 @@ FLOORS = (
     "KLVMsgCommModules",
     # The session, from its first floor to its fifth.
     "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
+    "KLVMsgPeerInfo KLVMsgPeerInfoData KLVMsgNetwork "
     "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage KLVMsgCallMessage "
     "KLVMsgReceivedAny KLVMsgQuestionCounts "
     "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
-    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets",
+    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgQuietThread KLVMsgResolver "
+    "KLVMsgDialer",
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
     "KLVMsgLoop",
-    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving "
-    "KLVMsgSessionAsking KLVMsgSessionDispatching KLVMsgMetrics KLVMsgInbox "
-    "KLVMsgPeerBook KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
+    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
+    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionDraining "
+    "KLVMsgSessionAsking KLVMsgSessionDispatching KLVMsgMetrics "
+    "KLVMsgPeerBook KLVMsgKeep KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
     "examples/",
 )
 
@@ -47,6 +50,7 @@ FAMILIES = (
     "KLVMsgStream KLVMsgInputStream KLVMsgOutputStream KLVMsgSimpleInputStream "
     "KLVMsgBufferedOutputStream",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving "
+    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionDraining "
     "KLVMsgSessionAsking KLVMsgSessionDispatching",
 )
 

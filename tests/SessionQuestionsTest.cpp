@@ -90,6 +90,8 @@ TEST(SessionQuestions, GoToOneInTurnAndFailWithTheCauseWhenItGoes) {
         auto next = std::async([&] { return Asked(pair.session, "mute", ""); });
         EXPECT_EQ(QuizBytes(2, ""), other.Receive(20)) << "not the first one, which has gone";
         go(pair);
+        pair.session.Keep(At(1), "kept");
+        EXPECT_EQ("the connection of the label kept is away", Asked(pair.session, "kept", ""));
         EXPECT_EQ(cause, asking.get().substr(0, cause.size()));
         other.Send(AnswerBytes(2, "yes"));
         EXPECT_EQ("yes", next.get());

@@ -69,6 +69,7 @@ TEST(SessionSending, WhatWaitsForTheStartGoesInOrderWithoutWhatWasWithdrawn) {
     EXPECT_EQ("one", server.Next());
     EXPECT_EQ(std::string(9, 'x'), server.Next());
     EXPECT_EQ(std::string(300, 'x'), server.Next());
+    EXPECT_EQ(3U, server.Counts().messagesReceived);
     EXPECT_TRUE(behind.get() && roomless.get());
     EXPECT_FALSE(server.Receive<Word>(0ms)) << "and answers no more";
     const std::string whole = std::to_string(MSG_NOSIGNAL | MSG_DONTWAIT | MSG_EOR) + " ";

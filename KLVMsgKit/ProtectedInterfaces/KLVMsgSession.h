@@ -15,6 +15,7 @@
 #include "KLVMsgKitExport.h"
 #include "KLVMsgOutcome.h"
 #include "KLVMsgPeer.h"
+#include "KLVMsgPeerInfo.h"
 #include "KLVMsgQuestionCounts.h"
 #include "KLVMsgReceivedAny.h"
 #include "KLVMsgSessionOptions.h"
@@ -89,19 +90,56 @@ public:
     // gives them another one.
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port = nullptr);
 
+    // The same, and those alone for whom `admit` says true; see KLVMsgNetwork. It is called on the
+    // loop's thread without a lock: it may call the session, but must neither wait nor end it, as
+    // all connections wait for it. Who is refused, or for whom it throws, is closed at once, and
+    // that is an event; the peer's own Connect was done before.
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port = nullptr);
+
     // Lets no more peers connect to that port; those who are there stay. Failed: nobody served
     // there.
     KLVMsgOutcome StopServing(int port);
 
-    // Connects to a server, under a label; the label may be one that other connections have. Waits
-    // no longer than `limit` for the server, though for a name as long as the resolver takes.
+    // A retry under a label whose connection still lives makes every message come twice: Disconnect
+    // first, or Keep. For the label may be one that other connections have.
+    //
+    // Connects to a server, under a label, and tells the peer that it has made. Waits no longer
+    // than `limit` for the server, though for a name as long as the resolver takes.
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
                           KLVMsgTimeLimit limit = std::chrono::seconds(10));
+    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
+                          KLVMsgTimeLimit limit, KLVMsgPeer& made);
 
+    // A retry under a label whose connection still lives makes every message come twice: Disconnect
+    // first, or Keep.
+    //
     // Connects again and again, with pauses of up to half a second, until that is done or `limit`
     // over; the outcome is then that of the last attempt.
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
                                KLVMsgTimeLimit limit);
+    KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
+                               KLVMsgTimeLimit limit, KLVMsgPeer& made);
+
+    // Keeps a connection to a server, under a label of its own, and returns at once: from Start on
+    // it is made, and made again whenever it is lost, with pauses that grow from 50 ms to 5 s, by
+    // chance a little more or less, until Disconnect of the label; each is a new peer. `hello` is
+    // sent first each time, before anything else; its bytes are made here. Failed: the label is
+    // empty, that of another Keep, or one that a connection has; or `hello` cannot be sent.
+    //
+    // While it is away, before the first time as well, Post to the label queues within the limits,
+    // Send waits within its own, Receive waits for what may come, Peers is empty and WaitUntilGone
+    // done. What is queued goes out in order when it is back. A message of which a part had been
+    // taken is lost, and an event; one that the system had taken whole may be, as on every
+    // connection that ends. Why it cannot be made is an event when the cause is another one.
+    KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label);
+    template <class Message>
+    KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
+                       Message&& hello) {
+        return Outgo<Message>(hello,
+                              [&](KLVMsgSocketMessage& one, const KLVMsgFramedMessage* framed) {
+                                  return KeepPeer(address, label, one, framed);
+                              });
+    }
 
     // Starts the loop: from now on messages move. Fails where the system has no thread to give.
     KLVMsgOutcome Start();
@@ -247,8 +285,13 @@ public:
 
     // Connections ---------------------------------------------------------------------------------
 
-    // Gives a connection another label. Peer gone: it is no longer there.
+    // Gives a connection another label. Peer gone: it is no longer there. Failed: it is a Keep's,
+    // and keeps its label.
     KLVMsgOutcome SetLabel(KLVMsgPeer peer, const std::string& label);
+
+    // What is known of a connection: as long as it is there, or something that has come from it
+    // waits to be received. Peer gone: neither.
+    KLVMsgPeerInfo Info(KLVMsgPeer peer);
 
     // The connections that are meant and there, the oldest first. One whose peer has ended its
     // output is no longer there: nothing more will come. It still takes an answer, though, until
@@ -257,7 +300,8 @@ public:
 
     // Ends those connections: what is queued for them is dropped, and what the system has taken
     // still arrives if the peer reads it within five seconds. What has come from them may still be
-    // received. Peer gone: there is none.
+    // received. Peer gone: there is none. A label, and All, also ends what Keep does; one peer that
+    // is a Keep's comes back.
     KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
 
     // Waits until no such connection is there.
@@ -275,8 +319,16 @@ public:
 
     // Ending --------------------------------------------------------------------------------------
 
+    // Takes nothing new: no connection, and of what peers send nothing more is read. Hands out what
+    // has come, until it is received and whoever has received a message asks for the next one (and
+    // is told then that the session has ended), so that all may be answered; sends what is queued,
+    // for a Keep's connection that is away too, when it is back; then Ends. For a thread that does
+    // not receive itself. Too late: something was left, and the text says what; it is lost.
+    KLVMsgOutcome Drain(KLVMsgTimeLimit limit);
+
     // Sends what is queued, ends the output of every connection, and waits up to `limit` for the
-    // peers to have read all of it and to close; then the loop ends. Nothing that was done is lost.
+    // peers to have read all of it and to close; then the loop ends. Nothing that was done is lost,
+    // but for what is queued for a Keep's connection that is away: then the outcome is peer gone.
     // What comes meanwhile is dropped. Whoever waits is told that the session has ended, as is
     // every operation from then on. Too late: some peers had not closed.
     KLVMsgOutcome End(KLVMsgTimeLimit limit);
@@ -413,6 +465,8 @@ private:
     KLVMsgOutcome RegisterPrototype(std::unique_ptr<KLVMsgSocketMessage> prototype,
                                     const std::type_info& type, const KLVMsgFramedMessage* framed,
                                     bool isCall);
+    KLVMsgOutcome KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
+                           KLVMsgSocketMessage& hello, const KLVMsgFramedMessage* framed);
     KLVMsgOutcome PostMessage(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                               const KLVMsgFramedMessage* framed);
     KLVMsgOutcome SendMessage(const KLVMsgPeers& to, KLVMsgSocketMessage& message,

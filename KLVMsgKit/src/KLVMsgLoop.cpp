@@ -1,6 +1,5 @@
 #include "KLVMsgLoop.h"
 
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
@@ -9,13 +8,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <ctime>
-#include <system_error>
+
+#include "KLVMsgQuietThread.h"
 
 namespace {
 
-constexpr std::uint64_t kWakeUp = 0;  // no connection has this id
+constexpr std::uint64_t kWakeUp = 0;  // no connection has this id, or the next one
+constexpr std::uint64_t kOwners = ~std::uint64_t{0};
 constexpr int kMostEvents = 256;
 constexpr int kMostAccepted = 64;                            // of one socket in a round
 constexpr std::size_t kMostWritten = std::size_t{64} << 10;  // of one connection in a round
@@ -58,20 +58,7 @@ KLVMsgOutcome KLVMsgLoop::Prepare() {
 }
 
 KLVMsgOutcome KLVMsgLoop::Start() {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    KLVMsgOutcome outcome;
-    try {
-        m_thread = std::make_unique<std::thread>([this] { Run(); });
-    } catch (const std::system_error& error) {
-        outcome = Failure("cannot start a thread", error.code().value());
-    } catch (const std::bad_alloc&) {
-        outcome = Failure("cannot start a thread", ENOMEM);
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return outcome;
+    return KLVMsgStartQuietThread([this] { Run(); }, m_thread);
 }
 
 void KLVMsgLoop::Stop() {
@@ -108,12 +95,8 @@ KLVMsgOutcome KLVMsgLoop::Add(std::unique_ptr<KLVMsgTransport> transport, std::u
     return {};
 }
 
-KLVMsgOutcome KLVMsgLoop::AddListener(KLVMsgDescriptor socket, std::uint64_t id, int port,
-                                      std::string text) {
-    Listener& listener = m_listeners[id];
-    listener.socket = std::move(socket);
-    listener.text = std::move(text);
-    listener.port = port;
+KLVMsgOutcome KLVMsgLoop::AddListener(std::uint64_t id, Listener made) {
+    const Listener& listener = m_listeners[id] = std::move(made);
     epoll_event event = {};
     event.events = EPOLLIN;
     event.data.u64 = id;
@@ -123,6 +106,20 @@ KLVMsgOutcome KLVMsgLoop::AddListener(KLVMsgDescriptor socket, std::uint64_t id,
         return Failure("cannot wait for connections", error);
     }
     return {};
+}
+
+KLVMsgOutcome KLVMsgLoop::Watch(int descriptor) {
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.u64 = kOwners;
+    return epoll_ctl(m_epoll.Number(), EPOLL_CTL_ADD, descriptor, &event) == 0
+               ? KLVMsgOutcome()
+               : Failure("cannot wait for connections", errno);
+}
+
+const KLVMsgLoop::Listener* KLVMsgLoop::FindListener(std::uint64_t id) const {
+    const auto found = m_listeners.find(id);
+    return found == m_listeners.end() ? nullptr : &found->second;
 }
 
 int KLVMsgLoop::RemoveListeners(int port) {
@@ -261,6 +258,10 @@ void KLVMsgLoop::Serve(Lock& lock, std::uint64_t id, unsigned happened) {
     if (id == kWakeUp) {
         std::uint64_t count = 0;
         static_cast<void>(!read(m_wakeUp.Number(), &count, sizeof count));
+        return;
+    }
+    if (id == kOwners) {
+        m_owner.OnReadable();
         return;
     }
     const auto found = m_links.find(id);
@@ -501,7 +502,7 @@ void KLVMsgLoop::Accept(Lock& lock, std::uint64_t id) {
         }
         if (error == 0) {
             listener.pause = std::chrono::milliseconds(0);
-            m_owner.OnAccepted(std::move(made), address);
+            m_owner.OnAccepted(lock, id, std::move(made), address);
         } else if (error != EINTR && error != ECONNABORTED && error != EPROTO) {
             PauseListener(listener, error);
             return;

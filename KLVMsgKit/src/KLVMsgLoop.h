@@ -16,6 +16,7 @@
 
 #include "KLVMsgConnection.h"
 #include "KLVMsgOutcome.h"
+#include "KLVMsgPeerInfo.h"
 #include "KLVMsgSessionOptions.h"
 #include "KLVMsgSessionSockets.h"
 #include "KLVMsgTransport.h"
@@ -65,7 +66,8 @@ public:
         KLVMsgDescriptor socket;
         std::string text;  // where it listens
         int port = 0;
-        Time again = Time::max();  // when to try again after a failure
+        std::shared_ptr<const KLVMsgAdmit> admit;  // null: everybody may connect
+        Time again = Time::max();                  // when to try again after a failure
         std::chrono::milliseconds pause{0};
     };
 
@@ -80,8 +82,11 @@ public:
         virtual void OnTook(Link& link) = 0;
         virtual void OnStalls(Link& link) = 0;
         virtual void OnOver(Link& link) = 0;
-        virtual void OnAccepted(KLVMsgDescriptor socket, const std::string& address) = 0;
+        // The listener is there until the mutex is let go, which this may do.
+        virtual void OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDescriptor socket,
+                                const std::string& address) = 0;
         virtual void OnListenerFailed(const Listener& listener, int error) = 0;
+        virtual void OnReadable() = 0;  // what it has asked to be watched
 
         // AskForErrand has asked for it. May let the mutex go meanwhile.
         virtual void OnErrand(Lock& lock) = 0;
@@ -113,12 +118,15 @@ public:
                       LinkPtr& link);
 
     // Serves on a socket that listens.
-    KLVMsgOutcome AddListener(KLVMsgDescriptor socket, std::uint64_t id, int port,
-                              std::string text);
+    KLVMsgOutcome AddListener(std::uint64_t id, Listener listener);
+    const Listener* FindListener(std::uint64_t id) const;  // null: it serves no more
 
     // No longer serves on a port, or on any with port -1; how many sockets were closed.
     int RemoveListeners(int port);
     bool HasListeners() const { return !m_listeners.empty(); }
+
+    // Waits for a descriptor of the owner's as well, which is told whenever that is readable.
+    KLVMsgOutcome Watch(int descriptor);
 
     // There is something to do for a connection: its output, its state.
     void Touch(Link& link);

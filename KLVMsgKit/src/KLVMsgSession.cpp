@@ -37,19 +37,45 @@ KLVMsgOutcome KLVMsgSession::Observe(std::function<void(const KLVMsgEvent&)> fun
 }
 
 KLVMsgOutcome KLVMsgSession::Serve(const KLVMsgSocketAddress& address, int* port) {
-    return m_core->Serve(address, port);
+    return m_core->Serve(address, nullptr, port);
+}
+
+KLVMsgOutcome KLVMsgSession::Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit,
+                                   int* port) {
+    return m_core->Serve(address, std::move(admit), port);
 }
 
 KLVMsgOutcome KLVMsgSession::StopServing(int port) { return m_core->StopServing(port); }
 
 KLVMsgOutcome KLVMsgSession::Connect(const KLVMsgSocketAddress& address, const std::string& label,
                                      KLVMsgTimeLimit limit) {
-    return m_core->Connect(address, label, limit.Deadline());
+    return m_core->Connect(address, label, limit.Deadline(), nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::Connect(const KLVMsgSocketAddress& address, const std::string& label,
+                                     KLVMsgTimeLimit limit, KLVMsgPeer& made) {
+    return m_core->Connect(address, label, limit.Deadline(), &made);
 }
 
 KLVMsgOutcome KLVMsgSession::ConnectAgain(const KLVMsgSocketAddress& address,
                                           const std::string& label, KLVMsgTimeLimit limit) {
-    return m_core->ConnectAgain(address, label, limit.Deadline());
+    return m_core->ConnectAgain(address, label, limit.Deadline(), nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::ConnectAgain(const KLVMsgSocketAddress& address,
+                                          const std::string& label, KLVMsgTimeLimit limit,
+                                          KLVMsgPeer& made) {
+    return m_core->ConnectAgain(address, label, limit.Deadline(), &made);
+}
+
+KLVMsgOutcome KLVMsgSession::Keep(const KLVMsgSocketAddress& address, const std::string& label) {
+    return m_core->Keep(address, label, nullptr, nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
+                                      KLVMsgSocketMessage& hello,
+                                      const KLVMsgFramedMessage* framed) {
+    return m_core->Keep(address, label, &hello, framed);
 }
 
 KLVMsgOutcome KLVMsgSession::Start() { return m_core->Start(); }
@@ -111,6 +137,8 @@ KLVMsgOutcome KLVMsgSession::SetLabel(KLVMsgPeer peer, const std::string& label)
     return m_core->SetLabel(peer, label);
 }
 
+KLVMsgPeerInfo KLVMsgSession::Info(KLVMsgPeer peer) { return m_core->Info(peer); }
+
 std::vector<KLVMsgPeer> KLVMsgSession::Peers(const KLVMsgPeers& meant) {
     return m_core->Peers(meant);
 }
@@ -128,5 +156,7 @@ KLVMsgEvent KLVMsgSession::NextEvent(KLVMsgTimeLimit limit) { return m_core->Nex
 KLVMsgCounts KLVMsgSession::Counts(const KLVMsgPeers& meant) { return m_core->Counts(meant); }
 
 KLVMsgCounts KLVMsgSession::Counts() { return m_core->Counts(); }
+
+KLVMsgOutcome KLVMsgSession::Drain(KLVMsgTimeLimit limit) { return m_core->Drain(limit); }
 
 KLVMsgOutcome KLVMsgSession::End(KLVMsgTimeLimit limit) { return m_core->End(limit); }

@@ -1,6 +1,7 @@
 // Questions and answers. The bytes of both are made, and read, on the application's threads; the
 // loop finds the question that an answer belongs to.
 #include <cerrno>
+#include <cstring>
 #include <new>
 #include <string>
 #include <tuple>
@@ -56,7 +57,7 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::Ask(const KLVMsgPeers& to
         outcome = AwaitAnswer(lock, waiting, number, received.peer, deadline);
     }
     if (outcome) {
-        received.message = Unpack(lock, std::move(waiting.answer), received.peer);
+        received.message = TakeApart(lock, std::move(waiting.answer), received.peer);
         if (received.message == nullptr) {
             const Lock again(m_mutex);
             outcome = Gone(received.peer);
@@ -69,7 +70,7 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::Ask(const KLVMsgPeers& to
 KLVMsgOutcome KLVMsgSessionCore::PutQuestion(Lock& lock, const KLVMsgPeers& to,
                                              const KLVMsgWireWriter& bytes, std::uint64_t number,
                                              KLVMsgQuestion& question, KLVMsgPeer& asked) {
-    if (m_isEnding) {
+    if (m_isEnding || m_isDraining) {
         return Ended(KLVMsgOutcome::kPeerGone);
     }
     Peer* const peer = NextToAsk(to);
@@ -104,7 +105,13 @@ KLVMsgOutcome KLVMsgSessionCore::PutQuestion(Lock& lock, const KLVMsgPeers& to,
 }
 
 // Why nobody that is meant can be asked at this moment.
-KLVMsgOutcome KLVMsgSessionCore::NobodyToAsk(const KLVMsgPeers& to) { return Gone(to); }
+KLVMsgOutcome KLVMsgSessionCore::NobodyToAsk(const KLVMsgPeers& to) {
+    if (to.HowMeant() == KLVMsgPeers::kLabel && IsAway(to.Label())) {
+        return {KLVMsgOutcome::kPeerGone, ENOTCONN,
+                "the connection of the label " + to.Label() + " is away"};
+    }
+    return Gone(to);
+}
 
 // Who has not been asked for longest; null when nobody can be asked.
 KLVMsgSessionCore::Peer* KLVMsgSessionCore::NextToAsk(const KLVMsgPeers& to) {
@@ -125,10 +132,9 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitAnswer(Lock& lock, KLVMsgQuestion& questio
     }
     if (Peer* const peer = m_book.Find(asked); peer != nullptr) {
         peer->questions.erase(number);
-        if (question.delivery.left != 0) {
-            WithdrawFrom(*peer, question.delivery);
-            WakeRoomless();
-        }
+    }
+    if (question.delivery.left != 0) {
+        Withdraw(question.delivery);  // also where it waits for a connection that is kept
     }
     if (question.answer != nullptr) {
         ++m_questions.answered;
@@ -136,6 +142,22 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitAnswer(Lock& lock, KLVMsgQuestion& questio
     }
     ++(question.isOver ? m_questions.failed : m_questions.tooLate);
     return question.isOver ? std::move(question.failure) : Late();
+}
+
+// The message of an answer, made without the mutex, which is let go. The block of a short one goes
+// back before that.
+KLVMsgSessionCore::Message KLVMsgSessionCore::TakeApart(Lock& lock, KLVMsgParcel::Owner parcel,
+                                                        KLVMsgPeer from) {
+    const std::uint32_t type = parcel->type;
+    std::string_view body = parcel->Body();
+    char bytes[KLVMsgParcel::kShort];
+    if (body.size() <= sizeof bytes) {
+        std::memcpy(bytes, body.data(), body.size());
+        body = {bytes, body.size()};
+        parcel = m_spent.Put(std::move(parcel));
+    }
+    lock.unlock();
+    return Unpack(std::move(parcel), type, body, from);
 }
 
 void KLVMsgSessionCore::FailQuestions(Peer& peer, KLVMsgOutcome::Status status, int error,

@@ -9,9 +9,11 @@
 #include <functional>
 #include <initializer_list>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <random>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -19,8 +21,10 @@
 #include <utility>
 #include <vector>
 
+#include "KLVMsgDialer.h"
 #include "KLVMsgEventQueue.h"
 #include "KLVMsgInbox.h"
+#include "KLVMsgKeep.h"
 #include "KLVMsgLoop.h"
 #include "KLVMsgMessageTypes.h"
 #include "KLVMsgModuleUse.h"
@@ -62,9 +66,11 @@ struct KLVMsgQuestion {
 // once the loop runs, and the options. It is never held while a message's own code runs, a system
 // call transfers, or somebody waits.
 //
-// Sources: KLVMsgSessionCore.cpp has connections and the end, KLVMsgSessionSending.cpp and
-// KLVMsgSessionReceiving.cpp the two directions, KLVMsgSessionAsking.cpp what goes both ways, and
-// KLVMsgSessionDispatching.cpp what calls the application: handlers, and who observes.
+// Sources: KLVMsgSessionCore.cpp has connections and the end, KLVMsgSessionAdmitting.cpp who may
+// connect, KLVMsgSessionKeeping.cpp the connections that come back, KLVMsgSessionSending.cpp and
+// KLVMsgSessionReceiving.cpp the two directions, KLVMsgSessionAsking.cpp what goes both ways,
+// KLVMsgSessionDispatching.cpp what calls the application (handlers, and who observes),
+// KLVMsgSessionDraining.cpp what Drain waits for.
 class KLVMsgSessionCore final : private KLVMsgLoop::Owner {
 public:
     using Peer = KLVMsgSessionPeer;
@@ -85,11 +91,14 @@ public:
     KLVMsgOutcome Register(Message prototype, const std::type_info& type,
                            const KLVMsgFramedMessage* framed, bool isCall);
     KLVMsgOutcome Observe(Observer observer);
-    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port);
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port);
     KLVMsgOutcome StopServing(int port);
-    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label, Time limit);
+    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label, Time limit,
+                          KLVMsgPeer* made);
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
-                               Time limit);
+                               Time limit, KLVMsgPeer* made);
+    KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
+                       KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed);
     KLVMsgOutcome Start();
     KLVMsgOutcome Post(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                        const KLVMsgFramedMessage* framed);
@@ -107,12 +116,14 @@ public:
     KLVMsgQuestionCounts Questions();
     int Descriptor();
     KLVMsgOutcome SetLabel(KLVMsgPeer peer, const std::string& label);
+    KLVMsgPeerInfo Info(KLVMsgPeer peer);
     std::vector<KLVMsgPeer> Peers(const KLVMsgPeers& meant);
     KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
     KLVMsgOutcome WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
     KLVMsgEvent NextEvent(KLVMsgTimeLimit limit);
     KLVMsgCounts Counts(const KLVMsgPeers& meant);
     KLVMsgCounts Counts();
+    KLVMsgOutcome Drain(KLVMsgTimeLimit limit);
     KLVMsgOutcome End(KLVMsgTimeLimit limit);
 
     // Whether this process is a child of the one that made the session.
@@ -148,6 +159,7 @@ private:
         Handler handler;       // null where there is none
         std::size_t left = 0;  // messages that have one
     };
+    using Queue = KLVMsgFifo<Peer::Awaited>;
     using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
 
     static KLVMsgOutcome Late();
@@ -158,13 +170,39 @@ private:
 
     // Connections.
     KLVMsgOutcome Adopt(KLVMsgDescriptor socket, const std::string& label,
-                        const std::string& address);
+                        const std::string& address, Peer*& made);
+    KLVMsgOutcome Admit(Lock& lock, std::uint64_t listener, const std::string& address,
+                        std::string& served);
+
+    // Connections that come back.
+    KLVMsgOutcome MakeKeep(const KLVMsgSocketAddress& address, const std::string& label,
+                           std::unique_ptr<KLVMsgKeep> made);
+    KLVMsgOutcome PrepareDialer();
+    KLVMsgLoop::LinkPtr NewPlaceLink(const Peer& place) const;
+    bool IsAway(const std::string& label) const;
+    void OpenPlace(KLVMsgKeep& keep);
+    void TakeBack(KLVMsgKeep& keep, KLVMsgLoop::Link& link, Queue& awaited);
+    void TakeBackLate(KLVMsgLoop::Link& link);
+    void Part(Peer& peer, const KLVMsgLoop::LinkPtr& link);
+    static bool MoveQueue(KLVMsgOutput& from, Queue& awaited, KLVMsgOutput& to, Queue& toAwaited);
+    void MoveRoomless(KLVMsgPeer from, KLVMsgPeer to);
+    void OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsgDescriptor socket);
+    KLVMsgOutcome ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket);
+    void TellAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
+    void TellLost(const Peer& peer, std::size_t count);
+    std::size_t EndKeeps(const KLVMsgPeers& meant, const std::string& cause, std::size_t& lost);
+
     void TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std::string& text, int error);
     void Forget(Peer& peer);
     void EndAnswerless(Peer& peer);
     void EndOneHalf();
     void WakeThoseWhoseAreGone();
     void WakeEverybody();
+    bool IsDrained();
+    bool IsAnyInHand();
+    void WakeIfDrained();
+    std::string WhatIsLeft();
+    static void Signal(int descriptor);
     static KLVMsgEvent Event(KLVMsgEvent::Kind kind, const Peer* peer);
     void PushEvent(KLVMsgEvent event);
     void TellLeftOut(const Peer& peer);
@@ -188,6 +226,8 @@ private:
     void Deliver(Lock& lock, Peer& peer, const KLVMsgWireWriter& bytes, KLVMsgDelivery* delivery,
                  bool isOnlyOne);
     void UpdateCost(Peer& peer);
+    void PostBytes(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
+                   KLVMsgOutcome& outcome);
     KLVMsgOutcome PostToMany(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes);
     KLVMsgOutcome FindReceivers(const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
                                 KLVMsgDelivery& delivery);
@@ -195,9 +235,10 @@ private:
                        Time deadline);
     void RetryRoomless(Lock& lock, KLVMsgDelivery& delivery, const KLVMsgWireWriter& bytes);
     void Withdraw(KLVMsgDelivery& delivery);
-    void WithdrawFrom(Peer& peer, const KLVMsgDelivery& delivery);
+    static bool WithdrawFrom(Queue& awaited, KLVMsgLoop::Link* link,
+                             const KLVMsgDelivery& delivery);
     KLVMsgOutcome LeaveOut(const KLVMsgDelivery& delivery, bool isLabel);
-    void FailAwaited(Peer& peer, const std::string& cause);
+    static void FailAwaited(Queue& awaited, const std::string& cause);
     void WakeRoomless();
 
     // Receiving.
@@ -208,7 +249,13 @@ private:
     std::size_t TakePart(std::uint32_t type, const KLVMsgPeers* from, std::size_t most,
                          bool isFirst, Parcels& parcels);
     void HandOver(std::uint32_t type, Parcels& parcels, Found& received);
-    KLVMsgParcel::Owner TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from, bool isNext);
+    KLVMsgParcel::Owner TakeFirst(const KLVMsgParcel* found, KLVMsgPeer& from,
+                                  char (&bytes)[KLVMsgParcel::kLongestOfRun],
+                                  std::string_view& body);
+    static Peer& PeerOf(const KLVMsgParcel& parcel);
+    void TookOut(Peer& peer, std::size_t cost);
+    Message Unpack(KLVMsgParcel::Owner parcel, std::uint32_t type, std::string_view body,
+                   KLVMsgPeer from);
     Message Decode(std::uint32_t number, std::string_view body, KLVMsgPeer from);
     void Refuse(KLVMsgPeer from, KLVMsgEvent::Cause cause,
                 std::initializer_list<std::string_view> words);
@@ -231,6 +278,7 @@ private:
                               std::uint64_t number, KLVMsgQuestion& question, KLVMsgPeer& asked);
     KLVMsgOutcome AwaitAnswer(Lock& lock, KLVMsgQuestion& question, std::uint64_t number,
                               KLVMsgPeer asked, Time deadline);
+    Message TakeApart(Lock& lock, KLVMsgParcel::Owner parcel, KLVMsgPeer from);
     static void FailQuestions(Peer& peer, KLVMsgOutcome::Status status, int error,
                               std::string_view cause);
     bool TakeAnswer(Peer& peer, KLVMsgParcel::Owner& parcel);
@@ -241,7 +289,6 @@ private:
     }
     std::list<Receiver*>& Receivers(std::uint32_t type);
     KLVMsgOutcome TakeOne(std::uint32_t set, const Wanted& wanted, Taken& taken);
-    Message Unpack(Lock& lock, KLVMsgParcel::Owner parcel, KLVMsgPeer from);
     void TellObserver(Lock& lock);
 
     // KLVMsgLoop::Owner
@@ -251,9 +298,11 @@ private:
     void OnTook(KLVMsgLoop::Link& link) override;
     void OnStalls(KLVMsgLoop::Link& link) override;
     void OnOver(KLVMsgLoop::Link& link) override;
-    void OnAccepted(KLVMsgDescriptor socket, const std::string& address) override;
+    void OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDescriptor socket,
+                    const std::string& address) override;
     void OnListenerFailed(const KLVMsgLoop::Listener& listener, int error) override;
     void OnErrand(Lock& lock) override { TellObserver(lock); }
+    void OnReadable() override;
 
     const KLVMsgModuleUse m_module;
     const KLVMsgSessionOptions m_options;
@@ -274,10 +323,14 @@ private:
     std::size_t m_live = 0;        // connections that are not over
     std::size_t m_queuedCost = 0;  // of all outputs
     std::size_t m_paused = 0;      // peers that are not read
-    KLVMsgCounts m_past;           // of connections that are over
-    Time m_lastOwnWrite{};         // when a caller last wrote by himself
+    std::map<std::string, std::unique_ptr<KLVMsgKeep>> m_keeps;  // by label
+    std::unique_ptr<KLVMsgDialer> m_dialer;                      // null before there was one
+    std::minstd_rand m_chance;                                   // for their pauses
+    KLVMsgCounts m_past;                                         // of connections that are over
+    Time m_lastOwnWrite{};  // when a caller last wrote by himself
     std::vector<Hand> m_hands;
     bool m_isStarted = false;
+    bool m_isDraining = false;
     bool m_isEnding = false;
     bool m_isEnded = false;
     KLVMsgDescriptor m_readable;
@@ -294,6 +347,7 @@ private:
     std::list<GoneWaiter*> m_goneWaiters;
     std::list<KLVMsgWaiter*> m_eventWaiters;
     std::list<KLVMsgWaiter*> m_endWaiters;  // ConnectAgain's pauses, and End
+    std::list<KLVMsgWaiter*> m_drainWaiters;
 
     KLVMsgLoop m_loop;  // ends before what it tells
 };

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <string>
 #include <utility>
 
@@ -61,47 +60,29 @@ KLVMsgOutcome KLVMsgSessionCore::Dispatch(KLVMsgTimeLimit limit) {
 // The oldest of a set, with what handles it.
 KLVMsgOutcome KLVMsgSessionCore::TakeOne(std::uint32_t set, const Wanted& wanted, Taken& taken) {
     KLVMsgOutcome outcome;
+    char bytes[KLVMsgParcel::kLongestOfRun];
     while (taken.received.message == nullptr) {
-        Lock lock(m_mutex);
-        const KLVMsgParcel* found = m_isEnding ? nullptr : Find(set, wanted.from);
-        if (found == nullptr && !(outcome = AwaitParcel(lock, set, wanted, found))) {
-            break;
+        KLVMsgParcel::Owner parcel;
+        std::string_view body;
+        std::uint32_t type = 0;
+        {
+            Lock lock(m_mutex);
+            const KLVMsgParcel* found = m_isEnding ? nullptr : Find(set, wanted.from);
+            if (found == nullptr && !(outcome = AwaitParcel(lock, set, wanted, found))) {
+                break;
+            }
+            type = found->type;
+            taken.received.type = m_types[type].name;  // takes memory: without it it stays there
+            taken.handler = IsHandled(type) ? m_handlers[type] : nullptr;
+            parcel = TakeFirst(found, taken.received.peer, bytes, body);
+            taken.left = 0;
+            for (std::uint32_t each = 0; each < m_handlers.size(); ++each) {
+                taken.left += IsHandled(each) ? m_inbox.Count(each) : 0;
+            }
         }
-        const std::uint32_t type = found->type;
-        taken.received.type = m_types[type].name;  // takes memory: without it the message stays
-        taken.handler = IsHandled(type) ? m_handlers[type] : nullptr;
-        KLVMsgParcel::Owner parcel = TakeOut(found, taken.received.peer, true);
-        taken.left = 0;
-        for (std::uint32_t each = 0; each < m_handlers.size(); ++each) {
-            taken.left += IsHandled(each) ? m_inbox.Count(each) : 0;
-        }
-        taken.received.message = Unpack(lock, std::move(parcel), taken.received.peer);
+        taken.received.message = Unpack(std::move(parcel), type, body, taken.received.peer);
     }
     return outcome;
-}
-
-// The message of a parcel, made without the mutex, which is let go; null when its class refuses it,
-// which ends the connection.
-KLVMsgSessionCore::Message KLVMsgSessionCore::Unpack(Lock& lock, KLVMsgParcel::Owner parcel,
-                                                     KLVMsgPeer from) {
-    const std::uint32_t type = parcel->type;
-    char bytes[KLVMsgParcel::Stock::kRoom];
-    std::string_view body = parcel->Body();
-    if (parcel->room == KLVMsgParcel::Stock::kRoom && parcel->object == nullptr) {
-        // The block goes back at once, to be used again.
-        std::memcpy(bytes, body.data(), body.size());
-        body = {bytes, body.size()};
-        parcel = m_spent.Put(std::move(parcel));
-    }
-    lock.unlock();
-    Message message = parcel != nullptr && parcel->object != nullptr
-                          ? Message(std::exchange(parcel->object, nullptr))
-                          : Decode(type, body, from);
-    if (parcel != nullptr && body.data() != bytes && KLVMsgParcel::Stock::May(*parcel)) {
-        const Lock again(m_mutex);
-        parcel = m_spent.Put(std::move(parcel));
-    }
-    return message;
 }
 
 // Those who wait for a type, or for those of a set.

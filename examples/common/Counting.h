@@ -12,8 +12,8 @@ struct Count : CallText {
     KLVString GetMessageType() const override { return "Count"; }
 };
 
-// What the loop drives. It never waits for the session: it is woken by a timer, and by the session's
-// descriptor.
+// What the loop drives. It never waits for the session: it is woken by a timer, and by the
+// session's descriptor.
 class Counter {
 public:
     explicit Counter(int portPipe) {

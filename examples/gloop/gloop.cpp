@@ -9,8 +9,8 @@ static const char usage[] = R"(usage: gloop [--timeout SECONDS]
        gloop [--timeout SECONDS] ask PORT NAME
 
 The first form runs a counter and two who ask it, as processes of their own. The counter counts up
-every 10 ms, tells its port on 127.0.0.1, answers whoever asks how far it has come, and ends when two
-who asked have left again; who asks does so three times.
+every 10 ms, tells its port on 127.0.0.1, answers whoever asks how far it has come, and ends when
+two who asked have left again; who asks does so three times.
 
   --timeout SECONDS   give up when a peer has been silent for so long (20; 0: never)
   --help, --version

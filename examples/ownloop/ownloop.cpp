@@ -1,5 +1,5 @@
-// A loop of its own with epoll: one thread waits for a timer and for what the session has, and never
-// inside the session. What a program with many descriptors needs.
+// A loop of its own with epoll: one thread waits for a timer and for what the session has, and
+// never inside the session. What a program with many descriptors needs.
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 
@@ -12,8 +12,8 @@ static const char usage[] = R"(usage: ownloop [--timeout SECONDS]
        ownloop [--timeout SECONDS] ask PORT NAME
 
 The first form runs a counter and two who ask it, as processes of their own. The counter counts up
-every 10 ms, tells its port on 127.0.0.1, answers whoever asks how far it has come, and ends when two
-who asked have left again; who asks does so three times.
+every 10 ms, tells its port on 127.0.0.1, answers whoever asks how far it has come, and ends when
+two who asked have left again; who asks does so three times.
 
   --timeout SECONDS   give up when a peer has been silent for so long (20; 0: never)
   --help, --version
