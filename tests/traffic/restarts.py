@@ -279,7 +279,8 @@ def main():
             server.restart()
         for client in clients:
             client.is_to_stop.set()
-        require(server.serve(lambda: not any(one.thread.is_alive() for one in clients), 60), "it does not drain")
+        are_over = lambda: not any(one.thread.is_alive() for one in clients)  # noqa: E731
+        require(server.serve(are_over, 60), "it does not drain")
         require(server.serve(lambda: not server.connections(), 10), "a client has not closed")
         account = Account()
         account.tell(options, server, clients)
