@@ -81,6 +81,24 @@ TEST(SessionReceiving, AFullInboxHoldsUpItsSender) {
     }
 }
 
+TEST(SessionReceiving, WhoIsHeldForTheSakeOfAllGoesOnWhenHalfIsGone) {
+    KLVMsgSessionOptions options;
+    options.inboxLimitOfAll = 1000;
+    MutePair pair(options);
+    PlainPeer other(pair.session.port);
+    pair.session.Came("other");
+    pair.mute.Send(WordBytes(std::string(2000, 'x')));
+    EXPECT_TRUE(pair.session.Holds(1));
+    other.Send(WordBytes("1"));
+    EXPECT_TRUE(pair.session.Holds(2)) << "of whom nothing is there is read even then";
+    other.Send(WordBytes("2"));
+    EXPECT_EQ("1", pair.session.Next("other"));
+    EXPECT_TRUE(pair.session.Holds(2)) << "nor is anything there now";
+    other.Send(WordBytes("3"));
+    EXPECT_EQ(2000U, pair.session.Next("mute").size());
+    EXPECT_TRUE(pair.session.Holds(2));
+}
+
 TEST(SessionReceiving, WaitingReadsPastAFullInboxForThoseMeant) {
     KLVMsgSessionOptions options;
     options.inboxLimit = 1000;

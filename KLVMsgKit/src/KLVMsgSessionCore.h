@@ -238,6 +238,7 @@ private:
     static bool WithdrawFrom(Queue& awaited, KLVMsgLoop::Link* link,
                              const KLVMsgDelivery& delivery);
     KLVMsgOutcome LeaveOut(const KLVMsgDelivery& delivery, bool isLabel);
+    static void TellTaken(Queue& awaited, KLVMsgOutput::Position taken);
     static void FailAwaited(Queue& awaited, const std::string& cause);
     void WakeRoomless();
 

@@ -144,6 +144,7 @@ void KLVMsgSessionCore::TakeBackLate(KLVMsgLoop::Link& link) {
 void KLVMsgSessionCore::TakeBack(KLVMsgKeep& keep, KLVMsgLoop::Link& link, Queue& awaited) {
     Peer& place = *keep.place;
     KLVMsgOutput& output = link.connection.output;
+    TellTaken(awaited, output.Taken());  // by whoever was still writing
     const std::size_t hello = keep.HelloSize();
     const bool isHelloOut = output.Taken() < hello && !output.IsEmpty();
     if (isHelloOut && output.CutOut(0, hello)) {

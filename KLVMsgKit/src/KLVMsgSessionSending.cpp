@@ -318,18 +318,22 @@ void KLVMsgSessionCore::OnTook(KLVMsgLoop::Link& link) {
         OpenPlace(*peer.keep);
     }
     const KLVMsgOutput& output = link.connection.output;
-    while (!peer.awaited.empty() && peer.awaited.front().end <= output.Taken()) {
-        KLVMsgDelivery& delivery = *peer.awaited.front().delivery;
-        peer.awaited.pop_front();
-        if (--delivery.left == 0) {
-            delivery.waiter.Wake();
-        }
-    }
+    TellTaken(peer.awaited, output.Taken());
     if (!link.connection.Takes() && output.IsEmpty() && !peer.awaited.empty()) {
         FailAwaited(peer.awaited, link.connection.Text());
     }
     UpdateCost(peer);
     WakeRoomless();
+}
+
+void KLVMsgSessionCore::TellTaken(Queue& awaited, KLVMsgOutput::Position taken) {
+    while (!awaited.empty() && awaited.front().end <= taken) {
+        KLVMsgDelivery& delivery = *awaited.front().delivery;
+        awaited.pop_front();
+        if (--delivery.left == 0) {
+            delivery.waiter.Wake();
+        }
+    }
 }
 
 // They will not be taken any more.

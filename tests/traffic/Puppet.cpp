@@ -169,26 +169,12 @@ struct Session {
         std::string failed;
         for (; Clock::now() < end; ++loaded, std::this_thread::sleep_for(10ms)) {
             Other other(std::to_string(loaded) + " ");
-            other.body.resize(static_cast<std::size_t>(loaded % 500 < 2 ? 2000 * second : second));
-            const KLVMsgOutcome outcome = loaded % 2 == 0
-                                              ? session->Post(label, other)
+            other.body.resize(std::size_t(loaded % 500 < 2 ? 2000 * second : second));
+            const auto done = loaded % 2 == 0 ? session->Post(label, other)
                                               : session->Send(label, other, Milliseconds(third));
-            failed += outcome ? "" : Text(loaded, outcome.status);
+            failed += done ? "" : Text(loaded, done.status);
         }
         return Text(loaded) + failed;
-    }
-
-    // How many events of each kind there are, and how many more there were.
-    std::string Events() {
-        std::map<int, std::uint64_t> kinds;
-        for (KLVMsgEvent event; (event = session->NextEvent(0ms)); kinds[-1] += event.missed) {
-            ++kinds[event.kind];
-        }
-        std::string counts;
-        for (const auto& [kind, count] : kinds) {
-            counts += Text(kind, count);
-        }
-        return counts;
     }
 
     // Tells the outcome, and by how much it came later than the limit.
@@ -216,7 +202,6 @@ struct Session {
                : command == "connect" ? (Check(session->Connect(Server(), label, 10s)), "")
                : command == "keep"    ? (Check(session->Keep(Server(), label, Word(label))), "")
                : command == "load"    ? Load()
-               : command == "events"  ? Events()
                : command == "answer"  ? Answer()
                : command == "take"    ? Take()
                : command == "taken"   ? Text(taken, disordered)
