@@ -28,7 +28,8 @@ FLOORS = (
     # The session, from its first floor to its fifth.
     "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
     "KLVMsgPeerInfo KLVMsgPeerInfoData KLVMsgNetwork "
-    "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage "
+    "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage KLVMsgCallMessage "
+    "KLVMsgReceivedAny KLVMsgQuestionCounts "
     "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
     "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgQuietThread KLVMsgResolver "
     "KLVMsgDialer",
@@ -36,6 +37,7 @@ FLOORS = (
     "KLVMsgLoop",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
     "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionDraining "
+    "KLVMsgSessionAsking KLVMsgSessionDispatching KLVMsgMetrics "
     "KLVMsgPeerBook KLVMsgKeep KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
     "examples/",
 )
@@ -48,7 +50,8 @@ FAMILIES = (
     "KLVMsgStream KLVMsgInputStream KLVMsgOutputStream KLVMsgSimpleInputStream "
     "KLVMsgBufferedOutputStream",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving "
-    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionDraining",
+    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionDraining "
+    "KLVMsgSessionAsking KLVMsgSessionDispatching",
 )
 
 # What the session does without: the two singletons with all that stands around them.

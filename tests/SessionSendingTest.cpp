@@ -53,7 +53,9 @@ TEST(SessionSending, WhatWaitsForTheStartGoesInOrderWithoutWhatWasWithdrawn) {
         return Eventually([&] { return client.Counts().messagesQueued == n; });
     };
     EXPECT_TRUE(client.Connect(At(server.port), "server", ever));
-    EXPECT_TRUE(client.Post("server", Word("one")));
+    EXPECT_TRUE(client.Register(Quiz()) && client.Post("server", Word("one")));
+    EXPECT_EQ(KLVMsgOutcome::kTooLate, client.Ask<Quiz>("server", Quiz(), 1ms).status);
+    EXPECT_TRUE(queues(1)) << "the question was withdrawn";
     EXPECT_EQ(KLVMsgOutcome::kFull, client.Post("server", Word(std::string(846, 'x'))).status);
     auto late = std::async(std::launch::async, send, 500, 500ms);
     EXPECT_TRUE(queues(2));

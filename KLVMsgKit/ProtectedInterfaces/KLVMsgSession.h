@@ -1,6 +1,7 @@
 // For applications: everything that a process needs to talk, in one object.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -8,12 +9,15 @@
 #include <utility>
 #include <vector>
 
+#include "KLVMsgCallMessage.h"
 #include "KLVMsgEvent.h"
 #include "KLVMsgFramedMessage.h"
 #include "KLVMsgKitExport.h"
 #include "KLVMsgOutcome.h"
 #include "KLVMsgPeer.h"
 #include "KLVMsgPeerInfo.h"
+#include "KLVMsgQuestionCounts.h"
+#include "KLVMsgReceivedAny.h"
 #include "KLVMsgSessionOptions.h"
 #include "KLVMsgSocketAddress.h"
 #include "KLVMsgSocketMessage.h"
@@ -69,12 +73,16 @@ public:
             std::is_base_of<KLVMsgSocketMessage, Message>::value,
             "KLVMsgSession::Register(prototype): the prototype must be an object of a class "
             "that is derived from KLVMsgSocketMessage");
+        constexpr bool isCall = std::is_base_of<KLVMsgCallMessage, Message>::value;
+        static_assert(!isCall || KeepsReading<Message>::value,
+                      "KLVMsgSession::Register(prototype): a class that is derived from "
+                      "KLVMsgCallMessage leaves reading of its body to it");
         auto kept = std::make_unique<Message>(std::move(prototype));
         const KLVMsgFramedMessage* framed = nullptr;
         if constexpr (KeepsReading<Message>::value) {
             framed = kept.get();
         }
-        return RegisterPrototype(std::move(kept), typeid(Message), framed);
+        return RegisterPrototype(std::move(kept), typeid(Message), framed, isCall);
     }
 
     // Lets peers connect to every address that the host has on this machine, and tells the port;
@@ -136,6 +144,15 @@ public:
     // Starts the loop: from now on messages move. Fails where the system has no thread to give.
     KLVMsgOutcome Start();
 
+    // Has the loop's thread call the function with every event, for logs: in the order in which
+    // they happen, NextEvent beside it. No lock is held meanwhile, and no connection is read or
+    // written: so it is to be quick, and may call whatever waits for nothing (Post, Answer,
+    // SetLabel, Peers, Disconnect, Counts, operations with a limit of 0ms), but not End or the
+    // destructor. What it throws goes no further. Where it is a thousand events behind the oldest
+    // are left out, and `missed` counts them. An empty function sees none. Failed: the session has
+    // been started.
+    KLVMsgOutcome Observe(std::function<void(const KLVMsgEvent& event)> function);
+
     // Sending -------------------------------------------------------------------------------------
     //
     // A message is an object, or a std::unique_ptr to one; it is turned into bytes at once, on this
@@ -170,12 +187,12 @@ public:
 
     // Receiving -----------------------------------------------------------------------------------
 
-    // Waits for a message of exactly this class and hands over the oldest: of any connection, or of
-    // those that are meant. A label means the connections that have it now; of one that has gone,
-    // the last that it had. Peer gone: none is there and no such connection either, so that none
-    // will come. Failed: the class was never registered. Full: so much that nobody asks for has
-    // come before it that reading has stopped. A message that its class refused is none: its
-    // connection ends.
+    // Waits for a message of exactly this class and hands over the oldest: of any connection, or
+    // of those that are meant. A label means the connections that have it now; of one that has
+    // gone, the last that it had. Peer gone: none is there and no such connection either, so that
+    // none will come. Failed: the class was never registered, or has a handler. Full: so much that
+    // nobody asks for has come before it that reading has stopped. A message that its class
+    // refused is none: its connection ends.
     template <class Message>
     KLVMsgReceived<Message> Receive(KLVMsgTimeLimit limit) {
         return Take<Message>(limit, nullptr);
@@ -195,10 +212,76 @@ public:
         return TakeAll<Message>(limit, &from);
     }
 
+    // The same of any class that was registered and has no handler: the oldest of them all. Its
+    // type is in the outcome.
+    KLVMsgReceivedAny ReceiveAny(KLVMsgTimeLimit limit);
+    KLVMsgReceivedAny ReceiveAny(KLVMsgTimeLimit limit, const KLVMsgPeers& from);
+
+    // Has Dispatch call the function with messages of exactly this class, which are Dispatch's
+    // alone from now on: Receive of it fails. The message is the function's, which may do anything
+    // that the thread that calls Dispatch may. Another function takes the place of the one before,
+    // and an empty one gives the class back to Receive. Failed: the class was never registered.
+    template <class Message>
+    KLVMsgOutcome Handle(std::function<void(KLVMsgReceived<Message> received)> function) {
+        CheckWanted<Message>();
+        if (function == nullptr) {
+            return SetHandler(typeid(Message), nullptr);
+        }
+        return SetHandler(typeid(Message), [handle = std::move(function)](KLVMsgReceivedAny any) {
+            handle(any.Take<Message>());
+        });
+    }
+
+    // Waits until there is a message of a class that has a handler, as Receive does, and then calls
+    // handlers on this thread, with the oldest message first, for all that are there by then; what
+    // comes meanwhile is for the next time. With 0ms it does not wait: a loop of one's own calls it
+    // when Descriptor() is readable. What a handler throws passes out of it: its message is done,
+    // and the others are there for the next time. Failed: no class has a handler.
+    KLVMsgOutcome Dispatch(KLVMsgTimeLimit limit);
+
     // A descriptor for loops of one's own (poll, epoll): readable while there is a message or an
     // event to be asked for, and once the session has ended. It stays the session's: neither read
     // it nor close it. -1 where the system has none to give.
     int Descriptor();
+
+    // Questions -----------------------------------------------------------------------------------
+
+    // Goes to one connection alone: of a label to one that has it, in turn, and to no other when
+    // that one fails. Queues the question as Post does, and waits for an answer of exactly this
+    // class from there: past what else has come, in the inbox or not. There may be any number at a
+    // time, on any thread but the loop's; also in a handler. Peer gone: there is no such
+    // connection, or it went before it had answered, which ends the waiting at once; the text
+    // tells how. Full: there is no room in its queue, or so much that nobody asks for has come
+    // before the answer that reading has stopped. Too late: the question is withdrawn where none
+    // of its bytes was taken; otherwise it may still arrive, and its answer is dropped. Failed:
+    // the answer's class was never registered, or the question cannot be put into bytes.
+    // Requires: the session has been started.
+    template <class Answer, class Question>
+    KLVMsgReceived<Answer> Ask(const KLVMsgPeers& to, const Question& question,
+                               KLVMsgTimeLimit limit) {
+        static_assert(std::is_base_of<KLVMsgCallMessage, Answer>::value,
+                      "KLVMsgSession::Ask<T>: T must be a class that is derived from "
+                      "KLVMsgCallMessage, the same as that of a registered prototype");
+        KLVMsgReceived<KLVMsgSocketMessage> found =
+            AskMessage(to, Call(question), typeid(Answer), limit);
+        KLVMsgReceived<Answer> received;
+        KLVMsgOutcome& outcome = found;
+        static_cast<KLVMsgOutcome&>(received) = std::move(outcome);
+        received.message.reset(static_cast<Answer*>(found.message.release()));
+        received.peer = found.peer;
+        return received;
+    }
+
+    // Posts the answer to whoever sent the question, which is what Receive, ReceiveAll (one of its
+    // messages) or a handler has given. Where no answer is wanted none goes, and that is done.
+    template <class Received, class Message>
+    KLVMsgOutcome Answer(const Received& question, const Message& answer) {
+        const KLVMsgCallMessage* const asked = Call(*question);
+        return AnswerMessage(question.peer, asked->cameWith, Call(answer));
+    }
+
+    // What has become of the questions so far.
+    KLVMsgQuestionCounts Questions();
 
     // Connections ---------------------------------------------------------------------------------
 
@@ -355,9 +438,33 @@ private:
                       "KLVMsgSocketMessage, the same as that of a registered prototype");
     }
 
+    // The question or answer, in whichever form it was given; null where there is none.
+    template <class Message>
+    static const KLVMsgCallMessage* Call(const Message& message) {
+        constexpr bool isCall = std::is_base_of<KLVMsgCallMessage, Message>::value;
+        static_assert(isCall || IsOwner<Message>::value,
+                      "KLVMsgSession: a question, or an answer, must be an object of a class that "
+                      "is derived from KLVMsgCallMessage, or a std::unique_ptr to one");
+        if constexpr (isCall) {
+            static_assert(KeepsWriting<Message>::value,
+                          "KLVMsgSession: a class that is derived from KLVMsgCallMessage leaves "
+                          "writing of its body to it");
+            return &message;
+        } else if constexpr (IsOwner<Message>::value) {
+            return message == nullptr ? nullptr : Call(*message);
+        } else {
+            return nullptr;
+        }
+    }
+
+    using Handler = std::function<void(KLVMsgReceivedAny)>;
+
     static KLVMsgOutcome NoMessage();
     KLVMsgOutcome RegisterPrototype(std::unique_ptr<KLVMsgSocketMessage> prototype,
                                     const std::type_info& type, const KLVMsgFramedMessage* framed);
+    KLVMsgOutcome RegisterPrototype(std::unique_ptr<KLVMsgSocketMessage> prototype,
+                                    const std::type_info& type, const KLVMsgFramedMessage* framed,
+                                    bool isCall);
     KLVMsgOutcome KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
                            KLVMsgSocketMessage& hello, const KLVMsgFramedMessage* framed);
     KLVMsgOutcome PostMessage(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
@@ -366,6 +473,13 @@ private:
                               const KLVMsgFramedMessage* framed, KLVMsgTimeLimit limit);
     KLVMsgReceived<KLVMsgSocketMessage> ReceiveOne(const Wanted& wanted);
     Found ReceiveMany(const Wanted& wanted);
+    KLVMsgOutcome SetHandler(const std::type_info& type, Handler handler);
+    KLVMsgReceived<KLVMsgSocketMessage> AskMessage(const KLVMsgPeers& to,
+                                                   const KLVMsgCallMessage* question,
+                                                   const std::type_info& answer,
+                                                   KLVMsgTimeLimit limit);
+    KLVMsgOutcome AnswerMessage(KLVMsgPeer to, std::uint64_t question,
+                                const KLVMsgCallMessage* answer);
 
     friend class KLVMsgSessionCore;
     std::unique_ptr<KLVMsgSessionCore> m_core;

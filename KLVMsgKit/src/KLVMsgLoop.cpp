@@ -195,6 +195,8 @@ void KLVMsgLoop::Run() {
         m_isAsleep = false;
         m_now = Clock::now();
         if (m_isToStop) {
+            Clear("the session has ended");
+            DoErrand(lock);
             return;
         }
         for (int i = 0; i < count; ++i) {
@@ -206,6 +208,13 @@ void KLVMsgLoop::Run() {
         }
         CheckTimers();
         CheckListeners();
+        DoErrand(lock);
+    }
+}
+
+void KLVMsgLoop::DoErrand(Lock& lock) {
+    if (std::exchange(m_hasErrand, false)) {
+        m_owner.OnErrand(lock);
     }
 }
 
@@ -214,7 +223,7 @@ int KLVMsgLoop::Wait(epoll_event* events, int most) {
     {
         const Lock lock(m_mutex);
         // Who touches a connection while others gather need not wake the loop for it.
-        m_isAsleep = m_firstTouched == nullptr && !m_isToStop;
+        m_isAsleep = m_firstTouched == nullptr && !m_isToStop && !m_hasErrand;
         until = m_isAsleep ? NextTimer() : m_isToStop ? Time::min() : m_gathersUntil;
     }
     timespec limit = {};

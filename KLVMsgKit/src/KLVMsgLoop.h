@@ -88,6 +88,9 @@ public:
         virtual void OnListenerFailed(const Listener& listener, int error) = 0;
         virtual void OnReadable() = 0;  // what it has asked to be watched
 
+        // AskForErrand has asked for it. May let the mutex go meanwhile.
+        virtual void OnErrand(Lock& lock) = 0;
+
     protected:
         ~Owner() = default;
     };
@@ -133,10 +136,17 @@ public:
     // own.
     void WriteNow(Lock& lock, const LinkPtr& link, Time now);
 
+    // Has the owner told OnErrand soon, at the end of a round.
+    void AskForErrand() {
+        m_hasErrand = true;
+        Wake();
+    }
+
     // Whether it waits for something to happen, with nothing to do meanwhile.
     bool IsAsleep() const { return m_isAsleep; }
 
-    // Ends all connections that are left. Requires: the loop does not run.
+    // Ends all connections that are left. The loop does so when it ends; one that has never run is
+    // told to. Requires: it does not run.
     void Clear(const char* cause);
 
 private:
@@ -172,6 +182,7 @@ private:
     void Took(Link& link, const KLVMsgTransport::Result& result, bool isFull);
     void CheckTimers();
     void CheckListeners();
+    void DoErrand(Lock& lock);
     void Accept(Lock& lock, std::uint64_t id);
     Time NextTimer() const;
     void PauseListener(Listener& listener, int error);
@@ -207,4 +218,5 @@ private:
     Time m_now{};
     bool m_isAsleep = false;
     bool m_isToStop = false;
+    bool m_hasErrand = false;
 };

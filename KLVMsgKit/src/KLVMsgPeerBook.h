@@ -17,6 +17,7 @@
 #include "KLVMsgPeer.h"
 
 struct KLVMsgDelivery;
+struct KLVMsgQuestion;
 struct KLVMsgKeep;
 
 // What the session knows of one connection, from its beginning until it is over and nothing of it
@@ -44,6 +45,8 @@ struct KLVMsgSessionPeer : KLVMsgLoop::Client {
     bool isPlace = false;        // the place of a Keep's connection while that is away
     KLVMsgInbox::Sender sent;    // what it has sent and nobody has asked for
     KLVMsgFifo<Awaited> awaited;
+    std::map<std::uint64_t, KLVMsgQuestion*> questions;  // by number: those it has not answered
+    std::uint64_t lastTurn = 0;                          // when it was last asked; 0: never
     std::size_t cost = 0;    // of its output, as far as the session has counted it
     std::size_t inHand = 0;  // threads that have its message and have not asked for the next one
     bool isTold = false;     // that it has gone

@@ -19,10 +19,21 @@ KLVMsgOutcome KLVMsgSession::NoMessage() {
     return {KLVMsgOutcome::kFailed, EINVAL, "there is no message"};
 }
 
+// For programs that were built before there were questions.
 KLVMsgOutcome KLVMsgSession::RegisterPrototype(std::unique_ptr<KLVMsgSocketMessage> prototype,
                                                const std::type_info& type,
                                                const KLVMsgFramedMessage* framed) {
-    return m_core->Register(std::move(prototype), type, framed);
+    return m_core->Register(std::move(prototype), type, framed, false);
+}
+
+KLVMsgOutcome KLVMsgSession::RegisterPrototype(std::unique_ptr<KLVMsgSocketMessage> prototype,
+                                               const std::type_info& type,
+                                               const KLVMsgFramedMessage* framed, bool isCall) {
+    return m_core->Register(std::move(prototype), type, framed, isCall);
+}
+
+KLVMsgOutcome KLVMsgSession::Observe(std::function<void(const KLVMsgEvent&)> function) {
+    return m_core->Observe(std::move(function));
 }
 
 KLVMsgOutcome KLVMsgSession::Serve(const KLVMsgSocketAddress& address, int* port) {
@@ -86,6 +97,39 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSession::ReceiveOne(const Wanted& want
 KLVMsgSession::Found KLVMsgSession::ReceiveMany(const Wanted& wanted) {
     return m_core->ReceiveMany(wanted);
 }
+
+KLVMsgReceivedAny KLVMsgSession::ReceiveAny(KLVMsgTimeLimit limit) {
+    return m_core->ReceiveAny(limit, nullptr);
+}
+
+KLVMsgReceivedAny KLVMsgSession::ReceiveAny(KLVMsgTimeLimit limit, const KLVMsgPeers& from) {
+    return m_core->ReceiveAny(limit, &from);
+}
+
+KLVMsgOutcome KLVMsgSession::SetHandler(const std::type_info& type, Handler handler) {
+    return m_core->SetHandler(type, std::move(handler));
+}
+
+KLVMsgOutcome KLVMsgSession::Dispatch(KLVMsgTimeLimit limit) { return m_core->Dispatch(limit); }
+
+KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSession::AskMessage(const KLVMsgPeers& to,
+                                                              const KLVMsgCallMessage* question,
+                                                              const std::type_info& answer,
+                                                              KLVMsgTimeLimit limit) {
+    if (question != nullptr) {
+        return m_core->Ask(to, *question, answer, limit);
+    }
+    KLVMsgReceived<KLVMsgSocketMessage> none;
+    static_cast<KLVMsgOutcome&>(none) = NoMessage();
+    return none;
+}
+
+KLVMsgOutcome KLVMsgSession::AnswerMessage(KLVMsgPeer to, std::uint64_t question,
+                                           const KLVMsgCallMessage* answer) {
+    return answer == nullptr ? NoMessage() : m_core->Answer(to, question, *answer);
+}
+
+KLVMsgQuestionCounts KLVMsgSession::Questions() { return m_core->Questions(); }
 
 int KLVMsgSession::Descriptor() { return m_core->Descriptor(); }
 

@@ -93,7 +93,7 @@ KLVMsgOutcome KLVMsgSessionCore::IsReady() const {
 // Set-up ------------------------------------------------------------------------------------------
 
 KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_info& type,
-                                          const KLVMsgFramedMessage* framed) {
+                                          const KLVMsgFramedMessage* framed, bool isCall) {
     std::string name;
     Message made;
     try {
@@ -124,10 +124,10 @@ KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_inf
         return Failure(EINVAL, "NewInstance of " + name + " makes an object of another class");
     }
     // Room first: a type that is known has its place everywhere.
-    m_receivers.resize(m_types.Size() + 1);
+    m_receivers.resize(kSets + m_types.Size() + 1);
     m_inbox.Prepare(m_types.Size() + 1);
     m_types.Add({name, &type, std::move(prototype), framed != nullptr,
-                 framed != nullptr ? framed->LargestBody() : 0});
+                 framed != nullptr ? framed->LargestBody() : 0, isCall});
     return {};
 }
 
@@ -355,6 +355,7 @@ void KLVMsgSessionCore::TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std
         return;
     }
     peer.isTold = true;
+    FailQuestions(peer, KLVMsgOutcome::kPeerGone, ENOTCONN, text);
     if (peer.keep != nullptr) {
         OpenPlace(*peer.keep);
     }
@@ -464,6 +465,10 @@ KLVMsgEvent KLVMsgSessionCore::Event(KLVMsgEvent::Kind kind, const Peer* peer) {
 }
 
 void KLVMsgSessionCore::PushEvent(KLVMsgEvent event) {
+    if (m_observer != nullptr) {
+        m_observed.Push(event);
+        m_loop.AskForErrand();
+    }
     m_events.Push(std::move(event));
     for (KLVMsgWaiter* const one : m_eventWaiters) {
         if (!one->IsWoken()) {
@@ -639,4 +644,7 @@ void KLVMsgSessionCore::WakeEverybody() {
     for (KLVMsgDelivery* const one : m_roomless) {
         one->waiter.Wake();
     }
+    m_book.ForEach([](Peer& peer) {
+        FailQuestions(peer, KLVMsgOutcome::kPeerGone, ESHUTDOWN, "the session has ended");
+    });
 }

@@ -3,8 +3,10 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <list>
 #include <map>
@@ -50,13 +52,25 @@ struct KLVMsgDelivery {
     }
 };
 
+// A question that somebody waits to be answered; it is on the asking thread's stack.
+struct KLVMsgQuestion {
+    KLVMsgWaiter waiter;
+    KLVMsgDelivery delivery;  // of the question
+    std::uint32_t type = 0;   // of the answer
+    bool isOver = false;
+    KLVMsgParcel::Owner answer;  // null when it is over without one, for the cause in `failure`
+    KLVMsgOutcome failure;
+};
+
 // What stands behind KLVMsgSession. The mutex guards all of it but the types, which do not change
 // once the loop runs, and the options. It is never held while a message's own code runs, a system
 // call transfers, or somebody waits.
 //
 // Sources: KLVMsgSessionCore.cpp has connections and the end, KLVMsgSessionAdmitting.cpp who may
 // connect, KLVMsgSessionKeeping.cpp the connections that come back, KLVMsgSessionSending.cpp and
-// KLVMsgSessionReceiving.cpp the two directions, KLVMsgSessionDraining.cpp what Drain waits for.
+// KLVMsgSessionReceiving.cpp the two directions, KLVMsgSessionAsking.cpp what goes both ways,
+// KLVMsgSessionDispatching.cpp what calls the application (handlers, and who observes),
+// KLVMsgSessionDraining.cpp what Drain waits for.
 class KLVMsgSessionCore final : private KLVMsgLoop::Owner {
 public:
     using Peer = KLVMsgSessionPeer;
@@ -66,6 +80,7 @@ public:
     using Wanted = KLVMsgSession::Wanted;
     using Message = std::unique_ptr<KLVMsgSocketMessage>;
     using Found = KLVMsgSession::Found;
+    using Observer = std::function<void(const KLVMsgEvent&)>;
 
     explicit KLVMsgSessionCore(const KLVMsgSessionOptions& options);
     ~KLVMsgSessionCore();
@@ -74,7 +89,8 @@ public:
 
     // The operations of KLVMsgSession.
     KLVMsgOutcome Register(Message prototype, const std::type_info& type,
-                           const KLVMsgFramedMessage* framed);
+                           const KLVMsgFramedMessage* framed, bool isCall);
+    KLVMsgOutcome Observe(Observer observer);
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port);
     KLVMsgOutcome StopServing(int port);
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label, Time limit,
@@ -90,6 +106,14 @@ public:
                        const KLVMsgFramedMessage* framed, KLVMsgTimeLimit limit);
     KLVMsgReceived<KLVMsgSocketMessage> ReceiveOne(const Wanted& wanted);
     KLVMsgReceivedAll<KLVMsgSocketMessage> ReceiveMany(const Wanted& wanted);
+    KLVMsgReceivedAny ReceiveAny(KLVMsgTimeLimit limit, const KLVMsgPeers* from);
+    KLVMsgOutcome SetHandler(const std::type_info& type, KLVMsgSession::Handler handler);
+    KLVMsgOutcome Dispatch(KLVMsgTimeLimit limit);
+    KLVMsgReceived<KLVMsgSocketMessage> Ask(const KLVMsgPeers& to,
+                                            const KLVMsgCallMessage& question,
+                                            const std::type_info& answer, KLVMsgTimeLimit limit);
+    KLVMsgOutcome Answer(KLVMsgPeer to, std::uint64_t question, const KLVMsgCallMessage& answer);
+    KLVMsgQuestionCounts Questions();
     int Descriptor();
     KLVMsgOutcome SetLabel(KLVMsgPeer peer, const std::string& label);
     KLVMsgPeerInfo Info(KLVMsgPeer peer);
@@ -121,11 +145,26 @@ private:
         std::vector<KLVMsgPeer> peers;
     };
 
+    // Beside the number of a type: all that have a handler, and all that have none.
+    static constexpr std::uint32_t kHandled = 0xfffffffe;
+    static constexpr std::uint32_t kUnhandled = 0xfffffffd;
+    static constexpr std::uint32_t kSets = 2;
+
+    static constexpr char kInboxIsFull[] =
+        "what nobody asks for has filled the inbox before such a message came";
+
+    using Handler = std::shared_ptr<const KLVMsgSession::Handler>;
+    struct Taken {
+        KLVMsgReceivedAny received;
+        Handler handler;       // null where there is none
+        std::size_t left = 0;  // messages that have one
+    };
     using Queue = KLVMsgFifo<Peer::Awaited>;
     using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
 
     static KLVMsgOutcome Late();
     static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
+    static KLVMsgOutcome InboxIsFull();
     KLVMsgOutcome Gone(const KLVMsgPeers& meant);
     KLVMsgOutcome IsReady() const;
 
@@ -196,6 +235,8 @@ private:
                        Time deadline);
     void RetryRoomless(Lock& lock, KLVMsgDelivery& delivery, const KLVMsgWireWriter& bytes);
     void Withdraw(KLVMsgDelivery& delivery);
+    static bool WithdrawFrom(Queue& awaited, KLVMsgLoop::Link* link,
+                             const KLVMsgDelivery& delivery);
     KLVMsgOutcome LeaveOut(const KLVMsgDelivery& delivery, bool isLabel);
     static void TellTaken(Queue& awaited, KLVMsgOutput::Position taken);
     static void FailAwaited(Queue& awaited, const std::string& cause);
@@ -205,6 +246,7 @@ private:
     KLVMsgOutcome AwaitParcel(Lock& lock, std::uint32_t type, const Wanted& wanted,
                               const KLVMsgParcel*& found);
     const KLVMsgParcel* Find(std::uint32_t type, const KLVMsgPeers* from);
+    const KLVMsgParcel* FindOfClass(std::uint32_t type, const KLVMsgPeers* from);
     std::size_t TakePart(std::uint32_t type, const KLVMsgPeers* from, std::size_t most,
                          bool isFirst, Parcels& parcels);
     void HandOver(std::uint32_t type, Parcels& parcels, Found& received);
@@ -213,6 +255,8 @@ private:
                                   std::string_view& body);
     static Peer& PeerOf(const KLVMsgParcel& parcel);
     void TookOut(Peer& peer, std::size_t cost);
+    Message Unpack(KLVMsgParcel::Owner parcel, std::uint32_t type, std::string_view body,
+                   KLVMsgPeer from);
     Message Decode(std::uint32_t number, std::string_view body, KLVMsgPeer from);
     void Refuse(KLVMsgPeer from, KLVMsgEvent::Cause cause,
                 std::initializer_list<std::string_view> words);
@@ -228,6 +272,26 @@ private:
     void TakeInHand(Peer& peer, bool isNext);
     Hand* MyHand();
 
+    // Asking.
+    Peer* NextToAsk(const KLVMsgPeers& to);
+    KLVMsgOutcome NobodyToAsk(const KLVMsgPeers& to);
+    KLVMsgOutcome PutQuestion(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
+                              std::uint64_t number, KLVMsgQuestion& question, KLVMsgPeer& asked);
+    KLVMsgOutcome AwaitAnswer(Lock& lock, KLVMsgQuestion& question, std::uint64_t number,
+                              KLVMsgPeer asked, Time deadline);
+    Message TakeApart(Lock& lock, KLVMsgParcel::Owner parcel, KLVMsgPeer from);
+    static void FailQuestions(Peer& peer, KLVMsgOutcome::Status status, int error,
+                              std::string_view cause);
+    bool TakeAnswer(Peer& peer, KLVMsgParcel::Owner& parcel);
+
+    // Dispatching.
+    bool IsHandled(std::uint32_t type) const {
+        return type < m_handlers.size() && m_handlers[type] != nullptr;
+    }
+    std::list<Receiver*>& Receivers(std::uint32_t type);
+    KLVMsgOutcome TakeOne(std::uint32_t set, const Wanted& wanted, Taken& taken);
+    void TellObserver(Lock& lock);
+
     // KLVMsgLoop::Owner
     void OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals,
                 KLVMsgParcel::Stock& stock) override;
@@ -238,6 +302,7 @@ private:
     void OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDescriptor socket,
                     const std::string& address) override;
     void OnListenerFailed(const KLVMsgLoop::Listener& listener, int error) override;
+    void OnErrand(Lock& lock) override { TellObserver(lock); }
     void OnReadable() override;
 
     const KLVMsgModuleUse m_module;
@@ -254,9 +319,11 @@ private:
     KLVMsgInbox m_inbox;
     KLVMsgParcel::Stock m_spent;  // blocks of messages that were handed over
     KLVMsgEventQueue m_events;
-    std::size_t m_live = 0;                                      // connections that are not over
-    std::size_t m_queuedCost = 0;                                // of all outputs
-    std::size_t m_paused = 0;                                    // peers that are not read
+    Observer m_observer;           // does not change once the loop runs
+    KLVMsgEventQueue m_observed;   // what it has not seen yet
+    std::size_t m_live = 0;        // connections that are not over
+    std::size_t m_queuedCost = 0;  // of all outputs
+    std::size_t m_paused = 0;      // peers that are not read
     std::map<std::string, std::unique_ptr<KLVMsgKeep>> m_keeps;  // by label
     std::unique_ptr<KLVMsgDialer> m_dialer;                      // null before there was one
     std::minstd_rand m_chance;                                   // for their pauses
@@ -270,7 +337,13 @@ private:
     KLVMsgDescriptor m_readable;
     bool m_isReadable = false;
 
-    std::vector<std::list<Receiver*>> m_receivers;  // by type
+    std::atomic<std::uint64_t> m_lastQuestion{0};  // its number
+    KLVMsgQuestionCounts m_questions;              // but for those that wait
+
+    std::vector<Handler> m_handlers;  // by type, as far as there have been any
+
+    // Those of the two sets first, then by type.
+    std::vector<std::list<Receiver*>> m_receivers{kSets};
     std::list<KLVMsgDelivery*> m_roomless;
     std::list<GoneWaiter*> m_goneWaiters;
     std::list<KLVMsgWaiter*> m_eventWaiters;

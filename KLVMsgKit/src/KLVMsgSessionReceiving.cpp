@@ -26,12 +26,15 @@ KLVMsgOutcome NotRegistered() {
     return {KLVMsgOutcome::kFailed, EINVAL, "no prototype of this class was registered"};
 }
 
-KLVMsgOutcome InboxIsFull() {
-    return {KLVMsgOutcome::kFull, ENOBUFS,
-            "what nobody asks for has filled the inbox before such a message came"};
+KLVMsgOutcome HasHandler() {
+    return {KLVMsgOutcome::kFailed, EINVAL, "the class has a handler: its messages are Dispatch's"};
 }
 
 }  // namespace
+
+KLVMsgOutcome KLVMsgSessionCore::InboxIsFull() {
+    return {KLVMsgOutcome::kFull, ENOBUFS, kInboxIsFull};
+}
 
 // The application's side --------------------------------------------------------------------------
 
@@ -55,15 +58,23 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& 
             }
             parcel = TakeFirst(found, received.peer, bytes, body);
         }
-        received.message = parcel != nullptr && parcel->object != nullptr
-                               ? Message(std::exchange(parcel->object, nullptr))
-                               : Decode(type, body, received.peer);
-        if (parcel != nullptr && KLVMsgParcel::Stock::May(*parcel)) {
-            const Lock lock(m_mutex);
-            parcel = m_spent.Put(std::move(parcel));
-        }
+        received.message = Unpack(std::move(parcel), type, body, received.peer);
     }
     return received;
+}
+
+// The message of a body, or the object in its parcel, if that was handed over; null when its class
+// refuses it, which ends the connection. The parcel's block is then used again.
+KLVMsgSessionCore::Message KLVMsgSessionCore::Unpack(KLVMsgParcel::Owner parcel, std::uint32_t type,
+                                                     std::string_view body, KLVMsgPeer from) {
+    Message message = parcel != nullptr && parcel->object != nullptr
+                          ? Message(std::exchange(parcel->object, nullptr))
+                          : Decode(type, body, from);
+    if (parcel != nullptr && KLVMsgParcel::Stock::May(*parcel)) {
+        const Lock lock(m_mutex);
+        parcel = m_spent.Put(std::move(parcel));
+    }
+    return message;
 }
 
 KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Wanted& wanted) {
@@ -157,11 +168,13 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitParcel(Lock& lock, std::uint32_t type, con
     ReleaseHand();
     const Time deadline = wanted.limit.Deadline();
     Receiver receiver{{}, type, wanted.from};
-    const KLVMsgEntry<Receiver> entry(m_receivers[type], receiver);
+    const KLVMsgEntry<Receiver> entry(Receivers(type), receiver);
     KLVMsgOutcome outcome;
     for (bool inTime = true; outcome && found == nullptr;) {
         if (m_isEnding || m_isDraining) {
             outcome = Ended(KLVMsgOutcome::kPeerGone);
+        } else if (IsHandled(type)) {
+            outcome = HasHandler();
         } else if (!MayCome(wanted.from)) {
             outcome = Gone(wanted.from == nullptr ? KLVMsgPeers::All() : *wanted.from);
         } else if (!inTime) {
@@ -178,6 +191,19 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitParcel(Lock& lock, std::uint32_t type, con
 
 // The oldest that fits.
 const KLVMsgParcel* KLVMsgSessionCore::Find(std::uint32_t type, const KLVMsgPeers* from) {
+    if (type < m_types.Size()) {
+        return IsHandled(type) ? nullptr : FindOfClass(type, from);
+    }
+    const KLVMsgParcel* oldest = nullptr;
+    for (std::uint32_t each = 0; each < m_types.Size(); ++each) {
+        const KLVMsgParcel* const one =
+            IsHandled(each) == (type == kHandled) ? FindOfClass(each, from) : nullptr;
+        oldest = one != nullptr && (oldest == nullptr || one->order < oldest->order) ? one : oldest;
+    }
+    return oldest;
+}
+
+const KLVMsgParcel* KLVMsgSessionCore::FindOfClass(std::uint32_t type, const KLVMsgPeers* from) {
     if (m_inbox.Count(type) == 0) {
         return nullptr;
     }
@@ -296,10 +322,13 @@ bool KLVMsgSessionCore::MayCome(const KLVMsgPeers* from) {
 // As many as there are messages for.
 void KLVMsgSessionCore::WakeReceivers(std::uint32_t type) {
     std::size_t left = m_inbox.Count(type);
-    for (auto one = m_receivers[type].begin(); one != m_receivers[type].end() && left != 0; ++one) {
-        if (Find(type, (*one)->from) != nullptr) {
-            (*one)->waiter.Wake();
-            --left;
+    for (const std::uint32_t set : {type, IsHandled(type) ? kHandled : kUnhandled}) {
+        const std::list<Receiver*>& receivers = Receivers(set);
+        for (auto one = receivers.begin(); one != receivers.end() && left != 0; ++one) {
+            if (Find(set, (*one)->from) != nullptr) {
+                (*one)->waiter.Wake();
+                --left;
+            }
         }
     }
 }
@@ -330,6 +359,9 @@ void KLVMsgSessionCore::WakeThoseWhoseInboxIsFull() {
 
 // Whether somebody waits for what this peer may still send.
 bool KLVMsgSessionCore::IsAwaited(const Peer& peer) const {
+    if (!peer.questions.empty()) {
+        return true;
+    }
     for (const auto& receivers : m_receivers) {
         for (const Receiver* const one : receivers) {
             if (one->from == nullptr || one->from->Include(peer.peer, peer.label)) {
@@ -359,6 +391,9 @@ void KLVMsgSessionCore::LimitReading(Peer& peer) {
     if (pauses != peer.isReadingPaused) {
         peer.isReadingPaused = pauses;
         pauses ? ++m_paused : --m_paused;
+        if (pauses && !m_isDraining) {  // otherwise they are told that the session ends
+            FailQuestions(peer, KLVMsgOutcome::kFull, ENOBUFS, kInboxIsFull);
+        }
         peer.link->connection.AllowReading(Clock::now(), !pauses);
         m_loop.Touch(*peer.link);
     }
@@ -475,10 +510,12 @@ void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrival
             if (type != KLVMsgMessageTypes::kNone && type != parcel->type) {
                 WakeReceivers(type);
             }
+            peer.messagesReceived += parcel->count;
+            if (m_types[parcel->type].isCall && TakeAnswer(peer, parcel)) {
+                continue;
+            }
             type = parcel->type;
-            const std::uint32_t count = parcel->count;
             m_inbox.Push(peer.sent, std::move(parcel));
-            peer.messagesReceived += count;
         }
         for (const std::string& name : arrivals.unknown) {
             Tell([&] {

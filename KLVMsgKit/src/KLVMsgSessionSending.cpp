@@ -191,24 +191,36 @@ void KLVMsgSessionCore::RetryRoomless(Lock& lock, KLVMsgDelivery& delivery,
 // Takes back what was not begun; what was may still arrive.
 void KLVMsgSessionCore::Withdraw(KLVMsgDelivery& delivery) {
     m_book.ForEach([&](Peer& peer) {
-        const auto is = [&](const Peer::Awaited& one) { return one.delivery == &delivery; };
-        const auto found = std::find_if(peer.awaited.begin(), peer.awaited.end(), is);
-        if (found == peer.awaited.end()) {
-            return;
-        }
-        const Peer::Awaited one = *found;
-        auto later = peer.awaited.erase(found);
-        if (peer.link != nullptr && peer.link->connection.CutOut(one.begin, one.end)) {
-            for (; later != peer.awaited.end(); ++later) {
-                later->begin -= one.end - one.begin;
-                later->end -= one.end - one.begin;
-            }
+        if (WithdrawFrom(peer.awaited, peer.link.get(), delivery)) {
             UpdateCost(peer);
             m_loop.Touch(*peer.link);
         }
     });
+    for (const auto& [label, keep] : m_keeps) {
+        WithdrawFrom(keep->leavingAwaited, keep->leaving.get(), delivery);
+    }
     delivery.left = 0;
     WakeRoomless();
+}
+
+// True when its bytes were cut out.
+bool KLVMsgSessionCore::WithdrawFrom(Queue& awaited, KLVMsgLoop::Link* link,
+                                     const KLVMsgDelivery& delivery) {
+    const auto is = [&](const Peer::Awaited& one) { return one.delivery == &delivery; };
+    const auto found = std::find_if(awaited.begin(), awaited.end(), is);
+    if (found == awaited.end()) {
+        return false;
+    }
+    const Peer::Awaited one = *found;
+    auto later = awaited.erase(found);
+    if (link == nullptr || !link->connection.CutOut(one.begin, one.end)) {
+        return false;
+    }
+    for (; later != awaited.end(); ++later) {
+        later->begin -= one.end - one.begin;
+        later->end -= one.end - one.begin;
+    }
+    return true;
 }
 
 void KLVMsgSessionCore::TellLeftOut(const Peer& peer) {

@@ -103,7 +103,8 @@ bool KLVMsgWireReader::ReadRun(std::string_view& bytes, Buffer& buffer, Arrivals
     const std::size_t most = std::min(bytes.size(), KLVMsgParcel::kRun);
     std::size_t size = 0;
     std::uint32_t count = 0;
-    while (size + lead <= most &&
+    // Questions and answers go different ways, one by one.
+    while (size + lead <= most && (count == 0 || !type.isCall) &&
            std::memcmp(bytes.data() + size, header.data(), header.size()) == 0) {
         const std::size_t length = LengthAt(bytes.substr(size + header.size()));
         if (length > longest || length > most - size - lead) {

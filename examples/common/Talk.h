@@ -33,9 +33,10 @@ struct Talk : KLVMsgSession {
         return options;
     }
 
-    // Serves on 127.0.0.1 and says so: "WHAT 127.0.0.1, port PORT". Tells the port to the reader of
-    // the pipe as well, if there is one (-1: none). `admit` may be empty: everybody may connect.
-    void ServeAndTell(const char* what, int portPipe, int port = 0, KLVMsgAdmit admit = {}) {
+    // Serves on 127.0.0.1 and says so: "WHAT 127.0.0.1, port PORT". Tells the port, which it
+    // returns, to the reader of the pipe as well, if there is one (-1: none). `admit` may be empty:
+    // everybody may connect.
+    int ServeAndTell(const char* what, int portPipe, int port = 0, KLVMsgAdmit admit = {}) {
         Check(Serve({"127.0.0.1", port}, std::move(admit), &port));
         Check(Start());
         std::printf("%s 127.0.0.1, port %d\n", what, port);
@@ -43,6 +44,7 @@ struct Talk : KLVMsgSession {
         if (portPipe != -1 && write(portPipe, &port, sizeof port) != sizeof port) {
             throw std::runtime_error("nobody asks for the port");
         }
+        return port;
     }
 
     void ConnectAndStart(int port, const std::string& name) {
@@ -82,4 +84,21 @@ struct Numbers : KLVMsgFramedMessage {
     }
 
     Fields fields = {};
+};
+
+// A question, or an answer, whose fields are a text.
+class CallText : public KLVMsgCallMessage {
+public:
+    explicit CallText(const std::string& value) : text(value) {}
+
+    bool EncodeFields(std::string& bytes) const override {
+        bytes = text;
+        return true;
+    }
+    bool DecodeFields(std::string_view bytes) override {
+        text = bytes;
+        return true;
+    }
+
+    std::string text;
 };

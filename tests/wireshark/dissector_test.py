@@ -5,6 +5,7 @@ real processes talking on the loopback interface."""
 import argparse
 import json
 import os
+import re
 import select
 import shutil
 import signal
@@ -213,11 +214,31 @@ def test_rules(tshark, folder):
                            "tcp.port==%d,klvmsg" % PORT), "widths, " + name)
 
 
+def test_calls(tshark, folder):
+    """A question and its answer name each other's frame; both sides ask with the same number."""
+    def call(name, number, fields):
+        return message(name, text(struct.pack("<Q", number) + fields))
+
+    answer = 1 << 63
+    path = os.path.join(folder, "calls.pcap")
+    write_capture(path, [[(True, call("Price", 1, b"bolt")), (True, call("Price", 2, b"nut")),
+                          (False, call("Offer", answer + 2, b"7") + call("Price", 1, b"own")),
+                          (False, call("Offer", answer + 1, b"8")), (True, call("Note", 0, b""))]])
+    tshark.read(path, "*=length(0,4,little) call")  # the second pass knows the answers
+    for field, wanted in (("call", ["1", "2", "2", "1", "1", "0"]), ("answer_in", ["7", "6"]),
+                          ("question_in", ["5", "4"]),
+                          ("answer_time", ["0.001000000", "0.003000000"])):
+        expect(wanted, re.findall('"klvmsg.%s": "(.*?)"' % field, tshark.packets), field)
+    assert "Offer, answer 2, Price, question 1" in tshark.list_of_packets(
+        path, "*=length(0,4,little) call")
+
+
 def test_rules_of_examples(tshark, folder):
     """Rules may stand in a file, as those of the examples do, beside what is not for the dissector."""
     path = os.path.join(folder, "examples.pcap")
     examples = os.path.join(HERE, "..", "..", "examples")
     tried = {"klvmsgcat": [("Note", text(b"hello"))], "pubsub": [("News", text(b"hello"))],
+             "service": [("Price", text(bytes(8) + b"bolt")), ("Offer", text(bytes(8)))],
              "workers": [("Job", text(b"1234")), ("Result", text(b"12345678"))],
              "exchange": [("Hello", struct.pack("<Q", 1) + b"a" + struct.pack("<Q", 3)),
                           ("Chunk", struct.pack("<QQ", 0, 3) + b"abc"), ("Receipt", bytes(8)),
@@ -450,7 +471,7 @@ def main():
     os.umask(0o022)
     with tempfile.TemporaryDirectory() as folder:
         tshark = Tshark(arguments.tshark, folder)
-        for test in (test_cuts, test_directions_and_large_bodies, test_out_of_step, test_rules,
+        for test in (test_cuts, test_directions_and_large_bodies, test_out_of_step, test_rules, test_calls,
                      test_rules_of_examples, test_protocol_buffers):
             test(tshark, folder)
             print("%s: passed" % test.__name__)
