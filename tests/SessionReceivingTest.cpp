@@ -29,6 +29,7 @@ TEST(SessionReceiving, HandsOverTheOldestOfAClassOfWhoeverIsMeant) {
     one.Send(WordBytes("7"));
     EXPECT_TRUE(session.Holds(4));
     session.SetLabel(b, "a");
+    EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Receive<Word>(ever, "b").status) << "nobody now";
     for (const char* text : {"1", "2", "6"}) {
         EXPECT_EQ(text, session.Next("a"));
     }

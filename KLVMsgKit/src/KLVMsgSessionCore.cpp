@@ -525,7 +525,8 @@ int KLVMsgSessionCore::Descriptor() {
 
 void KLVMsgSessionCore::UpdateReadable() {
     WakeIfDrained();
-    const bool isReadable = m_inbox.Count() != 0 || !m_events.IsEmpty() || m_isEnding;
+    const bool isReadable =
+        m_inbox.Count() != 0 || !m_events.IsEmpty() || m_isEnding || m_isDraining;
     if (m_readable.Number() == -1 || isReadable == m_isReadable) {
         return;
     }

@@ -201,7 +201,7 @@ private:
     bool IsDrained();
     bool IsAnyInHand();
     void WakeIfDrained();
-    std::string WhatIsLeft();
+    void BeginDraining();
     static void Signal(int descriptor);
     static KLVMsgEvent Event(KLVMsgEvent::Kind kind, const Peer* peer);
     void PushEvent(KLVMsgEvent event);
