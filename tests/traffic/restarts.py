@@ -9,6 +9,7 @@ which all may go that the system had taken."""
 import argparse
 import collections
 import contextlib
+import pathlib
 import random
 import selectors
 import signal
@@ -73,15 +74,22 @@ class Server:
         self.order = random.Random(options.seed)
         self.links = []
         self.backs = []  # for each opening, when each client was back
-        self.port = 0
+        self.port = self.choose()
         self.open()
+
+    def choose(self):
+        """A port out of which the system does not connect: no one else gets it while we are away."""
+        lowest = int(pathlib.Path("/proc/sys/net/ipv4/ip_local_port_range").read_text().split()[0])
+        while True:
+            port = self.order.randrange(lowest // 2, lowest)
+            with contextlib.suppress(OSError), socket.create_server(("127.0.0.1", port)):
+                return port
 
     def open(self):
         self.selector = selectors.DefaultSelector()
         self.listener = socket.create_server(("127.0.0.1", self.port), backlog=1000)
         # Little room, so that some messages are cut.
         self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
-        self.port = self.listener.getsockname()[1]
         self.opened = time.monotonic()
         self.backs.append({})
         self.came = collections.deque()
