@@ -49,7 +49,7 @@ std::shared_ptr<KLVMsgPeerInfoData> Addresses(const std::string& peer, const std
 // so that nothing is to be told about it.
 KLVMsgOutcome KLVMsgSessionCore::Admit(Lock& lock, std::uint64_t listener,
                                        const std::string& address, std::string& served) {
-    const KLVMsgOutcome full{KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
+    KLVMsgOutcome full{KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
     if (m_live >= m_options.connectionLimit) {
         EndOneHalf();
         return full;

@@ -593,22 +593,7 @@ KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
         if (m_isEnding) {
             return Ended(KLVMsgOutcome::kFailed);
         }
-        m_isEnding = true;
-        EndKeeps(KLVMsgPeers::All(), "the session has ended", lost);
-        Signal(m_endSignal.Number());
-        m_loop.RemoveListeners(-1);
-        WakeEverybody();
-        for (KLVMsgWaiter* const one : m_drainWaiters) {
-            one->Wake();
-        }
-        UpdateReadable();
-        m_book.ForEach([this](Peer& peer) {
-            if (peer.link != nullptr) {
-                peer.link->connection.AllowReading(Clock::now(), true);
-                peer.link->connection.EndOutput(true);
-                m_loop.Touch(*peer.link);
-            }
-        });
+        lost = BeginToEnd();
         KLVMsgWaiter waiter;
         const KLVMsgEntry<KLVMsgWaiter> entry(m_endWaiters, waiter);
         while (m_isStarted && m_live != 0 && waiter.Wait(lock, deadline)) {
@@ -625,6 +610,29 @@ KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
                 std::to_string(lost) + " messages were queued for a connection that is away"};
     }
     return !m_ready ? m_ready : haveAllClosed ? KLVMsgOutcome() : Late();
+}
+
+// From now on nothing new is taken, and every connection ends when it has sent what is queued. How
+// many messages were queued for connections that are away.
+std::size_t KLVMsgSessionCore::BeginToEnd() {
+    m_isEnding = true;
+    std::size_t lost = 0;
+    EndKeeps(KLVMsgPeers::All(), "the session has ended", lost);
+    Signal(m_endSignal.Number());
+    m_loop.RemoveListeners(-1);
+    WakeEverybody();
+    for (KLVMsgWaiter* const one : m_drainWaiters) {
+        one->Wake();
+    }
+    UpdateReadable();
+    m_book.ForEach([this](Peer& peer) {
+        if (peer.link != nullptr) {
+            peer.link->connection.AllowReading(Clock::now(), true);
+            peer.link->connection.EndOutput(true);
+            m_loop.Touch(*peer.link);
+        }
+    });
+    return lost;
 }
 
 void KLVMsgSessionCore::WakeEverybody() {

@@ -197,6 +197,7 @@ private:
     void EndAnswerless(Peer& peer);
     void EndOneHalf();
     void WakeThoseWhoseAreGone();
+    std::size_t BeginToEnd();
     void WakeEverybody();
     bool IsDrained();
     bool IsAnyInHand();
