@@ -36,7 +36,7 @@ FLOORS = (
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
     "KLVMsgLoop",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
-    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionDraining "
+    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionEnding "
     "KLVMsgSessionAsking KLVMsgSessionDispatching KLVMsgMetrics "
     "KLVMsgPeerBook KLVMsgKeep KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
     "examples/",
@@ -50,7 +50,7 @@ FAMILIES = (
     "KLVMsgStream KLVMsgInputStream KLVMsgOutputStream KLVMsgSimpleInputStream "
     "KLVMsgBufferedOutputStream",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving "
-    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionDraining "
+    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionEnding "
     "KLVMsgSessionAsking KLVMsgSessionDispatching",
 )
 

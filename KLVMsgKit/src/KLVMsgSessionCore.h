@@ -66,11 +66,11 @@ struct KLVMsgQuestion {
 // once the loop runs, and the options. It is never held while a message's own code runs, a system
 // call transfers, or somebody waits.
 //
-// Sources: KLVMsgSessionCore.cpp has connections and the end, KLVMsgSessionAdmitting.cpp who may
+// Sources: KLVMsgSessionCore.cpp has connections and events, KLVMsgSessionAdmitting.cpp who may
 // connect, KLVMsgSessionKeeping.cpp the connections that come back, KLVMsgSessionSending.cpp and
 // KLVMsgSessionReceiving.cpp the two directions, KLVMsgSessionAsking.cpp what goes both ways,
 // KLVMsgSessionDispatching.cpp what calls the application (handlers, and who observes),
-// KLVMsgSessionDraining.cpp what Drain waits for.
+// KLVMsgSessionEnding.cpp the end.
 class KLVMsgSessionCore final : private KLVMsgLoop::Owner {
 public:
     using Peer = KLVMsgSessionPeer;

@@ -1,6 +1,7 @@
-// A session that ends when what it has is done.
+// How a session ends: at once, or when what it has is done.
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <string>
 
 #include "KLVMsgSessionCore.h"
@@ -83,4 +84,78 @@ void KLVMsgSessionCore::WakeIfDrained() {
             one->Wake();
         }
     }
+}
+
+KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
+    const Time deadline = limit.Deadline();
+    bool haveAllClosed = true;
+    std::size_t lost = 0;
+    {
+        Lock lock(m_mutex);
+        if (m_isEnding) {
+            return Ended(KLVMsgOutcome::kFailed);
+        }
+        lost = BeginToEnd();
+        KLVMsgWaiter waiter;
+        const KLVMsgEntry<KLVMsgWaiter> entry(m_endWaiters, waiter);
+        while (m_isStarted && m_live != 0 && waiter.Wait(lock, deadline)) {
+        }
+        haveAllClosed = m_live == 0 || !m_isStarted;
+    }
+    m_loop.Stop();
+    m_dialer.reset();  // nobody uses it any more; a name may take its time
+    Lock lock(m_mutex);
+    m_isEnded = true;
+    m_loop.Clear("the session has ended");
+    if (m_ready && lost != 0) {
+        return {KLVMsgOutcome::kPeerGone, ENOTCONN,
+                std::to_string(lost) + " messages were queued for a connection that is away"};
+    }
+    return !m_ready ? m_ready : haveAllClosed ? KLVMsgOutcome() : Late();
+}
+
+// From now on nothing new is taken, and every connection ends when it has sent what is queued. How
+// many messages were queued for connections that are away.
+std::size_t KLVMsgSessionCore::BeginToEnd() {
+    m_isEnding = true;
+    std::size_t lost = 0;
+    EndKeeps(KLVMsgPeers::All(), "the session has ended", lost);
+    Signal(m_endSignal.Number());
+    m_loop.RemoveListeners(-1);
+    WakeEverybody();
+    for (KLVMsgWaiter* const one : m_drainWaiters) {
+        one->Wake();
+    }
+    UpdateReadable();
+    m_book.ForEach([this](Peer& peer) {
+        if (peer.link != nullptr) {
+            peer.link->connection.AllowReading(Clock::now(), true);
+            peer.link->connection.EndOutput(true);
+            m_loop.Touch(*peer.link);
+        }
+    });
+    return lost;
+}
+
+void KLVMsgSessionCore::WakeEverybody() {
+    for (const auto& receivers : m_receivers) {
+        for (Receiver* const one : receivers) {
+            one->waiter.Wake();
+        }
+    }
+    for (GoneWaiter* const one : m_goneWaiters) {
+        one->waiter.Wake();
+    }
+    for (KLVMsgWaiter* const one : m_eventWaiters) {
+        one->Wake();
+    }
+    for (KLVMsgWaiter* const one : m_endWaiters) {
+        one->Wake();
+    }
+    for (KLVMsgDelivery* const one : m_roomless) {
+        one->waiter.Wake();
+    }
+    m_book.ForEach([](Peer& peer) {
+        FailQuestions(peer, KLVMsgOutcome::kPeerGone, ESHUTDOWN, "the session has ended");
+    });
 }
