@@ -27,13 +27,13 @@ FLOORS = (
     "KLVMsgCommModules",
     # The session, from its first floor to its fifth.
     "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
-    "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage "
+    "KLVMsgProtection KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage "
     "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
-    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets",
+    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgGreeting",
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
-    "KLVMsgLoop",
-    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
-    "KLVMsgPeerBook KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
+    "KLVMsgLoop KLVMsgLoopGreeting",
+    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionGreeting KLVMsgSessionSending "
+    "KLVMsgSessionReceiving KLVMsgInbox KLVMsgPeerBook KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
     "examples/",
 )
 
@@ -44,7 +44,7 @@ FAMILIES = (
     "KLVMsgMessageQuery KLVMsgMessageQueryByType",
     "KLVMsgStream KLVMsgInputStream KLVMsgOutputStream KLVMsgSimpleInputStream "
     "KLVMsgBufferedOutputStream",
-    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving",
+    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionGreeting KLVMsgSessionSending KLVMsgSessionReceiving",
 )
 
 # What the session does without: the two singletons with all that stands around them.

@@ -13,6 +13,7 @@
 #include "KLVMsgKitExport.h"
 #include "KLVMsgOutcome.h"
 #include "KLVMsgPeer.h"
+#include "KLVMsgProtection.h"
 #include "KLVMsgSessionOptions.h"
 #include "KLVMsgSocketAddress.h"
 #include "KLVMsgSocketMessage.h"
@@ -81,6 +82,14 @@ public:
     // gives them another one.
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port = nullptr);
 
+    // The same for peers that are protected in that way: whoever is not is turned away, and an event
+    // tells why. Fails where what protects cannot be used.
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port,
+                        const KLVMsgProtection& protection);
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, const KLVMsgProtection& protection) {
+        return Serve(address, nullptr, protection);
+    }
+
     // Lets no more peers connect to that port; those who are there stay. Failed: nobody served
     // there.
     KLVMsgOutcome StopServing(int port);
@@ -90,10 +99,21 @@ public:
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
                           KLVMsgTimeLimit limit = std::chrono::seconds(10));
 
+    // The same, protected in that way: done when the server has admitted this session, which it does
+    // once it has been started. Fails where one of them does not trust the other, with the cause.
+    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
+                          KLVMsgTimeLimit limit, const KLVMsgProtection& protection);
+    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
+                          const KLVMsgProtection& protection) {
+        return Connect(address, label, std::chrono::seconds(10), protection);
+    }
+
     // Connects again and again, with pauses of up to half a second, until that is done or `limit`
     // over; the outcome is then that of the last attempt.
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
                                KLVMsgTimeLimit limit);
+    KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
+                               KLVMsgTimeLimit limit, const KLVMsgProtection& protection);
 
     // Starts the loop: from now on messages move. Fails where the system has no thread to give.
     KLVMsgOutcome Start();

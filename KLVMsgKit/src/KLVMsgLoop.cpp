@@ -109,8 +109,10 @@ KLVMsgOutcome KLVMsgLoop::Add(std::unique_ptr<KLVMsgTransport> transport, std::u
 }
 
 KLVMsgOutcome KLVMsgLoop::AddListener(KLVMsgDescriptor socket, std::uint64_t id, int port,
-                                      std::string text) {
+                                      std::string text,
+                                      std::shared_ptr<KLVMsgTransportFactory> transports) {
     Listener& listener = m_listeners[id];
+    listener.transports = std::move(transports);
     listener.socket = std::move(socket);
     listener.text = std::move(text);
     listener.port = port;
@@ -261,8 +263,13 @@ void KLVMsgLoop::Serve(Lock& lock, std::uint64_t id, unsigned happened) {
     }
     const LinkPtr link = found->second;
     KLVMsgConnection& connection = link->connection;
+    if (link->isGreeting) {
+        Enlist(lock, link);
+        return;
+    }
     if ((happened & EPOLLOUT) != 0) {
         connection.HasRoom();
+        Flush(*link);
     }
     if (!connection.Reads() && (happened & (EPOLLERR | EPOLLHUP)) != 0) {
         // What has come before is still there to be read, once there is room for it.
@@ -270,14 +277,20 @@ void KLVMsgLoop::Serve(Lock& lock, std::uint64_t id, unsigned happened) {
         m_owner.OnTook(*link);
     }
     if (connection.Reads() && (happened & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
-        Reading& one = m_readings[m_reads++];
-        one.link = link;
-        one.discards = connection.Discards();
-        if (m_reads == kGroup) {
-            ReadGroup(lock);
-        }
+        Enlist(lock, link);
     } else {
         Tend(*link);
+    }
+}
+
+// It is read with the others of its group.
+void KLVMsgLoop::Enlist(Lock& lock, const LinkPtr& link) {
+    Reading& one = m_readings[m_reads++];
+    one.link = link;
+    one.discards = link->connection.Discards();
+    one.greets = link->isGreeting;
+    if (m_reads == kGroup) {
+        ReadGroup(lock);
     }
 }
 
@@ -302,6 +315,10 @@ void KLVMsgLoop::ReadGroup(Lock& lock) {
 // A message's own code may run here.
 void KLVMsgLoop::Read(Reading& one) {
     Link& link = *one.link;
+    if (one.greets) {
+        one.greeting = link.transport->Greet();
+        return;
+    }
     if (one.discards) {
         const iovec space = {m_buffer.Data(), KLVMsgWireReader::Buffer::kSize};
         one.result = link.transport->Read(&space, 1);
@@ -324,6 +341,10 @@ void KLVMsgLoop::Read(Reading& one) {
 
 void KLVMsgLoop::HandOver(Reading& one) {
     Link& link = *one.link;
+    if (one.greets) {
+        Greeted(link, one.greeting);
+        return;
+    }
     link.received += one.result.count;
     if (one.result.count != 0 && !one.discards) {
         link.connection.Came(m_now);
@@ -331,8 +352,12 @@ void KLVMsgLoop::HandOver(Reading& one) {
     } else if (one.result.ended) {
         link.connection.InputEnded();
         m_owner.OnInputEnded(link);
+    } else if (one.result.cut) {
+        link.connection.End(KLVMsgEvent::kCut, "the connection was cut");
     } else if (one.result.error != 0 && one.result.error != EAGAIN) {
-        link.connection.Failed(one.result.error);
+        const std::string why = link.transport->Why();
+        why.empty() ? link.connection.Failed(one.result.error)
+                    : link.connection.End(KLVMsgEvent::kReset, why);
     }
     one.arrivals.messages.clear();
     one.arrivals.unknown.clear();
@@ -347,7 +372,12 @@ void KLVMsgLoop::DoTouched(Lock& lock) {
     while (link != nullptr) {
         LinkPtr next = std::move(link->nextTouched);
         link->isTouched = false;
-        if (link->isWriting || !link->connection.Writes() || link->connection.IsFull()) {
+        if (!link->transport->IsPlain() && !link->connection.IsOver() &&
+            (link->isGreeting || (link->connection.Reads() && link->transport->HoldsInput()))) {
+            Enlist(lock, link);
+        }
+        if (link->isGreeting || link->isWriting || !link->connection.Writes() ||
+            link->connection.IsFull()) {
             Tend(*link);
         } else {
             link->isWriting = true;
@@ -359,6 +389,7 @@ void KLVMsgLoop::DoTouched(Lock& lock) {
         }
         link = std::move(next);
     }
+    ReadGroup(lock);
     // Where little was sent to each, sending was most of the work: as long as it took, more
     // gathers.
     if (m_written < links * kWorthWhile) {
@@ -375,7 +406,8 @@ void KLVMsgLoop::WriteGroup(Lock& lock) {
     for (std::size_t i = 0; i < count; ++i) {
         // A message that goes alone needs no measure.
         Writing& one = m_writings[i];
-        one.asks = m_options.wholeHeaders && one.link->connection.output.HasSeveral();
+        one.asks = m_options.wholeHeaders && one.link->transport->IsPlain() &&
+                   one.link->connection.output.HasSeveral();
         asks = asks || one.asks;
     }
     if (asks) {
@@ -406,7 +438,7 @@ void KLVMsgLoop::TakeRuns(Writing& one, std::size_t most) const {
     KLVMsgConnection& connection = one.link->connection;
     one.runs.clear();
     // Without a measure one message goes, however many have come meanwhile.
-    const bool isOne = m_options.wholeHeaders && !one.asks;
+    const bool isOne = m_options.wholeHeaders && one.link->transport->IsPlain() && !one.asks;
     const std::size_t segment = isOne ? 1 : one.segment;
     std::size_t size = 0;
     while (connection.Writes() && connection.output.HasMore() && one.runs.size() < kMostRuns &&
@@ -424,6 +456,7 @@ void KLVMsgLoop::Write(Writing& one) const {
             run.pieces, run.count, m_options.wholeHeaders && run.endsMessage);
         one.result.count += sent.count;
         one.result.error = sent.error;
+        one.result.held = sent.held;
         one.isFull = sent.count < run.size;
         if (one.isFull) {
             return;
@@ -433,7 +466,7 @@ void KLVMsgLoop::Write(Writing& one) const {
 
 void KLVMsgLoop::Took(Link& link, const KLVMsgTransport::Result& result, bool isFull) {
     link.isWriting = false;
-    link.connection.Took(m_now, result.count, isFull);
+    link.connection.Took(m_now, result.count, isFull, result.held);
     if (result.error != 0 && result.error != EAGAIN) {
         link.connection.OutputFailed(result.error);
     }
@@ -447,6 +480,10 @@ void KLVMsgLoop::CheckTimers() {
         if (found != m_links.end()) {
             const LinkPtr link = found->second;
             link->due = Time::max();
+            if (link->isGreeting && link->greetsUntil <= m_now) {
+                Greeted(*link, {KLVMsgTransport::Greeting::kFailed, false, ETIMEDOUT,
+                                "the greeting has taken too long", ""});
+            }
             const KLVMsgTransport::Sample sample = link->transport->TakeSample();
             if (link->connection.Check(
                     m_now, {sample.unacknowledged, sample.probes, sample.sinceAnswer})) {
@@ -492,7 +529,7 @@ void KLVMsgLoop::Accept(Lock& lock, std::uint64_t id) {
         }
         if (error == 0) {
             listener.pause = std::chrono::milliseconds(0);
-            m_owner.OnAccepted(std::move(made), address);
+            m_owner.OnAccepted(std::move(made), address, listener);
         } else if (error != EINTR && error != ECONNABORTED && error != EPROTO) {
             PauseListener(listener, error);
             return;
@@ -519,7 +556,9 @@ void KLVMsgLoop::Tend(Link& link) {
     KLVMsgConnection& connection = link.connection;
     if (!connection.IsOver() && connection.EndsOutput() && !link.isWriting) {
         link.transport->EndOutput();
-        connection.OutputEnded();
+        if (!link.HoldsOutput()) {
+            connection.OutputEnded();
+        }
     }
     if (connection.IsOver()) {
         Remove(link);
@@ -527,7 +566,9 @@ void KLVMsgLoop::Tend(Link& link) {
     }
     Ask(link);
     Arm(link);
-    if (connection.Writes() && !connection.IsFull() && !link.isWriting) {
+    if ((connection.Writes() && !connection.IsFull() && !link.isWriting) ||
+        (!link.transport->IsPlain() && !link.isGreeting && connection.Reads() &&
+         link.transport->HoldsInput())) {
         Touch(link);  // the next round goes on
     }
 }
@@ -551,8 +592,10 @@ void KLVMsgLoop::Remove(Link& link) {
 // edge-triggered: otherwise an error, or bytes that nobody reads, would be reported without end.
 void KLVMsgLoop::Ask(Link& link) {
     const KLVMsgConnection& connection = link.connection;
-    const unsigned interest = (connection.Reads() ? EPOLLIN : EPOLLET) |
-                              (connection.Writes() && connection.IsFull() ? EPOLLOUT : 0U);
+    const bool needsRoom = (connection.Writes() && connection.IsFull()) || link.HoldsOutput();
+    const unsigned interest =
+        link.isGreeting ? (link.greetsWithRoom ? EPOLLOUT : EPOLLIN)
+                        : (connection.Reads() ? EPOLLIN : EPOLLET) | (needsRoom ? EPOLLOUT : 0U);
     if (interest == link.interest) {
         return;
     }
@@ -569,7 +612,7 @@ void KLVMsgLoop::Ask(Link& link) {
 
 // A check that comes too early does no harm, so that it is only ever set when none is.
 void KLVMsgLoop::Arm(Link& link) {
-    const Time next = link.connection.NextCheck(m_now);
+    const Time next = link.isGreeting ? link.greetsUntil : link.connection.NextCheck(m_now);
     if (next < link.due && (link.due == Time::max() || next < link.due - kFirstPause)) {
         const bool isFirst = m_timers.empty() || next < m_timers.begin()->first;
         if (link.due != Time::max()) {

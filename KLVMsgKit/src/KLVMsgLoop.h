@@ -50,8 +50,14 @@ public:
 
         const std::uint64_t id;
         const std::unique_ptr<KLVMsgTransport> transport;
-        Client* client;  // null when the owner has been told that it is over
+        // Whether the transport has bytes of its own to write.
+        bool HoldsOutput() const { return !transport->IsPlain() && transport->HoldsOutput(); }
+
+        Client* client;  // null while it greets, and when the owner has been told that it is over
         KLVMsgConnection connection;
+        bool isGreeting = false;  // nothing else is read or written meanwhile
+        bool greetsWithRoom = false;
+        Time greetsUntil = Time::max();
         bool isWriting = false;
         bool isTouched = false;  // it is in the list of those with work
         std::shared_ptr<Link> nextTouched;
@@ -65,7 +71,8 @@ public:
         KLVMsgDescriptor socket;
         std::string text;  // where it listens
         int port = 0;
-        Time again = Time::max();  // when to try again after a failure
+        std::shared_ptr<KLVMsgTransportFactory> transports;  // null: plain
+        Time again = Time::max();                            // when to try again after a failure
         std::chrono::milliseconds pause{0};
     };
 
@@ -80,7 +87,10 @@ public:
         virtual void OnTook(Link& link) = 0;
         virtual void OnStalls(Link& link) = 0;
         virtual void OnOver(Link& link) = 0;
-        virtual void OnAccepted(KLVMsgDescriptor socket, const std::string& address) = 0;
+        virtual void OnAccepted(KLVMsgDescriptor socket, const std::string& address,
+                                const Listener& listener) = 0;
+        // Done, failed, or with a warning. A link that has no client then is closed.
+        virtual void OnGreeted(Link& link, const KLVMsgTransport::Greeting& greeting) = 0;
         virtual void OnListenerFailed(const Listener& listener, int error) = 0;
 
     protected:
@@ -109,9 +119,16 @@ public:
     KLVMsgOutcome Add(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t id, Client* client,
                       LinkPtr& link);
 
-    // Serves on a socket that listens.
-    KLVMsgOutcome AddListener(KLVMsgDescriptor socket, std::uint64_t id, int port,
-                              std::string text);
+    // The same of one that greets first, until then at the latest.
+    KLVMsgOutcome AddGuest(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t id, Time until,
+                           LinkPtr& link);
+
+    // A connection that greets has failed to, or is not wanted: tells the peer, and closes.
+    void TurnAway(Link& link);
+
+    // Serves on a socket that listens, through such transports, or plain ones.
+    KLVMsgOutcome AddListener(KLVMsgDescriptor socket, std::uint64_t id, int port, std::string text,
+                              std::shared_ptr<KLVMsgTransportFactory> transports);
 
     // No longer serves on a port, or on any with port -1; how many sockets were closed.
     int RemoveListeners(int port);
@@ -138,6 +155,8 @@ private:
     struct Reading {
         LinkPtr link;
         bool discards = false;
+        bool greets = false;
+        KLVMsgTransport::Greeting greeting;
         KLVMsgTransport::Result result;
         KLVMsgWireReader::Arrivals arrivals;
     };
@@ -154,9 +173,12 @@ private:
     void Run();
     int Wait(struct epoll_event* events, int most);
     void Serve(Lock& lock, std::uint64_t id, unsigned happened);
+    void Enlist(Lock& lock, const LinkPtr& link);
     void ReadGroup(Lock& lock);
     void Read(Reading& one);
     void HandOver(Reading& one);
+    void Greeted(Link& link, const KLVMsgTransport::Greeting& greeting);
+    void Flush(Link& link);
     void DoTouched(Lock& lock);
     void WriteGroup(Lock& lock);
     void TakeRuns(Writing& one, std::size_t most) const;

@@ -26,19 +26,35 @@ KLVMsgOutcome KLVMsgSession::RegisterPrototype(std::unique_ptr<KLVMsgSocketMessa
 }
 
 KLVMsgOutcome KLVMsgSession::Serve(const KLVMsgSocketAddress& address, int* port) {
-    return m_core->Serve(address, port);
+    return m_core->Serve(address, port, nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::Serve(const KLVMsgSocketAddress& address, int* port,
+                                   const KLVMsgProtection& protection) {
+    return m_core->Serve(address, port, protection.m_transports);
 }
 
 KLVMsgOutcome KLVMsgSession::StopServing(int port) { return m_core->StopServing(port); }
 
 KLVMsgOutcome KLVMsgSession::Connect(const KLVMsgSocketAddress& address, const std::string& label,
                                      KLVMsgTimeLimit limit) {
-    return m_core->Connect(address, label, limit.Deadline());
+    return m_core->Connect(address, label, limit.Deadline(), nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::Connect(const KLVMsgSocketAddress& address, const std::string& label,
+                                     KLVMsgTimeLimit limit, const KLVMsgProtection& protection) {
+    return m_core->Connect(address, label, limit.Deadline(), protection.m_transports);
 }
 
 KLVMsgOutcome KLVMsgSession::ConnectAgain(const KLVMsgSocketAddress& address,
                                           const std::string& label, KLVMsgTimeLimit limit) {
-    return m_core->ConnectAgain(address, label, limit.Deadline());
+    return m_core->ConnectAgain(address, label, limit.Deadline(), nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::ConnectAgain(const KLVMsgSocketAddress& address,
+                                          const std::string& label, KLVMsgTimeLimit limit,
+                                          const KLVMsgProtection& protection) {
+    return m_core->ConnectAgain(address, label, limit.Deadline(), protection.m_transports);
 }
 
 KLVMsgOutcome KLVMsgSession::Start() { return m_core->Start(); }

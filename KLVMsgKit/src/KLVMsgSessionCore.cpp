@@ -10,8 +10,6 @@
 #include <new>
 #include <utility>
 
-#include "KLVMsgPlainTransport.h"
-
 namespace {
 
 // How long a connection that was shut down here is read, so that what the peer was sent arrives.
@@ -131,14 +129,15 @@ KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_inf
     return {};
 }
 
-KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, int* port) {
+KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, int* port,
+                                       const Transports& transports) {
     if (!m_ready) {
         return m_ready;
     }
+    KLVMsgOutcome outcome = transports == nullptr ? KLVMsgOutcome() : transports->Check();
     std::vector<KLVMsgDescriptor> sockets;
     int bound = address.port;
-    KLVMsgOutcome outcome = KLVMsgSessionSockets::Listen(address, sockets, bound);
-    if (!outcome) {
+    if (!outcome || !(outcome = KLVMsgSessionSockets::Listen(address, sockets, bound))) {
         return outcome;
     }
     const Lock lock(m_mutex);
@@ -147,7 +146,7 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, int* 
     try {
         for (auto socket = sockets.begin(); outcome && socket != sockets.end(); ++socket) {
             outcome = m_loop.AddListener(std::move(*socket), m_book.NextId(), bound,
-                                         KLVMsgSessionSockets::Text(served));
+                                         KLVMsgSessionSockets::Text(served), transports);
         }
     } catch (const std::bad_alloc&) {
         m_loop.RemoveListeners(bound);
@@ -172,7 +171,8 @@ KLVMsgOutcome KLVMsgSessionCore::StopServing(int port) {
 }
 
 KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
-                                         const std::string& label, Time limit) {
+                                         const std::string& label, Time limit,
+                                         const Transports& transports) {
     {
         const Lock lock(m_mutex);
         if (KLVMsgOutcome ready = IsReady(); !ready) {
@@ -182,6 +182,14 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
     KLVMsgDescriptor socket;
     KLVMsgOutcome outcome =
         KLVMsgSessionSockets::Connect(address, limit, m_endSignal.Number(), socket);
+    const std::string text = KLVMsgSessionSockets::PeerText(socket.Number());
+    std::unique_ptr<KLVMsgTransport> transport;
+    if (outcome) {
+        transport = Plain(std::move(socket));
+        if (transports != nullptr) {
+            outcome = Greet(transport, transports, address, limit);
+        }
+    }
     const Lock lock(m_mutex);
     if (m_isEnding) {
         return Ended(KLVMsgOutcome::kFailed);
@@ -192,15 +200,15 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
     if (m_live >= m_options.connectionLimit) {
         return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
     }
-    const std::string text = KLVMsgSessionSockets::PeerText(socket.Number());
-    return Adopt(std::move(socket), label, text);
+    return Adopt(std::move(transport), label, text);
 }
 
 KLVMsgOutcome KLVMsgSessionCore::ConnectAgain(const KLVMsgSocketAddress& address,
-                                              const std::string& label, Time limit) {
+                                              const std::string& label, Time limit,
+                                              const Transports& transports) {
     KLVMsgWaiter waiter;
     for (auto pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
-        KLVMsgOutcome outcome = Connect(address, label, limit);
+        KLVMsgOutcome outcome = Connect(address, label, limit, transports);
         const Time now = Clock::now();
         if (outcome || outcome.error == ESHUTDOWN || outcome.error == EINVAL || now >= limit) {
             return outcome;
@@ -230,11 +238,8 @@ KLVMsgOutcome KLVMsgSessionCore::Start() {
 }
 
 // A connection that was made, or accepted.
-KLVMsgOutcome KLVMsgSessionCore::Adopt(KLVMsgDescriptor socket, const std::string& label,
-                                       const std::string& address) {
-    auto transport =
-        std::make_unique<KLVMsgPlainTransport>(socket.Number(), m_options.silence.Duration());
-    static_cast<void>(socket.Release());
+KLVMsgOutcome KLVMsgSessionCore::Adopt(std::unique_ptr<KLVMsgTransport> transport,
+                                       const std::string& label, const std::string& address) {
     Peer& peer = m_book.Add(label, address);
     peer.sent.owner = &peer;
     KLVMsgOutcome outcome;
@@ -249,11 +254,7 @@ KLVMsgOutcome KLVMsgSessionCore::Adopt(KLVMsgDescriptor socket, const std::strin
         return outcome;
     }
     ++m_live;
-    Tell([&] {
-        KLVMsgEvent event = Event(KLVMsgEvent::kCame, &peer);
-        event.what = address + ": a connection";
-        return event;
-    });
+    TellCame(peer, *peer.link->transport);
     return outcome;
 }
 
@@ -363,6 +364,7 @@ void KLVMsgSessionCore::Forget(Peer& peer) { m_book.Remove(peer); }
 
 void KLVMsgSessionCore::OnOver(KLVMsgLoop::Link& link) {
     if (link.client == nullptr) {
+        GuestIsOver(link);
         return;
     }
     Peer& peer = *static_cast<Peer*>(link.client);
@@ -391,21 +393,21 @@ void KLVMsgSessionCore::OnOver(KLVMsgLoop::Link& link) {
     }
 }
 
-void KLVMsgSessionCore::OnAccepted(KLVMsgDescriptor socket, const std::string& address) {
+void KLVMsgSessionCore::OnAccepted(KLVMsgDescriptor socket, const std::string& address,
+                                   const KLVMsgLoop::Listener& listener) {
     try {
         KLVMsgOutcome outcome;
         if (m_live >= m_options.connectionLimit) {
             EndOneHalf();
             outcome = {KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
         } else {
-            outcome = Adopt(std::move(socket), "", address);
+            std::unique_ptr<KLVMsgTransport> transport = Plain(std::move(socket));
+            outcome = listener.transports == nullptr
+                          ? Adopt(std::move(transport), "", address)
+                          : Invite(std::move(transport), address, *listener.transports);
         }
         if (!outcome) {
-            KLVMsgEvent event = Event(KLVMsgEvent::kRefused, nullptr);
-            event.address = address;
-            event.error = outcome.error;
-            event.what = address + ": a connection was refused: " + outcome.text;
-            PushEvent(std::move(event));
+            TellRefused(address, outcome);
         }
     } catch (const std::bad_alloc&) {
         m_events.Miss();

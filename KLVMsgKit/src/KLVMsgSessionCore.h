@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -50,8 +51,9 @@ struct KLVMsgDelivery {
 // once the loop runs, and the options. It is never held while a message's own code runs, a system
 // call transfers, or somebody waits.
 //
-// Sources: KLVMsgSessionCore.cpp has connections and the end, KLVMsgSessionSending.cpp and
-// KLVMsgSessionReceiving.cpp the two directions.
+// Sources: KLVMsgSessionCore.cpp has connections and the end, KLVMsgSessionGreeting.cpp how those
+// begin that are not plain, KLVMsgSessionSending.cpp and KLVMsgSessionReceiving.cpp the two
+// directions.
 class KLVMsgSessionCore final : private KLVMsgLoop::Owner {
 public:
     using Peer = KLVMsgSessionPeer;
@@ -61,6 +63,7 @@ public:
     using Wanted = KLVMsgSession::Wanted;
     using Message = std::unique_ptr<KLVMsgSocketMessage>;
     using Found = KLVMsgSession::Found;
+    using Transports = std::shared_ptr<KLVMsgTransportFactory>;  // null: plain
 
     explicit KLVMsgSessionCore(const KLVMsgSessionOptions& options);
     ~KLVMsgSessionCore();
@@ -70,11 +73,13 @@ public:
     // The operations of KLVMsgSession.
     KLVMsgOutcome Register(Message prototype, const std::type_info& type,
                            const KLVMsgFramedMessage* framed);
-    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port);
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port,
+                        const Transports& transports);
     KLVMsgOutcome StopServing(int port);
-    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label, Time limit);
+    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label, Time limit,
+                          const Transports& transports);
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
-                               Time limit);
+                               Time limit, const Transports& transports);
     KLVMsgOutcome Start();
     KLVMsgOutcome Post(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                        const KLVMsgFramedMessage* framed);
@@ -111,6 +116,13 @@ private:
         std::vector<KLVMsgPeer> peers;
     };
 
+    // Who was accepted and still greets, or has been turned away and not left.
+    struct Guest {
+        std::string address;
+        KLVMsgLoop::LinkPtr link;
+        bool isTold = false;
+    };
+
     using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
 
     static KLVMsgOutcome Late();
@@ -119,8 +131,11 @@ private:
     KLVMsgOutcome IsReady() const;
 
     // Connections.
-    KLVMsgOutcome Adopt(KLVMsgDescriptor socket, const std::string& label,
+    std::unique_ptr<KLVMsgTransport> Plain(KLVMsgDescriptor socket) const;
+    KLVMsgOutcome Adopt(std::unique_ptr<KLVMsgTransport> transport, const std::string& label,
                         const std::string& address);
+    void TellCame(const Peer& peer, const KLVMsgTransport& transport);
+    void TellRefused(const std::string& address, const KLVMsgOutcome& outcome);
     void TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std::string& text, int error);
     void Forget(Peer& peer);
     void EndAnswerless(Peer& peer);
@@ -142,6 +157,15 @@ private:
     }
     void UpdateReadable();
     static void AddCounts(KLVMsgCounts& counts, Peer& peer);
+
+    // Greetings.
+    KLVMsgOutcome Greet(std::unique_ptr<KLVMsgTransport>& transport, const Transports& transports,
+                        const KLVMsgSocketAddress& address, Time limit);
+    KLVMsgOutcome Invite(std::unique_ptr<KLVMsgTransport> transport, const std::string& address,
+                         KLVMsgTransportFactory& transports);
+    KLVMsgOutcome AdoptGuest(KLVMsgLoop::Link& link, const std::string& address);
+    void GuestIsOver(KLVMsgLoop::Link& link);
+    void TellNotRenewed(const std::string& address, const std::string& warning);
 
     // Sending.
     bool Fits(const Peer& peer, const KLVMsgWireWriter& bytes, KLVMsgOutcome& outcome) const;
@@ -191,7 +215,9 @@ private:
     void OnTook(KLVMsgLoop::Link& link) override;
     void OnStalls(KLVMsgLoop::Link& link) override;
     void OnOver(KLVMsgLoop::Link& link) override;
-    void OnAccepted(KLVMsgDescriptor socket, const std::string& address) override;
+    void OnAccepted(KLVMsgDescriptor socket, const std::string& address,
+                    const KLVMsgLoop::Listener& listener) override;
+    void OnGreeted(KLVMsgLoop::Link& link, const KLVMsgTransport::Greeting& greeting) override;
     void OnListenerFailed(const KLVMsgLoop::Listener& listener, int error) override;
 
     const KLVMsgModuleUse m_module;
@@ -205,6 +231,7 @@ private:
 
     std::mutex m_mutex;
     KLVMsgPeerBook m_book;
+    std::map<std::uint64_t, Guest> m_guests;  // by the link's id, the oldest first
     KLVMsgInbox m_inbox;
     KLVMsgParcel::Stock m_spent;  // blocks of messages that were handed over
     KLVMsgEventQueue m_events;
