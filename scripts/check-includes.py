@@ -29,7 +29,7 @@ FLOORS = (
     "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
     "KLVMsgProtection KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage "
     "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
-    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgGreeting",
+    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgGreeting KLVMsgKitTls/",
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
     "KLVMsgLoop KLVMsgLoopGreeting",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionGreeting KLVMsgSessionSending "
@@ -97,7 +97,7 @@ def arrows_up(uses):
 def singletons_in_kit(uses):
     for file, used in sorted(uses.items()):
         for other in sorted(used):
-            if file.startswith("KLVMsgKit/") and os.path.basename(other) in NOT_IN_KIT:
+            if file.startswith(("KLVMsgKit/", "KLVMsgKitTls/")) and os.path.basename(other) in NOT_IN_KIT:
                 yield f"{file} includes {other}, which the session does without"
 
 

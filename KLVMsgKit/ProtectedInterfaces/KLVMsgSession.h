@@ -82,8 +82,8 @@ public:
     // gives them another one.
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port = nullptr);
 
-    // The same for peers that are protected in that way: whoever is not is turned away, and an event
-    // tells why. Fails where what protects cannot be used.
+    // The same for peers that are protected in that way: whoever is not is turned away, and an
+    // event tells why. Fails where what protects cannot be used.
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port,
                         const KLVMsgProtection& protection);
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, const KLVMsgProtection& protection) {
@@ -99,7 +99,7 @@ public:
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
                           KLVMsgTimeLimit limit = std::chrono::seconds(10));
 
-    // The same, protected in that way: done when the server has admitted this session, which it does
+    // The same, protected in that way: done when the server has admitted this session, as it does
     // once it has been started. Fails where one of them does not trust the other, with the cause.
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
                           KLVMsgTimeLimit limit, const KLVMsgProtection& protection);
