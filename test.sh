@@ -4,8 +4,8 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)
 . "$root/scripts/setup.sh"
 
-need_packages cmake g++ make libgtest-dev -- libbenchmark-dev libcereal-dev libprotobuf-dev pkg-config \
-  protobuf-compiler python3 python3-dpkt python3-matplotlib python3-protobuf python3-pytest \
+need_packages cmake g++ make libgtest-dev -- libbenchmark-dev libcereal-dev libprotobuf-dev libssl-dev \
+  openssl pkg-config protobuf-compiler python3 python3-dpkt python3-matplotlib python3-protobuf python3-pytest \
   python3-rich relacy-dev tshark
 
 build=$(build_root "$root")/release

@@ -76,6 +76,7 @@ is_there() {  # PACKAGE
     libbenchmark-dev) has_header benchmark/benchmark.h ;;
     libclang-rt-*) [ -e "$(clang++ -print-resource-dir)/lib/linux/libclang_rt.fuzzer-$(uname -m).a" ] ;;
     libcereal-dev) has_header cereal/cereal.hpp ;;
+    libssl-dev) has_header openssl/ssl.h ;;
     libprotobuf-dev) has_header google/protobuf/message.h ;;
     protobuf-compiler) command -v protoc ;;
     libboost-dev) has_header boost/asio.hpp ;;

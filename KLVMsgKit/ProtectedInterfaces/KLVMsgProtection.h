@@ -7,7 +7,7 @@
 class KLVMsgSession;
 class KLVMsgTransportFactory;
 
-// What Serve and Connect of a session are given so that nobody reads, changes or joins what is said.
+// What Serve and Connect of a session are given so that nobody reads or changes what is said.
 // A library that protects has a class of its own that is made of what it needs: KLVMsgTls of
 // libKLVMsgKitTls, of certificates. A plain value: copies stand for the same, and whoever serves or
 // connects keeps one.

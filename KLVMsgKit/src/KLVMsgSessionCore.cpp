@@ -180,14 +180,16 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
         }
     }
     KLVMsgDescriptor socket;
-    KLVMsgOutcome outcome =
-        KLVMsgSessionSockets::Connect(address, limit, m_endSignal.Number(), socket);
+    KLVMsgOutcome outcome = transports == nullptr ? KLVMsgOutcome() : transports->Check();
+    if (outcome) {
+        outcome = KLVMsgSessionSockets::Connect(address, limit, m_endSignal.Number(), socket);
+    }
     const std::string text = KLVMsgSessionSockets::PeerText(socket.Number());
     std::unique_ptr<KLVMsgTransport> transport;
     if (outcome) {
         transport = Plain(std::move(socket));
         if (transports != nullptr) {
-            outcome = Greet(transport, transports, address, limit);
+            outcome = Greet(transport, *transports, address, limit);
         }
     }
     const Lock lock(m_mutex);

@@ -159,8 +159,9 @@ private:
     static void AddCounts(KLVMsgCounts& counts, Peer& peer);
 
     // Greetings.
-    KLVMsgOutcome Greet(std::unique_ptr<KLVMsgTransport>& transport, const Transports& transports,
-                        const KLVMsgSocketAddress& address, Time limit);
+    KLVMsgOutcome Greet(std::unique_ptr<KLVMsgTransport>& transport,
+                        KLVMsgTransportFactory& transports, const KLVMsgSocketAddress& address,
+                        Time limit);
     KLVMsgOutcome Invite(std::unique_ptr<KLVMsgTransport> transport, const std::string& address,
                          KLVMsgTransportFactory& transports);
     KLVMsgOutcome AdoptGuest(KLVMsgLoop::Link& link, const std::string& address);

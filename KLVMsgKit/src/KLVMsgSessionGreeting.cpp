@@ -42,18 +42,15 @@ void KLVMsgSessionCore::TellRefused(const std::string& address, const KLVMsgOutc
 
 // Requires: the mutex is not held.
 KLVMsgOutcome KLVMsgSessionCore::Greet(std::unique_ptr<KLVMsgTransport>& transport,
-                                       const Transports& transports,
+                                       KLVMsgTransportFactory& transports,
                                        const KLVMsgSocketAddress& address, Time limit) {
     const bool isNamed = address.host.Length() != 0;
-    KLVMsgOutcome outcome = transports->Check();
+    transport =
+        transports.ToServer(std::move(transport), isNamed ? address.host.Text() : "127.0.0.1");
+    const Time own = Clock::now() + transports.GreetingLimit();
     std::string warning;
-    if (outcome) {
-        transport =
-            transports->ToServer(std::move(transport), isNamed ? address.host.Text() : "127.0.0.1");
-        const Time own = Clock::now() + transports->GreetingLimit();
-        outcome =
-            KLVMsgGreeting::Await(*transport, std::min(limit, own), m_endSignal.Number(), warning);
-    }
+    KLVMsgOutcome outcome =
+        KLVMsgGreeting::Await(*transport, std::min(limit, own), m_endSignal.Number(), warning);
     const std::string text = KLVMsgSessionSockets::Text(address);
     if (!warning.empty()) {
         const Lock lock(m_mutex);

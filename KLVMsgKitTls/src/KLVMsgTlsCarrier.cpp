@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <new>
 
 namespace {
 
@@ -35,8 +35,6 @@ bool KLVMsgTlsCarrier::Attach(SSL* connection) {
     return true;
 }
 
-void KLVMsgTlsCarrier::Begin(bool keeps) { m_keeps = keeps; }
-
 void KLVMsgTlsCarrier::BeginReading() {
     m_isDry = false;
     m_mayRead = kMostRead;
@@ -44,12 +42,15 @@ void KLVMsgTlsCarrier::BeginReading() {
 
 KLVMsgTransport::Result KLVMsgTlsCarrier::Flush() {
     KLVMsgTransport::Result result;
-    if (m_kept != 0) {
-        const iovec piece = {m_bytes, m_kept};
+    if (!m_kept.empty()) {
+        const iovec piece = {m_kept.data(), m_kept.size()};
         result = m_way->Write(&piece, 1, false);
-        m_kept -= result.count;
-        std::memmove(m_bytes, m_bytes + result.count, m_kept);
-        result.error = m_kept != 0 && result.error == 0 ? EAGAIN : result.error;
+        m_kept.erase(0, result.count);
+        if (!m_kept.empty()) {
+            result.error = result.error == 0 ? EAGAIN : result.error;
+        } else {
+            m_kept = std::string();  // no memory for what is rarely kept
+        }
     }
     return result;
 }
@@ -68,9 +69,6 @@ int KLVMsgTlsCarrier::OnWrite(BIO* bio, const char* data, int size) {
     BIO_clear_retry_flags(bio);
     const int count = static_cast<KLVMsgTlsCarrier*>(BIO_get_data(bio))
                           ->Write(data, static_cast<std::size_t>(std::max(size, 0)));
-    if (count == kLater) {
-        BIO_set_retry_write(bio);
-    }
     return std::max(count, -1);
 }
 
@@ -106,21 +104,26 @@ int KLVMsgTlsCarrier::Write(const char* data, std::size_t size) {
     } else {
         result.count = 0;
     }
-    if (result.error != 0 && result.error != EAGAIN) {
+    if (result.error == 0 || result.error == EAGAIN) {
+        result.error = Keep(data + result.count, size - result.count);
+    }
+    if (result.error != 0) {
         m_error = result.error;
         return kFailed;
     }
-    if (m_keeps && result.count < size && Keep(data + result.count, size - result.count)) {
-        result.count = size;
-    }
-    return result.count == 0 && size != 0 ? kLater : static_cast<int>(result.count);
+    return static_cast<int>(size);
 }
 
-bool KLVMsgTlsCarrier::Keep(const char* data, std::size_t size) {
-    if (size > kMostKept - m_kept) {
-        return false;
+// The errno of why not: of a peer that asks for new keys without end, and reads none, too much
+// would gather.
+int KLVMsgTlsCarrier::Keep(const char* data, std::size_t size) {
+    if (size > kMostKept - m_kept.size()) {
+        return ENOBUFS;
     }
-    std::memcpy(m_bytes + m_kept, data, size);
-    m_kept += size;
-    return true;
+    try {
+        m_kept.append(data, size);
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    }
+    return 0;
 }

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "KLVMsgTransport.h"
@@ -12,11 +13,11 @@
 // Carries records over a plain transport, and knows what OpenSSL makes of its answers: whether the
 // system had nothing more to read, or the peer has ended, or what has failed.
 //
-// What TLS has to say for itself (an answer to new keys, an alert, the farewell) is written while
-// something else is done, often reading. Were it to wait for the system there, two peers that both
-// have no room would wait for each other for ever: each must read before the other one can write.
-// So such an operation never waits: what the system does not take is kept here, and goes before
-// anything else. It is bounded, since nothing is begun while some is left.
+// Writing never waits: what the system does not take is kept here, and goes before anything else.
+// OpenSSL answers a peer's new keys while it reads, and that fails where a record of messages waits
+// for the system; and were one not to read then, two peers that both have no room would wait for
+// each other for ever. No record of messages is begun while something is kept, so that it is one of
+// them at the most, and a few words of TLS.
 class KLVMsgTlsCarrier {
 public:
     explicit KLVMsgTlsCarrier(std::unique_ptr<KLVMsgTransport> way) : m_way(std::move(way)) {}
@@ -28,15 +29,12 @@ public:
     // From now on the connection goes over it. False: there was no memory.
     bool Attach(SSL* connection);
 
-    // Before each operation of OpenSSL: whether what it writes may be kept.
-    void Begin(bool keeps);
-
     // Before each time that the loop has reading done: it may take so much.
     void BeginReading();
 
     // Writes what is kept.
     KLVMsgTransport::Result Flush();
-    bool HoldsOutput() const { return m_kept != 0; }
+    bool HoldsOutput() const { return !m_kept.empty(); }
 
     // The system has no more to read; the peer has ended its output; the errno of what has failed.
     bool IsDry() const { return m_isDry; }
@@ -45,7 +43,7 @@ public:
 
 private:
     static constexpr std::size_t kMostRead = std::size_t{128} << 10;
-    static constexpr std::size_t kMostKept = 256;
+    static constexpr std::size_t kMostKept = std::size_t{64} << 10;
 
     static BIO_METHOD* Methods();
     static int OnRead(BIO* bio, char* data, int size);
@@ -54,14 +52,12 @@ private:
 
     int Read(char* data, std::size_t size);
     int Write(const char* data, std::size_t size);
-    bool Keep(const char* data, std::size_t size);
+    int Keep(const char* data, std::size_t size);
 
     const std::unique_ptr<KLVMsgTransport> m_way;
-    bool m_keeps = false;
     bool m_isDry = false;
     bool m_hasEnded = false;
     int m_error = 0;
     std::size_t m_mayRead = 0;
-    std::size_t m_kept = 0;
-    char m_bytes[kMostKept] = {};
+    std::string m_kept;
 };

@@ -17,9 +17,6 @@ namespace {
 constexpr std::size_t kRecord = std::size_t{16} << 10;  // bytes of a full one
 constexpr char kAdmitted = 1;
 
-// What OpenSSL is offered in place of what it has encrypted already: it is not looked at.
-constexpr char kNothing[kRecord] = {};
-
 // The bytes from a position on, in one piece: copied only where they are not.
 const char* InOnePiece(const iovec* pieces, std::size_t from, std::size_t size, char* buffer) {
     for (; from >= pieces->iov_len; ++pieces) {
@@ -59,11 +56,11 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Greet() {
         }
         warning = std::move(greeting.warning);
         m_carrier.BeginReading();
-        m_carrier.Begin(false);
         KLVMsgTlsWords::Forget();
         const int result = m_isShaken ? 1 : SSL_do_handshake(m_connection.get());
         m_isShaken = result == 1;
         greeting = !m_isShaken ? Answer(result) : IsServer() ? Greeting() : AwaitAdmission();
+        greeting.waitsForRoom = Flush().error == EAGAIN;
         greeting.warning = std::move(warning);
     } catch (const std::bad_alloc&) {
         m_hasFailed = true;
@@ -108,7 +105,6 @@ bool KLVMsgTlsTransport::ExpectHost() {
 KLVMsgTransport::Greeting KLVMsgTlsTransport::AwaitAdmission() {
     char word = 0;
     std::size_t count = 0;
-    m_carrier.Begin(true);
     const int result = SSL_read_ex(m_connection.get(), &word, 1, &count);
     if (result != 1) {
         return Answer(result);
@@ -122,10 +118,6 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Answer(int result) {
     switch (SSL_get_error(m_connection.get(), result)) {
         case SSL_ERROR_WANT_READ:
             greeting.state = Greeting::kGoesOn;
-            return greeting;
-        case SSL_ERROR_WANT_WRITE:
-            greeting.state = Greeting::kGoesOn;
-            greeting.waitsForRoom = true;
             return greeting;
         case SSL_ERROR_ZERO_RETURN:
             return Failure("it has turned us away");
@@ -149,10 +141,8 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Failure(std::string text) {
 }
 
 void KLVMsgTlsTransport::Admit() {
-    Result ignored;  // where it fails the next one fails as well
-    if (IsServer()) {
-        m_carrier.Begin(true);
-        WriteRecord(&kAdmitted, 1, ignored);
+    if (IsServer() && WriteRecord(&kAdmitted, 1)) {
+        m_pending = 0;  // it is none of the messages' bytes
     }
 }
 
@@ -169,10 +159,9 @@ KLVMsgTransport::Result KLVMsgTlsTransport::Read(const iovec* spaces, int count)
     Result result;
     if (!m_hasFailed && !m_inputEnded) {
         m_carrier.BeginReading();
-        m_carrier.Begin(true);
         for (int i = 0; i < count && ReadInto(spaces[i], result); ++i) {
         }
-        AnswerNewKeys();
+        RenewKeys();
     }
     if (result.count == 0) {
         EndReading(result);
@@ -238,88 +227,72 @@ KLVMsgTransport::Result KLVMsgTlsTransport::Write(const iovec* pieces, int count
     }
     char buffer[kRecord];
     while (result.count < all) {
-        // What TLS has to say goes first, and nothing is encrypted that the system is not offered.
-        AnswerNewKeys();
-        if (m_pending == 0 && m_carrier.HoldsOutput()) {
-            if ((result.error = Flush().error) != 0) {
-                break;
-            }
+        if ((result.error = Flush().error) != 0) {
+            result.held = m_pending;
+            break;
+        }
+        if (m_pending != 0) {
+            result.count += std::exchange(m_pending, 0);
             continue;
         }
         const std::size_t size = std::min(kRecord, all - result.count);
-        m_carrier.Begin(false);
-        if (m_pending != 0
-                ? !FinishRecord(result)
-                : !WriteRecord(InOnePiece(pieces, result.count, size, buffer), size, result)) {
+        if (!WriteRecord(InOnePiece(pieces, result.count, size, buffer), size)) {
+            result.error = m_error;
             break;
         }
     }
     return result;
 }
 
-// False when the system has not taken it.
-bool KLVMsgTlsTransport::WriteRecord(const char* data, std::size_t size, Result& result) {
+// It is pending until the system has taken all of it.
+bool KLVMsgTlsTransport::WriteRecord(const char* data, std::size_t size) {
     std::size_t written = 0;
     KLVMsgTlsWords::Forget();
     const int done = SSL_write_ex(m_connection.get(), data, size, &written);
     if (done == 1) {
-        m_pending = 0;
-        result.count += written;
-        if (++m_recordsWritten >= m_recordsPerKey || m_recordsRead >= m_recordsPerKey) {
-            RenewKeys(SSL_KEY_UPDATE_REQUESTED);
-        }
-        return !m_hasFailed;
+        m_pending = written;
+        ++m_recordsWritten;
+        return true;
     }
-    const int reason = SSL_get_error(m_connection.get(), done);
-    if (reason == SSL_ERROR_WANT_WRITE) {
-        m_pending = result.held = size;
-        result.error = EAGAIN;
-    } else if (m_carrier.Error() != 0) {
+    if (m_carrier.Error() != 0) {
         m_outputFailed = true;
-        result.error = m_carrier.Error();
+        m_error = m_carrier.Error();
     } else {
-        Fail(reason);
-        result.error = m_error;
+        Fail(SSL_get_error(m_connection.get(), done));
     }
     return false;
 }
 
-// New keys for what is written, and on request for what is read. Where there is no room for that it
-// is done later.
-void KLVMsgTlsTransport::RenewKeys(int kind) {
-    if (m_carrier.HoldsOutput() || m_pending != 0 || m_ends || m_hasFailed || m_outputFailed) {
+// OpenSSL answers a peer with new keys in the next record that it writes: for one who only reads it
+// never comes. And we ask for new ones. While something waits for room both are left for later.
+void KLVMsgTlsTransport::RenewKeys() {
+    if (m_carrier.HoldsOutput() || m_ends || m_hasFailed || m_outputFailed) {
         return;
     }
-    m_carrier.Begin(true);
+    const bool isAnswer = SSL_get_key_update_type(m_connection.get()) != SSL_KEY_UPDATE_NONE;
+    const bool asks = m_recordsWritten >= m_recordsPerKey || m_recordsRead >= m_recordsPerKey;
+    if (!isAnswer && !asks) {
+        return;
+    }
+    m_recordsWritten = m_recordsRead = 0;
     KLVMsgTlsWords::Forget();
-    int done = SSL_key_update(m_connection.get(), kind);
+    int done = SSL_key_update(m_connection.get(),
+                              asks ? SSL_KEY_UPDATE_REQUESTED : SSL_KEY_UPDATE_NOT_REQUESTED);
     if (done == 1) {
         done = SSL_do_handshake(m_connection.get());
     }
-    m_recordsWritten = 0;
-    m_recordsRead = kind == SSL_KEY_UPDATE_REQUESTED ? 0 : m_recordsRead;
     if (done != 1) {
         Fail(SSL_get_error(m_connection.get(), done));
-    }
-}
-
-// OpenSSL answers with the next record that is written: for one who only reads that never comes.
-void KLVMsgTlsTransport::AnswerNewKeys() {
-    if (m_hasFailed) {
-        return;
-    }
-    if (SSL_get_key_update_type(m_connection.get()) != SSL_KEY_UPDATE_NONE) {
-        m_recordsRead = 0;  // the peer has them already
-        RenewKeys(SSL_KEY_UPDATE_NOT_REQUESTED);
-    } else if (m_recordsRead >= m_recordsPerKey) {
-        RenewKeys(SSL_KEY_UPDATE_REQUESTED);
     }
 }
 
 // Ending -----------------------------------------------------------------------------------------
 
 void KLVMsgTlsTransport::EndOutput() {
-    m_ends = true;
+    if (!std::exchange(m_ends, true) && m_isShaken && !m_hasFailed && !m_outputFailed) {
+        KLVMsgTlsWords::Forget();
+        SSL_shutdown(m_connection.get());
+    }
     Flush();
 }
 
@@ -328,27 +301,15 @@ KLVMsgTransport::Result KLVMsgTlsTransport::Flush() {
     if (!m_outputFailed) {
         result = m_carrier.Flush();
         m_outputFailed = result.error != 0 && result.error != EAGAIN;
-    }
-    if (m_ends && !m_hasEnded && result.error == 0 && m_isShaken && !m_hasFailed &&
-        !m_outputFailed && FinishRecord(result)) {
-        if ((SSL_get_shutdown(m_connection.get()) & SSL_SENT_SHUTDOWN) == 0) {
-            m_carrier.Begin(true);
-            KLVMsgTlsWords::Forget();
-            SSL_shutdown(m_connection.get());
+        if (result.error == 0 && m_isShaken) {
+            RenewKeys();
         }
-        result = m_carrier.Flush();
     }
     if (m_ends && !m_hasEnded && result.error != EAGAIN) {
         m_carrier.Way().EndOutput();
         m_hasEnded = true;
     }
     return result;
-}
-
-// The rest of what OpenSSL has encrypted.
-bool KLVMsgTlsTransport::FinishRecord(Result& result) {
-    m_carrier.Begin(false);
-    return m_pending == 0 || WriteRecord(kNothing, m_pending, result);
 }
 
 void KLVMsgTlsTransport::Fail(int reason) {

@@ -15,9 +15,8 @@
 // Its greeting is the handshake, and a record of one byte by which the server admits the client:
 // the handshake alone ends at the client before the server has looked at its certificate.
 //
-// What OpenSSL has encrypted it keeps until the system has taken it, whatever is offered the next
-// time. So those bytes are held, as KLVMsgTransport calls it: a message of which one is among them
-// cannot be taken back.
+// What is encrypted has to go. So until the system has taken all of a record its bytes are held, as
+// KLVMsgTransport calls it: a message of which one is among them cannot be taken back.
 class KLVMsgTlsTransport final : public KLVMsgTransport {
 public:
     // To a client.
@@ -58,10 +57,8 @@ private:
 
     bool ReadInto(const iovec& space, Result& result);
     void EndReading(Result& result);
-    bool WriteRecord(const char* data, std::size_t size, Result& result);
-    void RenewKeys(int kind);
-    void AnswerNewKeys();
-    bool FinishRecord(Result& result);
+    bool WriteRecord(const char* data, std::size_t size);
+    void RenewKeys();
     void Fail(int reason);
 
     KLVMsgTlsCarrier m_carrier;
@@ -80,7 +77,7 @@ private:
     bool m_inputEnded = false;
     std::uint64_t m_recordsRead = 0;  // under the present key
     std::uint64_t m_recordsWritten = 0;
-    std::size_t m_pending = 0;  // bytes of the record that the system has not yet taken
+    std::size_t m_pending = 0;  // messages' bytes in the record that goes
     bool m_ends = false;        // the output is to end
     bool m_hasEnded = false;    // and has
 };
