@@ -51,35 +51,31 @@ class PemFolder {
 public:
     ~PemFolder() { std::filesystem::remove_all(m_path); }
 
-    // Puts a file there, at once, and returns its path.
-    std::string Put(const std::string& name, std::initializer_list<const Identity*> certificates,
-                    const Identity* key = nullptr) const {
-        const std::string path = m_path + "/" + name;
-        std::FILE* const file = std::fopen((path + ".new").c_str(), "w");
-        for (const Identity* const one : certificates) {
-            PEM_write_X509(file, one->certificate.get());
-        }
-        if (key != nullptr) {
-            PEM_write_PrivateKey(file, key->key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-        }
-        std::fclose(file);
-        std::filesystem::rename(path + ".new", path);
-        return path;
-    }
-
-    // The files of a peer, under its own name.
-    KLVMsgTlsOptions Peer(const std::string& name,
-                          std::initializer_list<const Identity*> certificates, const Identity& key,
+    // The files of a peer, under a name of its own.
+    KLVMsgTlsOptions Peer(const std::string& name, std::initializer_list<const Identity*> shown,
                           const Identity& authority) const {
+        const std::string path = m_path + "/" + name;
+        const auto put = [&](const char* end, std::initializer_list<const Identity*> certificates,
+                             const Identity* key) {
+            std::FILE* const file = std::fopen((path + end).c_str(), "w");
+            for (const Identity* const one : certificates) {
+                PEM_write_X509(file, one->certificate.get());
+            }
+            if (key != nullptr) {
+                PEM_write_PrivateKey(file, key->key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+            }
+            std::fclose(file);
+            return path + end;
+        };
         KLVMsgTlsOptions options;
-        options.certificate = Put(name + ".pem", certificates);
-        options.key = Put(name + ".key", {}, &key);
-        options.authority = Put(name + ".authority", {&authority});
+        options.certificate = put(".pem", shown, nullptr);
+        options.key = put(".key", {}, *shown.begin());
+        options.authority = put(".authority", {&authority}, nullptr);
         return options;
     }
 
 private:
-    std::string Made() {
+    static std::string Made() {
         std::string path = std::filesystem::temp_directory_path() / "klvmsg-tls.XXXXXX";
         return mkdtemp(path.data());
     }
