@@ -2,6 +2,8 @@
 #include <nng/protocol/pair0/pair.h>
 #include <nng/protocol/pipeline0/pull.h>
 #include <nng/protocol/pipeline0/push.h>
+#include <nng/protocol/reqrep0/rep.h>
+#include <nng/protocol/reqrep0/req.h>
 
 #include "Talker.h"
 
@@ -9,6 +11,7 @@ namespace bench {
 namespace {
 
 // A pair there and back; one way a socket that pulls, and one for each connection that pushes.
+// Where one asks, a socket that replies, and one for each asker that requests.
 class NngTalker : public Talker {
 public:
     explicit NngTalker(const Manner& manner) : m_manner(manner) {}
@@ -31,27 +34,46 @@ public:
     }
 
     void Send(std::size_t connection, const Stamp& stamp) override {
-        nng_msg* message = nullptr;
-        Require(nng_msg_alloc(&message, m_manner.size) == 0, "nng message");
-        PutBody(static_cast<char*>(nng_msg_body(message)), stamp, m_manner.size);
-        Require(nng_sendmsg(m_sockets[connection], message, 0) == 0, "nng send");
+        if (m_manner.use == Use::kAsking) {
+            PutIn(m_sockets[stamp.lane], stamp);
+            Require(TakeOut(m_sockets[stamp.lane]).number == stamp.number, "nng answer");
+        } else {
+            PutIn(m_sockets[connection], stamp);
+        }
     }
 
     void Receive(std::vector<Stamp>& stamps) override {
-        nng_msg* message = nullptr;
-        Require(nng_recvmsg(m_sockets[0], &message, 0) == 0, "nng receive");
-        Require(nng_msg_len(message) == m_manner.size, "nng size");
-        stamps.push_back(StampOf(nng_msg_body(message)));
-        nng_msg_free(message);
+        stamps.push_back(TakeOut(m_sockets[0]));
+        if (m_manner.use == Use::kAsking) {
+            Answer(stamps.back());
+        }
     }
 
-    void Answer(const Stamp& stamp) override { Send(0, stamp); }
+    void Answer(const Stamp& stamp) override { PutIn(m_sockets[0], stamp); }
 
 private:
+    void PutIn(nng_socket socket, const Stamp& stamp) const {
+        nng_msg* message = nullptr;
+        Require(nng_msg_alloc(&message, m_manner.size) == 0, "nng message");
+        PutBody(static_cast<char*>(nng_msg_body(message)), stamp, m_manner.size);
+        Require(nng_sendmsg(socket, message, 0) == 0, "nng send");
+    }
+
+    Stamp TakeOut(nng_socket socket) const {
+        nng_msg* message = nullptr;
+        Require(nng_recvmsg(socket, &message, 0) == 0, "nng receive");
+        Require(nng_msg_len(message) == m_manner.size, "nng size");
+        const Stamp stamp = StampOf(nng_msg_body(message));
+        nng_msg_free(message);
+        return stamp;
+    }
+
     nng_socket& Open(bool server) {
         nng_socket& socket = m_sockets.emplace_back();
+        const bool asks = m_manner.use == Use::kAsking;
         Require((m_manner.use == Use::kThereAndBack ? nng_pair0_open
-                 : server                           ? nng_pull0_open
+                 : server                           ? (asks ? nng_rep0_open : nng_pull0_open)
+                 : asks                             ? nng_req0_open
                                                     : nng_push0_open)(&socket) == 0,
                 "nng open");
         return socket;

@@ -1,5 +1,6 @@
 // A session between two processes, beside messaging libraries with their default settings and, for
-// long messages, beside a loop over plain sockets: one way, there and back, and doing nothing.
+// long messages, beside a loop over plain sockets: one way, there and back, asking, and doing
+// nothing.
 //
 // Contenders take turns in random order, and each turn has two new processes. One line of JSON for
 // each figure of each turn; scripts/session_bench.py makes the ratios.
@@ -87,8 +88,8 @@ void SendOneWay(Process&, const Talk& talk, Talker& talker) {
 }
 
 // Messages a second, from the first one sent to the last one received.
-double RateOneWay(const Talk& talk) {
-    Meeting meeting(talk, &SendOneWay);
+double Rate(const Talk& talk, Meeting::Clients clients) {
+    Meeting meeting(talk, clients);
     std::vector<Stamp> stamps;
     double count = 0;
     const double start = Now();
@@ -107,7 +108,7 @@ double RateOneWay(const Talk& talk) {
 
 void OneWay(const std::string& what, const std::vector<Talk>& talks) {
     TakeTurns(3, talks, [&](const Talk& talk) {
-        Print(what, talk.who, Apart<double>([&] { return RateOneWay(talk); }));
+        Print(what, talk.who, Apart<double>([&] { return Rate(talk, &SendOneWay); }));
     });
 }
 
@@ -234,6 +235,59 @@ void ThereAndBack() {
     });
 }
 
+// Asking ------------------------------------------------------------------------------------------
+
+void AskOnAndOn(Process&, const Talk& talk, Talker& talker) {
+    std::vector<std::thread> askers;
+    for (int i = 0; i < talk.threads; ++i) {
+        askers.emplace_back([&talker, i] { SendOnAndOn(talker, 1, static_cast<std::size_t>(i)); });
+    }
+    for (std::thread& asker : askers) {
+        asker.join();
+    }
+}
+
+void TimeQuestions(Process& server, const Talk&, Talker& talker) {
+    std::vector<double> times;
+    for (int i = 1; i <= Trips(); ++i) {
+        const double start = Now();
+        talker.Send(0, {0, static_cast<std::uint64_t>(i)});
+        if (i > firstTrips) {
+            times.push_back((Now() - start) / 1e3);
+        }
+    }
+    server.Tell(Median(times));
+}
+
+double TimeOfQuestion(const Talk& talk) {
+    Meeting meeting(talk, &TimeQuestions);
+    std::vector<Stamp> stamps;
+    meeting.Begin();
+    for (int i = 0; i < Trips(); ++i) {
+        meeting.Server().Receive(stamps);
+    }
+    return meeting.Far().Hear<double>();
+}
+
+// Askers of a session share a connection; of the others each has what it needs for itself.
+void Asking() {
+    Manner manner;
+    manner.use = Use::kAsking;
+    for (const int askers : {1, 64}) {
+        std::vector<Talk> talks = {SessionTalk("session", manner)};
+        AddPeers(talks, manner, askers);
+        for (Talk& talk : talks) {
+            talk.threads = askers;
+        }
+        TakeTurns(3, talks, [&](const Talk& talk) {
+            const bool isOne = askers == 1;
+            Print(isOne ? "asking, 16 B, median" : "asking, 16 B, 64 askers", talk.who,
+                  Apart<double>(
+                      [&] { return isOne ? TimeOfQuestion(talk) : Rate(talk, &AskOnAndOn); }));
+        });
+    }
+}
+
 // Idle --------------------------------------------------------------------------------------------
 
 double ProcessorTime() {
@@ -268,13 +322,16 @@ void RunAll() {
         OneWayLong(kibibytes << 10);
     }
     ThereAndBack();
+    Asking();
     Idle();
 }
 
 }  // namespace
 }  // namespace bench
 
+// With the name of a part, that alone.
 int main(int argc, char** argv) {
-    bench::smoke = argc > 1 && std::string(argv[1]) == "--smoke";
-    bench::RunAll();
+    const std::string argument = argc > 1 ? argv[1] : "";
+    bench::smoke = argument == "--smoke";
+    argument == "asking" ? bench::Asking() : bench::RunAll();
 }

@@ -34,6 +34,26 @@ private:
     std::size_t m_size;
 };
 
+// A question, and its answer.
+class Call : public KLVMsgCallMessage {
+public:
+    explicit Call(const Stamp& content = {}) : stamp(content) {}
+
+    bool EncodeFields(std::string& bytes) const override {
+        bytes.assign(reinterpret_cast<const char*>(&stamp), sizeof stamp);
+        return true;
+    }
+    bool DecodeFields(std::string_view bytes) override {
+        const bool isRight = bytes.size() == sizeof stamp;
+        stamp = isRight ? StampOf(bytes.data()) : Stamp();
+        return isRight;
+    }
+    KLVMsgSocketMessage* NewInstance() override { return new Call; }
+    KLVString GetMessageType() const override { return "BenchCall"; }
+
+    Stamp stamp;
+};
+
 // What is waited for and never comes.
 class OtherMessage : public Message {
 public:
@@ -50,7 +70,8 @@ KLVMsgSessionOptions Options(const Manner& manner) {
 class SessionTalker : public Talker {
 public:
     explicit SessionTalker(const Manner& manner) : m_manner(manner), m_session(Options(manner)) {
-        Require(m_session.Register(Message(manner.size)) && m_session.Register(OtherMessage()),
+        Require(m_session.Register(Message(manner.size)) && m_session.Register(OtherMessage()) &&
+                    m_session.Register(Call()),
                 "session register");
     }
 
@@ -75,6 +96,11 @@ public:
 
     // Where the queue is full it waits for room, as the others do by themselves.
     void Send(std::size_t connection, const Stamp& stamp) override {
+        if (m_manner.use == Use::kAsking) {
+            const auto answer = m_session.Ask<Call>(m_servers[0], Call(stamp), kLimit);
+            Require(answer && answer->stamp.number == stamp.number, "session ask");
+            return;
+        }
         const Message message(m_manner.size, stamp);
         const KLVMsgPeer server = m_servers[connection];
         const KLVMsgOutcome posted = m_session.Post(server, message);
@@ -84,7 +110,11 @@ public:
     }
 
     void Receive(std::vector<Stamp>& stamps) override {
-        if (m_manner.together) {
+        if (m_manner.use == Use::kAsking) {
+            const auto received = m_session.Receive<Call>(kLimit);
+            Require(received && m_session.Answer(received, *received), "session answer");
+            stamps.push_back(received->stamp);
+        } else if (m_manner.together) {
             const auto received = m_session.ReceiveAll<Message>(kLimit);
             Require(bool(received), "session receive all");
             for (const auto& item : received.messages) {

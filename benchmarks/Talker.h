@@ -20,7 +20,9 @@ struct Stamp {
     std::uint64_t number;
 };
 
-enum class Use { kThereAndBack, kOneWay };
+// Where one asks, Send returns with the answer, and what Receive has taken it has answered. Each
+// lane is then a thread that asks.
+enum class Use { kThereAndBack, kOneWay, kAsking };
 
 // How a contender is to talk. Only a session looks at the lower half, which has its defaults.
 struct Manner {
@@ -41,7 +43,7 @@ public:
     virtual void Connect(const std::string& host, int port, int connections) = 0;
 
     // Of a client. Waits where the contender holds its sender back. Only a session's may be called
-    // on several threads.
+    // on several threads, and where one asks each lane on its own.
     virtual void Send(std::size_t connection, const Stamp& stamp) = 0;
 
     // Waits, and appends the stamps of at least one message, in the order in which they came.

@@ -27,13 +27,18 @@ FLOORS = (
     "KLVMsgCommModules",
     # The session, from its first floor to its fifth.
     "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
-    "KLVMsgProtection KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage "
+    "KLVMsgPeerInfo KLVMsgPeerInfoData KLVMsgNetwork KLVMsgProtection "
+    "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage KLVMsgCallMessage "
+    "KLVMsgReceivedAny KLVMsgQuestionCounts "
     "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
-    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgGreeting KLVMsgKitTls/",
+    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgQuietThread KLVMsgResolver "
+    "KLVMsgDialer KLVMsgGreeting KLVMsgKitTls/",
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
     "KLVMsgLoop KLVMsgLoopGreeting",
-    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionGreeting KLVMsgSessionSending "
-    "KLVMsgSessionReceiving KLVMsgInbox KLVMsgPeerBook KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
+    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
+    "KLVMsgSessionAdmitting KLVMsgSessionGreeting KLVMsgSessionKeeping KLVMsgSessionDraining "
+    "KLVMsgSessionAsking KLVMsgSessionDispatching KLVMsgMetrics "
+    "KLVMsgPeerBook KLVMsgKeep KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
     "examples/",
 )
 
@@ -44,7 +49,9 @@ FAMILIES = (
     "KLVMsgMessageQuery KLVMsgMessageQueryByType",
     "KLVMsgStream KLVMsgInputStream KLVMsgOutputStream KLVMsgSimpleInputStream "
     "KLVMsgBufferedOutputStream",
-    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionGreeting KLVMsgSessionSending KLVMsgSessionReceiving",
+    "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving "
+    "KLVMsgSessionAdmitting KLVMsgSessionGreeting KLVMsgSessionKeeping KLVMsgSessionDraining "
+    "KLVMsgSessionAsking KLVMsgSessionDispatching",
 )
 
 # What the session does without: the two singletons with all that stands around them.

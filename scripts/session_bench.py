@@ -77,12 +77,20 @@ def trip_rows():
     yield time(f"{median}, beside {waiting}", median, f"session, {waiting}", SESSION, 1.2)
 
 
+def asking_rows():
+    median, many = "asking, 16 B, median", "asking, 16 B, 64 askers"
+    for against in ("ZeroMQ", "nng"):
+        yield time(median, median, SESSION, against, 0.85)
+        yield rate(many, many, SESSION, against, 1.5)
+
+
 ROWS = [
     *short_rows(),
     rate("one way, 16 B, 16 threads posting to one peer", "one way, 16 B, connections: 1",
          "session, together, 16 threads", TOGETHER, 0.8),
     *long_rows(),
     *trip_rows(),
+    *asking_rows(),
     itself("memory of an idle connection", "memory of an idle connection", 2048, "{:,.0f} B"),
     itself("memory of a session", "memory of a session", 1 << 20, "{:,.0f} B"),
     itself("idle, of a core", "idle", 0.01, "{:.4f} %"),

@@ -153,7 +153,14 @@ TEST(SessionConnections, WhoeverWaitsIsToldThatTheSessionHasEnded) {
     MutePair pair(options);
     Session& session = pair.session;
     session.Post("mute", flood);
+    EXPECT_EQ(KLVMsgOutcome::kFull, session.Ask<Quiz>("mute", Quiz(), ever).status);
+    session.Handle<TextMessage>([](auto) {});
+    const PlainPeer other(session.port);
+    session.Came("other");
     const std::function<KLVMsgOutcome()> operations[] = {
+        [&] { return session.Ask<Quiz>("other", Quiz(), ever); },
+        [&] { return session.Dispatch(ever); },
+        [&] { return session.ReceiveAny(ever); },
         [&] { return session.Receive<Word>(ever); },
         [&] { return session.ReceiveAll<Other>(ever, "mute"); },
         [&] { return session.WaitUntilGone("mute", ever); },
@@ -164,6 +171,7 @@ TEST(SessionConnections, WhoeverWaitsIsToldThatTheSessionHasEnded) {
     for (const auto& operation : operations) {
         waiting.push_back(std::async(std::launch::async, operation));
     }
+    EXPECT_TRUE(Eventually([&] { return session.Questions().waiting == 1; }));
     EXPECT_EQ(KLVMsgOutcome::kTooLate, session.End(100ms).status) << "the peer has not read";
     for (std::size_t i = 0; i < waiting.size(); ++i) {
         EXPECT_EQ(ESHUTDOWN, waiting[i].get().error) << i;
@@ -191,6 +199,24 @@ TEST(SessionConnections, EventsThatNobodyAsksForAreCounted) {
     }
     EXPECT_EQ(1000U, events);
     EXPECT_EQ(202U, missed);
+}
+
+TEST(SessionConnections, WhoeverObservesSeesEveryEventOnTheLoop) {
+    std::string seen;
+    const Listener listener;
+    {
+        KLVMsgSession session;
+        session.Observe([&, main = pthread_self()](const KLVMsgEvent& event) {
+            EXPECT_NE(main, pthread_self());
+            session.SetLabel(event.peer, "free of locks");
+            throw seen += event.what.substr(event.what.find(": ")) + ".";
+        });
+        session.Connect(At(listener.address.port), "", ever);
+        session.Start();
+        EXPECT_TRUE(Eventually([&] { return session.Peers("free of locks").size() == 1; }));
+        EXPECT_FALSE(session.End(0ms)) << "nobody has accepted it";
+    }
+    EXPECT_EQ(": a connection.: the session has ended.", seen);
 }
 
 TEST(SessionConnections, EveryDescriptorHasItsOptions) {

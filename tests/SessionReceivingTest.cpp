@@ -81,6 +81,24 @@ TEST(SessionReceiving, AFullInboxHoldsUpItsSender) {
     }
 }
 
+TEST(SessionReceiving, WhoIsHeldForTheSakeOfAllGoesOnWhenHalfIsGone) {
+    KLVMsgSessionOptions options;
+    options.inboxLimitOfAll = 1000;
+    MutePair pair(options);
+    PlainPeer other(pair.session.port);
+    pair.session.Came("other");
+    pair.mute.Send(WordBytes(std::string(2000, 'x')));
+    EXPECT_TRUE(pair.session.Holds(1));
+    other.Send(WordBytes("1"));
+    EXPECT_TRUE(pair.session.Holds(2)) << "of whom nothing is there is read even then";
+    other.Send(WordBytes("2"));
+    EXPECT_EQ("1", pair.session.Next("other"));
+    EXPECT_TRUE(pair.session.Holds(2)) << "nor is anything there now";
+    other.Send(WordBytes("3"));
+    EXPECT_EQ(2000U, pair.session.Next("mute").size());
+    EXPECT_TRUE(pair.session.Holds(2));
+}
+
 TEST(SessionReceiving, WaitingReadsPastAFullInboxForThoseMeant) {
     KLVMsgSessionOptions options;
     options.inboxLimit = 1000;
@@ -148,6 +166,39 @@ TEST(SessionReceiving, TheDescriptorIsReadableAsLongAsThereIsSomething) {
     EXPECT_FALSE(isReadable());
     EXPECT_TRUE(pair.session.End(ever));
     EXPECT_TRUE(isReadable());
+}
+
+TEST(SessionReceiving, HandlersHaveTheirClassesAlone) {
+    MutePair pair;
+    Session& session = pair.session;
+    EXPECT_FALSE(session.Dispatch(ever)) << "no handler";
+    auto waiting = std::async([&] { return session.Receive<Word>(ever).error; });
+    auto any = std::async([&] { return session.ReceiveAny(ever); });
+    std::string seen;
+    session.Handle<Word>([&](auto word) { (seen += word->text) != "a-b" ? void() : throw 1; });
+    EXPECT_EQ(EINVAL, waiting.get());
+    session.Handle<Other>([&](KLVMsgReceived<Other> other) {
+        seen += other->text;
+        pair.mute.Send(WordBytes("e"));
+        EXPECT_TRUE(session.Holds(3)) << "b, c and e";
+    });
+    pair.mute.Send(WordBytes("a") + TextBytes("Text", "t"));
+    KLVMsgReceivedAny text = any.get();
+    EXPECT_FALSE(text.As<Word>() != nullptr || text.Take<Word>() || session.ReceiveAny(0ms));
+    EXPECT_EQ("Text t", text.type + " " + text.As<TextMessage>()->text);
+    pair.mute.Send(TextBytes("Other", "-") + WordBytes("b") + WordBytes("c"));
+    EXPECT_TRUE(session.Holds(4));
+    EXPECT_EQ(EINVAL, session.Receive<Word>(ever).error);
+    EXPECT_THROW(session.Dispatch(ever), int);
+    EXPECT_EQ("a-b", seen);
+    EXPECT_TRUE(session.Dispatch(0ms));
+    EXPECT_EQ("a-bce", seen);
+    EXPECT_FALSE(session.Dispatch(0ms));
+    session.Handle<Word>(nullptr);
+    pair.mute.Send(WordBytes("1") + TextBytes("Text", "2") + WordBytes("3"));
+    EXPECT_TRUE(session.Holds(3));
+    EXPECT_EQ("1", session.ReceiveAny(ever, "mute").As<Word>()->text) << "the oldest of all";
+    EXPECT_EQ("3", session.Next()) << "Receive has its class again";
 }
 
 TEST(SessionReceiving, AHalfClosedAskerStillGetsItsAnswer) {

@@ -53,7 +53,9 @@ TEST(SessionSending, WhatWaitsForTheStartGoesInOrderWithoutWhatWasWithdrawn) {
         return Eventually([&] { return client.Counts().messagesQueued == n; });
     };
     EXPECT_TRUE(client.Connect(At(server.port), "server", ever));
-    EXPECT_TRUE(client.Post("server", Word("one")));
+    EXPECT_TRUE(client.Register(Quiz()) && client.Post("server", Word("one")));
+    EXPECT_EQ(KLVMsgOutcome::kTooLate, client.Ask<Quiz>("server", Quiz(), 1ms).status);
+    EXPECT_TRUE(queues(1)) << "the question was withdrawn";
     EXPECT_EQ(KLVMsgOutcome::kFull, client.Post("server", Word(std::string(846, 'x'))).status);
     auto late = std::async(std::launch::async, send, 500, 500ms);
     EXPECT_TRUE(queues(2));
@@ -67,6 +69,7 @@ TEST(SessionSending, WhatWaitsForTheStartGoesInOrderWithoutWhatWasWithdrawn) {
     EXPECT_EQ("one", server.Next());
     EXPECT_EQ(std::string(9, 'x'), server.Next());
     EXPECT_EQ(std::string(300, 'x'), server.Next());
+    EXPECT_EQ(3U, server.Counts().messagesReceived);
     EXPECT_TRUE(behind.get() && roomless.get());
     EXPECT_FALSE(server.Receive<Word>(0ms)) << "and answers no more";
     const std::string whole = std::to_string(MSG_NOSIGNAL | MSG_DONTWAIT | MSG_EOR) + " ";

@@ -26,8 +26,7 @@ struct World {
 struct Secure : Session {
     explicit Secure(const KLVMsgTlsOptions& own, const KLVMsgSessionOptions& options = {})
         : Session(options) {
-        const KLVMsgOutcome outcome = Serve(anyPort, &securePort, KLVMsgTls(own));
-        EXPECT_TRUE(outcome) << outcome.text;
+        EXPECT_TRUE(Serve(anyPort, &securePort, KLVMsgTls(own)));
     }
     int securePort = 0;
 };
@@ -39,57 +38,50 @@ TEST(Tls, AdmitsThoseWhomBothSidesTrustAndTellsTheOthersWhy) {
     const Identity foreign(&world.stranger, "IP:127.0.0.1");
     const Identity other(&world.authority, "DNS:127.0.0.1,DNS:another,IP:127.0.0.2");
     const Identity below(&world.middle, "IP:127.0.0.1");
-    const auto peer = [&](std::initializer_list<const Identity*> shown, const Identity& trusted) {
+    const auto peer = [&](std::initializer_list<const Identity*> shown) {
         static int number = 0;
-        return world.folder.Peer(std::to_string(++number), shown, trusted);
+        return world.folder.Peer(std::to_string(++number), shown, world.authority);
     };
+    const KLVMsgTlsOptions server = world.Server(), client = world.Client();
+    const std::string stranger = "unable to get local issuer";
     const struct {
         const char* what;
         KLVMsgTlsOptions server, client;
-        const char* host;
-        std::string atClient, atServer;
+        std::string host, atClient, atServer;
     } cases[] = {
-        {"an address", world.Server(), world.Client(), "127.0.0.1", "", "client.example"},
-        {"a name", world.Server(), world.Client(), "localhost", "", "client.example"},
-        {"a chain", peer({&below, &world.middle}, world.authority),
-         peer({&below, &world.middle}, world.authority), "127.0.0.1", "", "127.0.0.1"},
-        {"half a chain", peer({&below}, world.authority), world.Client(), "127.0.0.1",
-         "unable to get local issuer", "unknown ca"},
-        {"another authority's server", peer({&foreign}, world.authority), world.Client(),
-         "127.0.0.1", "unable to get local issuer", "unknown ca"},
-        {"another authority's client", world.Server(), peer({&foreign}, world.authority),
-         "127.0.0.1", "unknown ca", "unable to get local issuer"},
-        {"an old server", peer({&old}, world.authority), world.Client(), "127.0.0.1", "expired",
-         "certificate expired"},
-        {"an old client", world.Server(), peer({&old}, world.authority), "127.0.0.1",
-         "refused us: certificate expired", "has expired"},
-        {"an early client", world.Server(), peer({&early}, world.authority), "127.0.0.1",
-         "bad certificate", "not yet valid"},
-        {"another address", peer({&other}, world.authority), world.Client(), "127.0.0.1",
-         "IP address mismatch", "bad certificate"},
-        {"another name", peer({&other}, world.authority), world.Client(), "localhost",
-         "ostname mismatch", "bad certificate"},
+        {"an address", server, client, "127.0.0.1", "", "client.example"},
+        {"a name", server, client, "localhost", "", "client.example"},
+        {"chains", peer({&below, &world.middle}), peer({&below, &world.middle}), "127.0.0.1", "",
+         "127.0.0.1"},
+        {"half a chain", peer({&below}), client, "127.0.0.1", stranger, "unknown ca"},
+        {"a foreign server", peer({&foreign}), client, "127.0.0.1", stranger, "unknown ca"},
+        {"a foreign client", server, peer({&foreign}), "127.0.0.1", "unknown ca", stranger},
+        {"an old server", peer({&old}), client, "127.0.0.1", "expired", "certificate expired"},
+        {"an old client", server, peer({&old}), "127.0.0.1", "refused us: cert", "has expired"},
+        {"an early client", server, peer({&early}), "127.0.0.1", "bad cert", "not yet valid"},
+        {"another address", peer({&other}), client, "127.0.0.1", "address mismatch", "bad cert"},
+        {"another name", peer({&other}), client, "localhost", "ostname mismatch", "bad cert"},
     };
     for (const auto& one : cases) {
-        Secure server(one.server);
-        Session client;
-        const KLVMsgOutcome outcome =
-            client.Connect({one.host, server.securePort}, "server", ever, KLVMsgTls(one.client));
+        Secure there(one.server);
+        Session here;
+        const KLVMsgSocketAddress address(one.host.c_str(), there.securePort);
+        const KLVMsgOutcome outcome = here.Connect(address, "there", ever, KLVMsgTls(one.client));
         const bool isGood = one.atClient.empty();
         EXPECT_EQ(isGood, static_cast<bool>(outcome)) << one.what << ": " << outcome.text;
         EXPECT_TRUE(Has(outcome.text, one.atClient)) << one.what << ": " << outcome.text;
-        const KLVMsgEvent event = server.NextEvent(ever);
+        const KLVMsgEvent event = there.NextEvent(ever);
         EXPECT_EQ(isGood ? KLVMsgEvent::kCame : KLVMsgEvent::kRefused, event.kind) << one.what;
         EXPECT_TRUE(Has(event.what, one.atServer)) << one.what << ": " << event.what;
-        EXPECT_EQ(isGood ? 1U : 0U, server.Peers(KLVMsgPeers::All()).size()) << one.what;
+        EXPECT_EQ(isGood ? 1U : 0U, there.Peers(KLVMsgPeers::All()).size()) << one.what;
         if (isGood) {
-            EXPECT_TRUE(client.Send("server", Word("there"), ever)) << one.what;
-            EXPECT_EQ("there", server.Next()) << one.what;
-            EXPECT_TRUE(server.Send(event.peer, flood, ever));
-            EXPECT_EQ(flood.text, client.Next()) << one.what;
-            client.Disconnect("server");
-            EXPECT_EQ(KLVMsgEvent::kClosed, server.Await(KLVMsgEvent::kGone).cause) << one.what;
-            server.Disconnect(KLVMsgPeers::All());
+            EXPECT_TRUE(here.Send("there", Word("there"), ever)) << one.what;
+            EXPECT_EQ("there", there.Next()) << one.what;
+            EXPECT_TRUE(there.Send(event.peer, flood, ever));
+            EXPECT_EQ(flood.text, here.Next()) << one.what;
+            here.Disconnect("there");
+            EXPECT_EQ(KLVMsgEvent::kClosed, there.Await(KLVMsgEvent::kGone).cause) << one.what;
+            there.Disconnect(KLVMsgPeers::All());
         }
     }
 }
@@ -125,6 +117,22 @@ struct Bare {
     SSL* ssl;
     int updates = 0;
 };
+
+TEST(Tls, LetsInWhoseNamesAreWanted) {
+    const World world;
+    Secure server(world.Server());
+    Session client;
+    for (const std::string wanted : {"client.example", "another"}) {
+        int port = 0;
+        const auto admit = [=](const KLVMsgPeerInfo& info) { return info.Names().at(0) == wanted; };
+        EXPECT_TRUE(server.Serve(anyPort, admit, &port, KLVMsgTls(world.Server())));
+        const auto outcome = client.Connect(At(port), "", ever, KLVMsgTls(world.Client()));
+        const bool isIn = wanted == "client.example";
+        EXPECT_EQ(isIn, static_cast<bool>(outcome));
+        EXPECT_TRUE(Has(outcome.text, isIn ? "" : "turned us away")) << outcome.text;
+        EXPECT_TRUE(Has(server.NextEvent(ever).what, isIn ? wanted : "not admitted"));
+    }
+}
 
 TEST(Tls, HalfOpenOnesHarmNobody) {
     const World world;

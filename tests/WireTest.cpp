@@ -7,6 +7,7 @@
 
 #include "Faults.h"
 #include "KLVMsgFramedMessage.h"
+#include "KLVMsgInbox.h"
 #include "KLVMsgWireReader.h"
 #include "KLVMsgWireWriter.h"
 
@@ -92,8 +93,10 @@ struct WireTest : testing::Test {
         std::string all;
         for (auto& parcel : std::exchange(arrivals.messages, {})) {
             const auto* const bare = static_cast<Bare*>(parcel->object);
-            all += std::to_string(parcel->wireSize) + ":";
-            all.append(bare != nullptr ? std::string_view(bare->text) : parcel->Body()) += " ";
+            parcel->ForEach([&] {
+                all += std::to_string(parcel->FirstSize()) + ":";
+                all.append(bare != nullptr ? std::string_view(bare->text) : parcel->Body()) += " ";
+            });
         }
         for (const std::string& name : std::exchange(arrivals.unknown, {})) {
             all += "?" + name + " ";
@@ -263,6 +266,52 @@ TEST_F(WireTest, SmallMessagesTakeNoMemory) {
     EXPECT_EQ(before + 1, Allocations()) << "the type name";
     EXPECT_TRUE(Write(outer));
     EXPECT_EQ(before + 4, Allocations()) << "two type names, and room for the inner one";
+}
+
+TEST_F(WireTest, ShortMessagesThatCameTogetherCountOneByOne) {
+    types.Add({"Tight", &typeid(Letter), std::make_unique<Letter>(), true, 3});
+    Feed(Frame("one") + Frame("") + Frame("three") + Frame(std::string(2049, 'x')));
+    ASSERT_EQ(2U, arrivals.messages.size());
+    KLVMsgInbox inbox;
+    KLVMsgInbox::Sender sender;
+    inbox.Prepare(1);
+    inbox.Push(sender, std::move(arrivals.messages[0]));
+    KLVMsgParcel::Owner taken;
+    std::size_t count = 3, cost = inbox.Cost();
+    for (const std::size_t size : {17U, 14U, 19U}) {
+        ASSERT_EQ(nullptr, taken);
+        taken = inbox.TakeFirst(inbox.Oldest(0));
+        cost -= size + KLVMsgParcel::kPerMessage;
+        --count;
+        EXPECT_EQ(count, inbox.Count());
+        EXPECT_EQ(count, inbox.Count(0));
+        EXPECT_EQ(count, sender.count);
+        EXPECT_EQ(cost, inbox.Cost());
+        EXPECT_EQ(cost, sender.cost);
+    }
+    EXPECT_EQ("three", taken->Body());
+    arrivals = {};
+    std::string many;
+    while (many.size() < 3 * KLVMsgParcel::kRun)
+        many += Frame("many");
+    Feed(many);
+    for (const auto& parcel : arrivals.messages)
+        EXPECT_LE(parcel->wireSize, KLVMsgParcel::kRun);
+    EXPECT_FALSE(Feed(Frame("abc", "Tight") + Frame("abcd", "Tight"))) << "of which 3 are taken";
+}
+
+TEST_F(WireTest, HeaderIsThatOfTheMessage) {
+    struct Other : Letter {
+        KLVString GetMessageType() const override { return "Let"; }
+    };
+    Letter letter("text");
+    Other other;
+    for (const bool framed : {true, false, true}) {
+        ASSERT_TRUE(writer.Write(letter, framed ? &letter : nullptr, 100));
+        EXPECT_EQ(Frame("text"), Written());
+    }
+    ASSERT_TRUE(Write(other));
+    EXPECT_EQ(Frame("", "Let"), Written());
 }
 
 TEST_F(WireTest, RoomOfLongBodiesIsFilledAnew) {

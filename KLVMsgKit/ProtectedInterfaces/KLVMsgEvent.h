@@ -11,16 +11,18 @@
 struct KLVMsgEvent : KLVMsgOutcome {
     // What has happened.
     enum Kind {
-        kNone,           // no event: the outcome is not done
-        kCame,           // a connection was accepted or made
-        kGone,           // a connection has ended, for `cause`
-        kStalls,         // no byte has moved for the stall's time, though one is due
-        kRefused,        // a connection was accepted and closed at once
-        kLeftOut,        // a message to a label had no room in this peer's queue
-        kUnknownType,    // a message of a type that was never registered was passed over
+        kNone,         // no event: the outcome is not done
+        kCame,         // a connection was accepted or made
+        kGone,         // a connection has ended, for `cause`
+        kStalls,       // no byte has moved for the stall's time, though one is due
+        kRefused,      // a connection was accepted and closed at once: `error` EACCES, not admitted
+        kLeftOut,      // a message to a label had no room in this peer's queue
+        kUnknownType,  // a message of a type that was never registered was passed over
         kServingFailed,  // a listening socket failed; it is tried again
-        kNotRenewed      // what protects new connections has changed and is of no use: they go on
-                         // with what was there before
+        kAway,  // a connection that is kept could not be made; told when the cause is another one
+        kLost,  // so many messages, queued for one, are lost: see `what`
+        kNotRenewed  // what protects new connections has changed and is of no use: they go on with
+                     // what was there before
     };
 
     // Why a connection has ended.
@@ -39,7 +41,7 @@ struct KLVMsgEvent : KLVMsgOutcome {
 
     Kind kind = kNone;       // which
     Cause cause = kNoCause;  // of kGone
-    KLVMsgPeer peer;         // whom it concerns; none for kRefused, kServingFailed, kNotRenewed
+    KLVMsgPeer peer;         // whom it concerns; none where there is no connection
     std::string label;       // of the peer, at that moment
     std::string address;     // of the peer, or where was to be served: "127.0.0.1, port 4711"
     std::string type;  // of kUnknownType: its first 256 bytes, with ? for what cannot be printed

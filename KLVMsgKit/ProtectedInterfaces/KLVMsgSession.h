@@ -1,6 +1,7 @@
 // For applications: everything that a process needs to talk, in one object.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -8,12 +9,16 @@
 #include <utility>
 #include <vector>
 
+#include "KLVMsgCallMessage.h"
 #include "KLVMsgEvent.h"
 #include "KLVMsgFramedMessage.h"
 #include "KLVMsgKitExport.h"
 #include "KLVMsgOutcome.h"
 #include "KLVMsgPeer.h"
+#include "KLVMsgPeerInfo.h"
 #include "KLVMsgProtection.h"
+#include "KLVMsgQuestionCounts.h"
+#include "KLVMsgReceivedAny.h"
 #include "KLVMsgSessionOptions.h"
 #include "KLVMsgSocketAddress.h"
 #include "KLVMsgSocketMessage.h"
@@ -69,12 +74,16 @@ public:
             std::is_base_of<KLVMsgSocketMessage, Message>::value,
             "KLVMsgSession::Register(prototype): the prototype must be an object of a class "
             "that is derived from KLVMsgSocketMessage");
+        constexpr bool isCall = std::is_base_of<KLVMsgCallMessage, Message>::value;
+        static_assert(!isCall || KeepsReading<Message>::value,
+                      "KLVMsgSession::Register(prototype): a class that is derived from "
+                      "KLVMsgCallMessage leaves reading of its body to it");
         auto kept = std::make_unique<Message>(std::move(prototype));
         const KLVMsgFramedMessage* framed = nullptr;
         if constexpr (KeepsReading<Message>::value) {
             framed = kept.get();
         }
-        return RegisterPrototype(std::move(kept), typeid(Message), framed);
+        return RegisterPrototype(std::move(kept), typeid(Message), framed, isCall);
     }
 
     // Lets peers connect to every address that the host has on this machine, and tells the port;
@@ -82,22 +91,38 @@ public:
     // gives them another one.
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port = nullptr);
 
-    // The same for peers that are protected in that way: whoever is not is turned away, and an
-    // event tells why. Fails where what protects cannot be used.
-    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port,
+    // The same, and those alone for whom `admit` says true; see KLVMsgNetwork. It is called on the
+    // loop's thread without a lock: it may call the session, but must neither wait nor end it, as
+    // all connections wait for it. Who is refused, or for whom it throws, is closed at once, and
+    // that is an event; the peer's own Connect was done before.
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port = nullptr);
+
+    // The same for peers that are protected in that way, and `admit` sees the names that their
+    // certificates have: whoever is not protected is turned away, and an event tells why. Fails
+    // where what protects cannot be used. With a null `admit` all of them may connect.
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port,
                         const KLVMsgProtection& protection);
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port,
+                        const KLVMsgProtection& protection) {
+        return Serve(address, nullptr, port, protection);
+    }
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, const KLVMsgProtection& protection) {
-        return Serve(address, nullptr, protection);
+        return Serve(address, nullptr, nullptr, protection);
     }
 
     // Lets no more peers connect to that port; those who are there stay. Failed: nobody served
     // there.
     KLVMsgOutcome StopServing(int port);
 
-    // Connects to a server, under a label; the label may be one that other connections have. Waits
-    // no longer than `limit` for the server, though for a name as long as the resolver takes.
+    // A retry under a label whose connection still lives makes every message come twice: Disconnect
+    // first, or Keep. For the label may be one that other connections have.
+    //
+    // Connects to a server, under a label, and tells the peer that it has made. Waits no longer
+    // than `limit` for the server, though for a name as long as the resolver takes.
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
                           KLVMsgTimeLimit limit = std::chrono::seconds(10));
+    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
+                          KLVMsgTimeLimit limit, KLVMsgPeer& made);
 
     // The same, protected in that way: done when the server has admitted this session, as it does
     // once it has been started. Fails where one of them does not trust the other, with the cause.
@@ -108,15 +133,50 @@ public:
         return Connect(address, label, std::chrono::seconds(10), protection);
     }
 
+    // A retry under a label whose connection still lives makes every message come twice: Disconnect
+    // first, or Keep.
+    //
     // Connects again and again, with pauses of up to half a second, until that is done or `limit`
     // over; the outcome is then that of the last attempt.
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
                                KLVMsgTimeLimit limit);
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
                                KLVMsgTimeLimit limit, const KLVMsgProtection& protection);
+    KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
+                               KLVMsgTimeLimit limit, KLVMsgPeer& made);
+
+    // Keeps a connection to a server, under a label of its own, and returns at once: from Start on
+    // it is made, and made again whenever it is lost, with pauses that grow from 50 ms to 5 s, by
+    // chance a little more or less, until Disconnect of the label; each is a new peer. `hello` is
+    // sent first each time, before anything else; its bytes are made here. Failed: the label is
+    // empty, that of another Keep, or one that a connection has; or `hello` cannot be sent.
+    //
+    // While it is away, before the first time as well, Post to the label queues within the limits,
+    // Send waits within its own, Receive waits for what may come, Peers is empty and WaitUntilGone
+    // done. What is queued goes out in order when it is back. A message of which a part had been
+    // taken is lost, and an event; one that the system had taken whole may be, as on every
+    // connection that ends. Why it cannot be made is an event when the cause is another one.
+    KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label);
+    template <class Message>
+    KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
+                       Message&& hello) {
+        return Outgo<Message>(hello,
+                              [&](KLVMsgSocketMessage& one, const KLVMsgFramedMessage* framed) {
+                                  return KeepPeer(address, label, one, framed);
+                              });
+    }
 
     // Starts the loop: from now on messages move. Fails where the system has no thread to give.
     KLVMsgOutcome Start();
+
+    // Has the loop's thread call the function with every event, for logs: in the order in which
+    // they happen, NextEvent beside it. No lock is held meanwhile, and no connection is read or
+    // written: so it is to be quick, and may call whatever waits for nothing (Post, Answer,
+    // SetLabel, Peers, Disconnect, Counts, operations with a limit of 0ms), but not End or the
+    // destructor. What it throws goes no further. Where it is a thousand events behind the oldest
+    // are left out, and `missed` counts them. An empty function sees none. Failed: the session has
+    // been started.
+    KLVMsgOutcome Observe(std::function<void(const KLVMsgEvent& event)> function);
 
     // Sending -------------------------------------------------------------------------------------
     //
@@ -152,12 +212,12 @@ public:
 
     // Receiving -----------------------------------------------------------------------------------
 
-    // Waits for a message of exactly this class and hands over the oldest: of any connection, or of
-    // those that are meant. A label means the connections that have it now; of one that has gone,
-    // the last that it had. Peer gone: none is there and no such connection either, so that none
-    // will come. Failed: the class was never registered. Full: so much that nobody asks for has
-    // come before it that reading has stopped. A message that its class refused is none: its
-    // connection ends.
+    // Waits for a message of exactly this class and hands over the oldest: of any connection, or
+    // of those that are meant. A label means the connections that have it now; of one that has
+    // gone, the last that it had. Peer gone: none is there and no such connection either, so that
+    // none will come. Failed: the class was never registered, or has a handler. Full: so much that
+    // nobody asks for has come before it that reading has stopped. A message that its class
+    // refused is none: its connection ends.
     template <class Message>
     KLVMsgReceived<Message> Receive(KLVMsgTimeLimit limit) {
         return Take<Message>(limit, nullptr);
@@ -177,15 +237,86 @@ public:
         return TakeAll<Message>(limit, &from);
     }
 
+    // The same of any class that was registered and has no handler: the oldest of them all. Its
+    // type is in the outcome.
+    KLVMsgReceivedAny ReceiveAny(KLVMsgTimeLimit limit);
+    KLVMsgReceivedAny ReceiveAny(KLVMsgTimeLimit limit, const KLVMsgPeers& from);
+
+    // Has Dispatch call the function with messages of exactly this class, which are Dispatch's
+    // alone from now on: Receive of it fails. The message is the function's, which may do anything
+    // that the thread that calls Dispatch may. Another function takes the place of the one before,
+    // and an empty one gives the class back to Receive. Failed: the class was never registered.
+    template <class Message>
+    KLVMsgOutcome Handle(std::function<void(KLVMsgReceived<Message> received)> function) {
+        CheckWanted<Message>();
+        if (function == nullptr) {
+            return SetHandler(typeid(Message), nullptr);
+        }
+        return SetHandler(typeid(Message), [handle = std::move(function)](KLVMsgReceivedAny any) {
+            handle(any.Take<Message>());
+        });
+    }
+
+    // Waits until there is a message of a class that has a handler, as Receive does, and then calls
+    // handlers on this thread, with the oldest message first, for all that are there by then; what
+    // comes meanwhile is for the next time. With 0ms it does not wait: a loop of one's own calls it
+    // when Descriptor() is readable. What a handler throws passes out of it: its message is done,
+    // and the others are there for the next time. Failed: no class has a handler.
+    KLVMsgOutcome Dispatch(KLVMsgTimeLimit limit);
+
     // A descriptor for loops of one's own (poll, epoll): readable while there is a message or an
     // event to be asked for, and once the session has ended. It stays the session's: neither read
     // it nor close it. -1 where the system has none to give.
     int Descriptor();
 
+    // Questions -----------------------------------------------------------------------------------
+
+    // Goes to one connection alone: of a label to one that has it, in turn, and to no other when
+    // that one fails. Queues the question as Post does, and waits for an answer of exactly this
+    // class from there: past what else has come, in the inbox or not. There may be any number at a
+    // time, on any thread but the loop's; also in a handler. Peer gone: there is no such
+    // connection, or it went before it had answered, which ends the waiting at once; the text
+    // tells how. Full: there is no room in its queue, or so much that nobody asks for has come
+    // before the answer that reading has stopped. Too late: the question is withdrawn where none
+    // of its bytes was taken; otherwise it may still arrive, and its answer is dropped. Failed:
+    // the answer's class was never registered, or the question cannot be put into bytes.
+    // Requires: the session has been started.
+    template <class Answer, class Question>
+    KLVMsgReceived<Answer> Ask(const KLVMsgPeers& to, const Question& question,
+                               KLVMsgTimeLimit limit) {
+        static_assert(std::is_base_of<KLVMsgCallMessage, Answer>::value,
+                      "KLVMsgSession::Ask<T>: T must be a class that is derived from "
+                      "KLVMsgCallMessage, the same as that of a registered prototype");
+        KLVMsgReceived<KLVMsgSocketMessage> found =
+            AskMessage(to, Call(question), typeid(Answer), limit);
+        KLVMsgReceived<Answer> received;
+        KLVMsgOutcome& outcome = found;
+        static_cast<KLVMsgOutcome&>(received) = std::move(outcome);
+        received.message.reset(static_cast<Answer*>(found.message.release()));
+        received.peer = found.peer;
+        return received;
+    }
+
+    // Posts the answer to whoever sent the question, which is what Receive, ReceiveAll (one of its
+    // messages) or a handler has given. Where no answer is wanted none goes, and that is done.
+    template <class Received, class Message>
+    KLVMsgOutcome Answer(const Received& question, const Message& answer) {
+        const KLVMsgCallMessage* const asked = Call(*question);
+        return AnswerMessage(question.peer, asked->cameWith, Call(answer));
+    }
+
+    // What has become of the questions so far.
+    KLVMsgQuestionCounts Questions();
+
     // Connections ---------------------------------------------------------------------------------
 
-    // Gives a connection another label. Peer gone: it is no longer there.
+    // Gives a connection another label. Peer gone: it is no longer there. Failed: it is a Keep's,
+    // and keeps its label.
     KLVMsgOutcome SetLabel(KLVMsgPeer peer, const std::string& label);
+
+    // What is known of a connection: as long as it is there, or something that has come from it
+    // waits to be received. Peer gone: neither.
+    KLVMsgPeerInfo Info(KLVMsgPeer peer);
 
     // The connections that are meant and there, the oldest first. One whose peer has ended its
     // output is no longer there: nothing more will come. It still takes an answer, though, until
@@ -194,7 +325,8 @@ public:
 
     // Ends those connections: what is queued for them is dropped, and what the system has taken
     // still arrives if the peer reads it within five seconds. What has come from them may still be
-    // received. Peer gone: there is none.
+    // received. Peer gone: there is none. A label, and All, also ends what Keep does; one peer that
+    // is a Keep's comes back.
     KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
 
     // Waits until no such connection is there.
@@ -212,8 +344,16 @@ public:
 
     // Ending --------------------------------------------------------------------------------------
 
+    // Takes nothing new: no connection, and of what peers send nothing more is read. Hands out what
+    // has come, until it is received and whoever has received a message asks for the next one (and
+    // is told then that the session has ended), so that all may be answered; sends what is queued,
+    // for a Keep's connection that is away too, when it is back; then Ends. For a thread that does
+    // not receive itself. Too late: something was left, and the text says what; it is lost.
+    KLVMsgOutcome Drain(KLVMsgTimeLimit limit);
+
     // Sends what is queued, ends the output of every connection, and waits up to `limit` for the
-    // peers to have read all of it and to close; then the loop ends. Nothing that was done is lost.
+    // peers to have read all of it and to close; then the loop ends. Nothing that was done is lost,
+    // but for what is queued for a Keep's connection that is away: then the outcome is peer gone.
     // What comes meanwhile is dropped. Whoever waits is told that the session has ended, as is
     // every operation from then on. Too late: some peers had not closed.
     KLVMsgOutcome End(KLVMsgTimeLimit limit);
@@ -323,15 +463,48 @@ private:
                       "KLVMsgSocketMessage, the same as that of a registered prototype");
     }
 
+    // The question or answer, in whichever form it was given; null where there is none.
+    template <class Message>
+    static const KLVMsgCallMessage* Call(const Message& message) {
+        constexpr bool isCall = std::is_base_of<KLVMsgCallMessage, Message>::value;
+        static_assert(isCall || IsOwner<Message>::value,
+                      "KLVMsgSession: a question, or an answer, must be an object of a class that "
+                      "is derived from KLVMsgCallMessage, or a std::unique_ptr to one");
+        if constexpr (isCall) {
+            static_assert(KeepsWriting<Message>::value,
+                          "KLVMsgSession: a class that is derived from KLVMsgCallMessage leaves "
+                          "writing of its body to it");
+            return &message;
+        } else if constexpr (IsOwner<Message>::value) {
+            return message == nullptr ? nullptr : Call(*message);
+        } else {
+            return nullptr;
+        }
+    }
+
+    using Handler = std::function<void(KLVMsgReceivedAny)>;
+
     static KLVMsgOutcome NoMessage();
     KLVMsgOutcome RegisterPrototype(std::unique_ptr<KLVMsgSocketMessage> prototype,
                                     const std::type_info& type, const KLVMsgFramedMessage* framed);
+    KLVMsgOutcome RegisterPrototype(std::unique_ptr<KLVMsgSocketMessage> prototype,
+                                    const std::type_info& type, const KLVMsgFramedMessage* framed,
+                                    bool isCall);
+    KLVMsgOutcome KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
+                           KLVMsgSocketMessage& hello, const KLVMsgFramedMessage* framed);
     KLVMsgOutcome PostMessage(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                               const KLVMsgFramedMessage* framed);
     KLVMsgOutcome SendMessage(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                               const KLVMsgFramedMessage* framed, KLVMsgTimeLimit limit);
     KLVMsgReceived<KLVMsgSocketMessage> ReceiveOne(const Wanted& wanted);
     Found ReceiveMany(const Wanted& wanted);
+    KLVMsgOutcome SetHandler(const std::type_info& type, Handler handler);
+    KLVMsgReceived<KLVMsgSocketMessage> AskMessage(const KLVMsgPeers& to,
+                                                   const KLVMsgCallMessage* question,
+                                                   const std::type_info& answer,
+                                                   KLVMsgTimeLimit limit);
+    KLVMsgOutcome AnswerMessage(KLVMsgPeer to, std::uint64_t question,
+                                const KLVMsgCallMessage* answer);
 
     friend class KLVMsgSessionCore;
     std::unique_ptr<KLVMsgSessionCore> m_core;

@@ -54,7 +54,12 @@ void KLVMsgConnection::OutputFailed(int error) {
         return;
     }
     m_outputOpen = false;
-    DropOutput();
+    if (m_keepsOutput) {
+        m_isFull = false;
+        m_watch.OutputDropped();
+    } else {
+        DropOutput();
+    }
     OverIfBothHaveEnded();
 }
 

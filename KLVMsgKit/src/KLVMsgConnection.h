@@ -85,6 +85,9 @@ public:
     // Ends it at once.
     void End(Cause cause, std::string_view text);
 
+    // What is queued when the output fails stays there for who takes it back.
+    void KeepOutput() { m_keepsOutput = true; }
+
     // The output was ended, as EndsOutput has asked.
     void OutputEnded();
 
@@ -125,6 +128,7 @@ private:
     bool m_discards = false;
     bool m_endWhenEmpty = false;
     bool m_dropsOutput = false;
+    bool m_keepsOutput = false;
     bool m_isFull = false;
     bool m_isOver = false;
     Time m_answers = Time::max();

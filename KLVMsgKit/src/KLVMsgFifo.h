@@ -27,6 +27,9 @@ public:
     // Throws std::bad_alloc and changes nothing then.
     void push_back(T one) { m_all.push_back(std::move(one)); }
 
+    // Room for so many more. Throws std::bad_alloc and changes nothing then.
+    void MakeRoom(std::size_t more) { m_all.reserve(m_all.size() + more); }
+
     // Requires, as all that follow: it is not empty.
     void pop_front() {
         m_all[m_first] = T();  // lets go of what it owns

@@ -14,7 +14,7 @@ public:
     struct List {
         KLVMsgParcel* first = nullptr;
         KLVMsgParcel* last = nullptr;
-        std::size_t count = 0;
+        std::size_t count = 0;  // messages
     };
 
     // Who sent them; part of what the session knows of a peer.
@@ -42,14 +42,19 @@ public:
         return type < sender.ofClass.size() ? sender.ofClass[type].first : nullptr;
     }
 
-    // Takes one out. Requires: it is there.
+    // Takes one out, with all messages that are in it. Requires: it is there.
     KLVMsgParcel::Owner Take(const KLVMsgParcel* parcel);
+
+    // Takes out its first message, and the parcel itself when there is no other in it.
+    KLVMsgParcel::Owner TakeFirst(const KLVMsgParcel* parcel);
 
     std::size_t Count(std::uint32_t type) const { return m_ofClass[type].count; }
     std::size_t Count() const { return m_count; }
     std::size_t Cost() const { return m_cost; }
 
 private:
+    void Uncount(KLVMsgParcel& parcel, std::size_t count, std::size_t cost);
+
     std::vector<List> m_ofClass;
     std::size_t m_count = 0;
     std::size_t m_cost = 0;

@@ -1,6 +1,5 @@
 #include "KLVMsgLoop.h"
 
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
@@ -9,13 +8,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <ctime>
-#include <system_error>
+
+#include "KLVMsgQuietThread.h"
 
 namespace {
 
-constexpr std::uint64_t kWakeUp = 0;  // no connection has this id
+constexpr std::uint64_t kWakeUp = 0;  // no connection has this id, or the next one
+constexpr std::uint64_t kOwners = ~std::uint64_t{0};
 constexpr int kMostEvents = 256;
 constexpr int kMostAccepted = 64;                            // of one socket in a round
 constexpr std::size_t kMostWritten = std::size_t{64} << 10;  // of one connection in a round
@@ -58,20 +58,7 @@ KLVMsgOutcome KLVMsgLoop::Prepare() {
 }
 
 KLVMsgOutcome KLVMsgLoop::Start() {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    KLVMsgOutcome outcome;
-    try {
-        m_thread = std::make_unique<std::thread>([this] { Run(); });
-    } catch (const std::system_error& error) {
-        outcome = Failure("cannot start a thread", error.code().value());
-    } catch (const std::bad_alloc&) {
-        outcome = Failure("cannot start a thread", ENOMEM);
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return outcome;
+    return KLVMsgStartQuietThread([this] { Run(); }, m_thread);
 }
 
 void KLVMsgLoop::Stop() {
@@ -105,17 +92,14 @@ KLVMsgOutcome KLVMsgLoop::Add(std::unique_ptr<KLVMsgTransport> transport, std::u
         link.reset();
         return Failure("cannot wait for a connection", error);
     }
+    if (!link->transport->IsPlain()) {
+        Touch(*link);  // with the last word of its greeting more may have come
+    }
     return {};
 }
 
-KLVMsgOutcome KLVMsgLoop::AddListener(KLVMsgDescriptor socket, std::uint64_t id, int port,
-                                      std::string text,
-                                      std::shared_ptr<KLVMsgTransportFactory> transports) {
-    Listener& listener = m_listeners[id];
-    listener.transports = std::move(transports);
-    listener.socket = std::move(socket);
-    listener.text = std::move(text);
-    listener.port = port;
+KLVMsgOutcome KLVMsgLoop::AddListener(std::uint64_t id, Listener made) {
+    const Listener& listener = m_listeners[id] = std::move(made);
     epoll_event event = {};
     event.events = EPOLLIN;
     event.data.u64 = id;
@@ -125,6 +109,20 @@ KLVMsgOutcome KLVMsgLoop::AddListener(KLVMsgDescriptor socket, std::uint64_t id,
         return Failure("cannot wait for connections", error);
     }
     return {};
+}
+
+KLVMsgOutcome KLVMsgLoop::Watch(int descriptor) {
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.u64 = kOwners;
+    return epoll_ctl(m_epoll.Number(), EPOLL_CTL_ADD, descriptor, &event) == 0
+               ? KLVMsgOutcome()
+               : Failure("cannot wait for connections", errno);
+}
+
+const KLVMsgLoop::Listener* KLVMsgLoop::FindListener(std::uint64_t id) const {
+    const auto found = m_listeners.find(id);
+    return found == m_listeners.end() ? nullptr : &found->second;
 }
 
 int KLVMsgLoop::RemoveListeners(int port) {
@@ -200,6 +198,8 @@ void KLVMsgLoop::Run() {
         m_isAsleep = false;
         m_now = Clock::now();
         if (m_isToStop) {
+            Clear("the session has ended");
+            DoErrand(lock);
             return;
         }
         for (int i = 0; i < count; ++i) {
@@ -209,8 +209,15 @@ void KLVMsgLoop::Run() {
         if (m_now >= m_gathersUntil) {
             DoTouched(lock);
         }
-        CheckTimers();
+        CheckTimers(lock);
         CheckListeners();
+        DoErrand(lock);
+    }
+}
+
+void KLVMsgLoop::DoErrand(Lock& lock) {
+    if (std::exchange(m_hasErrand, false)) {
+        m_owner.OnErrand(lock);
     }
 }
 
@@ -219,7 +226,7 @@ int KLVMsgLoop::Wait(epoll_event* events, int most) {
     {
         const Lock lock(m_mutex);
         // Who touches a connection while others gather need not wake the loop for it.
-        m_isAsleep = m_firstTouched == nullptr && !m_isToStop;
+        m_isAsleep = m_firstTouched == nullptr && !m_isToStop && !m_hasErrand;
         until = m_isAsleep ? NextTimer() : m_isToStop ? Time::min() : m_gathersUntil;
     }
     timespec limit = {};
@@ -254,6 +261,10 @@ void KLVMsgLoop::Serve(Lock& lock, std::uint64_t id, unsigned happened) {
     if (id == kWakeUp) {
         std::uint64_t count = 0;
         static_cast<void>(!read(m_wakeUp.Number(), &count, sizeof count));
+        return;
+    }
+    if (id == kOwners) {
+        m_owner.OnReadable();
         return;
     }
     const auto found = m_links.find(id);
@@ -306,7 +317,7 @@ void KLVMsgLoop::ReadGroup(Lock& lock) {
     }
     lock.lock();
     for (std::size_t i = 0; i < count; ++i) {
-        HandOver(m_readings[i]);
+        HandOver(lock, m_readings[i]);
         Tend(*m_readings[i].link);
         m_readings[i].link.reset();
     }
@@ -339,10 +350,10 @@ void KLVMsgLoop::Read(Reading& one) {
     }
 }
 
-void KLVMsgLoop::HandOver(Reading& one) {
+void KLVMsgLoop::HandOver(Lock& lock, Reading& one) {
     Link& link = *one.link;
     if (one.greets) {
-        Greeted(link, one.greeting);
+        Greeted(lock, link, one.greeting);
         return;
     }
     link.received += one.result.count;
@@ -473,7 +484,7 @@ void KLVMsgLoop::Took(Link& link, const KLVMsgTransport::Result& result, bool is
     m_owner.OnTook(link);
 }
 
-void KLVMsgLoop::CheckTimers() {
+void KLVMsgLoop::CheckTimers(Lock& lock) {
     while (!m_timers.empty() && m_timers.begin()->first <= m_now) {
         const auto found = m_links.find(m_timers.begin()->second);
         m_timers.erase(m_timers.begin());
@@ -481,8 +492,9 @@ void KLVMsgLoop::CheckTimers() {
             const LinkPtr link = found->second;
             link->due = Time::max();
             if (link->isGreeting && link->greetsUntil <= m_now) {
-                Greeted(*link, {KLVMsgTransport::Greeting::kFailed, false, ETIMEDOUT,
-                                "the greeting has taken too long", ""});
+                Greeted(lock, *link,
+                        {KLVMsgTransport::Greeting::kFailed, false, ETIMEDOUT,
+                         "the greeting has taken too long", ""});
             }
             const KLVMsgTransport::Sample sample = link->transport->TakeSample();
             if (link->connection.Check(
@@ -529,7 +541,7 @@ void KLVMsgLoop::Accept(Lock& lock, std::uint64_t id) {
         }
         if (error == 0) {
             listener.pause = std::chrono::milliseconds(0);
-            m_owner.OnAccepted(std::move(made), address, listener);
+            m_owner.OnAccepted(lock, id, std::move(made), address);
         } else if (error != EINTR && error != ECONNABORTED && error != EPROTO) {
             PauseListener(listener, error);
             return;

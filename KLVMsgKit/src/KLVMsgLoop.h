@@ -16,6 +16,7 @@
 
 #include "KLVMsgConnection.h"
 #include "KLVMsgOutcome.h"
+#include "KLVMsgPeerInfo.h"
 #include "KLVMsgSessionOptions.h"
 #include "KLVMsgSessionSockets.h"
 #include "KLVMsgTransport.h"
@@ -72,6 +73,7 @@ public:
         std::string text;  // where it listens
         int port = 0;
         std::shared_ptr<KLVMsgTransportFactory> transports;  // null: plain
+        std::shared_ptr<const KLVMsgAdmit> admit;            // null: everybody may connect
         Time again = Time::max();                            // when to try again after a failure
         std::chrono::milliseconds pause{0};
     };
@@ -87,11 +89,18 @@ public:
         virtual void OnTook(Link& link) = 0;
         virtual void OnStalls(Link& link) = 0;
         virtual void OnOver(Link& link) = 0;
-        virtual void OnAccepted(KLVMsgDescriptor socket, const std::string& address,
-                                const Listener& listener) = 0;
-        // Done, failed, or with a warning. A link that has no client then is closed.
-        virtual void OnGreeted(Link& link, const KLVMsgTransport::Greeting& greeting) = 0;
+        // The listener is there until the mutex is let go, which this may do.
+        virtual void OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDescriptor socket,
+                                const std::string& address) = 0;
+        // Done, failed, or with a warning. A link that has no client then is closed. May let the
+        // mutex go meanwhile.
+        virtual void OnGreeted(Lock& lock, Link& link,
+                               const KLVMsgTransport::Greeting& greeting) = 0;
         virtual void OnListenerFailed(const Listener& listener, int error) = 0;
+        virtual void OnReadable() = 0;  // what it has asked to be watched
+
+        // AskForErrand has asked for it. May let the mutex go meanwhile.
+        virtual void OnErrand(Lock& lock) = 0;
 
     protected:
         ~Owner() = default;
@@ -126,13 +135,16 @@ public:
     // A connection that greets has failed to, or is not wanted: tells the peer, and closes.
     void TurnAway(Link& link);
 
-    // Serves on a socket that listens, through such transports, or plain ones.
-    KLVMsgOutcome AddListener(KLVMsgDescriptor socket, std::uint64_t id, int port, std::string text,
-                              std::shared_ptr<KLVMsgTransportFactory> transports);
+    // Serves on a socket that listens.
+    KLVMsgOutcome AddListener(std::uint64_t id, Listener listener);
+    const Listener* FindListener(std::uint64_t id) const;  // null: it serves no more
 
     // No longer serves on a port, or on any with port -1; how many sockets were closed.
     int RemoveListeners(int port);
     bool HasListeners() const { return !m_listeners.empty(); }
+
+    // Waits for a descriptor of the owner's as well, which is told whenever that is readable.
+    KLVMsgOutcome Watch(int descriptor);
 
     // There is something to do for a connection: its output, its state.
     void Touch(Link& link);
@@ -142,10 +154,17 @@ public:
     // own.
     void WriteNow(Lock& lock, const LinkPtr& link, Time now);
 
+    // Has the owner told OnErrand soon, at the end of a round.
+    void AskForErrand() {
+        m_hasErrand = true;
+        Wake();
+    }
+
     // Whether it waits for something to happen, with nothing to do meanwhile.
     bool IsAsleep() const { return m_isAsleep; }
 
-    // Ends all connections that are left. Requires: the loop does not run.
+    // Ends all connections that are left. The loop does so when it ends; one that has never run is
+    // told to. Requires: it does not run.
     void Clear(const char* cause);
 
 private:
@@ -176,16 +195,17 @@ private:
     void Enlist(Lock& lock, const LinkPtr& link);
     void ReadGroup(Lock& lock);
     void Read(Reading& one);
-    void HandOver(Reading& one);
-    void Greeted(Link& link, const KLVMsgTransport::Greeting& greeting);
+    void HandOver(Lock& lock, Reading& one);
+    void Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting& greeting);
     void Flush(Link& link);
     void DoTouched(Lock& lock);
     void WriteGroup(Lock& lock);
     void TakeRuns(Writing& one, std::size_t most) const;
     void Write(Writing& one) const;
     void Took(Link& link, const KLVMsgTransport::Result& result, bool isFull);
-    void CheckTimers();
+    void CheckTimers(Lock& lock);
     void CheckListeners();
+    void DoErrand(Lock& lock);
     void Accept(Lock& lock, std::uint64_t id);
     Time NextTimer() const;
     void PauseListener(Listener& listener, int error);
@@ -221,4 +241,5 @@ private:
     Time m_now{};
     bool m_isAsleep = false;
     bool m_isToStop = false;
+    bool m_hasErrand = false;
 };

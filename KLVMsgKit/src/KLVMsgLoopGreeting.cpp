@@ -18,19 +18,18 @@ KLVMsgOutcome KLVMsgLoop::AddGuest(std::unique_ptr<KLVMsgTransport> transport, s
         link->isGreeting = true;
         link->greetsUntil = until;
         Arm(*link);
-        Touch(*link);
     }
     return outcome;
 }
 
-void KLVMsgLoop::Greeted(Link& link, const KLVMsgTransport::Greeting& greeting) {
+void KLVMsgLoop::Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting& greeting) {
     if (!link.isGreeting) {
         return;  // it was turned away meanwhile
     }
     const bool goesOn = greeting.state == KLVMsgTransport::Greeting::kGoesOn;
     link.greetsWithRoom = greeting.waitsForRoom;
     if (!goesOn || !greeting.warning.empty()) {
-        m_owner.OnGreeted(link, greeting);
+        m_owner.OnGreeted(lock, link, greeting);
     }
     if (goesOn) {
         return;

@@ -22,6 +22,7 @@ public:
         std::unique_ptr<KLVMsgSocketMessage> prototype;
         bool framed;              // its body is a length and bytes, which wait for Decode
         std::size_t largestBody;  // of a framed one
+        bool isCall = false;      // its body begins with the number of a question or an answer
         std::string header = {};  // on the wire: the name's length and the name; Add makes it
     };
 

@@ -105,6 +105,18 @@ void KLVMsgOutput::Took(std::size_t count, std::size_t held) {
     m_out = 0;
     m_held = held;
     m_taken += count;
+    DropBytes(count);
+    const auto first = std::upper_bound(m_ends.begin(), m_ends.end(), m_taken);
+    if (first != m_ends.begin()) {
+        m_start = *std::prev(first);
+        const auto over = static_cast<std::size_t>(first - m_ends.begin());
+        m_ends.Drop(over);
+        m_messagesTaken += over;
+    }
+}
+
+// Removes so many bytes from the front.
+void KLVMsgOutput::DropBytes(std::size_t count) {
     for (std::size_t left = count; left != 0;) {
         Piece& piece = m_pieces.front();
         const std::size_t size = std::min(left, piece.end - piece.begin);
@@ -114,13 +126,27 @@ void KLVMsgOutput::Took(std::size_t count, std::size_t held) {
             m_pieces.pop_front();
         }
     }
-    const auto first = std::upper_bound(m_ends.begin(), m_ends.end(), m_taken);
-    if (first != m_ends.begin()) {
-        m_start = *std::prev(first);
-        const auto over = static_cast<std::size_t>(first - m_ends.begin());
-        m_ends.Drop(over);
-        m_messagesTaken += over;
+}
+
+bool KLVMsgOutput::MoveTo(KLVMsgOutput& other, Position& shift) {
+    other.m_pieces.MakeRoom(m_pieces.size());
+    other.m_ends.MakeRoom(m_ends.size());
+    const bool isBegun = m_start != m_taken && !m_ends.empty();
+    const Position first = isBegun ? m_ends.front() : m_taken;
+    DropBytes(static_cast<std::size_t>(first - m_taken));
+    shift = other.m_appended - first;
+    for (Piece& piece : m_pieces) {
+        other.m_pieces.push_back(std::move(piece));
+        other.m_lastBlock = m_lastBlock;
     }
+    for (const Position end : m_ends) {
+        if (end != first) {
+            other.m_ends.push_back(end + shift);
+        }
+    }
+    other.m_appended = m_appended + shift;
+    Clear();
+    return isBegun;
 }
 
 bool KLVMsgOutput::CutOut(Position begin, Position end) {

@@ -55,6 +55,11 @@ public:
     // for that.
     bool CutOut(Position begin, Position end);
 
+    // Moves the messages of which nothing was taken behind those of another one; the rest of one of
+    // which a part was is dropped, and true then. `shift` is what is added to their positions.
+    // Throws std::bad_alloc and changes nothing then. Requires: no run is out.
+    bool MoveTo(KLVMsgOutput& other, Position& shift);
+
     // Drops all that is queued. Requires: no run is out.
     void Clear();
 
@@ -92,6 +97,7 @@ private:
     void AddPieces(std::size_t block, const std::shared_ptr<const std::string>& shared);
     static void Shrink(Piece& piece);
     std::size_t RunSize(Position begin, std::size_t segment) const;
+    void DropBytes(std::size_t count);
     void CutPieces(std::size_t before, std::size_t count);
 
     KLVMsgFifo<Piece> m_pieces;

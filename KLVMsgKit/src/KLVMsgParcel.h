@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -13,7 +14,9 @@
 #include "KLVMsgSocketMessage.h"
 
 // What came on the wire: the bytes of a framed body, behind the object in the same block, or the
-// message that a class has read by itself. Only bytes of the body that have come take memory.
+// message that a class has read by itself. Only bytes of the body that have come take memory. Short
+// messages of one type that came together are one parcel: with millions of them a second, a block
+// and a place in two lists for each would be most of what they cost.
 class KLVMsgParcel {
 public:
     struct Free {
@@ -24,12 +27,14 @@ public:
     };
     using Owner = std::unique_ptr<KLVMsgParcel, Free>;
 
+    static constexpr std::size_t kShort = 128;  // bytes of a body in the smallest block
+    static constexpr std::size_t kRun = std::size_t{8} << 10;  // bytes of messages together
+    static constexpr std::size_t kLongestOfRun = std::size_t{2} << 10;  // bytes of a body of these
+
     // Blocks that one thread has done with and another one takes anew: allocating and freeing is
     // most of what a short message costs, and half of what the pages of a long one do. No lock.
     class Stock {
     public:
-        static constexpr std::size_t kRoom = 128;  // bytes of a short body
-
         Stock() = default;
         ~Stock();
         Stock(const Stock&) = delete;
@@ -39,23 +44,26 @@ public:
         // Throws std::bad_alloc.
         Owner Take(std::size_t least, std::size_t wish);
 
-        // Keeps the block of a short or a long body, as far as there are not too many; hands it
-        // back otherwise. May tells it in advance, but for the number.
+        // Keeps the block of one of the usual sizes, or of a long body, as far as there are not too
+        // many; hands it back otherwise. May tells it in advance, but for the number.
         Owner Put(Owner parcel);
         static bool May(const KLVMsgParcel& parcel) {
-            return parcel.object == nullptr && (parcel.room == kRoom || parcel.room >= kLong);
+            return parcel.object == nullptr &&
+                   (parcel.room == kShort || parcel.room == kRun || parcel.room >= kLong);
         }
 
         // Takes over all that another one has, if this one has none of their kind.
         void Refill(Stock& other);
 
     private:
-        static constexpr std::size_t kMostShort = 4096;                 // blocks
+        static constexpr std::size_t kMostShort = 1024;                 // blocks
+        static constexpr std::size_t kMostRuns = 64;                    // blocks
         static constexpr std::size_t kLong = std::size_t{16} << 10;     // bytes of a body
         static constexpr std::size_t kMostLong = std::size_t{2} << 20;  // bytes in all
 
         struct List {
             void Push(KLVMsgParcel* parcel, std::size_t cost);
+            Owner Pop(KLVMsgParcel** place, std::size_t cost);
 
             KLVMsgParcel* first = nullptr;
             std::size_t size = 0;
@@ -63,6 +71,7 @@ public:
         Owner TakeLong(std::size_t wish);
 
         List m_short;  // its size is their number
+        List m_runs;   // as well
         List m_long;   // its size is their room
     };
 
@@ -91,11 +100,37 @@ public:
     }
 
     char* Bytes() { return reinterpret_cast<char*>(this + 1); }
-    std::string_view Body() { return {Bytes(), size}; }
+
+    // Of the first message in it: its body, if that is bytes, and its size on the wire.
+    std::string_view Body() {
+        const char* const body = Bytes() + begin + lead;
+        std::uint32_t length = 0;
+        if (lead != 0) {
+            std::memcpy(&length, body - sizeof length, sizeof length);
+        }
+        return {body, lead != 0 ? length : size};
+    }
+    std::size_t FirstSize() { return lead != 0 ? lead + Body().size() : wireSize; }
+
+    // Leaves the first one out. Requires: there are several.
+    void DropFirst() {
+        const auto gone = static_cast<std::uint32_t>(FirstSize());
+        begin += gone;
+        wireSize -= gone;
+        --count;
+    }
+
+    // Calls `work` with each message as the first one; the last one stays.
+    template <class Work>
+    void ForEach(const Work& work) {
+        for (work(); count != 1; work()) {
+            DropFirst();
+        }
+    }
 
     // What it counts against the inbox's limits: with a short body nearly what its block takes.
     static constexpr std::size_t kPerMessage = 192;
-    std::size_t Cost() const { return wireSize + kPerMessage; }
+    std::size_t Cost() const { return wireSize + count * kPerMessage; }
 
     // Its place in a list.
     struct Hook {
@@ -108,10 +143,13 @@ public:
     void* sender = nullptr;                 // the inbox's
     std::uint64_t order = 0;                // the inbox's: later ones have a larger one
     KLVMsgSocketMessage* object = nullptr;  // owned; of a class that has read its body itself
-    std::size_t size = 0;                   // bytes of the body, if there is no object
-    std::size_t room = 0;                   // for those
+    std::size_t size = 0;                   // bytes of the body of one that is alone
+    std::size_t room = 0;                   // for bytes
     std::uint32_t type = 0;                 // its number among the registered types
-    std::uint32_t wireSize = 0;             // header and body
+    std::uint32_t wireSize = 0;             // headers and bodies
+    std::uint32_t count = 1;                // messages
+    std::uint32_t lead = 0;   // bytes before each body of several, the last four of them its length
+    std::uint32_t begin = 0;  // of the first one of several that is still in it
 
 private:
     KLVMsgParcel() = default;
@@ -119,7 +157,7 @@ private:
 static_assert(std::is_trivially_copyable<KLVMsgParcel>::value, "a block is moved by its bytes");
 
 inline KLVMsgParcel::Stock::~Stock() {
-    for (List* const list : {&m_short, &m_long}) {
+    for (List* const list : {&m_short, &m_runs, &m_long}) {
         while (list->first != nullptr) {
             Free()(std::exchange(list->first, list->first->ofClass.next));
         }
@@ -127,18 +165,16 @@ inline KLVMsgParcel::Stock::~Stock() {
 }
 
 inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Take(std::size_t least, std::size_t wish) {
-    if (least <= kRoom && m_short.first == nullptr) {
-        return New(kRoom);
+    Owner taken;
+    if (least <= kShort) {
+        least = kShort;
+        taken = m_short.Pop(&m_short.first, 1);
+    } else if (least <= kRun && least > kRun / 2) {
+        least = kRun;
+        taken = m_runs.Pop(&m_runs.first, 1);
+    } else if (wish >= kLong) {
+        taken = TakeLong(wish);
     }
-    if (least <= kRoom) {
-        --m_short.size;
-        KLVMsgParcel* const taken = m_short.first;
-        m_short.first = taken->ofClass.next;
-        *taken = KLVMsgParcel();
-        taken->room = kRoom;
-        return Owner(taken);
-    }
-    Owner taken = wish < kLong ? nullptr : TakeLong(wish);
     return taken != nullptr ? std::move(taken) : New(least);
 }
 
@@ -148,22 +184,15 @@ inline KLVMsgParcel::Owner KLVMsgParcel::Stock::TakeLong(std::size_t wish) {
     while (*place != nullptr && ((*place)->room < wish || (*place)->room / 4 > wish)) {
         place = &(*place)->ofClass.next;
     }
-    Owner taken(*place);
-    if (taken != nullptr) {
-        const std::size_t kept = taken->room;
-        *place = taken->ofClass.next;
-        m_long.size -= kept;
-        *taken = KLVMsgParcel();
-        taken->room = kept;
-    }
-    return taken;
+    return m_long.Pop(place, *place != nullptr ? (*place)->room : 0);
 }
 
 inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Put(Owner parcel) {
-    const bool isShort = parcel->room == kRoom;
-    const std::size_t cost = isShort ? 1 : parcel->room;
-    List& list = isShort ? m_short : m_long;
-    if (May(*parcel) && list.size + cost <= (isShort ? kMostShort : kMostLong)) {
+    const std::size_t room = parcel->room;
+    List& list = room == kShort ? m_short : room == kRun ? m_runs : m_long;
+    const std::size_t cost = &list == &m_long ? room : 1;
+    const std::size_t most = room == kShort ? kMostShort : room == kRun ? kMostRuns : kMostLong;
+    if (May(*parcel) && list.size + cost <= most) {
         list.Push(parcel.release(), cost);
     }
     return parcel;
@@ -175,11 +204,23 @@ inline void KLVMsgParcel::Stock::List::Push(KLVMsgParcel* parcel, std::size_t co
     size += cost;
 }
 
-inline void KLVMsgParcel::Stock::Refill(Stock& other) {
-    if (m_short.first == nullptr) {
-        std::swap(m_short, other.m_short);
+// As new, but for its room; null where there is none.
+inline KLVMsgParcel::Owner KLVMsgParcel::Stock::List::Pop(KLVMsgParcel** place, std::size_t cost) {
+    Owner taken(*place);
+    if (taken != nullptr) {
+        *place = taken->ofClass.next;
+        size -= cost;
+        const std::size_t kept = taken->room;
+        *taken = KLVMsgParcel();
+        taken->room = kept;
     }
-    if (m_long.first == nullptr) {
-        std::swap(m_long, other.m_long);
+    return taken;
+}
+
+inline void KLVMsgParcel::Stock::Refill(Stock& other) {
+    for (List Stock::*const list : {&Stock::m_short, &Stock::m_runs, &Stock::m_long}) {
+        if ((this->*list).first == nullptr) {
+            std::swap(this->*list, other.*list);
+        }
     }
 }

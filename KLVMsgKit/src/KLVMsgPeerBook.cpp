@@ -25,9 +25,13 @@ KLVMsgSessionPeer& KLVMsgPeerBook::Add(const std::string& label, const std::stri
     return peer;
 }
 
-KLVMsgSessionPeer* KLVMsgPeerBook::Find(KLVMsgPeer peer) {
+KLVMsgSessionPeer* KLVMsgPeerBook::LookUp(KLVMsgPeer peer) {
     const auto found = m_peers.find(peer.id);
-    return found == m_peers.end() ? nullptr : found->second.get();
+    if (found == m_peers.end()) {
+        return nullptr;
+    }
+    m_found = found->second.get();
+    return m_found;
 }
 
 void KLVMsgPeerBook::Find(const KLVMsgPeers& meant, std::vector<Peer*>& found) {
@@ -79,6 +83,7 @@ void KLVMsgPeerBook::NoteGone(const Peer& peer, const std::string& cause) {
 
 void KLVMsgPeerBook::Remove(Peer& peer) {
     RemoveLabel(peer);
+    m_found = nullptr;
     m_peers.erase(peer.peer.id);
 }
 

@@ -1,6 +1,7 @@
 // For the session's own sources: who is at the other end of each connection.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -16,6 +17,8 @@
 #include "KLVMsgPeer.h"
 
 struct KLVMsgDelivery;
+struct KLVMsgQuestion;
+struct KLVMsgKeep;
 
 // What the session knows of one connection, from its beginning until it is over and nothing of it
 // waits in the inbox.
@@ -28,15 +31,22 @@ struct KLVMsgSessionPeer : KLVMsgLoop::Client {
     };
 
     // Whether something may still come; whether it takes messages, and those to a label.
-    bool IsThere() const { return link != nullptr && link->connection.Gives(); }
+    bool IsThere() const { return link != nullptr && !isPlace && link->connection.Gives(); }
     bool Takes() const { return link != nullptr && link->connection.Takes(); }
+    bool TakesByLabel() const { return Takes() && (isPlace || IsThere()); }
 
     KLVMsgPeer peer;
     std::string label;
     std::string address;
-    KLVMsgLoop::LinkPtr link;  // null when it is over
-    KLVMsgInbox::Sender sent;  // what it has sent and nobody has asked for
+    std::string served;  // where it was accepted; empty for one that was made here
+    std::chrono::system_clock::time_point since = std::chrono::system_clock::now();
+    KLVMsgLoop::LinkPtr link;    // null when it is over
+    KLVMsgKeep* keep = nullptr;  // whose connection it is, if it is one's
+    bool isPlace = false;        // the place of a Keep's connection while that is away
+    KLVMsgInbox::Sender sent;    // what it has sent and nobody has asked for
     KLVMsgFifo<Awaited> awaited;
+    std::map<std::uint64_t, KLVMsgQuestion*> questions;  // by number: those it has not answered
+    std::uint64_t lastTurn = 0;                          // when it was last asked; 0: never
     std::size_t cost = 0;    // of its output, as far as the session has counted it
     std::size_t inHand = 0;  // threads that have its message and have not asked for the next one
     bool isTold = false;     // that it has gone
@@ -54,7 +64,10 @@ public:
     Peer& Add(const std::string& label, const std::string& address);
 
     // Null when there is none.
-    Peer* Find(KLVMsgPeer peer);
+    Peer* Find(KLVMsgPeer peer) {
+        // Mostly the one that was found last.
+        return m_found != nullptr && m_found->peer == peer ? m_found : LookUp(peer);
+    }
     // Those that are meant, the oldest first, those that have gone included.
     void Find(const KLVMsgPeers& meant, std::vector<Peer*>& found);
     bool IsAnyThere(const KLVMsgPeers& meant);
@@ -98,11 +111,13 @@ public:
 private:
     static constexpr std::size_t kMostCauses = 1000;
 
+    Peer* LookUp(KLVMsgPeer peer);
     void RemoveLabel(Peer& peer);
 
     std::unordered_map<std::uint64_t, std::unique_ptr<Peer>> m_peers;
     std::unordered_map<std::string, std::vector<Peer*>> m_labels;  // in the order of their ids
     std::map<std::uint64_t, std::string> m_causes;                 // of peers that have gone
     std::unordered_map<std::string, std::string> m_labelCauses;    // the last one of a label
+    Peer* m_found = nullptr;                                       // by the last look-up
     std::uint64_t m_lastId = 0;
 };

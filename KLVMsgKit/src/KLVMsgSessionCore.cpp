@@ -22,11 +22,6 @@ KLVMsgOutcome Failure(int error, std::string text) {
     return {KLVMsgOutcome::kFailed, error, std::move(text)};
 }
 
-void Signal(int descriptor) {
-    const std::uint64_t one = 1;
-    static_cast<void>(!write(descriptor, &one, sizeof one));
-}
-
 // It is held for less time than falling asleep takes, so whoever finds it taken tries a while
 // first.
 void MakeAdaptive(std::mutex& mutex) {
@@ -61,6 +56,11 @@ KLVMsgSessionCore::~KLVMsgSessionCore() {
 
 bool KLVMsgSessionCore::IsInChild() const { return getpid() != m_process; }
 
+void KLVMsgSessionCore::Signal(int descriptor) {
+    const std::uint64_t one = 1;
+    static_cast<void>(!write(descriptor, &one, sizeof one));
+}
+
 KLVMsgOutcome KLVMsgSessionCore::Late() {
     return {KLVMsgOutcome::kTooLate, ETIMEDOUT, "the time was over"};
 }
@@ -85,13 +85,13 @@ KLVMsgOutcome KLVMsgSessionCore::Gone(const KLVMsgPeers& meant) {
 
 // Requires: the mutex is held.
 KLVMsgOutcome KLVMsgSessionCore::IsReady() const {
-    return m_isEnding ? Ended(KLVMsgOutcome::kFailed) : m_ready;
+    return m_isEnding || m_isDraining ? Ended(KLVMsgOutcome::kFailed) : m_ready;
 }
 
 // Set-up ------------------------------------------------------------------------------------------
 
 KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_info& type,
-                                          const KLVMsgFramedMessage* framed) {
+                                          const KLVMsgFramedMessage* framed, bool isCall) {
     std::string name;
     Message made;
     try {
@@ -122,15 +122,15 @@ KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_inf
         return Failure(EINVAL, "NewInstance of " + name + " makes an object of another class");
     }
     // Room first: a type that is known has its place everywhere.
-    m_receivers.resize(m_types.Size() + 1);
+    m_receivers.resize(kSets + m_types.Size() + 1);
     m_inbox.Prepare(m_types.Size() + 1);
     m_types.Add({name, &type, std::move(prototype), framed != nullptr,
-                 framed != nullptr ? framed->LargestBody() : 0});
+                 framed != nullptr ? framed->LargestBody() : 0, isCall});
     return {};
 }
 
-KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, int* port,
-                                       const Transports& transports) {
+KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit,
+                                       int* port, const Transports& transports) {
     if (!m_ready) {
         return m_ready;
     }
@@ -140,13 +140,23 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, int* 
     if (!outcome || !(outcome = KLVMsgSessionSockets::Listen(address, sockets, bound))) {
         return outcome;
     }
+    KLVMsgLoop::Listener made;
+    made.text = KLVMsgSessionSockets::Text(KLVMsgSocketAddress(address.host, bound));
+    made.port = bound;
+    if (admit != nullptr) {
+        made.admit = std::make_shared<const KLVMsgAdmit>(std::move(admit));
+    }
     const Lock lock(m_mutex);
     outcome = IsReady();
-    const KLVMsgSocketAddress served(address.host, bound);
     try {
         for (auto socket = sockets.begin(); outcome && socket != sockets.end(); ++socket) {
-            outcome = m_loop.AddListener(std::move(*socket), m_book.NextId(), bound,
-                                         KLVMsgSessionSockets::Text(served), transports);
+            KLVMsgLoop::Listener one;
+            one.socket = std::move(*socket);
+            one.text = made.text;
+            one.port = bound;
+            one.admit = made.admit;
+            one.transports = transports;
+            outcome = m_loop.AddListener(m_book.NextId(), std::move(one));
         }
     } catch (const std::bad_alloc&) {
         m_loop.RemoveListeners(bound);
@@ -171,7 +181,7 @@ KLVMsgOutcome KLVMsgSessionCore::StopServing(int port) {
 }
 
 KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
-                                         const std::string& label, Time limit,
+                                         const std::string& label, Time limit, KLVMsgPeer* made,
                                          const Transports& transports) {
     {
         const Lock lock(m_mutex);
@@ -193,7 +203,7 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
         }
     }
     const Lock lock(m_mutex);
-    if (m_isEnding) {
+    if (m_isEnding || m_isDraining) {
         return Ended(KLVMsgOutcome::kFailed);
     }
     if (!outcome) {
@@ -202,25 +212,30 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
     if (m_live >= m_options.connectionLimit) {
         return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
     }
-    return Adopt(std::move(transport), label, text);
+    Peer* peer = nullptr;
+    outcome = Adopt(std::move(transport), label, text, peer);
+    if (made != nullptr && outcome) {
+        *made = peer->peer;
+    }
+    return outcome;
 }
 
 KLVMsgOutcome KLVMsgSessionCore::ConnectAgain(const KLVMsgSocketAddress& address,
                                               const std::string& label, Time limit,
-                                              const Transports& transports) {
+                                              KLVMsgPeer* made, const Transports& transports) {
     KLVMsgWaiter waiter;
     for (auto pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
-        KLVMsgOutcome outcome = Connect(address, label, limit, transports);
+        KLVMsgOutcome outcome = Connect(address, label, limit, made, transports);
         const Time now = Clock::now();
         if (outcome || outcome.error == ESHUTDOWN || outcome.error == EINVAL || now >= limit) {
             return outcome;
         }
         Lock lock(m_mutex);
-        if (!m_isEnding) {
+        if (!m_isEnding && !m_isDraining) {
             const KLVMsgEntry<KLVMsgWaiter> entry(m_endWaiters, waiter);
             waiter.Wait(lock, std::min(limit, now + pause));
         }
-        if (m_isEnding) {
+        if (m_isEnding || m_isDraining) {
             return Ended(KLVMsgOutcome::kFailed);
         }
         if (Clock::now() >= limit) {
@@ -241,7 +256,8 @@ KLVMsgOutcome KLVMsgSessionCore::Start() {
 
 // A connection that was made, or accepted.
 KLVMsgOutcome KLVMsgSessionCore::Adopt(std::unique_ptr<KLVMsgTransport> transport,
-                                       const std::string& label, const std::string& address) {
+                                       const std::string& label, const std::string& address,
+                                       Peer*& made) {
     Peer& peer = m_book.Add(label, address);
     peer.sent.owner = &peer;
     KLVMsgOutcome outcome;
@@ -256,6 +272,7 @@ KLVMsgOutcome KLVMsgSessionCore::Adopt(std::unique_ptr<KLVMsgTransport> transpor
         return outcome;
     }
     ++m_live;
+    made = &peer;
     TellCame(peer, *peer.link->transport);
     return outcome;
 }
@@ -270,6 +287,9 @@ KLVMsgOutcome KLVMsgSessionCore::SetLabel(KLVMsgPeer peer, const std::string& la
     Peer* const found = m_book.Find(peer);
     if (found == nullptr || !found->IsThere()) {
         return Gone(peer);
+    }
+    if (found->keep != nullptr) {
+        return Failure(EBUSY, "a connection that is kept keeps its label");
     }
     m_book.SetLabel(*found, label);
     // Somebody may wait for what has come from this label.
@@ -300,15 +320,16 @@ KLVMsgOutcome KLVMsgSessionCore::Disconnect(const KLVMsgPeers& meant) {
     if (m_isEnding) {
         return Ended(KLVMsgOutcome::kPeerGone);
     }
+    const std::string cause = "the peer was disconnected here";
+    std::size_t lost = 0;
+    bool isAny = meant.HowMeant() != KLVMsgPeers::kOne && EndKeeps(meant, cause, lost) != 0;
     std::vector<Peer*> found;
     m_book.Find(meant, found);
-    const std::string cause = "the peer was disconnected here";
-    bool isAny = false;
     for (Peer* const peer : found) {
         if (peer->link != nullptr && !peer->link->connection.Discards()) {
             isAny = true;
             peer->link->connection.Leave(Clock::now() + kLastWords);
-            FailAwaited(*peer, cause);
+            FailAwaited(peer->awaited, cause);
             UpdateCost(*peer);
             TellGone(*peer, KLVMsgEvent::kShutDownHere, "shut down here", 0);
             m_loop.Touch(*peer->link);
@@ -337,6 +358,10 @@ void KLVMsgSessionCore::TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std
         return;
     }
     peer.isTold = true;
+    FailQuestions(peer, KLVMsgOutcome::kPeerGone, ENOTCONN, text);
+    if (peer.keep != nullptr) {
+        OpenPlace(*peer.keep);
+    }
     try {
         m_book.NoteGone(peer, text);
     } catch (const std::bad_alloc&) {
@@ -371,6 +396,9 @@ void KLVMsgSessionCore::OnOver(KLVMsgLoop::Link& link) {
     }
     Peer& peer = *static_cast<Peer*>(link.client);
     const KLVMsgLoop::LinkPtr kept = std::move(peer.link);
+    if (peer.keep != nullptr) {
+        Part(peer, kept);
+    }
     peer.link = nullptr;
     link.client = nullptr;
     --m_live;
@@ -378,7 +406,7 @@ void KLVMsgSessionCore::OnOver(KLVMsgLoop::Link& link) {
         peer.isReadingPaused = false;
         --m_paused;
     }
-    FailAwaited(peer, link.connection.Text());
+    FailAwaited(peer.awaited, link.connection.Text());
     UpdateCost(peer);
     m_past.messagesSent += link.connection.output.MessagesTaken();
     m_past.bytesSent += link.connection.output.Taken();
@@ -395,20 +423,22 @@ void KLVMsgSessionCore::OnOver(KLVMsgLoop::Link& link) {
     }
 }
 
-void KLVMsgSessionCore::OnAccepted(KLVMsgDescriptor socket, const std::string& address,
-                                   const KLVMsgLoop::Listener& listener) {
+void KLVMsgSessionCore::OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDescriptor socket,
+                                   const std::string& address) {
     try {
+        std::unique_ptr<KLVMsgTransport> transport = Plain(std::move(socket));
         KLVMsgOutcome outcome;
-        if (m_live >= m_options.connectionLimit) {
-            EndOneHalf();
-            outcome = {KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
+        if (m_loop.FindListener(listener)->transports != nullptr) {
+            outcome = Invite(std::move(transport), listener, address);
         } else {
-            std::unique_ptr<KLVMsgTransport> transport = Plain(std::move(socket));
-            outcome = listener.transports == nullptr
-                          ? Adopt(std::move(transport), "", address)
-                          : Invite(std::move(transport), address, *listener.transports);
+            std::string served;
+            outcome = Admit(lock, listener, address, {}, served);
+            Peer* made = nullptr;
+            if (outcome && (outcome = Adopt(std::move(transport), "", address, made))) {
+                made->served.swap(served);
+            }
         }
-        if (!outcome) {
+        if (!outcome && outcome.error != ESHUTDOWN) {
             TellRefused(address, outcome);
         }
     } catch (const std::bad_alloc&) {
@@ -433,7 +463,7 @@ KLVMsgEvent KLVMsgSessionCore::Event(KLVMsgEvent::Kind kind, const Peer* peer) {
     KLVMsgEvent event;
     event.kind = kind;
     if (peer != nullptr) {
-        event.peer = peer->peer;
+        event.peer = peer->isPlace ? KLVMsgPeer() : peer->peer;
         event.label = peer->label;
         event.address = peer->address;
     }
@@ -441,6 +471,10 @@ KLVMsgEvent KLVMsgSessionCore::Event(KLVMsgEvent::Kind kind, const Peer* peer) {
 }
 
 void KLVMsgSessionCore::PushEvent(KLVMsgEvent event) {
+    if (m_observer != nullptr) {
+        m_observed.Push(event);
+        m_loop.AskForErrand();
+    }
     m_events.Push(std::move(event));
     for (KLVMsgWaiter* const one : m_eventWaiters) {
         if (!one->IsWoken()) {
@@ -496,6 +530,7 @@ int KLVMsgSessionCore::Descriptor() {
 }
 
 void KLVMsgSessionCore::UpdateReadable() {
+    WakeIfDrained();
     const bool isReadable = m_inbox.Count() != 0 || !m_events.IsEmpty() || m_isEnding;
     if (m_readable.Number() == -1 || isReadable == m_isReadable) {
         return;
@@ -516,7 +551,7 @@ void KLVMsgSessionCore::AddCounts(KLVMsgCounts& counts, Peer& peer) {
     if (peer.link != nullptr) {
         const KLVMsgConnection& connection = peer.link->connection;
         const KLVMsgOutput& output = connection.output;
-        ++counts.connections;
+        counts.connections += peer.isPlace ? 0 : 1;
         counts.messagesSent += output.MessagesTaken();
         counts.bytesSent += output.Taken();
         counts.messagesQueued += output.Messages();
@@ -532,7 +567,7 @@ KLVMsgCounts KLVMsgSessionCore::Counts(const KLVMsgPeers& meant) {
     m_book.Find(meant, found);
     KLVMsgCounts counts;
     for (Peer* const peer : found) {
-        if (peer->IsThere()) {
+        if (peer->IsThere() || peer->isPlace) {
             AddCounts(counts, *peer);
         }
     }
@@ -557,15 +592,20 @@ KLVMsgCounts KLVMsgSessionCore::Counts() {
 KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
     const Time deadline = limit.Deadline();
     bool haveAllClosed = true;
+    std::size_t lost = 0;
     {
         Lock lock(m_mutex);
         if (m_isEnding) {
             return Ended(KLVMsgOutcome::kFailed);
         }
         m_isEnding = true;
+        EndKeeps(KLVMsgPeers::All(), "the session has ended", lost);
         Signal(m_endSignal.Number());
         m_loop.RemoveListeners(-1);
         WakeEverybody();
+        for (KLVMsgWaiter* const one : m_drainWaiters) {
+            one->Wake();
+        }
         UpdateReadable();
         m_book.ForEach([this](Peer& peer) {
             if (peer.link != nullptr) {
@@ -581,9 +621,14 @@ KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
         haveAllClosed = m_live == 0 || !m_isStarted;
     }
     m_loop.Stop();
+    m_dialer.reset();  // nobody uses it any more; a name may take its time
     Lock lock(m_mutex);
     m_isEnded = true;
     m_loop.Clear("the session has ended");
+    if (m_ready && lost != 0) {
+        return {KLVMsgOutcome::kPeerGone, ENOTCONN,
+                std::to_string(lost) + " messages were queued for a connection that is away"};
+    }
     return !m_ready ? m_ready : haveAllClosed ? KLVMsgOutcome() : Late();
 }
 
@@ -605,4 +650,7 @@ void KLVMsgSessionCore::WakeEverybody() {
     for (KLVMsgDelivery* const one : m_roomless) {
         one->waiter.Wake();
     }
+    m_book.ForEach([](Peer& peer) {
+        FailQuestions(peer, KLVMsgOutcome::kPeerGone, ESHUTDOWN, "the session has ended");
+    });
 }

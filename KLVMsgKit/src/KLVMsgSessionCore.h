@@ -3,14 +3,17 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <random>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -18,8 +21,10 @@
 #include <utility>
 #include <vector>
 
+#include "KLVMsgDialer.h"
 #include "KLVMsgEventQueue.h"
 #include "KLVMsgInbox.h"
+#include "KLVMsgKeep.h"
 #include "KLVMsgLoop.h"
 #include "KLVMsgMessageTypes.h"
 #include "KLVMsgModuleUse.h"
@@ -47,13 +52,25 @@ struct KLVMsgDelivery {
     }
 };
 
+// A question that somebody waits to be answered; it is on the asking thread's stack.
+struct KLVMsgQuestion {
+    KLVMsgWaiter waiter;
+    KLVMsgDelivery delivery;  // of the question
+    std::uint32_t type = 0;   // of the answer
+    bool isOver = false;
+    KLVMsgParcel::Owner answer;  // null when it is over without one, for the cause in `failure`
+    KLVMsgOutcome failure;
+};
+
 // What stands behind KLVMsgSession. The mutex guards all of it but the types, which do not change
 // once the loop runs, and the options. It is never held while a message's own code runs, a system
 // call transfers, or somebody waits.
 //
-// Sources: KLVMsgSessionCore.cpp has connections and the end, KLVMsgSessionGreeting.cpp how those
-// begin that are not plain, KLVMsgSessionSending.cpp and KLVMsgSessionReceiving.cpp the two
-// directions.
+// Sources: KLVMsgSessionCore.cpp has connections and the end, KLVMsgSessionGreeting.cpp how they
+// begin, KLVMsgSessionAdmitting.cpp who may connect, KLVMsgSessionKeeping.cpp the connections that
+// come back, KLVMsgSessionSending.cpp and KLVMsgSessionReceiving.cpp the two directions,
+// KLVMsgSessionAsking.cpp what goes both ways, KLVMsgSessionDispatching.cpp what calls the
+// application (handlers, and who observes), KLVMsgSessionDraining.cpp what Drain waits for.
 class KLVMsgSessionCore final : private KLVMsgLoop::Owner {
 public:
     using Peer = KLVMsgSessionPeer;
@@ -64,6 +81,7 @@ public:
     using Message = std::unique_ptr<KLVMsgSocketMessage>;
     using Found = KLVMsgSession::Found;
     using Transports = std::shared_ptr<KLVMsgTransportFactory>;  // null: plain
+    using Observer = std::function<void(const KLVMsgEvent&)>;
 
     explicit KLVMsgSessionCore(const KLVMsgSessionOptions& options);
     ~KLVMsgSessionCore();
@@ -72,14 +90,17 @@ public:
 
     // The operations of KLVMsgSession.
     KLVMsgOutcome Register(Message prototype, const std::type_info& type,
-                           const KLVMsgFramedMessage* framed);
-    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port,
+                           const KLVMsgFramedMessage* framed, bool isCall);
+    KLVMsgOutcome Observe(Observer observer);
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port,
                         const Transports& transports);
     KLVMsgOutcome StopServing(int port);
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label, Time limit,
-                          const Transports& transports);
+                          KLVMsgPeer* made, const Transports& transports);
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
-                               Time limit, const Transports& transports);
+                               Time limit, KLVMsgPeer* made, const Transports& transports);
+    KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
+                       KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed);
     KLVMsgOutcome Start();
     KLVMsgOutcome Post(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                        const KLVMsgFramedMessage* framed);
@@ -87,14 +108,24 @@ public:
                        const KLVMsgFramedMessage* framed, KLVMsgTimeLimit limit);
     KLVMsgReceived<KLVMsgSocketMessage> ReceiveOne(const Wanted& wanted);
     KLVMsgReceivedAll<KLVMsgSocketMessage> ReceiveMany(const Wanted& wanted);
+    KLVMsgReceivedAny ReceiveAny(KLVMsgTimeLimit limit, const KLVMsgPeers* from);
+    KLVMsgOutcome SetHandler(const std::type_info& type, KLVMsgSession::Handler handler);
+    KLVMsgOutcome Dispatch(KLVMsgTimeLimit limit);
+    KLVMsgReceived<KLVMsgSocketMessage> Ask(const KLVMsgPeers& to,
+                                            const KLVMsgCallMessage& question,
+                                            const std::type_info& answer, KLVMsgTimeLimit limit);
+    KLVMsgOutcome Answer(KLVMsgPeer to, std::uint64_t question, const KLVMsgCallMessage& answer);
+    KLVMsgQuestionCounts Questions();
     int Descriptor();
     KLVMsgOutcome SetLabel(KLVMsgPeer peer, const std::string& label);
+    KLVMsgPeerInfo Info(KLVMsgPeer peer);
     std::vector<KLVMsgPeer> Peers(const KLVMsgPeers& meant);
     KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
     KLVMsgOutcome WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
     KLVMsgEvent NextEvent(KLVMsgTimeLimit limit);
     KLVMsgCounts Counts(const KLVMsgPeers& meant);
     KLVMsgCounts Counts();
+    KLVMsgOutcome Drain(KLVMsgTimeLimit limit);
     KLVMsgOutcome End(KLVMsgTimeLimit limit);
 
     // Whether this process is a child of the one that made the session.
@@ -118,30 +149,73 @@ private:
 
     // Who was accepted and still greets, or has been turned away and not left.
     struct Guest {
+        std::uint64_t listener = 0;
         std::string address;
         KLVMsgLoop::LinkPtr link;
         bool isTold = false;
     };
 
+    // Beside the number of a type: all that have a handler, and all that have none.
+    static constexpr std::uint32_t kHandled = 0xfffffffe;
+    static constexpr std::uint32_t kUnhandled = 0xfffffffd;
+    static constexpr std::uint32_t kSets = 2;
+
+    static constexpr char kInboxIsFull[] =
+        "what nobody asks for has filled the inbox before such a message came";
+
+    using Handler = std::shared_ptr<const KLVMsgSession::Handler>;
+    struct Taken {
+        KLVMsgReceivedAny received;
+        Handler handler;       // null where there is none
+        std::size_t left = 0;  // messages that have one
+    };
+    using Queue = KLVMsgFifo<Peer::Awaited>;
     using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
 
     static KLVMsgOutcome Late();
     static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
+    static KLVMsgOutcome InboxIsFull();
     KLVMsgOutcome Gone(const KLVMsgPeers& meant);
     KLVMsgOutcome IsReady() const;
 
     // Connections.
     std::unique_ptr<KLVMsgTransport> Plain(KLVMsgDescriptor socket) const;
     KLVMsgOutcome Adopt(std::unique_ptr<KLVMsgTransport> transport, const std::string& label,
-                        const std::string& address);
+                        const std::string& address, Peer*& made);
     void TellCame(const Peer& peer, const KLVMsgTransport& transport);
     void TellRefused(const std::string& address, const KLVMsgOutcome& outcome);
+    KLVMsgOutcome Admit(Lock& lock, std::uint64_t listener, const std::string& address,
+                        const std::vector<std::string>& names, std::string& served);
+
+    // Connections that come back.
+    KLVMsgOutcome MakeKeep(const KLVMsgSocketAddress& address, const std::string& label,
+                           std::unique_ptr<KLVMsgKeep> made);
+    KLVMsgOutcome PrepareDialer();
+    KLVMsgLoop::LinkPtr NewPlaceLink(const Peer& place) const;
+    bool IsAway(const std::string& label) const;
+    void OpenPlace(KLVMsgKeep& keep);
+    void TakeBack(KLVMsgKeep& keep, KLVMsgLoop::Link& link, Queue& awaited);
+    void TakeBackLate(KLVMsgLoop::Link& link);
+    void Part(Peer& peer, const KLVMsgLoop::LinkPtr& link);
+    static bool MoveQueue(KLVMsgOutput& from, Queue& awaited, KLVMsgOutput& to, Queue& toAwaited);
+    void MoveRoomless(KLVMsgPeer from, KLVMsgPeer to);
+    void OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsgDescriptor socket);
+    KLVMsgOutcome ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket);
+    void TellAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
+    void TellLost(const Peer& peer, std::size_t count);
+    std::size_t EndKeeps(const KLVMsgPeers& meant, const std::string& cause, std::size_t& lost);
+
     void TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std::string& text, int error);
     void Forget(Peer& peer);
     void EndAnswerless(Peer& peer);
     void EndOneHalf();
     void WakeThoseWhoseAreGone();
     void WakeEverybody();
+    bool IsDrained();
+    bool IsAnyInHand();
+    void WakeIfDrained();
+    std::string WhatIsLeft();
+    static void Signal(int descriptor);
     static KLVMsgEvent Event(KLVMsgEvent::Kind kind, const Peer* peer);
     void PushEvent(KLVMsgEvent event);
     void TellLeftOut(const Peer& peer);
@@ -162,9 +236,9 @@ private:
     KLVMsgOutcome Greet(std::unique_ptr<KLVMsgTransport>& transport,
                         KLVMsgTransportFactory& transports, const KLVMsgSocketAddress& address,
                         Time limit);
-    KLVMsgOutcome Invite(std::unique_ptr<KLVMsgTransport> transport, const std::string& address,
-                         KLVMsgTransportFactory& transports);
-    KLVMsgOutcome AdoptGuest(KLVMsgLoop::Link& link, const std::string& address);
+    KLVMsgOutcome Invite(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t listener,
+                         const std::string& address);
+    KLVMsgOutcome AdoptGuest(Lock& lock, KLVMsgLoop::Link& link, const Guest& guest);
     void GuestIsOver(KLVMsgLoop::Link& link);
     void TellNotRenewed(const std::string& address, const std::string& warning);
 
@@ -175,6 +249,8 @@ private:
     void Deliver(Lock& lock, Peer& peer, const KLVMsgWireWriter& bytes, KLVMsgDelivery* delivery,
                  bool isOnlyOne);
     void UpdateCost(Peer& peer);
+    void PostBytes(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
+                   KLVMsgOutcome& outcome);
     KLVMsgOutcome PostToMany(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes);
     KLVMsgOutcome FindReceivers(const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
                                 KLVMsgDelivery& delivery);
@@ -182,18 +258,28 @@ private:
                        Time deadline);
     void RetryRoomless(Lock& lock, KLVMsgDelivery& delivery, const KLVMsgWireWriter& bytes);
     void Withdraw(KLVMsgDelivery& delivery);
+    static bool WithdrawFrom(Queue& awaited, KLVMsgLoop::Link* link,
+                             const KLVMsgDelivery& delivery);
     KLVMsgOutcome LeaveOut(const KLVMsgDelivery& delivery, bool isLabel);
-    void FailAwaited(Peer& peer, const std::string& cause);
+    static void TellTaken(Queue& awaited, KLVMsgOutput::Position taken);
+    static void FailAwaited(Queue& awaited, const std::string& cause);
     void WakeRoomless();
 
     // Receiving.
     KLVMsgOutcome AwaitParcel(Lock& lock, std::uint32_t type, const Wanted& wanted,
                               const KLVMsgParcel*& found);
     const KLVMsgParcel* Find(std::uint32_t type, const KLVMsgPeers* from);
+    const KLVMsgParcel* FindOfClass(std::uint32_t type, const KLVMsgPeers* from);
     std::size_t TakePart(std::uint32_t type, const KLVMsgPeers* from, std::size_t most,
                          bool isFirst, Parcels& parcels);
     void HandOver(std::uint32_t type, Parcels& parcels, Found& received);
-    KLVMsgParcel::Owner TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from, bool isNext);
+    KLVMsgParcel::Owner TakeFirst(const KLVMsgParcel* found, KLVMsgPeer& from,
+                                  char (&bytes)[KLVMsgParcel::kLongestOfRun],
+                                  std::string_view& body);
+    static Peer& PeerOf(const KLVMsgParcel& parcel);
+    void TookOut(Peer& peer, std::size_t cost);
+    Message Unpack(KLVMsgParcel::Owner parcel, std::uint32_t type, std::string_view body,
+                   KLVMsgPeer from);
     Message Decode(std::uint32_t number, std::string_view body, KLVMsgPeer from);
     void Refuse(KLVMsgPeer from, KLVMsgEvent::Cause cause,
                 std::initializer_list<std::string_view> words);
@@ -209,6 +295,26 @@ private:
     void TakeInHand(Peer& peer, bool isNext);
     Hand* MyHand();
 
+    // Asking.
+    Peer* NextToAsk(const KLVMsgPeers& to);
+    KLVMsgOutcome NobodyToAsk(const KLVMsgPeers& to);
+    KLVMsgOutcome PutQuestion(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
+                              std::uint64_t number, KLVMsgQuestion& question, KLVMsgPeer& asked);
+    KLVMsgOutcome AwaitAnswer(Lock& lock, KLVMsgQuestion& question, std::uint64_t number,
+                              KLVMsgPeer asked, Time deadline);
+    Message TakeApart(Lock& lock, KLVMsgParcel::Owner parcel, KLVMsgPeer from);
+    static void FailQuestions(Peer& peer, KLVMsgOutcome::Status status, int error,
+                              std::string_view cause);
+    bool TakeAnswer(Peer& peer, KLVMsgParcel::Owner& parcel);
+
+    // Dispatching.
+    bool IsHandled(std::uint32_t type) const {
+        return type < m_handlers.size() && m_handlers[type] != nullptr;
+    }
+    std::list<Receiver*>& Receivers(std::uint32_t type);
+    KLVMsgOutcome TakeOne(std::uint32_t set, const Wanted& wanted, Taken& taken);
+    void TellObserver(Lock& lock);
+
     // KLVMsgLoop::Owner
     void OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrivals& arrivals,
                 KLVMsgParcel::Stock& stock) override;
@@ -216,10 +322,13 @@ private:
     void OnTook(KLVMsgLoop::Link& link) override;
     void OnStalls(KLVMsgLoop::Link& link) override;
     void OnOver(KLVMsgLoop::Link& link) override;
-    void OnAccepted(KLVMsgDescriptor socket, const std::string& address,
-                    const KLVMsgLoop::Listener& listener) override;
-    void OnGreeted(KLVMsgLoop::Link& link, const KLVMsgTransport::Greeting& greeting) override;
+    void OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDescriptor socket,
+                    const std::string& address) override;
+    void OnGreeted(Lock& lock, KLVMsgLoop::Link& link,
+                   const KLVMsgTransport::Greeting& greeting) override;
     void OnListenerFailed(const KLVMsgLoop::Listener& listener, int error) override;
+    void OnErrand(Lock& lock) override { TellObserver(lock); }
+    void OnReadable() override;
 
     const KLVMsgModuleUse m_module;
     const KLVMsgSessionOptions m_options;
@@ -236,23 +345,36 @@ private:
     KLVMsgInbox m_inbox;
     KLVMsgParcel::Stock m_spent;  // blocks of messages that were handed over
     KLVMsgEventQueue m_events;
+    Observer m_observer;           // does not change once the loop runs
+    KLVMsgEventQueue m_observed;   // what it has not seen yet
     std::size_t m_live = 0;        // connections that are not over
     std::size_t m_queuedCost = 0;  // of all outputs
     std::size_t m_paused = 0;      // peers that are not read
-    KLVMsgCounts m_past;           // of connections that are over
-    Time m_lastOwnWrite{};         // when a caller last wrote by himself
+    std::map<std::string, std::unique_ptr<KLVMsgKeep>> m_keeps;  // by label
+    std::unique_ptr<KLVMsgDialer> m_dialer;                      // null before there was one
+    std::minstd_rand m_chance;                                   // for their pauses
+    KLVMsgCounts m_past;                                         // of connections that are over
+    Time m_lastOwnWrite{};  // when a caller last wrote by himself
     std::vector<Hand> m_hands;
     bool m_isStarted = false;
+    bool m_isDraining = false;
     bool m_isEnding = false;
     bool m_isEnded = false;
     KLVMsgDescriptor m_readable;
     bool m_isReadable = false;
 
-    std::vector<std::list<Receiver*>> m_receivers;  // by type
+    std::atomic<std::uint64_t> m_lastQuestion{0};  // its number
+    KLVMsgQuestionCounts m_questions;              // but for those that wait
+
+    std::vector<Handler> m_handlers;  // by type, as far as there have been any
+
+    // Those of the two sets first, then by type.
+    std::vector<std::list<Receiver*>> m_receivers{kSets};
     std::list<KLVMsgDelivery*> m_roomless;
     std::list<GoneWaiter*> m_goneWaiters;
     std::list<KLVMsgWaiter*> m_eventWaiters;
     std::list<KLVMsgWaiter*> m_endWaiters;  // ConnectAgain's pauses, and End
+    std::list<KLVMsgWaiter*> m_drainWaiters;
 
     KLVMsgLoop m_loop;  // ends before what it tells
 };

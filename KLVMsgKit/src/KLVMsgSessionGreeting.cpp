@@ -64,9 +64,13 @@ KLVMsgOutcome KLVMsgSessionCore::Greet(std::unique_ptr<KLVMsgTransport>& transpo
 
 // Makes room by giving up the one that has greeted longest: who means it needs a moment only.
 KLVMsgOutcome KLVMsgSessionCore::Invite(std::unique_ptr<KLVMsgTransport> transport,
-                                        const std::string& address,
-                                        KLVMsgTransportFactory& transports) {
-    if (m_guests.size() >= transports.MostGreetings()) {
+                                        std::uint64_t listener, const std::string& address) {
+    if (m_live >= m_options.connectionLimit) {
+        EndOneHalf();
+        return {KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
+    }
+    const Transports transports = m_loop.FindListener(listener)->transports;
+    if (m_guests.size() >= transports->MostGreetings()) {
         const KLVMsgLoop::LinkPtr oldest = m_guests.begin()->second.link;
         oldest->connection.End(KLVMsgEvent::kShutDownHere,
                                "others came before the greeting was done");
@@ -74,11 +78,11 @@ KLVMsgOutcome KLVMsgSessionCore::Invite(std::unique_ptr<KLVMsgTransport> transpo
         m_loop.Touch(*oldest);
     }
     const std::uint64_t id = m_book.NextId();
-    const auto guest = m_guests.emplace(id, Guest{address, nullptr, false}).first;
+    const auto guest = m_guests.emplace(id, Guest{listener, address, nullptr, false}).first;
     KLVMsgOutcome outcome;
     try {
-        outcome = m_loop.AddGuest(transports.ToClient(std::move(transport)), id,
-                                  Clock::now() + transports.GreetingLimit(), guest->second.link);
+        outcome = m_loop.AddGuest(transports->ToClient(std::move(transport)), id,
+                                  Clock::now() + transports->GreetingLimit(), guest->second.link);
     } catch (...) {
         m_guests.erase(guest);
         throw;
@@ -89,7 +93,7 @@ KLVMsgOutcome KLVMsgSessionCore::Invite(std::unique_ptr<KLVMsgTransport> transpo
     return outcome;
 }
 
-void KLVMsgSessionCore::OnGreeted(KLVMsgLoop::Link& link,
+void KLVMsgSessionCore::OnGreeted(Lock& lock, KLVMsgLoop::Link& link,
                                   const KLVMsgTransport::Greeting& greeting) {
     const auto guest = m_guests.find(link.id);
     if (guest == m_guests.end()) {
@@ -104,29 +108,32 @@ void KLVMsgSessionCore::OnGreeted(KLVMsgLoop::Link& link,
     KLVMsgOutcome outcome{KLVMsgOutcome::kFailed, greeting.error, greeting.text};
     if (greeting.state == KLVMsgTransport::Greeting::kDone) {
         try {
-            outcome = AdoptGuest(link, guest->second.address);
+            outcome = AdoptGuest(lock, link, guest->second);
         } catch (const std::bad_alloc&) {
             outcome = {KLVMsgOutcome::kFailed, ENOMEM, ""};
         }
     }
+    guest->second.isTold = true;
     if (outcome) {
         m_guests.erase(guest);
-    } else {
-        guest->second.isTold = true;
+    } else if (outcome.error != ESHUTDOWN) {
         TellRefused(guest->second.address, outcome);
     }
 }
 
-KLVMsgOutcome KLVMsgSessionCore::AdoptGuest(KLVMsgLoop::Link& link, const std::string& address) {
-    if (m_isEnding) {
-        return Ended(KLVMsgOutcome::kFailed);
+// Requires: the loop's thread, on which alone guests come and go.
+KLVMsgOutcome KLVMsgSessionCore::AdoptGuest(Lock& lock, KLVMsgLoop::Link& link,
+                                            const Guest& guest) {
+    std::string served;
+    KLVMsgOutcome outcome =
+        Admit(lock, guest.listener, guest.address, link.transport->Names(), served);
+    if (!outcome || m_isEnding) {
+        return outcome ? Ended(KLVMsgOutcome::kFailed) : outcome;
     }
-    if (m_live >= m_options.connectionLimit) {
-        return {KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
-    }
-    Peer& peer = m_book.Add("", address);
+    Peer& peer = m_book.Add("", guest.address);
     peer.sent.owner = &peer;
-    peer.link = m_guests.at(link.id).link;
+    peer.served.swap(served);
+    peer.link = guest.link;
     link.client = &peer;
     ++m_live;
     TellCame(peer, *link.transport);

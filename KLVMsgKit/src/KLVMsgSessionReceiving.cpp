@@ -26,12 +26,15 @@ KLVMsgOutcome NotRegistered() {
     return {KLVMsgOutcome::kFailed, EINVAL, "no prototype of this class was registered"};
 }
 
-KLVMsgOutcome InboxIsFull() {
-    return {KLVMsgOutcome::kFull, ENOBUFS,
-            "what nobody asks for has filled the inbox before such a message came"};
+KLVMsgOutcome HasHandler() {
+    return {KLVMsgOutcome::kFailed, EINVAL, "the class has a handler: its messages are Dispatch's"};
 }
 
 }  // namespace
+
+KLVMsgOutcome KLVMsgSessionCore::InboxIsFull() {
+    return {KLVMsgOutcome::kFull, ENOBUFS, kInboxIsFull};
+}
 
 // The application's side --------------------------------------------------------------------------
 
@@ -43,7 +46,7 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& 
         outcome = NotRegistered();
         return received;
     }
-    char bytes[KLVMsgParcel::Stock::kRoom];
+    char bytes[KLVMsgParcel::kLongestOfRun];
     while (outcome && received.message == nullptr) {
         KLVMsgParcel::Owner parcel;
         std::string_view body;
@@ -53,24 +56,25 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveOne(const Wanted& 
             if (found == nullptr && !(outcome = AwaitParcel(lock, type, wanted, found))) {
                 break;
             }
-            parcel = TakeOut(found, received.peer, true);
-            body = parcel->Body();
-            if (parcel->room == KLVMsgParcel::Stock::kRoom && parcel->object == nullptr) {
-                // The block goes back at once, to be used again.
-                std::memcpy(bytes, body.data(), body.size());
-                body = {bytes, body.size()};
-                parcel = m_spent.Put(std::move(parcel));
-            }
+            parcel = TakeFirst(found, received.peer, bytes, body);
         }
-        received.message = parcel != nullptr && parcel->object != nullptr
-                               ? Message(std::exchange(parcel->object, nullptr))
-                               : Decode(type, body, received.peer);
-        if (parcel != nullptr && body.data() != bytes && KLVMsgParcel::Stock::May(*parcel)) {
-            const Lock lock(m_mutex);
-            parcel = m_spent.Put(std::move(parcel));
-        }
+        received.message = Unpack(std::move(parcel), type, body, received.peer);
     }
     return received;
+}
+
+// The message of a body, or the object in its parcel, if that was handed over; null when its class
+// refuses it, which ends the connection. The parcel's block is then used again.
+KLVMsgSessionCore::Message KLVMsgSessionCore::Unpack(KLVMsgParcel::Owner parcel, std::uint32_t type,
+                                                     std::string_view body, KLVMsgPeer from) {
+    Message message = parcel != nullptr && parcel->object != nullptr
+                          ? Message(std::exchange(parcel->object, nullptr))
+                          : Decode(type, body, from);
+    if (parcel != nullptr && KLVMsgParcel::Stock::May(*parcel)) {
+        const Lock lock(m_mutex);
+        parcel = m_spent.Put(std::move(parcel));
+    }
+    return message;
 }
 
 KLVMsgReceivedAll<KLVMsgSocketMessage> KLVMsgSessionCore::ReceiveMany(const Wanted& wanted) {
@@ -118,10 +122,15 @@ std::size_t KLVMsgSessionCore::TakePart(std::uint32_t type, const KLVMsgPeers* f
                                         std::size_t most, bool isFirst, Parcels& parcels) {
     const KLVMsgParcel* found = Find(type, from);
     try {
-        for (; found != nullptr && most != 0 && parcels.size() < kMostAtOnce; --most) {
-            KLVMsgPeer peer;
-            KLVMsgParcel::Owner parcel = TakeOut(found, peer, isFirst && parcels.empty());
-            parcels.emplace_back(std::move(parcel), peer);
+        for (std::size_t taken = 0;
+             found != nullptr && found->count <= most && taken < kMostAtOnce;) {
+            most -= found->count;
+            taken += found->count;
+            Peer& peer = PeerOf(*found);
+            TakeInHand(peer, isFirst && parcels.empty());
+            const KLVMsgPeer sender = peer.peer;
+            parcels.emplace_back(m_inbox.Take(found), sender);
+            TookOut(peer, parcels.back().first->Cost());
             found = Find(type, from);
         }
     } catch (const std::bad_alloc&) {
@@ -130,18 +139,19 @@ std::size_t KLVMsgSessionCore::TakePart(std::uint32_t type, const KLVMsgPeers* f
         }
         return 0;
     }
-    return found != nullptr ? most : 0;
+    return found != nullptr && found->count <= most ? most : 0;
 }
 
 // Makes messages of the parcels, whose blocks are then used again.
 void KLVMsgSessionCore::HandOver(std::uint32_t type, Parcels& parcels, Found& received) {
     for (auto& [parcel, peer] : parcels) {
-        Message message = parcel->object != nullptr
-                              ? Message(std::exchange(parcel->object, nullptr))
-                              : Decode(type, parcel->Body(), peer);
-        if (message != nullptr) {
-            received.messages.push_back({std::move(message), peer});
-        }
+        parcel->ForEach([&, &one = *parcel, from = peer] {
+            Message message = one.object != nullptr ? Message(std::exchange(one.object, nullptr))
+                                                    : Decode(type, one.Body(), from);
+            if (message != nullptr) {
+                received.messages.push_back({std::move(message), from});
+            }
+        });
     }
     {
         const Lock lock(m_mutex);
@@ -158,11 +168,13 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitParcel(Lock& lock, std::uint32_t type, con
     ReleaseHand();
     const Time deadline = wanted.limit.Deadline();
     Receiver receiver{{}, type, wanted.from};
-    const KLVMsgEntry<Receiver> entry(m_receivers[type], receiver);
+    const KLVMsgEntry<Receiver> entry(Receivers(type), receiver);
     KLVMsgOutcome outcome;
     for (bool inTime = true; outcome && found == nullptr;) {
-        if (m_isEnding) {
+        if (m_isEnding || m_isDraining) {
             outcome = Ended(KLVMsgOutcome::kPeerGone);
+        } else if (IsHandled(type)) {
+            outcome = HasHandler();
         } else if (!MayCome(wanted.from)) {
             outcome = Gone(wanted.from == nullptr ? KLVMsgPeers::All() : *wanted.from);
         } else if (!inTime) {
@@ -179,6 +191,19 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitParcel(Lock& lock, std::uint32_t type, con
 
 // The oldest that fits.
 const KLVMsgParcel* KLVMsgSessionCore::Find(std::uint32_t type, const KLVMsgPeers* from) {
+    if (type < m_types.Size()) {
+        return IsHandled(type) ? nullptr : FindOfClass(type, from);
+    }
+    const KLVMsgParcel* oldest = nullptr;
+    for (std::uint32_t each = 0; each < m_types.Size(); ++each) {
+        const KLVMsgParcel* const one =
+            IsHandled(each) == (type == kHandled) ? FindOfClass(each, from) : nullptr;
+        oldest = one != nullptr && (oldest == nullptr || one->order < oldest->order) ? one : oldest;
+    }
+    return oldest;
+}
+
+const KLVMsgParcel* KLVMsgSessionCore::FindOfClass(std::uint32_t type, const KLVMsgPeers* from) {
     if (m_inbox.Count(type) == 0) {
         return nullptr;
     }
@@ -197,13 +222,37 @@ const KLVMsgParcel* KLVMsgSessionCore::Find(std::uint32_t type, const KLVMsgPeer
     return oldest;
 }
 
-KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMsgPeer& from,
-                                               bool isNext) {
-    const std::size_t cost = parcel->Cost();
-    Peer& peer = *static_cast<Peer*>(static_cast<KLVMsgInbox::Sender*>(parcel->sender)->owner);
+// Takes out the first message. A short body is copied to `bytes`, so that its block is used again
+// at once, or stays for those that are still in it; otherwise the parcel is handed over.
+KLVMsgParcel::Owner KLVMsgSessionCore::TakeFirst(const KLVMsgParcel* found, KLVMsgPeer& from,
+                                                 char (&bytes)[KLVMsgParcel::kLongestOfRun],
+                                                 std::string_view& body) {
+    auto& parcel = *const_cast<KLVMsgParcel*>(found);  // the inbox's own
+    Peer& peer = PeerOf(parcel);
+    TakeInHand(peer, true);  // takes memory: without it the message stays
     from = peer.peer;
-    TakeInHand(peer, isNext);  // takes memory: without it the message stays
-    KLVMsgParcel::Owner taken = m_inbox.Take(parcel);
+    const std::size_t cost = parcel.FirstSize() + KLVMsgParcel::kPerMessage;
+    body = parcel.Body();
+    const bool isCopied =
+        parcel.count != 1 || (parcel.object == nullptr && body.size() <= KLVMsgParcel::kShort);
+    if (isCopied) {
+        std::memcpy(bytes, body.data(), body.size());
+        body = {bytes, body.size()};
+    }
+    KLVMsgParcel::Owner taken = m_inbox.TakeFirst(found);
+    if (isCopied && taken != nullptr) {
+        taken = m_spent.Put(std::move(taken));
+    }
+    TookOut(peer, cost);
+    return taken;
+}
+
+KLVMsgSessionPeer& KLVMsgSessionCore::PeerOf(const KLVMsgParcel& parcel) {
+    return *static_cast<Peer*>(static_cast<KLVMsgInbox::Sender*>(parcel.sender)->owner);
+}
+
+// There is room again; the peer may be forgotten now.
+void KLVMsgSessionCore::TookOut(Peer& peer, std::size_t cost) {
     if (peer.isReadingPaused) {
         LimitReading(peer);
     }
@@ -216,7 +265,6 @@ KLVMsgParcel::Owner KLVMsgSessionCore::TakeOut(const KLVMsgParcel* parcel, KLVMs
         Forget(peer);
     }
     UpdateReadable();
-    return taken;
 }
 
 // The message of a framed body; null when its class refuses it, which ends the connection.
@@ -265,18 +313,22 @@ void KLVMsgSessionCore::Refuse(KLVMsgPeer from, KLVMsgEvent::Cause cause,
 
 bool KLVMsgSessionCore::MayCome(const KLVMsgPeers* from) {
     if (from == nullptr || from->HowMeant() == KLVMsgPeers::kAll) {
-        return m_book.IsAnyThere(KLVMsgPeers::All()) || m_loop.HasListeners();
+        return m_book.IsAnyThere(KLVMsgPeers::All()) || m_loop.HasListeners() || !m_keeps.empty();
     }
-    return m_book.IsAnyThere(*from);
+    return m_book.IsAnyThere(*from) ||
+           (from->HowMeant() == KLVMsgPeers::kLabel && m_keeps.count(from->Label()) != 0);
 }
 
 // As many as there are messages for.
 void KLVMsgSessionCore::WakeReceivers(std::uint32_t type) {
     std::size_t left = m_inbox.Count(type);
-    for (auto one = m_receivers[type].begin(); one != m_receivers[type].end() && left != 0; ++one) {
-        if (Find(type, (*one)->from) != nullptr) {
-            (*one)->waiter.Wake();
-            --left;
+    for (const std::uint32_t set : {type, IsHandled(type) ? kHandled : kUnhandled}) {
+        const std::list<Receiver*>& receivers = Receivers(set);
+        for (auto one = receivers.begin(); one != receivers.end() && left != 0; ++one) {
+            if (Find(set, (*one)->from) != nullptr) {
+                (*one)->waiter.Wake();
+                --left;
+            }
         }
     }
 }
@@ -307,6 +359,9 @@ void KLVMsgSessionCore::WakeThoseWhoseInboxIsFull() {
 
 // Whether somebody waits for what this peer may still send.
 bool KLVMsgSessionCore::IsAwaited(const Peer& peer) const {
+    if (!peer.questions.empty()) {
+        return true;
+    }
     for (const auto& receivers : m_receivers) {
         for (const Receiver* const one : receivers) {
             if (one->from == nullptr || one->from->Include(peer.peer, peer.label)) {
@@ -332,9 +387,13 @@ void KLVMsgSessionCore::LimitReading(Peer& peer) {
         all / kStretch < m_options.inboxLimitOfAll && IsAwaited(peer)) {
         pauses = false;
     }
+    pauses = pauses || m_isDraining;
     if (pauses != peer.isReadingPaused) {
         peer.isReadingPaused = pauses;
         pauses ? ++m_paused : --m_paused;
+        if (pauses && !m_isDraining) {  // otherwise they are told that the session ends
+            FailQuestions(peer, KLVMsgOutcome::kFull, ENOBUFS, kInboxIsFull);
+        }
         peer.link->connection.AllowReading(Clock::now(), !pauses);
         m_loop.Touch(*peer.link);
     }
@@ -376,6 +435,7 @@ void KLVMsgSessionCore::Release(Hand& hand, std::size_t kept) {
             EndAnswerless(*peer);
         }
     }
+    WakeIfDrained();
 }
 
 // The thread has a message of this peer now: with `isNext` instead of what it had.
@@ -450,9 +510,12 @@ void KLVMsgSessionCore::OnCame(KLVMsgLoop::Link& link, KLVMsgWireReader::Arrival
             if (type != KLVMsgMessageTypes::kNone && type != parcel->type) {
                 WakeReceivers(type);
             }
+            peer.messagesReceived += parcel->count;
+            if (m_types[parcel->type].isCall && TakeAnswer(peer, parcel)) {
+                continue;
+            }
             type = parcel->type;
             m_inbox.Push(peer.sent, std::move(parcel));
-            ++peer.messagesReceived;
         }
         for (const std::string& name : arrivals.unknown) {
             Tell([&] {
@@ -480,7 +543,13 @@ void KLVMsgSessionCore::OnInputEnded(KLVMsgLoop::Link& link) {
         return;
     }
     Peer& peer = *static_cast<Peer*>(link.client);
+    if (peer.keep != nullptr) {
+        link.connection.End(link.connection.WhyOver(), "");  // it comes back: nothing is to follow
+    }
     TellGone(peer, link.connection.WhyOver(), link.connection.Text(), link.connection.Error());
+    if (link.connection.IsOver()) {
+        return;
+    }
     if (peer.sent.count == 0 && peer.inHand == 0) {
         link.connection.EndOutput(false);
         return;

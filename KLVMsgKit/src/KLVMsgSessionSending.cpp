@@ -30,39 +30,44 @@ KLVMsgOutcome KLVMsgSessionCore::Post(const KLVMsgPeers& to, KLVMsgSocketMessage
                                       const KLVMsgFramedMessage* framed) {
     KLVMsgWireWriter bytes(*m_spentBodies);
     KLVMsgOutcome outcome = bytes.Write(message, framed, m_options.largestBody);
-    if (!outcome) {
-        return outcome;
-    }
-    Lock lock(m_mutex);
-    if (m_isEnding) {
-        return Ended(KLVMsgOutcome::kPeerGone);
-    }
-    try {
-        if (to.HowMeant() != KLVMsgPeers::kOne) {
-            return PostToMany(lock, to, bytes);
+    if (outcome) {
+        Lock lock(m_mutex);
+        try {
+            PostBytes(lock, to, bytes, outcome);
+        } catch (const std::bad_alloc&) {
+            outcome = NoMemory();
         }
-        Peer* const peer = m_book.Find(to.One());
-        if (peer == nullptr || !peer->Takes()) {
-            return Gone(to);
-        }
-        if (Fits(*peer, bytes, outcome)) {
-            if (HasRoom(*peer, bytes.Size())) {
-                Deliver(lock, *peer, bytes, nullptr, true);
-            } else {
-                outcome = NoRoom();
-            }
-        }
-    } catch (const std::bad_alloc&) {
-        outcome = NoMemory();
     }
     return outcome;
+}
+
+void KLVMsgSessionCore::PostBytes(Lock& lock, const KLVMsgPeers& to, const KLVMsgWireWriter& bytes,
+                                  KLVMsgOutcome& outcome) {
+    if (m_isEnding) {
+        outcome = Ended(KLVMsgOutcome::kPeerGone);
+        return;
+    }
+    if (to.HowMeant() != KLVMsgPeers::kOne) {
+        outcome = PostToMany(lock, to, bytes);
+        return;
+    }
+    Peer* const peer = m_book.Find(to.One());
+    if (peer == nullptr || !peer->Takes()) {
+        outcome = Gone(to);
+    } else if (Fits(*peer, bytes, outcome)) {
+        if (HasRoom(*peer, bytes.Size())) {
+            Deliver(lock, *peer, bytes, nullptr, true);
+        } else {
+            outcome = NoRoom();
+        }
+    }
 }
 
 KLVMsgOutcome KLVMsgSessionCore::PostToMany(Lock& lock, const KLVMsgPeers& to,
                                             const KLVMsgWireWriter& bytes) {
     std::vector<Peer*> meant;
     m_book.Find(to, meant);
-    const auto takes = [](const Peer* peer) { return peer->IsThere() && peer->Takes(); };
+    const auto takes = [](const Peer* peer) { return peer->TakesByLabel(); };
     meant.erase(
         std::remove_if(meant.begin(), meant.end(), [&](Peer* peer) { return !takes(peer); }),
         meant.end());
@@ -117,7 +122,10 @@ KLVMsgOutcome KLVMsgSessionCore::Send(const KLVMsgPeers& to, KLVMsgSocketMessage
         outcome = Late();
     }
     if (!delivery.roomless.empty()) {
-        return LeaveOut(delivery, to.HowMeant() != KLVMsgPeers::kOne);
+        outcome = LeaveOut(delivery, to.HowMeant() != KLVMsgPeers::kOne);
+        delivery.roomless.clear();
+        WakeIfDrained();
+        return outcome;
     }
     if (delivery.failed) {
         return {KLVMsgOutcome::kPeerGone, m_isEnding ? ESHUTDOWN : ENOTCONN, delivery.cause};
@@ -133,7 +141,7 @@ KLVMsgOutcome KLVMsgSessionCore::FindReceivers(const KLVMsgPeers& to, const KLVM
     const bool isOne = to.HowMeant() == KLVMsgPeers::kOne;
     KLVMsgOutcome outcome;
     for (const Peer* const peer : meant) {
-        if (peer->Takes() && (isOne || peer->IsThere())) {
+        if (isOne ? peer->Takes() : peer->TakesByLabel()) {
             if (!Fits(*peer, bytes, outcome)) {
                 return outcome;
             }
@@ -183,24 +191,36 @@ void KLVMsgSessionCore::RetryRoomless(Lock& lock, KLVMsgDelivery& delivery,
 // Takes back what was not begun; what was may still arrive.
 void KLVMsgSessionCore::Withdraw(KLVMsgDelivery& delivery) {
     m_book.ForEach([&](Peer& peer) {
-        const auto is = [&](const Peer::Awaited& one) { return one.delivery == &delivery; };
-        const auto found = std::find_if(peer.awaited.begin(), peer.awaited.end(), is);
-        if (found == peer.awaited.end()) {
-            return;
-        }
-        const Peer::Awaited one = *found;
-        auto later = peer.awaited.erase(found);
-        if (peer.link != nullptr && peer.link->connection.CutOut(one.begin, one.end)) {
-            for (; later != peer.awaited.end(); ++later) {
-                later->begin -= one.end - one.begin;
-                later->end -= one.end - one.begin;
-            }
+        if (WithdrawFrom(peer.awaited, peer.link.get(), delivery)) {
             UpdateCost(peer);
             m_loop.Touch(*peer.link);
         }
     });
+    for (const auto& [label, keep] : m_keeps) {
+        WithdrawFrom(keep->leavingAwaited, keep->leaving.get(), delivery);
+    }
     delivery.left = 0;
     WakeRoomless();
+}
+
+// True when its bytes were cut out.
+bool KLVMsgSessionCore::WithdrawFrom(Queue& awaited, KLVMsgLoop::Link* link,
+                                     const KLVMsgDelivery& delivery) {
+    const auto is = [&](const Peer::Awaited& one) { return one.delivery == &delivery; };
+    const auto found = std::find_if(awaited.begin(), awaited.end(), is);
+    if (found == awaited.end()) {
+        return false;
+    }
+    const Peer::Awaited one = *found;
+    auto later = awaited.erase(found);
+    if (link == nullptr || !link->connection.CutOut(one.begin, one.end)) {
+        return false;
+    }
+    for (; later != awaited.end(); ++later) {
+        later->begin -= one.end - one.begin;
+        later->end -= one.end - one.begin;
+    }
+    return true;
 }
 
 void KLVMsgSessionCore::TellLeftOut(const Peer& peer) {
@@ -227,7 +247,7 @@ bool KLVMsgSessionCore::Fits(const Peer& peer, const KLVMsgWireWriter& bytes,
     if (!m_options.wholeHeaders || bytes.NameSize() <= kSmallName) {
         return true;
     }
-    const std::size_t segment = peer.link->transport->Segment();
+    const std::size_t segment = peer.isPlace ? 0 : peer.link->transport->Segment();
     const bool fits = segment == 0 || bytes.NameSize() + 4 <= segment;
     if (!fits) {
         outcome = {KLVMsgOutcome::kFailed, EMSGSIZE,
@@ -285,37 +305,46 @@ void KLVMsgSessionCore::UpdateCost(Peer& peer) {
     const std::size_t cost = peer.link == nullptr ? 0 : peer.link->connection.output.Cost();
     m_queuedCost = m_queuedCost - peer.cost + cost;
     peer.cost = cost;
+    WakeIfDrained();
 }
 
 void KLVMsgSessionCore::OnTook(KLVMsgLoop::Link& link) {
     if (link.client == nullptr) {
+        TakeBackLate(link);
         return;
     }
     Peer& peer = *static_cast<Peer*>(link.client);
-    const KLVMsgOutput& output = link.connection.output;
-    while (!peer.awaited.empty() && peer.awaited.front().end <= output.Taken()) {
-        KLVMsgDelivery& delivery = *peer.awaited.front().delivery;
-        peer.awaited.pop_front();
-        if (--delivery.left == 0) {
-            delivery.waiter.Wake();
-        }
+    if (peer.keep != nullptr && !link.connection.Takes()) {
+        OpenPlace(*peer.keep);
     }
+    const KLVMsgOutput& output = link.connection.output;
+    TellTaken(peer.awaited, output.Taken());
     if (!link.connection.Takes() && output.IsEmpty() && !peer.awaited.empty()) {
-        FailAwaited(peer, link.connection.Text());
+        FailAwaited(peer.awaited, link.connection.Text());
     }
     UpdateCost(peer);
     WakeRoomless();
 }
 
+void KLVMsgSessionCore::TellTaken(Queue& awaited, KLVMsgOutput::Position taken) {
+    while (!awaited.empty() && awaited.front().end <= taken) {
+        KLVMsgDelivery& delivery = *awaited.front().delivery;
+        awaited.pop_front();
+        if (--delivery.left == 0) {
+            delivery.waiter.Wake();
+        }
+    }
+}
+
 // They will not be taken any more.
-void KLVMsgSessionCore::FailAwaited(Peer& peer, const std::string& cause) {
-    for (const Peer::Awaited& one : peer.awaited) {
+void KLVMsgSessionCore::FailAwaited(Queue& awaited, const std::string& cause) {
+    for (const Peer::Awaited& one : awaited) {
         one.delivery->Fail(cause);
         if (--one.delivery->left == 0) {
             one.delivery->waiter.Wake();
         }
     }
-    peer.awaited.clear();
+    awaited.clear();
 }
 
 // Wakes those whose messages have room by now, or never will.

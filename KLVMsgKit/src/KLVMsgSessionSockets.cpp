@@ -16,6 +16,8 @@
 
 namespace {
 
+const char* const kPort = ", port ";
+
 using Clock = KLVMsgTimeLimit::Clock;
 using Time = KLVMsgSessionSockets::Time;
 
@@ -56,6 +58,23 @@ int Left(Time limit) {
     return static_cast<int>(std::clamp<long long>(left.count(), 0, 1000000000));
 }
 
+int ErrorOf(int descriptor) {
+    int error = 0;
+    socklen_t length = sizeof error;
+    getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length);
+    return error;
+}
+
+// Where nobody listens at a port from which the system also connects, a socket may by chance meet
+// itself there.
+bool HasMetItself(int descriptor) {
+    sockaddr_storage ends[2] = {};
+    socklen_t lengths[] = {sizeof ends[0], sizeof ends[1]};
+    return getsockname(descriptor, reinterpret_cast<sockaddr*>(&ends[0]), &lengths[0]) == 0 &&
+           getpeername(descriptor, reinterpret_cast<sockaddr*>(&ends[1]), &lengths[1]) == 0 &&
+           lengths[0] == lengths[1] && std::memcmp(&ends[0], &ends[1], lengths[0]) == 0;
+}
+
 // Waits until a connection is made, or was refused, or `cancel` is readable, or the time is over;
 // the errno then.
 int AwaitConnection(int descriptor, Time limit, int cancel) {
@@ -70,10 +89,7 @@ int AwaitConnection(int descriptor, Time limit, int cancel) {
     if (asked[1].revents != 0) {
         return ECANCELED;
     }
-    int error = 0;
-    socklen_t length = sizeof error;
-    getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length);
-    return error;
+    return ErrorOf(descriptor);
 }
 
 KLVMsgOutcome ConnectTo(const addrinfo& address, const std::string& what, Time limit, int cancel,
@@ -156,7 +172,7 @@ std::string TextOf(const sockaddr_storage& address, socklen_t length) {
                     sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
         return "";
     }
-    return std::string(host) + ", port " + port;
+    return std::string(host) + kPort + port;
 }
 
 }  // namespace
@@ -175,7 +191,7 @@ KLVMsgDescriptor& KLVMsgDescriptor::operator=(KLVMsgDescriptor&& other) noexcept
 int KLVMsgDescriptor::Release() { return std::exchange(m_number, -1); }
 
 std::string KLVMsgSessionSockets::Text(const KLVMsgSocketAddress& address) {
-    return std::string(Host(address)) + ", port " + std::to_string(address.port);
+    return std::string(Host(address)) + kPort + std::to_string(address.port);
 }
 
 KLVMsgOutcome KLVMsgSessionSockets::Failure(const std::string& what, int error) {
@@ -202,6 +218,43 @@ KLVMsgOutcome KLVMsgSessionSockets::Connect(const KLVMsgSocketAddress& address, 
         }
     }
     return outcome;
+}
+
+KLVMsgOutcome KLVMsgSessionSockets::Find(const KLVMsgSocketAddress& address, bool isNumeric,
+                                         std::vector<Address>& found) {
+    const std::string what = "cannot connect to " + Text(address);
+    if (address.port < 1 || address.port > 65535) {
+        return Failure(what, EINVAL);
+    }
+    Addresses addresses;
+    KLVMsgOutcome outcome = Resolve(address, what, isNumeric ? AI_NUMERICHOST : 0, addresses);
+    for (const addrinfo* one = addresses.get(); one != nullptr; one = one->ai_next) {
+        Address& made = found.emplace_back();
+        std::memcpy(&made.bytes, one->ai_addr, one->ai_addrlen);
+        made.length = one->ai_addrlen;
+    }
+    if (!outcome && isNumeric) {
+        outcome.error = ENOENT;
+    }
+    return outcome;
+}
+
+int KLVMsgSessionSockets::BeginConnect(const Address& address, KLVMsgDescriptor& made) {
+    const int family = address.bytes.ss_family;
+    made = KLVMsgDescriptor(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (made.Number() == -1) {
+        return errno;
+    }
+    if (connect(made.Number(), reinterpret_cast<const sockaddr*>(&address.bytes), address.length) ==
+        -1) {
+        return errno == EINTR ? EINPROGRESS : errno;
+    }
+    return EndConnect(made);
+}
+
+int KLVMsgSessionSockets::EndConnect(const KLVMsgDescriptor& made) {
+    const int error = ErrorOf(made.Number());
+    return error == 0 && HasMetItself(made.Number()) ? ECONNREFUSED : error;
 }
 
 KLVMsgOutcome KLVMsgSessionSockets::Listen(const KLVMsgSocketAddress& address,
@@ -238,6 +291,13 @@ KLVMsgDescriptor KLVMsgSessionSockets::Accept(int listener, std::string& address
         address = TextOf(peer, length);
     }
     return made;
+}
+
+std::pair<std::string, int> KLVMsgSessionSockets::Parts(const std::string& text) {
+    const std::size_t end = text.rfind(kPort);
+    return end == std::string::npos
+               ? std::pair<std::string, int>()
+               : std::pair(text.substr(0, end), std::stoi(text.substr(end + std::strlen(kPort))));
 }
 
 std::string KLVMsgSessionSockets::PeerText(int descriptor) {

@@ -2,8 +2,11 @@
 // are closed on exec and never wait by themselves. Nothing here throws but std::bad_alloc.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "KLVMsgOutcome.h"
@@ -28,6 +31,12 @@ private:
 struct KLVMsgSessionSockets {
     using Time = KLVMsgTimeLimit::Clock::time_point;
 
+    // What a host and a port stand for.
+    struct Address {
+        sockaddr_storage bytes = {};
+        socklen_t length = 0;
+    };
+
     // "127.0.0.1, port 4711"
     static std::string Text(const KLVMsgSocketAddress& address);
 
@@ -40,6 +49,16 @@ struct KLVMsgSessionSockets {
     static KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, Time limit, int cancel,
                                  KLVMsgDescriptor& made);
 
+    // What Connect does, in steps that do not wait. What an address stands for: as long as the
+    // resolver takes, or at once where it `isNumeric`, and ENOENT then for a name.
+    static KLVMsgOutcome Find(const KLVMsgSocketAddress& address, bool isNumeric,
+                              std::vector<Address>& found);
+
+    // Begins to connect, and tells what came of it: errno, EINPROGRESS where that takes time, 0
+    // where it is done. The socket can be written to when there is more to tell.
+    static int BeginConnect(const Address& address, KLVMsgDescriptor& made);
+    static int EndConnect(const KLVMsgDescriptor& made);
+
     // Listens on every address of the host that this machine has, all on one port, and sets it. A
     // port whose last connections have only just gone can be had.
     static KLVMsgOutcome Listen(const KLVMsgSocketAddress& address,
@@ -47,6 +66,9 @@ struct KLVMsgSessionSockets {
 
     // The next connection that waits, and the peer's address in words; none with errno set.
     static KLVMsgDescriptor Accept(int listener, std::string& address);
+
+    // The parts of an address in words; "" and 0 of what is none.
+    static std::pair<std::string, int> Parts(const std::string& text);
 
     // The peer's address in words; empty where the system does not tell.
     static std::string PeerText(int descriptor);

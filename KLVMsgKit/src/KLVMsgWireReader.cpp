@@ -64,7 +64,7 @@ void KLVMsgWireReader::Came(Buffer& buffer, std::size_t count, Arrivals& arrival
         } else {
             bytes = {buffer.Data(), m_kept.size() + count};
         }
-        while (ReadWhole(bytes, buffer, arrivals) || Next(bytes, buffer, arrivals)) {
+        while (ReadRun(bytes, buffer, arrivals) || Next(bytes, buffer, arrivals)) {
         }
         Keep(bytes, isLong);
     } catch (const std::bad_alloc&) {
@@ -89,30 +89,41 @@ bool KLVMsgWireReader::Next(std::string_view& bytes, Buffer& buffer, Arrivals& a
     return false;
 }
 
-// One short message that has come whole, of the type that came before it, as most are: the same as
-// the steps below, in one. False, and nothing is read, when it is none.
-bool KLVMsgWireReader::ReadWhole(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals) {
+// Short messages that have come whole, of the type that came before them, as most are: the same as
+// the steps below, in one. False, and nothing is read, when there is none.
+bool KLVMsgWireReader::ReadRun(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals) {
     if (m_step != kName || m_type >= m_types.Size() || !m_types[m_type].framed) {
         return false;
     }
     const KLVMsgMessageTypes::Type& type = m_types[m_type];
-    const std::size_t start = type.header.size() + kLength;
-    if (bytes.size() < start ||
-        std::memcmp(bytes.data(), type.header.data(), type.header.size()) != 0) {
+    const std::string_view header = type.header;
+    const std::size_t lead = header.size() + kLength;
+    const std::size_t longest =
+        std::min({KLVMsgParcel::kLongestOfRun, type.largestBody, m_largestBody});
+    const std::size_t most = std::min(bytes.size(), KLVMsgParcel::kRun);
+    std::size_t size = 0;
+    std::uint32_t count = 0;
+    // Questions and answers go different ways, one by one.
+    while (size + lead <= most && (count == 0 || !type.isCall) &&
+           std::memcmp(bytes.data() + size, header.data(), header.size()) == 0) {
+        const std::size_t length = LengthAt(bytes.substr(size + header.size()));
+        if (length > longest || length > most - size - lead) {
+            break;
+        }
+        size += lead + length;
+        ++count;
+    }
+    if (count == 0) {
         return false;
     }
-    const std::size_t length = LengthAt(bytes.substr(type.header.size()));
-    const std::size_t most = std::min(KLVMsgParcel::Stock::kRoom, bytes.size() - start);
-    if (length > std::min({most, type.largestBody, m_largestBody})) {
-        return false;
-    }
-    KLVMsgParcel::Owner parcel = buffer.stock.Take(length, length);
-    std::memcpy(parcel->Bytes(), bytes.data() + start, length);
-    parcel->size = length;
+    KLVMsgParcel::Owner parcel = buffer.stock.Take(size, size);
+    std::memcpy(parcel->Bytes(), bytes.data(), size);
     parcel->type = m_type;
-    parcel->wireSize = static_cast<std::uint32_t>(start + length);
+    parcel->count = count;
+    parcel->lead = static_cast<std::uint32_t>(lead);
+    parcel->wireSize = static_cast<std::uint32_t>(size);
     arrivals.messages.push_back(std::move(parcel));
-    bytes.remove_prefix(start + length);
+    bytes.remove_prefix(size);
     return true;
 }
 

@@ -34,7 +34,7 @@ public:
     };
 
     // What all connections of a thread share: room, which each uses only between MakeRoom and Came,
-    // and blocks for short bodies.
+    // and blocks for what has come.
     class Buffer {
     public:
         static constexpr std::size_t kSize = std::size_t{64} << 10;
@@ -84,7 +84,7 @@ private:
 
     // Reads one step from the front; false when it needs more bytes, or a fault was found.
     bool Next(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals);
-    bool ReadWhole(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals);
+    bool ReadRun(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals);
     bool ReadName(std::string_view& bytes, Arrivals& arrivals);
     bool ReadFrameLength(std::string_view& bytes, Buffer& buffer);
     bool ReadFrame(std::string_view& bytes, Arrivals& arrivals);

@@ -103,16 +103,25 @@ KLVMsgOutcome KLVMsgWireWriter::Write(KLVMsgSocketMessage& message,
 bool KLVMsgWireWriter::PutHead(const KLVString& name, bool hasLength, KLVMsgOutcome& outcome) {
     m_nameSize = static_cast<std::size_t>(name.Length());
     const std::string_view text(name.Text(), m_nameSize);
+    Scratch& scratch = *m_scratch;
+    std::string& head = scratch.head;
+    // A thread mostly sends one type again and again.
+    if (!text.empty() && m_nameSize == scratch.nameSize && hasLength == scratch.hasLength &&
+        std::memcmp(head.data() + kLength, text.data(), m_nameSize) == 0) {
+        return true;
+    }
     if (text.empty() || text.find('\0') != std::string_view::npos) {
         outcome = Unfit("a type name is neither empty nor has zero bytes");
     } else if (m_nameSize > KLVMsgWireReader::kLongestName) {
         outcome =
             Unfit("no receiver takes a type name of " + std::to_string(m_nameSize) + " bytes");
     } else {
-        std::string& head = m_scratch->head;
+        scratch.nameSize = 0;
         head.resize(kLength + m_nameSize + (hasLength ? kLength : 0));
         PutLength(head, 0, m_nameSize);
         text.copy(&head[kLength], m_nameSize);
+        scratch.nameSize = m_nameSize;
+        scratch.hasLength = hasLength;
     }
     return outcome.status == KLVMsgOutcome::kDone;
 }

@@ -51,6 +51,8 @@ private:
     struct Scratch {
         std::string head;
         std::string body;
+        std::size_t nameSize = 0;  // of the header that is still there; 0: none is
+        bool hasLength = false;    // it has room for the length of a framed body
         bool isUsed = false;
         bool wasLong = false;  // the last body, so that the next one may be
     };

@@ -58,7 +58,10 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Greet() {
         m_carrier.BeginReading();
         KLVMsgTlsWords::Forget();
         const int result = m_isShaken ? 1 : SSL_do_handshake(m_connection.get());
-        m_isShaken = result == 1;
+        if (result == 1 && !m_isShaken) {
+            m_isShaken = true;
+            m_names = KLVMsgTlsWords::Names(m_connection.get());
+        }
         greeting = !m_isShaken ? Answer(result) : IsServer() ? Greeting() : AwaitAdmission();
         greeting.waitsForRoom = Flush().error == EAGAIN;
         greeting.warning = std::move(warning);
@@ -144,10 +147,6 @@ void KLVMsgTlsTransport::Admit() {
     if (IsServer() && WriteRecord(&kAdmitted, 1)) {
         m_pending = 0;  // it is none of the messages' bytes
     }
-}
-
-std::vector<std::string> KLVMsgTlsTransport::Names() const {
-    return m_isShaken ? KLVMsgTlsWords::Names(m_connection.get()) : std::vector<std::string>();
 }
 
 // Reading ----------------------------------------------------------------------------------------

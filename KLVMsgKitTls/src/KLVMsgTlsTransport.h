@@ -39,7 +39,7 @@ public:
 
     Greeting Greet() override;
     void Admit() override;
-    std::vector<std::string> Names() const override;
+    std::vector<std::string> Names() const override { return m_names; }
     bool HoldsInput() const override { return m_holdsInput; }
     bool HoldsOutput() const override {
         return (m_carrier.HoldsOutput() && !m_outputFailed) || (m_ends && !m_hasEnded);
@@ -72,6 +72,7 @@ private:
     bool m_wasCut = false;
     int m_error = 0;
     std::string m_why;
+    std::vector<std::string> m_names;  // do not change once it has greeted: others may ask
 
     bool m_holdsInput = true;
     bool m_inputEnded = false;

@@ -30,9 +30,9 @@ struct Talk : KLVMsgSession {
         return options;
     }
 
-    // Serves on 127.0.0.1 and says so: "WHAT 127.0.0.1, port PORT". Tells the port to the reader of
-    // the pipe as well, if there is one (-1: none).
-    void ServeAndTell(const char* what, int portPipe, int port = 0) {
+    // Serves on 127.0.0.1 and says so: "WHAT 127.0.0.1, port PORT". Tells the port, which it
+    // returns, to the reader of the pipe as well, if there is one (-1: none).
+    int ServeAndTell(const char* what, int portPipe, int port = 0) {
         Check(Serve({"127.0.0.1", port}, &port));
         Check(Start());
         std::printf("%s 127.0.0.1, port %d\n", what, port);
@@ -40,6 +40,7 @@ struct Talk : KLVMsgSession {
         if (portPipe != -1 && write(portPipe, &port, sizeof port) != sizeof port) {
             throw std::runtime_error("nobody asks for the port");
         }
+        return port;
     }
 
     void ConnectAndStart(int port, const std::string& name) {
@@ -59,6 +60,23 @@ public:
         return true;
     }
     bool Decode(std::string_view bytes) override {
+        text = bytes;
+        return true;
+    }
+
+    std::string text;
+};
+
+// A question, or an answer, whose fields are a text.
+class CallText : public KLVMsgCallMessage {
+public:
+    explicit CallText(const std::string& value) : text(value) {}
+
+    bool EncodeFields(std::string& bytes) const override {
+        bytes = text;
+        return true;
+    }
+    bool DecodeFields(std::string_view bytes) override {
         text = bytes;
         return true;
     }

@@ -1,6 +1,6 @@
-// A gateway and those who talk to it, protected by TLS: each has a certificate of one authority. The
-// gateway logs who comes, goes or is turned away, and answers what it is asked. Certificates for a
-// try are made by certificates.sh.
+// A gateway and those who talk to it, protected by TLS: each has a certificate of one authority.
+// The gateway logs who comes, goes or is turned away, and answers what it is asked. Certificates
+// for a try are made by certificates.sh.
 #include <KLVMsgTls.h>
 
 #include <cerrno>

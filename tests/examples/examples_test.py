@@ -14,6 +14,7 @@ import sys
 import tempfile
 import time
 import unittest
+import urllib.request
 
 PROGRAMS = pathlib.Path(sys.argv.pop(1)).resolve()
 SANITIZED = re.search(rb"__[at]san_init", (PROGRAMS / "pubsub/pubsub").read_bytes())
@@ -325,7 +326,7 @@ class Klvmsgcat(ProgramTest):
 
 class Others(ProgramTest):
     def test_each_tells_its_help_and_version(self):
-        for name in ("exchange", "klvmsgcat", "ownloop", "pubsub", "slow", "workers"):
+        for name in ("exchange", "klvmsgcat", "ownloop", "pubsub", "service", "slow", "workers"):
             usage = self.ends(0, name, "--help").output()
             self.assertTrue(usage.startswith(b"usage: %b " % name.encode()), usage)
             version = self.ends(0, name, "--version").output()
@@ -433,14 +434,59 @@ class Others(ProgramTest):
         watched = self.ends(0, "reconnect")
         watched.says(rb"reading 3: 20.3 degrees\nwaiting for a thermometer\nreading 4: 20.4 degrees")
 
+    def built(self, name):
+        if not (PROGRAMS / name / name).exists():
+            self.skipTest(f"{name} is not built: its library is not installed")
+        return name
+
     def test_a_loop_of_ones_own_answers_while_its_timer_runs(self):
-        counted = self.ends(0, "ownloop")
-        counted.says(rb": a connection\n(?s:.)*: the peer has closed\n")
-        self.assertEqual(6, len(re.findall(rb"it has come to \d+\n", counted.output())))
+        for name in ("ownloop", "gloop"):
+            with self.subTest(name):
+                counted = self.ends(0, self.built(name))
+                counted.says(rb": a connection\n(?s:.)*: the peer has closed\n")
+                counts = re.findall(rb"(one|two): it has come to (\d+)\n", counted.output())
+                self.assertEqual(6, len(counts))
+                last = Program(name, "--timeout", 1, "count")
+                self.ended(1, last).says(b"gave up: not all have come and gone")
+
+    def test_a_service_is_asked_again_when_no_answer_comes_in_time(self):
+        asked = self.ends(0, "service")
+        self.assertEqual(1, asked.output().count(b"no answer in time\n"))
+        asked.says(rb"bolt: 4 cents\n")
+        with socket.create_server(("127.0.0.1", 0)) as silent:
+            client = Program("service", "ask", silent.getsockname()[1], "bolt")
+            with silent.accept()[0] as peer:
+                self.ended(1, client).says(rb"service: gave up: no answer(?s:.)*(no answer in time\n){3}")
+                asked = [field(b"Price") + field(number(n) + b"bolt") for n in (1, 2, 3)]
+                self.assertEqual(b"".join(asked), peer.recv(1000))
+
+    def test_counts_are_served_to_those_who_scrape(self):
+        service = Program(self.built("scrape"), "serve")
+        port = service.port()
+        web = int(service.says(rb"metrics on 127.0.0.1, port (\d+)\n")[1])
+        asker = Peer(port)
+        question = number(1) + b"hello"
+        asker.says(field(b"Echo") + field(question))
+        asker.hears(field(b"Echo") + field(number(1 + (1 << 63)) + b"hello"))
+        with urllib.request.urlopen(f"http://127.0.0.1:{web}/metrics", timeout=30) as page:
+            self.assertEqual("text/plain; version=0.0.4", page.headers["Content-Type"])
+            lines = page.read().decode().splitlines()
+        kinds = {line.split()[2]: line.split()[3] for line in lines if line.startswith("# TYPE")}
+        helped = [line.split()[2] for line in lines if line.startswith("# HELP")]
+        values = dict(re.fullmatch(r'(\w+)\{session="the \\"echo\\""\} (\d+)', line).groups()
+                      for line in lines if not line.startswith("#"))
+        self.assertEqual(list(kinds), helped)
+        self.assertEqual(list(kinds), list(values))
+        for name, kind in kinds.items():
+            self.assertEqual("counter" if name.endswith("_total") else "gauge", kind, name)
+        for name, value in (("connections", 1), ("messages_received_total", 1), ("bytes_sent_total", 25),
+                            ("messages_in_inbox", 0), ("questions_total", 0)):
+            self.assertEqual(str(value), values["klvmsg_" + name], name)
+        asker.goes()
+        self.ended(0, service).says(rb"scrape: .*: a connection\n(?s:.)*: the peer has closed\n")
 
     def test_a_slow_subscriber_is_dropped_and_the_brisk_one_misses_nothing(self):
         slow = self.ends(0, "slow")
-        slow.says(rb"the slow subscriber stalls\n")
         behind = int(slow.says(rb"the slow subscriber is dropped, (\d+) messages behind\n")[1])
         self.assertIn(behind, range(1, 17))  # as far as its queue goes
         had = int(slow.says(rb"the brisk subscriber has had (\d+) items\n")[1])
@@ -451,9 +497,7 @@ class Others(ProgramTest):
         for name, says in (("protobuf", rb"100 x bolt: 2000 cents\n(?s:.)*to pay: 8000 cents"),
                            ("cereal", rb"humidity: 0.375\ntemperature: 20.5\n")):
             with self.subTest(name):
-                if not (PROGRAMS / name / name).exists():
-                    self.skipTest(f"{name} is not built: its library is not installed")
-                self.ends(0, name).says(says)
+                self.ends(0, self.built(name)).says(says)
 
 
 if __name__ == "__main__":

@@ -57,9 +57,11 @@ std::string Feed(const unsigned char* data, std::size_t size, unsigned pace) {
     std::string made = std::to_string(reader.Fault()) + reader.FaultText();
     made += reader.InMiddle() ? " in the middle" : "";
     for (const auto& parcel : arrivals.messages) {
-        made += "\n" + std::to_string(parcel->type) + " " + std::to_string(parcel->wireSize) + " ";
-        made +=
-            parcel->object == nullptr ? parcel->Body() : static_cast<Pairs*>(parcel->object)->text;
+        const auto* const pairs = static_cast<Pairs*>(parcel->object);
+        parcel->ForEach([&, &one = *parcel] {
+            made += "\n" + std::to_string(one.type) + " " + std::to_string(one.FirstSize()) + " ";
+            made += pairs == nullptr ? one.Body() : pairs->text;
+        });
     }
     for (const std::string& name : arrivals.unknown) {
         made += "\nunknown " + name;

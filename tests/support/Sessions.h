@@ -37,6 +37,17 @@ struct Other : Word {
     KLVString GetMessageType() const override { return "Other"; }
 };
 
+// A question, or an answer.
+struct Quiz : KLVMsgCallMessage {
+    explicit Quiz(std::string content = "", KLVString name = "Quiz") : text(content), type(name) {}
+    bool EncodeFields(std::string& bytes) const override { return bytes = text, true; }
+    bool DecodeFields(std::string_view bytes) override { return text = bytes, text != "refused"; }
+    KLVMsgSocketMessage* NewInstance() override { return new Quiz("", type); }
+    KLVString GetMessageType() const override { return type; }
+    std::string text;
+    KLVString type;
+};
+
 inline std::string WordBytes(const std::string& text) { return TextBytes("Word", text); }
 inline const KLVMsgSocketAddress anyPort("127.0.0.1", 0);
 inline KLVMsgSocketAddress At(int port) { return {"127.0.0.1", port}; }
@@ -45,6 +56,7 @@ inline KLVMsgSocketAddress At(int port) { return {"127.0.0.1", port}; }
 struct Session : KLVMsgSession {
     explicit Session(const KLVMsgSessionOptions& options = {}) : KLVMsgSession(options) {
         Register(Word()), Register(Other()), Register(TextMessage("Text"));
+        Register(Quiz()), Register(Quiz("", "Reply"));
         Serve(anyPort, &port);
         Start();
     }

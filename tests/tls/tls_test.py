@@ -145,6 +145,34 @@ class Protected(unittest.TestCase):
         socket.socket(fileno=peer.detach()).close()
         self.says(rb"the connection was cut\n")
 
+    def test_a_client_reads_what_came_with_its_admission(self):
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(self.folder / "gateway.pem", self.folder / "gateway.key")
+        context.load_verify_locations(self.folder / "authority.pem")
+        context.verify_mode = ssl.CERT_REQUIRED
+        context.num_tickets = 0
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            def serve():
+                incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+                tls = context.wrap_bio(incoming, outgoing, server_side=True)
+                with server.accept()[0] as plain:
+                    while True:
+                        try:
+                            tls.do_handshake()
+                            break
+                        except ssl.SSLWantReadError:
+                            plain.sendall(outgoing.read())
+                            incoming.write(plain.recv(65536))
+                    tls.write(ADMITTED)
+                    tls.write(answer(b"before it was asked"))
+                    plain.sendall(outgoing.read())
+                    while plain.recv(65536):
+                        pass
+            thread = threading.Thread(target=serve)
+            thread.start()
+            self.assertIn(b"I have heard: before", self.ask(0, server.getsockname()[1]))
+            thread.join()
+
     def test_a_handshake_that_is_cut_anywhere_harms_nobody(self):
         context = self.context()
 

@@ -1,4 +1,4 @@
-// The processes that hostile.py, links.py and soak.py command: `puppet session|bare FILE SILENCE
+// The processes that hostile.py, links.py, soak.py and restarts.py command: `puppet session|bare FILE SILENCE
 // INBOX TYPE...`, SILENCE in milliseconds, INBOX in MiB. With a FILE what comes is taken at once,
 // written there, and events are told. A line of the input is a command, a label, a word ("-" for
 // none) and up to three numbers; it is answered with "done" and what came of it.
@@ -162,6 +162,21 @@ struct Session {
         return Text(count);
     }
 
+    // Sends others of `second` bytes, or 2000 times that, for `first` milliseconds: one is
+    // posted, the next has `third`. Tells how many so far, and which were not done and how.
+    std::string Load() {
+        const auto end = Clock::now() + Milliseconds(first);
+        std::string failed;
+        for (; Clock::now() < end; ++loaded, std::this_thread::sleep_for(10ms)) {
+            Other other(std::to_string(loaded) + " ");
+            other.body.resize(std::size_t(loaded % 500 < 2 ? 2000 * second : second));
+            const auto done = loaded % 2 == 0 ? session->Post(label, other)
+                                              : session->Send(label, other, Milliseconds(third));
+            failed += done ? "" : Text(loaded, done.status);
+        }
+        return Text(loaded) + failed;
+    }
+
     // Tells the outcome, and by how much it came later than the limit.
     template <class Operation>
     std::string Time(long milliseconds, Operation operation) {
@@ -180,10 +195,13 @@ struct Session {
         };
         const auto send = [&](auto limit) { return session->Send(label, Word("late"), limit); };
         const auto receive = [&](auto limit) { return session->Receive<Unframed>(limit, label); };
+        const auto drain = [&](auto limit) { return session->Drain(limit); };
         const auto end = [&](auto limit) { return session->End(limit); };
         const auto destroy = [&](auto) { return session.reset(), KLVMsgOutcome(); };
         return command == "serve"     ? (Check(session->Serve(Server(), &port)), Text(port))
                : command == "connect" ? (Check(session->Connect(Server(), label, 10s)), "")
+               : command == "keep"    ? (Check(session->Keep(Server(), label, Word(label))), "")
+               : command == "load"    ? Load()
                : command == "answer"  ? Answer()
                : command == "take"    ? Take()
                : command == "taken"   ? Text(taken, disordered)
@@ -192,11 +210,13 @@ struct Session {
                : command == "again"   ? Time(second, again)
                : command == "try"     ? Time(first, send)
                : command == "receive" ? Time(first, receive)
+               : command == "drain"   ? Time(first, drain)
                : command == "end"     ? Time(first, end)
                                       : Time(5000, destroy);  // no one may be in an operation
     }
 
     std::atomic<unsigned long> taken{0}, disordered{0};
+    long loaded = 0;
     std::unique_ptr<KLVMsgSession> session;
     std::vector<std::future<void>> threads;  // wait for the end
 };

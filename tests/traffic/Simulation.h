@@ -204,20 +204,26 @@ private:
         end.toldUnknown += arrivals.unknown.size();
         Require(end.toldUnknown <= 1, "an unknown type was told again");
         for (auto& parcel : arrivals.messages) {
-            const Sent* const sent = NextKnown(peer);
-            Require(sent != nullptr && sent->kind <= kBare, "something came that nobody sent");
-            Require(parcel->type == static_cast<unsigned>(sent->kind), "the type is another one");
-            Require(parcel->wireSize == sent->end - sent->begin, "the size is another one");
-            const auto* const bare = static_cast<Bare*>(parcel->object);
-            Require((bare != nullptr ? bare->text : parcel->Body()) == sent->text, "not whole");
+            parcel->ForEach([&] {
+                CheckFirst(*parcel, peer);
+                ++peer.arrived;
+            });
             m_buffer.stock.Put(std::move(parcel));
-            ++peer.arrived;
         }
         const Sent* const next = NextKnown(peer);
         const Kind kind = next != nullptr ? next->kind : kFramed;
         end.May(Event::kUnknownLength, kind == kNoName);
         end.May(Event::kRefusedBody, m_isShort || kind == kThrows || kind == kTooLong);
         end.May(Event::kNoMemory, m_isShort);
+    }
+
+    void CheckFirst(KLVMsgParcel& parcel, End& peer) const {
+        const Sent* const sent = NextKnown(peer);
+        Require(sent != nullptr && sent->kind <= kBare, "something came that nobody sent");
+        Require(parcel.type == static_cast<unsigned>(sent->kind), "the type is another one");
+        Require(parcel.FirstSize() == sent->end - sent->begin, "the size is another one");
+        const auto* const bare = static_cast<Bare*>(parcel.object);
+        Require((bare != nullptr ? bare->text : parcel.Body()) == sent->text, "not whole");
     }
 
     static const Sent* NextKnown(End& peer) {

@@ -5,6 +5,7 @@ real processes talking on the loopback interface."""
 import argparse
 import json
 import os
+import re
 import select
 import shutil
 import signal
@@ -211,6 +212,25 @@ def test_rules(tshark, folder):
         expect([(0, 40000, *b) for b in bodies],
                tshark.read(path, rules, "-o", "klvmsg.order:" + name, "-d",
                            "tcp.port==%d,klvmsg" % PORT), "widths, " + name)
+
+
+def test_calls(tshark, folder):
+    """A question and its answer name each other's frame; both sides ask with the same number."""
+    def call(name, number, fields):
+        return message(name, text(struct.pack("<Q", number) + fields))
+
+    answer = 1 << 63
+    path = os.path.join(folder, "calls.pcap")
+    write_capture(path, [[(True, call("Price", 1, b"bolt")), (True, call("Price", 2, b"nut")),
+                          (False, call("Offer", answer + 2, b"7") + call("Price", 1, b"own")),
+                          (False, call("Offer", answer + 1, b"8")), (True, call("Note", 0, b""))]])
+    tshark.read(path, "*=length(0,4,little) call")  # the second pass knows the answers
+    for field, wanted in (("call", ["1", "2", "2", "1", "1", "0"]), ("answer_in", ["7", "6"]),
+                          ("question_in", ["5", "4"]),
+                          ("answer_time", ["0.001000000", "0.003000000"])):
+        expect(wanted, re.findall('"klvmsg.%s": "(.*?)"' % field, tshark.packets), field)
+    assert "Offer, answer 2, Price, question 1" in tshark.list_of_packets(
+        path, "*=length(0,4,little) call")
 
 
 def test_rules_of_examples(tshark, folder):
@@ -450,7 +470,7 @@ def main():
     os.umask(0o022)
     with tempfile.TemporaryDirectory() as folder:
         tshark = Tshark(arguments.tshark, folder)
-        for test in (test_cuts, test_directions_and_large_bodies, test_out_of_step, test_rules,
+        for test in (test_cuts, test_directions_and_large_bodies, test_out_of_step, test_rules, test_calls,
                      test_rules_of_examples, test_protocol_buffers):
             test(tshark, folder)
             print("%s: passed" % test.__name__)

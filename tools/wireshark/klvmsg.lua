@@ -7,7 +7,7 @@
 -- a body looks that was read too far or not far enough.
 --
 -- A rule may also say that a body is a message of Protocol Buffers; Wireshark's own dissector shows
--- its fields then.
+-- its fields then. Or that a body is a question or an answer: the two then name each other's frame.
 
 local klvmsg = Proto("klvmsg", "KLVMsg Typed Messages")
 
@@ -17,7 +17,13 @@ local f_body = ProtoField.bytes("klvmsg.body", "Body")
 local f_body_length = ProtoField.uint32("klvmsg.body_length", "Body length")
 local f_rest = ProtoField.bytes("klvmsg.rest", "Body, further on")
 local f_lost = ProtoField.bytes("klvmsg.out_of_step", "Out of step")
-klvmsg.fields = { f_name_length, f_type, f_body, f_body_length, f_rest, f_lost }
+local f_call = ProtoField.uint64("klvmsg.call", "Question's number")
+local f_answer_in = ProtoField.framenum("klvmsg.answer_in", "Answer in", base.NONE, frametype.RESPONSE)
+local f_question_in = ProtoField.framenum("klvmsg.question_in", "Question in", base.NONE,
+                                          frametype.REQUEST)
+local f_answer_time = ProtoField.relative_time("klvmsg.answer_time", "Answered after")
+klvmsg.fields = { f_name_length, f_type, f_body, f_body_length, f_rest, f_lost,
+                  f_call, f_answer_in, f_question_in, f_answer_time }
 
 local e_lost = ProtoExpert.new("klvmsg.out_of_step.expert", "Out of step",
                                expert.group.MALFORMED, expert.severity.ERROR)
@@ -39,7 +45,8 @@ klvmsg.prefs.ports = Pref.range("TCP ports", "", "Ports whose connections carry 
 klvmsg.prefs.rules = Pref.string("Body rules", "",
     "TYPE=SIZE or TYPE=length(OFFSET,WIDTH,little|big[,MORE]), either followed by " ..
     "protobuf(MESSAGE) where the rest of the body is one, separated by semicolons; * is any type. " ..
-    "Or @FILE, which has them")
+    "Behind length(0,WIDTH,ORDER) stands call where a question's number follows. Or @FILE, which " ..
+    "has them")
 klvmsg.prefs.order = Pref.enum("Byte order of the name length", LITTLE,
     "The byte order of the hosts that talk",
     { { 1, "little endian", LITTLE }, { 2, "big endian", BIG } }, false)
@@ -73,9 +80,14 @@ end
 
 local function parse_rule(text)
     local form, message = parse_content(text)
-    local rule = parse_size(form)
+    local length = form:match("^(.-)%s+call$")
+    local rule = parse_size(length or form)
+    if rule and length and (rule.size or rule.offset ~= 0 or rule.more ~= 0) then
+        return nil
+    end
     if rule then
         rule.message = message
+        rule.call = length ~= nil
     end
     return rule
 end
@@ -145,8 +157,13 @@ local tcp_stream = Field.new("tcp.stream")
 -- connection and the sender's port, the frame in which that happened and what all later bytes are.
 local ended = {}
 
+-- By connection, port of who asks and number: the frames of a question and of its answer, with their
+-- times.
+local calls = {}
+
 function klvmsg.init()
     ended = {}
+    calls = {}
 end
 
 local function direction(pinfo)
@@ -221,9 +238,41 @@ end
 
 local protobuf = Dissector.get("protobuf")
 
+local NUMBER = 8  -- bytes
+
+-- Shows the number at the head of a call's body, and the frame of what belongs to it. Returns "question"
+-- or "answer" with the number, if it has one.
+local function dissect_call(range, rule, pinfo, item)
+    local value = rule.big and range:uint64() or range:le_uint64()
+    local is_answer = value:rshift(63) ~= UInt64.new(0)
+    local number = value:band(UInt64.new(0xffffffff, 0x7fffffff))
+    item:add(f_call, range, number)
+    if value == UInt64.new(0) then
+        return ""
+    end
+    local stream = tcp_stream()
+    local key = string.format("%s/%d/%s", stream and stream.value or "?",
+                              is_answer and pinfo.dst_port or pinfo.src_port, tostring(number))
+    local call = calls[key] or {}
+    calls[key] = call
+    local own = is_answer and "answer" or "question"
+    if not call[own] then
+        call[own], call[own .. "_time"] = pinfo.number, pinfo.abs_ts
+    end
+    if is_answer and call.question then
+        item:add(f_question_in, call.question):set_generated()
+        local took = call.answer_time - call.question_time
+        item:add(f_answer_time, NSTime.new(math.floor(took), math.floor(took % 1 * 1e9 + 0.5)))
+            :set_generated()
+    elseif call.answer and not is_answer then
+        item:add(f_answer_in, call.answer):set_generated()
+    end
+    return string.format(", %s %s", own, tostring(number))
+end
+
 -- Hands what stands behind the length, or all of a body of fixed size, to another dissector.
 local function dissect_content(body, name, rule, pinfo, item)
-    local start = rule.size and 0 or rule.offset + rule.width
+    local start = rule.size and 0 or rule.offset + rule.width + (rule.call and NUMBER or 0)
     if protobuf and rule.message and start < body:len() then
         local message = rule.message == "" and name or rule.message
         pinfo.private["pb_msg_type"] = "message," .. message
@@ -285,6 +334,11 @@ local function dissect_message(tvb, start, pinfo, tree)
     if size > 0 then
         item:add(f_body, tvb(body, size))
     end
+    local call = ""
+    if rule and rule.call and size >= rule.width + NUMBER then
+        call = dissect_call(tvb(body + rule.width, NUMBER), rule, pinfo, item)
+        item:append_text(call)
+    end
     if rule and size > 0 then
         dissect_content(tvb(body, size), name, rule, pinfo, item)
     end
@@ -293,7 +347,7 @@ local function dissect_message(tvb, start, pinfo, tree)
                                    ": its body is shown up to the end of the stream")
         end_messages(pinfo, name)
     end
-    return body + size, rule and name or name .. " (no rule)"
+    return body + size, rule and name .. call or name .. " (no rule)"
 end
 
 -- The bytes behind the point where the messages of a direction ended.

@@ -5,8 +5,9 @@ from __future__ import annotations
 import errno
 import socket
 from collections import deque
-from typing import Deque, NamedTuple, Optional, Tuple, Union
+from typing import Deque, NamedTuple, Optional, Set, Tuple, Union
 
+from .calls import SIZE
 from .errors import OutOfStep, PeerGone
 from .rules import Rules, as_rules
 from .text import printable
@@ -56,6 +57,9 @@ class Channel:
         self._decoder = Decoder(self._rules, max_body, max_body, max_name)
         self._max_body = max_body
         self._received: Deque[Message] = deque()
+        self._given_up: Set[bytes] = set()  # how answers begin for which nobody waits any more
+        self.late_answers = 0
+        """Answers that came after their question's time was up."""
         self._unsent = memoryview(b"")
         self._sending = 0  # bytes of the message of which these are the rest
         self._reset: Optional[PeerGone] = None  # the system tells it once; then it shows an end
@@ -105,7 +109,13 @@ class Channel:
             if self._decoder.lost is not None:
                 raise OutOfStep(printable(self._decoder.lost))
             self._pull()
-        return self._received.popleft() if self._received else None
+        while self._received:
+            message = self._received.popleft()
+            if message.body[:SIZE] not in self._given_up:
+                return message
+            self._given_up.remove(message.body[:SIZE])
+            self.late_answers += 1
+        return None
 
     def _pull(self) -> None:
         if self._reset is not None:

@@ -12,6 +12,7 @@ from fnmatch import fnmatchcase
 from functools import lru_cache
 from typing import Any, Callable, List, NamedTuple, Optional, Set, Tuple, cast
 
+from .calls import SIZE
 from .events import MESSAGE, Event
 from .expressions import MISSING, Lookup, part_of
 from .exits import USAGE, Failure
@@ -106,10 +107,12 @@ class Decoders:
         return self.protos.describe(proto) if self.protos is not None else b""
 
     def content(self, event: Event) -> bytes:
-        """The body without its length, if it is a length and what that counts."""
+        """The body without its length, if it is a length and what that counts, and without the number of
+        a question or an answer."""
         rule = self._rules.of(event.type)
         fits = len(event.body) >= rule.prefix and rule.size(event.body) == len(event.body)
-        return rule.unwrap(event.body) if fits else event.body
+        content = rule.unwrap(event.body) if fits else event.body
+        return content[SIZE:] if rule.call and fits else content
 
     def _decode(self, event: Event) -> Any:
         decoder = self._decoder_of(event.type)

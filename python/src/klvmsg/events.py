@@ -42,13 +42,14 @@ class BadRecording(Exception):
     """A line that is no event."""
 
 
-def describe(event: Event, body_bytes: int = 0, said: str = "") -> str:
-    """One line, safe to print, with what the body says or up to so many bytes of it if it was kept."""
+def describe(event: Event, body_bytes: int = 0, said: str = "", call: str = "") -> str:
+    """One line, safe to print, with what the body says or up to so many bytes of it if it was kept, and
+    before that which question or answer it is."""
     arrow = {TO_SERVER: ">", TO_CLIENT: "<"}.get(event.direction, " ")
     head = f"{clock(event.time)} #{event.connection} {arrow} "
     if event.kind != MESSAGE:
         return head + f"-- {event.kind}" + (f": {printable(event.text)}" if event.text else "")
-    line = head + f"{printable(event.type)} {event.length}"
+    line = head + f"{printable(event.type)} {event.length}" + (f" ({call})" if call else "")
     if said:
         line += " " + said
     elif body_bytes and event.length:
@@ -56,11 +57,13 @@ def describe(event: Event, body_bytes: int = 0, said: str = "") -> str:
     return line
 
 
-def to_json(event: Event, said: Any = None) -> str:
+def to_json(event: Event, said: Any = None, call: str = "") -> str:
     """The event as a line of a recording, without the line's end, with what its body says if that is
-    known."""
+    known, and which question or answer it is."""
     if event.kind == MESSAGE:  # by hand, as there are many, in the form of the others
         decoded = "" if said is None else f', "decoded": {json.dumps(plain(said))}'
+        if call:
+            decoded += f', "call": {_quoted(call)}'
         return (f'{{"time": {round(event.time, 6)}, "connection": {event.connection}, "direction": '
                 f'"{event.direction}", "type": {_quoted(event.type)}, "length": {event.length}, "body": '
                 f'"{event.body.hex()}"{decoded}}}')  # fmt: skip

@@ -4,10 +4,12 @@ from __future__ import annotations
 
 import select
 import socket
+import sys
 import time
 from types import TracebackType
-from typing import Callable, Iterator, Optional, Type, Union
+from typing import Callable, Iterator, List, Optional, Type, Union
 
+from .calls import ANSWER, SIZE, number_of
 from .channel import MAX_NAME, Channel, Message
 from .errors import PeerGone, TimedOut
 from .rules import Rules, as_rules
@@ -51,6 +53,8 @@ class Connection(Channel, _Closing):
     each other. As a context manager it closes itself.
     """
 
+    _asked = 0  # the last question's number
+
     def send(self, type: str, body: bytes = b"", timeout: Optional[float] = None) -> None:
         """Sends a message; returns when the system has taken all of it.
 
@@ -84,6 +88,45 @@ class Connection(Channel, _Closing):
                 return message
             if not _wait(self._socket, select.POLLIN, remaining()):
                 raise TimedOut("no message has come in time")
+
+    def ask(self, type: str, body: bytes = b"", timeout: Optional[float] = None) -> Message:
+        """Sends a question, and returns its answer, whatever type it has.
+
+        Its body is sent, and comes, behind a number by which the two belong together (what a class
+        derived from KLVMsgCallMessage does). What comes before the answer is kept for `receive`. Raises
+        what `send` and `receive` do; an answer that comes after TimedOut is dropped, and counted in
+        `late_answers`. Belongs to the thread that receives.
+        """
+        remaining = time_limit(timeout)
+        self._asked += 1
+        number = self._asked.to_bytes(SIZE, sys.byteorder)
+        wanted = (self._asked | ANSWER).to_bytes(SIZE, sys.byteorder)
+        self.send(type, number + body, remaining())
+        others: List[Message] = []
+        try:
+            while True:
+                message = self.receive(remaining())
+                if message.body[:SIZE] == wanted:
+                    return Message(message.type, message.body[SIZE:])
+                others.append(message)
+        except TimedOut:
+            self._given_up.add(wanted)
+            raise
+        finally:
+            self._received.extendleft(reversed(others))
+
+    def answer(
+        self, question: Message, type: str, body: bytes = b"", timeout: Optional[float] = None
+    ) -> None:
+        """Sends the answer to a question that was received; nothing where no answer is wanted.
+
+        Raises what `send` does, and ValueError for what is no question.
+        """
+        number = number_of(question.body, sys.byteorder)
+        if number is None or number >= ANSWER:
+            raise ValueError(f"no question: {question.type}")
+        if number:
+            self.send(type, (number | ANSWER).to_bytes(SIZE, sys.byteorder) + body, timeout)
 
     def __iter__(self) -> Iterator[Message]:
         """The messages up to the end of the connection; an end amid a message raises PeerGone."""

@@ -6,6 +6,9 @@
     Hello=length(0,8,little,8)  8 bytes more than the length counts
     *=length(0,4,little)        every type without a rule of its own
 
+Behind a length at the very start may stand `call`: 8 bytes with the number of a question or an answer
+follow the length, and the fields stand behind them.
+
 Behind any of these may stand of which Protocol Buffers message the content is, as in
 protobuf(shop.Order); protobuf() takes the type's name for it. Rules are separated by semicolons; the
 last one for a type holds. Without a rule for * bodies begin with a 4-byte length in the byte order of
@@ -25,6 +28,7 @@ Bytes = Union[bytes, bytearray, memoryview]
 _LENGTH = re.compile(
     r"length\(\s*(\d+)\s*,\s*([1248])\s*,\s*(little|big)\s*,?\s*(\d*)\s*\)", re.ASCII
 )
+_CALL = re.compile(r"\s+call$")
 _CONTENT = re.compile(r"\s+protobuf\(\s*([\w.]*)\s*\)$", re.ASCII)
 
 
@@ -38,6 +42,7 @@ class Rule:
     order: Order = "little"
     more: int = 0  # bytes that the length does not count
     protobuf: str = ""  # the name of the content's message, where that is not the type's
+    call: bool = False  # the content begins with the number of a question or an answer
 
     @staticmethod
     def parse(text: str) -> Rule:
@@ -45,13 +50,20 @@ class Rule:
         content = _CONTENT.search(text)
         name = content[1] if content else ""
         text = _CONTENT.sub("", text)
+        call = bool(_CALL.search(text))
+        text = _CALL.sub("", text)
         if re.fullmatch(r"\d+", text, re.ASCII):
+            if call:
+                raise ValueError("call stands behind a length, and not behind a size")
             return Rule(fixed=int(text), protobuf=name)
         found = _LENGTH.fullmatch(text)
         if found is None:
             raise ValueError(f"neither a size nor length(OFFSET,WIDTH,little|big[,MORE]): {text!r}")
         order: Order = "big" if found[3] == "big" else "little"
-        return Rule(None, int(found[1]), int(found[2]), order, int(found[4] or 0), name)
+        rule = Rule(None, int(found[1]), int(found[2]), order, int(found[4] or 0), name, call)
+        if call and not rule.framed:
+            raise ValueError("call stands behind a length that is all that stands before the number")
+        return rule
 
     @property
     def prefix(self) -> int:
@@ -115,6 +127,11 @@ class Rules:
     def named(self) -> List[str]:
         """The types that have a rule of their own."""
         return [type for type in self._rules if type != "*"]
+
+    @property
+    def has_calls(self) -> bool:
+        """Whether some types are questions or answers."""
+        return any(rule.call for rule in (*self._rules.values(), self._rest))
 
     def of(self, type: str) -> Rule:
         """The rule for a type; there is always one."""

@@ -7,6 +7,7 @@ import re
 from typing import Optional
 
 from ..between import open_entrance, pass_on
+from ..calls import Calls
 from ..events import Event, to_json
 from ..exits import DONE, FILE, USAGE, Failure
 from ..options import (
@@ -54,11 +55,14 @@ def run(options: argparse.Namespace) -> int:
     decode = decoders(options)
     chosen = selection(options, decode)
 
+    calls = Calls(options.rules)
+
     def line(event: Event) -> Optional[str]:
-        return to_json(event, decode.decode(event)) if chosen.takes(event) else None
+        call = calls.note(event)
+        return to_json(event, decode.decode(event), call) if chosen.takes(event) else None
 
     write: Line = line
-    if not chosen and not decode:
+    if not chosen and not decode and not options.rules.has_calls:
         write = to_json  # at a fraction of the cost
 
     rotation = options.rotate

@@ -8,6 +8,7 @@ import sys
 from typing import Callable, List, Optional
 
 from ..between import open_entrance, pass_on
+from ..calls import CALL_BYTES, Calls
 from ..decode import Decoders
 from ..events import Event, describe
 from ..exits import DONE, USAGE, Failure, missing
@@ -51,14 +52,17 @@ def run(options: argparse.Namespace) -> int:
         raise Failure(USAGE, "--column needs --top")
     decode = decoders(options)
     chosen = selection(options, decode)
-    keep = options.max_body if decode else options.bodies
+    keep = options.max_body if decode else max(options.bodies, CALL_BYTES)
     if options.top:
         return _top(options, decode, chosen, keep)
 
+    calls = Calls(options.rules)
     def line(event: Event) -> Optional[str]:
+        call = calls.note(event)
         if not chosen.takes(event):
             return None
-        return describe(event, options.bodies, _short(decode.show(event), options.bodies or _SHOWN))
+        said = _short(decode.show(event), options.bodies or _SHOWN)
+        return describe(event, options.bodies, said, call)
 
     entrance = open_entrance(options)
     if entrance is None:

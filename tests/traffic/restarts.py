@@ -1,0 +1,297 @@
+#!/usr/bin/env python3
+"""A server that is restarted again and again under load, while clients keep their connections to it.
+Prints what became of each message, how long clients were away, and how their connects lie in time. Ends
+with exit code 1 if a message came twice, out of order or in part, if one is missing without a cause, if a
+hello was not first, or if a client was away for too long. Half of the restarts are in order: the server
+reads what has been taken, so that only a message that was cut may be missing. The others are deaths, with
+which all may go that the system had taken."""
+
+import argparse
+import collections
+import contextlib
+import random
+import selectors
+import signal
+import socket
+import struct
+import sys
+import threading
+import time
+
+import hostile
+from hostile import require
+
+AWAY = 6  # seconds that a client may be, from the server's return on
+DONE, TOO_LATE, PEER_GONE, FAILED, FULL = range(5)
+CAME, AWAY_AGAIN, LOST = 1, 8, 9  # kinds of events
+
+
+class Link:
+    """One connection of the server, and the numbers of the messages that have come on it."""
+
+    def __init__(self, size, came):
+        self.size = size
+        self.came = came  # seconds from the server's return on
+        self.bytes = bytearray()
+        self.client = None
+        self.runs = []  # [first, last]
+        self.is_in_order = False  # how it ended
+
+    def take(self, came):
+        self.bytes += came
+        start = 0
+        while (message := self.next(start)) is not None:
+            kind, body, start = message
+            if self.client is None:
+                require(kind == b"Word", "the hello was not first")
+                self.client = body.decode()
+                continue
+            require(kind == b"Other", "the hello came twice")
+            number = int(body.split(b" ", 1)[0])
+            require(len(body) == self.size * (2000 if number % 500 < 2 else 1), "a message came in part")
+            if self.runs and self.runs[-1][1] + 1 == number:
+                self.runs[-1][1] = number
+            else:
+                self.runs.append([number, number])
+        del self.bytes[:start]
+
+    def next(self, at):
+        """A type, a body and where the next message begins; none: it is not all there."""
+        parts = []
+        for _ in range(2):
+            end = at + 4 + int.from_bytes(self.bytes[at:at + 4], sys.byteorder)
+            if len(self.bytes) < max(end, at + 4):
+                return None
+            parts.append(bytes(self.bytes[at + 4:end]))
+            at = end
+        return (*parts, at)
+
+
+class Server:
+    def __init__(self, options):
+        self.options = options
+        self.order = random.Random(options.seed)
+        self.links = []
+        self.backs = []  # for each opening, when each client was back
+        self.port = 0
+        self.open()
+
+    def open(self):
+        self.selector = selectors.DefaultSelector()
+        self.listener = socket.create_server(("127.0.0.1", self.port), backlog=1000)
+        # Little room, so that some messages are cut.
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
+        self.port = self.listener.getsockname()[1]
+        self.opened = time.monotonic()
+        self.backs.append({})
+        self.came = collections.deque()
+        self.acceptor = threading.Thread(target=self.accept, args=(self.listener, self.came), daemon=True)
+        self.acceptor.start()
+
+    @staticmethod
+    def accept(listener, came):
+        """In a thread of its own, so that each has its time."""
+        with contextlib.suppress(OSError):  # shut down
+            while True:
+                came.append((listener.accept()[0], time.monotonic()))
+
+    def serve(self, is_over, limit):
+        """Until it is over; false if the time was."""
+        limit += time.monotonic()
+        while not is_over():
+            if time.monotonic() > limit:
+                return False
+            self.register()
+            for key, _ in self.selector.select(0.05):
+                self.read(key.fileobj, key.data)
+        return True
+
+    def register(self):
+        while self.came:
+            connection, moment = self.came.popleft()
+            connection.setblocking(False)
+            self.links.append(Link(self.options.size, moment - self.opened))
+            self.selector.register(connection, selectors.EVENT_READ, self.links[-1])
+
+    def read(self, connection, link):
+        try:
+            came = connection.recv(1 << 18)
+        except ConnectionError:
+            came = b""
+        if not came:
+            self.selector.unregister(connection)
+            connection.close()
+        link.take(came)
+        if link.client is not None:
+            self.backs[-1].setdefault(link.client, link.came)
+
+    def connections(self):
+        return list(self.selector.get_map().values())
+
+    def close(self, is_in_order):
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.acceptor.join()
+        self.listener.close()
+        self.register()
+        backs = self.backs[-1]
+        for key in self.connections():
+            key.data.is_in_order = is_in_order
+            if is_in_order:
+                key.fileobj.shutdown(socket.SHUT_WR)
+            else:
+                if self.order.random() < 0.5:  # as a machine that is switched off
+                    key.fileobj.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                key.fileobj.close()
+        if is_in_order:
+            require(self.serve(lambda: not self.connections(), 30), "a client does not close")
+        self.backs[-1] = backs
+        self.selector.close()
+
+    def restart(self):
+        count = self.options.clients
+        require(self.serve(lambda: len(self.backs[-1]) == count, AWAY + 5), "a client has not come back")
+        self.serve(lambda: False, self.order.uniform(0.2, self.options.up))
+        time.sleep(self.order.uniform(0, self.options.stop))
+        self.close(self.order.random() < 0.5)
+        time.sleep(self.order.expovariate(1 / self.options.down))
+        self.open()
+
+
+class Client(hostile.Process):
+    """It sends in a thread of its own until it is to stop, and then drains."""
+
+    def __init__(self, options, name, port):
+        super().__init__(name, options.program, "session", "/dev/null", 25000, 64, "Word", "Other")
+        self.options = options
+        self.events = collections.Counter()
+        self.ask("keep", name, "localhost", port)
+        self.is_to_stop = threading.Event()
+        self.sent, self.failed = 0, {}
+        self.drained = False
+        self.thread = threading.Thread(target=self.work)
+
+    def hear(self, limit=hostile.EVER):
+        """Events come before what it answers."""
+        while (line := self.process.stdout.readline()).startswith("event"):
+            self.events[int(line.split()[1])] += 1
+        require(line.startswith("done"), f"the client {self.name} has ended, or {line.strip()}")
+        return line.split()[1:]
+
+    def work(self):
+        with contextlib.suppress(hostile.Fault):  # one that has failed is not drained
+            self.send()
+
+    def send(self):
+        while not self.is_to_stop.is_set():
+            self.sent, *failed = map(int, self.ask("load", self.name, "-", 1000, self.options.size, 500))
+            self.failed.update(zip(failed[::2], failed[1::2]))
+        time.sleep(0.2)  # for the last events
+        self.drained = self.ask("drain", "-", "-", 30000)[0] == str(DONE)
+
+
+class Account:
+    def __init__(self):
+        self.holds = True
+        self.counts = collections.Counter()
+
+    def line(self, name, text, holds=True):
+        self.holds = self.holds and holds
+        print(f"{' ' if holds else '!'} {name:13}{text}")
+
+    def add(self, client, links):
+        """Every number in its place: what is missing stands where a connection has ended."""
+        wrong = []
+        expected = 0
+        cut_before = None  # the connection before, if it ended in order
+        for link in [*links, None]:
+            for first, last in link.runs if link else [[client.sent, client.sent]]:
+                if first < expected:
+                    wrong.append(f"{first} came twice or late")
+                gap = [number for number in range(expected, first) if client.failed.get(number) is None]
+                is_boundary = link is not None and first == link.runs[0][0]
+                if gap and not is_boundary:
+                    wrong.append(f"{gap[:3]} are missing and no connection ended there")
+                elif gap and cut_before is not None:
+                    self.counts["cut"] += len(gap)
+                    if len(gap) > 1 or not cut_before.bytes:
+                        wrong.append(f"{gap[:3]} were not cut and are missing behind an end in order")
+                else:
+                    self.counts["died"] += len(gap)
+                wrong += [f"{number} was not sent and came" for number, status in client.failed.items()
+                          if first <= number <= last and status != TOO_LATE]
+                expected = last + 1
+                self.counts["came"] += last - first + 1
+                cut_before = None
+            cut_before = link if link and link.is_in_order else None
+        self.counts["came"] -= 1  # the end's
+        for status in client.failed.values():
+            self.counts[status] += 1
+        self.counts["sent"] += client.sent
+        self.counts["events"] += client.events[LOST]
+        return [f"client {client.name}: {text}" for text in wrong]
+
+    def tell(self, options, server, clients):
+        wrong = []
+        for client in clients:
+            wrong += self.add(client, [link for link in server.links if link.client == client.name])
+        c = self.counts
+        print(f"restarts: {options.restarts}, {len(clients)} clients, seed {options.seed}")
+        self.line("sent", f"{c['sent']}, of which {c['came']} came")
+        self.line("not sent", f"{c[TOO_LATE]} too late, {c[FULL]} full, {c[PEER_GONE]} cut while sent")
+        self.line("died", f"{c['died']}, with the server that had not read them")
+        self.line("cut", f"{c['cut']} posted ones behind an end in order; {c['events']} lost by events",
+                  c["cut"] + c[PEER_GONE] <= c["events"] and c[FAILED] == 0)
+        self.line("wrong", f"{len(wrong)}" + "".join("\n    " + text for text in wrong[:10]), not wrong)
+        self.line("drained", f"{sum(one.drained for one in clients)}", all(one.drained for one in clients))
+        came, away = (sum(one.events[kind] for one in clients) for kind in (CAME, AWAY_AGAIN))
+        self.line("events", f"{came} connections, {away} times a new cause why there is none",
+                  len(server.links) >= came > 0 and away <= 2 * came)
+        backs = sorted(back for one in server.backs[1:] for back in one.values())
+        self.line("back", f"median {backs[len(backs) // 2]:.2f} s, 99 % {backs[len(backs) * 99 // 100]:.2f} s, "
+                  f"last {backs[-1]:.2f} s", backs[-1] <= AWAY)
+        bins = collections.Counter(int(back * 2) for back in backs)
+        print("  connects, so many of all in each half second from the server's return on: "
+              + " ".join(f"{100 * bins[n] / len(backs):.1f}%" for n in range(max(bins) + 1)))
+        most = max(max(collections.Counter(int(back * 100) for back in one.values()).values())
+                   for one in server.backs[1:] if one)
+        print(f"  at most {most} of {len(clients)} within the same hundredth of a second")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("program", help="what Puppet.cpp was built to")
+    parser.add_argument("--restarts", type=int, default=2)
+    parser.add_argument("--clients", type=int, default=5)
+    parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1, 1000000))
+    parser.add_argument("--size", type=int, default=4000, help="bytes; one in 250 is 2000 times that")
+    parser.add_argument("--up", type=float, default=1, help="seconds from when all are back, at most")
+    parser.add_argument("--down", type=float, default=0.5, help="seconds, on average")
+    parser.add_argument("--stop", type=float, default=0.5, help="seconds at the end without reading, at most")
+    options = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+
+    server, clients = Server(options), []
+    try:
+        clients = [Client(options, f"c{n}", server.port) for n in range(options.clients)]
+        for client in clients:
+            client.thread.start()
+        for _ in range(options.restarts):
+            server.restart()
+        for client in clients:
+            client.is_to_stop.set()
+        require(server.serve(lambda: not any(one.thread.is_alive() for one in clients), 60), "it does not drain")
+        require(server.serve(lambda: not server.connections(), 10), "a client has not closed")
+        account = Account()
+        account.tell(options, server, clients)
+        return 0 if account.holds else 1
+    except hostile.Fault as fault:
+        print(f"! {fault} (seed {options.seed})")
+        return 1
+    finally:
+        for client in clients:
+            client.is_to_stop.set()
+            client.process.kill()  # nothing is left after a failure
+
+
+if __name__ == "__main__":
+    sys.exit(main())
