@@ -169,6 +169,25 @@ TEST(Tls, RenewsItsKeysAndAnswersThoseWhoRenewTheirs) {
     EXPECT_LE(20, peer.Sees(20)) << "64 full records";
 }
 
+TEST(Tls, ReadsWhatTheSystemKnowsNothingOf) {
+    const World world;
+    KLVMsgSessionOptions options;
+    options.inboxLimit = 1000;
+    Secure server(world.Server(), options);
+    Session client;
+    ASSERT_TRUE(client.Connect(At(server.securePort), "", ever, KLVMsgTls(world.Client())));
+    const Word word(std::string(1000, 'x'));
+    EXPECT_TRUE(client.Send("", word, ever) && server.Holds(1)) << "nothing more is read";
+    for (int i = 0; i < 70; ++i) {  // a little more than is read at a time, and full records
+        client.Post("", word);
+    }
+    EXPECT_TRUE(client.Send("", word, ever));
+    for (int i = 0; i < 72; ++i) {
+        ASSERT_EQ(word.text, server.Next());
+    }
+    client.Disconnect(""), server.Disconnect("");
+}
+
 TEST(Tls, GoesOnBothWaysWithNewKeysAllTheTimeAndInboxesThatStop) {
     const World world;
     KLVMsgTlsOptions own = world.Server(), others = world.Client();
