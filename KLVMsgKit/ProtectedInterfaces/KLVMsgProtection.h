@@ -18,6 +18,7 @@ public:
     KLVMsgProtection& operator=(const KLVMsgProtection&) = default;
 
 protected:
+    // Of what makes the connections; for the classes that protect.
     explicit KLVMsgProtection(std::shared_ptr<KLVMsgTransportFactory> transports)
         : m_transports(std::move(transports)) {}
     ~KLVMsgProtection() = default;

@@ -16,6 +16,7 @@ import unittest
 
 PROGRAM = pathlib.Path(sys.argv.pop(1)).resolve()
 CERTIFICATES = pathlib.Path(__file__).resolve().parents[2] / "examples/secure/certificates.sh"
+SANITIZED = re.search(rb"__[at]san_init", PROGRAM.read_bytes())
 ADMITTED = b"\1"
 
 
@@ -251,10 +252,14 @@ class Protected(unittest.TestCase):
             return int(re.search(r"VmRSS:\s+(\d+)", status)[1])
         self.ask(0)
         before = memory()
-        half_open = [self.connect() for _ in range(1000)]
+        half_open = []
+        for _ in range(1000):
+            half_open.append(self.connect())
+            self.addCleanup(half_open[-1].close)
         self.says(rb"others came before", 900)
         self.assertIn(b"I have heard", self.ask(0))
-        self.assertLess(memory() - before, 100 * 64 + 2000)
+        if not SANITIZED:  # which keep memory of their own
+            self.assertLess(memory() - before, 100 * 64 + 2000)
         for one in half_open:
             one.close()
         self.says(rb"refused: ", 1000)
