@@ -16,6 +16,13 @@ if(NOT KLVMSG_BASE_TARGET)
   list(APPEND libraries KLVBase)
 endif()
 set_target_properties(${libraries} PROPERTIES INSTALL_RPATH "$ORIGIN")
+if(TARGET KLVMsgKitTls)
+  set_target_properties(KLVMsgKitTls PROPERTIES INSTALL_RPATH "$ORIGIN")
+  install(TARGETS KLVMsgKitTls EXPORT KLVMsgCommModulesTlsTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+  file(GLOB tls_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/KLVMsgKitTls/ProtectedInterfaces/*.h)
+  install(FILES ${tls_headers} DESTINATION ${include_dir} COMPONENT development)
+endif()
 
 if(KLVMSG_BASE_TARGET)
   set(base_headers ${templates})
@@ -43,6 +50,11 @@ list(JOIN pc_libs " " pc_libs)
 configure_file(cmake/KLVMsgCommModules.pc.in ${PROJECT_BINARY_DIR}/KLVMsgCommModules.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/KLVMsgCommModules.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+if(TARGET KLVMsgKitTls)
+  configure_file(cmake/KLVMsgCommModulesTls.pc.in ${PROJECT_BINARY_DIR}/KLVMsgCommModulesTls.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/KLVMsgCommModulesTls.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endif()
 
 # An application's own base belongs to the application: the package files that name it, and tools that
 # would not find it, are not ours to install.
@@ -61,6 +73,10 @@ install(FILES ${PROJECT_BINARY_DIR}/KLVMsgCommModulesConfig.cmake
   DESTINATION ${package_dir} COMPONENT development)
 install(EXPORT KLVMsgCommModulesTargets NAMESPACE KLVMsgCommModules::
   DESTINATION ${package_dir} COMPONENT development)
+if(TARGET KLVMsgKitTls)
+  install(EXPORT KLVMsgCommModulesTlsTargets NAMESPACE KLVMsgCommModules::
+    DESTINATION ${package_dir} COMPONENT development)
+endif()
 
 # The command-line peer, and the dissector where a Wireshark of the same prefix looks for it.
 if(TARGET klvmsgcat)

@@ -32,7 +32,7 @@ function group_of(name) {
     sub(/\.h$/, "", name)
     if (name ~ /^KLVMsgComm(Modules)?(_IF)?$|^KLVBasModules$|GlobalSingleton$/) return "start"
     if (name ~ /^KLVMsg(SocketCommunicator|MessageTask)$|^KLVBasAtiThread(Task)?$/) return "talk"
-    if (name ~ /^KLVMsg(Framed|Protobuf|Cereal)Message$|^KLVMsg(Kit|Session|Outcome|TimeLimit|Peer|Event)/) return "kit"
+    if (name ~ /^KLVMsg(Framed|Protobuf|Cereal)Message$|^KLVMsg(Kit|Session|Outcome|TimeLimit|Peer|Event|Protection|Tls)/) return "kit"
     if (name ~ /^KLVMsgSocketMessage$|Stream$/) return "messages"
     if (name ~ /^KLVMsg(Channel|ChannelMsgStruct|SocketAddress|ConnectionServicesUtils)$/) return "connections"
     if (name ~ /^KLVMsg.*Query/) return "queries"

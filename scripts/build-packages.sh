@@ -18,8 +18,8 @@ case "$*" in
   --no-check) check=no ;;
   *) echo "usage: build-packages.sh [--no-check]" >&2; exit 2 ;;
 esac
-need_packages build-essential cmake debhelper dh-python doxygen dpkg-dev graphviz pybuild-plugin-pyproject \
-  python3 python3-setuptools python3-wheel
+need_packages build-essential cmake debhelper dh-python doxygen dpkg-dev graphviz libssl-dev \
+  pybuild-plugin-pyproject python3 python3-setuptools python3-wheel
 [ $check = no ] || need_packages lintian
 
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
@@ -84,6 +84,7 @@ write_changelog
 write_copyright
 write_symbols libklvmsgcommmodules KLVBase KLVMsgCommModules
 write_symbols libklvmsgkit KLVMsgKit
+write_symbols libklvmsgkittls KLVMsgKitTls
 [ "$(dpkg-parsechangelog -l "$debian/changelog" -S Version)" = "$version" ] ||
   { echo "CHANGELOG.md does not begin with version $version" >&2; exit 1; }
 SOURCE_DATE_EPOCH=$(dpkg-parsechangelog -l "$debian/changelog" -S Timestamp)

@@ -13,7 +13,7 @@ source=$work/source
 mkdir -p "$source"
 cp -r --parents README.md CONTRIBUTING.md CHANGELOG.md docs tools/wireshark/klvmsg.md python/README.md \
   examples/README.md KLVBase KLVMsgCommServices/ProtectedInterfaces \
-  KLVMsgKit/ProtectedInterfaces "$source"
+  KLVMsgKit/ProtectedInterfaces KLVMsgKitTls/ProtectedInterfaces "$source"
 
 # One README only can be the first page.
 for folder in python examples; do
@@ -26,7 +26,7 @@ for diagram in docs/images/*.dot; do
 done
 
 # A unit is what a header and its source are together.
-find KLVBase KLVMsgCommServices KLVMsgKit -name '*.h' -o -name '*.cpp' | while IFS= read -r file; do
+find KLVBase KLVMsgCommServices KLVMsgKit KLVMsgKitTls -name '*.h' -o -name '*.cpp' | while IFS= read -r file; do
   unit=$(basename "${file%.*}")
   for picture in docs/images/floors.svg "$source/docs/images/floors.svg"; do
     grep -qw "$unit" "$picture" || { echo "$picture does not show $unit" >&2; exit 1; }

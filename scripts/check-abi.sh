@@ -10,7 +10,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . scripts/setup.sh
 
-libraries=(KLVBase KLVMsgCommModules KLVMsgKit)
+libraries=(KLVBase KLVMsgCommModules KLVMsgKit KLVMsgKitTls)
 accepted=()
 case "$#:${1:-}" in
   0:) ;;
@@ -21,7 +21,7 @@ esac
 for library in "${accepted[@]}"; do
   [[ " ${libraries[*]} " = *" $library "* ]] || { echo "there is no library $library" >&2; exit 2; }
 done
-need_packages cmake g++ make binutils abigail-tools
+need_packages cmake g++ make binutils abigail-tools libssl-dev
 
 build=build/abi
 mkdir -p "$build"
@@ -40,7 +40,8 @@ fi
 rm -rf "$build/headers"
 mkdir "$build/headers"
 cp KLVBase/ProtectedInterfaces/*.h KLVBase/Containers/*.h \
-  KLVMsgCommServices/ProtectedInterfaces/*.h KLVMsgKit/ProtectedInterfaces/*.h "$build/headers"
+  KLVMsgCommServices/ProtectedInterfaces/*.h KLVMsgKit/ProtectedInterfaces/*.h \
+  KLVMsgKitTls/ProtectedInterfaces/*.h "$build/headers"
 
 describe() {  # LIBRARY: what it is now, in the build directory
   local file=$build/lib$1.so

@@ -27,16 +27,16 @@ FLOORS = (
     "KLVMsgCommModules",
     # The session, from its first floor to its fifth.
     "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
-    "KLVMsgPeerInfo KLVMsgPeerInfoData KLVMsgNetwork "
+    "KLVMsgPeerInfo KLVMsgPeerInfoData KLVMsgNetwork KLVMsgProtection "
     "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage KLVMsgCallMessage "
     "KLVMsgReceivedAny KLVMsgQuestionCounts "
     "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
     "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgQuietThread KLVMsgResolver "
-    "KLVMsgDialer",
+    "KLVMsgDialer KLVMsgGreeting KLVMsgKitTls/",
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
-    "KLVMsgLoop",
+    "KLVMsgLoop KLVMsgLoopGreeting",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
-    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionEnding "
+    "KLVMsgSessionAdmitting KLVMsgSessionGreeting KLVMsgSessionKeeping KLVMsgSessionEnding "
     "KLVMsgSessionAsking KLVMsgSessionDispatching KLVMsgMetrics "
     "KLVMsgPeerBook KLVMsgKeep KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
     "examples/",
@@ -50,7 +50,7 @@ FAMILIES = (
     "KLVMsgStream KLVMsgInputStream KLVMsgOutputStream KLVMsgSimpleInputStream "
     "KLVMsgBufferedOutputStream",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving "
-    "KLVMsgSessionAdmitting KLVMsgSessionKeeping KLVMsgSessionEnding "
+    "KLVMsgSessionAdmitting KLVMsgSessionGreeting KLVMsgSessionKeeping KLVMsgSessionEnding "
     "KLVMsgSessionAsking KLVMsgSessionDispatching",
 )
 
@@ -104,7 +104,7 @@ def arrows_up(uses):
 def singletons_in_kit(uses):
     for file, used in sorted(uses.items()):
         for other in sorted(used):
-            if file.startswith("KLVMsgKit/") and os.path.basename(other) in NOT_IN_KIT:
+            if file.startswith(("KLVMsgKit/", "KLVMsgKitTls/")) and os.path.basename(other) in NOT_IN_KIT:
                 yield f"{file} includes {other}, which the session does without"
 
 

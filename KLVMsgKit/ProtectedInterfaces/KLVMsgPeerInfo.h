@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "KLVMsgEvent.h"
 #include "KLVMsgKitExport.h"
@@ -32,6 +33,10 @@ public:
     // connection that was made from here.
     const std::string& ServedHost() const;
     int ServedPort() const;
+
+    // Who it is by its certificate, which somebody who is trusted has signed: names and addresses.
+    // Empty for a connection that is not protected, and for one that is over.
+    const std::vector<std::string>& Names() const;
 
     // Who it is, under which label, since when, and what has passed. While it is asked whether a
     // connection may be one it is nobody yet, and nothing has.

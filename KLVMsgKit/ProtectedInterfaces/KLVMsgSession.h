@@ -16,6 +16,7 @@
 #include "KLVMsgOutcome.h"
 #include "KLVMsgPeer.h"
 #include "KLVMsgPeerInfo.h"
+#include "KLVMsgProtection.h"
 #include "KLVMsgQuestionCounts.h"
 #include "KLVMsgReceivedAny.h"
 #include "KLVMsgSessionOptions.h"
@@ -96,6 +97,19 @@ public:
     // that is an event; the peer's own Connect was done before.
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port = nullptr);
 
+    // The same for peers that are protected in that way, and `admit` sees the names that their
+    // certificates have: whoever is not protected is turned away, and an event tells why. Fails
+    // where what protects cannot be used. With a null `admit` all of them may connect.
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port,
+                        const KLVMsgProtection& protection);
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, int* port,
+                        const KLVMsgProtection& protection) {
+        return Serve(address, nullptr, port, protection);
+    }
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, const KLVMsgProtection& protection) {
+        return Serve(address, nullptr, nullptr, protection);
+    }
+
     // Lets no more peers connect to that port; those who are there stay. Failed: nobody served
     // there.
     KLVMsgOutcome StopServing(int port);
@@ -110,6 +124,15 @@ public:
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
                           KLVMsgTimeLimit limit, KLVMsgPeer& made);
 
+    // The same, protected in that way: done when the server has admitted this session, as it does
+    // once it has been started. Fails where one of them does not trust the other, with the cause.
+    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
+                          KLVMsgTimeLimit limit, const KLVMsgProtection& protection);
+    KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label,
+                          const KLVMsgProtection& protection) {
+        return Connect(address, label, std::chrono::seconds(10), protection);
+    }
+
     // A retry under a label whose connection still lives makes every message come twice: Disconnect
     // first, or Keep.
     //
@@ -117,6 +140,8 @@ public:
     // over; the outcome is then that of the last attempt.
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
                                KLVMsgTimeLimit limit);
+    KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
+                               KLVMsgTimeLimit limit, const KLVMsgProtection& protection);
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
                                KLVMsgTimeLimit limit, KLVMsgPeer& made);
 

@@ -33,8 +33,8 @@ void KLVMsgConnection::InputEnded() {
     OverIfBothHaveEnded();
 }
 
-void KLVMsgConnection::Took(Time now, std::size_t count, bool isFull) {
-    output.Took(count);
+void KLVMsgConnection::Took(Time now, std::size_t count, bool isFull, std::size_t held) {
+    output.Took(count, held);
     if (m_dropsOutput) {
         output.Clear();
     }

@@ -46,8 +46,9 @@ public:
     // The peer has ended its output.
     void InputEnded();
 
-    // The system took bytes of the run that was out, and would take no more (`isFull`).
-    void Took(Time now, std::size_t count, bool isFull);
+    // The system took bytes of the run that was out, and would take no more (`isFull`). So many
+    // behind them are held: see KLVMsgOutput.
+    void Took(Time now, std::size_t count, bool isFull, std::size_t held = 0);
 
     // The system takes bytes again.
     void HasRoom() { m_isFull = false; }

@@ -92,6 +92,9 @@ KLVMsgOutcome KLVMsgLoop::Add(std::unique_ptr<KLVMsgTransport> transport, std::u
         link.reset();
         return Failure("cannot wait for a connection", error);
     }
+    if (!link->transport->IsPlain()) {
+        Touch(*link);  // with the last word of its greeting more may have come
+    }
     return {};
 }
 
@@ -206,7 +209,7 @@ void KLVMsgLoop::Run() {
         if (m_now >= m_gathersUntil) {
             DoTouched(lock);
         }
-        CheckTimers();
+        CheckTimers(lock);
         CheckListeners();
         DoErrand(lock);
     }
@@ -271,8 +274,13 @@ void KLVMsgLoop::Serve(Lock& lock, std::uint64_t id, unsigned happened) {
     }
     const LinkPtr link = found->second;
     KLVMsgConnection& connection = link->connection;
+    if (link->isGreeting) {
+        Enlist(lock, link);
+        return;
+    }
     if ((happened & EPOLLOUT) != 0) {
         connection.HasRoom();
+        Flush(*link);
     }
     if (!connection.Reads() && (happened & (EPOLLERR | EPOLLHUP)) != 0) {
         // What has come before is still there to be read, once there is room for it.
@@ -280,14 +288,20 @@ void KLVMsgLoop::Serve(Lock& lock, std::uint64_t id, unsigned happened) {
         m_owner.OnTook(*link);
     }
     if (connection.Reads() && (happened & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
-        Reading& one = m_readings[m_reads++];
-        one.link = link;
-        one.discards = connection.Discards();
-        if (m_reads == kGroup) {
-            ReadGroup(lock);
-        }
+        Enlist(lock, link);
     } else {
         Tend(*link);
+    }
+}
+
+// It is read with the others of its group.
+void KLVMsgLoop::Enlist(Lock& lock, const LinkPtr& link) {
+    Reading& one = m_readings[m_reads++];
+    one.link = link;
+    one.discards = link->connection.Discards();
+    one.greets = link->isGreeting;
+    if (m_reads == kGroup) {
+        ReadGroup(lock);
     }
 }
 
@@ -303,7 +317,7 @@ void KLVMsgLoop::ReadGroup(Lock& lock) {
     }
     lock.lock();
     for (std::size_t i = 0; i < count; ++i) {
-        HandOver(m_readings[i]);
+        HandOver(lock, m_readings[i]);
         Tend(*m_readings[i].link);
         m_readings[i].link.reset();
     }
@@ -312,6 +326,10 @@ void KLVMsgLoop::ReadGroup(Lock& lock) {
 // A message's own code may run here.
 void KLVMsgLoop::Read(Reading& one) {
     Link& link = *one.link;
+    if (one.greets) {
+        one.greeting = link.transport->Greet();
+        return;
+    }
     if (one.discards) {
         const iovec space = {m_buffer.Data(), KLVMsgWireReader::Buffer::kSize};
         one.result = link.transport->Read(&space, 1);
@@ -332,8 +350,12 @@ void KLVMsgLoop::Read(Reading& one) {
     }
 }
 
-void KLVMsgLoop::HandOver(Reading& one) {
+void KLVMsgLoop::HandOver(Lock& lock, Reading& one) {
     Link& link = *one.link;
+    if (one.greets) {
+        Greeted(lock, link, one.greeting);
+        return;
+    }
     link.received += one.result.count;
     if (one.result.count != 0 && !one.discards) {
         link.connection.Came(m_now);
@@ -341,8 +363,12 @@ void KLVMsgLoop::HandOver(Reading& one) {
     } else if (one.result.ended) {
         link.connection.InputEnded();
         m_owner.OnInputEnded(link);
+    } else if (one.result.cut) {
+        link.connection.End(KLVMsgEvent::kCut, "the connection was cut");
     } else if (one.result.error != 0 && one.result.error != EAGAIN) {
-        link.connection.Failed(one.result.error);
+        const std::string why = link.transport->Why();
+        why.empty() ? link.connection.Failed(one.result.error)
+                    : link.connection.End(KLVMsgEvent::kReset, why);
     }
     one.arrivals.messages.clear();
     one.arrivals.unknown.clear();
@@ -357,7 +383,12 @@ void KLVMsgLoop::DoTouched(Lock& lock) {
     while (link != nullptr) {
         LinkPtr next = std::move(link->nextTouched);
         link->isTouched = false;
-        if (link->isWriting || !link->connection.Writes() || link->connection.IsFull()) {
+        if (!link->transport->IsPlain() && !link->connection.IsOver() &&
+            (link->isGreeting || (link->connection.Reads() && link->transport->HoldsInput()))) {
+            Enlist(lock, link);
+        }
+        if (link->isGreeting || link->isWriting || !link->connection.Writes() ||
+            link->connection.IsFull()) {
             Tend(*link);
         } else {
             link->isWriting = true;
@@ -369,6 +400,7 @@ void KLVMsgLoop::DoTouched(Lock& lock) {
         }
         link = std::move(next);
     }
+    ReadGroup(lock);
     // Where little was sent to each, sending was most of the work: as long as it took, more
     // gathers.
     if (m_written < links * kWorthWhile) {
@@ -385,7 +417,8 @@ void KLVMsgLoop::WriteGroup(Lock& lock) {
     for (std::size_t i = 0; i < count; ++i) {
         // A message that goes alone needs no measure.
         Writing& one = m_writings[i];
-        one.asks = m_options.wholeHeaders && one.link->connection.output.HasSeveral();
+        one.asks = m_options.wholeHeaders && one.link->transport->IsPlain() &&
+                   one.link->connection.output.HasSeveral();
         asks = asks || one.asks;
     }
     if (asks) {
@@ -416,7 +449,7 @@ void KLVMsgLoop::TakeRuns(Writing& one, std::size_t most) const {
     KLVMsgConnection& connection = one.link->connection;
     one.runs.clear();
     // Without a measure one message goes, however many have come meanwhile.
-    const bool isOne = m_options.wholeHeaders && !one.asks;
+    const bool isOne = m_options.wholeHeaders && one.link->transport->IsPlain() && !one.asks;
     const std::size_t segment = isOne ? 1 : one.segment;
     std::size_t size = 0;
     while (connection.Writes() && connection.output.HasMore() && one.runs.size() < kMostRuns &&
@@ -434,6 +467,7 @@ void KLVMsgLoop::Write(Writing& one) const {
             run.pieces, run.count, m_options.wholeHeaders && run.endsMessage);
         one.result.count += sent.count;
         one.result.error = sent.error;
+        one.result.held = sent.held;
         one.isFull = sent.count < run.size;
         if (one.isFull) {
             return;
@@ -443,20 +477,25 @@ void KLVMsgLoop::Write(Writing& one) const {
 
 void KLVMsgLoop::Took(Link& link, const KLVMsgTransport::Result& result, bool isFull) {
     link.isWriting = false;
-    link.connection.Took(m_now, result.count, isFull);
+    link.connection.Took(m_now, result.count, isFull, result.held);
     if (result.error != 0 && result.error != EAGAIN) {
         link.connection.OutputFailed(result.error);
     }
     m_owner.OnTook(link);
 }
 
-void KLVMsgLoop::CheckTimers() {
+void KLVMsgLoop::CheckTimers(Lock& lock) {
     while (!m_timers.empty() && m_timers.begin()->first <= m_now) {
         const auto found = m_links.find(m_timers.begin()->second);
         m_timers.erase(m_timers.begin());
         if (found != m_links.end()) {
             const LinkPtr link = found->second;
             link->due = Time::max();
+            if (link->isGreeting && link->greetsUntil <= m_now) {
+                Greeted(lock, *link,
+                        {KLVMsgTransport::Greeting::kFailed, false, ETIMEDOUT,
+                         "the greeting has taken too long", ""});
+            }
             const KLVMsgTransport::Sample sample = link->transport->TakeSample();
             if (link->connection.Check(
                     m_now, {sample.unacknowledged, sample.probes, sample.sinceAnswer})) {
@@ -529,7 +568,9 @@ void KLVMsgLoop::Tend(Link& link) {
     KLVMsgConnection& connection = link.connection;
     if (!connection.IsOver() && connection.EndsOutput() && !link.isWriting) {
         link.transport->EndOutput();
-        connection.OutputEnded();
+        if (!link.HoldsOutput()) {
+            connection.OutputEnded();
+        }
     }
     if (connection.IsOver()) {
         Remove(link);
@@ -537,7 +578,9 @@ void KLVMsgLoop::Tend(Link& link) {
     }
     Ask(link);
     Arm(link);
-    if (connection.Writes() && !connection.IsFull() && !link.isWriting) {
+    if ((connection.Writes() && !connection.IsFull() && !link.isWriting) ||
+        (!link.transport->IsPlain() && !link.isGreeting && connection.Reads() &&
+         link.transport->HoldsInput())) {
         Touch(link);  // the next round goes on
     }
 }
@@ -561,8 +604,10 @@ void KLVMsgLoop::Remove(Link& link) {
 // edge-triggered: otherwise an error, or bytes that nobody reads, would be reported without end.
 void KLVMsgLoop::Ask(Link& link) {
     const KLVMsgConnection& connection = link.connection;
-    const unsigned interest = (connection.Reads() ? EPOLLIN : EPOLLET) |
-                              (connection.Writes() && connection.IsFull() ? EPOLLOUT : 0U);
+    const bool needsRoom = (connection.Writes() && connection.IsFull()) || link.HoldsOutput();
+    const unsigned interest =
+        link.isGreeting ? (link.greetsWithRoom ? EPOLLOUT : EPOLLIN)
+                        : (connection.Reads() ? EPOLLIN : EPOLLET) | (needsRoom ? EPOLLOUT : 0U);
     if (interest == link.interest) {
         return;
     }
@@ -579,7 +624,7 @@ void KLVMsgLoop::Ask(Link& link) {
 
 // A check that comes too early does no harm, so that it is only ever set when none is.
 void KLVMsgLoop::Arm(Link& link) {
-    const Time next = link.connection.NextCheck(m_now);
+    const Time next = link.isGreeting ? link.greetsUntil : link.connection.NextCheck(m_now);
     if (next < link.due && (link.due == Time::max() || next < link.due - kFirstPause)) {
         const bool isFirst = m_timers.empty() || next < m_timers.begin()->first;
         if (link.due != Time::max()) {

@@ -51,8 +51,14 @@ public:
 
         const std::uint64_t id;
         const std::unique_ptr<KLVMsgTransport> transport;
-        Client* client;  // null when the owner has been told that it is over
+        // Whether the transport has bytes of its own to write.
+        bool HoldsOutput() const { return !transport->IsPlain() && transport->HoldsOutput(); }
+
+        Client* client;  // null while it greets, and when the owner has been told that it is over
         KLVMsgConnection connection;
+        bool isGreeting = false;  // nothing else is read or written meanwhile
+        bool greetsWithRoom = false;
+        Time greetsUntil = Time::max();
         bool isWriting = false;
         bool isTouched = false;  // it is in the list of those with work
         std::shared_ptr<Link> nextTouched;
@@ -66,8 +72,9 @@ public:
         KLVMsgDescriptor socket;
         std::string text;  // where it listens
         int port = 0;
-        std::shared_ptr<const KLVMsgAdmit> admit;  // null: everybody may connect
-        Time again = Time::max();                  // when to try again after a failure
+        std::shared_ptr<KLVMsgTransportFactory> transports;  // null: plain
+        std::shared_ptr<const KLVMsgAdmit> admit;            // null: everybody may connect
+        Time again = Time::max();                            // when to try again after a failure
         std::chrono::milliseconds pause{0};
     };
 
@@ -85,6 +92,10 @@ public:
         // The listener is there until the mutex is let go, which this may do.
         virtual void OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDescriptor socket,
                                 const std::string& address) = 0;
+        // Done, failed, or with a warning. A link that has no client then is closed. May let the
+        // mutex go meanwhile.
+        virtual void OnGreeted(Lock& lock, Link& link,
+                               const KLVMsgTransport::Greeting& greeting) = 0;
         virtual void OnListenerFailed(const Listener& listener, int error) = 0;
         virtual void OnReadable() = 0;  // what it has asked to be watched
 
@@ -116,6 +127,13 @@ public:
     // A new connection; what fails leaves none. Throws std::bad_alloc, and has closed it then.
     KLVMsgOutcome Add(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t id, Client* client,
                       LinkPtr& link);
+
+    // The same of one that greets first, until then at the latest.
+    KLVMsgOutcome AddGuest(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t id, Time until,
+                           LinkPtr& link);
+
+    // A connection that greets has failed to, or is not wanted: tells the peer, and closes.
+    void TurnAway(Link& link);
 
     // Serves on a socket that listens.
     KLVMsgOutcome AddListener(std::uint64_t id, Listener listener);
@@ -156,6 +174,8 @@ private:
     struct Reading {
         LinkPtr link;
         bool discards = false;
+        bool greets = false;
+        KLVMsgTransport::Greeting greeting;
         KLVMsgTransport::Result result;
         KLVMsgWireReader::Arrivals arrivals;
     };
@@ -172,15 +192,18 @@ private:
     void Run();
     int Wait(struct epoll_event* events, int most);
     void Serve(Lock& lock, std::uint64_t id, unsigned happened);
+    void Enlist(Lock& lock, const LinkPtr& link);
     void ReadGroup(Lock& lock);
     void Read(Reading& one);
-    void HandOver(Reading& one);
+    void HandOver(Lock& lock, Reading& one);
+    void Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting& greeting);
+    void Flush(Link& link);
     void DoTouched(Lock& lock);
     void WriteGroup(Lock& lock);
     void TakeRuns(Writing& one, std::size_t most) const;
     void Write(Writing& one) const;
     void Took(Link& link, const KLVMsgTransport::Result& result, bool isFull);
-    void CheckTimers();
+    void CheckTimers(Lock& lock);
     void CheckListeners();
     void DoErrand(Lock& lock);
     void Accept(Lock& lock, std::uint64_t id);

@@ -101,8 +101,9 @@ KLVMsgOutput::Run KLVMsgOutput::Take(std::size_t segment) {
     return run;
 }
 
-void KLVMsgOutput::Took(std::size_t count) {
+void KLVMsgOutput::Took(std::size_t count, std::size_t held) {
     m_out = 0;
+    m_held = held;
     m_taken += count;
     DropBytes(count);
     const auto first = std::upper_bound(m_ends.begin(), m_ends.end(), m_taken);
@@ -150,7 +151,7 @@ bool KLVMsgOutput::MoveTo(KLVMsgOutput& other, Position& shift) {
 
 bool KLVMsgOutput::CutOut(Position begin, Position end) {
     const auto found = std::lower_bound(m_ends.begin(), m_ends.end(), end);
-    if (begin < m_taken + m_out || found == m_ends.end() || *found != end) {
+    if (begin < m_taken + std::max(m_out, m_held) || found == m_ends.end() || *found != end) {
         return false;
     }
     const Position length = end - begin;
@@ -211,4 +212,5 @@ void KLVMsgOutput::Clear() {
     m_pieces.clear();
     m_ends.clear();
     m_start = m_appended = m_taken;
+    m_held = 0;
 }

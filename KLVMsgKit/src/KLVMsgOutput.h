@@ -47,11 +47,12 @@ public:
     // alone. 0: as much as may go at once. Requires: HasMore() is true.
     Run Take(std::size_t segment);
 
-    // The runs that were out are over, and so many of their bytes were taken by the system.
-    void Took(std::size_t count);
+    // The runs that were out are over, and so many of their bytes were taken by the system. So many
+    // behind them are held: they go first the next time, as they are.
+    void Took(std::size_t count, std::size_t held = 0);
 
-    // Takes a message back of which nothing was taken or is out. False when it is too late for
-    // that.
+    // Takes a message back of which nothing was taken, is out or is held. False when it is too late
+    // for that.
     bool CutOut(Position begin, Position end);
 
     // Moves the messages of which nothing was taken behind those of another one; the rest of one of
@@ -105,6 +106,7 @@ private:
     Position m_taken = 0;
     Position m_start = 0;  // of the first message that is not wholly gone
     std::uint64_t m_messagesTaken = 0;
-    std::size_t m_out = 0;  // bytes of the runs that are out
+    std::size_t m_out = 0;   // bytes of the runs that are out
+    std::size_t m_held = 0;  // bytes that go first, as they are
     std::size_t m_lastBlock = 0;
 };

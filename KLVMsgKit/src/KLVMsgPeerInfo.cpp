@@ -15,6 +15,8 @@ const std::string& KLVMsgPeerInfo::ServedHost() const { return Known().servedHos
 
 int KLVMsgPeerInfo::ServedPort() const { return Known().servedPort; }
 
+const std::vector<std::string>& KLVMsgPeerInfo::Names() const { return Known().names; }
+
 KLVMsgPeer KLVMsgPeerInfo::Peer() const { return Known().peer; }
 
 const std::string& KLVMsgPeerInfo::Label() const { return Known().label; }

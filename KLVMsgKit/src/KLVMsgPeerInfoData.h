@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "KLVMsgEvent.h"
 #include "KLVMsgPeer.h"
@@ -14,6 +15,7 @@ struct KLVMsgPeerInfoData {
     int servedPort = 0;
     KLVMsgPeer peer;
     std::string label;
+    std::vector<std::string> names;
     std::chrono::system_clock::time_point since;
     KLVMsgCounts counts;
 };

@@ -34,7 +34,7 @@ KLVMsgTransport::Result Outcome(ssize_t count) {
 }  // namespace
 
 KLVMsgPlainTransport::KLVMsgPlainTransport(int descriptor, std::chrono::milliseconds silence)
-    : m_descriptor(descriptor) {
+    : KLVMsgTransport(true), m_descriptor(descriptor) {
     const auto seconds = static_cast<int>(
         std::clamp<std::chrono::milliseconds::rep>(silence.count(), 5000, 3600000) / 1000);
     Set(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);

@@ -37,35 +37,51 @@ KLVMsgOutcome KLVMsgSession::Observe(std::function<void(const KLVMsgEvent&)> fun
 }
 
 KLVMsgOutcome KLVMsgSession::Serve(const KLVMsgSocketAddress& address, int* port) {
-    return m_core->Serve(address, nullptr, port);
+    return m_core->Serve(address, nullptr, port, nullptr);
 }
 
 KLVMsgOutcome KLVMsgSession::Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit,
                                    int* port) {
-    return m_core->Serve(address, std::move(admit), port);
+    return m_core->Serve(address, std::move(admit), port, nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port,
+                                   const KLVMsgProtection& protection) {
+    return m_core->Serve(address, std::move(admit), port, protection.m_transports);
 }
 
 KLVMsgOutcome KLVMsgSession::StopServing(int port) { return m_core->StopServing(port); }
 
 KLVMsgOutcome KLVMsgSession::Connect(const KLVMsgSocketAddress& address, const std::string& label,
                                      KLVMsgTimeLimit limit) {
-    return m_core->Connect(address, label, limit.Deadline(), nullptr);
+    return m_core->Connect(address, label, limit.Deadline(), nullptr, nullptr);
 }
 
 KLVMsgOutcome KLVMsgSession::Connect(const KLVMsgSocketAddress& address, const std::string& label,
                                      KLVMsgTimeLimit limit, KLVMsgPeer& made) {
-    return m_core->Connect(address, label, limit.Deadline(), &made);
+    return m_core->Connect(address, label, limit.Deadline(), &made, nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::Connect(const KLVMsgSocketAddress& address, const std::string& label,
+                                     KLVMsgTimeLimit limit, const KLVMsgProtection& protection) {
+    return m_core->Connect(address, label, limit.Deadline(), nullptr, protection.m_transports);
 }
 
 KLVMsgOutcome KLVMsgSession::ConnectAgain(const KLVMsgSocketAddress& address,
                                           const std::string& label, KLVMsgTimeLimit limit) {
-    return m_core->ConnectAgain(address, label, limit.Deadline(), nullptr);
+    return m_core->ConnectAgain(address, label, limit.Deadline(), nullptr, nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::ConnectAgain(const KLVMsgSocketAddress& address,
+                                          const std::string& label, KLVMsgTimeLimit limit,
+                                          const KLVMsgProtection& protection) {
+    return m_core->ConnectAgain(address, label, limit.Deadline(), nullptr, protection.m_transports);
 }
 
 KLVMsgOutcome KLVMsgSession::ConnectAgain(const KLVMsgSocketAddress& address,
                                           const std::string& label, KLVMsgTimeLimit limit,
                                           KLVMsgPeer& made) {
-    return m_core->ConnectAgain(address, label, limit.Deadline(), &made);
+    return m_core->ConnectAgain(address, label, limit.Deadline(), &made, nullptr);
 }
 
 KLVMsgOutcome KLVMsgSession::Keep(const KLVMsgSocketAddress& address, const std::string& label) {

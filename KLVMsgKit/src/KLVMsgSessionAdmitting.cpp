@@ -5,6 +5,7 @@
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "KLVMsgPeerInfoData.h"
 #include "KLVMsgSessionCore.h"
@@ -48,19 +49,24 @@ std::shared_ptr<KLVMsgPeerInfoData> Addresses(const std::string& peer, const std
 // Whether a connection that was accepted may be one. With ESHUTDOWN nobody serves there any more,
 // so that nothing is to be told about it.
 KLVMsgOutcome KLVMsgSessionCore::Admit(Lock& lock, std::uint64_t listener,
-                                       const std::string& address, std::string& served) {
+                                       const std::string& address,
+                                       const std::vector<std::string>& names, std::string& served) {
     KLVMsgOutcome full{KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
     if (m_live >= m_options.connectionLimit) {
         EndOneHalf();
         return full;
     }
     const KLVMsgLoop::Listener* const serving = m_loop.FindListener(listener);
+    if (serving == nullptr) {
+        return Ended(KLVMsgOutcome::kFailed);  // while the greeting went on
+    }
     served = serving->text;
     const std::shared_ptr<const KLVMsgAdmit> admit = serving->admit;
     if (admit == nullptr) {
         return {};
     }
     const auto data = Addresses(address, served);
+    data->names = names;
     data->since = std::chrono::system_clock::now();
     KLVMsgOutcome outcome;
     {
@@ -84,6 +90,9 @@ KLVMsgPeerInfo KLVMsgSessionCore::Info(KLVMsgPeer peer) {
     data->peer = found->peer;
     data->label = found->label;
     data->since = found->since;
+    if (found->link != nullptr && found->link->transport != nullptr) {
+        data->names = found->link->transport->Names();
+    }
     AddCounts(data->counts, *found);
     return KLVMsgPeerInfo(data);
 }

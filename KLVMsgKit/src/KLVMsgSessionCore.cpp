@@ -10,8 +10,6 @@
 #include <new>
 #include <utility>
 
-#include "KLVMsgPlainTransport.h"
-
 namespace {
 
 // How long a connection that was shut down here is read, so that what the peer was sent arrives.
@@ -132,14 +130,14 @@ KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_inf
 }
 
 KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit,
-                                       int* port) {
+                                       int* port, const Transports& transports) {
     if (!m_ready) {
         return m_ready;
     }
+    KLVMsgOutcome outcome = transports == nullptr ? KLVMsgOutcome() : transports->Check();
     std::vector<KLVMsgDescriptor> sockets;
     int bound = address.port;
-    KLVMsgOutcome outcome = KLVMsgSessionSockets::Listen(address, sockets, bound);
-    if (!outcome) {
+    if (!outcome || !(outcome = KLVMsgSessionSockets::Listen(address, sockets, bound))) {
         return outcome;
     }
     KLVMsgLoop::Listener made;
@@ -157,6 +155,7 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, KLVMs
             one.text = made.text;
             one.port = bound;
             one.admit = made.admit;
+            one.transports = transports;
             outcome = m_loop.AddListener(m_book.NextId(), std::move(one));
         }
     } catch (const std::bad_alloc&) {
@@ -182,7 +181,8 @@ KLVMsgOutcome KLVMsgSessionCore::StopServing(int port) {
 }
 
 KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
-                                         const std::string& label, Time limit, KLVMsgPeer* made) {
+                                         const std::string& label, Time limit, KLVMsgPeer* made,
+                                         const Transports& transports) {
     {
         const Lock lock(m_mutex);
         if (KLVMsgOutcome ready = IsReady(); !ready) {
@@ -190,8 +190,18 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
         }
     }
     KLVMsgDescriptor socket;
-    KLVMsgOutcome outcome =
-        KLVMsgSessionSockets::Connect(address, limit, m_endSignal.Number(), socket);
+    KLVMsgOutcome outcome = transports == nullptr ? KLVMsgOutcome() : transports->Check();
+    if (outcome) {
+        outcome = KLVMsgSessionSockets::Connect(address, limit, m_endSignal.Number(), socket);
+    }
+    const std::string text = KLVMsgSessionSockets::PeerText(socket.Number());
+    std::unique_ptr<KLVMsgTransport> transport;
+    if (outcome) {
+        transport = Plain(std::move(socket));
+        if (transports != nullptr) {
+            outcome = Greet(transport, *transports, address, limit);
+        }
+    }
     const Lock lock(m_mutex);
     if (m_isEnding || m_isDraining) {
         return Ended(KLVMsgOutcome::kFailed);
@@ -202,9 +212,8 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
     if (m_live >= m_options.connectionLimit) {
         return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
     }
-    const std::string text = KLVMsgSessionSockets::PeerText(socket.Number());
     Peer* peer = nullptr;
-    outcome = Adopt(std::move(socket), label, text, peer);
+    outcome = Adopt(std::move(transport), label, text, peer);
     if (made != nullptr && outcome) {
         *made = peer->peer;
     }
@@ -213,10 +222,10 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
 
 KLVMsgOutcome KLVMsgSessionCore::ConnectAgain(const KLVMsgSocketAddress& address,
                                               const std::string& label, Time limit,
-                                              KLVMsgPeer* made) {
+                                              KLVMsgPeer* made, const Transports& transports) {
     KLVMsgWaiter waiter;
     for (auto pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
-        KLVMsgOutcome outcome = Connect(address, label, limit, made);
+        KLVMsgOutcome outcome = Connect(address, label, limit, made, transports);
         const Time now = Clock::now();
         if (outcome || outcome.error == ESHUTDOWN || outcome.error == EINVAL || now >= limit) {
             return outcome;
@@ -246,11 +255,9 @@ KLVMsgOutcome KLVMsgSessionCore::Start() {
 }
 
 // A connection that was made, or accepted.
-KLVMsgOutcome KLVMsgSessionCore::Adopt(KLVMsgDescriptor socket, const std::string& label,
-                                       const std::string& address, Peer*& made) {
-    auto transport =
-        std::make_unique<KLVMsgPlainTransport>(socket.Number(), m_options.silence.Duration());
-    static_cast<void>(socket.Release());
+KLVMsgOutcome KLVMsgSessionCore::Adopt(std::unique_ptr<KLVMsgTransport> transport,
+                                       const std::string& label, const std::string& address,
+                                       Peer*& made) {
     Peer& peer = m_book.Add(label, address);
     peer.sent.owner = &peer;
     KLVMsgOutcome outcome;
@@ -266,11 +273,7 @@ KLVMsgOutcome KLVMsgSessionCore::Adopt(KLVMsgDescriptor socket, const std::strin
     }
     ++m_live;
     made = &peer;
-    Tell([&] {
-        KLVMsgEvent event = Event(KLVMsgEvent::kCame, &peer);
-        event.what = address + ": a connection";
-        return event;
-    });
+    TellCame(peer, *peer.link->transport);
     return outcome;
 }
 
@@ -388,6 +391,7 @@ void KLVMsgSessionCore::Forget(Peer& peer) { m_book.Remove(peer); }
 
 void KLVMsgSessionCore::OnOver(KLVMsgLoop::Link& link) {
     if (link.client == nullptr) {
+        GuestIsOver(link);
         return;
     }
     Peer& peer = *static_cast<Peer*>(link.client);
@@ -422,18 +426,20 @@ void KLVMsgSessionCore::OnOver(KLVMsgLoop::Link& link) {
 void KLVMsgSessionCore::OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDescriptor socket,
                                    const std::string& address) {
     try {
-        std::string served;
-        KLVMsgOutcome outcome = Admit(lock, listener, address, served);
-        Peer* made = nullptr;
-        if (outcome && (outcome = Adopt(std::move(socket), "", address, made))) {
-            made->served.swap(served);
+        std::unique_ptr<KLVMsgTransport> transport = Plain(std::move(socket));
+        KLVMsgOutcome outcome;
+        if (m_loop.FindListener(listener)->transports != nullptr) {
+            outcome = Invite(std::move(transport), listener, address);
+        } else {
+            std::string served;
+            outcome = Admit(lock, listener, address, {}, served);
+            Peer* made = nullptr;
+            if (outcome && (outcome = Adopt(std::move(transport), "", address, made))) {
+                made->served.swap(served);
+            }
         }
         if (!outcome && outcome.error != ESHUTDOWN) {
-            KLVMsgEvent event = Event(KLVMsgEvent::kRefused, nullptr);
-            event.address = address;
-            event.error = outcome.error;
-            event.what = address + ": a connection was refused: " + outcome.text;
-            PushEvent(std::move(event));
+            TellRefused(address, outcome);
         }
     } catch (const std::bad_alloc&) {
         m_events.Miss();

@@ -66,11 +66,11 @@ struct KLVMsgQuestion {
 // once the loop runs, and the options. It is never held while a message's own code runs, a system
 // call transfers, or somebody waits.
 //
-// Sources: KLVMsgSessionCore.cpp has connections and events, KLVMsgSessionAdmitting.cpp who may
-// connect, KLVMsgSessionKeeping.cpp the connections that come back, KLVMsgSessionSending.cpp and
-// KLVMsgSessionReceiving.cpp the two directions, KLVMsgSessionAsking.cpp what goes both ways,
-// KLVMsgSessionDispatching.cpp what calls the application (handlers, and who observes),
-// KLVMsgSessionEnding.cpp the end.
+// Sources: KLVMsgSessionCore.cpp has connections and events, KLVMsgSessionGreeting.cpp how they
+// begin, KLVMsgSessionAdmitting.cpp who may connect, KLVMsgSessionKeeping.cpp the connections that
+// come back, KLVMsgSessionSending.cpp and KLVMsgSessionReceiving.cpp the two directions,
+// KLVMsgSessionAsking.cpp what goes both ways, KLVMsgSessionDispatching.cpp what calls the
+// application (handlers, and who observes), KLVMsgSessionEnding.cpp the end.
 class KLVMsgSessionCore final : private KLVMsgLoop::Owner {
 public:
     using Peer = KLVMsgSessionPeer;
@@ -80,6 +80,7 @@ public:
     using Wanted = KLVMsgSession::Wanted;
     using Message = std::unique_ptr<KLVMsgSocketMessage>;
     using Found = KLVMsgSession::Found;
+    using Transports = std::shared_ptr<KLVMsgTransportFactory>;  // null: plain
     using Observer = std::function<void(const KLVMsgEvent&)>;
 
     explicit KLVMsgSessionCore(const KLVMsgSessionOptions& options);
@@ -91,12 +92,13 @@ public:
     KLVMsgOutcome Register(Message prototype, const std::type_info& type,
                            const KLVMsgFramedMessage* framed, bool isCall);
     KLVMsgOutcome Observe(Observer observer);
-    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port);
+    KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port,
+                        const Transports& transports);
     KLVMsgOutcome StopServing(int port);
     KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, const std::string& label, Time limit,
-                          KLVMsgPeer* made);
+                          KLVMsgPeer* made, const Transports& transports);
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
-                               Time limit, KLVMsgPeer* made);
+                               Time limit, KLVMsgPeer* made, const Transports& transports);
     KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
                        KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed);
     KLVMsgOutcome Start();
@@ -145,6 +147,14 @@ private:
         std::vector<KLVMsgPeer> peers;
     };
 
+    // Who was accepted and still greets, or has been turned away and not left.
+    struct Guest {
+        std::uint64_t listener = 0;
+        std::string address;
+        KLVMsgLoop::LinkPtr link;
+        bool isTold = false;
+    };
+
     // Beside the number of a type: all that have a handler, and all that have none.
     static constexpr std::uint32_t kHandled = 0xfffffffe;
     static constexpr std::uint32_t kUnhandled = 0xfffffffd;
@@ -169,10 +179,13 @@ private:
     KLVMsgOutcome IsReady() const;
 
     // Connections.
-    KLVMsgOutcome Adopt(KLVMsgDescriptor socket, const std::string& label,
+    std::unique_ptr<KLVMsgTransport> Plain(KLVMsgDescriptor socket) const;
+    KLVMsgOutcome Adopt(std::unique_ptr<KLVMsgTransport> transport, const std::string& label,
                         const std::string& address, Peer*& made);
+    void TellCame(const Peer& peer, const KLVMsgTransport& transport);
+    void TellRefused(const std::string& address, const KLVMsgOutcome& outcome);
     KLVMsgOutcome Admit(Lock& lock, std::uint64_t listener, const std::string& address,
-                        std::string& served);
+                        const std::vector<std::string>& names, std::string& served);
 
     // Connections that come back.
     KLVMsgOutcome MakeKeep(const KLVMsgSocketAddress& address, const std::string& label,
@@ -219,6 +232,16 @@ private:
     }
     void UpdateReadable();
     static void AddCounts(KLVMsgCounts& counts, Peer& peer);
+
+    // Greetings.
+    KLVMsgOutcome Greet(std::unique_ptr<KLVMsgTransport>& transport,
+                        KLVMsgTransportFactory& transports, const KLVMsgSocketAddress& address,
+                        Time limit);
+    KLVMsgOutcome Invite(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t listener,
+                         const std::string& address);
+    KLVMsgOutcome AdoptGuest(Lock& lock, KLVMsgLoop::Link& link, const Guest& guest);
+    void GuestIsOver(KLVMsgLoop::Link& link);
+    void TellNotRenewed(const std::string& address, const std::string& warning);
 
     // Sending.
     bool Fits(const Peer& peer, const KLVMsgWireWriter& bytes, KLVMsgOutcome& outcome) const;
@@ -302,6 +325,8 @@ private:
     void OnOver(KLVMsgLoop::Link& link) override;
     void OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDescriptor socket,
                     const std::string& address) override;
+    void OnGreeted(Lock& lock, KLVMsgLoop::Link& link,
+                   const KLVMsgTransport::Greeting& greeting) override;
     void OnListenerFailed(const KLVMsgLoop::Listener& listener, int error) override;
     void OnErrand(Lock& lock) override { TellObserver(lock); }
     void OnReadable() override;
@@ -317,6 +342,7 @@ private:
 
     std::mutex m_mutex;
     KLVMsgPeerBook m_book;
+    std::map<std::uint64_t, Guest> m_guests;  // by the link's id, the oldest first
     KLVMsgInbox m_inbox;
     KLVMsgParcel::Stock m_spent;  // blocks of messages that were handed over
     KLVMsgEventQueue m_events;

@@ -145,6 +145,7 @@ void KLVMsgSessionCore::TakeBack(KLVMsgKeep& keep, KLVMsgLoop::Link& link, Queue
     Peer& place = *keep.place;
     KLVMsgOutput& output = link.connection.output;
     TellTaken(awaited, output.Taken());  // by whoever was still writing
+    output.Took(0);                      // what a transport held has not arrived
     const std::size_t hello = keep.HelloSize();
     const bool isHelloOut = output.Taken() < hello && !output.IsEmpty();
     if (isHelloOut && output.CutOut(0, hello)) {
@@ -236,7 +237,7 @@ KLVMsgOutcome KLVMsgSessionCore::ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor soc
     KLVMsgLoop::LinkPtr spare = NewPlaceLink(place);
     const std::string address = KLVMsgSessionSockets::PeerText(socket.Number());
     Peer* made = nullptr;
-    KLVMsgOutcome outcome = Adopt(std::move(socket), place.label, address, made);
+    KLVMsgOutcome outcome = Adopt(Plain(std::move(socket)), place.label, address, made);
     if (!outcome) {
         return outcome;
     }

@@ -268,7 +268,7 @@ bool KLVMsgSessionCore::HasRoom(const Peer& peer, std::size_t size) const {
 void KLVMsgSessionCore::Deliver(Lock& lock, Peer& peer, const KLVMsgWireWriter& bytes,
                                 KLVMsgDelivery* delivery, bool isOnlyOne) {
     const bool isAlone = isOnlyOne && m_loop.IsAsleep() && peer.link->connection.output.IsEmpty() &&
-                         !peer.link->isWriting;
+                         !peer.link->isWriting && peer.link->transport->IsPlain();
     Append(peer, bytes, delivery);
     Time now{};
     if (isAlone && (now = Clock::now()) - m_lastOwnWrite > kQuiet) {

@@ -1,0 +1,60 @@
+// What the loop does for connections that are not plain: their greeting, and bytes of their own.
+#include <cerrno>
+#include <chrono>
+#include <utility>
+
+#include "KLVMsgLoop.h"
+
+namespace {
+
+constexpr std::chrono::seconds kLastWords(1);  // for one that is turned away to read why
+
+}  // namespace
+
+KLVMsgOutcome KLVMsgLoop::AddGuest(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t id,
+                                   Time until, LinkPtr& link) {
+    KLVMsgOutcome outcome = Add(std::move(transport), id, nullptr, link);
+    if (outcome) {
+        link->isGreeting = true;
+        link->greetsUntil = until;
+        Arm(*link);
+    }
+    return outcome;
+}
+
+void KLVMsgLoop::Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting& greeting) {
+    if (!link.isGreeting) {
+        return;  // it was turned away meanwhile
+    }
+    const bool goesOn = greeting.state == KLVMsgTransport::Greeting::kGoesOn;
+    link.greetsWithRoom = greeting.waitsForRoom;
+    if (!goesOn || !greeting.warning.empty()) {
+        m_owner.OnGreeted(lock, link, greeting);
+    }
+    if (goesOn) {
+        return;
+    }
+    if (link.client == nullptr) {
+        TurnAway(link);
+        return;
+    }
+    link.isGreeting = false;
+    link.transport->Admit();
+    Touch(link);  // with the last word of its greeting more may have come
+}
+
+void KLVMsgLoop::TurnAway(Link& link) {
+    link.isGreeting = false;
+    link.connection.Leave(m_now + kLastWords);
+    Touch(link);
+}
+
+void KLVMsgLoop::Flush(Link& link) {
+    if (link.HoldsOutput()) {
+        const KLVMsgTransport::Result result = link.transport->Flush();
+        if (result.error != 0 && result.error != EAGAIN) {
+            link.connection.OutputFailed(result.error);
+            m_owner.OnTook(link);
+        }
+    }
+}

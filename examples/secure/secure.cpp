@@ -1,0 +1,104 @@
+// A gateway and those who talk to it, protected by TLS: each has a certificate of one authority.
+// The gateway logs who comes, goes or is turned away, and answers what it is asked. Certificates
+// for a try are made by certificates.sh.
+#include <KLVMsgTls.h>
+
+#include <cerrno>
+#include <thread>
+
+#include "Talk.h"
+
+static const char usage[] = R"(usage: secure [--timeout SECONDS] gateway FOLDER NAME PORT
+       secure [--timeout SECONDS] ask FOLDER NAME HOST PORT TEXT
+
+The folder has the files NAME.pem and NAME.key, and authority.pem, to which the certificate of every
+peer must lead. The gateway tells its port on 127.0.0.1 (with port 0 the system chooses it), prints
+what happens, answers each text, and ends when nothing has happened for so long. Who asks prints the
+gateway's names and its answer.
+
+  --timeout SECONDS   how long to wait for anybody else (20; 0: without end)
+  --help, --version
+
+Exits with 0 when all went well; with 1 when something fails; with 2 after a wrong command line.
+)";
+
+struct Question : Text {
+    explicit Question(const std::string& value = "") : Text(value) {}
+    KLVMsgSocketMessage* NewInstance() override { return new Question; }
+    KLVString GetMessageType() const override { return "Question"; }
+};
+
+struct Answer : Text {
+    explicit Answer(const std::string& value = "") : Text(value) {}
+    KLVMsgSocketMessage* NewInstance() override { return new Answer; }
+    KLVString GetMessageType() const override { return "Answer"; }
+};
+
+static KLVMsgTls Certificates(const std::string& folder, const std::string& name) {
+    KLVMsgTlsOptions options;
+    options.certificate = folder + "/" + name + ".pem";
+    options.key = folder + "/" + name + ".key";
+    options.authority = folder + "/authority.pem";
+    return KLVMsgTls(options);
+}
+
+// What a log shows.
+static void Log(KLVMsgSession& session) {
+    while (const KLVMsgEvent event = session.NextEvent(Limit())) {
+        std::printf("%s\n", Printable(event.what).c_str());
+        std::fflush(stdout);
+    }
+}
+
+static int Gateway(const KLVMsgTls& certificates, int port) {
+    Talk talk{Question()};
+    Check(talk.Serve({"127.0.0.1", port}, &port, certificates));
+    Check(talk.Start());
+    std::printf("serving on 127.0.0.1, port %d\n", port);
+    std::fflush(stdout);
+    std::thread answers([&talk] {
+        // Until the session ends.
+        for (;;) {
+            const auto asked = talk.Receive<Question>(std::chrono::hours(1));
+            if (asked) {
+                talk.Post(asked.peer, Answer("I have heard: " + asked->text));
+            } else if (asked.error == ESHUTDOWN) {
+                return;
+            }
+        }
+    });
+    Log(talk);
+    talk.End(std::chrono::seconds(1));
+    answers.join();
+    return 0;
+}
+
+static int Ask(const KLVMsgTls& certificates, const KLVMsgSocketAddress& gateway,
+               const std::string& text) {
+    Talk talk{Answer()};
+    Check(talk.Connect(gateway, "gateway", Limit(), certificates));
+    Check(talk.Start());
+    std::printf("%s\n", Printable(talk.NextEvent(Limit()).what).c_str());
+    Check(talk.Send("gateway", Question(text), Limit()));
+    const auto answer = talk.Receive<Answer>(Limit());
+    Check(answer, "gave up: no answer from the gateway", "lost the gateway");
+    std::printf("%s\n", Printable(answer->text).c_str());
+    talk.Disconnect("gateway");
+    return 0;
+}
+
+int main(int argc, char** argv) {
+    const CommandLine line("secure", usage, argc, argv);
+    return RunRole("secure", [&line] {
+        if (line.Calls("gateway", 3)) {
+            return Gateway(Certificates(line.Word(1), line.Word(2)),
+                           line.Number(line.Word(3), 0, 65535));
+        }
+        if (line.Calls("ask", 5)) {
+            const int port = line.Number(line.Word(4), 1, 65535);
+            return Ask(Certificates(line.Word(1), line.Word(2)),
+                       KLVMsgSocketAddress(line.Word(3).c_str(), port), line.Word(5));
+        }
+        line.Refuse("no such role");
+    });
+}
