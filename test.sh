@@ -4,9 +4,9 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)
 . "$root/scripts/setup.sh"
 
-need_packages cmake g++ make libgtest-dev -- libbenchmark-dev libcereal-dev libprotobuf-dev libssl-dev \
-  openssl pkg-config protobuf-compiler python3 python3-dpkt python3-matplotlib python3-protobuf python3-pytest \
-  python3-rich relacy-dev tshark
+need_packages cmake g++ make libgtest-dev -- libbenchmark-dev libcereal-dev libcpp-httplib-dev \
+  libglib2.0-dev libprotobuf-dev libssl-dev openssl pkg-config protobuf-compiler python3 python3-dpkt \
+  python3-matplotlib   python3-protobuf python3-pytest python3-rich relacy-dev tshark
 
 build=$(build_root "$root")/release
 prepare_build "$build" "$root"

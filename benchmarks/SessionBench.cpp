@@ -239,6 +239,7 @@ void ThereAndBack() {
 
 void AskOnAndOn(Process&, const Talk& talk, Talker& talker) {
     std::vector<std::thread> askers;
+    askers.reserve(static_cast<std::size_t>(talk.threads));
     for (int i = 0; i < talk.threads; ++i) {
         askers.emplace_back([&talker, i] { SendOnAndOn(talker, 1, static_cast<std::size_t>(i)); });
     }

@@ -114,7 +114,7 @@ def first_programs():
         blocks = re.findall(r"```cpp\n(.*?)\n```", (ROOT / page).read_text(encoding="utf-8"), re.S)
         return next(b for b in blocks if f"#include <{header}>" in b and "int main(" in b) + "\n"
     return {SESSION: program("README.md", "KLVMsgSession.h"),
-            "bare interface": program("docs/guide.md", "KLVMsgCommModules.h")}
+            "bare interface": program("docs/bare-first.md", "KLVMsgCommModules.h")}
 
 
 def cpu_time(command):

@@ -77,6 +77,8 @@ is_there() {  # PACKAGE
     libclang-rt-*) [ -e "$(clang++ -print-resource-dir)/lib/linux/libclang_rt.fuzzer-$(uname -m).a" ] ;;
     libcereal-dev) has_header cereal/cereal.hpp ;;
     libssl-dev) has_header openssl/ssl.h ;;
+    libcpp-httplib-dev) pkg-config --exists cpp-httplib ;;
+    libglib2.0-dev) pkg-config --exists glib-2.0 ;;
     libprotobuf-dev) has_header google/protobuf/message.h ;;
     protobuf-compiler) command -v protoc ;;
     libboost-dev) has_header boost/asio.hpp ;;

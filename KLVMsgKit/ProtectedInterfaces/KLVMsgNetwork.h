@@ -14,7 +14,7 @@ class KLVMsgPeerInfo;
 //     static const KLVMsgNetwork ours("10.1.0.0/16");
 //     session.Serve({"", 4711}, [](const KLVMsgPeerInfo& info) { return ours.Contains(info); });
 //
-// An IPv4 address that is written as an IPv6 one (::ffff:10.1.2.3) counts as the IPv4 one; apart
+// An IPv4 address that is written as an IPv6 one, as some systems do, counts as the IPv4 one; apart
 // from that a network has addresses of its own kind alone: "::/0" is every IPv6 address.
 class KLVMSGKIT_EXPORT KLVMsgNetwork {
 public:

@@ -265,8 +265,8 @@ public:
     KLVMsgOutcome Dispatch(KLVMsgTimeLimit limit);
 
     // A descriptor for loops of one's own (poll, epoll): readable while there is a message or an
-    // event to be asked for, and once the session has ended. It stays the session's: neither read
-    // it nor close it. -1 where the system has none to give.
+    // event to be asked for, and once the session drains or has ended. It stays the session's:
+    // neither read it nor close it. -1 where the system has none to give.
     int Descriptor();
 
     // Questions -----------------------------------------------------------------------------------

@@ -188,10 +188,10 @@ inline KLVMsgParcel::Owner KLVMsgParcel::Stock::TakeLong(std::size_t wish) {
 }
 
 inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Put(Owner parcel) {
-    const std::size_t room = parcel->room;
-    List& list = room == kShort ? m_short : room == kRun ? m_runs : m_long;
-    const std::size_t cost = &list == &m_long ? room : 1;
-    const std::size_t most = room == kShort ? kMostShort : room == kRun ? kMostRuns : kMostLong;
+    const std::size_t block = parcel->room;
+    List& list = block == kShort ? m_short : block == kRun ? m_runs : m_long;
+    const std::size_t cost = &list == &m_long ? block : 1;
+    const std::size_t most = block == kShort ? kMostShort : block == kRun ? kMostRuns : kMostLong;
     if (May(*parcel) && list.size + cost <= most) {
         list.Push(parcel.release(), cost);
     }

@@ -51,7 +51,7 @@ std::shared_ptr<KLVMsgPeerInfoData> Addresses(const std::string& peer, const std
 KLVMsgOutcome KLVMsgSessionCore::Admit(Lock& lock, std::uint64_t listener,
                                        const std::string& address,
                                        const std::vector<std::string>& names, std::string& served) {
-    const KLVMsgOutcome full{KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
+    KLVMsgOutcome full{KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
     if (m_live >= m_options.connectionLimit) {
         EndOneHalf();
         return full;

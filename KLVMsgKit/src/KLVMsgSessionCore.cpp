@@ -531,7 +531,8 @@ int KLVMsgSessionCore::Descriptor() {
 
 void KLVMsgSessionCore::UpdateReadable() {
     WakeIfDrained();
-    const bool isReadable = m_inbox.Count() != 0 || !m_events.IsEmpty() || m_isEnding;
+    const bool isReadable =
+        m_inbox.Count() != 0 || !m_events.IsEmpty() || m_isEnding || m_isDraining;
     if (m_readable.Number() == -1 || isReadable == m_isReadable) {
         return;
     }
@@ -598,22 +599,7 @@ KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
         if (m_isEnding) {
             return Ended(KLVMsgOutcome::kFailed);
         }
-        m_isEnding = true;
-        EndKeeps(KLVMsgPeers::All(), "the session has ended", lost);
-        Signal(m_endSignal.Number());
-        m_loop.RemoveListeners(-1);
-        WakeEverybody();
-        for (KLVMsgWaiter* const one : m_drainWaiters) {
-            one->Wake();
-        }
-        UpdateReadable();
-        m_book.ForEach([this](Peer& peer) {
-            if (peer.link != nullptr) {
-                peer.link->connection.AllowReading(Clock::now(), true);
-                peer.link->connection.EndOutput(true);
-                m_loop.Touch(*peer.link);
-            }
-        });
+        lost = BeginToEnd();
         KLVMsgWaiter waiter;
         const KLVMsgEntry<KLVMsgWaiter> entry(m_endWaiters, waiter);
         while (m_isStarted && m_live != 0 && waiter.Wait(lock, deadline)) {
@@ -630,6 +616,29 @@ KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
                 std::to_string(lost) + " messages were queued for a connection that is away"};
     }
     return !m_ready ? m_ready : haveAllClosed ? KLVMsgOutcome() : Late();
+}
+
+// From now on nothing new is taken, and every connection ends when it has sent what is queued. How
+// many messages were queued for connections that are away.
+std::size_t KLVMsgSessionCore::BeginToEnd() {
+    m_isEnding = true;
+    std::size_t lost = 0;
+    EndKeeps(KLVMsgPeers::All(), "the session has ended", lost);
+    Signal(m_endSignal.Number());
+    m_loop.RemoveListeners(-1);
+    WakeEverybody();
+    for (KLVMsgWaiter* const one : m_drainWaiters) {
+        one->Wake();
+    }
+    UpdateReadable();
+    m_book.ForEach([this](Peer& peer) {
+        if (peer.link != nullptr) {
+            peer.link->connection.AllowReading(Clock::now(), true);
+            peer.link->connection.EndOutput(true);
+            m_loop.Touch(*peer.link);
+        }
+    });
+    return lost;
 }
 
 void KLVMsgSessionCore::WakeEverybody() {

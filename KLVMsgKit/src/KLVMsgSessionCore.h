@@ -210,11 +210,12 @@ private:
     void EndAnswerless(Peer& peer);
     void EndOneHalf();
     void WakeThoseWhoseAreGone();
+    std::size_t BeginToEnd();
     void WakeEverybody();
     bool IsDrained();
     bool IsAnyInHand();
     void WakeIfDrained();
-    std::string WhatIsLeft();
+    void BeginDraining();
     static void Signal(int descriptor);
     static KLVMsgEvent Event(KLVMsgEvent::Kind kind, const Peer* peer);
     void PushEvent(KLVMsgEvent event);

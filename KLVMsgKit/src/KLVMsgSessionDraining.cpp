@@ -5,37 +5,59 @@
 
 #include "KLVMsgSessionCore.h"
 
+namespace {
+
+void Add(std::string& text, std::size_t count, const char* what) {
+    text += count == 0 ? "" : (text.empty() ? ": " : ", ") + std::to_string(count) + what;
+}
+
+}  // namespace
+
 KLVMsgOutcome KLVMsgSessionCore::Drain(KLVMsgTimeLimit limit) {
     const Time deadline = limit.Deadline();
-    std::string left;
+    std::size_t received = 0;
+    std::size_t queued = 0;
+    std::size_t inHand = 0;
     {
         Lock lock(m_mutex);
         if (KLVMsgOutcome ready = IsReady(); !ready) {
             return ready;
         }
-        m_isDraining = true;
-        Signal(m_endSignal.Number());
-        m_loop.RemoveListeners(-1);
-        m_book.ForEach([this](Peer& peer) { LimitReading(peer); });
-        ReleaseHand();
-        WakeEverybody();
         KLVMsgWaiter waiter;
         const KLVMsgEntry<KLVMsgWaiter> entry(m_drainWaiters, waiter);
+        BeginDraining();
         while (m_isStarted && !m_isEnding && !IsDrained() && waiter.Wait(lock, deadline)) {
         }
         if (m_isEnding) {
             return Ended(KLVMsgOutcome::kFailed);
         }
-        left = WhatIsLeft();
+        received = m_inbox.Count();
+        inHand = IsAnyInHand() ? 1 : 0;
+        m_book.ForEach([&](const Peer& peer) {
+            queued += peer.link != nullptr ? peer.link->connection.output.Messages() : 0;
+        });
     }
-    KLVMsgOutcome outcome =
-        End(std::max(std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()),
-                     std::chrono::milliseconds(0)));
-    if (!left.empty() && outcome.error != ESHUTDOWN) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    KLVMsgOutcome outcome = End(std::max(left, std::chrono::milliseconds(0)));
+    if (received + queued + inHand != 0 && outcome.error != ESHUTDOWN) {
         outcome = Late();
-        outcome.text += ": " + left;
+        std::string text;
+        Add(text, received, " messages were not received");
+        Add(text, queued, " messages were not sent");
+        Add(text, inHand, " or more were received and may still have been answered");
+        outcome.text += text;
     }
     return outcome;
+}
+
+void KLVMsgSessionCore::BeginDraining() {
+    m_isDraining = true;
+    Signal(m_endSignal.Number());
+    m_loop.RemoveListeners(-1);
+    m_book.ForEach([this](Peer& peer) { LimitReading(peer); });
+    ReleaseHand();
+    WakeEverybody();
+    UpdateReadable();  // who waits there asks for the next message, as those in Receive do
 }
 
 // What has come is received and answered, and what was queued, or waits for room, is sent.
@@ -53,21 +75,6 @@ bool KLVMsgSessionCore::IsAnyInHand() {
             return peer != nullptr && peer->Takes();
         });
     });
-}
-
-std::string KLVMsgSessionCore::WhatIsLeft() {
-    std::string text;
-    const auto add = [&](std::size_t count, const char* what) {
-        text += count == 0 ? "" : (text.empty() ? "" : ", ") + std::to_string(count) + what;
-    };
-    std::size_t queued = 0;
-    m_book.ForEach([&](const Peer& peer) {
-        queued += peer.link != nullptr ? peer.link->connection.output.Messages() : 0;
-    });
-    add(m_inbox.Count(), " messages were not received");
-    add(queued, " messages were not sent");
-    add(IsAnyInHand() ? 1 : 0, " or more were received and may still have been answered");
-    return text;
 }
 
 void KLVMsgSessionCore::WakeIfDrained() {

@@ -5,9 +5,12 @@
 #include <KLVMsgSession.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "Outcome.h"
 
@@ -31,9 +34,10 @@ struct Talk : KLVMsgSession {
     }
 
     // Serves on 127.0.0.1 and says so: "WHAT 127.0.0.1, port PORT". Tells the port, which it
-    // returns, to the reader of the pipe as well, if there is one (-1: none).
-    int ServeAndTell(const char* what, int portPipe, int port = 0) {
-        Check(Serve({"127.0.0.1", port}, &port));
+    // returns, to the reader of the pipe as well, if there is one (-1: none). `admit` may be empty:
+    // everybody may connect.
+    int ServeAndTell(const char* what, int portPipe, int port = 0, KLVMsgAdmit admit = {}) {
+        Check(Serve({"127.0.0.1", port}, std::move(admit), &port));
         Check(Start());
         std::printf("%s 127.0.0.1, port %d\n", what, port);
         std::fflush(stdout);
@@ -65,6 +69,21 @@ public:
     }
 
     std::string text;
+};
+
+// A message whose body is numbers, as they lie in memory.
+template <class Fields>
+struct Numbers : KLVMsgFramedMessage {
+    bool Encode(std::string& bytes) const override {
+        bytes.assign(reinterpret_cast<const char*>(&fields), sizeof fields);
+        return true;
+    }
+    bool Decode(std::string_view bytes) override {
+        std::memcpy(&fields, bytes.data(), std::min(bytes.size(), sizeof fields));
+        return bytes.size() == sizeof fields;
+    }
+
+    Fields fields = {};
 };
 
 // A question, or an answer, whose fields are a text.

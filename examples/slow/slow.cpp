@@ -53,8 +53,7 @@ static int Publish(int portPipe) {
     }
     Check(talk.Send(all, Item(last), Limit()), "gave up: a subscriber does not read");
     std::printf("published %d items\n", number);
-    Check(talk.End(Limit()), "gave up: a subscriber does not leave");
-    return 0;
+    return talk.End(Limit()) ? 0 : 1;
 }
 
 static int Read(int port, const std::string& name) {

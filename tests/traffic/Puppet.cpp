@@ -1,7 +1,7 @@
-// The processes that hostile.py, links.py, soak.py and restarts.py command: `puppet session|bare FILE SILENCE
-// INBOX TYPE...`, SILENCE in milliseconds, INBOX in MiB. With a FILE what comes is taken at once,
-// written there, and events are told. A line of the input is a command, a label, a word ("-" for
-// none) and up to three numbers; it is answered with "done" and what came of it.
+// The processes that hostile.py, links.py, soak.py and restarts.py command: `puppet session|bare
+// FILE SILENCE INBOX TYPE...`, SILENCE in milliseconds, INBOX in MiB. With a FILE what comes is
+// taken at once, written there, and events are told. A line of the input is a command, a label, a
+// word ("-" for none) and up to three numbers; it is answered with "done" and what came of it.
 #include <KLVMsgSession.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>

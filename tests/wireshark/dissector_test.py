@@ -238,6 +238,7 @@ def test_rules_of_examples(tshark, folder):
     path = os.path.join(folder, "examples.pcap")
     examples = os.path.join(HERE, "..", "..", "examples")
     tried = {"klvmsgcat": [("Note", text(b"hello"))], "pubsub": [("News", text(b"hello"))],
+             "service": [("Price", text(bytes(8) + b"bolt")), ("Offer", text(bytes(8)))],
              "workers": [("Job", text(b"1234")), ("Result", text(b"12345678"))],
              "exchange": [("Hello", struct.pack("<Q", 1) + b"a" + struct.pack("<Q", 3)),
                           ("Chunk", struct.pack("<QQ", 0, 3) + b"abc"), ("Receipt", bytes(8)),

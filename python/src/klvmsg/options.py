@@ -25,6 +25,7 @@ and lines such as "decode MODULE:FUNCTION", "proto FILE", "text TYPE":
   Note=length(0,4,little)     begins with a length of 4 bytes, which counts the bytes behind it
   Frame=length(2,2,big)       has 2 bytes, then a length of 2 bytes, and what that counts
   Hello=length(0,8,little,8)  has 8 bytes more than its length counts
+  Price=length(0,4,little) call   the same, with a question's or answer's number before its fields
   *=length(0,4,little)        all types without a rule of their own; this one holds unless another
                               is given
 """
