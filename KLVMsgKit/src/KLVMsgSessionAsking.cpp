@@ -57,7 +57,8 @@ KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSessionCore::Ask(const KLVMsgPeers& to
         outcome = AwaitAnswer(lock, waiting, number, received.peer, deadline);
     }
     if (outcome) {
-        received.message = TakeApart(lock, std::move(waiting.answer), received.peer);
+        received.message =
+            Unpack(std::move(waiting.answer), waiting.type, waiting.body, received.peer);
         if (received.message == nullptr) {
             const Lock again(m_mutex);
             outcome = Gone(received.peer);
@@ -94,13 +95,14 @@ KLVMsgOutcome KLVMsgSessionCore::PutQuestion(Lock& lock, const KLVMsgPeers& to,
         peer->questions.erase(number);
         return InboxIsFull();
     }
+    ++m_questions.asked;
     try {
         Deliver(lock, *peer, bytes, &question.delivery, true);
     } catch (...) {
+        --m_questions.asked;
         peer->questions.erase(number);
         throw;
     }
-    ++m_questions.asked;
     return outcome;
 }
 
@@ -128,36 +130,25 @@ KLVMsgSessionCore::Peer* KLVMsgSessionCore::NextToAsk(const KLVMsgPeers& to) {
 KLVMsgOutcome KLVMsgSessionCore::AwaitAnswer(Lock& lock, KLVMsgQuestion& question,
                                              std::uint64_t number, KLVMsgPeer asked,
                                              Time deadline) {
-    while (!question.isOver && question.waiter.Wait(lock, deadline)) {
+    lock.unlock();  // for good, in the end
+    if (question.Wait(deadline) && question.isAnswered && question.isSent) {
+        return {};
     }
+    lock.lock();
     if (Peer* const peer = m_book.Find(asked); peer != nullptr) {
         peer->questions.erase(number);
     }
     if (question.delivery.left != 0) {
         Withdraw(question.delivery);  // also where it waits for a connection that is kept
     }
-    if (question.answer != nullptr) {
-        ++m_questions.answered;
-        return {};
-    }
-    ++(question.isOver ? m_questions.failed : m_questions.tooLate);
-    return question.isOver ? std::move(question.failure) : Late();
-}
-
-// The message of an answer, made without the mutex, which is let go. The block of a short one goes
-// back before that.
-KLVMsgSessionCore::Message KLVMsgSessionCore::TakeApart(Lock& lock, KLVMsgParcel::Owner parcel,
-                                                        KLVMsgPeer from) {
-    const std::uint32_t type = parcel->type;
-    std::string_view body = parcel->Body();
-    char bytes[KLVMsgParcel::kShort];
-    if (body.size() <= sizeof bytes) {
-        std::memcpy(bytes, body.data(), body.size());
-        body = {bytes, body.size()};
-        parcel = m_spent.Put(std::move(parcel));
-    }
+    const bool isAnswered = question.isAnswered;
+    m_questions.failed += question.isOver && !isAnswered ? 1 : 0;
+    m_questions.tooLate += question.isOver ? 0 : 1;
+    KLVMsgOutcome outcome = isAnswered        ? KLVMsgOutcome()
+                            : question.isOver ? std::move(question.failure)
+                                              : Late();
     lock.unlock();
-    return Unpack(std::move(parcel), type, body, from);
+    return outcome;
 }
 
 void KLVMsgSessionCore::FailQuestions(Peer& peer, KLVMsgOutcome::Status status, int error,
@@ -171,7 +162,7 @@ void KLVMsgSessionCore::FailQuestions(Peer& peer, KLVMsgOutcome::Status status, 
         } catch (const std::bad_alloc&) {
             // Without words, then.
         }
-        question->waiter.Wake();
+        question->Wake();
     }
     peer.questions.clear();
 }
@@ -191,10 +182,18 @@ bool KLVMsgSessionCore::TakeAnswer(Peer& peer, KLVMsgParcel::Owner& parcel) {
         return true;
     }
     KLVMsgQuestion& question = *found->second;
-    question.answer = std::move(parcel);
-    question.isOver = true;
-    question.waiter.Wake();
     peer.questions.erase(found);
+    question.body = parcel->Body();
+    if (question.body.size() <= sizeof question.bytes) {
+        std::memcpy(question.bytes, question.body.data(), question.body.size());
+        question.body = {question.bytes, question.body.size()};
+        parcel = m_spent.Put(std::move(parcel));
+    }
+    question.answer = std::move(parcel);
+    question.isOver = question.isAnswered = true;
+    question.isSent = question.delivery.left == 0;
+    ++m_questions.answered;
+    question.Wake();
     return true;
 }
 

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -52,14 +53,37 @@ struct KLVMsgDelivery {
     }
 };
 
-// A question that somebody waits to be answered; it is on the asking thread's stack.
+// A question that somebody waits to be answered; it is on the asking thread's stack. Whoever is
+// woken with an answer needs the session's mutex no more: many who ask would wait for it in turn.
 struct KLVMsgQuestion {
-    KLVMsgWaiter waiter;
+    using Time = KLVMsgTimeLimit::Clock::time_point;
+
+    // False when the time is over. Requires: the session's mutex is not held.
+    bool Wait(Time limit) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_ready.wait_until(lock, limit, [this] { return m_isReady; });
+    }
+    void Wake() {
+        const std::lock_guard<std::mutex> lock(m_mutex);  // until then it is not destroyed
+        m_isReady = true;
+        m_ready.notify_one();
+    }
+
+    // Guarded by the session's mutex, until it is over.
     KLVMsgDelivery delivery;  // of the question
     std::uint32_t type = 0;   // of the answer
     bool isOver = false;
-    KLVMsgParcel::Owner answer;  // null when it is over without one, for the cause in `failure`
+    bool isAnswered = false;     // otherwise it is over for the cause in `failure`
+    bool isSent = false;         // when it was answered: nobody has `delivery` any more
+    KLVMsgParcel::Owner answer;  // null where its bytes were copied
+    std::string_view body;       // of the answer
+    char bytes[KLVMsgParcel::kShort];
     KLVMsgOutcome failure;
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_ready;
+    bool m_isReady = false;
 };
 
 // What stands behind KLVMsgSession. The mutex guards all of it but the types, which do not change
@@ -303,7 +327,6 @@ private:
                               std::uint64_t number, KLVMsgQuestion& question, KLVMsgPeer& asked);
     KLVMsgOutcome AwaitAnswer(Lock& lock, KLVMsgQuestion& question, std::uint64_t number,
                               KLVMsgPeer asked, Time deadline);
-    Message TakeApart(Lock& lock, KLVMsgParcel::Owner parcel, KLVMsgPeer from);
     static void FailQuestions(Peer& peer, KLVMsgOutcome::Status status, int error,
                               std::string_view cause);
     bool TakeAnswer(Peer& peer, KLVMsgParcel::Owner& parcel);
