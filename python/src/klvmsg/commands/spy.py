@@ -57,6 +57,7 @@ def run(options: argparse.Namespace) -> int:
         return _top(options, decode, chosen, keep)
 
     calls = Calls(options.rules)
+
     def line(event: Event) -> Optional[str]:
         call = calls.note(event)
         if not chosen.takes(event):
