@@ -61,7 +61,7 @@ std::string KLVMsgTlsWords::Failure(const SSL* connection) {
                X509_verify_cert_error_string(verdict);
     }
     const unsigned long error = ERR_peek_error();
-    const std::string words = Words(error);
+    std::string words = Words(error);
     if (ERR_GET_LIB(error) != ERR_LIB_SSL) {
         return words;
     }
