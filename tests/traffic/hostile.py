@@ -246,10 +246,13 @@ def send_flood(scene):
 
 
 def flood(scene):
+    # The good one first: a `Receive` is told that the inbox is full where nobody else is there.
+    scene.start_good()
     scene.run(send_flood)
 
 
 def flood_asked_for(scene):
+    scene.start_good()
     if scene.is_measured:
         scene.session.ask("take", NOBODY)
     scene.run(send_flood)
