@@ -163,8 +163,10 @@ void KLVMsgLoop::Touch(Link& link) {
 void KLVMsgLoop::Wake() {
     if (m_isAsleep) {
         m_isAsleep = false;
-        const std::uint64_t one = 1;
-        static_cast<void>(!write(m_wakeUp.Number(), &one, sizeof one));
+        if (!m_looks) {
+            const std::uint64_t one = 1;
+            static_cast<void>(!write(m_wakeUp.Number(), &one, sizeof one));
+        }
     }
 }
 
@@ -223,12 +225,40 @@ void KLVMsgLoop::DoErrand(Lock& lock) {
 
 int KLVMsgLoop::Wait(epoll_event* events, int most) {
     Time until;
+    bool isIdle = false;
     {
         const Lock lock(m_mutex);
+        isIdle = m_firstTouched == nullptr && !m_isToStop && !m_hasErrand;
         // Who touches a connection while others gather need not wake the loop for it.
-        m_isAsleep = m_firstTouched == nullptr && !m_isToStop && !m_hasErrand;
-        until = m_isAsleep ? NextTimer() : m_isToStop ? Time::min() : m_gathersUntil;
+        m_isAsleep = m_looks = isIdle;
+        until = isIdle ? NextTimer() : m_isToStop ? Time::min() : m_gathersUntil;
     }
+    return std::max(isIdle ? Idle(events, most, until) : Sleep(events, most, until), 0);
+}
+
+// With nothing to do it may look for a while: who wants it then need not wake it.
+int KLVMsgLoop::Idle(epoll_event* events, int most, Time until) {
+    int count = 0;
+    if (m_linger.Begin()) {
+        m_linger.Look(until, [&] {
+            count = epoll_wait(m_epoll.Number(), events, most, 0);
+            return count != 0 || !m_isAsleep;
+        });
+    }
+    if (count == 0) {
+        bool isWanted = false;
+        {
+            const Lock lock(m_mutex);
+            m_looks = false;
+            isWanted = !m_isAsleep;
+        }
+        count = isWanted ? 0 : Sleep(events, most, until);
+    }
+    m_linger.End(count > 0 || !m_isAsleep);
+    return count;
+}
+
+int KLVMsgLoop::Sleep(epoll_event* events, int most, Time until) const {
     timespec limit = {};
     const Time now = until == Time::max() ? until : Clock::now();
     if (until > now) {
@@ -246,7 +276,7 @@ int KLVMsgLoop::Wait(epoll_event* events, int most) {
         count = epoll_wait(m_epoll.Number(), events, most,
                            isEndless ? -1 : static_cast<int>(milliseconds));
     }
-    return std::max(count, 0);
+    return count;
 }
 
 KLVMsgLoop::Time KLVMsgLoop::NextTimer() const {

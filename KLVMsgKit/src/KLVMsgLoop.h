@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "KLVMsgConnection.h"
+#include "KLVMsgLinger.h"
 #include "KLVMsgOutcome.h"
 #include "KLVMsgPeerInfo.h"
 #include "KLVMsgSessionOptions.h"
@@ -191,6 +193,8 @@ private:
 
     void Run();
     int Wait(struct epoll_event* events, int most);
+    int Idle(struct epoll_event* events, int most, Time until);
+    int Sleep(struct epoll_event* events, int most, Time until) const;
     void Serve(Lock& lock, std::uint64_t id, unsigned happened);
     void Enlist(Lock& lock, const LinkPtr& link);
     void ReadGroup(Lock& lock);
@@ -231,6 +235,7 @@ private:
     std::size_t m_writes = 0;
     std::size_t m_written = 0;  // bytes in this round
     Time m_gathersUntil{};      // nothing is written before
+    KLVMsgLinger m_linger;
 
     // Guarded by the mutex.
     std::unordered_map<std::uint64_t, LinkPtr> m_links;
@@ -239,7 +244,8 @@ private:
     Link* m_lastTouched = nullptr;
     std::set<Timer> m_timers;
     Time m_now{};
-    bool m_isAsleep = false;
+    std::atomic<bool> m_isAsleep{false};  // waits, or looks whether something has happened
+    bool m_looks = false;                 // the latter, so that nobody need wake it
     bool m_isToStop = false;
     bool m_hasErrand = false;
 };

@@ -26,6 +26,7 @@
 #include "KLVMsgEventQueue.h"
 #include "KLVMsgInbox.h"
 #include "KLVMsgKeep.h"
+#include "KLVMsgLinger.h"
 #include "KLVMsgLoop.h"
 #include "KLVMsgMessageTypes.h"
 #include "KLVMsgModuleUse.h"
@@ -60,8 +61,14 @@ struct KLVMsgQuestion {
 
     // False when the time is over. Requires: the session's mutex is not held.
     bool Wait(Time limit) {
+        KLVMsgLinger& linger = KLVMsgLinger::OfThread();
+        if (linger.Begin()) {
+            linger.Look(limit, [this] { return m_isReady.load(); });
+        }
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_ready.wait_until(lock, limit, [this] { return m_isReady; });
+        const bool ready = m_ready.wait_until(lock, limit, [this] { return m_isReady.load(); });
+        linger.End(ready);
+        return ready;
     }
     void Wake() {
         const std::lock_guard<std::mutex> lock(m_mutex);  // until then it is not destroyed
@@ -83,7 +90,7 @@ struct KLVMsgQuestion {
 private:
     std::mutex m_mutex;
     std::condition_variable m_ready;
-    bool m_isReady = false;
+    std::atomic<bool> m_isReady{false};  // changes with the mutex held
 };
 
 // What stands behind KLVMsgSession. The mutex guards all of it but the types, which do not change
