@@ -58,9 +58,11 @@ struct Life {
         Try([&] { return server.emplace(), KLVMsgOutcome(); });
         Try([&] { return client.emplace(), KLVMsgOutcome(); });
         const auto connects = [&] { return client->Connect(At(port), "server", ever); };
+        const auto admit = [](const KLVMsgPeerInfo& info) { return info.Port() != 0; };
         return Try([&] { return server->Register(Word()); }) &&
                Try([&] { return server->Register(Bare()); }) &&
-               Try([&] { return server->Serve(anyPort, &port); }) &&
+               Try([&] { return server->Observe([](const KLVMsgEvent&) {}); }) &&
+               Try([&] { return server->Serve(anyPort, admit, &port); }) &&
                Try([&] { return server->Start(); }) && SeesLoops(1) &&
                Try([&] { return client->Register(Word()); }) &&
                Try([&] { return client->Start(); }) && SeesLoops(2) && Try(connects) &&

@@ -371,6 +371,7 @@ private:
     KLVMsgEventQueue m_events;
     Observer m_observer;           // does not change once the loop runs
     KLVMsgEventQueue m_observed;   // what it has not seen yet
+    KLVMsgEventQueue m_telling;    // what it sees now: the loop's own
     std::size_t m_live = 0;        // connections that are not over
     std::size_t m_queuedCost = 0;  // of all outputs
     std::size_t m_paused = 0;      // peers that are not read
