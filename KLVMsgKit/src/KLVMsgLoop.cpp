@@ -366,7 +366,7 @@ void KLVMsgLoop::HandOver(Lock& lock, Reading& one) {
     } else if (one.result.cut) {
         link.connection.End(KLVMsgEvent::kCut, "the connection was cut");
     } else if (one.result.error != 0 && one.result.error != EAGAIN) {
-        const std::string why = link.transport->Why();
+        const std::string_view why = link.transport->Why();
         why.empty() ? link.connection.Failed(one.result.error)
                     : link.connection.End(KLVMsgEvent::kReset, why);
     }
@@ -492,9 +492,7 @@ void KLVMsgLoop::CheckTimers(Lock& lock) {
             const LinkPtr link = found->second;
             link->due = Time::max();
             if (link->isGreeting && link->greetsUntil <= m_now) {
-                Greeted(lock, *link,
-                        {KLVMsgTransport::Greeting::kFailed, false, ETIMEDOUT,
-                         "the greeting has taken too long", ""});
+                GreetsTooLong(lock, *link);
             }
             const KLVMsgTransport::Sample sample = link->transport->TakeSample();
             if (link->connection.Check(

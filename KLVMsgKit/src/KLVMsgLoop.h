@@ -197,6 +197,7 @@ private:
     void Read(Reading& one);
     void HandOver(Lock& lock, Reading& one);
     void Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting& greeting);
+    void GreetsTooLong(Lock& lock, Link& link);
     void Flush(Link& link);
     void DoTouched(Lock& lock);
     void WriteGroup(Lock& lock);

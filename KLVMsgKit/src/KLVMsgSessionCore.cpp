@@ -439,7 +439,7 @@ void KLVMsgSessionCore::OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDes
             }
         }
         if (!outcome && outcome.error != ESHUTDOWN) {
-            TellRefused(address, outcome);
+            TellRefused(address, outcome.error, outcome.text);
         }
     } catch (const std::bad_alloc&) {
         m_events.Miss();

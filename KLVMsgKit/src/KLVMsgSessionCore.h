@@ -207,7 +207,7 @@ private:
     KLVMsgOutcome Adopt(std::unique_ptr<KLVMsgTransport> transport, const std::string& label,
                         const std::string& address, Peer*& made);
     void TellCame(const Peer& peer, const KLVMsgTransport& transport);
-    void TellRefused(const std::string& address, const KLVMsgOutcome& outcome);
+    void TellRefused(const std::string& address, int error, const std::string& why);
     KLVMsgOutcome Admit(Lock& lock, std::uint64_t listener, const std::string& address,
                         const std::vector<std::string>& names, std::string& served);
 
