@@ -384,7 +384,6 @@ private:
     bool m_isStarted = false;
     bool m_isDraining = false;
     bool m_isEnding = false;
-    bool m_isEnded = false;
     KLVMsgDescriptor m_readable;
     bool m_isReadable = false;
 
