@@ -64,8 +64,10 @@ void KLVMsgSessionCore::BeginDraining() {
 // What has come is received and answered, and what was queued, or waits for room, is sent.
 bool KLVMsgSessionCore::IsDrained() {
     const auto waits = [](const KLVMsgDelivery* one) { return !one->roomless.empty(); };
+    const auto leaves = [](const auto& keep) { return keep.second->leaving != nullptr; };
     return m_inbox.Count() == 0 && m_queuedCost == 0 && !IsAnyInHand() &&
-           std::none_of(m_roomless.begin(), m_roomless.end(), waits);
+           std::none_of(m_roomless.begin(), m_roomless.end(), waits) &&
+           std::none_of(m_keeps.begin(), m_keeps.end(), leaves);
 }
 
 // Whether a thread has a message that it may still answer.

@@ -132,8 +132,8 @@ void KLVMsgSessionCore::Part(Peer& peer, const KLVMsgLoop::LinkPtr& link) {
 void KLVMsgSessionCore::TakeBackLate(KLVMsgLoop::Link& link) {
     for (const auto& [label, keep] : m_keeps) {
         if (keep->leaving.get() == &link) {
+            const KLVMsgLoop::LinkPtr over = std::move(keep->leaving);
             TakeBack(*keep, link, keep->leavingAwaited);
-            keep->leaving.reset();
             return;
         }
     }
@@ -302,7 +302,9 @@ std::size_t KLVMsgSessionCore::EndKeeps(const KLVMsgPeers& meant, const std::str
             keep.connection->keep = nullptr;
         }
         Peer& place = *keep.place;
-        lost += place.link != nullptr ? place.link->connection.output.Messages() : 0;
+        for (const KLVMsgLoop::LinkPtr& link : {place.link, keep.leaving}) {
+            lost += link != nullptr ? link->connection.output.Messages() : 0;
+        }
         FailAwaited(place.awaited, cause);
         FailAwaited(keep.leavingAwaited, cause);
         place.link = nullptr;
