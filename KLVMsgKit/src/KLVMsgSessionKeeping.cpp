@@ -244,9 +244,9 @@ KLVMsgOutcome KLVMsgSessionCore::ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor soc
     KLVMsgConnection& connection = made->link->connection;
     try {
         if (keep.HelloSize() != 0) {
-            connection.output.Append(keep.helloHead,
-                                     keep.helloBody != nullptr ? *keep.helloBody : std::string(),
-                                     keep.helloBody);
+            const std::shared_ptr<const std::string>& body = keep.helloBody;
+            connection.output.Append(keep.helloHead, body != nullptr ? *body : std::string_view(),
+                                     body);
         }
         MoveQueue(place.link->connection.output, place.awaited, connection.output, made->awaited);
     } catch (const std::bad_alloc&) {
