@@ -323,18 +323,16 @@ KLVMsgOutcome KLVMsgSessionCore::Disconnect(const KLVMsgPeers& meant) {
     const std::string cause = "the peer was disconnected here";
     std::size_t lost = 0;
     bool isAny = meant.HowMeant() != KLVMsgPeers::kOne && EndKeeps(meant, cause, lost) != 0;
-    std::vector<Peer*> found;
-    m_book.Find(meant, found);
-    for (Peer* const peer : found) {
-        if (peer->link != nullptr && !peer->link->connection.Discards()) {
+    m_book.ForMeant(meant, [&](Peer& peer) {
+        if (peer.link != nullptr && !peer.link->connection.Discards()) {
             isAny = true;
-            peer->link->connection.Leave(Clock::now() + kLastWords);
-            FailAwaited(peer->awaited, cause);
-            UpdateCost(*peer);
-            TellGone(*peer, KLVMsgEvent::kShutDownHere, "shut down here", 0);
-            m_loop.Touch(*peer->link);
+            peer.link->connection.Leave(Clock::now() + kLastWords);
+            FailAwaited(peer.awaited, cause);
+            UpdateCost(peer);
+            TellGone(peer, KLVMsgEvent::kShutDownHere, "shut down here", 0);
+            m_loop.Touch(*peer.link);
         }
-    }
+    });
     return isAny ? KLVMsgOutcome() : Gone(meant);
 }
 
@@ -564,14 +562,12 @@ void KLVMsgSessionCore::AddCounts(KLVMsgCounts& counts, Peer& peer) {
 
 KLVMsgCounts KLVMsgSessionCore::Counts(const KLVMsgPeers& meant) {
     const Lock lock(m_mutex);
-    std::vector<Peer*> found;
-    m_book.Find(meant, found);
     KLVMsgCounts counts;
-    for (Peer* const peer : found) {
-        if (peer->IsThere() || peer->isPlace) {
-            AddCounts(counts, *peer);
+    m_book.ForMeant(meant, [&](Peer& peer) {
+        if (peer.IsThere() || peer.isPlace) {
+            AddCounts(counts, peer);
         }
-    }
+    });
     return counts;
 }
 
