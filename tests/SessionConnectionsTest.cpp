@@ -51,7 +51,11 @@ TEST(SessionConnections, TellsWhyItCannotConnectOrServeOrRegister) {
     EXPECT_EQ(EINVAL, session.Serve(At(70000)).error);
     EXPECT_EQ(ENOENT, session.StopServing(-1).error);
     EXPECT_EQ(KLVMsgOutcome::kTooLate, session.NextEvent(20ms).status);
-    EXPECT_TRUE(session.StopServing(session.port));
+    {
+        const FailingCall first("epoll_ctl", EMFILE, 1);
+        EXPECT_EQ(EMFILE, session.Serve({"::1", session.port}).error);
+    }
+    EXPECT_TRUE(session.StopServing(session.port)) << "as it was served before";
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, reading.get()) << "nobody can come";
     {
         const FailingCall second("epoll_ctl", EMFILE, 2);

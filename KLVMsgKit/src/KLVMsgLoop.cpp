@@ -125,9 +125,9 @@ const KLVMsgLoop::Listener* KLVMsgLoop::FindListener(std::uint64_t id) const {
     return found == m_listeners.end() ? nullptr : &found->second;
 }
 
-int KLVMsgLoop::RemoveListeners(int port) {
+int KLVMsgLoop::RemoveListeners(int port, std::uint64_t before) {
     int count = 0;
-    for (auto one = m_listeners.begin(); one != m_listeners.end();) {
+    for (auto one = m_listeners.upper_bound(before); one != m_listeners.end();) {
         const bool isMeant = port == -1 || one->second.port == port;
         count += isMeant ? 1 : 0;
         // A copy of the descriptor, as a child process may have, would keep it in epoll's list.

@@ -139,8 +139,9 @@ public:
     KLVMsgOutcome AddListener(std::uint64_t id, Listener listener);
     const Listener* FindListener(std::uint64_t id) const;  // null: it serves no more
 
-    // No longer serves on a port, or on any with port -1; how many sockets were closed.
-    int RemoveListeners(int port);
+    // No longer serves on a port, or on any with port -1; how many sockets were closed. Those of
+    // ids up to `before` stay.
+    int RemoveListeners(int port, std::uint64_t before = 0);
     bool HasListeners() const { return !m_listeners.empty(); }
 
     // Waits for a descriptor of the owner's as well, which is told whenever that is readable.

@@ -147,6 +147,7 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, KLVMs
         made.admit = std::make_shared<const KLVMsgAdmit>(std::move(admit));
     }
     const Lock lock(m_mutex);
+    const std::uint64_t before = m_book.NextId();
     outcome = IsReady();
     try {
         for (auto socket = sockets.begin(); outcome && socket != sockets.end(); ++socket) {
@@ -159,11 +160,11 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, KLVMs
             outcome = m_loop.AddListener(m_book.NextId(), std::move(one));
         }
     } catch (const std::bad_alloc&) {
-        m_loop.RemoveListeners(bound);
+        m_loop.RemoveListeners(bound, before);
         throw;
     }
     if (!outcome) {
-        m_loop.RemoveListeners(bound);
+        m_loop.RemoveListeners(bound, before);
     } else if (port != nullptr) {
         *port = bound;
     }
