@@ -69,6 +69,10 @@ KLVMsgOutcome KLVMsgSessionCore::Ended(KLVMsgOutcome::Status status) {
     return {status, ESHUTDOWN, "the session has ended"};
 }
 
+KLVMsgOutcome KLVMsgSessionCore::TooMany() {
+    return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
+}
+
 KLVMsgOutcome KLVMsgSessionCore::Gone(const KLVMsgPeers& meant) {
     if (!m_ready) {
         return m_ready;
@@ -211,7 +215,7 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
         return outcome;
     }
     if (m_live >= m_options.connectionLimit) {
-        return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
+        return TooMany();
     }
     Peer* peer = nullptr;
     outcome = Adopt(std::move(transport), label, text, peer);

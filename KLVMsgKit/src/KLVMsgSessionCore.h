@@ -199,6 +199,7 @@ private:
     static KLVMsgOutcome Late();
     static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
     static KLVMsgOutcome InboxIsFull();
+    static KLVMsgOutcome TooMany();
     KLVMsgOutcome Gone(const KLVMsgPeers& meant);
     KLVMsgOutcome IsReady() const;
 

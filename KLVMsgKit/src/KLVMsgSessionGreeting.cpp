@@ -67,7 +67,7 @@ KLVMsgOutcome KLVMsgSessionCore::Invite(std::unique_ptr<KLVMsgTransport> transpo
                                         std::uint64_t listener, const std::string& address) {
     if (m_live >= m_options.connectionLimit) {
         EndOneHalf();
-        return {KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
+        return TooMany();
     }
     const Transports transports = m_loop.FindListener(listener)->transports;
     if (m_guests.size() >= transports->MostGreetings()) {

@@ -231,7 +231,7 @@ void KLVMsgSessionCore::OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsg
 // What has waited is queued behind the hello.
 KLVMsgOutcome KLVMsgSessionCore::ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket) {
     if (m_live >= m_options.connectionLimit) {
-        return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
+        return TooMany();
     }
     Peer& place = *keep.place;
     KLVMsgLoop::LinkPtr spare = NewPlaceLink(place);
