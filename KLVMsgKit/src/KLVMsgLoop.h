@@ -32,6 +32,9 @@
 // sends, takes the mutex and clears it; whoever comes meanwhile only appends. A descriptor is
 // closed when the map and the writer have both let go of the connection, so that nobody sends on a
 // number that is somebody else's.
+//
+// Sources: KLVMsgLoop.cpp has the rounds and what moves the bytes, KLVMsgLoopListening.cpp who comes,
+// KLVMsgLoopGreeting.cpp what connections that are not plain need beside that.
 class KLVMsgLoop {
 public:
     using Clock = KLVMsgTimeLimit::Clock;
@@ -49,11 +52,11 @@ public:
              const KLVMsgMessageTypes& types, const KLVMsgSessionOptions& options)
             : id(number), transport(std::move(way)), client(whose), connection(types, options) {}
 
-        const std::uint64_t id;
-        const std::unique_ptr<KLVMsgTransport> transport;
         // Whether the transport has bytes of its own to write.
         bool HoldsOutput() const { return !transport->IsPlain() && transport->HoldsOutput(); }
 
+        const std::uint64_t id;
+        const std::unique_ptr<KLVMsgTransport> transport;
         Client* client;  // null while it greets, and when the owner has been told that it is over
         KLVMsgConnection connection;
         bool isGreeting = false;  // nothing else is read or written meanwhile
