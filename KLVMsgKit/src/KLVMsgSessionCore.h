@@ -227,7 +227,7 @@ private:
     void OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsgDescriptor socket);
     KLVMsgOutcome ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket);
     void TellAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
-    void TellLost(const Peer& peer, std::size_t count);
+    void TellLost(const Peer& peer, std::size_t count, const char* why);
     std::size_t EndKeeps(const KLVMsgPeers& meant, const std::string& cause, std::size_t& lost);
 
     void TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std::string& text, int error);

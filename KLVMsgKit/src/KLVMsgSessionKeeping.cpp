@@ -155,6 +155,7 @@ void KLVMsgSessionCore::TakeBack(KLVMsgKeep& keep, KLVMsgLoop::Link& link, Queue
         }
     }
     std::size_t lost = 0;
+    const char* why = "a part of it had been taken";
     KLVMsgOutput since;
     Queue sinceAwaited;
     try {
@@ -164,13 +165,14 @@ void KLVMsgSessionCore::TakeBack(KLVMsgKeep& keep, KLVMsgLoop::Link& link, Queue
         lost = isBegun && !isHelloOut ? 1 : 0;
         MoveQueue(since, sinceAwaited, queue, place.awaited);
     } catch (const std::bad_alloc&) {
-        lost = output.Messages() + since.Messages();
+        lost += output.Messages() + since.Messages();
+        why = "there was no memory to keep what was queued";
         output.Clear();
     }
     FailAwaited(awaited, link.connection.Text());
     FailAwaited(sinceAwaited, link.connection.Text());
     if (lost != 0) {
-        TellLost(place, lost);
+        TellLost(place, lost, why);
     }
     UpdateCost(place);
     WakeRoomless();
@@ -194,12 +196,11 @@ bool KLVMsgSessionCore::MoveQueue(KLVMsgOutput& from, Queue& awaited, KLVMsgOutp
     return isBegun;
 }
 
-void KLVMsgSessionCore::TellLost(const Peer& peer, std::size_t count) {
+void KLVMsgSessionCore::TellLost(const Peer& peer, std::size_t count, const char* why) {
     Tell([&] {
         KLVMsgEvent event = Event(KLVMsgEvent::kLost, &peer);
         event.what = peer.address + ": " + std::to_string(count) +
-                     (count == 1 ? " message is lost: a part of it had been taken"
-                                 : " messages are lost, for want of memory");
+                     (count == 1 ? " message is lost: " : " messages are lost: ") + why;
         return event;
     });
 }
