@@ -34,7 +34,7 @@ FLOORS = (
     "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgQuietThread KLVMsgLinger KLVMsgResolver "
     "KLVMsgDialer KLVMsgGreeting KLVMsgKitTls/",
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
-    "KLVMsgLoop KLVMsgLoopGreeting",
+    "KLVMsgLoop KLVMsgLoopGreeting KLVMsgLoopListening",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
     "KLVMsgSessionAdmitting KLVMsgSessionGreeting KLVMsgSessionKeeping KLVMsgSessionEnding "
     "KLVMsgSessionAsking KLVMsgSessionDispatching KLVMsgMetrics "

@@ -58,9 +58,11 @@ struct Life {
         Try([&] { return server.emplace(), KLVMsgOutcome(); });
         Try([&] { return client.emplace(), KLVMsgOutcome(); });
         const auto connects = [&] { return client->Connect(At(port), "server", ever); };
+        const auto admit = [](const KLVMsgPeerInfo& info) { return info.Port() != 0; };
         return Try([&] { return server->Register(Word()); }) &&
                Try([&] { return server->Register(Bare()); }) &&
-               Try([&] { return server->Serve(anyPort, &port); }) &&
+               Try([&] { return server->Observe([](const KLVMsgEvent&) {}); }) &&
+               Try([&] { return server->Serve(anyPort, admit, &port); }) &&
                Try([&] { return server->Start(); }) && SeesLoops(1) &&
                Try([&] { return client->Register(Word()); }) &&
                Try([&] { return client->Start(); }) && SeesLoops(2) && Try(connects) &&
@@ -120,13 +122,15 @@ struct Life {
     // Neither waits for answers that the other one may still give.
     void End() {
         for (auto* const one : {&*client, &*server, &*client, &*server}) {
-            if (!Try([&] { return one->Disconnect(KLVMsgPeers::All()); })) {
+            const auto left = Try([&] { return one->Disconnect(KLVMsgPeers::All()); });
+            if (!left) {
                 while (const auto event = Try([&] { return one->NextEvent(0ms); })) {
                     lacks = lacks || event.cause == KLVMsgEvent::kNoMemory ||
                             event.kind == KLVMsgEvent::kLeftOut;
                 }
                 Try([&] { return one->WaitUntilGone(KLVMsgPeers::All(), ever); });
-                Try([&] { return one->End(ever); });
+                const int error = Try([&] { return one->End(ever); }).error;
+                EXPECT_TRUE(error != ESHUTDOWN || left.error == ESHUTDOWN) << "half done";
             }
         }
     }

@@ -25,6 +25,12 @@ public:
 
     bool IsEmpty() const { return m_events.empty(); }
 
+    // Takes no memory: to move a deque does.
+    void Swap(KLVMsgEventQueue& other) noexcept {
+        m_events.swap(other.m_events);
+        std::swap(m_missed, other.m_missed);
+    }
+
     // Requires: it is not empty.
     KLVMsgEvent Take() {
         KLVMsgEvent event = std::move(m_events.front());

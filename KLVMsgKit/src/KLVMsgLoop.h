@@ -34,6 +34,9 @@
 // sends, takes the mutex and clears it; whoever comes meanwhile only appends. A descriptor is
 // closed when the map and the writer have both let go of the connection, so that nobody sends on a
 // number that is somebody else's.
+//
+// Sources: KLVMsgLoop.cpp has the rounds and what moves the bytes, KLVMsgLoopListening.cpp who comes,
+// KLVMsgLoopGreeting.cpp what connections that are not plain need beside that.
 class KLVMsgLoop {
 public:
     using Clock = KLVMsgTimeLimit::Clock;
@@ -51,11 +54,11 @@ public:
              const KLVMsgMessageTypes& types, const KLVMsgSessionOptions& options)
             : id(number), transport(std::move(way)), client(whose), connection(types, options) {}
 
-        const std::uint64_t id;
-        const std::unique_ptr<KLVMsgTransport> transport;
         // Whether the transport has bytes of its own to write.
         bool HoldsOutput() const { return !transport->IsPlain() && transport->HoldsOutput(); }
 
+        const std::uint64_t id;
+        const std::unique_ptr<KLVMsgTransport> transport;
         Client* client;  // null while it greets, and when the owner has been told that it is over
         KLVMsgConnection connection;
         bool isGreeting = false;  // nothing else is read or written meanwhile
@@ -141,8 +144,9 @@ public:
     KLVMsgOutcome AddListener(std::uint64_t id, Listener listener);
     const Listener* FindListener(std::uint64_t id) const;  // null: it serves no more
 
-    // No longer serves on a port, or on any with port -1; how many sockets were closed.
-    int RemoveListeners(int port);
+    // No longer serves on a port, or on any with port -1; how many sockets were closed. Those of
+    // ids up to `before` stay.
+    int RemoveListeners(int port, std::uint64_t before = 0);
     bool HasListeners() const { return !m_listeners.empty(); }
 
     // Waits for a descriptor of the owner's as well, which is told whenever that is readable.
@@ -201,6 +205,7 @@ private:
     void Read(Reading& one);
     void HandOver(Lock& lock, Reading& one);
     void Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting& greeting);
+    void GreetsTooLong(Lock& lock, Link& link);
     void Flush(Link& link);
     void DoTouched(Lock& lock);
     void WriteGroup(Lock& lock);

@@ -1,6 +1,7 @@
 // What the loop does for connections that are not plain: their greeting, and bytes of their own.
 #include <cerrno>
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "KLVMsgLoop.h"
@@ -41,6 +42,18 @@ void KLVMsgLoop::Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting
     link.isGreeting = false;
     link.transport->Admit();
     Touch(link);  // with the last word of its greeting more may have come
+}
+
+void KLVMsgLoop::GreetsTooLong(Lock& lock, Link& link) {
+    KLVMsgTransport::Greeting greeting;
+    greeting.state = KLVMsgTransport::Greeting::kFailed;
+    greeting.error = ETIMEDOUT;
+    try {
+        greeting.text = "the greeting has taken too long";
+    } catch (const std::bad_alloc&) {
+        // Without words, then.
+    }
+    Greeted(lock, link, greeting);
 }
 
 void KLVMsgLoop::TurnAway(Link& link) {

@@ -206,6 +206,7 @@ private:
     static KLVMsgOutcome Late();
     static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
     static KLVMsgOutcome InboxIsFull();
+    static KLVMsgOutcome TooMany();
     KLVMsgOutcome Gone(const KLVMsgPeers& meant);
     KLVMsgOutcome IsReady() const;
 
@@ -214,7 +215,7 @@ private:
     KLVMsgOutcome Adopt(std::unique_ptr<KLVMsgTransport> transport, const std::string& label,
                         const std::string& address, Peer*& made);
     void TellCame(const Peer& peer, const KLVMsgTransport& transport);
-    void TellRefused(const std::string& address, const KLVMsgOutcome& outcome);
+    void TellRefused(const std::string& address, int error, const std::string& why);
     KLVMsgOutcome Admit(Lock& lock, std::uint64_t listener, const std::string& address,
                         const std::vector<std::string>& names, std::string& served);
 
@@ -233,7 +234,7 @@ private:
     void OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsgDescriptor socket);
     KLVMsgOutcome ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket);
     void TellAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
-    void TellLost(const Peer& peer, std::size_t count);
+    void TellLost(const Peer& peer, std::size_t count, const char* why);
     std::size_t EndKeeps(const KLVMsgPeers& meant, const std::string& cause, std::size_t& lost);
 
     void TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std::string& text, int error);
@@ -378,6 +379,7 @@ private:
     KLVMsgEventQueue m_events;
     Observer m_observer;           // does not change once the loop runs
     KLVMsgEventQueue m_observed;   // what it has not seen yet
+    KLVMsgEventQueue m_telling;    // what it sees now: the loop's own
     std::size_t m_live = 0;        // connections that are not over
     std::size_t m_queuedCost = 0;  // of all outputs
     std::size_t m_paused = 0;      // peers that are not read
@@ -390,7 +392,6 @@ private:
     bool m_isStarted = false;
     bool m_isDraining = false;
     bool m_isEnding = false;
-    bool m_isEnded = false;
     KLVMsgDescriptor m_readable;
     bool m_isReadable = false;
 

@@ -45,7 +45,7 @@ public:
         return (m_carrier.HoldsOutput() && !m_outputFailed) || (m_ends && !m_hasEnded);
     }
     Result Flush() override;
-    std::string Why() const override { return m_why; }
+    std::string_view Why() const override { return m_why; }
 
 private:
     bool IsServer() const { return m_host.empty(); }
