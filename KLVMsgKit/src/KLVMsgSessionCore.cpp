@@ -303,7 +303,7 @@ KLVMsgOutcome KLVMsgSessionCore::SetLabel(KLVMsgPeer peer, const std::string& la
     }
     LimitReading(*found);
     WakeThoseWithoutHope();
-    WakeThoseWhoseAreGone();
+    WakePresenceWaiters();
     return {};
 }
 
@@ -341,14 +341,21 @@ KLVMsgOutcome KLVMsgSessionCore::Disconnect(const KLVMsgPeers& meant) {
     return isAny ? KLVMsgOutcome() : Gone(meant);
 }
 
-KLVMsgOutcome KLVMsgSessionCore::WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit) {
+KLVMsgOutcome KLVMsgSessionCore::WaitUntil(bool isThere, const KLVMsgPeers& meant,
+                                           KLVMsgTimeLimit limit) {
     const Time deadline = limit.Deadline();
     Lock lock(m_mutex);
-    GoneWaiter waiter{{}, &meant};
-    const KLVMsgEntry<GoneWaiter> entry(m_goneWaiters, waiter);
-    while (m_book.IsAnyThere(meant)) {
+    PresenceWaiter waiter{{}, &meant, isThere};
+    const KLVMsgEntry<PresenceWaiter> entry(m_presenceWaiters, waiter);
+    while (m_book.IsAnyThere(meant) != isThere) {
+        if (isThere && (!m_ready || m_isEnding)) {
+            break;
+        }
+        if (isThere && meant.HowMeant() == KLVMsgPeers::kOne) {
+            return Gone(meant);
+        }
         if (!waiter.waiter.Wait(lock, deadline)) {
-            return m_book.IsAnyThere(meant) ? Late() : KLVMsgOutcome();
+            return m_book.IsAnyThere(meant) != isThere ? Late() : KLVMsgOutcome();
         }
     }
     return m_isEnding ? Ended(KLVMsgOutcome::kPeerGone) : m_ready;
@@ -377,14 +384,14 @@ void KLVMsgSessionCore::TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std
         event.what = peer.address + ": " + text;
         return event;
     });
-    WakeThoseWhoseAreGone();
+    WakePresenceWaiters();
     WakeThoseWithoutHope();
     WakeRoomless();
 }
 
-void KLVMsgSessionCore::WakeThoseWhoseAreGone() {
-    for (GoneWaiter* const one : m_goneWaiters) {
-        if (!m_book.IsAnyThere(*one->meant)) {
+void KLVMsgSessionCore::WakePresenceWaiters() {
+    for (PresenceWaiter* const one : m_presenceWaiters) {
+        if (m_book.IsAnyThere(*one->meant) == one->isThere) {
             one->waiter.Wake();
         }
     }
@@ -478,13 +485,8 @@ void KLVMsgSessionCore::PushEvent(KLVMsgEvent event) {
         m_observed.Push(event);
         m_loop.AskForErrand();
     }
-    m_events.Push(std::move(event));
-    for (KLVMsgWaiter* const one : m_eventWaiters) {
-        if (!one->IsWoken()) {
-            one->Wake();
-            break;
-        }
-    }
+    m_events.Push(std::move(event), m_inbox.LastOrder());
+    WakeForEvent();
     UpdateReadable();
 }
 
@@ -506,14 +508,20 @@ KLVMsgEvent KLVMsgSessionCore::NextEvent(KLVMsgTimeLimit limit) {
         static_cast<KLVMsgOutcome&>(event) = m_ready;
         return event;
     }
-    if (m_events.IsEmpty() && !m_isEnding) {
+    const auto isOver = [this] {
+        return !m_events.IsEmpty() || m_isEnding || m_eventHandler != nullptr;
+    };
+    if (!isOver()) {
         const Time deadline = limit.Deadline();
         KLVMsgWaiter waiter;
         const KLVMsgEntry<KLVMsgWaiter> entry(m_eventWaiters, waiter);
-        while (m_events.IsEmpty() && !m_isEnding && waiter.Wait(lock, deadline)) {
+        while (!isOver() && waiter.Wait(lock, deadline)) {
         }
     }
-    if (!m_events.IsEmpty()) {
+    if (m_eventHandler != nullptr) {
+        static_cast<KLVMsgOutcome&>(event) =
+            Failure(EINVAL, "events have a handler: they are Dispatch's");
+    } else if (!m_events.IsEmpty()) {
         event = m_events.Take();
         UpdateReadable();
     } else {

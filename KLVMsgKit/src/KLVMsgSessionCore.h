@@ -141,6 +141,7 @@ public:
     KLVMsgReceivedAll<KLVMsgSocketMessage> ReceiveMany(const Wanted& wanted);
     KLVMsgReceivedAny ReceiveAny(KLVMsgTimeLimit limit, const KLVMsgPeers* from);
     KLVMsgOutcome SetHandler(const std::type_info& type, KLVMsgSession::Handler handler);
+    KLVMsgOutcome SetEventHandler(Observer handler);
     KLVMsgOutcome Dispatch(KLVMsgTimeLimit limit);
     KLVMsgReceived<KLVMsgSocketMessage> Ask(const KLVMsgPeers& to,
                                             const KLVMsgCallMessage& question,
@@ -152,7 +153,7 @@ public:
     KLVMsgPeerInfo Info(KLVMsgPeer peer);
     std::vector<KLVMsgPeer> Peers(const KLVMsgPeers& meant);
     KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
-    KLVMsgOutcome WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
+    KLVMsgOutcome WaitUntil(bool isThere, const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
     KLVMsgEvent NextEvent(KLVMsgTimeLimit limit);
     KLVMsgCounts Counts(const KLVMsgPeers& meant);
     KLVMsgCounts Counts();
@@ -168,9 +169,10 @@ private:
         std::uint32_t type;
         const KLVMsgPeers* from;
     };
-    struct GoneWaiter {
+    struct PresenceWaiter {
         KLVMsgWaiter waiter;
         const KLVMsgPeers* meant;
+        bool isThere;  // whether it waits until one is there, or none
     };
     // What a thread has received last, and may still answer.
     struct Hand {
@@ -195,10 +197,13 @@ private:
         "what nobody asks for has filled the inbox before such a message came";
 
     using Handler = std::shared_ptr<const KLVMsgSession::Handler>;
+    using EventHandler = std::shared_ptr<const Observer>;
     struct Taken {
         KLVMsgReceivedAny received;
-        Handler handler;       // null where there is none
-        std::size_t left = 0;  // messages that have one
+        Handler handler;            // null where there is none
+        KLVMsgEvent event;          // in place of a message, if `eventHandler` is one
+        EventHandler eventHandler;  // null for a message
+        std::size_t left = 0;       // messages and events that have a handler
     };
     using Queue = KLVMsgFifo<Peer::Awaited>;
     using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
@@ -241,7 +246,7 @@ private:
     void Forget(Peer& peer);
     void EndAnswerless(Peer& peer);
     void EndOneHalf();
-    void WakeThoseWhoseAreGone();
+    void WakePresenceWaiters();
     std::size_t BeginToEnd();
     void WakeEverybody();
     bool IsDrained();
@@ -345,6 +350,9 @@ private:
     }
     std::list<Receiver*>& Receivers(std::uint32_t type);
     KLVMsgOutcome TakeOne(std::uint32_t set, const Wanted& wanted, Taken& taken);
+    bool IsEventNext(std::uint32_t set, const KLVMsgParcel* found) const;
+    std::size_t CountHandled() const;
+    void WakeForEvent();
     void TellObserver(Lock& lock);
 
     // KLVMsgLoop::Owner
@@ -399,11 +407,12 @@ private:
     KLVMsgQuestionCounts m_questions;              // but for those that wait
 
     std::vector<Handler> m_handlers;  // by type, as far as there have been any
+    EventHandler m_eventHandler;      // null: events are NextEvent's
 
     // Those of the two sets first, then by type.
     std::vector<std::list<Receiver*>> m_receivers{kSets};
     std::list<KLVMsgDelivery*> m_roomless;
-    std::list<GoneWaiter*> m_goneWaiters;
+    std::list<PresenceWaiter*> m_presenceWaiters;
     std::list<KLVMsgWaiter*> m_eventWaiters;
     std::list<KLVMsgWaiter*> m_endWaiters;  // ConnectAgain's pauses, and End
     std::list<KLVMsgWaiter*> m_drainWaiters;

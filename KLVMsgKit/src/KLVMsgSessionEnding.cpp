@@ -145,7 +145,7 @@ void KLVMsgSessionCore::WakeEverybody() {
             one->waiter.Wake();
         }
     }
-    for (GoneWaiter* const one : m_goneWaiters) {
+    for (PresenceWaiter* const one : m_presenceWaiters) {
         one->waiter.Wake();
     }
     for (KLVMsgWaiter* const one : m_eventWaiters) {

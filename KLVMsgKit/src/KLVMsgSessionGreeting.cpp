@@ -28,6 +28,7 @@ void KLVMsgSessionCore::TellCame(const Peer& peer, const KLVMsgTransport& transp
         }
         return event;
     });
+    WakePresenceWaiters();
 }
 
 void KLVMsgSessionCore::TellRefused(const std::string& address, int error, const std::string& why) {
