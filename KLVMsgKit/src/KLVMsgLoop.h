@@ -198,6 +198,7 @@ private:
     void HandOver(Lock& lock, Reading& one);
     void Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting& greeting);
     void Flush(Link& link);
+    void Settle(Link& link);
     void DoTouched(Lock& lock);
     void WriteGroup(Lock& lock);
     void TakeRuns(Writing& one, std::size_t most) const;

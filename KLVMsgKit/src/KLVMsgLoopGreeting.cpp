@@ -1,4 +1,5 @@
 // What the loop does for connections that are not plain: their greeting, and bytes of their own.
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <utility>
@@ -52,9 +53,24 @@ void KLVMsgLoop::TurnAway(Link& link) {
 void KLVMsgLoop::Flush(Link& link) {
     if (link.HoldsOutput()) {
         const KLVMsgTransport::Result result = link.transport->Flush();
+        Settle(link);
         if (result.error != 0 && result.error != EAGAIN) {
             link.connection.OutputFailed(result.error);
             m_owner.OnTook(link);
         }
+    }
+}
+
+// What was held may have gone although nothing was written since. Whoever waits for it is told, and
+// where the connection is over nobody sends it again.
+void KLVMsgLoop::Settle(Link& link) {
+    if (link.transport->IsPlain() || link.isWriting) {
+        return;
+    }
+    const KLVMsgOutput& output = link.connection.output;
+    const std::size_t queued = output.Appended() - output.Taken();  // none where it was dropped
+    if (const std::size_t count = std::min(link.transport->TakeHeld(), queued); count != 0) {
+        link.connection.Took(m_now, count, link.connection.IsFull());
+        m_owner.OnTook(link);
     }
 }
