@@ -40,7 +40,9 @@ void KLVMsgLoop::Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting
         return;
     }
     link.isGreeting = false;
-    link.transport->Admit();
+    if (const int error = link.transport->Admit(); error != 0) {
+        link.connection.Failed(error);  // otherwise the client would wait for it
+    }
     Touch(link);  // with the last word of its greeting more may have come
 }
 

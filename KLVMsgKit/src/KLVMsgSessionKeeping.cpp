@@ -25,8 +25,7 @@ KLVMsgOutcome TooMany() {
 }  // namespace
 
 KLVMsgOutcome KLVMsgSessionCore::Keep(const KLVMsgSocketAddress& address, const std::string& label,
-                                      KLVMsgSocketMessage* hello,
-                                      const KLVMsgFramedMessage* framed,
+                                      KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed,
                                       const Transports& transports) {
     if (transports != nullptr) {
         if (KLVMsgOutcome usable = transports->Check(); !usable) {
@@ -292,8 +291,8 @@ void KLVMsgSessionCore::GreetedServer(KLVMsgKeep& keep, const KLVMsgTransport::G
     try {
         outcome = greeting.state == KLVMsgTransport::Greeting::kDone
                       ? BeAdmitted(keep)
-                      : Failure(greeting.error, "cannot connect to " + keep.place->address + ": " +
-                                                    greeting.text);
+                      : Failure(greeting.error,
+                                "cannot connect to " + keep.place->address + ": " + greeting.text);
     } catch (const std::bad_alloc&) {
         outcome = NoMemory();
     }
@@ -308,8 +307,7 @@ KLVMsgOutcome KLVMsgSessionCore::BeAdmitted(KLVMsgKeep& keep) {
         return TooMany();
     }
     KLVMsgLoop::LinkPtr spare = NewPlaceLink(*keep.place);
-    const std::string address =
-        KLVMsgSessionSockets::PeerText(keep.guest->transport->Descriptor());
+    const std::string address = KLVMsgSessionSockets::PeerText(keep.guest->transport->Descriptor());
     Resume(keep, AdoptGreeted(keep.guest, keep.place->label, address), std::move(spare));
     return {};
 }

@@ -66,9 +66,10 @@ public:
     // Of those that are not plain ----------------------------------------------------------------
 
     // Goes on with the greeting; throws nothing. A client's is done when the server has admitted
-    // it, a server's when it knows who has come: Admit then tells the client.
+    // it, a server's when it knows who has come: Admit then tells the client, and returns the errno
+    // of why it cannot.
     virtual Greeting Greet() { return {}; }
-    virtual void Admit() {}
+    virtual int Admit() { return 0; }
 
     // Who the peer is, by the names that somebody who is trusted has given it.
     virtual std::vector<std::string> Names() const { return {}; }

@@ -63,7 +63,12 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Greet() {
             m_names = KLVMsgTlsWords::Names(m_connection.get());
         }
         greeting = !m_isShaken ? Answer(result) : IsServer() ? Greeting() : AwaitAdmission();
-        greeting.waitsForRoom = Flush().error == EAGAIN;
+        const int error = Flush().error;
+        greeting.waitsForRoom = error == EAGAIN;
+        if (m_outputFailed && greeting.state != Greeting::kFailed) {
+            m_error = error;
+            greeting = Failure(std::generic_category().message(error));
+        }
         greeting.warning = std::move(warning);
     } catch (const std::bad_alloc&) {
         m_hasFailed = true;
@@ -143,10 +148,10 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Failure(std::string text) {
     return {Greeting::kFailed, false, m_error == 0 ? EPROTO : m_error, who + text, ""};
 }
 
-void KLVMsgTlsTransport::Admit() {
-    if (IsServer() && WriteRecord(&kAdmitted, 1)) {
-        m_pending = 0;  // it is none of the messages' bytes
-    }
+int KLVMsgTlsTransport::Admit() {
+    const bool done = !IsServer() || WriteRecord(&kAdmitted, 1);
+    m_pending = 0;  // it is none of the messages' bytes
+    return done ? 0 : m_error;
 }
 
 // Reading ----------------------------------------------------------------------------------------
