@@ -185,8 +185,8 @@ public:
               if (call.name == "epoll_pwait2") {
                   loop = loop != 0 ? loop : ++loops;
                   loop == where && !fault ? void(fault.emplace(n)) : void();
-                  m_count = loop == where ? fault->Count() : m_count.load();
               }
+              m_count = fault ? fault->Count() : m_count.load();
               return std::nullopt;
           }) {
         loops = 0;

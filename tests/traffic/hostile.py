@@ -57,7 +57,8 @@ def protected(plain, is_server=False):
     context.load_cert_chain(folder / "peer.pem", folder / "peer.key")
     context.load_verify_locations(folder / "authority.pem")
     context.verify_mode = ssl.CERT_REQUIRED
-    context.num_tickets = 0
+    if is_server:
+        context.num_tickets = 0
     peer = context.wrap_socket(plain, is_server, server_hostname=None if is_server else "127.0.0.1")
     if is_server:
         peer.sendall(ADMITTED)
