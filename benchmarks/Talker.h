@@ -11,6 +11,8 @@
 
 #include "Bench.h"
 
+struct KLVMsgTlsOptions;
+
 namespace bench {
 
 // The first 16 bytes of every body. A lane is what keeps an order: a connection, or a thread of
@@ -32,6 +34,8 @@ struct Manner {
     bool together = false;     // the receiver takes all that is there at once
     bool wholeHeaders = true;  // the option of this name
     int waiting = 0;           // threads of the server that wait for what never comes
+
+    const KLVMsgTlsOptions* tls = nullptr;  // how it is protected; null: it is not
 };
 
 // One process's end. A server has many clients, which are all in one process and one object.
@@ -89,7 +93,8 @@ private:
 
 using MakeTalker = std::unique_ptr<Talker>(const Manner&);
 MakeTalker MakeSessionTalker;
-MakeTalker MakeHandTalker;  // one connection, one way
+MakeTalker MakeHandTalker;     // one connection, one way
+MakeTalker MakeHandTlsTalker;  // the same
 MakeTalker MakeNngTalker;
 MakeTalker MakeZeroMqTalker;
 

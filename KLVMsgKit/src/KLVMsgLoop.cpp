@@ -533,6 +533,7 @@ void KLVMsgLoop::Remove(Link& link) {
     epoll_ctl(m_epoll.Number(), EPOLL_CTL_DEL, link.transport->Descriptor(), nullptr);
     m_timers.erase({link.due, link.id});
     link.transport->Break();
+    Settle(link);
     m_owner.OnOver(link);
 }
 

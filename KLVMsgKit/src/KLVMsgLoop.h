@@ -207,6 +207,7 @@ private:
     void Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting& greeting);
     void GreetsTooLong(Lock& lock, Link& link);
     void Flush(Link& link);
+    void Settle(Link& link);
     void DoTouched(Lock& lock);
     void WriteGroup(Lock& lock);
     void TakeRuns(Writing& one, std::size_t most) const;

@@ -131,7 +131,8 @@ public:
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
                                Time limit, KLVMsgPeer* made, const Transports& transports);
     KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
-                       KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed);
+                       KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed,
+                       const Transports& transports);
     KLVMsgOutcome Start();
     KLVMsgOutcome Post(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                        const KLVMsgFramedMessage* framed);
@@ -219,6 +220,7 @@ private:
     std::unique_ptr<KLVMsgTransport> Plain(KLVMsgDescriptor socket) const;
     KLVMsgOutcome Adopt(std::unique_ptr<KLVMsgTransport> transport, const std::string& label,
                         const std::string& address, Peer*& made);
+    static std::string HostOf(const KLVMsgSocketAddress& address);
     void TellCame(const Peer& peer, const KLVMsgTransport& transport);
     void TellRefused(const std::string& address, int error, const std::string& why);
     KLVMsgOutcome Admit(Lock& lock, std::uint64_t listener, const std::string& address,
@@ -238,6 +240,12 @@ private:
     void MoveRoomless(KLVMsgPeer from, KLVMsgPeer to);
     void OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsgDescriptor socket);
     KLVMsgOutcome ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket);
+    KLVMsgOutcome GreetServer(KLVMsgKeep& keep, KLVMsgDescriptor socket);
+    KLVMsgKeep* KeepThatGreets(const KLVMsgLoop::Link& link) const;
+    void GreetedServer(KLVMsgKeep& keep, const KLVMsgTransport::Greeting& greeting);
+    KLVMsgOutcome BeAdmitted(KLVMsgKeep& keep);
+    void Resume(KLVMsgKeep& keep, Peer& made, KLVMsgLoop::LinkPtr spare);
+    void StayAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
     void TellAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
     void TellLost(const Peer& peer, std::size_t count, const char* why);
     std::size_t EndKeeps(const KLVMsgPeers& meant, const std::string& cause, std::size_t& lost);
@@ -277,6 +285,8 @@ private:
     KLVMsgOutcome Invite(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t listener,
                          const std::string& address);
     KLVMsgOutcome AdoptGuest(Lock& lock, KLVMsgLoop::Link& link, const Guest& guest);
+    Peer& AdoptGreeted(const KLVMsgLoop::LinkPtr& link, const std::string& label,
+                       const std::string& address);
     void GuestIsOver(KLVMsgLoop::Link& link);
     void TellNotRenewed(const std::string& address, const std::string& warning);
 

@@ -1,6 +1,6 @@
 // How connections begin. Where they are not plain a client greets on the thread that connects, and
-// hands over what is admitted; a server greets in the loop, and whoever is not done is nobody's
-// peer.
+// hands over what is admitted; what Keep connects, and a server, greets in the loop, and whoever is
+// not done is nobody's peer.
 #include <algorithm>
 #include <cerrno>
 #include <string>
@@ -15,6 +15,10 @@ std::unique_ptr<KLVMsgTransport> KLVMsgSessionCore::Plain(KLVMsgDescriptor socke
         std::make_unique<KLVMsgPlainTransport>(socket.Number(), m_options.silence.Duration());
     static_cast<void>(socket.Release());
     return transport;
+}
+
+std::string KLVMsgSessionCore::HostOf(const KLVMsgSocketAddress& address) {
+    return address.host.Length() != 0 ? address.host.Text() : "127.0.0.1";
 }
 
 void KLVMsgSessionCore::TellCame(const Peer& peer, const KLVMsgTransport& transport) {
@@ -45,9 +49,7 @@ void KLVMsgSessionCore::TellRefused(const std::string& address, int error, const
 KLVMsgOutcome KLVMsgSessionCore::Greet(std::unique_ptr<KLVMsgTransport>& transport,
                                        KLVMsgTransportFactory& transports,
                                        const KLVMsgSocketAddress& address, Time limit) {
-    const bool isNamed = address.host.Length() != 0;
-    transport =
-        transports.ToServer(std::move(transport), isNamed ? address.host.Text() : "127.0.0.1");
+    transport = transports.ToServer(std::move(transport), HostOf(address));
     const Time own = Clock::now() + transports.GreetingLimit();
     std::string warning;
     KLVMsgOutcome outcome =
@@ -96,6 +98,10 @@ KLVMsgOutcome KLVMsgSessionCore::Invite(std::unique_ptr<KLVMsgTransport> transpo
 
 void KLVMsgSessionCore::OnGreeted(Lock& lock, KLVMsgLoop::Link& link,
                                   const KLVMsgTransport::Greeting& greeting) {
+    if (KLVMsgKeep* const keep = KeepThatGreets(link); keep != nullptr) {
+        GreetedServer(*keep, greeting);
+        return;
+    }
     const auto guest = m_guests.find(link.id);
     if (guest == m_guests.end()) {
         return;
@@ -133,17 +139,28 @@ KLVMsgOutcome KLVMsgSessionCore::AdoptGuest(Lock& lock, KLVMsgLoop::Link& link,
     if (!outcome || m_isEnding) {
         return outcome ? Ended(KLVMsgOutcome::kFailed) : outcome;
     }
-    Peer& peer = m_book.Add("", guest.address);
-    peer.sent.owner = &peer;
-    peer.served.swap(served);
-    peer.link = guest.link;
-    link.client = &peer;
-    ++m_live;
-    TellCame(peer, *link.transport);
+    AdoptGreeted(guest.link, "", guest.address).served.swap(served);
     return {};
 }
 
+KLVMsgSessionCore::Peer& KLVMsgSessionCore::AdoptGreeted(const KLVMsgLoop::LinkPtr& link,
+                                                         const std::string& label,
+                                                         const std::string& address) {
+    Peer& peer = m_book.Add(label, address);
+    peer.sent.owner = &peer;
+    peer.link = link;
+    link->client = &peer;
+    ++m_live;
+    TellCame(peer, *link->transport);
+    return peer;
+}
+
 void KLVMsgSessionCore::GuestIsOver(KLVMsgLoop::Link& link) {
+    if (KLVMsgKeep* const keep = KeepThatGreets(link); keep != nullptr) {
+        GreetedServer(*keep, {KLVMsgTransport::Greeting::kFailed, false, link.connection.Error(),
+                              link.connection.Text(), ""});
+        return;
+    }
     const auto guest = m_guests.find(link.id);
     if (guest == m_guests.end()) {
         return;
