@@ -239,7 +239,7 @@ TEST(Tls, ShortMemoryOfTheLoopIsSurvived) {
         Secure server(own);
         EXPECT_TRUE(Eventually([&] { return loops == 1; }));
         Session client;
-        const PlainPeer first(server.securePort), second(server.securePort);
+        const PlainPeer other(server.securePort);
         EXPECT_FALSE(client.Connect(At(server.securePort), "", ever, stranger));
         EXPECT_TRUE(client.ConnectAgain(At(server.securePort), "", ever, friendly));
         int port = 0;
