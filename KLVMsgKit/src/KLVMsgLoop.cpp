@@ -92,8 +92,8 @@ KLVMsgOutcome KLVMsgLoop::Add(std::unique_ptr<KLVMsgTransport> transport, std::u
         link.reset();
         return Failure("cannot wait for a connection", error);
     }
-    if (!link->transport->IsPlain()) {
-        Touch(*link);  // with the last word of its greeting more may have come
+    if (link->transport->HoldsInput()) {
+        Touch(*link);  // it is a client's: it greets first, or more came with the answer
     }
     return {};
 }
