@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 
+#include <atomic>
 #include <cerrno>
+#include <optional>
 
 #include "Certificates.h"
 #include "Faults.h"
@@ -274,6 +276,41 @@ TEST(Tls, GoesOnBothWaysWithNewKeysAllTheTimeAndInboxesThatStop) {
         ASSERT_EQ(text + std::to_string(i), client.Next("peer"));
     }
     client.Disconnect("peer"), server.Disconnect("peer");
+}
+
+// Each allocation of the server's loop fails in turn, while some are turned away, too late or let in.
+TEST(Tls, ShortMemoryOfTheLoopIsSurvived) {
+    const World world;
+    KLVMsgTlsOptions own = world.Server();
+    own.greetingsAtOnce = 1;
+    KLVMsgTlsOptions quick = own;
+    quick.greeting = 1ms;
+    const Identity foreign(&world.stranger);
+    const KLVMsgTls stranger(world.folder.Peer("stranger", {&foreign}, world.authority));
+    const KLVMsgTls friendly(world.Client());
+    std::atomic<int> count{1};
+    for (int n = 1; count >= n; ++n) {
+        std::atomic<int> loops{0};
+        const Interposed onLoop([&, n](SystemCall& call) {
+            thread_local std::optional<FailingAllocation> fault;
+            thread_local int loop = 0;
+            loop = call.name == "epoll_pwait2" && loop == 0 ? ++loops : loop;
+            loop == 1 && !fault ? void(fault.emplace(n)) : void();
+            loop == 1 ? void(count = fault->Count()) : void();
+            return std::optional<long>();
+        });
+        Secure server(own);
+        EXPECT_TRUE(Eventually([&] { return loops == 1; }));
+        Session client;
+        const PlainPeer first(server.securePort), second(server.securePort);
+        EXPECT_FALSE(client.Connect(At(server.securePort), "", ever, stranger));
+        EXPECT_TRUE(client.ConnectAgain(At(server.securePort), "", ever, friendly));
+        int port = 0;
+        EXPECT_TRUE(server.Serve(anyPort, &port, KLVMsgTls(quick)));
+        PlainPeer late(port);
+        EXPECT_EQ("", late.Receive(1));
+        client.Disconnect("");
+    }
 }
 
 }  // namespace

@@ -276,11 +276,18 @@ public:
         });
     }
 
-    // Waits until there is a message of a class that has a handler, as Receive does, and then calls
-    // handlers on this thread, with the oldest message first, for all that are there by then; what
-    // comes meanwhile is for the next time. With 0ms it does not wait: a loop of one's own calls it
-    // when Descriptor() is readable. What a handler throws passes out of it: its message is done,
-    // and the others are there for the next time. Failed: no class has a handler.
+    // The same for events, which are Dispatch's alone from now on: NextEvent fails. An event comes
+    // behind every message that had come when it happened, and before later ones: what a peer has
+    // sent is handled before its kGone is, and behind its kCame. An empty function gives them back
+    // to NextEvent.
+    KLVMsgOutcome HandleEvents(std::function<void(const KLVMsgEvent& event)> function);
+
+    // Waits until there is a message of a class that has a handler, as Receive does, or an event if
+    // events have one. Then calls handlers on this thread, with the oldest first, for all that are
+    // there by then; what comes meanwhile is for the next time. With 0ms it does not wait: a loop
+    // of one's own calls it when Descriptor() is readable. What a handler throws passes out of it:
+    // its message is done, and the others are there for the next time. Failed: nothing has a
+    // handler.
     KLVMsgOutcome Dispatch(KLVMsgTimeLimit limit);
 
     // A descriptor for loops of one's own (poll, epoll): readable while there is a message or an
@@ -348,12 +355,15 @@ public:
     // is a Keep's comes back.
     KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
 
-    // Waits until no such connection is there.
+    // Waits until no such connection is there; or until there is one: a peer that has gone is not
+    // waited for, as it does not come back.
     KLVMsgOutcome WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
+    KLVMsgOutcome WaitUntilThere(const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
 
     // What happens --------------------------------------------------------------------------------
 
-    // Waits for an event, and hands over the oldest. The last thousand are kept.
+    // Waits for an event, and hands over the oldest. The last thousand are kept. Failed: events
+    // have a handler.
     KLVMsgEvent NextEvent(KLVMsgTimeLimit limit);
 
     // What has passed so far: over the connections that are meant and there, or over all of the

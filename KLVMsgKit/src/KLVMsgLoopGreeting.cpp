@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "KLVMsgLoop.h"
@@ -44,6 +45,18 @@ void KLVMsgLoop::Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting
         link.connection.Failed(error);  // otherwise the client would wait for it
     }
     Touch(link);  // with the last word of its greeting more may have come
+}
+
+void KLVMsgLoop::GreetsTooLong(Lock& lock, Link& link) {
+    KLVMsgTransport::Greeting greeting;
+    greeting.state = KLVMsgTransport::Greeting::kFailed;
+    greeting.error = ETIMEDOUT;
+    try {
+        greeting.text = "the greeting has taken too long";
+    } catch (const std::bad_alloc&) {
+        // Without words, then.
+    }
+    Greeted(lock, link, greeting);
 }
 
 void KLVMsgLoop::TurnAway(Link& link) {

@@ -137,6 +137,10 @@ KLVMsgOutcome KLVMsgSession::SetHandler(const std::type_info& type, Handler hand
     return m_core->SetHandler(type, std::move(handler));
 }
 
+KLVMsgOutcome KLVMsgSession::HandleEvents(std::function<void(const KLVMsgEvent& event)> function) {
+    return m_core->SetEventHandler(std::move(function));
+}
+
 KLVMsgOutcome KLVMsgSession::Dispatch(KLVMsgTimeLimit limit) { return m_core->Dispatch(limit); }
 
 KLVMsgReceived<KLVMsgSocketMessage> KLVMsgSession::AskMessage(const KLVMsgPeers& to,
@@ -175,7 +179,11 @@ KLVMsgOutcome KLVMsgSession::Disconnect(const KLVMsgPeers& meant) {
 }
 
 KLVMsgOutcome KLVMsgSession::WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit) {
-    return m_core->WaitUntilGone(meant, limit);
+    return m_core->WaitUntil(false, meant, limit);
+}
+
+KLVMsgOutcome KLVMsgSession::WaitUntilThere(const KLVMsgPeers& meant, KLVMsgTimeLimit limit) {
+    return m_core->WaitUntil(true, meant, limit);
 }
 
 KLVMsgEvent KLVMsgSession::NextEvent(KLVMsgTimeLimit limit) { return m_core->NextEvent(limit); }

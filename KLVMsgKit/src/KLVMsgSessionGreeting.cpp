@@ -32,14 +32,15 @@ void KLVMsgSessionCore::TellCame(const Peer& peer, const KLVMsgTransport& transp
         }
         return event;
     });
+    WakePresenceWaiters();
 }
 
-void KLVMsgSessionCore::TellRefused(const std::string& address, const KLVMsgOutcome& outcome) {
+void KLVMsgSessionCore::TellRefused(const std::string& address, int error, const std::string& why) {
     Tell([&] {
         KLVMsgEvent event = Event(KLVMsgEvent::kRefused, nullptr);
         event.address = address;
-        event.error = outcome.error;
-        event.what = address + ": a connection was refused: " + outcome.text;
+        event.error = error;
+        event.what = address + ": a connection was refused: " + why;
         return event;
     });
 }
@@ -69,7 +70,7 @@ KLVMsgOutcome KLVMsgSessionCore::Invite(std::unique_ptr<KLVMsgTransport> transpo
                                         std::uint64_t listener, const std::string& address) {
     if (m_live >= m_options.connectionLimit) {
         EndOneHalf();
-        return {KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
+        return TooMany();
     }
     const Transports transports = m_loop.FindListener(listener)->transports;
     if (m_guests.size() >= transports->MostGreetings()) {
@@ -111,19 +112,21 @@ void KLVMsgSessionCore::OnGreeted(Lock& lock, KLVMsgLoop::Link& link,
     if (greeting.state == KLVMsgTransport::Greeting::kGoesOn) {
         return;
     }
-    KLVMsgOutcome outcome{KLVMsgOutcome::kFailed, greeting.error, greeting.text};
-    if (greeting.state == KLVMsgTransport::Greeting::kDone) {
-        try {
-            outcome = AdoptGuest(lock, link, guest->second);
-        } catch (const std::bad_alloc&) {
-            outcome = {KLVMsgOutcome::kFailed, ENOMEM, ""};
-        }
-    }
     guest->second.isTold = true;
+    if (greeting.state == KLVMsgTransport::Greeting::kFailed) {
+        TellRefused(guest->second.address, greeting.error, greeting.text);
+        return;
+    }
+    KLVMsgOutcome outcome;
+    try {
+        outcome = AdoptGuest(lock, link, guest->second);
+    } catch (const std::bad_alloc&) {
+        outcome = {KLVMsgOutcome::kFailed, ENOMEM, ""};
+    }
     if (outcome) {
         m_guests.erase(guest);
     } else if (outcome.error != ESHUTDOWN) {
-        TellRefused(guest->second.address, outcome);
+        TellRefused(guest->second.address, outcome.error, outcome.text);
     }
 }
 
@@ -163,8 +166,7 @@ void KLVMsgSessionCore::GuestIsOver(KLVMsgLoop::Link& link) {
         return;
     }
     if (!guest->second.isTold) {
-        TellRefused(guest->second.address,
-                    {KLVMsgOutcome::kFailed, link.connection.Error(), link.connection.Text()});
+        TellRefused(guest->second.address, link.connection.Error(), link.connection.Text());
     }
     m_guests.erase(guest);
 }

@@ -143,8 +143,8 @@ void KLVMsgSessionCore::Part(Peer& peer, const KLVMsgLoop::LinkPtr& link) {
 void KLVMsgSessionCore::TakeBackLate(KLVMsgLoop::Link& link) {
     for (const auto& [label, keep] : m_keeps) {
         if (keep->leaving.get() == &link) {
+            const KLVMsgLoop::LinkPtr over = std::move(keep->leaving);
             TakeBack(*keep, link, keep->leavingAwaited);
-            keep->leaving.reset();
             return;
         }
     }
@@ -166,6 +166,7 @@ void KLVMsgSessionCore::TakeBack(KLVMsgKeep& keep, KLVMsgLoop::Link& link, Queue
         }
     }
     std::size_t lost = 0;
+    const char* why = "a part of it had been taken";
     KLVMsgOutput since;
     Queue sinceAwaited;
     try {
@@ -175,13 +176,14 @@ void KLVMsgSessionCore::TakeBack(KLVMsgKeep& keep, KLVMsgLoop::Link& link, Queue
         lost = isBegun && !isHelloOut ? 1 : 0;
         MoveQueue(since, sinceAwaited, queue, place.awaited);
     } catch (const std::bad_alloc&) {
-        lost = output.Messages() + since.Messages();
+        lost += output.Messages() + since.Messages();
+        why = "there was no memory to keep what was queued";
         output.Clear();
     }
     FailAwaited(awaited, link.connection.Text());
     FailAwaited(sinceAwaited, link.connection.Text());
     if (lost != 0) {
-        TellLost(place, lost);
+        TellLost(place, lost, why);
     }
     UpdateCost(place);
     WakeRoomless();
@@ -205,12 +207,11 @@ bool KLVMsgSessionCore::MoveQueue(KLVMsgOutput& from, Queue& awaited, KLVMsgOutp
     return isBegun;
 }
 
-void KLVMsgSessionCore::TellLost(const Peer& peer, std::size_t count) {
+void KLVMsgSessionCore::TellLost(const Peer& peer, std::size_t count, const char* why) {
     Tell([&] {
         KLVMsgEvent event = Event(KLVMsgEvent::kLost, &peer);
         event.what = peer.address + ": " + std::to_string(count) +
-                     (count == 1 ? " message is lost: a part of it had been taken"
-                                 : " messages are lost, for want of memory");
+                     (count == 1 ? " message is lost: " : " messages are lost: ") + why;
         return event;
     });
 }
@@ -318,9 +319,9 @@ void KLVMsgSessionCore::Resume(KLVMsgKeep& keep, Peer& made, KLVMsgLoop::LinkPtr
     KLVMsgConnection& connection = made.link->connection;
     try {
         if (keep.HelloSize() != 0) {
-            connection.output.Append(keep.helloHead,
-                                     keep.helloBody != nullptr ? *keep.helloBody : std::string(),
-                                     keep.helloBody);
+            const std::shared_ptr<const std::string>& body = keep.helloBody;
+            connection.output.Append(keep.helloHead, body != nullptr ? *body : std::string_view(),
+                                     body);
         }
         MoveQueue(place.link->connection.output, place.awaited, connection.output, made.awaited);
     } catch (const std::bad_alloc&) {
@@ -379,7 +380,9 @@ std::size_t KLVMsgSessionCore::EndKeeps(const KLVMsgPeers& meant, const std::str
             m_loop.Touch(*keep.guest);
         }
         Peer& place = *keep.place;
-        lost += place.link != nullptr ? place.link->connection.output.Messages() : 0;
+        for (const KLVMsgLoop::LinkPtr& link : {place.link, keep.leaving}) {
+            lost += link != nullptr ? link->connection.output.Messages() : 0;
+        }
         FailAwaited(place.awaited, cause);
         FailAwaited(keep.leavingAwaited, cause);
         place.link = nullptr;

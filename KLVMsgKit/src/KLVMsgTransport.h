@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "KLVMsgOutcome.h"
@@ -85,8 +86,8 @@ public:
     // once, here or as the first ones of the next write.
     virtual std::size_t TakeHeld() { return 0; }
 
-    // Why it has failed, where that is more than the errno says.
-    virtual std::string Why() const { return ""; }
+    // Why it has failed, where that is more than the errno says; valid as long as it is there.
+    virtual std::string_view Why() const { return ""; }
 
 private:
     const bool m_isPlain;

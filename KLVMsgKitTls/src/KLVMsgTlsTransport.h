@@ -46,7 +46,7 @@ public:
     }
     Result Flush() override;
     std::size_t TakeHeld() override;
-    std::string Why() const override { return m_why; }
+    std::string_view Why() const override { return m_why; }
 
 private:
     bool IsServer() const { return m_host.empty(); }

@@ -69,11 +69,13 @@ struct Life {
                                          : client->Connect(At(port), "server", ever, *protection);
         };
         const auto serves = [&] {
-            return protection == nullptr ? server->Serve(anyPort, &port)
-                                         : server->Serve(anyPort, &port, *protection);
+            const auto admit = [](const KLVMsgPeerInfo& info) { return info.Port() != 0; };
+            return protection == nullptr ? server->Serve(anyPort, admit, &port)
+                                         : server->Serve(anyPort, admit, &port, *protection);
         };
         return Try([&] { return server->Register(Word()); }) &&
-               Try([&] { return server->Register(BareWord()); }) && Try(serves) &&
+               Try([&] { return server->Register(BareWord()); }) &&
+               Try([&] { return server->Observe([](const KLVMsgEvent&) {}); }) && Try(serves) &&
                Try([&] { return server->Start(); }) && SeesLoops(1) &&
                Try([&] { return client->Register(Word()); }) &&
                Try([&] { return client->Start(); }) && SeesLoops(2) && Try(connects) &&
@@ -133,13 +135,15 @@ struct Life {
     // Neither waits for answers that the other one may still give.
     void End() {
         for (auto* const one : {&*client, &*server, &*client, &*server}) {
-            if (!Try([&] { return one->Disconnect(KLVMsgPeers::All()); })) {
+            const auto left = Try([&] { return one->Disconnect(KLVMsgPeers::All()); });
+            if (!left) {
                 while (const auto event = Try([&] { return one->NextEvent(0ms); })) {
                     lacks = lacks || event.cause == KLVMsgEvent::kNoMemory ||
                             event.kind == KLVMsgEvent::kLeftOut;
                 }
                 Try([&] { return one->WaitUntilGone(KLVMsgPeers::All(), ever); });
-                Try([&] { return one->End(ever); });
+                const int error = Try([&] { return one->End(ever); }).error;
+                EXPECT_TRUE(error != ESHUTDOWN || left.error == ESHUTDOWN) << "half done";
             }
         }
     }
