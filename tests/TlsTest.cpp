@@ -278,7 +278,8 @@ TEST(Tls, GoesOnBothWaysWithNewKeysAllTheTimeAndInboxesThatStop) {
     client.Disconnect("peer"), server.Disconnect("peer");
 }
 
-// Each allocation of the server's loop fails in turn, while some are turned away, too late or let in.
+// Each allocation of the server's loop fails in turn, while some are turned away, too late or let
+// in.
 TEST(Tls, ShortMemoryOfTheLoopIsSurvived) {
     const World world;
     KLVMsgTlsOptions own = world.Server();

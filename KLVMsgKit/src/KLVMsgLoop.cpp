@@ -90,8 +90,8 @@ KLVMsgOutcome KLVMsgLoop::Add(std::unique_ptr<KLVMsgTransport> transport, std::u
         link.reset();
         return Failure("cannot wait for a connection", error);
     }
-    if (link->transport->HoldsInput()) {
-        Touch(*link);  // it is a client's: it greets first, or more came with the answer
+    if (!link->transport->IsPlain()) {
+        Touch(*link);  // a client greets first, and with the last word of that more may have come
     }
     return {};
 }
@@ -379,7 +379,7 @@ void KLVMsgLoop::DoTouched(Lock& lock) {
         LinkPtr next = std::move(link->nextTouched);
         link->isTouched = false;
         if (!link->transport->IsPlain() && !link->connection.IsOver() &&
-            (link->isGreeting || (link->connection.Reads() && link->transport->HoldsInput()))) {
+            (link->isGreeting || link->connection.Reads()) && link->transport->HoldsInput()) {
             Enlist(lock, link);
         }
         if (link->isGreeting || link->isWriting || !link->connection.Writes() ||
