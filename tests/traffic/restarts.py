@@ -252,14 +252,15 @@ class Account:
         wrong = []
         expected = 0
         cut_before = None  # the connection before, if it ended in order
+        is_boundary = False
         for link in [*links, None]:
+            is_boundary = is_boundary or link is not None  # the last one may have nothing to bring
             for first, last in link.runs if link else [[client.sent, client.sent]]:
                 if first < expected:
                     wrong.append(f"{first} came twice or late")
                 gap = [number for number in range(expected, first) if client.failed.get(number) is None]
-                is_boundary = link is not None and first == link.runs[0][0]
                 if gap and not is_boundary:
-                    wrong.append(f"{gap[:3]} are missing and no connection ended there")
+                    wrong.append(f"{gap[:3]} of {client.sent} are missing and no connection ended there")
                 elif gap and cut_before is not None:
                     self.counts["cut"] += len(gap)
                     if len(gap) > 1 or not cut_before.bytes:
@@ -270,8 +271,9 @@ class Account:
                           if first <= number <= last and status != TOO_LATE]
                 expected = last + 1
                 self.counts["came"] += last - first + 1
-                cut_before = None
-            cut_before = link if link and link.is_in_order else None
+                cut_before, is_boundary = None, False
+            if link is not links[-1] or link.runs:
+                cut_before = link if link and link.is_in_order else None
         self.counts["came"] -= 1  # the end's
         for status in client.failed.values():
             self.counts[status] += 1
