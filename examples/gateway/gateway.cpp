@@ -6,8 +6,8 @@
 #include "Talk.h"
 
 static const char usage[] = R"(usage: gateway [--timeout SECONDS] [serve | visit PORT WORD]
-A gateway, a customer ("sesame"), one with a wrong word, and one who sends orders without ("flood");
-or one of them. The gateway admits 127.0.0.0/16, and ends when it has had three orders and thrown two
+A gateway, a customer ("sesame"), one with a wrong word, one who sends orders without ("flood"); or
+one of them. The gateway admits 127.0.0.0/16, and ends when it has had three orders and thrown two
 peers out. Exits with 1 when nothing happens for SECONDS (20; 0: for ever), 2 if called wrongly.
 )";
 

@@ -10,7 +10,7 @@ static const char usage[] = R"(usage: secure [--timeout SECONDS] gateway FOLDER 
 The folder has the files NAME.pem and NAME.key, and authority.pem, to which the certificate of every
 peer must lead. The gateway tells its port on 127.0.0.1 (with port 0 the system chooses it), prints
 what happens, answers each text, and ends when nothing has happened for SECONDS (20; 0: never). Who
-asks prints the gateway's names and its answer. Exits with 0, 1 when something fails, 2 if called wrongly.
+asks prints the gateway's names and its answer. Exits with 1 when something fails.
 )";
 
 struct Question : Text {

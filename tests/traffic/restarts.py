@@ -41,7 +41,7 @@ class Link:
         self.bytes = bytearray()
         self.client = None
         self.runs = []  # [first, last]
-        self.is_in_order = False  # how it ended
+        self.is_ended = self.is_in_order = False  # by a restart, and how
         self.questions = []  # that are not yet answered
 
     def take(self, came):
@@ -180,7 +180,7 @@ class Server:
         self.register()
         backs = self.backs[-1]
         for key in self.connections():
-            key.data.is_in_order = is_in_order
+            key.data.is_ended, key.data.is_in_order = True, is_in_order
             if is_in_order:
                 key.fileobj.shutdown(socket.SHUT_WR)
             else:
@@ -254,7 +254,8 @@ class Account:
         cut_before = None  # the connection before, if it ended in order
         is_boundary = False
         for link in [*links, None]:
-            is_boundary = is_boundary or link is not None  # the last one may have nothing to bring
+            # After the last restart there may be nothing to bring, or nothing to come back for.
+            is_boundary = is_boundary or link is not None or links[-1].is_ended
             for first, last in link.runs if link else [[client.sent, client.sent]]:
                 if first < expected:
                     wrong.append(f"{first} came twice or late")
