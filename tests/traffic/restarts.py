@@ -194,7 +194,8 @@ class Server:
 
     def restart(self):
         count = self.options.clients
-        require(self.serve(lambda: len(self.backs[-1]) == count, AWAY + 5), "a client has not come back")
+        are_back = self.serve(lambda: len(self.backs[-1]) == count, AWAY + 5)
+        require(are_back, f"of {count} clients {len(self.backs[-1])} have come back")
         self.serve(lambda: False, self.order.uniform(0.2, self.options.up))
         time.sleep(self.order.uniform(0, self.options.stop))
         self.close(self.order.random() < 0.5)
@@ -251,20 +252,17 @@ class Account:
         """Every number in its place: what is missing stands where a connection has ended."""
         wrong = []
         expected = 0
-        cut_before = None  # the connection before, if it ended in order
-        is_boundary = False
+        ends = [Link(0, 0)]  # connections that have ended since the last message that came
         for link in [*links, None]:
-            # After the last restart there may be nothing to bring, or nothing to come back for.
-            is_boundary = is_boundary or link is not None or links[-1].is_ended
             for first, last in link.runs if link else [[client.sent, client.sent]]:
                 if first < expected:
                     wrong.append(f"{first} came twice or late")
                 gap = [number for number in range(expected, first) if client.failed.get(number) is None]
-                if gap and not is_boundary:
+                if gap and not ends:
                     wrong.append(f"{gap[:3]} of {client.sent} are missing and no connection ended there")
-                elif gap and cut_before is not None:
+                elif gap and all(end.is_in_order for end in ends):
                     self.counts["cut"] += len(gap)
-                    if len(gap) > 1 or not cut_before.bytes:
+                    if len(gap) > sum(bool(end.bytes) for end in ends):
                         wrong.append(f"{gap[:3]} were not cut and are missing behind an end in order")
                 else:
                     self.counts["died"] += len(gap)
@@ -272,9 +270,9 @@ class Account:
                           if first <= number <= last and status != TOO_LATE]
                 expected = last + 1
                 self.counts["came"] += last - first + 1
-                cut_before, is_boundary = None, False
-            if link is not links[-1] or link.runs:
-                cut_before = link if link and link.is_in_order else None
+                ends = []
+            if link is not None and (link.is_ended or link is not links[-1]):
+                ends.append(link)
         self.counts["came"] -= 1  # the end's
         for status in client.failed.values():
             self.counts[status] += 1
