@@ -1,5 +1,4 @@
-// A gateway: who comes from another network is not admitted; who does not know the word, or sends
-// orders without having said it, is thrown out; customers are served meanwhile.
+// A gateway that admits one network, and throws out who sends orders without having said the word.
 #include <KLVMsgNetwork.h>
 
 #include "Roles.h"
@@ -49,8 +48,9 @@ static int Serve(int portPipe) {
     });
     const KLVMsgNetwork ours("127.0.0.0/16");
     talk.ServeAndTell("serving on", portPipe, 0, [&](auto& info) { return ours.Contains(info); });
-    for (; orders < 3 || thrown < 2; std::fflush(stdout)) {
+    while (orders < 3 || thrown < 2) {
         Check(talk.Dispatch(Limit()), "gave up: nobody comes");
+        std::fflush(stdout);
     }
     return 0;
 }
