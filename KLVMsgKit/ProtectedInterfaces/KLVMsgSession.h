@@ -51,6 +51,11 @@ class KLVMsgSessionCore;
 //
 // A process that forks leaves its sessions to the parent: the child destroys them without effect.
 class KLVMSGKIT_EXPORT KLVMsgSession {
+    // What protects is no message.
+    template <class Message>
+    using IfNoProtection =
+        std::enable_if_t<!std::is_base_of<KLVMsgProtection, std::decay_t<Message>>::value>;
+
 public:
     // The limits are those of `options`. Throws std::bad_alloc and leaves nothing behind then.
     // Where the system gives no descriptors, every operation says so.
@@ -157,12 +162,26 @@ public:
     // taken is lost, and an event; one that the system had taken whole may be, as on every
     // connection that ends. Why it cannot be made is an event when the cause is another one.
     KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label);
-    template <class Message>
+    template <class Message, class = IfNoProtection<Message>>
     KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
                        Message&& hello) {
         return Outgo<Message>(hello,
                               [&](KLVMsgSocketMessage& one, const KLVMsgFramedMessage* framed) {
                                   return KeepPeer(address, label, one, framed);
+                              });
+    }
+
+    // The same, protected in that way: it is there each time that the server has admitted this
+    // session; until then it is away, and that one of them does not trust the other is why. Fails
+    // where what protects cannot be used.
+    KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
+                       const KLVMsgProtection& protection);
+    template <class Message>
+    KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
+                       Message&& hello, const KLVMsgProtection& protection) {
+        return Outgo<Message>(hello,
+                              [&](KLVMsgSocketMessage& one, const KLVMsgFramedMessage* framed) {
+                                  return KeepPeer(address, label, one, framed, protection);
                               });
     }
 
@@ -502,6 +521,9 @@ private:
                                     bool isCall);
     KLVMsgOutcome KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
                            KLVMsgSocketMessage& hello, const KLVMsgFramedMessage* framed);
+    KLVMsgOutcome KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
+                           KLVMsgSocketMessage& hello, const KLVMsgFramedMessage* framed,
+                           const KLVMsgProtection& protection);
     KLVMsgOutcome PostMessage(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                               const KLVMsgFramedMessage* framed);
     KLVMsgOutcome SendMessage(const KLVMsgPeers& to, KLVMsgSocketMessage& message,

@@ -29,6 +29,12 @@ public:
     // Of the oldest. Requires: it is not empty.
     std::uint64_t Order() const { return m_events.front().order; }
 
+    // Takes no memory: to move a deque does.
+    void Swap(KLVMsgEventQueue& other) noexcept {
+        m_events.swap(other.m_events);
+        std::swap(m_missed, other.m_missed);
+    }
+
     // Requires: it is not empty.
     KLVMsgEvent Take() {
         KLVMsgEvent event = std::move(m_events.front().event);

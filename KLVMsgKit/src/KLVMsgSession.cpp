@@ -85,13 +85,24 @@ KLVMsgOutcome KLVMsgSession::ConnectAgain(const KLVMsgSocketAddress& address,
 }
 
 KLVMsgOutcome KLVMsgSession::Keep(const KLVMsgSocketAddress& address, const std::string& label) {
-    return m_core->Keep(address, label, nullptr, nullptr);
+    return m_core->Keep(address, label, nullptr, nullptr, nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::Keep(const KLVMsgSocketAddress& address, const std::string& label,
+                                  const KLVMsgProtection& protection) {
+    return m_core->Keep(address, label, nullptr, nullptr, protection.m_transports);
 }
 
 KLVMsgOutcome KLVMsgSession::KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
                                       KLVMsgSocketMessage& hello,
                                       const KLVMsgFramedMessage* framed) {
-    return m_core->Keep(address, label, &hello, framed);
+    return m_core->Keep(address, label, &hello, framed, nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
+                                      KLVMsgSocketMessage& hello, const KLVMsgFramedMessage* framed,
+                                      const KLVMsgProtection& protection) {
+    return m_core->Keep(address, label, &hello, framed, protection.m_transports);
 }
 
 KLVMsgOutcome KLVMsgSession::Start() { return m_core->Start(); }

@@ -69,6 +69,10 @@ KLVMsgOutcome KLVMsgSessionCore::Ended(KLVMsgOutcome::Status status) {
     return {status, ESHUTDOWN, "the session has ended"};
 }
 
+KLVMsgOutcome KLVMsgSessionCore::TooMany() {
+    return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
+}
+
 KLVMsgOutcome KLVMsgSessionCore::Gone(const KLVMsgPeers& meant) {
     if (!m_ready) {
         return m_ready;
@@ -147,6 +151,7 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, KLVMs
         made.admit = std::make_shared<const KLVMsgAdmit>(std::move(admit));
     }
     const Lock lock(m_mutex);
+    const std::uint64_t before = m_book.NextId();
     outcome = IsReady();
     try {
         for (auto socket = sockets.begin(); outcome && socket != sockets.end(); ++socket) {
@@ -159,11 +164,11 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, KLVMs
             outcome = m_loop.AddListener(m_book.NextId(), std::move(one));
         }
     } catch (const std::bad_alloc&) {
-        m_loop.RemoveListeners(bound);
+        m_loop.RemoveListeners(bound, before);
         throw;
     }
     if (!outcome) {
-        m_loop.RemoveListeners(bound);
+        m_loop.RemoveListeners(bound, before);
     } else if (port != nullptr) {
         *port = bound;
     }
@@ -210,7 +215,7 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
         return outcome;
     }
     if (m_live >= m_options.connectionLimit) {
-        return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
+        return TooMany();
     }
     Peer* peer = nullptr;
     outcome = Adopt(std::move(transport), label, text, peer);
@@ -323,18 +328,16 @@ KLVMsgOutcome KLVMsgSessionCore::Disconnect(const KLVMsgPeers& meant) {
     const std::string cause = "the peer was disconnected here";
     std::size_t lost = 0;
     bool isAny = meant.HowMeant() != KLVMsgPeers::kOne && EndKeeps(meant, cause, lost) != 0;
-    std::vector<Peer*> found;
-    m_book.Find(meant, found);
-    for (Peer* const peer : found) {
-        if (peer->link != nullptr && !peer->link->connection.Discards()) {
+    m_book.ForMeant(meant, [&](Peer& peer) {
+        if (peer.link != nullptr && !peer.link->connection.Discards()) {
             isAny = true;
-            peer->link->connection.Leave(Clock::now() + kLastWords);
-            FailAwaited(peer->awaited, cause);
-            UpdateCost(*peer);
-            TellGone(*peer, KLVMsgEvent::kShutDownHere, "shut down here", 0);
-            m_loop.Touch(*peer->link);
+            peer.link->connection.Leave(Clock::now() + kLastWords);
+            FailAwaited(peer.awaited, cause);
+            UpdateCost(peer);
+            TellGone(peer, KLVMsgEvent::kShutDownHere, "shut down here", 0);
+            m_loop.Touch(*peer.link);
         }
-    }
+    });
     return isAny ? KLVMsgOutcome() : Gone(meant);
 }
 
@@ -446,7 +449,7 @@ void KLVMsgSessionCore::OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDes
             }
         }
         if (!outcome && outcome.error != ESHUTDOWN) {
-            TellRefused(address, outcome);
+            TellRefused(address, outcome.error, outcome.text);
         }
     } catch (const std::bad_alloc&) {
         m_events.Miss();
@@ -572,14 +575,12 @@ void KLVMsgSessionCore::AddCounts(KLVMsgCounts& counts, Peer& peer) {
 
 KLVMsgCounts KLVMsgSessionCore::Counts(const KLVMsgPeers& meant) {
     const Lock lock(m_mutex);
-    std::vector<Peer*> found;
-    m_book.Find(meant, found);
     KLVMsgCounts counts;
-    for (Peer* const peer : found) {
-        if (peer->IsThere() || peer->isPlace) {
-            AddCounts(counts, *peer);
+    m_book.ForMeant(meant, [&](Peer& peer) {
+        if (peer.IsThere() || peer.isPlace) {
+            AddCounts(counts, peer);
         }
-    }
+    });
     return counts;
 }
 

@@ -26,6 +26,7 @@
 #include "KLVMsgEventQueue.h"
 #include "KLVMsgInbox.h"
 #include "KLVMsgKeep.h"
+#include "KLVMsgLinger.h"
 #include "KLVMsgLoop.h"
 #include "KLVMsgMessageTypes.h"
 #include "KLVMsgModuleUse.h"
@@ -60,8 +61,14 @@ struct KLVMsgQuestion {
 
     // False when the time is over. Requires: the session's mutex is not held.
     bool Wait(Time limit) {
+        KLVMsgLinger& linger = KLVMsgLinger::OfThread();
+        if (linger.Begin()) {
+            linger.Look(limit, [this] { return m_isReady.load(); });
+        }
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_ready.wait_until(lock, limit, [this] { return m_isReady; });
+        const bool ready = m_ready.wait_until(lock, limit, [this] { return m_isReady.load(); });
+        linger.End(ready);
+        return ready;
     }
     void Wake() {
         const std::lock_guard<std::mutex> lock(m_mutex);  // until then it is not destroyed
@@ -83,7 +90,7 @@ struct KLVMsgQuestion {
 private:
     std::mutex m_mutex;
     std::condition_variable m_ready;
-    bool m_isReady = false;
+    std::atomic<bool> m_isReady{false};  // changes with the mutex held
 };
 
 // What stands behind KLVMsgSession. The mutex guards all of it but the types, which do not change
@@ -124,7 +131,8 @@ public:
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
                                Time limit, KLVMsgPeer* made, const Transports& transports);
     KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
-                       KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed);
+                       KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed,
+                       const Transports& transports);
     KLVMsgOutcome Start();
     KLVMsgOutcome Post(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                        const KLVMsgFramedMessage* framed);
@@ -204,6 +212,7 @@ private:
     static KLVMsgOutcome Late();
     static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
     static KLVMsgOutcome InboxIsFull();
+    static KLVMsgOutcome TooMany();
     KLVMsgOutcome Gone(const KLVMsgPeers& meant);
     KLVMsgOutcome IsReady() const;
 
@@ -211,8 +220,9 @@ private:
     std::unique_ptr<KLVMsgTransport> Plain(KLVMsgDescriptor socket) const;
     KLVMsgOutcome Adopt(std::unique_ptr<KLVMsgTransport> transport, const std::string& label,
                         const std::string& address, Peer*& made);
+    static std::string HostOf(const KLVMsgSocketAddress& address);
     void TellCame(const Peer& peer, const KLVMsgTransport& transport);
-    void TellRefused(const std::string& address, const KLVMsgOutcome& outcome);
+    void TellRefused(const std::string& address, int error, const std::string& why);
     KLVMsgOutcome Admit(Lock& lock, std::uint64_t listener, const std::string& address,
                         const std::vector<std::string>& names, std::string& served);
 
@@ -230,8 +240,14 @@ private:
     void MoveRoomless(KLVMsgPeer from, KLVMsgPeer to);
     void OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsgDescriptor socket);
     KLVMsgOutcome ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket);
+    KLVMsgOutcome GreetServer(KLVMsgKeep& keep, KLVMsgDescriptor socket);
+    KLVMsgKeep* KeepThatGreets(const KLVMsgLoop::Link& link) const;
+    void GreetedServer(KLVMsgKeep& keep, const KLVMsgTransport::Greeting& greeting);
+    KLVMsgOutcome BeAdmitted(KLVMsgKeep& keep);
+    void Resume(KLVMsgKeep& keep, Peer& made, KLVMsgLoop::LinkPtr spare);
+    void StayAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
     void TellAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
-    void TellLost(const Peer& peer, std::size_t count);
+    void TellLost(const Peer& peer, std::size_t count, const char* why);
     std::size_t EndKeeps(const KLVMsgPeers& meant, const std::string& cause, std::size_t& lost);
 
     void TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std::string& text, int error);
@@ -269,6 +285,8 @@ private:
     KLVMsgOutcome Invite(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t listener,
                          const std::string& address);
     KLVMsgOutcome AdoptGuest(Lock& lock, KLVMsgLoop::Link& link, const Guest& guest);
+    Peer& AdoptGreeted(const KLVMsgLoop::LinkPtr& link, const std::string& label,
+                       const std::string& address);
     void GuestIsOver(KLVMsgLoop::Link& link);
     void TellNotRenewed(const std::string& address, const std::string& warning);
 
@@ -379,6 +397,7 @@ private:
     KLVMsgEventQueue m_events;
     Observer m_observer;           // does not change once the loop runs
     KLVMsgEventQueue m_observed;   // what it has not seen yet
+    KLVMsgEventQueue m_telling;    // what it sees now: the loop's own
     std::size_t m_live = 0;        // connections that are not over
     std::size_t m_queuedCost = 0;  // of all outputs
     std::size_t m_paused = 0;      // peers that are not read
@@ -391,7 +410,6 @@ private:
     bool m_isStarted = false;
     bool m_isDraining = false;
     bool m_isEnding = false;
-    bool m_isEnded = false;
     KLVMsgDescriptor m_readable;
     bool m_isReadable = false;
 

@@ -158,12 +158,11 @@ KLVMsgOutcome KLVMsgSessionCore::Observe(Observer observer) {
 
 // Those that happen meanwhile have the next round.
 void KLVMsgSessionCore::TellObserver(Lock& lock) {
-    KLVMsgEventQueue events;
-    std::swap(events, m_observed);
+    m_telling.Swap(m_observed);
     lock.unlock();
-    while (!events.IsEmpty()) {
+    while (!m_telling.IsEmpty()) {
         try {
-            m_observer(events.Take());
+            m_observer(m_telling.Take());
         } catch (...) {
             // It is its own.
         }
