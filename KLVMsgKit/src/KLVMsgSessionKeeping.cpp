@@ -18,10 +18,6 @@ KLVMsgOutcome Failure(int error, std::string text) {
 
 KLVMsgOutcome NoMemory() { return Failure(ENOMEM, std::string()); }
 
-KLVMsgOutcome TooMany() {
-    return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
-}
-
 }  // namespace
 
 KLVMsgOutcome KLVMsgSessionCore::Keep(const KLVMsgSocketAddress& address, const std::string& label,
