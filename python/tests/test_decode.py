@@ -142,7 +142,7 @@ def test_times_of_the_day_choose(start: Any, spied: Any) -> None:
 
 EXAMPLES = [
     ("pubsub", ["publish"], ["subscribe", "PORT", "weather"], 4, "News 17 weather: rain"),
-    ("workers", ["dispatch"], ["work", "PORT"], 3, "Result 12 number=7 square=49"),
+    ("workers", ["dispatch"], ["work", "PORT", "all"], 3, "Result 12 number=7 square=49"),
     ("protobuf", ["shop"], ["buy", "PORT"], 1, "shop.Order 27 items=[{name=bolt count=100}, {name=washer count=200}]"),
     ("cereal", ["collect"], ["measure", "PORT"], 1, 'station="the roof" samples={humidity=[0.5, 0.25] '),
     ("exchange", ["hub"], ["client", __file__, "--port", "PORT"], 1, f"lines={len(open(__file__).readlines())}"),
