@@ -40,8 +40,7 @@ private:
     Duration m_next = kShortest;
 };
 
-// What a connection that is not plain goes through before it is one is the place's affair: it is open
-// until the server has admitted it.
+// A connection that is not plain greets the server first: its place stays open until it is let in.
 //
 // Either its connection is there, or its place is open: an entry in the book of peers that takes
 // messages as a connection does, and sends none. What is queued goes from one to the other.
