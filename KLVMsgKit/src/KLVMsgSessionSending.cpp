@@ -166,8 +166,8 @@ void KLVMsgSessionCore::AwaitDelivery(Lock& lock, KLVMsgDelivery& delivery,
     }
 }
 
-// Queues the message for those who have room by now. Where memory is short once others have it, that
-// is the same as too little room. Throws std::bad_alloc while nobody has it.
+// Queues the message for those who have room by now. Where memory is short once others have it,
+// that is the same as too little room. Throws std::bad_alloc while nobody has it.
 void KLVMsgSessionCore::RetryRoomless(Lock& lock, KLVMsgDelivery& delivery,
                                       const KLVMsgWireWriter& bytes) {
     const bool isOnlyOne = delivery.roomless.size() == 1 && delivery.left == 0;
