@@ -2,8 +2,8 @@
 """Measures the session beside other messaging libraries, and prints each row beside its bar.
 
 session_bench.py BUILD [--runs N] [--only tls] [--document] [--smoke]: BUILD is a release build with the
-benchmarks; --only tls takes what is protected alone; --document puts the table into docs/performance.md; --smoke takes short runs, whose
-figures mean nothing, to try all of this.
+benchmarks; --only tls takes what is protected alone; --document puts the table into
+docs/performance.md; --smoke takes short runs, whose figures mean nothing, to try all of this.
 """
 
 import argparse
