@@ -99,5 +99,5 @@ void Bridge::OnEvent(const KLVMsgEvent& event) {
             }
         }
     }
-    m_log.Say("session", event.what + (event.address.empty() ? "" : " (" + event.address + ")"));
+    m_log.Say("session", event.what);
 }

@@ -34,7 +34,6 @@ what goes where
 at least once
   --stream NAME                  a stream of JetStream; it is made if there is none
   --replicas N                   how many copies a stream has that is made
-  --sole                         nobody else publishes to the stream: order holds in every case
   --group NAME                   bridges of one site that take turns
   --window N, --answer SECONDS   how many are open at a time, and how long one waits
 what is told
@@ -126,7 +125,6 @@ const std::map<std::string, Setter>& Setters() {
          [](Options& o, const std::string& v) {
              o.replicas = static_cast<int>(ParseNumber(v, 5, "replicas"));
          }},
-        {"sole", [](Options& o, const std::string&) { o.isSole = true; }},
         {"window",
          [](Options& o, const std::string& v) { o.window = ParseNumber(v, 1000000, "window"); }},
         {"answer",
@@ -152,7 +150,7 @@ const std::map<std::string, Setter>& Setters() {
     return setters;
 }
 
-bool IsFlag(const std::string& name) { return name == "sole" || name == "check"; }
+bool IsFlag(const std::string& name) { return name == "check"; }
 
 void Set(const std::string& name, const std::string& value, Options& options) {
     const auto setter = Setters().find(name);

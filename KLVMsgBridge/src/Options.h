@@ -27,7 +27,6 @@ struct Options {
     std::string group;            // those of a site that take turns have the same; empty: none
     std::string stream;           // empty: at most once
     int replicas = 1;             // of a stream that the bridge makes
-    bool isSole = false;          // nobody else publishes to the stream
     std::size_t window = 8192;    // messages that are not yet stored
     std::chrono::seconds answer{5};
     std::string certificate, key, authority;              // of the sessions' connections

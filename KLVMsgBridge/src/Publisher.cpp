@@ -1,5 +1,6 @@
 #include "Publisher.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -16,7 +17,8 @@ constexpr const char* kFrom = "KLVMsgBridgeFrom";
 constexpr const char* kTaken = "KLVMsgBridgeTaken";
 constexpr milliseconds kPeriod(20);  // between two looks at what has become late
 constexpr std::chrono::seconds kClearing(10);
-constexpr int kTooLong = 10054;  // JetStream's: the message exceeds the stream's limit
+constexpr int kWrongBefore = 10070;  // JetStream's: another message than expected is the last
+constexpr int kTooLong = 10054;      // JetStream's: the message exceeds the stream's limit
 
 std::string MakeRun() {
     std::random_device random;
@@ -209,7 +211,7 @@ void Publisher::Pump(Lock&) {
             continue;
         }
         const bool hasToFollow =
-            m_options.isSole && next.before != nullptr && !next.before->subject.empty();
+            m_isAlone && next.before != nullptr && !next.before->subject.empty();
         const char* const why = m_nats.Publish(*next.parcel, m_inbox + std::to_string(next.key),
                                                hasToFollow ? next.before->id : std::string());
         m_counts.again += next.isAgain ? 1 : 0;
@@ -274,6 +276,12 @@ void Publisher::Settle(std::uint64_t key, natsMsg* answer) {
         ++m_counts.dropped;
         --m_counts.published;  // it counts there with what is done
     } else if (!why.empty()) {
+        if (code == kWrongBefore && m_isAlone && !IsOurs(why.substr(why.rfind(' ') + 1))) {
+            m_isAlone = false;
+            m_log.Say("not-alone",
+                      "others publish to the stream too: messages that are lost while "
+                      "its leader changes may be stored behind later ones");
+        }
         m_window.Failed(key, Clock::now());
         return Trouble(why);
     }
@@ -299,6 +307,13 @@ void Publisher::Note(std::size_t done) {
             m_log.Say("stored", "messages are stored again");
         }
     }
+}
+
+// Whether it is the id of a message that has gone through this bridge.
+bool Publisher::IsOurs(const std::string& id) const {
+    const std::string name = id.substr(0, id.rfind(':'));
+    return std::any_of(m_senders.begin(), m_senders.end(),
+                       [&](const auto& sender) { return sender.second.name == name; });
 }
 
 void Publisher::Trouble(const std::string& why) {

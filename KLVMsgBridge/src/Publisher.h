@@ -18,7 +18,9 @@
 
 // Takes what comes to the session and publishes it. Without a stream that is all, and what NATS
 // does not take at that moment is dropped. With one it is kept until it is stored, and reading
-// stops while too many are open.
+// stops while too many are open. Each tells the stream which one has to be there before it, so that
+// they stay in order though many are under way; not where others publish to the stream as well: then
+// those of which one is lost while the stream's leader changes may be overtaken.
 //
 // A message's id is that of its sender and its number. A sender that wants to know what is stored
 // says who it is, before its messages, with one of the type KLVMsgBridgeFrom: 8 bytes with the
@@ -64,6 +66,7 @@ private:
     void ForgetThoseWhoHaveGone();
     void Settle(std::uint64_t key, natsMsg* answer);
     void Note(std::size_t done);
+    bool IsOurs(const std::string& id) const;
     void Trouble(const std::string& why);
 
     KLVMsgSession& m_session;
@@ -82,6 +85,7 @@ private:
     std::condition_variable m_hasRoom;
     Window m_window;
     std::unordered_map<std::uint64_t, Sender> m_senders;  // by connection
+    bool m_isAlone = true;  // nobody else is known to publish to the stream
     bool m_saidTrouble = false;
     bool m_isDone = false;  // the taking thread
     std::condition_variable m_done;

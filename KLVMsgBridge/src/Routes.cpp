@@ -28,6 +28,7 @@ void Routes::AddOutward(const std::string& text) {
         std::count(subject.begin(), subject.end(), '*') > 1) {
         throw UsageError("one * at the most stands for the type: '" + subject + "'");
     }
+    m_found.clear();
     if (!m_outwards.emplace(type, subject).second) {
         throw UsageError("messages of " + type + " have a subject already");
     }

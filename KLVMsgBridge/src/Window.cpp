@@ -56,7 +56,6 @@ std::size_t Window::Stored(std::uint64_t key) {
     if (!m_done.empty() && m_isTrying) {
         m_isInTrouble = m_isTrying = false;
         m_pause = m_limits.pause;
-        m_next = 0;
     }
     return m_done.size();
 }
