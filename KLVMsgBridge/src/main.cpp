@@ -7,8 +7,11 @@
 
 #include "Bridge.h"
 #include "Text.h"
+#include "Turns.h"
 
 namespace {
+
+constexpr std::chrono::milliseconds kPeriod(100);
 
 std::atomic<bool> isOver{false};
 
@@ -35,6 +38,20 @@ std::unique_ptr<Nats> ConnectToNats(const Options& options, Log& log, const sigs
     return nullptr;
 }
 
+// For as long as it is the bridge's turn.
+void Carry(Nats& nats, const Options& options, Turns& turns, Counts& counts, Log& log) {
+    using Clock = std::chrono::steady_clock;
+    Bridge bridge(nats, options, counts, log, isOver);
+    log.Say("carrying", "carrying messages");
+    for (auto next = Clock::now() + options.counts; !isOver && turns.IsMine();) {
+        std::this_thread::sleep_for(kPeriod);
+        if (options.counts.count() != 0 && Clock::now() >= next) {
+            next += options.counts;
+            log.Say("counts", counts.Words() + "; the session: " + bridge.Words());
+        }
+    }
+}
+
 int Run(const Options& options) {
     sigset_t signals;
     sigemptyset(&signals);
@@ -56,15 +73,12 @@ int Run(const Options& options) {
         const auto joined = [](std::thread* thread) { thread->join(); };
         const std::unique_ptr<std::thread, decltype(joined)> owner(&watch, joined);
         try {
-            Bridge bridge(*nats, options, counts, log, isOver);
-            log.Say("carrying", "carrying messages");
-            auto next = std::chrono::steady_clock::now() + options.counts;
+            Turns turns(*nats, options, log);
             while (!isOver) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(100));
-                if (options.counts.count() != 0 && std::chrono::steady_clock::now() >= next) {
-                    next += options.counts;
-                    log.Say("counts", counts.Words() + "; the session: " + bridge.Words());
+                if (turns.IsMine()) {
+                    Carry(*nats, options, turns, counts, log);
                 }
+                std::this_thread::sleep_for(kPeriod);
             }
         } catch (...) {
             isOver = true;
