@@ -12,9 +12,9 @@ namespace {
 
 // A pair there and back; one way a socket that pulls, and one for each connection that pushes.
 // Where one asks, a socket that replies, and one for each asker that requests.
-class NngTalker : public Talker {
+class NngTalker : public SocketsTalker<NngTalker, nng_socket> {
 public:
-    explicit NngTalker(const Manner& manner) : m_manner(manner) {}
+    using SocketsTalker::SocketsTalker;
 
     int Listen(const std::string& host) override {
         nng_listener listener;
@@ -33,25 +33,6 @@ public:
         }
     }
 
-    void Send(std::size_t connection, const Stamp& stamp) override {
-        if (m_manner.use == Use::kAsking) {
-            PutIn(m_sockets[stamp.lane], stamp);
-            Require(TakeOut(m_sockets[stamp.lane]).number == stamp.number, "nng answer");
-        } else {
-            PutIn(m_sockets[connection], stamp);
-        }
-    }
-
-    void Receive(std::vector<Stamp>& stamps) override {
-        stamps.push_back(TakeOut(m_sockets[0]));
-        if (m_manner.use == Use::kAsking) {
-            Answer(stamps.back());
-        }
-    }
-
-    void Answer(const Stamp& stamp) override { PutIn(m_sockets[0], stamp); }
-
-private:
     void PutIn(nng_socket socket, const Stamp& stamp) const {
         nng_msg* message = nullptr;
         Require(nng_msg_alloc(&message, m_manner.size) == 0, "nng message");
@@ -68,6 +49,7 @@ private:
         return stamp;
     }
 
+private:
     nng_socket& Open(bool server) {
         nng_socket& socket = m_sockets.emplace_back();
         const bool asks = m_manner.use == Use::kAsking;
@@ -78,9 +60,6 @@ private:
                 "nng open");
         return socket;
     }
-
-    const Manner m_manner;
-    std::vector<nng_socket> m_sockets;  // a server's only one, or a client's
 };
 
 }  // namespace

@@ -10,6 +10,9 @@
 #include <optional>
 
 #include "Meeting.h"
+#ifdef BENCH_TLS
+#include "Certificates.h"
+#endif
 
 namespace bench {
 namespace {
@@ -289,6 +292,39 @@ void Asking() {
     }
 }
 
+// TLS ---------------------------------------------------------------------------------------------
+
+#ifdef BENCH_TLS
+void Tls() {
+    const PemFolder folder;
+    const Identity authority;
+    const Identity peer(&authority, "IP:127.0.0.1");
+    const KLVMsgTlsOptions options = folder.Peer("peer", {&peer}, authority);
+    for (const std::size_t size : {sizeof(Stamp), std::size_t{64} << 10}) {
+        Manner manner;
+        manner.size = size;
+        manner.tls = &options;
+        std::vector<Talk> talks = {SessionTalk("session", manner),
+                                   {"by hand", &MakeHandTlsTalker, manner}};
+        manner.together = true;
+        talks.push_back(SessionTalk("session, together", manner));
+        const bool isShort = size == sizeof(Stamp);
+        OneWay(isShort ? "one way over TLS, 16 B" : "one way over TLS, 64 KiB", talks);
+    }
+    Manner manner;
+    manner.use = Use::kThereAndBack;
+    std::vector<Talk> talks = {SessionTalk("session, plain", manner)};
+    manner.tls = &options;
+    talks.push_back(SessionTalk("session", manner));
+    TakeTurns(5, talks, [](const Talk& talk) {
+        Print("there and back over TLS, 16 B, median", talk.who,
+              Apart<RoundTrip>([&] { return TimeThereAndBack(talk); }).median);
+    });
+}
+#else
+void Tls() { LeaveOut("TLS", "OpenSSL was not there"); }
+#endif
+
 // Idle --------------------------------------------------------------------------------------------
 
 double ProcessorTime() {
@@ -324,6 +360,7 @@ void RunAll() {
     }
     ThereAndBack();
     Asking();
+    Tls();
     Idle();
 }
 
@@ -334,5 +371,5 @@ void RunAll() {
 int main(int argc, char** argv) {
     const std::string argument = argc > 1 ? argv[1] : "";
     bench::smoke = argument == "--smoke";
-    argument == "asking" ? bench::Asking() : bench::RunAll();
+    argument == "asking" ? bench::Asking() : argument == "tls" ? bench::Tls() : bench::RunAll();
 }

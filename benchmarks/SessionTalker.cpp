@@ -1,4 +1,7 @@
 #include <KLVMsgSession.h>
+#ifdef BENCH_TLS
+#include <KLVMsgTls.h>
+#endif
 
 #include <thread>
 
@@ -77,7 +80,11 @@ public:
 
     int Listen(const std::string& host) override {
         int port = 0;
-        Require(m_session.Serve({host.c_str(), 0}, &port) && m_session.Start(), "session listen");
+        Require(InItsWay([&](const auto&... how) {
+                    return m_session.Serve({host.c_str(), 0}, &port, how...);
+                }) &&
+                    m_session.Start(),
+                "session listen");
         for (int i = 0; i < m_manner.waiting; ++i) {
             std::thread([this] {
                 m_session.Receive<OtherMessage>(std::chrono::hours(1));
@@ -88,7 +95,10 @@ public:
 
     void Connect(const std::string& host, int port, int connections) override {
         for (int i = 0; i < connections; ++i) {
-            Require(bool(m_session.Connect({host.c_str(), port}, "server")), "session connect");
+            Require(InItsWay([&](const auto&... how) {
+                        return m_session.Connect({host.c_str(), port}, "server", how...);
+                    }),
+                    "session connect");
         }
         m_servers = m_session.Peers("server");
         Require(bool(m_session.Start()), "session start");
@@ -133,6 +143,16 @@ public:
     }
 
 private:
+    template <class Operation>
+    bool InItsWay(const Operation& operation) {
+#ifdef BENCH_TLS
+        if (m_manner.tls != nullptr) {
+            return bool(operation(KLVMsgTls(*m_manner.tls)));
+        }
+#endif
+        return bool(operation());
+    }
+
     const Manner m_manner;
     KLVMsgSession m_session;
     std::vector<KLVMsgPeer> m_servers;

@@ -11,6 +11,8 @@
 
 #include "Bench.h"
 
+struct KLVMsgTlsOptions;
+
 namespace bench {
 
 // The first 16 bytes of every body. A lane is what keeps an order: a connection, or a thread of
@@ -32,6 +34,8 @@ struct Manner {
     bool together = false;     // the receiver takes all that is there at once
     bool wholeHeaders = true;  // the option of this name
     int waiting = 0;           // threads of the server that wait for what never comes
+
+    const KLVMsgTlsOptions* tls = nullptr;  // how it is protected; null: it is not
 };
 
 // One process's end. A server has many clients, which are all in one process and one object.
@@ -53,9 +57,44 @@ public:
     virtual void Answer(const Stamp& stamp) = 0;
 };
 
+// One that has a socket for each connection or asker, and a server's only one. `Own` is derived from
+// it, and has PutIn and TakeOut: without a virtual call, which would be measured.
+template <class Own, class Socket>
+class SocketsTalker : public Talker {
+public:
+    explicit SocketsTalker(const Manner& manner) : m_manner(manner) {}
+
+    void Send(std::size_t connection, const Stamp& stamp) override {
+        if (m_manner.use != Use::kAsking) {
+            Self().PutIn(m_sockets[connection], stamp);
+            return;
+        }
+        const Socket asker = m_sockets[stamp.lane];
+        Self().PutIn(asker, stamp);
+        Require(Self().TakeOut(asker).number == stamp.number, "answer");
+    }
+
+    void Receive(std::vector<Stamp>& stamps) override {
+        stamps.push_back(Self().TakeOut(m_sockets[0]));
+        if (m_manner.use == Use::kAsking) {
+            Answer(stamps.back());
+        }
+    }
+
+    void Answer(const Stamp& stamp) override { Self().PutIn(m_sockets[0], stamp); }
+
+protected:
+    const Manner m_manner;
+    std::vector<Socket> m_sockets;  // a server's only one, or a client's
+
+private:
+    const Own& Self() const { return static_cast<const Own&>(*this); }
+};
+
 using MakeTalker = std::unique_ptr<Talker>(const Manner&);
 MakeTalker MakeSessionTalker;
-MakeTalker MakeHandTalker;  // one connection, one way
+MakeTalker MakeHandTalker;     // one connection, one way
+MakeTalker MakeHandTlsTalker;  // the same
 MakeTalker MakeNngTalker;
 MakeTalker MakeZeroMqTalker;
 

@@ -7,9 +7,9 @@ namespace {
 
 // A pair there and back; one way a socket that pulls, and one for each connection that pushes.
 // Where one asks, a socket that replies, and one for each asker that requests.
-class ZeroMqTalker : public Talker {
+class ZeroMqTalker : public SocketsTalker<ZeroMqTalker, void*> {
 public:
-    explicit ZeroMqTalker(const Manner& manner) : m_manner(manner) {}
+    using SocketsTalker::SocketsTalker;
 
     int Listen(const std::string& host) override {
         char text[128];
@@ -27,25 +27,6 @@ public:
         }
     }
 
-    void Send(std::size_t connection, const Stamp& stamp) override {
-        if (m_manner.use == Use::kAsking) {
-            PutIn(m_sockets[stamp.lane], stamp);
-            Require(TakeOut(m_sockets[stamp.lane]).number == stamp.number, "zeromq answer");
-        } else {
-            PutIn(m_sockets[connection], stamp);
-        }
-    }
-
-    void Receive(std::vector<Stamp>& stamps) override {
-        stamps.push_back(TakeOut(m_sockets[0]));
-        if (m_manner.use == Use::kAsking) {
-            Answer(stamps.back());
-        }
-    }
-
-    void Answer(const Stamp& stamp) override { PutIn(m_sockets[0], stamp); }
-
-private:
     void PutIn(void* socket, const Stamp& stamp) const {
         zmq_msg_t message;
         Require(zmq_msg_init_size(&message, m_manner.size) == 0, "zeromq message");
@@ -63,6 +44,7 @@ private:
         return stamp;
     }
 
+private:
     void* Open(int oneWay, int asking) {
         const int kind = m_manner.use == Use::kThereAndBack ? ZMQ_PAIR
                          : m_manner.use == Use::kAsking     ? asking
@@ -70,9 +52,7 @@ private:
         return m_sockets.emplace_back(zmq_socket(m_context, kind));
     }
 
-    const Manner m_manner;
     void* m_context = zmq_ctx_new();
-    std::vector<void*> m_sockets;  // a server's only one, or a client's
 };
 
 }  // namespace

@@ -31,14 +31,15 @@ FLOORS = (
     "KLVMsgFramedMessage KLVMsgAnyMessage KLVMsgProtobufMessage KLVMsgCerealMessage KLVMsgCallMessage "
     "KLVMsgReceivedAny KLVMsgQuestionCounts "
     "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
-    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgQuietThread KLVMsgResolver "
+    "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgQuietThread KLVMsgLinger KLVMsgResolver "
     "KLVMsgDialer KLVMsgGreeting KLVMsgKitTls/",
     "KLVMsgOutput KLVMsgPeerWatch KLVMsgConnection",
-    "KLVMsgLoop KLVMsgLoopGreeting",
+    "KLVMsgLoop KLVMsgLoopGreeting KLVMsgLoopListening",
     "KLVMsgSession KLVMsgSessionCore KLVMsgSessionSending KLVMsgSessionReceiving KLVMsgInbox "
     "KLVMsgSessionAdmitting KLVMsgSessionGreeting KLVMsgSessionKeeping KLVMsgSessionEnding "
     "KLVMsgSessionAsking KLVMsgSessionDispatching KLVMsgMetrics "
     "KLVMsgPeerBook KLVMsgKeep KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
+    "KLVMsgBridge/",
     "examples/",
 )
 

@@ -4,14 +4,14 @@
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 . "$root/scripts/setup.sh"
-need_packages cmake clang libgtest-dev make
+need_packages cmake clang libgtest-dev libssl-dev make
 need_packages "libclang-rt-$(clang++ -dumpversion | cut -d . -f 1)-dev"
 
 build=$(build_root "$root")/fuzz
 prepare_build "$build" "$root"
 cd "$root"
 cmake --preset fuzz -B "$build"
-cmake --build "$build" --parallel "$(nproc)" --target fuzzCycle fuzzReader
+cmake --build "$build" --parallel "$(nproc)" --target fuzzCycle fuzzReader fuzzTls
 
 # FUZZER CORPUS SECONDS OPTION...
 fuzz() {
@@ -30,3 +30,4 @@ fuzz() {
 ASAN_OPTIONS=allocator_may_return_null=1:max_allocation_size_mb=64:detect_leaks=0 \
   fuzz fuzzCycle tests/fuzz/corpus "${1:-60}" -detect_leaks=0 -malloc_limit_mb=4096 -rss_limit_mb=8192
 fuzz fuzzReader tests/fuzz/readerCorpus "${1:-60}" -max_len=400
+fuzz fuzzTls tests/fuzz/tlsCorpus "${1:-60}" -max_len=2000

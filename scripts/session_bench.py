@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Measures the session beside other messaging libraries, and prints each row beside its bar.
 
-session_bench.py BUILD [--runs N] [--document] [--smoke]: BUILD is a release build with the
-benchmarks; --document puts the table into docs/performance.md; --smoke takes short runs, whose
+session_bench.py BUILD [--runs N] [--only tls] [--document] [--smoke]: BUILD is a release build with the
+benchmarks; --only tls takes what is protected alone; --document puts the table into docs/performance.md; --smoke takes short runs, whose
 figures mean nothing, to try all of this.
 """
 
@@ -84,6 +84,15 @@ def asking_rows():
         yield rate(many, many, SESSION, against, 1.5)
 
 
+def tls_rows():
+    for size in ("16 B", "64 KiB"):
+        what = f"one way over TLS, {size}"
+        yield rate(f"{what}, one by one", what, SESSION, "by hand", 0.9)
+        yield rate(f"{what}, together", what, TOGETHER, "by hand", 0.9)
+    what = "there and back over TLS, 16 B, median"
+    yield time(what, what, SESSION, "session, plain", 1.15)
+
+
 ROWS = [
     *short_rows(),
     rate("one way, 16 B, 16 threads posting to one peer", "one way, 16 B, connections: 1",
@@ -91,6 +100,7 @@ ROWS = [
     *long_rows(),
     *trip_rows(),
     *asking_rows(),
+    *tls_rows(),
     itself("memory of an idle connection", "memory of an idle connection", 2048, "{:,.0f} B"),
     itself("memory of a session", "memory of a session", 1 << 20, "{:,.0f} B"),
     itself("idle, of a core", "idle", 0.01, "{:.4f} %"),
@@ -99,9 +109,9 @@ ROWS = [
 ]
 
 
-def run_program(program, smoke):
+def run_program(program, argument=None):
     """What a benchmark prints: each turn's figure of everybody, in order."""
-    arguments = [program] + (["--smoke"] if smoke else [])
+    arguments = [program] + ([argument] if argument else [])
     output = subprocess.run(arguments, check=True, stdout=subprocess.PIPE, text=True).stdout
     for line in output.splitlines():
         one = json.loads(line)
@@ -147,13 +157,16 @@ def compile_programs(build, smoke):
         yield "size", SESSION, os.path.getsize(linked)
 
 
-def measure(build, smoke):
+def measure(build, smoke, only=None):
     """All figures of one run: a list of turns for each."""
     found = collections.defaultdict(list)
     programs = build / "benchmarks"
-    for source in (run_program(programs / "benchsession", smoke),
-                   run_program(programs / "benchsessionmemory", smoke),
-                   compile_programs(build, smoke)):
+    argument = "--smoke" if smoke else None
+    sources = [run_program(programs / "benchsession", only or argument)]
+    if only is None:
+        sources += [run_program(programs / "benchsessionmemory", argument),
+                    compile_programs(build, smoke)]
+    for source in sources:
         for what, who, value in source:
             found[what, who].append(value)
     return found
@@ -201,12 +214,12 @@ def line(row, runs):
             f"{low} to {high}", bar, held(row, results))
 
 
-def table(build, runs, smoke):
+def table(build, runs, smoke, rows):
     version = subprocess.run([compiler_of(build), "--version"], check=True, capture_output=True,
                              text=True).stdout.splitlines()[0]
     kind = "short runs, whose figures mean nothing" if smoke else "runs"
     lines = [("Row", "Session", "Beside", "Result", "Runs", "Bar", "Held"), ("---",) * 7]
-    lines += [line(row, runs) for row in ROWS]
+    lines += [line(row, runs) for row in rows]
     return (f"Measured in {len(runs)} {kind}, on {os.cpu_count()} cores ({platform.machine()}), "
             f"Linux {'.'.join(platform.release().split('.')[:2])}, {version}.\n\n" +
             "".join("| " + " | ".join(each) + " |\n" for each in lines))
@@ -224,14 +237,16 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
     parser.add_argument("build", type=pathlib.Path)
     parser.add_argument("--runs", type=int, default=4)
+    parser.add_argument("--only", choices=["tls"])
     parser.add_argument("--document", action="store_true")
     parser.add_argument("--smoke", action="store_true")
     options = parser.parse_args()
     runs = []
     for run in range(options.runs):
         print(f"session, run {run + 1} of {options.runs}", file=sys.stderr)
-        runs.append(measure(options.build, options.smoke))
-    text = table(options.build, runs, options.smoke)
+        runs.append(measure(options.build, options.smoke, options.only))
+    rows = list(tls_rows()) if options.only else ROWS
+    text = table(options.build, runs, options.smoke, rows)
     print(text)
     if options.document:
         write_document(text)

@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -50,7 +51,11 @@ TEST(SessionConnections, TellsWhyItCannotConnectOrServeOrRegister) {
     EXPECT_EQ(EINVAL, session.Serve(At(70000)).error);
     EXPECT_EQ(ENOENT, session.StopServing(-1).error);
     EXPECT_EQ(KLVMsgOutcome::kTooLate, session.NextEvent(20ms).status);
-    EXPECT_TRUE(session.StopServing(session.port));
+    {
+        const FailingCall first("epoll_ctl", EMFILE, 1);
+        EXPECT_EQ(EMFILE, session.Serve({"::1", session.port}).error);
+    }
+    EXPECT_TRUE(session.StopServing(session.port)) << "as it was served before";
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, reading.get()) << "nobody can come";
     {
         const FailingCall second("epoll_ctl", EMFILE, 2);
@@ -268,6 +273,22 @@ TEST(SessionConnections, ThousandsAreServedAtOnce) {
         ASSERT_EQ(WordBytes("together"), peer->Receive(20));
     }
     EXPECT_TRUE(session.Disconnect(KLVMsgPeers::All()));
+}
+
+// As happens where the system connects out of a port at which nobody listens.
+TEST(SessionConnections, NobodyMeetsItself) {
+    const int port = Listener().address.port;
+    const Interposed onConnect([=](const SystemCall& call) {
+        const sockaddr_in own = {AF_INET, htons(std::uint16_t(port)), {htonl(INADDR_LOOPBACK)}, {}};
+        if (call.name == "connect") {
+            syscall(SYS_bind, call.descriptor, &own, sizeof own);
+        }
+        return std::optional<long>();
+    });
+    Session session;
+    EXPECT_EQ(ECONNREFUSED, session.Connect(At(port), "", ever).error);
+    EXPECT_TRUE(session.Keep(At(port), "kept"));
+    EXPECT_EQ(ECONNREFUSED, session.Await(KLVMsgEvent::kAway).error);
 }
 
 TEST(SessionConnections, AnUnansweredConnectIsGivenUp) {

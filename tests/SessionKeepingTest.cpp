@@ -97,10 +97,40 @@ TEST(SessionKeeping, WhatWasQueuedComesInOrderBehindTheHello) {
     EXPECT_TRUE(session.Disconnect("kept"));
     EXPECT_EQ("", third.Receive(1));
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Post("kept", Word()).status);
+    Session silent;  // that nobody asks for what has come is no reason to wait for the next one
+    EXPECT_TRUE(silent.Keep(At(port), "kept"));
+    PlainPeer(*server).Send(WordBytes("unread"));
+    PlainPeer next(*server);
+    EXPECT_TRUE(silent.Disconnect("kept") && silent.Holds(1));
     EXPECT_TRUE(session.Connect(At(port), "own"));
     EXPECT_EQ(EEXIST, session.Keep(At(1), "own").error) << "of a connection";
     EXPECT_EQ(EEXIST, session.Keep(At(1), "none").error) << "of another one that is kept";
     server.reset();
+}
+
+TEST(SessionKeeping, WhoWaitsIsToldWhatIsThereAndWhatIsTaken) {
+    const int port = Listener().address.port;
+    Session session;
+    EXPECT_TRUE(session.Keep(At(port), "big", flood));
+    auto behind = std::async([&] { return session.Send("big", Word("5"), ever).status; });
+    auto there = std::async([&] { return session.WaitUntilThere("big", ever).status; });
+    EXPECT_TRUE(session.Queues(1));
+    EXPECT_EQ(KLVMsgOutcome::kTooLate, session.WaitUntilThere("big", 0ms).status);
+    const Listener server(At(port));
+    EXPECT_EQ(KLVMsgOutcome::kDone, there.get());
+    EXPECT_TRUE(Eventually([&] { return session.Counts("big").bytesSent > 1000; }));
+    const KLVMsgPeer big = session.Peers("big").at(0);
+    EXPECT_TRUE(session.WaitUntilThere(big, 0ms) && session.Disconnect("big"));
+    EXPECT_EQ(KLVMsgOutcome::kPeerGone, behind.get()) << "the hello before it was not yet taken";
+    EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.WaitUntilThere(big, ever).status);
+    EXPECT_EQ("big", session.Await(KLVMsgEvent::kGone).label);
+    auto named = std::async([&] { return session.WaitUntilThere("named", ever).status; });
+    PlainPeer other(session.port);
+    session.Came("named");
+    EXPECT_EQ(KLVMsgOutcome::kDone, named.get());
+    auto none = std::async([&] { return session.WaitUntilThere("nobody", ever).status; });
+    session.End(0ms);
+    EXPECT_EQ(KLVMsgOutcome::kPeerGone, none.get());
 }
 
 TEST(SessionDraining, WhatHasComeIsAnsweredAndNothingNewTaken) {

@@ -226,6 +226,33 @@ TEST(SessionReceiving, HandlersHaveTheirClassesAlone) {
     EXPECT_EQ("3", session.Next()) << "Receive has its class again";
 }
 
+TEST(SessionReceiving, EventsAreHandledInOrderAmongMessages) {
+    Session session;
+    auto asking = std::async([&] { return session.NextEvent(ever).error; });
+    std::string seen;
+    const char* const kinds[] = {"none", "came ", "gone "};
+    session.HandleEvents([&](const KLVMsgEvent& event) { seen += kinds[event.kind]; });
+    EXPECT_EQ(EINVAL, asking.get());
+    auto waiting = std::async([&] { return static_cast<bool>(session.Dispatch(ever)); });
+    PlainPeer first(session.port);
+    EXPECT_TRUE(waiting.get()) << "by an event alone";
+    session.Handle<Word>([&](auto word) { seen += word->text + " "; });
+    session.Handle<Other>([&](auto other) { seen += other->text + " "; });
+    first.Send(WordBytes("a") + TextBytes("Other", "b"));
+    EXPECT_TRUE(session.Holds(2));
+    first.Close();
+    EXPECT_TRUE(session.WaitUntilGone(KLVMsgPeers::All(), ever));
+    PlainPeer second(session.port);
+    second.Send(WordBytes("c"));
+    EXPECT_TRUE(session.Holds(3));
+    EXPECT_TRUE(session.Dispatch(0ms) && !session.Dispatch(0ms));
+    EXPECT_EQ("came a b gone came c ", seen);
+    EXPECT_EQ(EINVAL, session.NextEvent(0ms).error);
+    session.HandleEvents(nullptr);
+    second.Close();
+    EXPECT_EQ(KLVMsgEvent::kGone, session.NextEvent(ever).kind) << "NextEvent has them again";
+}
+
 TEST(SessionReceiving, AHalfClosedAskerStillGetsItsAnswer) {
     Session session;
     const Listener listener;

@@ -2,7 +2,12 @@
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 
+#include <atomic>
+#include <cerrno>
+#include <optional>
+
 #include "Certificates.h"
+#include "Faults.h"
 #include "Sessions.h"
 
 namespace {
@@ -188,6 +193,68 @@ TEST(Tls, ReadsWhatTheSystemKnowsNothingOf) {
     client.Disconnect(""), server.Disconnect("");
 }
 
+// The system takes nothing for a while.
+TEST(Tls, WhatTheSystemHasNotTakenIsNotSent) {
+    const World world;
+    Secure server(world.Server());
+    Session client;
+    ASSERT_TRUE(client.Connect(At(server.securePort), "", ever, KLVMsgTls(world.Client())));
+    server.Came();
+    {
+        const FailingCall full("sendmsg", EAGAIN);
+        EXPECT_EQ(KLVMsgOutcome::kTooLate, client.Send("", Word("1"), 20ms).status);
+        EXPECT_EQ(1U, client.Counts().messagesQueued) << "it is encrypted, so that it has to go";
+        EXPECT_TRUE(client.Post("", Word("2")));
+    }
+    EXPECT_TRUE(client.Send("", Word("3"), ever));
+    for (const char* const text : {"1", "2", "3"}) {
+        EXPECT_EQ(text, server.Next());
+    }
+    client.Disconnect(""), server.Disconnect("");
+}
+
+TEST(Tls, KeepComesBackAndTellsWhatKeepsItAway) {
+    const World world;
+    const Identity foreign(&world.stranger, "IP:127.0.0.1");
+    const KLVMsgTlsOptions wrong = world.folder.Peer("wrong", {&foreign}, world.authority);
+    const int port = Listener().address.port;
+    std::optional<Session> server;
+    const auto serve = [&](const KLVMsgTlsOptions& options) {
+        server.reset();
+        EXPECT_TRUE(server.emplace().Serve(At(port), KLVMsgTls(options)));
+    };
+    Session client;
+    const auto isAway = [&] { return client.Await(KLVMsgEvent::kAway).what; };
+    EXPECT_FALSE(client.Keep(At(port), "kept", KLVMsgTls(KLVMsgTlsOptions())));
+    const KLVMsgTls own(world.Client());
+    EXPECT_TRUE(client.Keep(At(port), "kept", Word("hello"), own));
+    EXPECT_TRUE(Has(isAway(), "refused"));
+    EXPECT_TRUE(client.Post("kept", Word("1")));
+    serve(wrong);
+    EXPECT_TRUE(Has(isAway(), "its certificate is not accepted"));
+    serve(world.Server());
+    const auto expect = [&](const char* text) {
+        EXPECT_EQ("hello", server->Next());
+        EXPECT_EQ(text, server->Next());
+    };
+    expect("1");
+    EXPECT_TRUE(Has(client.Await(KLVMsgEvent::kCame).what, "connection of localhost, 127.0.0.1"));
+    serve(world.Server());
+    EXPECT_TRUE(client.Await(KLVMsgEvent::kGone) && client.Send("kept", Word("2"), ever));
+    expect("2");
+    EXPECT_TRUE(server->Post(KLVMsgPeers::All(), Word("answer")));
+    EXPECT_EQ("answer", client.Next("kept"));
+    EXPECT_TRUE(client.Disconnect("kept"));
+    server->Disconnect(KLVMsgPeers::All());
+    const Listener mute(anyPort);
+    EXPECT_TRUE(client.Keep(mute.address, "mute", own));
+    PlainPeer(mute).Receive(1);  // it greets, and ends in the middle of that
+    PlainPeer again(mute);
+    again.Receive(1);
+    EXPECT_TRUE(client.Disconnect("mute"));
+    again.Receive(100000);
+}
+
 TEST(Tls, GoesOnBothWaysWithNewKeysAllTheTimeAndInboxesThatStop) {
     const World world;
     KLVMsgTlsOptions own = world.Server(), others = world.Client();
@@ -209,6 +276,41 @@ TEST(Tls, GoesOnBothWaysWithNewKeysAllTheTimeAndInboxesThatStop) {
         ASSERT_EQ(text + std::to_string(i), client.Next("peer"));
     }
     client.Disconnect("peer"), server.Disconnect("peer");
+}
+
+// Each allocation of the server's loop fails in turn, while some are turned away, too late or let in.
+TEST(Tls, ShortMemoryOfTheLoopIsSurvived) {
+    const World world;
+    KLVMsgTlsOptions own = world.Server();
+    own.greetingsAtOnce = 1;
+    KLVMsgTlsOptions quick = own;
+    quick.greeting = 1ms;
+    const Identity foreign(&world.stranger);
+    const KLVMsgTls stranger(world.folder.Peer("stranger", {&foreign}, world.authority));
+    const KLVMsgTls friendly(world.Client());
+    std::atomic<int> count{1};
+    for (int n = 1; count >= n; ++n) {
+        std::atomic<int> loops{0};
+        const Interposed onLoop([&, n](SystemCall& call) {
+            thread_local std::optional<FailingAllocation> fault;
+            thread_local int loop = 0;
+            loop = call.name == "epoll_pwait2" && loop == 0 ? ++loops : loop;
+            loop == 1 && !fault ? void(fault.emplace(n)) : void();
+            loop == 1 ? void(count = fault->Count()) : void();
+            return std::optional<long>();
+        });
+        Secure server(own);
+        EXPECT_TRUE(Eventually([&] { return loops == 1; }));
+        Session client;
+        const PlainPeer first(server.securePort), second(server.securePort);
+        EXPECT_FALSE(client.Connect(At(server.securePort), "", ever, stranger));
+        EXPECT_TRUE(client.ConnectAgain(At(server.securePort), "", ever, friendly));
+        int port = 0;
+        EXPECT_TRUE(server.Serve(anyPort, &port, KLVMsgTls(quick)));
+        PlainPeer late(port);
+        EXPECT_EQ("", late.Receive(1));
+        client.Disconnect("");
+    }
 }
 
 }  // namespace

@@ -76,16 +76,30 @@ void Bridge::RegisterTypes() {
 }
 
 void Bridge::OpenPlaces() {
+#ifdef KLVMSG_BRIDGE_TLS
+    if (!m_options.certificate.empty()) {
+        const KLVMsgTls tls({m_options.certificate, m_options.key, m_options.authority});
+        return Open(tls);
+    }
+#endif
+    Open();
+}
+
+// With what protects, if anything.
+template <class... Protection>
+void Bridge::Open(const Protection&... protection) {
     for (const Options::Place& place : m_options.serves) {
         int port = 0;
         const KLVMsgSocketAddress address(place.host.c_str(), place.port);
-        Check(m_session.Serve(address, &port), "cannot serve port " + std::to_string(place.port));
+        Check(m_session.Serve(address, &port, protection...),
+              "cannot serve port " + std::to_string(place.port));
         m_labels.emplace_back(port, place.label);
         m_log.Say("serving", "serving on " + place.host + ", port " + std::to_string(port));
     }
     for (const Options::Place& place : m_options.connects) {
         const KLVMsgSocketAddress address(place.host.c_str(), place.port);
-        Check(m_session.Keep(address, place.label), "cannot connect to " + place.label);
+        Check(m_session.Keep(address, place.label, protection...),
+              "cannot connect to " + place.label);
     }
 }
 

@@ -30,6 +30,8 @@ public:
 private:
     void RegisterTypes();
     void OpenPlaces();
+    template <class... Protection>
+    void Open(const Protection&... protection);
     void OnEvent(const KLVMsgEvent& event);
 
     const Options& m_options;

@@ -63,6 +63,9 @@ Options::Place ParsePlace(const std::string& text, bool isServed) {
 }
 
 void ParseTls(const std::string& text, Options& options) {
+#ifndef KLVMSG_BRIDGE_TLS
+    throw UsageError("--tls " + text + ": this bridge was built without OpenSSL");
+#endif
     const std::vector<std::string> files = Split(text, ',');
     if (files.size() != 3) {
         throw UsageError("not of the form CERTIFICATE,KEY,AUTHORITY: '" + text + "'");

@@ -20,7 +20,7 @@ struct KLVMsgEvent : KLVMsgOutcome {
         kUnknownType,  // a message of a type that was never registered was passed over
         kServingFailed,  // a listening socket failed; it is tried again
         kAway,  // a connection that is kept could not be made; told when the cause is another one
-        kLost,  // so many messages, queued for one, are lost: see `what`
+        kLost,  // messages for such a connection are lost: `what` says how many, and why
         kNotRenewed  // what protects new connections has changed and is of no use: they go on with
                      // what was there before
     };

@@ -52,6 +52,11 @@ class KLVMsgSessionCore;
 //
 // A process that forks leaves its sessions to the parent: the child destroys them without effect.
 class KLVMSGKIT_EXPORT KLVMsgSession {
+    // What protects is no message.
+    template <class Message>
+    using IfNoProtection =
+        std::enable_if_t<!std::is_base_of<KLVMsgProtection, std::decay_t<Message>>::value>;
+
 public:
     // The limits are those of `options`. Throws std::bad_alloc and leaves nothing behind then.
     // Where the system gives no descriptors, every operation says so.
@@ -164,12 +169,26 @@ public:
     // taken is lost, and an event; one that the system had taken whole may be, as on every
     // connection that ends. Why it cannot be made is an event when the cause is another one.
     KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label);
-    template <class Message>
+    template <class Message, class = IfNoProtection<Message>>
     KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
                        Message&& hello) {
         return Outgo<Message>(hello,
                               [&](KLVMsgSocketMessage& one, const KLVMsgFramedMessage* framed) {
                                   return KeepPeer(address, label, one, framed);
+                              });
+    }
+
+    // The same, protected in that way: it is there each time that the server has admitted this
+    // session; until then it is away, and that one of them does not trust the other is why. Fails
+    // where what protects cannot be used.
+    KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
+                       const KLVMsgProtection& protection);
+    template <class Message>
+    KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
+                       Message&& hello, const KLVMsgProtection& protection) {
+        return Outgo<Message>(hello,
+                              [&](KLVMsgSocketMessage& one, const KLVMsgFramedMessage* framed) {
+                                  return KeepPeer(address, label, one, framed, protection);
                               });
     }
 
@@ -264,11 +283,18 @@ public:
         });
     }
 
-    // Waits until there is a message of a class that has a handler, as Receive does, and then calls
-    // handlers on this thread, with the oldest message first, for all that are there by then; what
-    // comes meanwhile is for the next time. With 0ms it does not wait: a loop of one's own calls it
-    // when Descriptor() is readable. What a handler throws passes out of it: its message is done,
-    // and the others are there for the next time. Failed: no class has a handler.
+    // The same for events, which are Dispatch's alone from now on: NextEvent fails. An event comes
+    // behind every message that had come when it happened, and before later ones: what a peer has
+    // sent is handled before its kGone is, and behind its kCame. An empty function gives them back
+    // to NextEvent.
+    KLVMsgOutcome HandleEvents(std::function<void(const KLVMsgEvent& event)> function);
+
+    // Waits until there is a message of a class that has a handler, as Receive does, or an event if
+    // events have one. Then calls handlers on this thread, with the oldest first, for all that are
+    // there by then; what comes meanwhile is for the next time. With 0ms it does not wait: a loop
+    // of one's own calls it when Descriptor() is readable. What a handler throws passes out of it:
+    // its message is done, and the others are there for the next time. Failed: nothing has a
+    // handler.
     KLVMsgOutcome Dispatch(KLVMsgTimeLimit limit);
 
     // A descriptor for loops of one's own (poll, epoll): readable while there is a message or an
@@ -336,12 +362,15 @@ public:
     // is a Keep's comes back.
     KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
 
-    // Waits until no such connection is there.
+    // Waits until no such connection is there; or until there is one: a peer that has gone is not
+    // waited for, as it does not come back.
     KLVMsgOutcome WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
+    KLVMsgOutcome WaitUntilThere(const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
 
     // What happens --------------------------------------------------------------------------------
 
-    // Waits for an event, and hands over the oldest. The last thousand are kept.
+    // Waits for an event, and hands over the oldest. The last thousand are kept. Failed: events
+    // have a handler.
     KLVMsgEvent NextEvent(KLVMsgTimeLimit limit);
 
     // What has passed so far: over the connections that are meant and there, or over all of the
@@ -499,6 +528,9 @@ private:
                                     bool isCall);
     KLVMsgOutcome KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
                            KLVMsgSocketMessage& hello, const KLVMsgFramedMessage* framed);
+    KLVMsgOutcome KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
+                           KLVMsgSocketMessage& hello, const KLVMsgFramedMessage* framed,
+                           const KLVMsgProtection& protection);
     KLVMsgOutcome PostMessage(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                               const KLVMsgFramedMessage* framed);
     KLVMsgOutcome SendMessage(const KLVMsgPeers& to, KLVMsgSocketMessage& message,

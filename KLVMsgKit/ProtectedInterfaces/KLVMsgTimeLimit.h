@@ -4,7 +4,8 @@
 #include <chrono>
 #include <type_traits>
 
-// Made of any duration of std::chrono; one of a year or more is as good as none.
+// Made of any duration of std::chrono; one of a year or more is as good as none, and one that is
+// not above zero does not wait.
 //
 //     session.Receive<Greeting>(std::chrono::seconds(5));
 class KLVMsgTimeLimit {

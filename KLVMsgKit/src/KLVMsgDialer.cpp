@@ -44,7 +44,9 @@ void KLVMsgDialer::Dial(std::uint64_t id, Time at) {
     Call& call = m_calls[id];
     call.state = kWaits;
     call.due = at;
-    SetTimer();
+    if (at < m_timerAt) {
+        SetTimer(at);
+    }
 }
 
 void KLVMsgDialer::Forget(std::uint64_t id) {
@@ -52,7 +54,6 @@ void KLVMsgDialer::Forget(std::uint64_t id) {
     if (found != m_calls.end()) {
         CloseSocket(found->second);
         m_calls.erase(found);
-        SetTimer();
     }
 }
 
@@ -70,7 +71,11 @@ void KLVMsgDialer::Work(const Told& told) {
     TakeAnswers(told);
     TakeConnections(told);
     TakeDue(told);
-    SetTimer();
+    Time due = Time::max();
+    for (const auto& [id, call] : m_calls) {
+        due = std::min(due, call.due);
+    }
+    SetTimer(due);
 }
 
 // The attempt fails where memory runs short.
@@ -195,15 +200,13 @@ void KLVMsgDialer::TryNext(std::uint64_t id, Call& call, int error, const Told& 
     }
 }
 
-void KLVMsgDialer::SetTimer() {
-    Time due = Time::max();
-    for (const auto& [id, call] : m_calls) {
-        due = std::min(due, call.due);
-    }
+// One that is too early does no harm.
+void KLVMsgDialer::SetTimer(Time at) {
+    m_timerAt = at;
     itimerspec limit = {};  // never
-    if (due != Time::max()) {
+    if (at != Time::max()) {
         const auto since = std::chrono::duration_cast<std::chrono::nanoseconds>(
-            std::max<Clock::duration>(due.time_since_epoch(), std::chrono::nanoseconds(1)));
+            std::max<Clock::duration>(at.time_since_epoch(), std::chrono::nanoseconds(1)));
         limit.it_value.tv_sec = since.count() / 1000000000;
         limit.it_value.tv_nsec = since.count() % 1000000000;
     }

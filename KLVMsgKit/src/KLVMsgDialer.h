@@ -67,12 +67,13 @@ private:
     void TakeDue(const Told& told);
     bool Watch(int descriptor, std::uint64_t id, unsigned interest);
     void CloseSocket(Call& call);
-    void SetTimer();
+    void SetTimer(Time at);
     template <class Step>
     static void Guard(std::uint64_t id, Call& call, const Told& told, const Step& step);
 
     KLVMsgDescriptor m_epoll;
     KLVMsgDescriptor m_timer;
     std::map<std::uint64_t, Call> m_calls;
+    Time m_timerAt = Time::max();                // when Work is called if nothing else happens
     std::unique_ptr<KLVMsgResolver> m_resolver;  // null before there was a name
 };

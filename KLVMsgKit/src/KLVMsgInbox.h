@@ -52,6 +52,9 @@ public:
     std::size_t Count() const { return m_count; }
     std::size_t Cost() const { return m_cost; }
 
+    // Of what was pushed last; later ones have a larger one.
+    std::uint64_t LastOrder() const { return m_order; }
+
 private:
     void Uncount(KLVMsgParcel& parcel, std::size_t count, std::size_t cost);
 

@@ -40,6 +40,9 @@ private:
     Duration m_next = kShortest;
 };
 
+// What a connection that is not plain goes through before it is one is the place's affair: it is open
+// until the server has admitted it.
+//
 // Either its connection is there, or its place is open: an entry in the book of peers that takes
 // messages as a connection does, and sends none. What is queued goes from one to the other.
 //
@@ -51,6 +54,10 @@ struct KLVMsgKeep {
     KLVMsgSessionPeer* place = nullptr;       // its link is null while the connection is there
     KLVMsgSessionPeer* connection = nullptr;  // null while there is none
     KLVMsgLoop::LinkPtr spareLink;            // the next one of the place
+
+    std::shared_ptr<KLVMsgTransportFactory> transports;  // null: plain
+    std::string host;                                    // of the server
+    KLVMsgLoop::LinkPtr guest;                           // null unless it greets the server
 
     // What is sent first each time.
     std::string helloHead;

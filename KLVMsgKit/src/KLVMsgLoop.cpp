@@ -17,14 +17,12 @@ namespace {
 constexpr std::uint64_t kWakeUp = 0;  // no connection has this id, or the next one
 constexpr std::uint64_t kOwners = ~std::uint64_t{0};
 constexpr int kMostEvents = 256;
-constexpr int kMostAccepted = 64;                            // of one socket in a round
 constexpr std::size_t kMostWritten = std::size_t{64} << 10;  // of one connection in a round
 constexpr std::size_t kMostAlone = std::size_t{256} << 10;   // the same, with no other beside it
 constexpr std::size_t kMostRuns = 32;                        // of one connection in a round
 constexpr std::size_t kWorthWhile = std::size_t{4} << 10;    // bytes to send at a time
 constexpr std::chrono::microseconds kLongestGathering(500);
-constexpr std::chrono::milliseconds kFirstPause(10);
-constexpr std::chrono::milliseconds kLongestPause(1000);
+constexpr std::chrono::milliseconds kLate(10);  // a check may be, so that few timers are set
 
 KLVMsgOutcome Failure(const char* what, int error) {
     return KLVMsgSessionSockets::Failure(what, error);
@@ -98,19 +96,6 @@ KLVMsgOutcome KLVMsgLoop::Add(std::unique_ptr<KLVMsgTransport> transport, std::u
     return {};
 }
 
-KLVMsgOutcome KLVMsgLoop::AddListener(std::uint64_t id, Listener made) {
-    const Listener& listener = m_listeners[id] = std::move(made);
-    epoll_event event = {};
-    event.events = EPOLLIN;
-    event.data.u64 = id;
-    if (epoll_ctl(m_epoll.Number(), EPOLL_CTL_ADD, listener.socket.Number(), &event) == -1) {
-        const int error = errno;
-        m_listeners.erase(id);
-        return Failure("cannot wait for connections", error);
-    }
-    return {};
-}
-
 KLVMsgOutcome KLVMsgLoop::Watch(int descriptor) {
     epoll_event event = {};
     event.events = EPOLLIN;
@@ -118,26 +103,6 @@ KLVMsgOutcome KLVMsgLoop::Watch(int descriptor) {
     return epoll_ctl(m_epoll.Number(), EPOLL_CTL_ADD, descriptor, &event) == 0
                ? KLVMsgOutcome()
                : Failure("cannot wait for connections", errno);
-}
-
-const KLVMsgLoop::Listener* KLVMsgLoop::FindListener(std::uint64_t id) const {
-    const auto found = m_listeners.find(id);
-    return found == m_listeners.end() ? nullptr : &found->second;
-}
-
-int KLVMsgLoop::RemoveListeners(int port) {
-    int count = 0;
-    for (auto one = m_listeners.begin(); one != m_listeners.end();) {
-        const bool isMeant = port == -1 || one->second.port == port;
-        count += isMeant ? 1 : 0;
-        // A copy of the descriptor, as a child process may have, would keep it in epoll's list.
-        if (isMeant) {
-            epoll_ctl(m_epoll.Number(), EPOLL_CTL_DEL, one->second.socket.Number(), nullptr);
-            shutdown(one->second.socket.Number(), SHUT_RDWR);
-        }
-        one = isMeant ? m_listeners.erase(one) : std::next(one);
-    }
-    return count;
 }
 
 void KLVMsgLoop::Clear(const char* cause) {
@@ -163,8 +128,10 @@ void KLVMsgLoop::Touch(Link& link) {
 void KLVMsgLoop::Wake() {
     if (m_isAsleep) {
         m_isAsleep = false;
-        const std::uint64_t one = 1;
-        static_cast<void>(!write(m_wakeUp.Number(), &one, sizeof one));
+        if (!m_looks) {
+            const std::uint64_t one = 1;
+            static_cast<void>(!write(m_wakeUp.Number(), &one, sizeof one));
+        }
     }
 }
 
@@ -223,12 +190,40 @@ void KLVMsgLoop::DoErrand(Lock& lock) {
 
 int KLVMsgLoop::Wait(epoll_event* events, int most) {
     Time until;
+    bool isIdle = false;
     {
         const Lock lock(m_mutex);
+        isIdle = m_firstTouched == nullptr && !m_isToStop && !m_hasErrand;
         // Who touches a connection while others gather need not wake the loop for it.
-        m_isAsleep = m_firstTouched == nullptr && !m_isToStop && !m_hasErrand;
-        until = m_isAsleep ? NextTimer() : m_isToStop ? Time::min() : m_gathersUntil;
+        m_isAsleep = m_looks = isIdle;
+        until = isIdle ? NextTimer() : m_isToStop ? Time::min() : m_gathersUntil;
     }
+    return std::max(isIdle ? Idle(events, most, until) : Sleep(events, most, until), 0);
+}
+
+// With nothing to do it may look for a while: who wants it then need not wake it.
+int KLVMsgLoop::Idle(epoll_event* events, int most, Time until) {
+    int count = 0;
+    if (m_linger.Begin()) {
+        m_linger.Look(until, [&] {
+            count = epoll_wait(m_epoll.Number(), events, most, 0);
+            return count != 0 || !m_isAsleep;
+        });
+    }
+    if (count == 0) {
+        bool isWanted = false;
+        {
+            const Lock lock(m_mutex);
+            m_looks = false;
+            isWanted = !m_isAsleep;
+        }
+        count = isWanted ? 0 : Sleep(events, most, until);
+    }
+    m_linger.End(count > 0 || !m_isAsleep);
+    return count;
+}
+
+int KLVMsgLoop::Sleep(epoll_event* events, int most, Time until) const {
     timespec limit = {};
     const Time now = until == Time::max() ? until : Clock::now();
     if (until > now) {
@@ -246,7 +241,7 @@ int KLVMsgLoop::Wait(epoll_event* events, int most) {
         count = epoll_wait(m_epoll.Number(), events, most,
                            isEndless ? -1 : static_cast<int>(milliseconds));
     }
-    return std::max(count, 0);
+    return count;
 }
 
 KLVMsgLoop::Time KLVMsgLoop::NextTimer() const {
@@ -366,7 +361,7 @@ void KLVMsgLoop::HandOver(Lock& lock, Reading& one) {
     } else if (one.result.cut) {
         link.connection.End(KLVMsgEvent::kCut, "the connection was cut");
     } else if (one.result.error != 0 && one.result.error != EAGAIN) {
-        const std::string why = link.transport->Why();
+        const std::string_view why = link.transport->Why();
         why.empty() ? link.connection.Failed(one.result.error)
                     : link.connection.End(KLVMsgEvent::kReset, why);
     }
@@ -492,9 +487,7 @@ void KLVMsgLoop::CheckTimers(Lock& lock) {
             const LinkPtr link = found->second;
             link->due = Time::max();
             if (link->isGreeting && link->greetsUntil <= m_now) {
-                Greeted(lock, *link,
-                        {KLVMsgTransport::Greeting::kFailed, false, ETIMEDOUT,
-                         "the greeting has taken too long", ""});
+                GreetsTooLong(lock, *link);
             }
             const KLVMsgTransport::Sample sample = link->transport->TakeSample();
             if (link->connection.Check(
@@ -503,63 +496,6 @@ void KLVMsgLoop::CheckTimers(Lock& lock) {
             }
             Tend(*link);
         }
-    }
-}
-
-void KLVMsgLoop::CheckListeners() {
-    for (auto& [id, listener] : m_listeners) {
-        if (listener.again <= m_now) {
-            epoll_event event = {};
-            event.events = EPOLLIN;
-            event.data.u64 = id;
-            const bool asked =
-                epoll_ctl(m_epoll.Number(), EPOLL_CTL_ADD, listener.socket.Number(), &event) == 0;
-            listener.again = asked ? Time::max() : m_now + kLongestPause;
-        }
-    }
-}
-
-// With the mutex held, so that the number stays the listener's; between two the others have a turn.
-void KLVMsgLoop::Accept(Lock& lock, std::uint64_t id) {
-    for (int i = 0; i < kMostAccepted; ++i) {
-        const auto found = m_listeners.find(id);
-        if (found == m_listeners.end()) {
-            return;
-        }
-        Listener& listener = found->second;
-        std::string address;
-        KLVMsgDescriptor made;
-        int error = ENOMEM;
-        try {
-            made = KLVMsgSessionSockets::Accept(listener.socket.Number(), address);
-            error = made.Number() == -1 ? errno : 0;
-        } catch (const std::bad_alloc&) {
-            // It waits for a while, as without a descriptor.
-        }
-        if (error == EAGAIN || error == EWOULDBLOCK) {
-            return;
-        }
-        if (error == 0) {
-            listener.pause = std::chrono::milliseconds(0);
-            m_owner.OnAccepted(lock, id, std::move(made), address);
-        } else if (error != EINTR && error != ECONNABORTED && error != EPROTO) {
-            PauseListener(listener, error);
-            return;
-        }
-        lock.unlock();
-        lock.lock();
-    }
-}
-
-// A socket that cannot accept, mostly for want of descriptors, stays readable: it is left alone for
-// a while.
-void KLVMsgLoop::PauseListener(Listener& listener, int error) {
-    epoll_ctl(m_epoll.Number(), EPOLL_CTL_DEL, listener.socket.Number(), nullptr);
-    const bool isFirst = listener.pause.count() == 0;
-    listener.pause = isFirst ? kFirstPause : std::min(2 * listener.pause, kLongestPause);
-    listener.again = m_now + listener.pause;
-    if (isFirst) {
-        m_owner.OnListenerFailed(listener, error);
     }
 }
 
@@ -597,6 +533,7 @@ void KLVMsgLoop::Remove(Link& link) {
     epoll_ctl(m_epoll.Number(), EPOLL_CTL_DEL, link.transport->Descriptor(), nullptr);
     m_timers.erase({link.due, link.id});
     link.transport->Break();
+    Settle(link);
     m_owner.OnOver(link);
 }
 
@@ -622,10 +559,10 @@ void KLVMsgLoop::Ask(Link& link) {
     }
 }
 
-// A check that comes too early does no harm, so that it is only ever set when none is.
+// A check that comes too early does no harm, so that it is only ever moved to an earlier time.
 void KLVMsgLoop::Arm(Link& link) {
     const Time next = link.isGreeting ? link.greetsUntil : link.connection.NextCheck(m_now);
-    if (next < link.due && (link.due == Time::max() || next < link.due - kFirstPause)) {
+    if (next < link.due && (link.due == Time::max() || next < link.due - kLate)) {
         const bool isFirst = m_timers.empty() || next < m_timers.begin()->first;
         if (link.due != Time::max()) {
             m_timers.erase({link.due, link.id});

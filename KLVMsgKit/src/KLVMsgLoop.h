@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "KLVMsgConnection.h"
+#include "KLVMsgLinger.h"
 #include "KLVMsgOutcome.h"
 #include "KLVMsgPeerInfo.h"
 #include "KLVMsgSessionOptions.h"
@@ -32,6 +34,9 @@
 // sends, takes the mutex and clears it; whoever comes meanwhile only appends. A descriptor is
 // closed when the map and the writer have both let go of the connection, so that nobody sends on a
 // number that is somebody else's.
+//
+// Sources: KLVMsgLoop.cpp has the rounds and what moves the bytes, KLVMsgLoopListening.cpp who comes,
+// KLVMsgLoopGreeting.cpp what connections that are not plain need beside that.
 class KLVMsgLoop {
 public:
     using Clock = KLVMsgTimeLimit::Clock;
@@ -49,11 +54,11 @@ public:
              const KLVMsgMessageTypes& types, const KLVMsgSessionOptions& options)
             : id(number), transport(std::move(way)), client(whose), connection(types, options) {}
 
-        const std::uint64_t id;
-        const std::unique_ptr<KLVMsgTransport> transport;
         // Whether the transport has bytes of its own to write.
         bool HoldsOutput() const { return !transport->IsPlain() && transport->HoldsOutput(); }
 
+        const std::uint64_t id;
+        const std::unique_ptr<KLVMsgTransport> transport;
         Client* client;  // null while it greets, and when the owner has been told that it is over
         KLVMsgConnection connection;
         bool isGreeting = false;  // nothing else is read or written meanwhile
@@ -139,8 +144,9 @@ public:
     KLVMsgOutcome AddListener(std::uint64_t id, Listener listener);
     const Listener* FindListener(std::uint64_t id) const;  // null: it serves no more
 
-    // No longer serves on a port, or on any with port -1; how many sockets were closed.
-    int RemoveListeners(int port);
+    // No longer serves on a port, or on any with port -1; how many sockets were closed. Those of
+    // ids up to `before` stay.
+    int RemoveListeners(int port, std::uint64_t before = 0);
     bool HasListeners() const { return !m_listeners.empty(); }
 
     // Waits for a descriptor of the owner's as well, which is told whenever that is readable.
@@ -191,13 +197,17 @@ private:
 
     void Run();
     int Wait(struct epoll_event* events, int most);
+    int Idle(struct epoll_event* events, int most, Time until);
+    int Sleep(struct epoll_event* events, int most, Time until) const;
     void Serve(Lock& lock, std::uint64_t id, unsigned happened);
     void Enlist(Lock& lock, const LinkPtr& link);
     void ReadGroup(Lock& lock);
     void Read(Reading& one);
     void HandOver(Lock& lock, Reading& one);
     void Greeted(Lock& lock, Link& link, const KLVMsgTransport::Greeting& greeting);
+    void GreetsTooLong(Lock& lock, Link& link);
     void Flush(Link& link);
+    void Settle(Link& link);
     void DoTouched(Lock& lock);
     void WriteGroup(Lock& lock);
     void TakeRuns(Writing& one, std::size_t most) const;
@@ -231,6 +241,7 @@ private:
     std::size_t m_writes = 0;
     std::size_t m_written = 0;  // bytes in this round
     Time m_gathersUntil{};      // nothing is written before
+    KLVMsgLinger m_linger;
 
     // Guarded by the mutex.
     std::unordered_map<std::uint64_t, LinkPtr> m_links;
@@ -239,7 +250,8 @@ private:
     Link* m_lastTouched = nullptr;
     std::set<Timer> m_timers;
     Time m_now{};
-    bool m_isAsleep = false;
+    std::atomic<bool> m_isAsleep{false};  // waits, or looks whether something has happened
+    bool m_looks = false;                 // the latter, so that nobody need wake it
     bool m_isToStop = false;
     bool m_hasErrand = false;
 };

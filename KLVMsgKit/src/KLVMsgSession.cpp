@@ -87,13 +87,24 @@ KLVMsgOutcome KLVMsgSession::ConnectAgain(const KLVMsgSocketAddress& address,
 }
 
 KLVMsgOutcome KLVMsgSession::Keep(const KLVMsgSocketAddress& address, const std::string& label) {
-    return m_core->Keep(address, label, nullptr, nullptr);
+    return m_core->Keep(address, label, nullptr, nullptr, nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::Keep(const KLVMsgSocketAddress& address, const std::string& label,
+                                  const KLVMsgProtection& protection) {
+    return m_core->Keep(address, label, nullptr, nullptr, protection.m_transports);
 }
 
 KLVMsgOutcome KLVMsgSession::KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
                                       KLVMsgSocketMessage& hello,
                                       const KLVMsgFramedMessage* framed) {
-    return m_core->Keep(address, label, &hello, framed);
+    return m_core->Keep(address, label, &hello, framed, nullptr);
+}
+
+KLVMsgOutcome KLVMsgSession::KeepPeer(const KLVMsgSocketAddress& address, const std::string& label,
+                                      KLVMsgSocketMessage& hello, const KLVMsgFramedMessage* framed,
+                                      const KLVMsgProtection& protection) {
+    return m_core->Keep(address, label, &hello, framed, protection.m_transports);
 }
 
 KLVMsgOutcome KLVMsgSession::Start() { return m_core->Start(); }
@@ -126,6 +137,10 @@ KLVMsgReceivedAny KLVMsgSession::ReceiveAny(KLVMsgTimeLimit limit, const KLVMsgP
 
 KLVMsgOutcome KLVMsgSession::SetHandler(const std::type_info& type, Handler handler) {
     return m_core->SetHandler(type, std::move(handler));
+}
+
+KLVMsgOutcome KLVMsgSession::HandleEvents(std::function<void(const KLVMsgEvent& event)> function) {
+    return m_core->SetEventHandler(std::move(function));
 }
 
 KLVMsgOutcome KLVMsgSession::Dispatch(KLVMsgTimeLimit limit) { return m_core->Dispatch(limit); }
@@ -166,7 +181,11 @@ KLVMsgOutcome KLVMsgSession::Disconnect(const KLVMsgPeers& meant) {
 }
 
 KLVMsgOutcome KLVMsgSession::WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit) {
-    return m_core->WaitUntilGone(meant, limit);
+    return m_core->WaitUntil(false, meant, limit);
+}
+
+KLVMsgOutcome KLVMsgSession::WaitUntilThere(const KLVMsgPeers& meant, KLVMsgTimeLimit limit) {
+    return m_core->WaitUntil(true, meant, limit);
 }
 
 KLVMsgEvent KLVMsgSession::NextEvent(KLVMsgTimeLimit limit) { return m_core->NextEvent(limit); }

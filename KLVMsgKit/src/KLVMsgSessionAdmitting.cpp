@@ -51,10 +51,9 @@ std::shared_ptr<KLVMsgPeerInfoData> Addresses(const std::string& peer, const std
 KLVMsgOutcome KLVMsgSessionCore::Admit(Lock& lock, std::uint64_t listener,
                                        const std::string& address,
                                        const std::vector<std::string>& names, std::string& served) {
-    KLVMsgOutcome full{KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
     if (m_live >= m_options.connectionLimit) {
         EndOneHalf();
-        return full;
+        return TooMany();
     }
     const KLVMsgLoop::Listener* const serving = m_loop.FindListener(listener);
     if (serving == nullptr) {
@@ -77,7 +76,7 @@ KLVMsgOutcome KLVMsgSessionCore::Admit(Lock& lock, std::uint64_t listener,
     if (m_loop.FindListener(listener) == nullptr) {
         return Ended(KLVMsgOutcome::kFailed);
     }
-    return outcome && m_live >= m_options.connectionLimit ? full : outcome;
+    return outcome && m_live >= m_options.connectionLimit ? TooMany() : outcome;
 }
 
 KLVMsgPeerInfo KLVMsgSessionCore::Info(KLVMsgPeer peer) {

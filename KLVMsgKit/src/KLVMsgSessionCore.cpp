@@ -69,6 +69,10 @@ KLVMsgOutcome KLVMsgSessionCore::Ended(KLVMsgOutcome::Status status) {
     return {status, ESHUTDOWN, "the session has ended"};
 }
 
+KLVMsgOutcome KLVMsgSessionCore::TooMany() {
+    return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
+}
+
 KLVMsgOutcome KLVMsgSessionCore::Gone(const KLVMsgPeers& meant) {
     if (!m_ready) {
         return m_ready;
@@ -174,6 +178,7 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, KLVMs
         made.admit = std::make_shared<const KLVMsgAdmit>(std::move(admit));
     }
     const Lock lock(m_mutex);
+    const std::uint64_t before = m_book.NextId();
     outcome = IsReady();
     try {
         for (auto socket = sockets.begin(); outcome && socket != sockets.end(); ++socket) {
@@ -186,11 +191,11 @@ KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, KLVMs
             outcome = m_loop.AddListener(m_book.NextId(), std::move(one));
         }
     } catch (const std::bad_alloc&) {
-        m_loop.RemoveListeners(bound);
+        m_loop.RemoveListeners(bound, before);
         throw;
     }
     if (!outcome) {
-        m_loop.RemoveListeners(bound);
+        m_loop.RemoveListeners(bound, before);
     } else if (port != nullptr) {
         *port = bound;
     }
@@ -237,7 +242,7 @@ KLVMsgOutcome KLVMsgSessionCore::Connect(const KLVMsgSocketAddress& address,
         return outcome;
     }
     if (m_live >= m_options.connectionLimit) {
-        return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
+        return TooMany();
     }
     Peer* peer = nullptr;
     outcome = Adopt(std::move(transport), label, text, peer);
@@ -325,7 +330,7 @@ KLVMsgOutcome KLVMsgSessionCore::SetLabel(KLVMsgPeer peer, const std::string& la
     }
     LimitReading(*found);
     WakeThoseWithoutHope();
-    WakeThoseWhoseAreGone();
+    WakePresenceWaiters();
     return {};
 }
 
@@ -350,29 +355,34 @@ KLVMsgOutcome KLVMsgSessionCore::Disconnect(const KLVMsgPeers& meant) {
     const std::string cause = "the peer was disconnected here";
     std::size_t lost = 0;
     bool isAny = meant.HowMeant() != KLVMsgPeers::kOne && EndKeeps(meant, cause, lost) != 0;
-    std::vector<Peer*> found;
-    m_book.Find(meant, found);
-    for (Peer* const peer : found) {
-        if (peer->link != nullptr && !peer->link->connection.Discards()) {
+    m_book.ForMeant(meant, [&](Peer& peer) {
+        if (peer.link != nullptr && !peer.link->connection.Discards()) {
             isAny = true;
-            peer->link->connection.Leave(Clock::now() + kLastWords);
-            FailAwaited(peer->awaited, cause);
-            UpdateCost(*peer);
-            TellGone(*peer, KLVMsgEvent::kShutDownHere, "shut down here", 0);
-            m_loop.Touch(*peer->link);
+            peer.link->connection.Leave(Clock::now() + kLastWords);
+            FailAwaited(peer.awaited, cause);
+            UpdateCost(peer);
+            TellGone(peer, KLVMsgEvent::kShutDownHere, "shut down here", 0);
+            m_loop.Touch(*peer.link);
         }
-    }
+    });
     return isAny ? KLVMsgOutcome() : Gone(meant);
 }
 
-KLVMsgOutcome KLVMsgSessionCore::WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit) {
+KLVMsgOutcome KLVMsgSessionCore::WaitUntil(bool isThere, const KLVMsgPeers& meant,
+                                           KLVMsgTimeLimit limit) {
     const Time deadline = limit.Deadline();
     Lock lock(m_mutex);
-    GoneWaiter waiter{{}, &meant};
-    const KLVMsgEntry<GoneWaiter> entry(m_goneWaiters, waiter);
-    while (m_book.IsAnyThere(meant)) {
+    PresenceWaiter waiter{{}, &meant, isThere};
+    const KLVMsgEntry<PresenceWaiter> entry(m_presenceWaiters, waiter);
+    while (m_book.IsAnyThere(meant) != isThere) {
+        if (isThere && (!m_ready || m_isEnding)) {
+            break;
+        }
+        if (isThere && meant.HowMeant() == KLVMsgPeers::kOne) {
+            return Gone(meant);
+        }
         if (!waiter.waiter.Wait(lock, deadline)) {
-            return m_book.IsAnyThere(meant) ? Late() : KLVMsgOutcome();
+            return m_book.IsAnyThere(meant) != isThere ? Late() : KLVMsgOutcome();
         }
     }
     return m_isEnding ? Ended(KLVMsgOutcome::kPeerGone) : m_ready;
@@ -401,14 +411,14 @@ void KLVMsgSessionCore::TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std
         event.what = peer.address + ": " + text;
         return event;
     });
-    WakeThoseWhoseAreGone();
+    WakePresenceWaiters();
     WakeThoseWithoutHope();
     WakeRoomless();
 }
 
-void KLVMsgSessionCore::WakeThoseWhoseAreGone() {
-    for (GoneWaiter* const one : m_goneWaiters) {
-        if (!m_book.IsAnyThere(*one->meant)) {
+void KLVMsgSessionCore::WakePresenceWaiters() {
+    for (PresenceWaiter* const one : m_presenceWaiters) {
+        if (m_book.IsAnyThere(*one->meant) == one->isThere) {
             one->waiter.Wake();
         }
     }
@@ -466,7 +476,7 @@ void KLVMsgSessionCore::OnAccepted(Lock& lock, std::uint64_t listener, KLVMsgDes
             }
         }
         if (!outcome && outcome.error != ESHUTDOWN) {
-            TellRefused(address, outcome);
+            TellRefused(address, outcome.error, outcome.text);
         }
     } catch (const std::bad_alloc&) {
         m_events.Miss();
@@ -502,13 +512,8 @@ void KLVMsgSessionCore::PushEvent(KLVMsgEvent event) {
         m_observed.Push(event);
         m_loop.AskForErrand();
     }
-    m_events.Push(std::move(event));
-    for (KLVMsgWaiter* const one : m_eventWaiters) {
-        if (!one->IsWoken()) {
-            one->Wake();
-            break;
-        }
-    }
+    m_events.Push(std::move(event), m_inbox.LastOrder());
+    WakeForEvent();
     UpdateReadable();
 }
 
@@ -530,14 +535,20 @@ KLVMsgEvent KLVMsgSessionCore::NextEvent(KLVMsgTimeLimit limit) {
         static_cast<KLVMsgOutcome&>(event) = m_ready;
         return event;
     }
-    if (m_events.IsEmpty() && !m_isEnding) {
+    const auto isOver = [this] {
+        return !m_events.IsEmpty() || m_isEnding || m_eventHandler != nullptr;
+    };
+    if (!isOver()) {
         const Time deadline = limit.Deadline();
         KLVMsgWaiter waiter;
         const KLVMsgEntry<KLVMsgWaiter> entry(m_eventWaiters, waiter);
-        while (m_events.IsEmpty() && !m_isEnding && waiter.Wait(lock, deadline)) {
+        while (!isOver() && waiter.Wait(lock, deadline)) {
         }
     }
-    if (!m_events.IsEmpty()) {
+    if (m_eventHandler != nullptr) {
+        static_cast<KLVMsgOutcome&>(event) =
+            Failure(EINVAL, "events have a handler: they are Dispatch's");
+    } else if (!m_events.IsEmpty()) {
         event = m_events.Take();
         UpdateReadable();
     } else {
@@ -591,14 +602,12 @@ void KLVMsgSessionCore::AddCounts(KLVMsgCounts& counts, Peer& peer) {
 
 KLVMsgCounts KLVMsgSessionCore::Counts(const KLVMsgPeers& meant) {
     const Lock lock(m_mutex);
-    std::vector<Peer*> found;
-    m_book.Find(meant, found);
     KLVMsgCounts counts;
-    for (Peer* const peer : found) {
-        if (peer->IsThere() || peer->isPlace) {
-            AddCounts(counts, *peer);
+    m_book.ForMeant(meant, [&](Peer& peer) {
+        if (peer.IsThere() || peer.isPlace) {
+            AddCounts(counts, peer);
         }
-    }
+    });
     return counts;
 }
 

@@ -26,6 +26,7 @@
 #include "KLVMsgEventQueue.h"
 #include "KLVMsgInbox.h"
 #include "KLVMsgKeep.h"
+#include "KLVMsgLinger.h"
 #include "KLVMsgLoop.h"
 #include "KLVMsgMessageTypes.h"
 #include "KLVMsgModuleUse.h"
@@ -60,8 +61,14 @@ struct KLVMsgQuestion {
 
     // False when the time is over. Requires: the session's mutex is not held.
     bool Wait(Time limit) {
+        KLVMsgLinger& linger = KLVMsgLinger::OfThread();
+        if (linger.Begin()) {
+            linger.Look(limit, [this] { return m_isReady.load(); });
+        }
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_ready.wait_until(lock, limit, [this] { return m_isReady; });
+        const bool ready = m_ready.wait_until(lock, limit, [this] { return m_isReady.load(); });
+        linger.End(ready);
+        return ready;
     }
     void Wake() {
         const std::lock_guard<std::mutex> lock(m_mutex);  // until then it is not destroyed
@@ -83,7 +90,7 @@ struct KLVMsgQuestion {
 private:
     std::mutex m_mutex;
     std::condition_variable m_ready;
-    bool m_isReady = false;
+    std::atomic<bool> m_isReady{false};  // changes with the mutex held
 };
 
 // What stands behind KLVMsgSession. The mutex guards all of it but the types, which do not change
@@ -125,7 +132,8 @@ public:
     KLVMsgOutcome ConnectAgain(const KLVMsgSocketAddress& address, const std::string& label,
                                Time limit, KLVMsgPeer* made, const Transports& transports);
     KLVMsgOutcome Keep(const KLVMsgSocketAddress& address, const std::string& label,
-                       KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed);
+                       KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed,
+                       const Transports& transports);
     KLVMsgOutcome Start();
     KLVMsgOutcome Post(const KLVMsgPeers& to, KLVMsgSocketMessage& message,
                        const KLVMsgFramedMessage* framed);
@@ -135,6 +143,7 @@ public:
     KLVMsgReceivedAll<KLVMsgSocketMessage> ReceiveMany(const Wanted& wanted);
     KLVMsgReceivedAny ReceiveAny(KLVMsgTimeLimit limit, const KLVMsgPeers* from);
     KLVMsgOutcome SetHandler(const std::type_info& type, KLVMsgSession::Handler handler);
+    KLVMsgOutcome SetEventHandler(Observer handler);
     KLVMsgOutcome Dispatch(KLVMsgTimeLimit limit);
     KLVMsgReceived<KLVMsgSocketMessage> Ask(const KLVMsgPeers& to,
                                             const KLVMsgCallMessage& question,
@@ -146,7 +155,7 @@ public:
     KLVMsgPeerInfo Info(KLVMsgPeer peer);
     std::vector<KLVMsgPeer> Peers(const KLVMsgPeers& meant);
     KLVMsgOutcome Disconnect(const KLVMsgPeers& meant);
-    KLVMsgOutcome WaitUntilGone(const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
+    KLVMsgOutcome WaitUntil(bool isThere, const KLVMsgPeers& meant, KLVMsgTimeLimit limit);
     KLVMsgEvent NextEvent(KLVMsgTimeLimit limit);
     KLVMsgCounts Counts(const KLVMsgPeers& meant);
     KLVMsgCounts Counts();
@@ -162,9 +171,10 @@ private:
         std::uint32_t type;
         const KLVMsgPeers* from;
     };
-    struct GoneWaiter {
+    struct PresenceWaiter {
         KLVMsgWaiter waiter;
         const KLVMsgPeers* meant;
+        bool isThere;  // whether it waits until one is there, or none
     };
     // What a thread has received last, and may still answer.
     struct Hand {
@@ -189,10 +199,13 @@ private:
         "what nobody asks for has filled the inbox before such a message came";
 
     using Handler = std::shared_ptr<const KLVMsgSession::Handler>;
+    using EventHandler = std::shared_ptr<const Observer>;
     struct Taken {
         KLVMsgReceivedAny received;
-        Handler handler;       // null where there is none
-        std::size_t left = 0;  // messages that have one
+        Handler handler;            // null where there is none
+        KLVMsgEvent event;          // in place of a message, if `eventHandler` is one
+        EventHandler eventHandler;  // null for a message
+        std::size_t left = 0;       // messages and events that have a handler
     };
     using Queue = KLVMsgFifo<Peer::Awaited>;
     using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
@@ -200,6 +213,7 @@ private:
     static KLVMsgOutcome Late();
     static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
     static KLVMsgOutcome InboxIsFull();
+    static KLVMsgOutcome TooMany();
     KLVMsgOutcome Gone(const KLVMsgPeers& meant);
     KLVMsgOutcome IsReady() const;
     KLVMsgOutcome MayRegister() const;
@@ -209,8 +223,9 @@ private:
     std::unique_ptr<KLVMsgTransport> Plain(KLVMsgDescriptor socket) const;
     KLVMsgOutcome Adopt(std::unique_ptr<KLVMsgTransport> transport, const std::string& label,
                         const std::string& address, Peer*& made);
+    static std::string HostOf(const KLVMsgSocketAddress& address);
     void TellCame(const Peer& peer, const KLVMsgTransport& transport);
-    void TellRefused(const std::string& address, const KLVMsgOutcome& outcome);
+    void TellRefused(const std::string& address, int error, const std::string& why);
     KLVMsgOutcome Admit(Lock& lock, std::uint64_t listener, const std::string& address,
                         const std::vector<std::string>& names, std::string& served);
 
@@ -228,15 +243,21 @@ private:
     void MoveRoomless(KLVMsgPeer from, KLVMsgPeer to);
     void OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsgDescriptor socket);
     KLVMsgOutcome ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket);
+    KLVMsgOutcome GreetServer(KLVMsgKeep& keep, KLVMsgDescriptor socket);
+    KLVMsgKeep* KeepThatGreets(const KLVMsgLoop::Link& link) const;
+    void GreetedServer(KLVMsgKeep& keep, const KLVMsgTransport::Greeting& greeting);
+    KLVMsgOutcome BeAdmitted(KLVMsgKeep& keep);
+    void Resume(KLVMsgKeep& keep, Peer& made, KLVMsgLoop::LinkPtr spare);
+    void StayAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
     void TellAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
-    void TellLost(const Peer& peer, std::size_t count);
+    void TellLost(const Peer& peer, std::size_t count, const char* why);
     std::size_t EndKeeps(const KLVMsgPeers& meant, const std::string& cause, std::size_t& lost);
 
     void TellGone(Peer& peer, KLVMsgEvent::Cause cause, const std::string& text, int error);
     void Forget(Peer& peer);
     void EndAnswerless(Peer& peer);
     void EndOneHalf();
-    void WakeThoseWhoseAreGone();
+    void WakePresenceWaiters();
     std::size_t BeginToEnd();
     void WakeEverybody();
     bool IsDrained();
@@ -267,6 +288,8 @@ private:
     KLVMsgOutcome Invite(std::unique_ptr<KLVMsgTransport> transport, std::uint64_t listener,
                          const std::string& address);
     KLVMsgOutcome AdoptGuest(Lock& lock, KLVMsgLoop::Link& link, const Guest& guest);
+    Peer& AdoptGreeted(const KLVMsgLoop::LinkPtr& link, const std::string& label,
+                       const std::string& address);
     void GuestIsOver(KLVMsgLoop::Link& link);
     void TellNotRenewed(const std::string& address, const std::string& warning);
 
@@ -340,6 +363,9 @@ private:
     }
     std::list<Receiver*>& Receivers(std::uint32_t type);
     KLVMsgOutcome TakeOne(std::uint32_t set, const Wanted& wanted, Taken& taken);
+    bool IsEventNext(std::uint32_t set, const KLVMsgParcel* found) const;
+    std::size_t CountHandled() const;
+    void WakeForEvent();
     void TellObserver(Lock& lock);
 
     // KLVMsgLoop::Owner
@@ -374,6 +400,7 @@ private:
     KLVMsgEventQueue m_events;
     Observer m_observer;           // does not change once the loop runs
     KLVMsgEventQueue m_observed;   // what it has not seen yet
+    KLVMsgEventQueue m_telling;    // what it sees now: the loop's own
     std::size_t m_live = 0;        // connections that are not over
     std::size_t m_queuedCost = 0;  // of all outputs
     std::size_t m_paused = 0;      // peers that are not read
@@ -386,7 +413,6 @@ private:
     bool m_isStarted = false;
     bool m_isDraining = false;
     bool m_isEnding = false;
-    bool m_isEnded = false;
     KLVMsgDescriptor m_readable;
     bool m_isReadable = false;
 
@@ -394,11 +420,12 @@ private:
     KLVMsgQuestionCounts m_questions;              // but for those that wait
 
     std::vector<Handler> m_handlers;  // by type, as far as there have been any
+    EventHandler m_eventHandler;      // null: events are NextEvent's
 
     // Those of the two sets first, then by type.
     std::vector<std::list<Receiver*>> m_receivers{kSets};
     std::list<KLVMsgDelivery*> m_roomless;
-    std::list<GoneWaiter*> m_goneWaiters;
+    std::list<PresenceWaiter*> m_presenceWaiters;
     std::list<KLVMsgWaiter*> m_eventWaiters;
     std::list<KLVMsgWaiter*> m_endWaiters;  // ConnectAgain's pauses, and End
     std::list<KLVMsgWaiter*> m_drainWaiters;

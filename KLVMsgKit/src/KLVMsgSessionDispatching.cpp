@@ -38,10 +38,42 @@ KLVMsgOutcome KLVMsgSessionCore::SetHandler(const std::type_info& type,
     return {};
 }
 
+KLVMsgOutcome KLVMsgSessionCore::SetEventHandler(Observer handler) {
+    EventHandler kept =
+        handler == nullptr ? nullptr : std::make_shared<const Observer>(std::move(handler));
+    const Lock lock(m_mutex);
+    m_eventHandler.swap(kept);
+    for (Receiver* const one : Receivers(kHandled)) {
+        one->waiter.Wake();
+    }
+    for (KLVMsgWaiter* const one : m_eventWaiters) {
+        one->Wake();
+    }
+    return {};
+}
+
+// One of those who wait for it.
+void KLVMsgSessionCore::WakeForEvent() {
+    const auto wakeFirst = [](const auto& waiting, const auto& waiterOf) {
+        for (auto* const one : waiting) {
+            if (!waiterOf(*one).IsWoken()) {
+                waiterOf(*one).Wake();
+                break;
+            }
+        }
+    };
+    if (m_eventHandler != nullptr) {
+        wakeFirst(Receivers(kHandled), [](Receiver& one) -> KLVMsgWaiter& { return one.waiter; });
+    } else {
+        wakeFirst(m_eventWaiters, [](KLVMsgWaiter& one) -> KLVMsgWaiter& { return one; });
+    }
+}
+
 KLVMsgOutcome KLVMsgSessionCore::Dispatch(KLVMsgTimeLimit limit) {
     {
         const Lock lock(m_mutex);
-        if (std::all_of(m_handlers.begin(), m_handlers.end(),
+        if (m_eventHandler == nullptr &&
+            std::all_of(m_handlers.begin(), m_handlers.end(),
                         [](const Handler& one) { return one == nullptr; })) {
             return {KLVMsgOutcome::kFailed, EINVAL, "no class has a handler"};
         }
@@ -50,11 +82,29 @@ KLVMsgOutcome KLVMsgSessionCore::Dispatch(KLVMsgTimeLimit limit) {
     KLVMsgOutcome outcome = TakeOne(kHandled, {typeid(void), limit, nullptr}, taken);
     std::size_t left = taken.left;
     for (bool isOne = static_cast<bool>(outcome); isOne; --left) {
-        (*taken.handler)(std::move(taken.received));
+        if (taken.eventHandler != nullptr) {
+            (*std::exchange(taken.eventHandler, nullptr))(taken.event);
+        } else {
+            (*taken.handler)(std::move(taken.received));
+        }
         isOne =
             left != 0 && TakeOne(kHandled, {typeid(void), std::chrono::seconds(0), nullptr}, taken);
     }
     return outcome;
+}
+
+// Whether an event is to be handled before the oldest message that was found.
+bool KLVMsgSessionCore::IsEventNext(std::uint32_t set, const KLVMsgParcel* found) const {
+    return set == kHandled && m_eventHandler != nullptr && !m_events.IsEmpty() &&
+           (found == nullptr || m_events.Order() < found->order);
+}
+
+std::size_t KLVMsgSessionCore::CountHandled() const {
+    std::size_t count = m_eventHandler != nullptr ? m_events.Size() : 0;
+    for (std::uint32_t each = 0; each < m_handlers.size(); ++each) {
+        count += IsHandled(each) ? m_inbox.Count(each) : 0;
+    }
+    return count;
 }
 
 // The oldest of a set, with what handles it.
@@ -71,14 +121,18 @@ KLVMsgOutcome KLVMsgSessionCore::TakeOne(std::uint32_t set, const Wanted& wanted
             if (found == nullptr && !(outcome = AwaitParcel(lock, set, wanted, found))) {
                 break;
             }
+            if (IsEventNext(set, found)) {
+                taken.event = m_events.Take();
+                taken.eventHandler = m_eventHandler;
+                taken.left = CountHandled();
+                UpdateReadable();
+                break;
+            }
             type = found->type;
             taken.received.type = m_types[type].name;  // takes memory: without it it stays there
             taken.handler = IsHandled(type) ? m_handlers[type] : nullptr;
             parcel = TakeFirst(found, taken.received.peer, bytes, body);
-            taken.left = 0;
-            for (std::uint32_t each = 0; each < m_handlers.size(); ++each) {
-                taken.left += IsHandled(each) ? m_inbox.Count(each) : 0;
-            }
+            taken.left = CountHandled();
         }
         taken.received.message = Unpack(std::move(parcel), type, body, taken.received.peer);
         if (m_types[type].isAny && taken.received.message != nullptr) {
@@ -107,12 +161,11 @@ KLVMsgOutcome KLVMsgSessionCore::Observe(Observer observer) {
 
 // Those that happen meanwhile have the next round.
 void KLVMsgSessionCore::TellObserver(Lock& lock) {
-    KLVMsgEventQueue events;
-    std::swap(events, m_observed);
+    m_telling.Swap(m_observed);
     lock.unlock();
-    while (!events.IsEmpty()) {
+    while (!m_telling.IsEmpty()) {
         try {
-            m_observer(events.Take());
+            m_observer(m_telling.Take());
         } catch (...) {
             // It is its own.
         }

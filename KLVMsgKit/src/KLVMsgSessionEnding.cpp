@@ -64,8 +64,10 @@ void KLVMsgSessionCore::BeginDraining() {
 // What has come is received and answered, and what was queued, or waits for room, is sent.
 bool KLVMsgSessionCore::IsDrained() {
     const auto waits = [](const KLVMsgDelivery* one) { return !one->roomless.empty(); };
+    const auto leaves = [](const auto& keep) { return keep.second->leaving != nullptr; };
     return m_inbox.Count() == 0 && m_queuedCost == 0 && !IsAnyInHand() &&
-           std::none_of(m_roomless.begin(), m_roomless.end(), waits);
+           std::none_of(m_roomless.begin(), m_roomless.end(), waits) &&
+           std::none_of(m_keeps.begin(), m_keeps.end(), leaves);
 }
 
 // Whether a thread has a message that it may still answer.
@@ -95,9 +97,9 @@ KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
         if (m_isEnding) {
             return Ended(KLVMsgOutcome::kFailed);
         }
-        lost = BeginToEnd();
         KLVMsgWaiter waiter;
         const KLVMsgEntry<KLVMsgWaiter> entry(m_endWaiters, waiter);
+        lost = BeginToEnd();
         while (m_isStarted && m_live != 0 && waiter.Wait(lock, deadline)) {
         }
         haveAllClosed = m_live == 0 || !m_isStarted;
@@ -105,7 +107,6 @@ KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
     m_loop.Stop();
     m_dialer.reset();  // nobody uses it any more; a name may take its time
     Lock lock(m_mutex);
-    m_isEnded = true;
     m_loop.Clear("the session has ended");
     if (m_ready && lost != 0) {
         return {KLVMsgOutcome::kPeerGone, ENOTCONN,
@@ -117,9 +118,10 @@ KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
 // From now on nothing new is taken, and every connection ends when it has sent what is queued. How
 // many messages were queued for connections that are away.
 std::size_t KLVMsgSessionCore::BeginToEnd() {
+    const std::string cause = "the session has ended";  // takes memory: without it nothing is done
     m_isEnding = true;
     std::size_t lost = 0;
-    EndKeeps(KLVMsgPeers::All(), "the session has ended", lost);
+    EndKeeps(KLVMsgPeers::All(), cause, lost);
     Signal(m_endSignal.Number());
     m_loop.RemoveListeners(-1);
     WakeEverybody();
@@ -143,7 +145,7 @@ void KLVMsgSessionCore::WakeEverybody() {
             one->waiter.Wake();
         }
     }
-    for (GoneWaiter* const one : m_goneWaiters) {
+    for (PresenceWaiter* const one : m_presenceWaiters) {
         one->waiter.Wake();
     }
     for (KLVMsgWaiter* const one : m_eventWaiters) {

@@ -1,6 +1,6 @@
 // How connections begin. Where they are not plain a client greets on the thread that connects, and
-// hands over what is admitted; a server greets in the loop, and whoever is not done is nobody's
-// peer.
+// hands over what is admitted; what Keep connects, and a server, greets in the loop, and whoever is
+// not done is nobody's peer.
 #include <algorithm>
 #include <cerrno>
 #include <string>
@@ -17,6 +17,10 @@ std::unique_ptr<KLVMsgTransport> KLVMsgSessionCore::Plain(KLVMsgDescriptor socke
     return transport;
 }
 
+std::string KLVMsgSessionCore::HostOf(const KLVMsgSocketAddress& address) {
+    return address.host.Length() != 0 ? address.host.Text() : "127.0.0.1";
+}
+
 void KLVMsgSessionCore::TellCame(const Peer& peer, const KLVMsgTransport& transport) {
     Tell([&] {
         KLVMsgEvent event = Event(KLVMsgEvent::kCame, &peer);
@@ -28,14 +32,15 @@ void KLVMsgSessionCore::TellCame(const Peer& peer, const KLVMsgTransport& transp
         }
         return event;
     });
+    WakePresenceWaiters();
 }
 
-void KLVMsgSessionCore::TellRefused(const std::string& address, const KLVMsgOutcome& outcome) {
+void KLVMsgSessionCore::TellRefused(const std::string& address, int error, const std::string& why) {
     Tell([&] {
         KLVMsgEvent event = Event(KLVMsgEvent::kRefused, nullptr);
         event.address = address;
-        event.error = outcome.error;
-        event.what = address + ": a connection was refused: " + outcome.text;
+        event.error = error;
+        event.what = address + ": a connection was refused: " + why;
         return event;
     });
 }
@@ -44,9 +49,7 @@ void KLVMsgSessionCore::TellRefused(const std::string& address, const KLVMsgOutc
 KLVMsgOutcome KLVMsgSessionCore::Greet(std::unique_ptr<KLVMsgTransport>& transport,
                                        KLVMsgTransportFactory& transports,
                                        const KLVMsgSocketAddress& address, Time limit) {
-    const bool isNamed = address.host.Length() != 0;
-    transport =
-        transports.ToServer(std::move(transport), isNamed ? address.host.Text() : "127.0.0.1");
+    transport = transports.ToServer(std::move(transport), HostOf(address));
     const Time own = Clock::now() + transports.GreetingLimit();
     std::string warning;
     KLVMsgOutcome outcome =
@@ -67,7 +70,7 @@ KLVMsgOutcome KLVMsgSessionCore::Invite(std::unique_ptr<KLVMsgTransport> transpo
                                         std::uint64_t listener, const std::string& address) {
     if (m_live >= m_options.connectionLimit) {
         EndOneHalf();
-        return {KLVMsgOutcome::kFull, EMFILE, "there are as many as there may be"};
+        return TooMany();
     }
     const Transports transports = m_loop.FindListener(listener)->transports;
     if (m_guests.size() >= transports->MostGreetings()) {
@@ -95,6 +98,10 @@ KLVMsgOutcome KLVMsgSessionCore::Invite(std::unique_ptr<KLVMsgTransport> transpo
 
 void KLVMsgSessionCore::OnGreeted(Lock& lock, KLVMsgLoop::Link& link,
                                   const KLVMsgTransport::Greeting& greeting) {
+    if (KLVMsgKeep* const keep = KeepThatGreets(link); keep != nullptr) {
+        GreetedServer(*keep, greeting);
+        return;
+    }
     const auto guest = m_guests.find(link.id);
     if (guest == m_guests.end()) {
         return;
@@ -105,19 +112,21 @@ void KLVMsgSessionCore::OnGreeted(Lock& lock, KLVMsgLoop::Link& link,
     if (greeting.state == KLVMsgTransport::Greeting::kGoesOn) {
         return;
     }
-    KLVMsgOutcome outcome{KLVMsgOutcome::kFailed, greeting.error, greeting.text};
-    if (greeting.state == KLVMsgTransport::Greeting::kDone) {
-        try {
-            outcome = AdoptGuest(lock, link, guest->second);
-        } catch (const std::bad_alloc&) {
-            outcome = {KLVMsgOutcome::kFailed, ENOMEM, ""};
-        }
-    }
     guest->second.isTold = true;
+    if (greeting.state == KLVMsgTransport::Greeting::kFailed) {
+        TellRefused(guest->second.address, greeting.error, greeting.text);
+        return;
+    }
+    KLVMsgOutcome outcome;
+    try {
+        outcome = AdoptGuest(lock, link, guest->second);
+    } catch (const std::bad_alloc&) {
+        outcome = {KLVMsgOutcome::kFailed, ENOMEM, ""};
+    }
     if (outcome) {
         m_guests.erase(guest);
     } else if (outcome.error != ESHUTDOWN) {
-        TellRefused(guest->second.address, outcome);
+        TellRefused(guest->second.address, outcome.error, outcome.text);
     }
 }
 
@@ -130,24 +139,34 @@ KLVMsgOutcome KLVMsgSessionCore::AdoptGuest(Lock& lock, KLVMsgLoop::Link& link,
     if (!outcome || m_isEnding) {
         return outcome ? Ended(KLVMsgOutcome::kFailed) : outcome;
     }
-    Peer& peer = m_book.Add("", guest.address);
-    peer.sent.owner = &peer;
-    peer.served.swap(served);
-    peer.link = guest.link;
-    link.client = &peer;
-    ++m_live;
-    TellCame(peer, *link.transport);
+    AdoptGreeted(guest.link, "", guest.address).served.swap(served);
     return {};
 }
 
+KLVMsgSessionCore::Peer& KLVMsgSessionCore::AdoptGreeted(const KLVMsgLoop::LinkPtr& link,
+                                                         const std::string& label,
+                                                         const std::string& address) {
+    Peer& peer = m_book.Add(label, address);
+    peer.sent.owner = &peer;
+    peer.link = link;
+    link->client = &peer;
+    ++m_live;
+    TellCame(peer, *link->transport);
+    return peer;
+}
+
 void KLVMsgSessionCore::GuestIsOver(KLVMsgLoop::Link& link) {
+    if (KLVMsgKeep* const keep = KeepThatGreets(link); keep != nullptr) {
+        GreetedServer(*keep, {KLVMsgTransport::Greeting::kFailed, false, link.connection.Error(),
+                              link.connection.Text(), ""});
+        return;
+    }
     const auto guest = m_guests.find(link.id);
     if (guest == m_guests.end()) {
         return;
     }
     if (!guest->second.isTold) {
-        TellRefused(guest->second.address,
-                    {KLVMsgOutcome::kFailed, link.connection.Error(), link.connection.Text()});
+        TellRefused(guest->second.address, link.connection.Error(), link.connection.Text());
     }
     m_guests.erase(guest);
 }

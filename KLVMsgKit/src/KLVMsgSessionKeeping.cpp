@@ -21,9 +21,16 @@ KLVMsgOutcome NoMemory() { return Failure(ENOMEM, std::string()); }
 }  // namespace
 
 KLVMsgOutcome KLVMsgSessionCore::Keep(const KLVMsgSocketAddress& address, const std::string& label,
-                                      KLVMsgSocketMessage* hello,
-                                      const KLVMsgFramedMessage* framed) {
+                                      KLVMsgSocketMessage* hello, const KLVMsgFramedMessage* framed,
+                                      const Transports& transports) {
+    if (transports != nullptr) {
+        if (KLVMsgOutcome usable = transports->Check(); !usable) {
+            return usable;
+        }
+    }
     auto made = std::make_unique<KLVMsgKeep>();
+    made->transports = transports;
+    made->host = HostOf(address);
     if (hello != nullptr) {
         KLVMsgWireWriter bytes(*m_spentBodies);
         KLVMsgOutcome written = bytes.Write(*hello, framed, m_options.largestBody);
@@ -132,8 +139,8 @@ void KLVMsgSessionCore::Part(Peer& peer, const KLVMsgLoop::LinkPtr& link) {
 void KLVMsgSessionCore::TakeBackLate(KLVMsgLoop::Link& link) {
     for (const auto& [label, keep] : m_keeps) {
         if (keep->leaving.get() == &link) {
+            const KLVMsgLoop::LinkPtr over = std::move(keep->leaving);
             TakeBack(*keep, link, keep->leavingAwaited);
-            keep->leaving.reset();
             return;
         }
     }
@@ -155,6 +162,7 @@ void KLVMsgSessionCore::TakeBack(KLVMsgKeep& keep, KLVMsgLoop::Link& link, Queue
         }
     }
     std::size_t lost = 0;
+    const char* why = "a part of it had been taken";
     KLVMsgOutput since;
     Queue sinceAwaited;
     try {
@@ -164,13 +172,14 @@ void KLVMsgSessionCore::TakeBack(KLVMsgKeep& keep, KLVMsgLoop::Link& link, Queue
         lost = isBegun && !isHelloOut ? 1 : 0;
         MoveQueue(since, sinceAwaited, queue, place.awaited);
     } catch (const std::bad_alloc&) {
-        lost = output.Messages() + since.Messages();
+        lost += output.Messages() + since.Messages();
+        why = "there was no memory to keep what was queued";
         output.Clear();
     }
     FailAwaited(awaited, link.connection.Text());
     FailAwaited(sinceAwaited, link.connection.Text());
     if (lost != 0) {
-        TellLost(place, lost);
+        TellLost(place, lost, why);
     }
     UpdateCost(place);
     WakeRoomless();
@@ -194,12 +203,11 @@ bool KLVMsgSessionCore::MoveQueue(KLVMsgOutput& from, Queue& awaited, KLVMsgOutp
     return isBegun;
 }
 
-void KLVMsgSessionCore::TellLost(const Peer& peer, std::size_t count) {
+void KLVMsgSessionCore::TellLost(const Peer& peer, std::size_t count, const char* why) {
     Tell([&] {
         KLVMsgEvent event = Event(KLVMsgEvent::kLost, &peer);
         event.what = peer.address + ": " + std::to_string(count) +
-                     (count == 1 ? " message is lost: a part of it had been taken"
-                                 : " messages are lost, for want of memory");
+                     (count == 1 ? " message is lost: " : " messages are lost: ") + why;
         return event;
     });
 }
@@ -223,51 +231,113 @@ void KLVMsgSessionCore::OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsg
         }
     }
     if (!outcome) {
-        TellAway(keep, outcome);
-        m_dialer->Dial(keep.place->peer.id, Clock::now() + keep.pauses.Next(m_chance()));
+        StayAway(keep, outcome);
     }
 }
 
-// What has waited is queued behind the hello.
+void KLVMsgSessionCore::StayAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome) {
+    TellAway(keep, outcome);
+    m_dialer->Dial(keep.place->peer.id, Clock::now() + keep.pauses.Next(m_chance()));
+}
+
 KLVMsgOutcome KLVMsgSessionCore::ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket) {
     if (m_live >= m_options.connectionLimit) {
-        return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
+        return TooMany();
     }
-    Peer& place = *keep.place;
-    KLVMsgLoop::LinkPtr spare = NewPlaceLink(place);
+    if (keep.transports != nullptr) {
+        return GreetServer(keep, std::move(socket));
+    }
+    KLVMsgLoop::LinkPtr spare = NewPlaceLink(*keep.place);
     const std::string address = KLVMsgSessionSockets::PeerText(socket.Number());
     Peer* made = nullptr;
-    KLVMsgOutcome outcome = Adopt(Plain(std::move(socket)), place.label, address, made);
-    if (!outcome) {
-        return outcome;
+    KLVMsgOutcome outcome = Adopt(Plain(std::move(socket)), keep.place->label, address, made);
+    if (outcome) {
+        Resume(keep, *made, std::move(spare));
     }
-    KLVMsgConnection& connection = made->link->connection;
+    return outcome;
+}
+
+// The server has not admitted it yet: GreetedServer goes on.
+KLVMsgOutcome KLVMsgSessionCore::GreetServer(KLVMsgKeep& keep, KLVMsgDescriptor socket) {
+    KLVMsgLoop::LinkPtr guest;
+    KLVMsgOutcome outcome =
+        m_loop.AddGuest(keep.transports->ToServer(Plain(std::move(socket)), keep.host),
+                        m_book.NextId(), Clock::now() + keep.transports->GreetingLimit(), guest);
+    keep.guest = std::move(guest);
+    return outcome;
+}
+
+// Null: it is no Keep's, or is no longer wanted.
+KLVMsgKeep* KLVMsgSessionCore::KeepThatGreets(const KLVMsgLoop::Link& link) const {
+    for (const auto& [label, keep] : m_keeps) {
+        if (keep->guest.get() == &link) {
+            return keep.get();
+        }
+    }
+    return nullptr;
+}
+
+void KLVMsgSessionCore::GreetedServer(KLVMsgKeep& keep, const KLVMsgTransport::Greeting& greeting) {
+    if (!greeting.warning.empty()) {
+        TellNotRenewed(keep.place->address, greeting.warning);
+    }
+    if (greeting.state == KLVMsgTransport::Greeting::kGoesOn) {
+        return;
+    }
+    KLVMsgOutcome outcome;
+    try {
+        outcome = greeting.state == KLVMsgTransport::Greeting::kDone
+                      ? BeAdmitted(keep)
+                      : Failure(greeting.error,
+                                "cannot connect to " + keep.place->address + ": " + greeting.text);
+    } catch (const std::bad_alloc&) {
+        outcome = NoMemory();
+    }
+    keep.guest = nullptr;
+    if (!outcome) {
+        StayAway(keep, outcome);
+    }
+}
+
+KLVMsgOutcome KLVMsgSessionCore::BeAdmitted(KLVMsgKeep& keep) {
+    if (m_live >= m_options.connectionLimit) {
+        return TooMany();
+    }
+    KLVMsgLoop::LinkPtr spare = NewPlaceLink(*keep.place);
+    const std::string address = KLVMsgSessionSockets::PeerText(keep.guest->transport->Descriptor());
+    Resume(keep, AdoptGreeted(keep.guest, keep.place->label, address), std::move(spare));
+    return {};
+}
+
+// What has waited is queued behind the hello.
+void KLVMsgSessionCore::Resume(KLVMsgKeep& keep, Peer& made, KLVMsgLoop::LinkPtr spare) {
+    Peer& place = *keep.place;
+    KLVMsgConnection& connection = made.link->connection;
     try {
         if (keep.HelloSize() != 0) {
-            connection.output.Append(keep.helloHead,
-                                     keep.helloBody != nullptr ? *keep.helloBody : std::string(),
-                                     keep.helloBody);
+            const std::shared_ptr<const std::string>& body = keep.helloBody;
+            connection.output.Append(keep.helloHead, body != nullptr ? *body : std::string_view(),
+                                     body);
         }
-        MoveQueue(place.link->connection.output, place.awaited, connection.output, made->awaited);
+        MoveQueue(place.link->connection.output, place.awaited, connection.output, made.awaited);
     } catch (const std::bad_alloc&) {
         connection.End(KLVMsgEvent::kNoMemory, "there was no memory for what is queued");
-        m_loop.Touch(*made->link);
+        m_loop.Touch(*made.link);
         throw;
     }
     connection.KeepOutput();
-    made->keep = &keep;
-    keep.connection = made;
+    made.keep = &keep;
+    keep.connection = &made;
     keep.spareLink = std::move(spare);
     keep.since = Clock::now();
     keep.told.clear();
     place.link = nullptr;
-    MoveRoomless(place.peer, made->peer);
+    MoveRoomless(place.peer, made.peer);
     UpdateCost(place);
-    UpdateCost(*made);
-    LimitReading(*made);
-    m_loop.Touch(*made->link);
+    UpdateCost(made);
+    LimitReading(made);
+    m_loop.Touch(*made.link);
     WakeRoomless();
-    return {};
 }
 
 // Not each time, but when the cause is another one.
@@ -301,8 +371,14 @@ std::size_t KLVMsgSessionCore::EndKeeps(const KLVMsgPeers& meant, const std::str
         if (keep.connection != nullptr) {
             keep.connection->keep = nullptr;
         }
+        if (keep.guest != nullptr) {
+            keep.guest->connection.End(KLVMsgEvent::kShutDownHere, cause);
+            m_loop.Touch(*keep.guest);
+        }
         Peer& place = *keep.place;
-        lost += place.link != nullptr ? place.link->connection.output.Messages() : 0;
+        for (const KLVMsgLoop::LinkPtr& link : {place.link, keep.leaving}) {
+            lost += link != nullptr ? link->connection.output.Messages() : 0;
+        }
         FailAwaited(place.awaited, cause);
         FailAwaited(keep.leavingAwaited, cause);
         place.link = nullptr;

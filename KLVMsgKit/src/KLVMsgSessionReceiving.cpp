@@ -180,7 +180,7 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitParcel(Lock& lock, std::uint32_t type, con
     Receiver receiver{{}, type, wanted.from};
     const KLVMsgEntry<Receiver> entry(Receivers(type), receiver);
     KLVMsgOutcome outcome;
-    for (bool inTime = true; outcome && found == nullptr;) {
+    for (bool inTime = true; outcome && found == nullptr && !IsEventNext(type, nullptr);) {
         if (m_isEnding || m_isDraining) {
             outcome = Ended(KLVMsgOutcome::kPeerGone);
         } else if (IsHandled(type)) {

@@ -75,45 +75,15 @@ bool HasMetItself(int descriptor) {
            lengths[0] == lengths[1] && std::memcmp(&ends[0], &ends[1], lengths[0]) == 0;
 }
 
-// Waits until a connection is made, or was refused, or `cancel` is readable, or the time is over;
-// the errno then.
-int AwaitConnection(int descriptor, Time limit, int cancel) {
-    pollfd asked[] = {{descriptor, POLLOUT, 0}, {cancel, POLLIN, 0}};
-    int count = poll(asked, 2, Left(limit));
-    while ((count == -1 && errno == EINTR) || (count == 0 && Clock::now() < limit)) {
-        count = poll(asked, 2, Left(limit));
+// As BeginConnect, but waits.
+int ConnectTo(const KLVMsgSessionSockets::Address& address, Time limit, int cancel,
+              KLVMsgDescriptor& made) {
+    int error = KLVMsgSessionSockets::BeginConnect(address, made);
+    if (error == EINPROGRESS) {
+        error = KLVMsgSessionSockets::Await(made.Number(), POLLOUT, limit, cancel);
+        error = error == 0 ? KLVMsgSessionSockets::EndConnect(made) : error;
     }
-    if (count < 1) {
-        return count == 0 ? ETIMEDOUT : errno;
-    }
-    if (asked[1].revents != 0) {
-        return ECANCELED;
-    }
-    return ErrorOf(descriptor);
-}
-
-KLVMsgOutcome ConnectTo(const addrinfo& address, const std::string& what, Time limit, int cancel,
-                        KLVMsgDescriptor& made) {
-    KLVMsgDescriptor descriptor = Make(address);
-    if (descriptor.Number() == -1) {
-        return KLVMsgSessionSockets::Failure(what, errno);
-    }
-    int error = 0;
-    if (connect(descriptor.Number(), address.ai_addr, address.ai_addrlen) == -1) {
-        error = errno;
-        if (error == EINPROGRESS || error == EINTR) {
-            error = AwaitConnection(descriptor.Number(), limit, cancel);
-        }
-    }
-    if (error != 0) {
-        KLVMsgOutcome outcome = KLVMsgSessionSockets::Failure(what, error);
-        if (error == ETIMEDOUT && Clock::now() >= limit) {
-            outcome.status = KLVMsgOutcome::kTooLate;
-        }
-        return outcome;
-    }
-    made = std::move(descriptor);
-    return {};
+    return error;
 }
 
 // An IPv6 address has its port at the same place as an IPv4 one.
@@ -198,22 +168,35 @@ KLVMsgOutcome KLVMsgSessionSockets::Failure(const std::string& what, int error) 
     return {KLVMsgOutcome::kFailed, error, what + ": " + std::generic_category().message(error)};
 }
 
+int KLVMsgSessionSockets::Await(int descriptor, short event, Time limit, int cancel) {
+    pollfd asked[] = {{descriptor, event, 0}, {cancel, POLLIN, 0}};
+    int count = poll(asked, 2, Left(limit));
+    while ((count == -1 && errno == EINTR) || (count == 0 && Clock::now() < limit)) {
+        count = poll(asked, 2, Left(limit));
+    }
+    if (count < 1) {
+        return count == 0 ? ETIMEDOUT : errno;
+    }
+    return asked[1].revents != 0 ? ECANCELED : 0;
+}
+
 KLVMsgOutcome KLVMsgSessionSockets::Connect(const KLVMsgSocketAddress& address, Time limit,
                                             int cancel, KLVMsgDescriptor& made) {
-    const std::string what = "cannot connect to " + Text(address);
-    if (address.port < 1 || address.port > 65535) {
-        return Failure(what, EINVAL);
-    }
-    Addresses addresses;
-    KLVMsgOutcome outcome = Resolve(address, what, 0, addresses);
-    int left = 0;
-    for (const addrinfo* one = addresses.get(); one != nullptr; one = one->ai_next) {
-        ++left;
-    }
-    for (const addrinfo* one = addresses.get(); one != nullptr; one = one->ai_next) {
+    std::vector<Address> found;
+    KLVMsgOutcome outcome = Find(address, false, found);
+    std::size_t left = found.size();
+    for (const Address& one : found) {
         const Time now = Clock::now();
-        outcome = ConnectTo(*one, what, now + (limit - now) / left--, cancel, made);
-        if (outcome || outcome.error == ECANCELED || Clock::now() >= limit) {
+        const auto part = (limit - now) / static_cast<Time::rep>(left--);
+        const int error = ConnectTo(one, now + part, cancel, made);
+        if (error == 0) {
+            return {};
+        }
+        made = KLVMsgDescriptor();
+        outcome = Failure("cannot connect to " + Text(address), error);
+        const bool isLate = Clock::now() >= limit;
+        outcome.status = error == ETIMEDOUT && isLate ? KLVMsgOutcome::kTooLate : outcome.status;
+        if (error == ECANCELED || isLate) {
             break;
         }
     }

@@ -43,11 +43,15 @@ struct KLVMsgSessionSockets {
     // A failed system call.
     static KLVMsgOutcome Failure(const std::string& what, int error);
 
-    // Connects to the first address of the host that answers, and tells its text. The resolver
-    // takes as long as it takes; each address gets an equal part of the time that is left then.
-    // Gives up when `cancel` becomes readable.
+    // Connects to the first address of the host that answers. The resolver takes as long as it
+    // takes; each address gets an equal part of the time that is left then. Gives up when `cancel`
+    // becomes readable.
     static KLVMsgOutcome Connect(const KLVMsgSocketAddress& address, Time limit, int cancel,
                                  KLVMsgDescriptor& made);
+
+    // Waits until poll has this event to tell of a descriptor; errno otherwise: ETIMEDOUT when the
+    // time is over, ECANCELED when `cancel` is readable.
+    static int Await(int descriptor, short event, Time limit, int cancel);
 
     // What Connect does, in steps that do not wait. What an address stands for: as long as the
     // resolver takes, or at once where it `isNumeric`, and ENOENT then for a name.

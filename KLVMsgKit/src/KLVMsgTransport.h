@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "KLVMsgOutcome.h"
@@ -66,9 +67,10 @@ public:
     // Of those that are not plain ----------------------------------------------------------------
 
     // Goes on with the greeting; throws nothing. A client's is done when the server has admitted
-    // it, a server's when it knows who has come: Admit then tells the client.
+    // it, a server's when it knows who has come: Admit then tells the client, and returns the errno
+    // of why it cannot.
     virtual Greeting Greet() { return {}; }
-    virtual void Admit() {}
+    virtual int Admit() { return 0; }
 
     // Who the peer is, by the names that somebody who is trusted has given it.
     virtual std::vector<std::string> Names() const { return {}; }
@@ -80,8 +82,12 @@ public:
     virtual bool HoldsOutput() const { return false; }
     virtual Result Flush() { return {}; }
 
-    // Why it has failed, where that is more than the errno says.
-    virtual std::string Why() const { return ""; }
+    // The bytes that the last write said are held, once the system has taken all of them: told once,
+    // here or as the first ones of the next write.
+    virtual std::size_t TakeHeld() { return 0; }
+
+    // Why it has failed, where that is more than the errno says; valid as long as it is there.
+    virtual std::string_view Why() const { return ""; }
 
 private:
     const bool m_isPlain;

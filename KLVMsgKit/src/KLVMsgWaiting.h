@@ -1,6 +1,7 @@
 // For the session's own sources: threads of the application that wait.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <mutex>
 #include <utility>
 
+#include "KLVMsgLinger.h"
 #include "KLVMsgTimeLimit.h"
 
 // Each waiting operation has a place of its own to be woken at, so that it wakes up for what it
@@ -18,8 +20,15 @@ public:
 
     // Lets the mutex go until it is woken or the time is over; false then.
     bool Wait(std::unique_lock<std::mutex>& lock, Time limit) {
-        const bool woken = m_ready.wait_until(lock, limit, [this] { return m_isWoken; });
+        KLVMsgLinger& linger = KLVMsgLinger::OfThread();
+        if (linger.Begin()) {
+            lock.unlock();
+            linger.Look(limit, [this] { return m_isWoken.load(); });
+            lock.lock();
+        }
+        const bool woken = m_ready.wait_until(lock, limit, [this] { return m_isWoken.load(); });
         m_isWoken = false;
+        linger.End(woken);
         return woken;
     }
 
@@ -32,7 +41,7 @@ public:
 
 private:
     std::condition_variable m_ready;
-    bool m_isWoken = false;
+    std::atomic<bool> m_isWoken{false};  // changes with the mutex held
 };
 
 // Puts something into a list as long as it lives.

@@ -46,6 +46,7 @@ KLVMsgTransport::Result KLVMsgTlsCarrier::Flush() {
         const iovec piece = {m_kept.data(), m_kept.size()};
         result = m_way->Write(&piece, 1, false);
         m_kept.erase(0, result.count);
+        m_taken += result.count;
         if (!m_kept.empty()) {
             result.error = result.error == 0 ? EAGAIN : result.error;
         } else {
@@ -101,6 +102,7 @@ int KLVMsgTlsCarrier::Write(const char* data, std::size_t size) {
     if (result.error == 0) {
         const iovec piece = {const_cast<char*>(data), size};  // nobody writes there
         result = m_way->Write(&piece, 1, false);
+        m_taken += result.count;
     } else {
         result.count = 0;
     }

@@ -4,6 +4,7 @@
 #include <openssl/ssl.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -36,6 +37,10 @@ public:
     KLVMsgTransport::Result Flush();
     bool HoldsOutput() const { return !m_kept.empty(); }
 
+    // Bytes so far that OpenSSL has written, and that the system has taken.
+    std::uint64_t Written() const { return m_taken + m_kept.size(); }
+    std::uint64_t Taken() const { return m_taken; }
+
     // The system has no more to read; the peer has ended its output; the errno of what has failed.
     bool IsDry() const { return m_isDry; }
     bool HasEnded() const { return m_hasEnded; }
@@ -60,4 +65,5 @@ private:
     int m_error = 0;
     std::size_t m_mayRead = 0;
     std::string m_kept;
+    std::uint64_t m_taken = 0;
 };

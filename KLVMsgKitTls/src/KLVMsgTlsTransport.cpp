@@ -63,7 +63,12 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Greet() {
             m_names = KLVMsgTlsWords::Names(m_connection.get());
         }
         greeting = !m_isShaken ? Answer(result) : IsServer() ? Greeting() : AwaitAdmission();
-        greeting.waitsForRoom = Flush().error == EAGAIN;
+        const int error = Flush().error;
+        greeting.waitsForRoom = error == EAGAIN;
+        if (m_outputFailed && greeting.state != Greeting::kFailed) {
+            m_error = error;
+            greeting = Failure(std::generic_category().message(error));
+        }
         greeting.warning = std::move(warning);
     } catch (const std::bad_alloc&) {
         m_hasFailed = true;
@@ -143,10 +148,10 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Failure(std::string text) {
     return {Greeting::kFailed, false, m_error == 0 ? EPROTO : m_error, who + text, ""};
 }
 
-void KLVMsgTlsTransport::Admit() {
-    if (IsServer() && WriteRecord(&kAdmitted, 1)) {
-        m_pending = 0;  // it is none of the messages' bytes
-    }
+int KLVMsgTlsTransport::Admit() {
+    const bool done = !IsServer() || WriteRecord(&kAdmitted, 1);
+    m_pending = 0;  // it is none of the messages' bytes
+    return done ? 0 : m_error;
 }
 
 // Reading ----------------------------------------------------------------------------------------
@@ -225,14 +230,12 @@ KLVMsgTransport::Result KLVMsgTlsTransport::Write(const iovec* pieces, int count
         all += pieces[i].iov_len;
     }
     char buffer[kRecord];
-    while (result.count < all) {
-        if ((result.error = Flush().error) != 0) {
+    for (;;) {
+        result.error = Flush().error;
+        result.count += TakeHeld();
+        if (result.error != 0 || result.count == all) {
             result.held = m_pending;
             break;
-        }
-        if (m_pending != 0) {
-            result.count += std::exchange(m_pending, 0);
-            continue;
         }
         const std::size_t size = std::min(kRecord, all - result.count);
         if (!WriteRecord(InOnePiece(pieces, result.count, size, buffer), size)) {
@@ -250,6 +253,7 @@ bool KLVMsgTlsTransport::WriteRecord(const char* data, std::size_t size) {
     const int done = SSL_write_ex(m_connection.get(), data, size, &written);
     if (done == 1) {
         m_pending = written;
+        m_pendingUntil = m_carrier.Written();
         ++m_recordsWritten;
         return true;
     }
@@ -260,6 +264,10 @@ bool KLVMsgTlsTransport::WriteRecord(const char* data, std::size_t size) {
         Fail(SSL_get_error(m_connection.get(), done));
     }
     return false;
+}
+
+std::size_t KLVMsgTlsTransport::TakeHeld() {
+    return m_carrier.Taken() >= m_pendingUntil ? std::exchange(m_pending, 0) : 0;
 }
 
 // OpenSSL answers a peer with new keys in the next record that it writes: for one who only reads it

@@ -38,14 +38,15 @@ public:
     int Descriptor() const override { return m_carrier.Way().Descriptor(); }
 
     Greeting Greet() override;
-    void Admit() override;
+    int Admit() override;
     std::vector<std::string> Names() const override { return m_names; }
     bool HoldsInput() const override { return m_holdsInput; }
     bool HoldsOutput() const override {
         return (m_carrier.HoldsOutput() && !m_outputFailed) || (m_ends && !m_hasEnded);
     }
     Result Flush() override;
-    std::string Why() const override { return m_why; }
+    std::size_t TakeHeld() override;
+    std::string_view Why() const override { return m_why; }
 
 private:
     bool IsServer() const { return m_host.empty(); }
@@ -78,7 +79,8 @@ private:
     bool m_inputEnded = false;
     std::uint64_t m_recordsRead = 0;  // under the present key
     std::uint64_t m_recordsWritten = 0;
-    std::size_t m_pending = 0;  // messages' bytes in the record that goes
-    bool m_ends = false;        // the output is to end
-    bool m_hasEnded = false;    // and has
+    std::size_t m_pending = 0;         // messages' bytes in the record that goes
+    std::uint64_t m_pendingUntil = 0;  // the carrier's position behind it
+    bool m_ends = false;               // the output is to end
+    bool m_hasEnded = false;           // and has
 };

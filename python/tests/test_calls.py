@@ -1,5 +1,6 @@
 """Questions and answers: who asks, who answers, and what looks on."""
 
+import asyncio
 import json
 import pathlib
 import re
@@ -13,6 +14,7 @@ from conftest import LIMIT, answer, dial, framed, message, read_all
 from test_recording import write_recording
 
 import klvmsg
+from klvmsg import aio
 from klvmsg.calls import ANSWER
 from klvmsg.rules import Rule
 
@@ -40,6 +42,36 @@ def test_an_answer_finds_its_question_past_what_else_comes(listener: socket.sock
     other.close()
     with pytest.raises(klvmsg.PeerGone):
         peer.ask("Price")
+
+
+def test_tasks_ask_and_receive_at_once(listener: socket.socket) -> None:
+    async def story() -> None:
+        peer = await aio.connect("127.0.0.1", listener.getsockname()[1], timeout=LIMIT)
+        other = answer(listener)
+        receiving = asyncio.create_task(peer.receive(LIMIT))
+        asking = [asyncio.create_task(peer.ask("Price", b"", LIMIT)) for _ in range(3)]
+        late = asyncio.create_task(peer.ask("Price", b"", 0.01))
+        with pytest.raises(klvmsg.TimedOut):
+            await late
+        assert len(await asyncio.to_thread(read_all, other, 84)) == 84
+        other.sendall(call(b"Offer", 4 | ANSWER, b"late") + call(b"Offer", 3 | ANSWER, b"3"))
+        assert (await asking[2]).body == b"3" and peer.late_answers == 1
+        asking[1].cancel()
+        other.sendall(call(b"Offer", 1 | ANSWER, b"1") + call(b"Price", 7, b"nut"))
+        question = await receiving
+        assert question.body[8:] == b"nut" and (await asking[0]).body == b"1"
+        await peer.answer(question, "Offer", b"5")
+        assert await asyncio.to_thread(read_all, other, 22) == call(b"Offer", 7 | ANSWER, b"5")
+        gone = asyncio.create_task(peer.ask("Price"))
+        receiving = asyncio.create_task(peer.receive())
+        await asyncio.to_thread(read_all, other, 21)
+        other.close()
+        for task in (gone, receiving):
+            with pytest.raises(klvmsg.PeerGone):
+                await task
+        peer.close()
+
+    asyncio.run(asyncio.wait_for(story(), LIMIT))
 
 
 def test_a_question_is_answered_with_its_number(listener: socket.socket) -> None:

@@ -11,6 +11,7 @@ import pytest
 from conftest import LIMIT, answer, dial, framed, message, read_all, reset
 
 import klvmsg
+from klvmsg.listening import listen
 
 
 @pytest.fixture
@@ -242,7 +243,7 @@ def test_a_client_that_has_gone_again_is_not_accepted() -> None:
                 raise self.gone.pop()
             return super().accept()
 
-    listener = klvmsg.peer.listen("127.0.0.1", 0)
+    listener = listen("127.0.0.1", 0)
     listener.setblocking(False)
     with klvmsg.Server(Entrance(fileno=listener.detach()), klvmsg.Rules(), 1000) as server:
         with klvmsg.connect("127.0.0.1", server.port) as client, server.accept(LIMIT) as accepted:

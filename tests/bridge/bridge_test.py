@@ -3,6 +3,9 @@
 
 import json
 import pathlib
+import socket
+import ssl
+import struct
 import subprocess
 import sys
 import tempfile
@@ -13,6 +16,7 @@ from engine import Bridge, Sender, Servers, free_ports, wait_until
 import klvmsg
 
 PROGRAM = sys.argv.pop(1)
+CERTIFICATES = pathlib.Path(__file__).resolve().parents[2] / "examples/secure/certificates.sh"
 
 
 class OneServer(unittest.TestCase):
@@ -99,6 +103,48 @@ class OneServer(unittest.TestCase):
         _, counts = bridge.end()
         self.assertEqual((counts["from sessions"], 0), (counts["published"], counts["dropped"]))
         self.assertEqual(counts["published"], self.servers.stored("ALL"))
+
+    def test_two_of_a_group_take_turns_over_tls(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        subprocess.run([CERTIFICATES, folder.name, "hub", "IP:127.0.0.1", "bridge", "IP:127.0.0.1"],
+                       check=True, stderr=subprocess.DEVNULL)
+        file = pathlib.Path(folder.name).joinpath
+        tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        tls.load_cert_chain(file("hub.pem"), file("hub.key"))
+        tls.load_verify_locations(file("authority.pem"))
+        tls.verify_mode = ssl.CERT_REQUIRED
+        tls.num_tickets = 0
+        secured = Servers(extra=f'tls {{ cert_file: "{file("hub.pem")}", key_file: "{file("hub.key")}" }}', tls=True)
+        self.addCleanup(secured.end)
+        with socket.create_server(("127.0.0.1", 0)) as hub:
+            hub.settimeout(60)
+            options = ("--connect", f"hub=127.0.0.1:{hub.getsockname()[1]}", "--publish", "*=all.*",
+                       "--subscribe", "news.>=hub", "--group", "pair", "--site", "berlin",
+                       "--tls", ",".join(str(file(name)) for name in ("bridge.pem", "bridge.key", "authority.pem")),
+                       "--nats-tls", str(file("authority.pem")))
+            bridges = [Bridge(PROGRAM, "--nats", secured.url, *options, "--name", name) for name in "ab"]
+            for bridge in bridges:
+                self.addCleanup(lambda bridge=bridge: bridge.process.poll() is None and bridge.kill())
+                bridge.says("connected to")
+            for left in (2, 1):
+                peer = tls.wrap_socket(hub.accept()[0], server_side=True)
+                peer.sendall(b"\1")  # it is admitted
+                first = next(one for one in bridges if any("carrying" in line for line in one.said))
+                self.assertFalse([one for one in bridges if one is not first and "carrying" in "".join(one.said)])
+                client = secured.client()
+                client.subscribe("all.>")
+                peer.sendall(struct.pack("=I4sI2s", 4, b"Tick", 2, b"hi"))
+                self.assertEqual(b"hi", client.next().body)
+                client.publish("news.Tick", b"ho")
+                got = b""
+                while len(got) < 15:
+                    got += peer.recv(100)
+                self.assertEqual(struct.pack("=cI4sI2s", b"\1", 4, b"Tick", 2, b"ho"), got)
+                client.close()
+                first.kill()
+                bridges.remove(first)
+                socket.socket(fileno=peer.detach()).close()
 
     def test_refuses_what_makes_no_sense_and_tells_what_would_go_where(self):
         folder = tempfile.TemporaryDirectory()

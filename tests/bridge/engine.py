@@ -7,6 +7,7 @@ import re
 import shutil
 import signal
 import socket
+import ssl
 import struct
 import subprocess
 import sys
@@ -41,11 +42,16 @@ def free_ports(count):
 class Client:
     """A client of NATS: subscriptions, messages with headers, questions to JetStream."""
 
-    def __init__(self, port, host="127.0.0.1"):
+    def __init__(self, port, host="127.0.0.1", tls=False):
         self.socket = socket.create_connection((host, port), timeout=LIMIT)
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        while not self.socket.recv(1, socket.MSG_PEEK) or self.socket.recv(1) != b"\n":
+            pass  # INFO
+        if tls:
+            context = ssl.create_default_context()
+            context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
+            self.socket = context.wrap_socket(self.socket)
         self.file = self.socket.makefile("rb")
-        self.file.readline()  # INFO
         self.inboxes = 0
         self.write(b'CONNECT {"verbose":false,"headers":true,"no_responders":true,"protocol":1}\r\nPING\r\n')
         wait_until(lambda: self.file.readline() == b"PONG\r\n", "an answer")
@@ -103,7 +109,8 @@ class Client:
 class Servers:
     """One server, or a cluster; with JetStream."""
 
-    def __init__(self, count=1, hosts=None, prefix=(), extra=""):
+    def __init__(self, count=1, hosts=None, prefix=(), extra="", tls=False):
+        self.tls = tls
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="bridge-test."))
         self.hosts = hosts or ["127.0.0.1"] * count
         ports = free_ports(2 * count)
@@ -141,7 +148,7 @@ class Servers:
 
     def client(self, i=None):
         i = min(self.running) if i is None else i
-        return Client(self.ports[i], self.hosts[i])
+        return Client(self.ports[i], self.hosts[i], self.tls)
 
     def ask(self, subject, question=None):
         """Asks until there is an answer: during an election there may be none."""

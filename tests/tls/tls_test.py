@@ -131,7 +131,9 @@ class Protected(unittest.TestCase):
                         plain.sendall(outgoing.read())
                         incoming.write(plain.recv(65536))
             until_done(half.do_handshake)
-            until_done(lambda: half.read(1))
+            half.write(question(b"at once"))  # goes with the last words of the handshake
+            self.assertEqual(ADMITTED, until_done(lambda: half.read(1)))
+            self.assertEqual(answer(b"at once"), until_done(lambda: half.read(100)))
             half.write(question(b"the last one"))
             with self.assertRaises(ssl.SSLWantReadError):
                 half.unwrap()  # ends our output alone

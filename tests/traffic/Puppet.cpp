@@ -3,6 +3,9 @@
 // taken at once, written there, and events are told. A line of the input is a command, a label, a
 // word ("-" for none) and up to three numbers; it is answered with "done" and what came of it.
 #include <KLVMsgSession.h>
+#ifdef PUPPET_TLS
+#include <KLVMsgTls.h>
+#endif
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -88,6 +91,28 @@ struct Unframed : Item {  // reads its body itself, so the loop does
 };
 using Word = Numbered<0>;
 using Other = Numbered<1>;
+
+// Where a folder of certificates is told by the environment, a session serves and connects with
+// them.
+const char* const certificates = std::getenv("KLVMSG_CERTIFICATES");
+
+template <class Operation>
+KLVMsgOutcome InItsWay(const Operation& operation) {
+    if (certificates == nullptr) {
+        return operation();
+    }
+#ifdef PUPPET_TLS
+    const std::string folder = certificates;
+    KLVMsgTlsOptions options;
+    options.certificate = folder + "/peer.pem";
+    options.key = folder + "/peer.key";
+    options.authority = folder + "/authority.pem";
+    static const KLVMsgTls tls(options);
+    return operation(tls);
+#else
+    throw std::runtime_error("made without TLS");
+#endif
+}
 
 template <std::size_t... N>
 struct Session {
@@ -190,17 +215,28 @@ struct Session {
 
     std::string Obey() {
         int port = int(first);
+        const auto serve = [&](const auto&... how) {
+            return session->Serve(Server(), &port, how...);
+        };
+        const auto connect = [&](const auto&... how) {
+            return session->Connect(Server(), label, 10s, how...);
+        };
+        const auto keep = [&](const auto&... how) {
+            return session->Keep(Server(), label, Word(label), how...);
+        };
         const auto again = [&](auto limit) {
-            return session->ConnectAgain(Server(), label, limit);
+            return InItsWay([&](const auto&... how) {
+                return session->ConnectAgain(Server(), label, limit, how...);
+            });
         };
         const auto send = [&](auto limit) { return session->Send(label, Word("late"), limit); };
         const auto receive = [&](auto limit) { return session->Receive<Unframed>(limit, label); };
         const auto drain = [&](auto limit) { return session->Drain(limit); };
         const auto end = [&](auto limit) { return session->End(limit); };
         const auto destroy = [&](auto) { return session.reset(), KLVMsgOutcome(); };
-        return command == "serve"     ? (Check(session->Serve(Server(), &port)), Text(port))
-               : command == "connect" ? (Check(session->Connect(Server(), label, 10s)), "")
-               : command == "keep"    ? (Check(session->Keep(Server(), label, Word(label))), "")
+        return command == "serve"     ? (Check(InItsWay(serve)), Text(port))
+               : command == "connect" ? (Check(InItsWay(connect)), "")
+               : command == "keep"    ? (Check(InItsWay(keep)), "")
                : command == "load"    ? Load()
                : command == "answer"  ? Answer()
                : command == "take"    ? Take()

@@ -12,13 +12,16 @@ import os
 import pathlib
 import signal
 import socket
+import ssl
 import struct
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "python" / "src"))
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "python" / "src"))
 from klvmsg import wire  # noqa: E402
 
 BAR = 20  # milliseconds, of waits beyond those alone, and beyond limits
@@ -41,17 +44,47 @@ def message(type, body):
     return wire.header(type) + len(body).to_bytes(4, sys.byteorder) + body
 
 
+CERTIFICATES = "KLVMSG_CERTIFICATES"  # names the folder of those of all who talk; without it all is plain
+ADMITTED = b"\1"
+
+
+def protected(plain, is_server=False):
+    """The connection as its two sides are to talk over it, once they have greeted each other."""
+    if CERTIFICATES not in os.environ:
+        return plain
+    folder = pathlib.Path(os.environ[CERTIFICATES])
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER if is_server else ssl.PROTOCOL_TLS_CLIENT)
+    context.load_cert_chain(folder / "peer.pem", folder / "peer.key")
+    context.load_verify_locations(folder / "authority.pem")
+    context.verify_mode = ssl.CERT_REQUIRED
+    if is_server:
+        context.num_tickets = 0
+    peer = context.wrap_socket(plain, is_server, server_hostname=None if is_server else "127.0.0.1")
+    if is_server:
+        peer.sendall(ADMITTED)
+    else:
+        require(peer.recv(1) == ADMITTED, "a session has turned somebody away")
+    return peer
+
+
+def dial(port):
+    return protected(socket.create_connection(("127.0.0.1", port)))
+
+
 def be_good(port):
     """What the good peer's process does: asks and waits for the answer, for as many seconds as each line
     of its input says, and prints its waits."""
-    peer, word = socket.create_connection(("127.0.0.1", port)), message("Word", b"ping")
+    peer, word = dial(port), message("Word", b"ping")
     print("done", flush=True)
     for line in sys.stdin:
         waits, end = [], time.monotonic() + float(line)
         while time.monotonic() < end:
             asked = time.monotonic()
             peer.sendall(word)
-            if peer.recv(len(word), socket.MSG_WAITALL) != word:
+            got = b""
+            while len(got) < len(word):
+                got += peer.recv(len(word) - len(got)) or b"nothing more"
+            if got != word:
                 return
             waits.append(1000 * (time.monotonic() - asked))
             time.sleep(0.0002)  # without it this would be much of the load
@@ -156,7 +189,7 @@ class Scene:
         return self.processes[-1]
 
     def connect(self):
-        self.sockets.append(socket.create_connection(("127.0.0.1", self.session.port)))
+        self.sockets.append(dial(self.session.port))
         return self.sockets[-1]
 
     def listen(self, label, room=65536):
@@ -165,8 +198,9 @@ class Scene:
             server.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, room)
             server.bind(("127.0.0.1", 0))
             server.listen()
-            self.session.ask("connect", label, server.getsockname()[1])
-            self.sockets.append(server.accept()[0])
+            self.session.tell("connect", label, server.getsockname()[1])
+            self.sockets.append(protected(server.accept()[0], True))
+            self.session.hear()
             return self.sockets[-1]
 
     def run(self, work, *arguments):
@@ -296,7 +330,7 @@ def unknown_types(scene):
 
 def send_absurd(scene, start):
     while not scene.over.wait(0.01):
-        with socket.create_connection(("127.0.0.1", scene.session.port)) as peer:
+        with dial(scene.session.port) as peer:
             with contextlib.suppress(OSError):
                 peer.sendall(start + bytes(1000))
                 peer.settimeout(0.1)
@@ -563,12 +597,18 @@ def main():
     parser.add_argument("--seconds", type=float, default=3, help="of each scene that is measured")
     parser.add_argument("--rest", type=int, default=5, help="seconds without asking, or reading")
     parser.add_argument("--memory", type=float, default=16, help="megabytes beyond the limits")
+    parser.add_argument("--tls", action="store_true", help="all of it over TLS")
     options = parser.parse_args()
     chosen = options.scene or [*SCENES, *COUNTED]
     try:
-        if any(name in SCENES for name in chosen):
-            measure_scenes(options, chosen)
-        count_scenes(options, chosen)
+        with tempfile.TemporaryDirectory() as folder:
+            if options.tls:
+                subprocess.run([ROOT / "examples/secure/certificates.sh", folder, "peer", "IP:127.0.0.1"],
+                               check=True, stderr=subprocess.DEVNULL)
+                os.environ[CERTIFICATES] = folder
+            if any(name in SCENES for name in chosen):
+                measure_scenes(options, chosen)
+            count_scenes(options, chosen)
     except Fault as fault:
         print(f"! {fault}")
         return 1

@@ -8,14 +8,18 @@ loses nothing that has come; a message that has gone in part then is the last on
 from __future__ import annotations
 
 import asyncio
+import select
 import socket
+import ssl
 from types import TracebackType
-from typing import AsyncIterator, Callable, List, Optional, Type, Union
+from typing import Any, AsyncIterator, Callable, List, Optional, Type, Union
 
 from .channel import MAX_NAME, Channel, Message
 from .errors import PeerGone, TimedOut
-from .peer import listen, time_limit
+from .listening import Listening, listen
+from .peer import time_limit
 from .rules import Rules, as_rules
+from .tls import GREETING, TlsSocket
 from .wire import MAX_BODY
 
 __all__ = ["Connection", "Message", "Server", "connect", "serve"]
@@ -26,10 +30,18 @@ _Left = Callable[[], Optional[float]]
 class _Waiting:
     """Tasks that wait for a socket, until it is closed."""
 
-    _socket: socket.socket
+    _socket: Any
 
     def __init__(self) -> None:
         self._wakers: List[Callable[[], None]] = []
+
+    async def __aexit__(
+        self,
+        kind: Optional[Type[BaseException]],
+        error: Optional[BaseException],
+        trace: Optional[TracebackType],
+    ) -> None:
+        self.close()
 
     def close(self) -> None:
         """Closes at once, and wakes the tasks that wait. May be called again."""
@@ -100,7 +112,7 @@ class Connection(_Waiting, Channel):
 
     def __init__(
         self,
-        sock: socket.socket,
+        sock: Union[socket.socket, TlsSocket],
         rules: Union[Rules, str, None] = None,
         max_body: int = MAX_BODY,
         max_name: int = MAX_NAME,
@@ -108,7 +120,7 @@ class Connection(_Waiting, Channel):
         _Waiting.__init__(self)
         Channel.__init__(self, sock, rules, max_body, max_name)
         self._sender = asyncio.Lock()
-        self._receiver = asyncio.Lock()
+        self._reading: Optional[asyncio.Future[None]] = None  # while a task waits for the socket
 
     async def send(self, type: str, body: bytes = b"", timeout: Optional[float] = None) -> None:
         """As `klvmsg.Connection.send`."""
@@ -124,14 +136,48 @@ class Connection(_Waiting, Channel):
 
     async def receive(self, timeout: Optional[float] = None) -> Message:
         """As `klvmsg.Connection.receive`."""
+        return await self._take(None, time_limit(timeout), "no message has come in time")
+
+    async def ask(self, type: str, body: bytes = b"", timeout: Optional[float] = None) -> Message:
+        """As `klvmsg.Connection.ask`; any number of tasks may ask, and receive, at once."""
         left = time_limit(timeout)
-        async with _Turn(self._receiver, left):
-            while True:
-                message = self._next()
-                if message is not None:
-                    return message
-                if not await self._readable(left()):
-                    raise TimedOut("no message has come in time")
+        wanted, whole = self._question(body)
+        is_sent = False
+        try:
+            await self.send(type, whole, left())
+            is_sent = True
+            return await self._take(wanted, left, "no answer has come in time")
+        finally:
+            self._forget(wanted, is_sent)
+
+    async def answer(
+        self, question: Message, type: str, body: bytes = b"", timeout: Optional[float] = None
+    ) -> None:
+        """As `klvmsg.Connection.answer`."""
+        head = self._answer_head(question)
+        if head:
+            await self.send(type, head + body, timeout)
+
+    async def _take(self, wanted: Optional[bytes], left: _Left, late: str) -> Message:
+        while True:
+            # While a task waits for the socket it alone reads: bytes that another one took would not
+            # wake it.
+            found = self._next(wanted) if self._reading is None else self._there(wanted)
+            if found is not None:
+                return found
+            if not await self._more(left()):
+                raise TimedOut(late)
+
+    async def _more(self, seconds: Optional[float]) -> bool:
+        """Until something may have come; false when the time is over."""
+        if self._reading is not None:
+            return bool((await asyncio.wait([self._reading], timeout=seconds))[0])
+        self._reading = asyncio.get_running_loop().create_future()
+        try:
+            return await self._readable(seconds)
+        finally:
+            self._reading.set_result(None)
+            self._reading = None
 
     def __aiter__(self) -> AsyncIterator[Message]:
         return self._messages()
@@ -150,63 +196,63 @@ class Connection(_Waiting, Channel):
         """As `klvmsg.Connection.finish`."""
         left = time_limit(timeout)
         try:
-            async with _Turn(self._receiver, left):
-                self._end_output()
-                while not self._drop_input():
-                    if not await self._readable(left()):
-                        raise TimedOut("the peer does not close the connection in time")
+            self._end_output()
+            while not self._drop_input():
+                if not await self._more(left()):
+                    raise TimedOut("the peer does not close the connection in time")
         finally:
             self.close()
 
     async def __aenter__(self) -> Connection:
         return self
 
-    async def __aexit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        trace: Optional[TracebackType],
-    ) -> None:
-        self.close()
 
-
-class Server(_Waiting):
+class Server(Listening, _Waiting):
     """A listening socket; made by `serve`. `async with` closes it at the end."""
 
     def __init__(
-        self, sock: socket.socket, rules: Rules, max_body: int = MAX_BODY, max_name: int = MAX_NAME
+        self,
+        sock: socket.socket,
+        rules: Rules,
+        max_body: int = MAX_BODY,
+        max_name: int = MAX_NAME,
+        tls: Optional[ssl.SSLContext] = None,
     ) -> None:
-        super().__init__()
-        self._socket = sock
-        self._rules = rules
-        self._limits = max_body, max_name
+        _Waiting.__init__(self)
+        Listening.__init__(self, sock, rules, max_body, max_name, tls)
         self._acceptor = asyncio.Lock()
-        self.host: str = sock.getsockname()[0]
-        self.port: int = sock.getsockname()[1]
 
     async def accept(self, timeout: Optional[float] = None) -> Connection:
-        """As `klvmsg.Server.accept`."""
+        """As `klvmsg.Server.accept`; several tasks may accept, so that none waits for a greeting."""
         left = time_limit(timeout)
-        async with _Turn(self._acceptor, left):
-            while True:
-                try:
-                    return Connection(self._socket.accept()[0], self._rules, *self._limits)
-                except ConnectionAbortedError:
-                    pass  # it has gone again before it was accepted
-                except BlockingIOError:
-                    if not await self._readable(left()):
-                        raise TimedOut("nobody has connected in time") from None
+        while True:
+            async with _Turn(self._acceptor, left):
+                sock = await self._accepted(left)
+            if self._tls is None:
+                return Connection(sock, *self._of_connections)
+            try:
+                protected = TlsSocket(sock, self._tls)
+                await _greet(protected, GREETING)
+                protected.admit()
+                return Connection(protected, *self._of_connections)
+            except (OSError, TimedOut):
+                sock.close()
+            except BaseException:
+                sock.close()
+                raise
+
+    async def _accepted(self, left: _Left) -> socket.socket:
+        while True:
+            try:
+                return self._socket.accept()[0]
+            except ConnectionAbortedError:
+                pass  # it has gone again before it was accepted
+            except BlockingIOError:
+                if not await self._readable(left()):
+                    raise TimedOut("nobody has connected in time") from None
 
     async def __aenter__(self) -> Server:
         return self
-
-    async def __aexit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        trace: Optional[TracebackType],
-    ) -> None:
-        self.close()
 
 
 async def connect(
@@ -217,14 +263,24 @@ async def connect(
     timeout: Optional[float] = None,
     max_body: int = MAX_BODY,
     max_name: int = MAX_NAME,
+    tls: Optional[ssl.SSLContext] = None,
 ) -> Connection:
     """As `klvmsg.connect`."""
     understood = as_rules(rules)
+    left = time_limit(timeout)
     try:
         sock = await asyncio.wait_for(_dial(host, port), timeout)
     except asyncio.TimeoutError as error:
         raise TimedOut(f"no connection with {host}:{port} in time") from error
-    return Connection(sock, understood, max_body, max_name)
+    if tls is None:
+        return Connection(sock, understood, max_body, max_name)
+    try:
+        protected = TlsSocket(sock, tls, host)
+        await _greet(protected, left())
+    except BaseException:
+        sock.close()
+        raise
+    return Connection(protected, understood, max_body, max_name)
 
 
 async def serve(
@@ -234,12 +290,32 @@ async def serve(
     rules: Union[Rules, str, None] = None,
     max_body: int = MAX_BODY,
     max_name: int = MAX_NAME,
+    tls: Optional[ssl.SSLContext] = None,
 ) -> Server:
     """As `klvmsg.serve`."""
     understood = as_rules(rules)
     sock = await asyncio.get_running_loop().run_in_executor(None, listen, host, port)
     sock.setblocking(False)
-    return Server(sock, understood, max_body, max_name)
+    return Server(sock, understood, max_body, max_name, tls)
+
+
+class _Greeting(_Waiting):
+    """A connection that is not yet one."""
+
+    def __init__(self, protected: TlsSocket) -> None:
+        super().__init__()
+        self._socket = protected
+
+    async def done(self, timeout: Optional[float]) -> None:
+        left = time_limit(timeout)
+        while event := self._socket.greeting():
+            wait = self._readable if event == select.POLLIN else self._writable
+            if not await wait(left()):
+                raise TimedOut("the greeting has taken too long")
+
+
+async def _greet(protected: TlsSocket, timeout: Optional[float]) -> None:
+    await _Greeting(protected).done(timeout)
 
 
 async def _dial(host: str, port: int) -> socket.socket:

@@ -8,8 +8,8 @@ from typing import Callable, List, Optional
 
 from .events import LOST, Event
 from .exits import FILE, NO_CONNECTION, USAGE, Failure, missing
-from .peer import listen
-from .relay import Relay, show_address
+from .listening import listen
+from .relay import Protection, Relay, show_address
 from .rulefile import find_rule_file
 from .text import complain
 
@@ -33,7 +33,7 @@ def open_entrance(options: argparse.Namespace) -> Optional[socket.socket]:
 
 def pass_on(
     options: argparse.Namespace, entrance: Optional[socket.socket], observe: Callable[[List[Event]], None],
-    keep: int,
+    keep: int, protection: Optional[Protection] = None,
 ) -> None:  # fmt: skip
     """Passes everything on until the connections asked for have ended, or Ctrl-C; or reads a capture."""
     hint = _Hint(options)
@@ -48,7 +48,7 @@ def pass_on(
             return _read_capture(options, watch, keep)
         relay = Relay(
             entrance, options.connect, options.rules, watch,
-            keep=keep, max_body=options.max_body, max_name=options.max_name,
+            keep=keep, max_body=options.max_body, max_name=options.max_name, protection=protection,
         )  # fmt: skip
         relay.run(options.connections)
     except KeyboardInterrupt:

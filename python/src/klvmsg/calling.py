@@ -13,7 +13,7 @@ from .rulefile import read_rule_file
 from .rules import Rules
 
 
-def _rules(text: str) -> Rules:
+def rules_argument(text: str) -> Rules:
     try:
         return read_rule_file(text[1:]).rules if text.startswith("@") else Rules.parse(text)
     except ValueError as error:
@@ -33,7 +33,7 @@ def add_calling(parser: argparse.ArgumentParser, type: str) -> None:
         help="how long the program may take to accept, to take a message, to answer and to close (10)",
     )  # fmt: skip
     parser.add_argument(
-        "-r", "--rules", type=_rules, default=Rules(), metavar="RULES|@FILE",
+        "-r", "--rules", type=rules_argument, default=Rules(), metavar="RULES|@FILE",
         help="how long bodies are, see below; @FILE reads it from a file",
     )  # fmt: skip
 

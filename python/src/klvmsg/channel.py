@@ -4,17 +4,19 @@ from __future__ import annotations
 
 import errno
 import socket
+import sys
 from collections import deque
-from typing import Deque, NamedTuple, Optional, Set, Tuple, Union
+from typing import Deque, Dict, NamedTuple, Optional, Set, Tuple, Union
 
-from .calls import SIZE
+from .calls import ANSWER, SIZE, number_of
 from .errors import OutOfStep, PeerGone
 from .rules import Rules, as_rules
 from .text import printable
+from .tls import TlsSocket
 from .wire import MAX_BODY, Decoder, header
 
 _PIECE = 65536
-MAX_NAME = 1024 * 1024
+MAX_NAME = 1024 * 1024  # bytes of a type's name
 
 
 class Message(NamedTuple):
@@ -33,7 +35,7 @@ def _gone(error: OSError) -> PeerGone:
     return PeerGone(f"the peer has gone: {error.strerror}")
 
 
-def _peer_of(sock: socket.socket) -> Tuple[str, int]:
+def _peer_of(sock: Union[socket.socket, TlsSocket]) -> Tuple[str, int]:
     try:
         host, port = sock.getpeername()[:2]
     except OSError:
@@ -46,7 +48,7 @@ class Channel:
 
     def __init__(
         self,
-        sock: socket.socket,
+        sock: Union[socket.socket, TlsSocket],
         rules: Union[Rules, str, None] = None,
         max_body: int = MAX_BODY,
         max_name: int = MAX_NAME,
@@ -57,6 +59,8 @@ class Channel:
         self._decoder = Decoder(self._rules, max_body, max_body, max_name)
         self._max_body = max_body
         self._received: Deque[Message] = deque()
+        self._asked = 0  # the last question's number
+        self._answers: Dict[bytes, Optional[Message]] = {}  # by how they begin; None: still to come
         self._given_up: Set[bytes] = set()  # how answers begin for which nobody waits any more
         self.late_answers = 0
         """Answers that came after their question's time was up."""
@@ -92,6 +96,8 @@ class Channel:
             while self._unsent:
                 count = self._socket.send(self._unsent, socket.MSG_EOR | socket.MSG_NOSIGNAL)
                 self._unsent = self._unsent[count:]
+            if isinstance(self._socket, TlsSocket):
+                self._socket.flush()
         except BlockingIOError:
             return False
         except OSError as error:
@@ -103,27 +109,51 @@ class Channel:
         if len(self._unsent) == self._sending:
             self._unsent = memoryview(b"")
 
-    def _next(self) -> Optional[Message]:
-        """The next message; None when it is worth waiting for more bytes. Raises OutOfStep, PeerGone."""
-        if not self._received:
+    def _question(self, body: bytes) -> Tuple[bytes, bytes]:
+        """How the answer to the next question begins, and the question's whole body."""
+        self._asked += 1
+        wanted = (self._asked | ANSWER).to_bytes(SIZE, sys.byteorder)
+        self._answers[wanted] = None
+        return wanted, self._asked.to_bytes(SIZE, sys.byteorder) + body
+
+    def _answer_head(self, question: Message) -> Optional[bytes]:
+        """How the answer to a received question begins; None where none is wanted. Raises ValueError."""
+        number = number_of(question.body, sys.byteorder)
+        if number is None or number >= ANSWER:
+            raise ValueError(f"no question: {question.type}")
+        return (number | ANSWER).to_bytes(SIZE, sys.byteorder) if number else None
+
+    def _forget(self, wanted: bytes, comes: bool) -> None:
+        """Nobody waits for the answer any more; it may still come."""
+        if self._answers.pop(wanted, None) is None and comes:
+            self._given_up.add(wanted)
+
+    def _there(self, wanted: Optional[bytes] = None) -> Optional[Message]:
+        """The oldest message that has come, or the answer that begins so; None when there is none."""
+        if wanted is None:
+            return self._received.popleft() if self._received else None
+        answer = self._answers[wanted]
+        return answer and Message(answer.type, answer.body[SIZE:])
+
+    def _next(self, wanted: Optional[bytes] = None) -> Optional[Message]:
+        """The same, of what comes by now too. Raises OutOfStep, PeerGone."""
+        may_come = True
+        while True:
+            message = self._there(wanted)
+            if message is not None or not may_come:
+                return message
             if self._decoder.lost is not None:
                 raise OutOfStep(printable(self._decoder.lost))
-            self._pull()
-        while self._received:
-            message = self._received.popleft()
-            if message.body[:SIZE] not in self._given_up:
-                return message
-            self._given_up.remove(message.body[:SIZE])
-            self.late_answers += 1
-        return None
+            may_come = self._pull()
 
-    def _pull(self) -> None:
+    def _pull(self) -> bool:
+        """Whether more may be there of which no waiting for the socket would tell."""
         if self._reset is not None:
             raise self._reset
         try:
             data = self._socket.recv(_PIECE)
         except BlockingIOError:
-            return
+            return False
         except OSError as error:
             self._reset = _gone(error)
             raise self._reset from error
@@ -133,7 +163,18 @@ class Channel:
             where = printable(self._decoder.where())
             raise PeerGone(f"the peer has gone in the middle of a message: {where}")
         for type, _, body in self._decoder.feed(data):
-            self._received.append(Message(type, self._rules.of(type).unwrap(body)))
+            self._sort(Message(type, self._rules.of(type).unwrap(body)))
+        return isinstance(self._socket, TlsSocket)
+
+    def _sort(self, message: Message) -> None:
+        head = message.body[:SIZE]
+        if head in self._given_up:
+            self._given_up.remove(head)
+            self.late_answers += 1
+        elif self._answers.get(head, message) is None:
+            self._answers[head] = message
+        else:
+            self._received.append(message)
 
     def _end_output(self) -> None:
         try:
@@ -144,7 +185,9 @@ class Channel:
     def _drop_input(self) -> bool:
         """Drops what has come; whether the peer has closed."""
         try:
-            return not self._socket.recv(_PIECE)
+            while self._socket.recv(_PIECE):
+                pass
+            return True
         except BlockingIOError:
             return False
         except OSError as error:

@@ -4,15 +4,16 @@ from __future__ import annotations
 
 import select
 import socket
-import sys
+import ssl
 import time
 from types import TracebackType
-from typing import Callable, Iterator, List, Optional, Type, Union
+from typing import Callable, Iterator, Optional, Type, Union
 
-from .calls import ANSWER, SIZE, number_of
 from .channel import MAX_NAME, Channel, Message
 from .errors import PeerGone, TimedOut
+from .listening import Listening, listen
 from .rules import Rules, as_rules
+from .tls import GREETING, TlsSocket
 from .wire import MAX_BODY
 
 
@@ -24,7 +25,7 @@ def time_limit(timeout: Optional[float]) -> Callable[[], Optional[float]]:
     return lambda: max(0.0, deadline - time.monotonic())
 
 
-def _wait(sock: socket.socket, event: int, seconds: Optional[float]) -> bool:
+def _wait(sock: Union[socket.socket, TlsSocket], event: int, seconds: Optional[float]) -> bool:
     poll = select.poll()  # unlike select(), it takes descriptors of any number
     poll.register(sock, event)
     return bool(poll.poll(None if seconds is None else seconds * 1000))
@@ -52,8 +53,6 @@ class Connection(Channel, _Closing):
     time. Two peers that both send more than the system buffers, and do not receive meanwhile, wait for
     each other. As a context manager it closes itself.
     """
-
-    _asked = 0  # the last question's number
 
     def send(self, type: str, body: bytes = b"", timeout: Optional[float] = None) -> None:
         """Sends a message; returns when the system has taken all of it.
@@ -98,22 +97,19 @@ class Connection(Channel, _Closing):
         `late_answers`. Belongs to the thread that receives.
         """
         remaining = time_limit(timeout)
-        self._asked += 1
-        number = self._asked.to_bytes(SIZE, sys.byteorder)
-        wanted = (self._asked | ANSWER).to_bytes(SIZE, sys.byteorder)
-        self.send(type, number + body, remaining())
-        others: List[Message] = []
+        wanted, whole = self._question(body)
+        is_sent = False
         try:
+            self.send(type, whole, remaining())
+            is_sent = True
             while True:
-                message = self.receive(remaining())
-                if message.body[:SIZE] == wanted:
-                    return Message(message.type, message.body[SIZE:])
-                others.append(message)
-        except TimedOut:
-            self._given_up.add(wanted)
-            raise
+                answer = self._next(wanted)
+                if answer is not None:
+                    return answer
+                if not _wait(self._socket, select.POLLIN, remaining()):
+                    raise TimedOut("no answer has come in time")
         finally:
-            self._received.extendleft(reversed(others))
+            self._forget(wanted, is_sent)
 
     def answer(
         self, question: Message, type: str, body: bytes = b"", timeout: Optional[float] = None
@@ -122,11 +118,9 @@ class Connection(Channel, _Closing):
 
         Raises what `send` does, and ValueError for what is no question.
         """
-        number = number_of(question.body, sys.byteorder)
-        if number is None or number >= ANSWER:
-            raise ValueError(f"no question: {question.type}")
-        if number:
-            self.send(type, (number | ANSWER).to_bytes(SIZE, sys.byteorder) + body, timeout)
+        head = self._answer_head(question)
+        if head:
+            self.send(type, head + body, timeout)
 
     def __iter__(self) -> Iterator[Message]:
         """The messages up to the end of the connection; an end amid a message raises PeerGone."""
@@ -162,28 +156,29 @@ class Connection(Channel, _Closing):
         return self
 
 
-class Server(_Closing):
+class Server(Listening, _Closing):
     """A listening socket; made by `serve`. As a context manager it closes itself."""
 
-    def __init__(
-        self, sock: socket.socket, rules: Rules, max_body: int, max_name: int = MAX_NAME
-    ) -> None:
-        self._socket = sock
-        self._rules = rules
-        self._limits = max_body, max_name
-        self.host: str = sock.getsockname()[0]
-        self.port: int = sock.getsockname()[1]
-
     def accept(self, timeout: Optional[float] = None) -> Connection:
-        """The next program that connects. Raises TimedOut; OSError once the server is closed."""
+        """The next program that connects. Raises TimedOut; OSError once the server is closed.
+
+        With TLS one who fails in its greeting, or takes longer than ten seconds, is turned away, and
+        the next one waited for.
+        """
         remaining = time_limit(timeout)
         while True:
             if not _wait(self._socket, select.POLLIN, remaining()):
                 raise TimedOut("nobody has connected in time")
             try:
-                return Connection(self._socket.accept()[0], self._rules, *self._limits)
+                sock = self._socket.accept()[0]
             except (BlockingIOError, ConnectionAbortedError):
-                pass  # it has gone again before it was accepted
+                continue  # it has gone again before it was accepted
+            if self._tls is None:
+                return Connection(sock, *self._of_connections)
+            try:
+                return Connection(_admitted(sock, self._tls), *self._of_connections)
+            except (OSError, TimedOut):
+                sock.close()
 
     def close(self) -> None:
         """Ends listening; accepted connections go on. May be called again."""
@@ -205,20 +200,31 @@ def connect(
     timeout: Optional[float] = None,
     max_body: int = MAX_BODY,
     max_name: int = MAX_NAME,
+    tls: Optional[ssl.SSLContext] = None,
 ) -> Connection:
     """Connects to a program that listens.
 
     `rules` tell how long bodies are, see `Rules`. A body over `max_body` bytes, or a name over
     `max_name`, is taken for a sign that the stream is out of step; the library's own receivers take
-    names of up to 2^31 - 2 bytes. Raises OSError with the cause, TimedOut, and ValueError for rules
+    names of up to 2^31 - 2 bytes. With `tls` (see `klvmsg.tls.context`) the connection is protected,
+    and the server has admitted us. Raises OSError with the cause, TimedOut, and ValueError for rules
     that are not understood.
     """
     understood = as_rules(rules)
+    remaining = time_limit(timeout)
     try:
         sock = socket.create_connection((host, port), timeout)
     except socket.timeout as error:
         raise TimedOut(f"no connection with {host}:{port} in time") from error
-    return Connection(sock, understood, max_body, max_name)
+    if tls is None:
+        return Connection(sock, understood, max_body, max_name)
+    try:
+        protected = TlsSocket(sock, tls, host)
+        protected.greet(remaining())
+    except BaseException:
+        sock.close()
+        raise
+    return Connection(protected, understood, max_body, max_name)
 
 
 def serve(
@@ -228,26 +234,21 @@ def serve(
     rules: Union[Rules, str, None] = None,
     max_body: int = MAX_BODY,
     max_name: int = MAX_NAME,
+    tls: Optional[ssl.SSLContext] = None,
 ) -> Server:
     """Listens for programs that connect; port 0 lets the system choose one, see `Server.port`.
 
-    Raises OSError with the cause, and ValueError for rules that are not understood.
+    With `tls` (see `klvmsg.tls.context`) they are protected and verified. Raises OSError with the
+    cause, and ValueError for rules that are not understood.
     """
     understood = as_rules(rules)
     sock = listen(host, port)
     sock.setblocking(False)
-    return Server(sock, understood, max_body, max_name)
+    return Server(sock, understood, max_body, max_name, tls)
 
 
-def listen(host: str, port: int) -> socket.socket:
-    """A listening socket on a port that may have been used a moment ago. Raises OSError."""
-    family, kind, protocol, _, address = socket.getaddrinfo(host, port, type=socket.SOCK_STREAM)[0]
-    sock = socket.socket(family, kind, protocol)
-    try:
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        sock.bind(address)
-        sock.listen(128)
-    except OSError:
-        sock.close()
-        raise
-    return sock
+def _admitted(sock: socket.socket, tls: ssl.SSLContext) -> TlsSocket:
+    protected = TlsSocket(sock, tls)
+    protected.greet(GREETING)
+    protected.admit()
+    return protected

@@ -10,18 +10,22 @@ import fcntl
 import itertools
 import select
 import socket
+import ssl
 import struct
 import sys
 import termios
 import threading
 import time
-from typing import Callable, List, Optional, Tuple
+from typing import Callable, List, NamedTuple, Optional, Tuple, Union
 
+from .errors import TimedOut
 from .events import ENDED, FAILED, LOST, MESSAGE, OPENED, TO_CLIENT, TO_SERVER, Event
 from .rules import Bytes, Rules
+from .tls import GREETING, TlsSocket, words
 from .wire import MAX_BODY, MAX_NAME, Decoder
 
 Address = Tuple[str, int]
+Socket = Union[socket.socket, TlsSocket]
 
 _PIECE = 65536
 _HEADER_WAIT = 0.010  # seconds that a header in pieces may wait for its rest
@@ -35,6 +39,13 @@ def show_address(address: Tuple[object, ...]) -> str:
     """HOST:PORT, with brackets around an IPv6 address."""
     host, port = address[0], address[1]
     return f"[{host}]:{port}" if ":" in str(host) else f"{host}:{port}"
+
+
+class Protection(NamedTuple):
+    """Which of the two sides of a relay is protected, and how."""
+
+    tls: ssl.SSLContext
+    of_clients: bool  # or else of the server
 
 
 class Relay:
@@ -60,8 +71,10 @@ class Relay:
         keep: int = 0,
         max_body: int = MAX_BODY,
         max_name: int = MAX_NAME,
+        protection: Optional[Protection] = None,
     ) -> None:
         self._entrance = entrance
+        self._protection = protection
         self._server = server
         self._rules = rules
         self._observe = observe
@@ -101,16 +114,40 @@ class Relay:
             self._observe([Event(time.time(), number, kind, text=text)])
 
         report(OPENED, f"{show_address(address)} to {show_address(self._server)}")
+        near: Socket = client
+        where = "the client"
         try:
-            server = socket.create_connection(self._server, _CONNECT_TIMEOUT)
-        except OSError as error:
-            _reset_when_closed(client)
-            client.close()
-            cause = error.strerror or error
-            return report(FAILED, f"cannot connect to {show_address(self._server)}: {cause}")
-        server.settimeout(None)
-        for sock in (client, server):
+            if self._protection and self._protection.of_clients:
+                near = TlsSocket(client, self._protection.tls)
+                near.greet(GREETING)
+            where = f"cannot connect to {show_address(self._server)}"
+            server = self._connect()
+        except (OSError, TimedOut) as error:
+            if where != "the client":
+                _reset_when_closed(near)
+            near.close()
+            cause = words(error) if isinstance(error, OSError) else error
+            return report(FAILED, f"{where}: {cause}")
+        if isinstance(near, TlsSocket):
+            near.admit()
+        for sock in (near, server):
             sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        self._carry(number, near, server)
+
+    def _connect(self) -> Socket:
+        server = socket.create_connection(self._server, _CONNECT_TIMEOUT)
+        server.settimeout(None)
+        if self._protection is None or self._protection.of_clients:
+            return server
+        try:
+            protected = TlsSocket(server, self._protection.tls, self._server[0])
+            protected.greet(_CONNECT_TIMEOUT)
+        except BaseException:
+            server.close()
+            raise
+        return protected
+
+    def _carry(self, number: int, client: Socket, server: Socket) -> None:
         broken: List[str] = []
         back = threading.Thread(
             target=self._pass_on, args=(number, TO_CLIENT, server, client, broken), daemon=True
@@ -125,8 +162,8 @@ class Relay:
         self,
         number: int,
         direction: str,
-        source: socket.socket,
-        target: socket.socket,
+        source: Socket,
+        target: Socket,
         broken: List[str],
     ) -> None:
         """Until the source ends, or one of the two is reset, which the other one then is too.
@@ -153,8 +190,8 @@ class Relay:
         self,
         number: int,
         direction: str,
-        source: socket.socket,
-        target: socket.socket,
+        source: Socket,
+        target: Socket,
         decoder: Decoder,
     ) -> None:
         buffer = memoryview(bytearray(_PIECE))
@@ -192,7 +229,7 @@ def events_of(
 
 
 def _send_messages(
-    target: socket.socket, held: bytes, data: memoryview, decoder: Decoder, held_next: int
+    target: Socket, held: bytes, data: memoryview, decoder: Decoder, held_next: int
 ) -> None:
     """Sends what was held and the data but for its last bytes, and cuts no header.
 
@@ -217,31 +254,35 @@ def _header_end(data: Bytes, start: int) -> int:
 
 
 def _send_record(
-    target: socket.socket, data: Bytes, begin: int, end: int, flags: int = socket.MSG_EOR
+    target: Socket, data: Bytes, begin: int, end: int, flags: int = socket.MSG_EOR
 ) -> int:
     if begin < end:
         target.sendall(data[begin:end], flags)
     return end
 
 
-def _readable(sock: socket.socket, seconds: float) -> bool:
+def _readable(sock: Socket, seconds: float) -> bool:
+    if isinstance(sock, TlsSocket):
+        return sock.wait(select.POLLIN, seconds)
     poll = select.poll()
     poll.register(sock, select.POLLIN)
     return bool(poll.poll(seconds * 1000))
 
 
-def _reset_when_closed(sock: socket.socket) -> None:
+def _reset_when_closed(sock: Socket) -> None:
+    if isinstance(sock, TlsSocket):
+        return sock.reset_when_closed()
     sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
 
-def _end(sock: socket.socket, direction: int) -> None:
+def _end(sock: Socket, direction: int) -> None:
     try:
         sock.shutdown(direction)
     except OSError:
         pass  # that side has gone already
 
 
-def _drain(sock: socket.socket) -> None:
+def _drain(sock: Socket) -> None:
     """Waits until the peer's host has taken what was sent: a reset would throw the rest away."""
     waiting, deadline = -1, 0.0
     while True:
