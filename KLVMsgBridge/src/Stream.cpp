@@ -165,10 +165,8 @@ StreamReader::StreamReader(Nats& nats, const Options& options, const Routes::Inw
           }
           return name;
       }()),
-      m_inbox(Nats::Inbox()),
-      m_messages(nats.Subscribe(m_inbox + "m")),
       m_returns(nats.Returns()) {
-    natsSubscription_SetPendingLimits(m_messages.get(), -1, -1);
+    Listen();
     MakeConsumer(options, route.subject);
 }
 
@@ -202,13 +200,19 @@ void StreamReader::Settle() {
     m_quietUntil = Clock::now() + kOpen + std::chrono::seconds(1);
     m_asked = 0;
     m_last.sent = 0;
-    m_messages = m_nats.Subscribe(m_inbox + "m");
+    Listen();
+}
+
+// On a new subject: what is still sent to the one before would not be all that is missing.
+void StreamReader::Listen() {
+    m_inbox = Nats::Inbox() + "m";
+    m_messages = m_nats.Subscribe(m_inbox);
     natsSubscription_SetPendingLimits(m_messages.get(), -1, -1);
 }
 
 void StreamReader::Ask(Time now) {
     if (m_asked <= kAskedAtOnce / 2 || now - m_askedAt >= kAskedFor) {
-        m_nats.Tell("$JS.API.CONSUMER.MSG.NEXT." + m_stream + "." + m_name, m_inbox + "m",
+        m_nats.Tell("$JS.API.CONSUMER.MSG.NEXT." + m_stream + "." + m_name, m_inbox,
                     "{\"batch\":" + std::to_string(kAskedAtOnce) +
                         ",\"expires\":" + std::to_string(Nanoseconds(kAskedFor)) + "}");
         m_asked = now - m_askedAt >= kAskedFor ? kAskedAtOnce : m_asked + kAskedAtOnce;

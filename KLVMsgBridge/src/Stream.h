@@ -53,12 +53,13 @@ private:
     void Ask(Time now);
     bool IsNext(natsMsg* message);
     void Settle();
+    void Listen();
 
     Nats& m_nats;
     Log& m_log;
     const std::string m_stream;
     const std::string m_name;
-    const std::string m_inbox;
+    std::string m_inbox;
     NatsSubscription m_messages;
     std::uint64_t m_returns = 0;  // of the connection, when it was asked last
     std::size_t m_asked = 0;      // messages that may still come
