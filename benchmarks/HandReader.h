@@ -1,4 +1,5 @@
-// What a program would write by hand to take messages out of a stream: the same bytes as a session's.
+// What a program would write by hand to take messages out of a stream: they have the same bytes as
+// those of a session.
 #pragma once
 
 #include "Sockets.h"

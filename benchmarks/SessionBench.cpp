@@ -308,6 +308,8 @@ void Tls() {
                                    {"by hand", &MakeHandTlsTalker, manner}};
         manner.together = true;
         talks.push_back(SessionTalk("session, together", manner));
+        manner.tls = nullptr;
+        talks.push_back(SessionTalk("session, plain", manner));
         const bool isShort = size == sizeof(Stamp);
         OneWay(isShort ? "one way over TLS, 16 B" : "one way over TLS, 64 KiB", talks);
     }

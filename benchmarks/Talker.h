@@ -57,8 +57,8 @@ public:
     virtual void Answer(const Stamp& stamp) = 0;
 };
 
-// One that has a socket for each connection or asker, and a server's only one. `Own` is derived from
-// it, and has PutIn and TakeOut: without a virtual call, which would be measured.
+// One that has a socket for each connection or asker, and a server's only one. `Own` is derived
+// from it, and has PutIn and TakeOut: without a virtual call, which would be measured.
 template <class Own, class Socket>
 class SocketsTalker : public Talker {
 public:

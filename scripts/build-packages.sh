@@ -70,11 +70,11 @@ write_copyright() {
 
 # Weak symbols come from templates and inline functions: it is the compiler's choice which of them there
 # are. A symbol has the version that brought it, or has been there from the first one.
-write_symbols() {  # PACKAGE LIBRARY...
+write_symbols() {  # PACKAGE TO_BUILD_WITH LIBRARY...
   local package=$1${version%%.*} library
-  for library in "${@:2}"; do
+  for library in "${@:3}"; do
     echo "lib$library.so.${version%%.*} $package #MINVER#"
-    echo "* Build-Depends-Package: libklvmsgcommmodules-dev"
+    echo "* Build-Depends-Package: $2"
     awk '{ print " " ($2 ~ /^[TBDR]$/ ? "" : "(optional)") $1 "@Base " ($3 == "" ? "1.0.0" : $3) }' \
       "abi/$library.symbols"
   done >"$debian/$package.symbols"
@@ -82,9 +82,9 @@ write_symbols() {  # PACKAGE LIBRARY...
 
 write_changelog
 write_copyright
-write_symbols libklvmsgcommmodules KLVBase KLVMsgCommModules
-write_symbols libklvmsgkit KLVMsgKit
-write_symbols libklvmsgkittls KLVMsgKitTls
+write_symbols libklvmsgcommmodules libklvmsgcommmodules-dev KLVBase KLVMsgCommModules
+write_symbols libklvmsgkit libklvmsgcommmodules-dev KLVMsgKit
+write_symbols libklvmsgkittls libklvmsgkittls-dev KLVMsgKitTls
 [ "$(dpkg-parsechangelog -l "$debian/changelog" -S Version)" = "$version" ] ||
   { echo "CHANGELOG.md does not begin with version $version" >&2; exit 1; }
 SOURCE_DATE_EPOCH=$(dpkg-parsechangelog -l "$debian/changelog" -S Timestamp)

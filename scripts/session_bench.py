@@ -89,6 +89,7 @@ def tls_rows():
         what = f"one way over TLS, {size}"
         yield rate(f"{what}, one by one", what, SESSION, "by hand", 0.9)
         yield rate(f"{what}, together", what, TOGETHER, "by hand", 0.9)
+        yield rate(f"{what}, together", what, TOGETHER, "session, plain")
     what = "there and back over TLS, 16 B, median"
     yield time(what, what, SESSION, "session, plain", 1.15)
 

@@ -278,7 +278,7 @@ TEST(Tls, GoesOnBothWaysWithNewKeysAllTheTimeAndInboxesThatStop) {
     client.Disconnect("peer"), server.Disconnect("peer");
 }
 
-// Each allocation of the server's loop fails in turn, while some are turned away, too late or let in.
+// Each allocation of the server's loop fails in turn, while some are turned away, late or let in.
 TEST(Tls, ShortMemoryOfTheLoopIsSurvived) {
     const World world;
     KLVMsgTlsOptions own = world.Server();
@@ -302,7 +302,7 @@ TEST(Tls, ShortMemoryOfTheLoopIsSurvived) {
         Secure server(own);
         EXPECT_TRUE(Eventually([&] { return loops == 1; }));
         Session client;
-        const PlainPeer first(server.securePort), second(server.securePort);
+        const PlainPeer other(server.securePort);
         EXPECT_FALSE(client.Connect(At(server.securePort), "", ever, stranger));
         EXPECT_TRUE(client.ConnectAgain(At(server.securePort), "", ever, friendly));
         int port = 0;

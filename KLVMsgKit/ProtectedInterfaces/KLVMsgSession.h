@@ -320,18 +320,12 @@ public:
         static_assert(std::is_base_of<KLVMsgCallMessage, Answer>::value,
                       "KLVMsgSession::Ask<T>: T must be a class that is derived from "
                       "KLVMsgCallMessage, the same as that of a registered prototype");
-        KLVMsgReceived<KLVMsgSocketMessage> found =
-            AskMessage(to, Call(question), typeid(Answer), limit);
-        KLVMsgReceived<Answer> received;
-        KLVMsgOutcome& outcome = found;
-        static_cast<KLVMsgOutcome&>(received) = std::move(outcome);
-        received.message.reset(static_cast<Answer*>(found.message.release()));
-        received.peer = found.peer;
-        return received;
+        return As<Answer>(AskMessage(to, Call(question), typeid(Answer), limit));
     }
 
     // Posts the answer to whoever sent the question, which is what Receive, ReceiveAll (one of its
     // messages) or a handler has given. Where no answer is wanted none goes, and that is done.
+    // Requires: there is a message in it.
     template <class Received, class Message>
     KLVMsgOutcome Answer(const Received& question, const Message& answer) {
         const KLVMsgCallMessage* const asked = Call(*question);
@@ -468,7 +462,10 @@ private:
     template <class Message>
     KLVMsgReceived<Message> Take(KLVMsgTimeLimit limit, const KLVMsgPeers* from) {
         CheckWanted<Message>();
-        KLVMsgReceived<KLVMsgSocketMessage> found = ReceiveOne({typeid(Message), limit, from});
+        return As<Message>(ReceiveOne({typeid(Message), limit, from}));
+    }
+    template <class Message>
+    static KLVMsgReceived<Message> As(KLVMsgReceived<KLVMsgSocketMessage> found) {
         KLVMsgReceived<Message> received;
         KLVMsgOutcome& outcome = found;
         static_cast<KLVMsgOutcome&>(received) = std::move(outcome);

@@ -91,7 +91,7 @@ KLVMsgOutcome KLVMsgLoop::Add(std::unique_ptr<KLVMsgTransport> transport, std::u
         return Failure("cannot wait for a connection", error);
     }
     if (!link->transport->IsPlain()) {
-        Touch(*link);  // with the last word of its greeting more may have come
+        Touch(*link);  // a client greets first, and with the last word of that more may have come
     }
     return {};
 }
@@ -379,7 +379,7 @@ void KLVMsgLoop::DoTouched(Lock& lock) {
         LinkPtr next = std::move(link->nextTouched);
         link->isTouched = false;
         if (!link->transport->IsPlain() && !link->connection.IsOver() &&
-            (link->isGreeting || (link->connection.Reads() && link->transport->HoldsInput()))) {
+            (link->isGreeting || link->connection.Reads()) && link->transport->HoldsInput()) {
             Enlist(lock, link);
         }
         if (link->isGreeting || link->isWriting || !link->connection.Writes() ||

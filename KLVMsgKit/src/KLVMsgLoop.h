@@ -35,8 +35,8 @@
 // closed when the map and the writer have both let go of the connection, so that nobody sends on a
 // number that is somebody else's.
 //
-// Sources: KLVMsgLoop.cpp has the rounds and what moves the bytes, KLVMsgLoopListening.cpp who comes,
-// KLVMsgLoopGreeting.cpp what connections that are not plain need beside that.
+// Sources: KLVMsgLoop.cpp has the rounds and what moves the bytes, KLVMsgLoopListening.cpp who
+// comes, KLVMsgLoopGreeting.cpp what connections that are not plain need beside that.
 class KLVMsgLoop {
 public:
     using Clock = KLVMsgTimeLimit::Clock;

@@ -45,9 +45,9 @@ public:
         Owner Take(std::size_t least, std::size_t wish);
 
         // Keeps the block of one of the usual sizes, or of a long body, as far as there are not too
-        // many; hands it back otherwise. May tells it in advance, but for the number.
+        // many; hands it back otherwise. IsKept: it is of a kind that is.
         Owner Put(Owner parcel);
-        static bool May(const KLVMsgParcel& parcel) {
+        static bool IsKept(const KLVMsgParcel& parcel) {
             return parcel.object == nullptr &&
                    (parcel.room == kShort || parcel.room == kRun || parcel.room >= kLong);
         }
@@ -192,7 +192,7 @@ inline KLVMsgParcel::Owner KLVMsgParcel::Stock::Put(Owner parcel) {
     List& list = block == kShort ? m_short : block == kRun ? m_runs : m_long;
     const std::size_t cost = &list == &m_long ? block : 1;
     const std::size_t most = block == kShort ? kMostShort : block == kRun ? kMostRuns : kMostLong;
-    if (May(*parcel) && list.size + cost <= most) {
+    if (IsKept(*parcel) && list.size + cost <= most) {
         list.Push(parcel.release(), cost);
     }
     return parcel;

@@ -78,6 +78,8 @@ void KLVMsgPeerBook::NoteGone(const Peer& peer, const std::string& cause) {
     }
     if (m_labelCauses.size() < kMostCauses || m_labelCauses.count(peer.label) != 0) {
         m_labelCauses[peer.label] = cause;
+    } else {
+        m_isLabelForgotten = true;
     }
 }
 
@@ -96,9 +98,11 @@ std::string KLVMsgPeerBook::WhyGone(const KLVMsgPeers& meant) const {
     }
     if (meant.HowMeant() == KLVMsgPeers::kLabel) {
         const auto cause = m_labelCauses.find(meant.Label());
-        return cause != m_labelCauses.end()
-                   ? "no connection has the label " + meant.Label() + " now: " + cause->second
-                   : "no connection has had the label " + meant.Label();
+        if (cause == m_labelCauses.end() && !m_isLabelForgotten) {
+            return "no connection has had the label " + meant.Label();
+        }
+        return "no connection has the label " + meant.Label() + " now" +
+               (cause == m_labelCauses.end() ? "" : ": " + cause->second);
     }
     return "there is no connection";
 }

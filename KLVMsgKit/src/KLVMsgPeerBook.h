@@ -118,6 +118,7 @@ private:
     std::unordered_map<std::string, std::vector<Peer*>> m_labels;  // in the order of their ids
     std::map<std::uint64_t, std::string> m_causes;                 // of peers that have gone
     std::unordered_map<std::string, std::string> m_labelCauses;    // the last one of a label
+    bool m_isLabelForgotten = false;                               // one that had a cause
     Peer* m_found = nullptr;                                       // by the last look-up
     std::uint64_t m_lastId = 0;
 };

@@ -41,6 +41,7 @@ struct KLVMsgDelivery {
     std::size_t left = 0;              // connections that have it queued
     std::size_t size = 0;              // bytes on the wire
     std::vector<KLVMsgPeer> roomless;  // whose queue has no room for it yet
+    bool isBegun = false;              // one of them has had it queued
     bool failed = false;               // one of them went before all was taken
     std::string cause;                 // why, if there was memory for the words
 

@@ -80,7 +80,7 @@ KLVMsgSessionCore::Message KLVMsgSessionCore::Unpack(KLVMsgParcel::Owner parcel,
     Message message = parcel != nullptr && parcel->object != nullptr
                           ? Message(std::exchange(parcel->object, nullptr))
                           : Decode(type, body, from);
-    if (parcel != nullptr && KLVMsgParcel::Stock::May(*parcel)) {
+    if (parcel != nullptr && KLVMsgParcel::Stock::IsKept(*parcel)) {
         const Lock lock(m_mutex);
         parcel = m_spent.Put(std::move(parcel));
     }

@@ -166,24 +166,34 @@ void KLVMsgSessionCore::AwaitDelivery(Lock& lock, KLVMsgDelivery& delivery,
     }
 }
 
-// Queues the message for those who have room by now.
+// Queues the message for those who have room by now. Where memory is short once others have it, that
+// is the same as too little room. Throws std::bad_alloc while nobody has it.
 void KLVMsgSessionCore::RetryRoomless(Lock& lock, KLVMsgDelivery& delivery,
                                       const KLVMsgWireWriter& bytes) {
     const bool isOnlyOne = delivery.roomless.size() == 1 && delivery.left == 0;
     for (std::size_t i = 0; i < delivery.roomless.size();) {
-        Peer* const peer = m_book.Find(delivery.roomless[i]);
+        const KLVMsgPeer one = delivery.roomless[i];
+        Peer* const peer = m_book.Find(one);
         const bool isThere = peer != nullptr && peer->Takes();
         if (isThere && !HasRoom(*peer, delivery.size)) {
             ++i;
             continue;
         }
         if (!isThere) {
-            delivery.Fail(m_isEnding ? "the session has ended"
-                                     : m_book.WhyGone(delivery.roomless[i]));
+            delivery.Fail(m_isEnding ? "the session has ended" : m_book.WhyGone(one));
         }
-        delivery.roomless.erase(delivery.roomless.begin() + static_cast<std::ptrdiff_t>(i));
-        if (isThere) {
-            Deliver(lock, *peer, bytes, &delivery, isOnlyOne);
+        const auto place = delivery.roomless.begin() + static_cast<std::ptrdiff_t>(i);
+        delivery.roomless.erase(place);
+        try {
+            if (isThere) {
+                Deliver(lock, *peer, bytes, &delivery, isOnlyOne);
+            }
+        } catch (const std::bad_alloc&) {
+            if (!delivery.isBegun) {
+                throw;
+            }
+            delivery.roomless.insert(place, one);  // its memory is still there
+            ++i;
         }
     }
 }
@@ -297,6 +307,7 @@ void KLVMsgSessionCore::Append(Peer& peer, const KLVMsgWireWriter& bytes,
     }
     if (delivery != nullptr) {
         ++delivery->left;
+        delivery->isBegun = true;
     }
     UpdateCost(peer);
 }

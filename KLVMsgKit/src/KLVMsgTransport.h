@@ -82,8 +82,8 @@ public:
     virtual bool HoldsOutput() const { return false; }
     virtual Result Flush() { return {}; }
 
-    // The bytes that the last write said are held, once the system has taken all of them: told once,
-    // here or as the first ones of the next write.
+    // The bytes that the last write said are held, once the system has taken all of them: told
+    // once, here or as the first ones of the next write.
     virtual std::size_t TakeHeld() { return 0; }
 
     // Why it has failed, where that is more than the errno says; valid as long as it is there.

@@ -42,7 +42,8 @@ KLVMsgTlsTransport::KLVMsgTlsTransport(std::unique_ptr<KLVMsgTransport> way,
       m_carrier(std::move(way)),
       m_context(std::move(context)),
       m_recordsPerKey(std::max<std::uint64_t>(recordsPerKey, 1)),
-      m_host(std::move(host)) {}
+      m_host(std::move(host)),
+      m_holdsInput(!IsServer()) {}
 
 // Greeting ---------------------------------------------------------------------------------------
 
@@ -60,6 +61,7 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Greet() {
         const int result = m_isShaken ? 1 : SSL_do_handshake(m_connection.get());
         if (result == 1 && !m_isShaken) {
             m_isShaken = true;
+            m_holdsInput = true;  // more may have come with its end
             m_names = KLVMsgTlsWords::Names(m_connection.get());
         }
         greeting = !m_isShaken ? Answer(result) : IsServer() ? Greeting() : AwaitAdmission();

@@ -75,7 +75,7 @@ private:
     std::string m_why;
     std::vector<std::string> m_names;  // do not change once it has greeted: others may ask
 
-    bool m_holdsInput = true;
+    bool m_holdsInput;  // who has not greeted yet: it is its turn
     bool m_inputEnded = false;
     std::uint64_t m_recordsRead = 0;  // under the present key
     std::uint64_t m_recordsWritten = 0;

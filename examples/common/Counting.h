@@ -61,3 +61,15 @@ inline int AskForCount(int port, const std::string& name) {
     }
     return 0;
 }
+
+// What main returns, with a loop that drives a Counter until two who asked have gone.
+inline int RunCounting(const std::string& name, int argc, char** argv, int (*count)(int portPipe)) {
+    static const char what[] = R"( [--timeout SECONDS] [count | ask PORT NAME]
+A counter and two who ask it; or one of them. The counter counts up every 10 ms, tells its port on
+127.0.0.1, answers whoever asks how far it has come, and ends when two who asked have left again;
+who asks does so three times. Exits with 0 when every answer was larger than the one before it; 1
+when not, or when nobody comes and goes for SECONDS (20; 0: for ever); 2 after a wrong command.
+)";
+    return RunRoles(name.c_str(), ("usage: " + name + what).c_str(), argc, argv,
+                    {"count", count, "ask", AskForCount, {"one", "two"}});
+}

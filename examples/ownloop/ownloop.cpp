@@ -7,21 +7,6 @@
 
 #include "Counting.h"
 
-static const char usage[] = R"(usage: ownloop [--timeout SECONDS]
-       ownloop [--timeout SECONDS] count
-       ownloop [--timeout SECONDS] ask PORT NAME
-
-The first form runs a counter and two who ask it, as processes of their own. The counter counts up
-every 10 ms, tells its port on 127.0.0.1, answers whoever asks how far it has come, and ends when
-two who asked have left again; who asks does so three times.
-
-  --timeout SECONDS   give up when a peer has been silent for so long (20; 0: never)
-  --help, --version
-
-Exits with 0 when every answer was larger than the one before it; with 1 when not, or when something
-fails; with 2 after a wrong command line.
-)";
-
 static void Checked(bool isDone, const char* what) {
     if (!isDone) {
         throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
@@ -59,7 +44,4 @@ static int Run(int portPipe) {
     return 0;
 }
 
-int main(int argc, char** argv) {
-    return RunRoles("ownloop", usage, argc, argv,
-                    {"count", Run, "ask", AskForCount, {"one", "two"}});
-}
+int main(int argc, char** argv) { return RunCounting("ownloop", argc, argv, Run); }

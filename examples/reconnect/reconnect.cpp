@@ -1,83 +1,55 @@
 // A session whose peer is replaced while it works: a watcher asks a thermometer for readings; the
 // thermometer ends after a few, and another one takes its place.
-#include <KLVBasUtlsleep.h>
-
 #include "Talk.h"
 
-static const char usage[] = R"(usage: reconnect [--timeout SECONDS]
-       reconnect [--timeout SECONDS] measure PORT
-       reconnect [--timeout SECONDS] watch PORT
-
-The first form runs two thermometers, one after the other on the same port, and a watcher, as
-processes of their own. The other two are for terminals: a thermometer gives three readings on
-127.0.0.1 and ends; the watcher waits for thermometers until it has had six.
-
-  --timeout SECONDS   give up when a peer has been silent for so long (20)
-  --help, --version
-
-Exits with 0 when all readings have come, each once and in order; with 1 when not, or when something
-fails; with 2 after a wrong command line.
+static const char usage[] =
+    R"(usage: reconnect [--timeout SECONDS] [measure PORT | watch PORT]
+Two thermometers, one after the other on the same port, and a watcher; or one of them. A thermometer
+gives three readings on 127.0.0.1 and ends; the watcher waits for thermometers until it has had six.
+Exits with 0 when all have come; 1 when a peer is silent for SECONDS (20); 2 if called wrongly.
 )";
 
-static const int readingsOfOne = 3;
-static const int readingsOfAll = 6;
-
-// The watcher asks with the number of the reading that it wants, and gets it back with a
-// temperature.
-class Reading : public KLVMsgFramedMessage {
-public:
-    explicit Reading(int wanted = 0, double measured = 0) : number(wanted), celsius(measured) {}
-
-    bool Encode(std::string& bytes) const override {
-        bytes = std::to_string(number) + " " + std::to_string(celsius);
-        return true;
-    }
-    bool Decode(std::string_view bytes) override {
-        return std::sscanf(std::string(bytes).c_str(), "%d %lf", &number, &celsius) == 2;
-    }
+// The question has the number of the reading that is wanted, the answer the temperature.
+struct Reading : CallText {
+    explicit Reading(const std::string& words = "") : CallText(words) {}
     KLVMsgSocketMessage* NewInstance() override { return new Reading; }
     KLVString GetMessageType() const override { return "Reading"; }
-
-    int number;
-    double celsius;
 };
 
-// Tells its port to the reader of the pipe, if there is one. The port may still be that of the one
-// before it.
+// The port may still be that of the one before it. Who reads the pipe, if there is one, is told.
 static int Measure(int port, int portPipe) {
-    Talk session{Reading()};
-    KLVMsgOutcome served = session.Serve(KLVMsgSocketAddress("127.0.0.1", port), &port);
+    Talk talk{Reading()};
+    KLVMsgOutcome served = talk.Serve({"127.0.0.1", port}, &port);
     for (int tries = 10 * TimeLimit::seconds; served.error == EADDRINUSE && tries > 0; --tries) {
-        KLVBasUtlsleep(100);
-        served = session.Serve(KLVMsgSocketAddress("127.0.0.1", port), &port);
+        usleep(100000);
+        served = talk.Serve({"127.0.0.1", port});
     }
-    Check(served);
-    Check(session.Start());
+    Check(served ? talk.Start() : served);
     if (portPipe != -1 && write(portPipe, &port, sizeof port) != sizeof port) {
         throw std::runtime_error("nobody asks for the port");
     }
-    for (int given = 0; given < readingsOfOne; ++given) {
-        const auto asked = session.Receive<Reading>(Limit());
+    for (int given = 0; given < 3; ++given) {
+        const auto asked = talk.Receive<Reading>(Limit());
         Check(asked);
-        Check(session.Send(asked.peer, Reading(asked->number, 20 + asked->number / 10.0), Limit()));
+        Check(talk.Answer(asked, Reading("20." + asked->text)));
     }
     std::printf("a thermometer ends\n");
     return 0;  // the session ends, and what it has sent arrives
 }
 
-// A question, or its answer, may be lost with the thermometer: it is asked again until it is
-// answered. What was answered twice is passed over.
+// A question may be lost with the thermometer, and fails at once while there is none.
 static int Watch(int port) {
-    Talk session{Reading()};
-    Check(session.Keep({"127.0.0.1", port}, "thermometer"));
-    Check(session.Start());
-    for (int number = 1; number <= readingsOfAll;) {
-        Check(session.Send("thermometer", Reading(number), Limit()), "no thermometer comes");
-        const auto answer = session.Receive<Reading>(std::chrono::milliseconds(500));
-        if (!answer) {
-            std::printf("asking again\n");
-        } else if (answer->number == number) {
-            std::printf("reading %d: %.1f degrees\n", number++, answer->celsius);
+    Talk talk{Reading()};
+    Check(talk.Keep({"127.0.0.1", port}, "thermometer"));
+    Check(talk.Start());
+    for (int number = 1; number <= 6;) {
+        Check(talk.WaitUntilThere("thermometer", Limit()), "gave up: no thermometer comes");
+        const Reading wanted(std::to_string(number));
+        const auto reading = talk.Ask<Reading>("thermometer", wanted, std::chrono::seconds(1));
+        if (reading) {
+            std::printf("reading %d: %s degrees\n", number++, Printable(reading->text).c_str());
+        } else {
+            std::printf("asking again, as %s\n", reading.KLVMsgOutcome::text.c_str());
         }
     }
     return 0;
@@ -87,26 +59,21 @@ static int Watch(int port) {
 static int RunAll() {
     Children children;
     const int port =
-        children.StartServer("first thermometer", [](int pipe) { return Measure(0, pipe); });
+        children.StartServer("a thermometer", [](int pipe) { return Measure(0, pipe); });
     if (port != 0) {
         children.Start("watcher", [port] { return Watch(port); });
-        children.Start("second thermometer", [port] { return Measure(port, -1); });
+        children.Start("the next thermometer", [port] { return Measure(port, -1); });
     }
     return children.Await() && port != 0 ? 0 : 1;
 }
 
 int main(int argc, char** argv) {
     const CommandLine line("reconnect", usage, argc, argv);
-    return RunRole("reconnect", [&line] {
-        if (line.Calls("", 0)) {
-            return RunAll();
-        }
-        if (line.Calls("measure", 1)) {
-            return Measure(line.Number(line.Word(1), 0, 65535), -1);
-        }
-        if (line.Calls("watch", 1)) {
-            return Watch(line.Number(line.Word(1), 1, 65535));
-        }
-        line.Refuse("no such role");
+    const auto port = [&] { return line.Number(line.Word(1), 0, 65535); };
+    return RunRole("reconnect", [&] {
+        return line.Calls("", 0)          ? RunAll()
+               : line.Calls("measure", 1) ? Measure(port(), -1)
+               : line.Calls("watch", 1)   ? Watch(port())
+                                          : (line.Refuse("no such role"), 2);
     });
 }

@@ -3,23 +3,14 @@
 // for a try are made by certificates.sh.
 #include <KLVMsgTls.h>
 
-#include <cerrno>
-#include <thread>
-
 #include "Talk.h"
 
 static const char usage[] = R"(usage: secure [--timeout SECONDS] gateway FOLDER NAME PORT
        secure [--timeout SECONDS] ask FOLDER NAME HOST PORT TEXT
-
 The folder has the files NAME.pem and NAME.key, and authority.pem, to which the certificate of every
 peer must lead. The gateway tells its port on 127.0.0.1 (with port 0 the system chooses it), prints
-what happens, answers each text, and ends when nothing has happened for so long. Who asks prints the
-gateway's names and its answer.
-
-  --timeout SECONDS   how long to wait for anybody else (20; 0: without end)
-  --help, --version
-
-Exits with 0 when all went well; with 1 when something fails; with 2 after a wrong command line.
+what happens, answers each text, and ends when nothing has happened for SECONDS (20; 0: never). Who
+asks prints the gateway's names and its answer. Exits with 1 when something fails.
 )";
 
 struct Question : Text {
@@ -35,41 +26,25 @@ struct Answer : Text {
 };
 
 static KLVMsgTls Certificates(const std::string& folder, const std::string& name) {
-    KLVMsgTlsOptions options;
-    options.certificate = folder + "/" + name + ".pem";
-    options.key = folder + "/" + name + ".key";
-    options.authority = folder + "/authority.pem";
-    return KLVMsgTls(options);
-}
-
-// What a log shows.
-static void Log(KLVMsgSession& session) {
-    while (const KLVMsgEvent event = session.NextEvent(Limit())) {
-        std::printf("%s\n", Printable(event.what).c_str());
-        std::fflush(stdout);
-    }
+    const std::string own = folder + "/" + name;
+    return KLVMsgTls({own + ".pem", own + ".key", folder + "/authority.pem"});
 }
 
 static int Gateway(const KLVMsgTls& certificates, int port) {
     Talk talk{Question()};
+    talk.Handle<Question>([&](const KLVMsgReceived<Question>& asked) {
+        talk.Post(asked.peer, Answer("I have heard: " + asked->text));
+    });
+    talk.HandleEvents([](const KLVMsgEvent& event) {  // what a log shows
+        std::printf("%s\n", Printable(event.what).c_str());
+        std::fflush(stdout);
+    });
     Check(talk.Serve({"127.0.0.1", port}, &port, certificates));
     Check(talk.Start());
     std::printf("serving on 127.0.0.1, port %d\n", port);
     std::fflush(stdout);
-    std::thread answers([&talk] {
-        // Until the session ends.
-        for (;;) {
-            const auto asked = talk.Receive<Question>(std::chrono::hours(1));
-            if (asked) {
-                talk.Post(asked.peer, Answer("I have heard: " + asked->text));
-            } else if (asked.error == ESHUTDOWN) {
-                return;
-            }
-        }
-    });
-    Log(talk);
-    talk.End(std::chrono::seconds(1));
-    answers.join();
+    while (talk.Dispatch(Limit())) {
+    }
     return 0;
 }
 
@@ -96,8 +71,8 @@ int main(int argc, char** argv) {
         }
         if (line.Calls("ask", 5)) {
             const int port = line.Number(line.Word(4), 1, 65535);
-            return Ask(Certificates(line.Word(1), line.Word(2)),
-                       KLVMsgSocketAddress(line.Word(3).c_str(), port), line.Word(5));
+            return Ask(Certificates(line.Word(1), line.Word(2)), {line.Word(3).c_str(), port},
+                       line.Word(5));
         }
         line.Refuse("no such role");
     });

@@ -1,5 +1,5 @@
-// What may come before a peer is trusted, for libFuzzer: into a protected connection. The first byte
-// says to which side, the second how it is cut:
+// What may come before a peer is trusted, for libFuzzer: into a protected connection. The first
+// byte says to which side, the second how it is cut:
 //
 // 0, 1    the rest comes to a server, or to a client, as it is: it never lets that in
 // others  two sides greet each other and talk, while somebody between them makes the changes that

@@ -156,8 +156,8 @@ struct Life {
     std::vector<KLVMsgPeer> peers, answering;
 };
 
-// What happens to each life: whether not all need come, where the call of a name fails with an errno;
-// and what is checked after it.
+// What happens to each life: whether not all need come, where the call of a name fails with an
+// errno; and what is checked after it.
 struct Lives {
     const KLVMsgProtection* protection = nullptr;
     std::function<bool(const std::string& name, int error)> mayLose;

@@ -58,6 +58,11 @@ class Protected(unittest.TestCase):
     def output(self):
         return pathlib.Path(self.log.name).read_bytes()
 
+    def memory(self):
+        """Of the gateway, in KiB."""
+        status = pathlib.Path(f"/proc/{self.gateway.pid}/status").read_text()
+        return int(re.search(r"VmRSS:\s+(\d+)", status)[1])
+
     def says(self, pattern, times=1):
         limit = time.monotonic() + 60
         while time.monotonic() < limit and self.gateway.poll() is None:
@@ -249,11 +254,8 @@ class Protected(unittest.TestCase):
                     self.assertRegex(said, rb"cannot connect to [^\n]* the server: |lost the gateway")
 
     def test_a_thousand_half_open_ones_harm_nobody(self):
-        def memory():
-            status = pathlib.Path(f"/proc/{self.gateway.pid}/status").read_text()
-            return int(re.search(r"VmRSS:\s+(\d+)", status)[1])
         self.ask(0)
-        before = memory()
+        before = self.memory()
         half_open = []
         for _ in range(1000):
             half_open.append(self.connect())
@@ -261,10 +263,68 @@ class Protected(unittest.TestCase):
         self.says(rb"others came before", 900)
         self.assertIn(b"I have heard", self.ask(0))
         if not SANITIZED:  # which keep memory of their own
-            self.assertLess(memory() - before, 100 * 64 + 2000)
+            self.assertLess(self.memory() - before, 100 * 64 + 2000)
         for one in half_open:
             one.close()
         self.says(rb"refused: ", 1000)
+
+    def test_certificates_are_renewed_while_everybody_talks(self):
+        stays, over, asked = self.peer(), threading.Event(), []
+        self.addCleanup(stays.close)
+        self.assertEqual(ADMITTED, stays.recv(1))
+
+        def ask_on():
+            while not over.is_set():
+                try:
+                    with self.peer() as one:
+                        one.sendall(question(b"while they change"))
+                        asked.append(one.recv(1) + one.recv(100))
+                except OSError as error:
+                    asked.append(error)
+        threads = [threading.Thread(target=ask_on) for _ in range(4)]
+        for thread in threads:
+            thread.start()
+        for i in range(10):
+            certificates(self.folder, "gateway", f"DNS:renewed{i},IP:127.0.0.1")
+            stays.sendall(question(b"as before"))
+            self.assertEqual(answer(b"as before"), stays.recv(100))
+        over.set()
+        for thread in threads:
+            thread.join()
+        self.assertGreater(len(asked), 10)
+        self.assertEqual({ADMITTED + answer(b"while they change")}, set(asked))
+        self.assertIn(b"of renewed9", self.ask(0))
+
+    def test_half_open_ones_take_little_memory(self):
+        """Those who have begun a handshake, up to the last bytes of the longest chain that may be."""
+        if SANITIZED:  # which keep memory of their own
+            return
+        chain = self.folder / "long.pem"
+        chain.write_bytes((self.folder / "press.pem").read_bytes() * 45)
+        context = self.context(shows=False)
+        context.load_cert_chain(chain, self.folder / "press.key")
+
+        def open_half():
+            incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+            tls = context.wrap_bio(incoming, outgoing, server_hostname="127.0.0.1")
+            plain = self.connect()
+            self.addCleanup(plain.close)
+            while True:
+                try:
+                    tls.do_handshake()
+                    break
+                except ssl.SSLWantReadError:
+                    plain.sendall(outgoing.read())
+                    incoming.write(plain.recv(65536))
+            plain.sendall(outgoing.read()[:-200])
+        for _ in range(5):
+            open_half()
+        self.ask(0)
+        before = self.memory()
+        for _ in range(90):
+            open_half()
+        self.ask(0)  # so that all of it has been read
+        self.assertLess(self.memory() - before, 90 * 64)
 
     def test_takes_new_files_and_keeps_the_old_ones_where_they_are_of_no_use(self):
         key, shown = self.folder / "gateway.key", self.folder / "gateway.pem"

@@ -89,6 +89,14 @@ struct Unframed : Item {  // reads its body itself, so the loop does
     int ReadMessage(KLVMsgInputStream* stream) override { return Item::ReadMessage(stream); }
     KLVMsgSocketMessage* NewInstance() override { return new Unframed; }
 };
+struct Quiz : KLVMsgCallMessage {
+    explicit Quiz(std::string content = "") : text(std::move(content)) {}
+    bool EncodeFields(std::string& bytes) const override { return bytes = text, true; }
+    bool DecodeFields(std::string_view bytes) override { return text = bytes, true; }
+    KLVMsgSocketMessage* NewInstance() override { return new Quiz; }
+    KLVString GetMessageType() const override { return "Quiz"; }
+    std::string text;
+};
 using Word = Numbered<0>;
 using Other = Numbered<1>;
 
@@ -120,6 +128,7 @@ struct Session {
         : session(std::make_unique<KLVMsgSession>(options)) {
         (Check(N < types.size() ? session->Register(Numbered<N>()) : KLVMsgOutcome()), ...);
         Check(session->Register(Unframed()));
+        Check(session->Register(Quiz()));
         Check(session->Start());
     }
 
@@ -202,6 +211,35 @@ struct Session {
         return Text(loaded) + failed;
     }
 
+    // Asks in `first` threads from now on, each time with `second` milliseconds.
+    std::string Quizzes() {
+        outcomes.resize(std::size_t(first));
+        for (std::size_t n = 0; n < outcomes.size(); ++n) {
+            Start([this, n, to = label, limit = Milliseconds(second)] {
+                for (; isAsking; std::this_thread::sleep_for(10ms)) {
+                    const Quiz quiz(Text(n, outcomes[n].size()));
+                    const auto answer = session->Ask<Quiz>(to, quiz, limit);
+                    outcomes[n] += !answer                     ? "?lgxf"[answer.status]
+                                   : answer->text == quiz.text ? 'a'
+                                                               : 'w';
+                }
+            });
+        }
+        return "";
+    }
+
+    // Until now: how many, and what has become of each, in a word for each thread.
+    std::string Asked() {
+        isAsking = false;
+        threads.clear();
+        const KLVMsgQuestionCounts all = session->Questions();
+        std::string text = Text(all.asked, all.answered, all.tooLate, all.failed, all.dropped);
+        for (const std::string& one : outcomes) {
+            text += Text("=" + one);
+        }
+        return text;
+    }
+
     // Tells the outcome, and by how much it came later than the limit.
     template <class Operation>
     std::string Time(long milliseconds, Operation operation) {
@@ -238,6 +276,8 @@ struct Session {
                : command == "connect" ? (Check(InItsWay(connect)), "")
                : command == "keep"    ? (Check(InItsWay(keep)), "")
                : command == "load"    ? Load()
+               : command == "quizzes" ? Quizzes()
+               : command == "asked"   ? Asked()
                : command == "answer"  ? Answer()
                : command == "take"    ? Take()
                : command == "taken"   ? Text(taken, disordered)
@@ -252,7 +292,9 @@ struct Session {
     }
 
     std::atomic<unsigned long> taken{0}, disordered{0};
+    std::atomic<bool> isAsking{true};
     long loaded = 0;
+    std::vector<std::string> outcomes;  // of questions, by thread
     std::unique_ptr<KLVMsgSession> session;
     std::vector<std::future<void>> threads;  // wait for the end
 };

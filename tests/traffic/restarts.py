@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 """A server that is restarted again and again under load, while clients keep their connections to it.
-Prints what became of each message, how long clients were away, and how their connects lie in time. Ends
-with exit code 1 if a message came twice, out of order or in part, if one is missing without a cause, if a
-hello was not first, or if a client was away for too long. Half of the restarts are in order: the server
+Prints what became of each message and of each question, how long clients were away, and how their connects
+lie in time. Ends with exit code 1 if a message came twice, out of order or in part, if one is missing
+without a cause, if a hello was not first, if a question came twice, had another one's answer or was not
+accounted for, or if a client was away for too long. Half of the restarts are in order: the server
 reads what has been taken, so that only a message that was cut may be missing. The others are deaths, with
-which all may go that the system had taken."""
+which all may go that the system had taken. Of ten questions the server answers one twice, one too late, and one not
+at all."""
 
 import argparse
 import collections
@@ -24,6 +26,9 @@ from hostile import require
 
 AWAY = 6  # seconds that a client may be, from the server's return on
 DONE, TOO_LATE, PEER_GONE, FAILED, FULL = range(5)
+QUESTION = 1000  # milliseconds that one has
+ASKERS = 2  # threads of a client
+ANSWER = 1 << 63
 CAME, AWAY_AGAIN, LOST = 1, 8, 9  # kinds of events
 
 
@@ -36,7 +41,8 @@ class Link:
         self.bytes = bytearray()
         self.client = None
         self.runs = []  # [first, last]
-        self.is_in_order = False  # how it ended
+        self.is_ended = self.is_in_order = False  # by a restart, and how
+        self.questions = []  # that are not yet answered
 
     def take(self, came):
         self.bytes += came
@@ -46,6 +52,9 @@ class Link:
             if self.client is None:
                 require(kind == b"Word", "the hello was not first")
                 self.client = body.decode()
+                continue
+            if kind == b"Quiz":
+                self.questions.append(body)
                 continue
             require(kind == b"Other", "the hello came twice")
             number = int(body.split(b" ", 1)[0])
@@ -74,6 +83,9 @@ class Server:
         self.order = random.Random(options.seed)
         self.links = []
         self.backs = []  # for each opening, when each client was back
+        self.asked = collections.defaultdict(collections.Counter)  # of each client, how often each question came
+        self.answers = collections.defaultdict(collections.Counter)  # and was answered
+        self.owed = []  # answers that are late on purpose
         self.port = self.choose()
         self.open()
 
@@ -110,6 +122,7 @@ class Server:
             if time.monotonic() > limit:
                 return False
             self.register()
+            self.pay()
             for key, _ in self.selector.select(0.05):
                 self.read(key.fileobj, key.data)
         return True
@@ -130,8 +143,32 @@ class Server:
             self.selector.unregister(connection)
             connection.close()
         link.take(came)
+        for question in link.questions if came else []:
+            self.hear(connection, link.client, question)
+        link.questions.clear()
         if link.client is not None:
             self.backs[-1].setdefault(link.client, link.came)
+
+    def hear(self, connection, client, question):
+        number = int.from_bytes(question[:8], sys.byteorder)
+        answer = hostile.message("Quiz", (number | ANSWER).to_bytes(8, sys.byteorder) + question[8:])
+        text = question[8:].decode()
+        self.asked[client][text] += 1
+        way = number % 10
+        if way == 0:
+            self.owed.append((time.monotonic() + 1.5 * QUESTION / 1000, connection, client, text, answer))
+        elif way != 1:
+            for _ in range(2 if way == 2 else 1):
+                self.answer(connection, client, text, answer)
+
+    def answer(self, connection, client, text, answer):
+        with contextlib.suppress(OSError):  # it has gone
+            require(connection.send(answer) == len(answer), "an answer is not taken")
+            self.answers[client][text] += 1
+
+    def pay(self):
+        while self.owed and self.owed[0][0] < time.monotonic():
+            self.answer(*self.owed.pop(0)[1:])
 
     def connections(self):
         return list(self.selector.get_map().values())
@@ -143,7 +180,7 @@ class Server:
         self.register()
         backs = self.backs[-1]
         for key in self.connections():
-            key.data.is_in_order = is_in_order
+            key.data.is_ended, key.data.is_in_order = True, is_in_order
             if is_in_order:
                 key.fileobj.shutdown(socket.SHUT_WR)
             else:
@@ -157,7 +194,8 @@ class Server:
 
     def restart(self):
         count = self.options.clients
-        require(self.serve(lambda: len(self.backs[-1]) == count, AWAY + 5), "a client has not come back")
+        are_back = self.serve(lambda: len(self.backs[-1]) == count, AWAY + 5)
+        require(are_back, f"of {count} clients {len(self.backs[-1])} have come back")
         self.serve(lambda: False, self.order.uniform(0.2, self.options.up))
         time.sleep(self.order.uniform(0, self.options.stop))
         self.close(self.order.random() < 0.5)
@@ -173,6 +211,8 @@ class Client(hostile.Process):
         self.options = options
         self.events = collections.Counter()
         self.ask("keep", name, "localhost", port)
+        self.ask("quizzes", name, "-", ASKERS, QUESTION)
+        self.questions = None  # counts, and a word of outcomes for each asker
         self.is_to_stop = threading.Event()
         self.sent, self.failed = 0, {}
         self.drained = False
@@ -193,6 +233,8 @@ class Client(hostile.Process):
         while not self.is_to_stop.is_set():
             self.sent, *failed = map(int, self.ask("load", self.name, "-", 1000, self.options.size, 500))
             self.failed.update(zip(failed[::2], failed[1::2]))
+        *counts, first, second = self.ask("asked", self.name, "-")
+        self.questions = list(map(int, counts)), [first[1:], second[1:]]
         time.sleep(0.2)  # for the last events
         self.drained = self.ask("drain", "-", "-", 30000)[0] == str(DONE)
 
@@ -210,18 +252,17 @@ class Account:
         """Every number in its place: what is missing stands where a connection has ended."""
         wrong = []
         expected = 0
-        cut_before = None  # the connection before, if it ended in order
+        ends = [Link(0, 0)]  # connections that have ended since the last message that came
         for link in [*links, None]:
             for first, last in link.runs if link else [[client.sent, client.sent]]:
                 if first < expected:
                     wrong.append(f"{first} came twice or late")
                 gap = [number for number in range(expected, first) if client.failed.get(number) is None]
-                is_boundary = link is not None and first == link.runs[0][0]
-                if gap and not is_boundary:
-                    wrong.append(f"{gap[:3]} are missing and no connection ended there")
-                elif gap and cut_before is not None:
+                if gap and not ends:
+                    wrong.append(f"{gap[:3]} of {client.sent} are missing and no connection ended there")
+                elif gap and all(end.is_in_order for end in ends):
                     self.counts["cut"] += len(gap)
-                    if len(gap) > 1 or not cut_before.bytes:
+                    if len(gap) > sum(bool(end.bytes) for end in ends):
                         wrong.append(f"{gap[:3]} were not cut and are missing behind an end in order")
                 else:
                     self.counts["died"] += len(gap)
@@ -229,8 +270,9 @@ class Account:
                           if first <= number <= last and status != TOO_LATE]
                 expected = last + 1
                 self.counts["came"] += last - first + 1
-                cut_before = None
-            cut_before = link if link and link.is_in_order else None
+                ends = []
+            if link is not None and (link.is_ended or link is not links[-1]):
+                ends.append(link)
         self.counts["came"] -= 1  # the end's
         for status in client.failed.values():
             self.counts[status] += 1
@@ -238,10 +280,33 @@ class Account:
         self.counts["events"] += client.events[LOST]
         return [f"client {client.name}: {text}" for text in wrong]
 
+    def add_questions(self, client, came, answers):
+        """Each has one outcome; one that was answered had its own answer, which the server has sent."""
+        wrong = []
+        (asked, answered, late, failed, dropped), words = client.questions
+        outcomes = collections.Counter("".join(words))
+        self.counts.update({f"asked {letter}": count for letter, count in outcomes.items()})
+        self.counts.update({"asked": asked, "dropped": dropped, "came too": sum(came.values())})
+        if (answered, late) != (outcomes["a"] + outcomes["w"], outcomes["l"]) or answered + late + failed != asked:
+            wrong.append(f"of {asked} {answered} answered, {late} too late and {failed} failed; it saw {outcomes}")
+        if outcomes["w"] or outcomes["x"] or outcomes["?"]:
+            wrong.append("an answer was that of another question")
+        for asker, word in enumerate(words):
+            for number, outcome in enumerate(word):
+                text = f" {asker} {number}"
+                if came[text] > 1:
+                    wrong.append(f"question{text} came {came[text]} times")
+                if outcome == "a" and not answers[text]:
+                    wrong.append(f"question{text} was answered by nobody")
+        if dropped > sum(answers.values()) - answered:
+            wrong.append(f"{dropped} answers were dropped, more than were too many")
+        return [f"client {client.name}: {text}" for text in wrong]
+
     def tell(self, options, server, clients):
         wrong = []
         for client in clients:
             wrong += self.add(client, [link for link in server.links if link.client == client.name])
+            wrong += self.add_questions(client, server.asked[client.name], server.answers[client.name])
         c = self.counts
         print(f"restarts: {options.restarts}, {len(clients)} clients, seed {options.seed}")
         self.line("sent", f"{c['sent']}, of which {c['came']} came")
@@ -249,6 +314,9 @@ class Account:
         self.line("died", f"{c['died']}, with the server that had not read them")
         self.line("cut", f"{c['cut']} posted ones behind an end in order; {c['events']} lost by events",
                   c["cut"] + c[PEER_GONE] <= c["events"] and c[FAILED] == 0)
+        self.line("questions", f"{c['asked']} sent, of which {c['came too']} came; {c['asked a']} answered, {c['asked l']} "
+                  f"too late, {c['asked g']} failed with the connection or were away, {c['asked f']} full")
+        self.line("answers", f"{c['dropped']} dropped: second ones, and those that were too late", c["dropped"] > 0)
         self.line("wrong", f"{len(wrong)}" + "".join("\n    " + text for text in wrong[:10]), not wrong)
         self.line("drained", f"{sum(one.drained for one in clients)}", all(one.drained for one in clients))
         came, away = (sum(one.events[kind] for one in clients) for kind in (CAME, AWAY_AGAIN))
