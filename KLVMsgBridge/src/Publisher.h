@@ -19,8 +19,8 @@
 // Takes what comes to the session and publishes it. Without a stream that is all, and what NATS
 // does not take at that moment is dropped. With one it is kept until it is stored, and reading
 // stops while too many are open. Each tells the stream which one has to be there before it, so that
-// they stay in order though many are under way; not where others publish to the stream as well: then
-// those of which one is lost while the stream's leader changes may be overtaken.
+// they stay in order though many are under way. Where others publish to the stream as well that
+// cannot be: there those that are lost while its leader changes may be overtaken.
 //
 // A message's id is that of its sender and its number. A sender that wants to know what is stored
 // says who it is, before its messages, with one of the type KLVMsgBridgeFrom: 8 bytes with the

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "Log.h"
 #include "Nats.h"
@@ -31,10 +32,14 @@ private:
 
     // Whether a message is one for sessions; it is counted if not.
     bool IsForUs(natsMsg* message);
+    std::vector<natsMsg*> Ours(const std::vector<NatsMessage>& messages);
 
     // Until it is done; false when the bridge ends before.
     bool HandOver(const std::vector<NatsMessage>& messages);
+    bool AreThere(const std::vector<KLVMsgPeer>& peers);
     KLVMsgOutcome Send(natsMsg* message, bool waits);
+    void Tell(const KLVMsgOutcome& sent);
+    static std::string TypeOf(natsMsg* message);
 
     KLVMsgSession& m_session;
     Nats& m_nats;

@@ -3,6 +3,7 @@
 
 import json
 import pathlib
+import re
 import socket
 import ssl
 import struct
@@ -162,6 +163,9 @@ bodies of Tick have 8 bytes
 what comes from the site here is not taken
 at least once, with the stream ALL
 """), (code, text))
+        named = set(re.findall(r"--([a-z-]+)", run("--help")[1])) - {"value"}
+        manual = pathlib.Path(__file__).resolve().parents[2] / "KLVMsgBridge/klvmsg-bridge.1"
+        self.assertEqual(named, set(re.findall(r"^\.It Fl -([a-z-]+)", manual.read_text(), re.M)) | {"help", "version"})
         base = ("--serve", "0", "--publish", "A=a")
         for options, words in (((), "neither --connect nor --serve"), (("--serve", "0"), "nothing to do"),
                                ((*base, "--publish", "B=b..c"), "b..c"), ((*base, "--publish", "A=b"), "A have"),
