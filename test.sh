@@ -5,6 +5,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)
 . "$root/scripts/setup.sh"
 
 need_packages cmake g++ make libgtest-dev -- libbenchmark-dev libcereal-dev libcpp-httplib-dev \
+  libnats-dev nats-server \
   libglib2.0-dev libprotobuf-dev libssl-dev openssl pkg-config protobuf-compiler python3 python3-dpkt \
   python3-matplotlib python3-protobuf python3-pytest python3-rich relacy-dev tshark
 

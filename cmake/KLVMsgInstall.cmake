@@ -78,6 +78,17 @@ if(TARGET KLVMsgKitTls)
     DESTINATION ${package_dir} COMPONENT development)
 endif()
 
+# The bridge, and a unit of systemd for each configuration of it.
+if(TARGET klvmsg-bridge)
+  file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(klvmsg-bridge PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
+  install(TARGETS klvmsg-bridge RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT bridge)
+  install(FILES KLVMsgBridge/klvmsg-bridge.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT bridge)
+  install(FILES KLVMsgBridge/systemd/klvmsg-bridge@.service
+    DESTINATION lib/systemd/system COMPONENT bridge)
+endif()
+
 # The command-line peer, and the dissector where a Wireshark of the same prefix looks for it.
 if(TARGET klvmsgcat)
   file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})

@@ -18,7 +18,7 @@ case "$*" in
   --no-check) check=no ;;
   *) echo "usage: build-packages.sh [--no-check]" >&2; exit 2 ;;
 esac
-need_packages build-essential cmake debhelper dh-python doxygen dpkg-dev graphviz libssl-dev \
+need_packages build-essential cmake debhelper dh-python doxygen dpkg-dev graphviz libnats-dev libssl-dev \
   pybuild-plugin-pyproject python3 python3-setuptools python3-wheel
 [ $check = no ] || need_packages lintian
 

@@ -28,7 +28,7 @@ FLOORS = (
     # The session, from its first floor to its fifth.
     "KLVMsgKitExport KLVMsgTimeLimit KLVMsgOutcome KLVMsgPeer KLVMsgEvent KLVMsgSessionOptions "
     "KLVMsgPeerInfo KLVMsgPeerInfoData KLVMsgNetwork KLVMsgProtection "
-    "KLVMsgFramedMessage KLVMsgProtobufMessage KLVMsgCerealMessage KLVMsgCallMessage "
+    "KLVMsgFramedMessage KLVMsgAnyMessage KLVMsgProtobufMessage KLVMsgCerealMessage KLVMsgCallMessage "
     "KLVMsgReceivedAny KLVMsgQuestionCounts "
     "KLVMsgMessageTypes KLVMsgParcel KLVMsgFifo KLVMsgSpentBodies KLVMsgBareReading KLVMsgWireReader KLVMsgWireWriter",
     "KLVMsgTransport KLVMsgPlainTransport KLVMsgSessionSockets KLVMsgQuietThread KLVMsgLinger KLVMsgResolver "
@@ -39,6 +39,7 @@ FLOORS = (
     "KLVMsgSessionAdmitting KLVMsgSessionGreeting KLVMsgSessionKeeping KLVMsgSessionEnding "
     "KLVMsgSessionAsking KLVMsgSessionDispatching KLVMsgMetrics "
     "KLVMsgPeerBook KLVMsgKeep KLVMsgEventQueue KLVMsgWaiting KLVMsgModuleUse",
+    "KLVMsgBridge/",
     "examples/",
 )
 

@@ -78,6 +78,7 @@ is_there() {  # PACKAGE
     libcereal-dev) has_header cereal/cereal.hpp ;;
     libcpp-httplib-dev) pkg-config --exists cpp-httplib ;;
     libglib2.0-dev) pkg-config --exists glib-2.0 ;;
+    libnats-dev) has_header nats/nats.h ;;
     libssl-dev) has_header openssl/ssl.h ;;
     libprotobuf-dev) has_header google/protobuf/message.h ;;
     protobuf-compiler) command -v protoc ;;

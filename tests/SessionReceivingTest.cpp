@@ -45,6 +45,31 @@ TEST(SessionReceiving, HandsOverTheOldestOfAClassOfWhoeverIsMeant) {
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, session.Receive<Word>(ever).status) << "none can come";
 }
 
+TEST(SessionReceiving, OtherTypesComeUnderTheirNames) {
+    KLVMsgSession session;
+    int port = 0;
+    session.Register(Word()), session.Serve(anyPort, &port);
+    ASSERT_TRUE(session.RegisterOthers());
+    EXPECT_FALSE(session.RegisterOthers());
+    session.Start();
+    PlainPeer peer(port);
+    const std::string body(70000, 'b'), name(65000, 'n');
+    const std::string bytes = TextBytes("A", "") + TextBytes(name, body) + WordBytes("w") +
+                              TextBytes("A", "2") + std::string(4, '\0') + TextBytes("B", "3");
+    peer.Send(bytes.substr(0, 70));
+    peer.Send(bytes.substr(70));
+    using Pair = std::pair<std::string, std::string>;
+    for (const auto& [type, text] : {Pair("A", ""), {name, body}, {"Word", ""}, {"A", "2"}}) {
+        const auto any = session.ReceiveAny(ever);
+        EXPECT_EQ(type, any.type);
+        EXPECT_TRUE(any.type == "Word" || any.As<KLVMsgAnyMessage>()->body == text);
+    }
+    const auto last = session.Receive<KLVMsgAnyMessage>(ever);
+    EXPECT_EQ(Pair("B", "3"), Pair(last->type, last->body));
+    session.Post(last.peer, *last.message);
+    EXPECT_EQ(TextBytes("B", "3"), peer.Receive(TextBytes("B", "3").size()));
+}
+
 TEST(SessionReceiving, ReceiveAllTakesAllOfAClassThatAreThere) {
     MutePair pair;
     pair.mute.Send(WordBytes("1") + TextBytes("Other", "other") + TextBytes("Odd", "1") +

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "KLVMsgAnyMessage.h"
 #include "KLVMsgCallMessage.h"
 #include "KLVMsgEvent.h"
 #include "KLVMsgFramedMessage.h"
@@ -90,6 +91,12 @@ public:
         }
         return RegisterPrototype(std::move(kept), typeid(Message), framed, isCall);
     }
+
+    // Lets messages of every other type come as well, for who passes them on: each as a
+    // KLVMsgAnyMessage, which has the type's name. All of them are taken for framed ones, so that a
+    // type whose class reads its body itself must be registered. Failed: that was done before.
+    // Requires: the session has not been started.
+    KLVMsgOutcome RegisterOthers();
 
     // Lets peers connect to every address that the host has on this machine, and tells the port;
     // with port 0 the system chooses it. Their connections have the empty label until SetLabel

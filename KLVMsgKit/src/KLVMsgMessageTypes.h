@@ -23,6 +23,7 @@ public:
         bool framed;              // its body is a length and bytes, which wait for Decode
         std::size_t largestBody;  // of a framed one
         bool isCall = false;      // its body begins with the number of a question or an answer
+        bool isAny = false;       // of every name that no other one has; a parcel has it too
         std::string header = {};  // on the wire: the name's length and the name; Add makes it
     };
 
@@ -35,7 +36,11 @@ public:
         type.header.assign(reinterpret_cast<const char*>(&length), sizeof length);
         type.header += type.name;
         const auto number = static_cast<std::uint32_t>(m_types.size());
-        m_numbers.emplace(type.name, number);
+        if (type.isAny) {
+            m_any = number;
+        } else {
+            m_numbers.emplace(type.name, number);
+        }
         m_longestName = m_longestName < type.name.size() ? type.name.size() : m_longestName;
         m_types.push_back(std::move(type));
     }
@@ -54,6 +59,9 @@ public:
         return kNone;
     }
 
+    // What every other name stands for; kNone when those are unknown.
+    std::uint32_t Any() const { return m_any; }
+
     const Type& operator[](std::uint32_t number) const { return m_types[number]; }
     std::size_t Size() const { return m_types.size(); }
     std::size_t LongestName() const { return m_longestName; }
@@ -62,4 +70,5 @@ private:
     std::vector<Type> m_types;
     std::map<std::string, std::uint32_t, std::less<>> m_numbers;
     std::size_t m_longestName = 0;
+    std::uint32_t m_any = kNone;
 };

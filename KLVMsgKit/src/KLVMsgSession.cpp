@@ -32,6 +32,8 @@ KLVMsgOutcome KLVMsgSession::RegisterPrototype(std::unique_ptr<KLVMsgSocketMessa
     return m_core->Register(std::move(prototype), type, framed, isCall);
 }
 
+KLVMsgOutcome KLVMsgSession::RegisterOthers() { return m_core->RegisterOthers(); }
+
 KLVMsgOutcome KLVMsgSession::Observe(std::function<void(const KLVMsgEvent&)> function) {
     return m_core->Observe(std::move(function));
 }

@@ -108,12 +108,8 @@ KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_inf
         return Failure(EINVAL, "the message's own code failed");
     }
     const Lock lock(m_mutex);
-    if (KLVMsgOutcome ready = IsReady(); !ready) {
-        return ready;
-    }
-    if (m_isStarted) {
-        return Failure(EALREADY,
-                       "the session has been started: classes are registered before that");
+    if (KLVMsgOutcome may = MayRegister(); !may) {
+        return may;
     }
     if (name.empty() || name.find('\0') != std::string::npos) {
         return Failure(EINVAL, "a type name is neither empty nor has zero bytes");
@@ -125,12 +121,43 @@ KLVMsgOutcome KLVMsgSessionCore::Register(Message prototype, const std::type_inf
     if (object == nullptr || typeid(*object) != type) {
         return Failure(EINVAL, "NewInstance of " + name + " makes an object of another class");
     }
-    // Room first: a type that is known has its place everywhere.
+    AddType({name, &type, std::move(prototype), framed != nullptr,
+             framed != nullptr ? framed->LargestBody() : 0, isCall});
+    return {};
+}
+
+KLVMsgOutcome KLVMsgSessionCore::RegisterOthers() {
+    auto prototype = std::make_unique<KLVMsgAnyMessage>();
+    const std::size_t largest = prototype->LargestBody();
+    const Lock lock(m_mutex);
+    if (KLVMsgOutcome may = MayRegister(); !may) {
+        return may;
+    }
+    if (m_types.Any() != KLVMsgMessageTypes::kNone) {
+        return Failure(EINVAL, "the other types have been registered");
+    }
+    KLVMsgMessageTypes::Type type{"", &typeid(KLVMsgAnyMessage), std::move(prototype), true,
+                                  largest};
+    type.isAny = true;
+    AddType(std::move(type));
+    return {};
+}
+
+// Requires: the mutex is held.
+KLVMsgOutcome KLVMsgSessionCore::MayRegister() const {
+    KLVMsgOutcome ready = IsReady();
+    if (ready && m_isStarted) {
+        return Failure(EALREADY,
+                       "the session has been started: classes are registered before that");
+    }
+    return ready;
+}
+
+// Room first: a type that is known has its place everywhere.
+void KLVMsgSessionCore::AddType(KLVMsgMessageTypes::Type type) {
     m_receivers.resize(kSets + m_types.Size() + 1);
     m_inbox.Prepare(m_types.Size() + 1);
-    m_types.Add({name, &type, std::move(prototype), framed != nullptr,
-                 framed != nullptr ? framed->LargestBody() : 0, isCall});
-    return {};
+    m_types.Add(std::move(type));
 }
 
 KLVMsgOutcome KLVMsgSessionCore::Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit,

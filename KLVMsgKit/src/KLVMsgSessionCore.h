@@ -123,6 +123,7 @@ public:
     // The operations of KLVMsgSession.
     KLVMsgOutcome Register(Message prototype, const std::type_info& type,
                            const KLVMsgFramedMessage* framed, bool isCall);
+    KLVMsgOutcome RegisterOthers();
     KLVMsgOutcome Observe(Observer observer);
     KLVMsgOutcome Serve(const KLVMsgSocketAddress& address, KLVMsgAdmit admit, int* port,
                         const Transports& transports);
@@ -216,6 +217,8 @@ private:
     static KLVMsgOutcome TooMany();
     KLVMsgOutcome Gone(const KLVMsgPeers& meant);
     KLVMsgOutcome IsReady() const;
+    KLVMsgOutcome MayRegister() const;
+    void AddType(KLVMsgMessageTypes::Type type);
 
     // Connections.
     std::unique_ptr<KLVMsgTransport> Plain(KLVMsgDescriptor socket) const;

@@ -135,6 +135,9 @@ KLVMsgOutcome KLVMsgSessionCore::TakeOne(std::uint32_t set, const Wanted& wanted
             taken.left = CountHandled();
         }
         taken.received.message = Unpack(std::move(parcel), type, body, taken.received.peer);
+        if (m_types[type].isAny && taken.received.message != nullptr) {
+            taken.received.type = static_cast<KLVMsgAnyMessage&>(*taken.received.message).type;
+        }
     }
     return outcome;
 }

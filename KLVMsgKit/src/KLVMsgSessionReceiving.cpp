@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "KLVMsgAnyMessage.h"
 #include "KLVMsgSessionCore.h"
 
 namespace {
@@ -24,6 +25,15 @@ constexpr std::size_t kMostAtOnce = 4096;  // messages that are taken with one l
 
 KLVMsgOutcome NotRegistered() {
     return {KLVMsgOutcome::kFailed, EINVAL, "no prototype of this class was registered"};
+}
+
+// What is of no registered type has its header before its body.
+void TakeName(KLVMsgAnyMessage& message, std::string_view& body) {
+    std::uint32_t length = 0;
+    std::memcpy(&length, body.data(), sizeof length);
+    const std::string_view name = body.substr(sizeof length, length);
+    message.type = name.substr(0, name.find('\0'));
+    body.remove_prefix(sizeof length + length);
 }
 
 KLVMsgOutcome HasHandler() {
@@ -274,6 +284,9 @@ KLVMsgSessionCore::Message KLVMsgSessionCore::Decode(std::uint32_t number, std::
     try {
         Message message(type.prototype->NewInstance());
         auto* const framed = static_cast<KLVMsgFramedMessage*>(message.get());
+        if (type.isAny) {
+            TakeName(static_cast<KLVMsgAnyMessage&>(*framed), body);
+        }
         if (framed != nullptr && framed->Decode(body)) {
             framed->whole = true;
             return message;

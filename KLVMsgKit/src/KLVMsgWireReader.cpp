@@ -92,7 +92,8 @@ bool KLVMsgWireReader::Next(std::string_view& bytes, Buffer& buffer, Arrivals& a
 // Short messages that have come whole, of the type that came before them, as most are: the same as
 // the steps below, in one. False, and nothing is read, when there is none.
 bool KLVMsgWireReader::ReadRun(std::string_view& bytes, Buffer& buffer, Arrivals& arrivals) {
-    if (m_step != kName || m_type >= m_types.Size() || !m_types[m_type].framed) {
+    if (m_step != kName || m_type >= m_types.Size() || !m_types[m_type].framed ||
+        m_types[m_type].isAny) {
         return false;
     }
     const KLVMsgMessageTypes::Type& type = m_types[m_type];
@@ -140,16 +141,19 @@ bool KLVMsgWireReader::ReadName(std::string_view& bytes, Arrivals& arrivals) {
     if (bytes.size() < kLength + length) {
         return false;
     }
-    const std::string_view name = bytes.substr(kLength, length);
-    bytes.remove_prefix(kLength + length);
+    const std::string_view header = bytes.substr(0, kLength + length);
+    const std::string_view name = header.substr(kLength);
+    bytes.remove_prefix(header.size());
     // A length of zero names nothing; the next one may.
     if (length != 0) {
         const std::uint32_t type = TypeOf(name);
-        if (type == KLVMsgMessageTypes::kNone) {
+        if (type == KLVMsgMessageTypes::kNone && m_types.Any() != type && name[0] != '\0') {
+            NamedAny(header);
+        } else if (type == KLVMsgMessageTypes::kNone) {
             NoteUnknown(name, arrivals);
             m_step = kPassOver;
         } else {
-            Named(type, kLength + length);
+            Named(type, header.size());
         }
     }
     return true;
@@ -157,7 +161,7 @@ bool KLVMsgWireReader::ReadName(std::string_view& bytes, Arrivals& arrivals) {
 
 // One connection mostly carries one type: the last one is tried first.
 std::uint32_t KLVMsgWireReader::TypeOf(std::string_view name) {
-    if (m_type < m_types.Size() && m_types[m_type].name == name) {
+    if (m_type < m_types.Size() && m_types[m_type].name == name && !m_types[m_type].isAny) {
         return m_type;
     }
     // Receivers take a name for a text, which ends at a zero byte.
@@ -169,6 +173,12 @@ void KLVMsgWireReader::Named(std::uint32_t type, std::size_t headerSize) {
     m_headerSize = headerSize;
     m_step = m_types[type].framed ? kFrameLength : kBare;
     m_bare.Begin();
+}
+
+// Its header is kept with the body: what it is called is known from nowhere else.
+void KLVMsgWireReader::NamedAny(std::string_view header) {
+    Named(m_types.Any(), 0);
+    m_anyHeader = header;
 }
 
 void KLVMsgWireReader::NoteUnknown(std::string_view name, Arrivals& arrivals) {
@@ -191,8 +201,12 @@ bool KLVMsgWireReader::ReadFrameLength(std::string_view& bytes, Buffer& buffer) 
         return false;
     }
     bytes.remove_prefix(kLength);
-    m_parcel = buffer.stock.Take(std::min(m_length, kFirstRoom), m_length);
+    const std::string_view lead = m_types[m_type].isAny ? m_anyHeader : std::string_view();
+    m_length += lead.size();
+    m_parcel = buffer.stock.Take(std::min(m_length, kFirstRoom + lead.size()), m_length);
     m_room = std::min(m_length, m_parcel->room);
+    std::copy(lead.begin(), lead.end(), m_parcel->Bytes());
+    m_parcel->size = lead.size();
     m_step = kFrame;
     return true;
 }

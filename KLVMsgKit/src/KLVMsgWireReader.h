@@ -93,6 +93,7 @@ private:
 
     void Named(std::uint32_t type, std::size_t headerSize);
     std::uint32_t TypeOf(std::string_view name);
+    void NamedAny(std::string_view header);
     void NoteUnknown(std::string_view name, Arrivals& arrivals);
     void GrowParcel();
     void Keep(std::string_view bytes, bool areKept);
@@ -106,7 +107,8 @@ private:
     std::uint32_t m_type = 0;      // of the message that is being read
     std::size_t m_headerSize = 0;  // of the same
     KLVMsgParcel::Owner m_parcel;  // the part of its framed body that has come
-    std::size_t m_length = 0;      // of that body, as it was announced
+    std::string m_anyHeader;       // of a message that is of no registered type
+    std::size_t m_length = 0;      // of that body, as it was announced, and such a header
     std::size_t m_room = 0;        // of the parcel
     std::size_t m_skip = 0;        // bytes that nobody wants
     KLVMsgBareReading m_bare;

@@ -1,0 +1,90 @@
+#!/usr/bin/env python3
+"""Measures what one bridge carries beside a bare client of NATS that sends the same headers, in turns in
+the same run: bridge_bench.py BUILD [ROUNDS]. Prints a table; up to two minutes, on a machine that has
+nothing else to do."""
+
+import pathlib
+import socket
+import statistics
+import struct
+import subprocess
+import sys
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(ROOT / "tests/bridge"))
+from engine import Bridge, Servers  # noqa: E402
+
+BUILD = pathlib.Path(sys.argv[1])
+ROUNDS = int(sys.argv[2]) if len(sys.argv) > 2 else 3
+SIZE = 100
+WINDOW = 8192
+
+
+def bare(servers, subject, count, *window):
+    done = subprocess.run([BUILD / "benchmarks/natsTalker", servers.url.split(",")[0], subject, str(count),
+                           str(SIZE), *map(str, window)], check=True, stdout=subprocess.PIPE, timeout=300)
+    return float(done.stdout)
+
+
+def bridge(servers, count, *options):
+    """From the first byte to the session until NATS, or the stream, has taken all."""
+    running = Bridge(BUILD / "KLVMsgBridge/klvmsg-bridge", "--nats", servers.url.split(",")[0], "--serve", "0",
+                     "--publish", "Tick=bench.bridge", "--site", "berlin", *options).ready()
+    message = struct.pack(f"=I4sI{SIZE}s", 4, b"Tick", SIZE, b"x" * SIZE)
+    try:
+        with socket.create_connection(("127.0.0.1", running.port())) as peer:
+            hello = struct.pack("=I16sIQ5s", 16, b"KLVMsgBridgeFrom", 13, 1, b"bench")
+            start = time.monotonic()
+            if options:
+                peer.sendall(hello)
+            for _ in range(count // 1000):
+                peer.sendall(message * 1000)
+            if options:
+                answer = b""
+                while struct.unpack("=Q", answer[-8:])[0] < count if len(answer) >= 33 else True:
+                    answer += peer.recv(65536)
+                    answer = answer[-(33 + len(answer) % 33):]
+                return count / (time.monotonic() - start)
+            # The bridge closes once it has published the last message.
+            peer.shutdown(socket.SHUT_WR)
+            peer.recv(1)
+            return count / (time.monotonic() - start)
+    finally:
+        code, counts = running.end()
+        assert (code, counts["published"]) == (0, count), counts
+
+
+def row(name, what, reference):
+    print(f"| {name} | {statistics.median(reference):,.0f} | {statistics.median(what):,.0f} | "
+          f"{statistics.median(what) / statistics.median(reference):.2f} |")
+
+
+def main():
+    print("| 100 bytes, messages in a second | the bare client | the bridge | ratio |\n|---|---|---|---|")
+    for name, servers_count, count, replicas in (("one server, at most once", 1, 1000000, 0),
+                                                 ("one server, a stream", 1, 100000, 1),
+                                                 ("three servers, a stream with three copies", 3, 100000, 3)):
+        servers = Servers(servers_count)
+        client = servers.client()
+        try:
+            if replicas:
+                servers.make_stream("BENCH", ["bench.>"], replicas)
+            taken = {"bare": [], "bridge": []}
+            for _ in range(ROUNDS):
+                taken["bare"].append(bare(servers, "bench.bare", count, *([WINDOW] if replicas else [])))
+                options = ["--stream", "BENCH"] if replicas else []
+                taken["bridge"].append(bridge(servers, count, *options))
+                if replicas:
+                    servers.ask("$JS.API.STREAM.PURGE.BENCH")
+                    # Numbers begin anew, and so would ids.
+                    servers.ask("$JS.API.STREAM.DELETE.BENCH")
+                    servers.make_stream("BENCH", ["bench.>"], replicas)
+            row(name, taken["bridge"], taken["bare"])
+        finally:
+            client.close()
+            servers.end()
+
+
+if __name__ == "__main__":
+    main()
