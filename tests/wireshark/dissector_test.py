@@ -443,9 +443,10 @@ def test_klvmsgcat(tshark, folder, klvmsgcat):
 def test_session(tshark, folder, workers):
     """Sessions put several messages into a segment; each of them is shown."""
     path = os.path.join(folder, "session.pcapng")
+    three = 'for i in 1 2 3; do "$0" work "$1" all & done; wait'
     works = capture_conversation(
         tshark, path, [workers, "dispatch"],
-        lambda port: ["sh", "-c", 'for i in 1 2 3; do "$0" work "$1" & done; wait', workers, str(port)],
+        lambda port: ["sh", "-c", three, workers, str(port)],
         "tcp.flags.fin == 1 && tcp.port == %d")
     if not works:
         print("workers: capturing on loopback is not permitted, not tried")
