@@ -44,6 +44,11 @@ std::string Refusal(natsMsg* answer, int& code) {
                : text.substr(words + 15, text.find('"', words + 15) - words - 15);
 }
 
+// Whether more can come.
+bool MayGoOn(const KLVMsgOutcome& outcome) {
+    return outcome.status != KLVMsgOutcome::kPeerGone && outcome.status != KLVMsgOutcome::kFailed;
+}
+
 }  // namespace
 
 Publisher::Publisher(KLVMsgSession& session, Nats& nats, const Options& options, Counts& counts,
@@ -54,6 +59,7 @@ Publisher::Publisher(KLVMsgSession& session, Nats& nats, const Options& options,
       m_routes(options.routes),
       m_counts(counts),
       m_log(log),
+      m_takesMany(options.stream.empty() && options.rules.All().empty()),
       m_run(MakeRun()),
       m_inbox(Nats::Inbox()),
       m_window([&] {
@@ -89,7 +95,7 @@ bool Publisher::AwaitEnd(milliseconds limit) {
 // Taking ------------------------------------------------------------------------------------------
 
 void Publisher::Take() {
-    while (!m_isOver && TakeOne()) {
+    while (!m_isOver && (m_takesMany ? TakeMany() : TakeOne())) {
         const Time now = Clock::now();
         if (now - m_looked >= kPeriod) {
             m_looked = now;
@@ -120,23 +126,30 @@ bool Publisher::TakeOne() {
         }
     }
     const KLVMsgReceivedAny any = m_session.ReceiveAny(limit);
-    if (any) {
-        Accept(any);
+    if (auto* const framed = any.As<KLVMsgAnyMessage>()) {
+        Accept(any.peer, any.type, std::move(framed->body));
+    } else if (auto* const bare = any.As<BareMessage>()) {
+        Accept(any.peer, any.type, std::move(bare->body));
     }
-    return any.status != KLVMsgOutcome::kPeerGone && any.status != KLVMsgOutcome::kFailed;
+    return MayGoOn(any);
 }
 
-void Publisher::Accept(const KLVMsgReceivedAny& any) {
-    Parcel parcel;
-    parcel.type = any.type;
-    parcel.peer = any.peer.id;
-    if (auto* const framed = any.As<KLVMsgAnyMessage>()) {
-        parcel.body = std::move(framed->body);
-    } else if (auto* const bare = any.As<BareMessage>()) {
-        parcel.body = std::move(bare->body);
+// The same for all that are there, which is quicker.
+bool Publisher::TakeMany() {
+    const auto received = m_session.ReceiveAll<KLVMsgAnyMessage>(kPeriod);
+    for (const auto& one : received.messages) {
+        Accept(one.peer, std::move(one.message->type), std::move(one.message->body));
     }
+    return MayGoOn(received);
+}
+
+void Publisher::Accept(KLVMsgPeer peer, std::string type, std::string body) {
+    Parcel parcel;
+    parcel.type = std::move(type);
+    parcel.body = std::move(body);
+    parcel.peer = peer.id;
     if (parcel.type == kFrom) {
-        return Meet(any.peer, parcel.body);
+        return Meet(peer, parcel.body);
     }
     parcel.subject = m_routes.Subject(parcel.type);
     const bool hasRoute = !parcel.subject.empty();

@@ -56,7 +56,8 @@ private:
     void AwaitAnswers();
 
     bool TakeOne();
-    void Accept(const KLVMsgReceivedAny& any);
+    bool TakeMany();
+    void Accept(KLVMsgPeer peer, std::string type, std::string body);
     void Meet(KLVMsgPeer peer, std::string_view words);
     void Number(Parcel& parcel);
     void PublishOnce(const Parcel& parcel);
@@ -75,6 +76,7 @@ private:
     Routes m_routes;
     Counts& m_counts;
     Log& m_log;
+    const bool m_takesMany;     // all are of one class, and none waits for the window
     const std::string m_run;    // tells this process from all others
     const std::string m_inbox;  // for answers, whose last part is a key
     NatsSubscription m_answers;
