@@ -24,7 +24,6 @@ KLVMsgOutcome Nobody() {
 Subscriber::Subscriber(KLVMsgSession& session, Nats& nats, const Options& options,
                        const Routes::Inward& route, Counts& counts, Log& log)
     : m_session(session),
-      m_nats(nats),
       m_options(options),
       m_route(route),
       m_counts(counts),

@@ -42,7 +42,6 @@ private:
     static std::string TypeOf(natsMsg* message);
 
     KLVMsgSession& m_session;
-    Nats& m_nats;
     const Options& m_options;
     const Routes::Inward m_route;
     Counts& m_counts;
