@@ -42,10 +42,7 @@ Nats::Nats(const Options& options, Log& log)
 
 void Nats::SetUp(natsOptions* made) {
     const std::vector<std::string> urls = Split(m_options.nats, ',');
-    std::vector<const char*> servers;
-    for (const std::string& url : urls) {
-        servers.push_back(url.c_str());
-    }
+    std::vector<const char*> servers = Pointers(urls);
     Check(natsOptions_SetServers(made, servers.data(), static_cast<int>(servers.size())), "--nats");
     natsOptions_SetName(made, m_bridge.c_str());
     natsOptions_SetMaxReconnect(made, -1);

@@ -109,6 +109,13 @@ void ReadConfiguration(const std::string& path, Options& options) {
     }
 }
 
+void SetLog(Options& options, const std::string& value) {
+    if (value != "words" && value != "json") {
+        throw UsageError("the log is in words or json, not '" + value + "'");
+    }
+    options.isJson = value == "json";
+}
+
 const std::map<std::string, Setter>& Setters() {
     static const std::map<std::string, Setter> setters = {
         {"connect",
@@ -137,13 +144,7 @@ const std::map<std::string, Setter>& Setters() {
         {"tls", [](Options& o, const std::string& v) { ParseTls(v, o); }},
         {"nats-tls", [](Options& o, const std::string& v) { ParseNatsTls(v, o); }},
         {"nats-credentials", Text(&Options::natsCredentials)},
-        {"log",
-         [](Options& o, const std::string& v) {
-             if (v != "words" && v != "json") {
-                 throw UsageError("the log is in words or json, not '" + v + "'");
-             }
-             o.isJson = v == "json";
-         }},
+        {"log", SetLog},
         {"counts",
          [](Options& o, const std::string& v) {
              o.counts = std::chrono::seconds(ParseNumber(v, 86400, "counts"));
@@ -211,8 +212,8 @@ Options ParseOptions(int argc, char** argv) {
 std::string Describe(const Options& options) {
     std::string text;
     for (const auto& [type, subject] : options.routes.Outwards()) {
-        text += (type == "*" ? "messages of every other type" : "messages of " + type) +
-                " go to the subject " + subject + "\n";
+        text += type == "*" ? "messages of every other type" : "messages of " + type;
+        text.append(" go to the subject ").append(subject).append("\n");
     }
     for (const Routes::Inward& inward : options.routes.Inwards()) {
         text += "what comes on " + inward.subject + " goes to the label " + inward.label + "\n";

@@ -58,14 +58,6 @@ std::vector<std::string> Wanted(const Options& options) {
     return wanted;
 }
 
-std::vector<const char*> Pointers(const std::vector<std::string>& texts) {
-    std::vector<const char*> pointers;
-    for (const std::string& text : texts) {
-        pointers.push_back(text.c_str());
-    }
-    return pointers;
-}
-
 natsStatus MakeStream(jsCtx* context, const Options& options, Log& log) {
     const std::vector<std::string> wanted = Wanted(options);
     std::vector<const char*> subjects = Pointers(wanted);

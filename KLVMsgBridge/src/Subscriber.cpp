@@ -23,11 +23,7 @@ KLVMsgOutcome Nobody() {
 
 Subscriber::Subscriber(KLVMsgSession& session, Nats& nats, const Options& options,
                        const Routes::Inward& route, Counts& counts, Log& log)
-    : m_session(session),
-      m_options(options),
-      m_route(route),
-      m_counts(counts),
-      m_log(log) {
+    : m_session(session), m_options(options), m_route(route), m_counts(counts), m_log(log) {
     if (options.stream.empty()) {
         m_messages = nats.Subscribe(route.subject, options.group);
     } else {

@@ -16,6 +16,15 @@ std::vector<std::string> Split(std::string_view text, char separator) {
     return parts;
 }
 
+std::vector<const char*> Pointers(const std::vector<std::string>& texts) {
+    std::vector<const char*> pointers;
+    pointers.reserve(texts.size());
+    for (const std::string& text : texts) {
+        pointers.push_back(text.c_str());
+    }
+    return pointers;
+}
+
 std::string_view Trimmed(std::string_view text) {
     constexpr const char* spaces = " \t\r";
     const std::size_t first = text.find_first_not_of(spaces);

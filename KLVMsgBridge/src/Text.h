@@ -15,6 +15,9 @@ struct UsageError : std::runtime_error {
 // The parts between the separators; of an empty text none.
 std::vector<std::string> Split(std::string_view text, char separator);
 
+// Each as C functions take it, as long as the texts live.
+std::vector<const char*> Pointers(const std::vector<std::string>& texts);
+
 // Without the spaces around it.
 std::string_view Trimmed(std::string_view text);
 
