@@ -21,6 +21,37 @@ void Check(natsStatus status, const char* what) {
 
 std::atomic<long> answered{0};
 
+// Answers come to an inbox, which is returned.
+std::string CountAnswers(natsConnection* connection, natsSubscription*& answers) {
+    natsInbox* inbox = nullptr;
+    Check(natsInbox_Create(&inbox), "an inbox");
+    std::string reply = inbox;
+    natsInbox_Destroy(inbox);
+    const auto count = [](natsConnection*, natsSubscription*, natsMsg* message, void*) {
+        natsMsg_Destroy(message);
+        ++answered;
+    };
+    Check(natsConnection_Subscribe(&answers, connection, reply.c_str(), count, nullptr), "answers");
+    natsSubscription_SetPendingLimits(answers, -1, -1);
+    return reply;
+}
+
+// With a reply subject it has an id as well; without, that is null.
+void Publish(natsConnection* connection, const char* subject, const char* reply,
+             const std::string& body, long number) {
+    natsMsg* message = nullptr;
+    Check(natsMsg_Create(&message, subject, reply, body.data(), static_cast<int>(body.size())),
+          "a message");
+    natsMsgHeader_Set(message, "KLVMsg-Type", "Tick");
+    natsMsgHeader_Set(message, "KLVMsg-Site", "berlin");
+    natsMsgHeader_Set(message, "KLVMsg-Bridge", "berlin/bridge");
+    if (reply != nullptr) {
+        natsMsgHeader_Set(message, "Nats-Msg-Id", ("talker:" + std::to_string(number)).c_str());
+    }
+    Check(natsConnection_PublishMsg(connection, message), "publish");
+    natsMsg_Destroy(message);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -28,41 +59,18 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: natsTalker URL SUBJECT COUNT SIZE [WINDOW]\n");
         return 2;
     }
-    const char* const subject = argv[2];
     const long count = std::atol(argv[3]), window = argc > 5 ? std::atol(argv[5]) : 0;
     const std::string body(static_cast<std::size_t>(std::atol(argv[4])), 'x');
     natsConnection* connection = nullptr;
     natsSubscription* answers = nullptr;
-    natsInbox* inbox = nullptr;
     Check(natsConnection_ConnectTo(&connection, argv[1]), argv[1]);
-    Check(natsInbox_Create(&inbox), "an inbox");
-    const std::string reply = inbox;
-    Check(natsConnection_Subscribe(
-              &answers, connection, inbox,
-              [](natsConnection*, natsSubscription*, natsMsg* message, void*) {
-                  natsMsg_Destroy(message);
-                  ++answered;
-              },
-              nullptr),
-          "answers");
-    natsSubscription_SetPendingLimits(answers, -1, -1);
+    const std::string reply = CountAnswers(connection, answers);
     const auto start = std::chrono::steady_clock::now();
     for (long i = 0; i < count; ++i) {
         while (window != 0 && i - answered >= window) {
             std::this_thread::sleep_for(std::chrono::microseconds(50));
         }
-        natsMsg* message = nullptr;
-        Check(natsMsg_Create(&message, subject, window == 0 ? nullptr : reply.c_str(), body.data(),
-                             static_cast<int>(body.size())),
-              "a message");
-        natsMsgHeader_Set(message, "KLVMsg-Type", "Tick");
-        natsMsgHeader_Set(message, "KLVMsg-Site", "berlin");
-        natsMsgHeader_Set(message, "KLVMsg-Bridge", "berlin/bridge");
-        if (window != 0) {
-            natsMsgHeader_Set(message, "Nats-Msg-Id", ("talker:" + std::to_string(i)).c_str());
-        }
-        Check(natsConnection_PublishMsg(connection, message), "publish");
-        natsMsg_Destroy(message);
+        Publish(connection, argv[2], window == 0 ? nullptr : reply.c_str(), body, i);
     }
     Check(natsConnection_FlushTimeout(connection, 60000), "flush");
     while (window != 0 && answered < count) {
@@ -71,6 +79,5 @@ int main(int argc, char** argv) {
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
     std::printf("%.0f\n", static_cast<double>(count) / time.count());
     natsSubscription_Destroy(answers);
-    natsInbox_Destroy(inbox);
     natsConnection_Destroy(connection);
 }
