@@ -78,6 +78,17 @@ public:
                 "session register");
     }
 
+    ~SessionTalker() override {
+        if (!m_waiting.empty()) {
+            m_session.End(kLimit);  // wakes them: none may be in a session that is destroyed
+        }
+        for (std::thread& one : m_waiting) {
+            one.join();
+        }
+    }
+    SessionTalker(const SessionTalker&) = delete;
+    SessionTalker& operator=(const SessionTalker&) = delete;
+
     int Listen(const std::string& host) override {
         int port = 0;
         Require(InItsWay([&](const auto&... how) {
@@ -86,9 +97,8 @@ public:
                     m_session.Start(),
                 "session listen");
         for (int i = 0; i < m_manner.waiting; ++i) {
-            std::thread([this] {
-                m_session.Receive<OtherMessage>(std::chrono::hours(1));
-            }).detach();
+            m_waiting.emplace_back(
+                [this] { m_session.Receive<OtherMessage>(std::chrono::hours(1)); });
         }
         return port;
     }
@@ -157,6 +167,7 @@ private:
     KLVMsgSession m_session;
     std::vector<KLVMsgPeer> m_servers;
     KLVMsgPeer m_sender;
+    std::vector<std::thread> m_waiting;
 };
 
 }  // namespace
