@@ -1,8 +1,52 @@
 #include "BodyRules.h"
 
-#include <regex>
+#include <vector>
 
 #include "Text.h"
+
+namespace {
+
+constexpr unsigned long kMost = 999999999;
+constexpr std::string_view kLength = "length(";
+
+[[noreturn]] void Refuse(const std::string& type, const std::string& text) {
+    throw UsageError(type + ": neither a size nor length(OFFSET,WIDTH,little|big[,MORE]): '" +
+                     text + "'");
+}
+
+void DropFrom(std::string& text, std::size_t place) {
+    if (place != text.npos) {
+        text = std::string(Trimmed(std::string_view(text).substr(0, place)));
+    }
+}
+
+bool IsLength(const std::string& text) {
+    return text.compare(0, kLength.size(), kLength) == 0 && text.back() == ')';
+}
+
+BodyRule Length(const std::string& type, const std::string& text) {
+    const std::size_t size = text.size() - kLength.size() - 1;
+    const std::vector<std::string> parts = Split(text.substr(kLength.size(), size), ',');
+    const auto number = [&](std::size_t i) {
+        return ParseNumber(std::string(Trimmed(parts[i])), kMost, type);
+    };
+    if (parts.size() != 3 && parts.size() != 4) {
+        Refuse(type, text);
+    }
+    const std::string_view order = Trimmed(parts[2]);
+    BodyRule rule;
+    rule.offset = number(0);
+    rule.width = number(1);
+    rule.isBigEndian = order == "big";
+    rule.fixed = parts.size() == 4 ? number(3) : 0;
+    const bool isWidth = rule.width == 1 || rule.width == 2 || rule.width == 4 || rule.width == 8;
+    if (!isWidth || (order != "big" && order != "little")) {
+        Refuse(type, text);
+    }
+    return rule;
+}
+
+}  // namespace
 
 std::size_t BodyRule::Size(std::string_view start) const {
     std::size_t length = 0;
@@ -31,22 +75,16 @@ void BodyRules::Add(const std::string& text) {
 
 void BodyRules::AddOne(const std::string& type, std::string text) {
     // What the content is does not matter here.
-    text = std::regex_replace(text, std::regex(R"(\s+protobuf\([^)]*\)$)"), "");
-    text = std::regex_replace(text, std::regex(R"(\s+call$)"), "");
-    static const std::regex length(R"(length\(\s*(\d{1,9})\s*,\s*([1248])\s*,\s*(little|big)\s*)"
-                                   R"((?:,\s*(\d{1,9})\s*)?\))");
-    std::smatch found;
+    DropFrom(text, text.back() == ')' ? text.rfind(" protobuf(") : text.npos);
+    DropFrom(text, text.size() > 5 && text.substr(text.size() - 5) == " call" ? text.size() - 5
+                                                                              : text.npos);
     BodyRule rule;
-    if (std::regex_match(text, std::regex(R"(\d{1,9})"))) {
-        rule.fixed = std::stoul(text);
-    } else if (std::regex_match(text, found, length)) {
-        rule.offset = std::stoul(found[1]);
-        rule.width = std::stoul(found[2]);
-        rule.isBigEndian = found[3] == "big";
-        rule.fixed = found[4].length() == 0 ? 0 : std::stoul(found[4]);
+    if (IsLength(text)) {
+        rule = Length(type, text);
+    } else if (text.find_first_not_of("0123456789") == text.npos) {
+        rule.fixed = ParseNumber(text, kMost, type);
     } else {
-        throw UsageError(type + ": neither a size nor length(OFFSET,WIDTH,little|big[,MORE]): '" +
-                         text + "'");
+        Refuse(type, text);
     }
     const bool isFramed = rule.width == 4 && rule.offset == 0 && rule.fixed == 0 &&
                           rule.isBigEndian == (__BYTE_ORDER__ == __ORDER_BIG_ENDIAN__);
