@@ -75,7 +75,7 @@ void BodyRules::Add(const std::string& text) {
 
 void BodyRules::AddOne(const std::string& type, std::string text) {
     // What the content is does not matter here.
-    DropFrom(text, text.back() == ')' ? text.rfind(" protobuf(") : text.npos);
+    DropFrom(text, !text.empty() && text.back() == ')' ? text.rfind(" protobuf(") : text.npos);
     DropFrom(text, text.size() > 5 && text.substr(text.size() - 5) == " call" ? text.size() - 5
                                                                               : text.npos);
     BodyRule rule;
