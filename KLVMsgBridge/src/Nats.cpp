@@ -32,12 +32,19 @@ Nats::Nats(const Options& options, Log& log)
     SetUp(made);
     SetUpTls(made);
     natsConnection* connection = nullptr;
+    m_isConnected = true;  // it may be lost before the next line is done
     Check(natsConnection_Connect(&connection, made), ("cannot connect to " + options.nats).c_str());
     m_connection.reset(connection);
-    m_isConnected = true;
     char url[256] = "";
     natsConnection_GetConnectedUrl(connection, url, sizeof url);
     m_log.Say("nats-connected", std::string("connected to ") + url);
+}
+
+// What NATS tells comes on a thread of its own, one after the other: after this nothing more.
+Nats::~Nats() {
+    natsConnection_Close(m_connection.get());
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_closing.wait(lock, [this] { return m_isClosed; });
 }
 
 void Nats::SetUp(natsOptions* made) {
@@ -74,6 +81,15 @@ void Nats::SetUp(natsOptions* made) {
             static_cast<Nats*>(self)->m_isConnected = true;
             static_cast<Nats*>(self)->m_log.Say("nats-connected",
                                                 std::string("connected again, to ") + url);
+        },
+        this);
+    natsOptions_SetClosedCB(
+        made,
+        [](natsConnection*, void* self) {
+            Nats& nats = *static_cast<Nats*>(self);
+            const std::lock_guard<std::mutex> lock(nats.m_mutex);
+            nats.m_isClosed = true;
+            nats.m_closing.notify_all();  // with the lock held: it is gone as soon as that is free
         },
         this);
 }

@@ -5,8 +5,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -36,6 +38,9 @@ public:
 
     // Connects. Throws std::runtime_error with the cause. The options and the log outlive it.
     Nats(const Options& options, Log& log);
+
+    // Sends what is still to go out, closes, and waits for the last that NATS has to tell.
+    ~Nats();
 
     bool IsConnected() const { return m_isConnected; }
 
@@ -80,5 +85,8 @@ private:
     const std::string m_bridge;  // its whole name
     std::atomic<bool> m_isConnected{false};
     std::atomic<std::uint64_t> m_returns{0};
+    std::mutex m_mutex;
+    std::condition_variable m_closing;
+    bool m_isClosed = false;
     std::unique_ptr<natsConnection, NatsFree> m_connection;
 };
