@@ -263,6 +263,16 @@ EOF
   expect "-isystem/usr/include/KLVMsgCommModules"
   expect "KLVMsgComm_IF.cpp"
 
+  step "The packages installed and used: the six commands of docs/beyond.md"
+  run_in "$2" root <<'EOF'
+export DEBIAN_FRONTEND=noninteractive
+apt-get install -q -y --no-install-recommends iproute2 nats-server
+EOF
+  cp -r "$root/tests/bridge" "$root/docs/beyond.md" "$2/srv"
+  run_in "$2" root offline <<'EOF'
+python3 /srv/bridge/beyond_test.py /srv/beyond.md /usr/bin
+EOF
+
   step "The packages removed"
   run_in "$2" root <<'EOF'
 export DEBIAN_FRONTEND=noninteractive
