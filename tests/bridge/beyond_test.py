@@ -11,14 +11,10 @@ import subprocess
 import sys
 import tempfile
 
-if "BRIDGE_TEST" not in os.environ:
-    os.environ["BRIDGE_TEST"] = "1"
-    if os.geteuid() != 0:
-        sys.exit(77)  # only root makes a network
-    os.execvp("unshare", ["unshare", "--net", "--fork", "--kill-child", sys.executable, *sys.argv])
-subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+from engine import enter_own_network, wait_until
 
-from engine import wait_until  # noqa: E402
+if not enter_own_network():
+    sys.exit(77)
 
 PAGE, *FOLDERS = sys.argv[1:]
 os.environ["PATH"] = ":".join([*map(os.path.abspath, FOLDERS), os.environ["PATH"]])

@@ -10,18 +10,12 @@ import threading
 import time
 import unittest
 
-from engine import Bridge, Sender, Servers, free_ports, wait_until
+from engine import Bridge, Sender, Servers, enter_own_network, free_ports, wait_until
 
 import klvmsg
 
 # All of it in a network of its own, where that may be made.
-HAS_NETWORK = os.geteuid() == 0
-if HAS_NETWORK and "BRIDGE_TEST" not in os.environ:
-    os.environ["BRIDGE_TEST"] = "1"
-    os.execvp("unshare", ["unshare", "--net", "--fork", "--kill-child", sys.executable, *sys.argv])
-if HAS_NETWORK:
-    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-
+HAS_NETWORK = enter_own_network()
 PROGRAM = sys.argv.pop(1)
 COUNT = int(os.environ.get("MESSAGES", "100000"))
 
