@@ -316,6 +316,7 @@ void KLVMsgLoop::ReadGroup(Lock& lock) {
         Tend(*m_readings[i].link);
         m_readings[i].link.reset();
     }
+    m_owner.OnGroupCame(lock);
 }
 
 // A message's own code may run here.

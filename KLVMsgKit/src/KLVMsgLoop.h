@@ -90,6 +90,8 @@ public:
         // `stock` may be filled with what is no longer needed.
         virtual void OnCame(Link& link, KLVMsgWireReader::Arrivals& arrivals,
                             KLVMsgParcel::Stock& stock) = 0;
+        // Behind several such. May let the mutex go meanwhile.
+        virtual void OnGroupCame(Lock& lock) = 0;
         virtual void OnInputEnded(Link& link) = 0;
         virtual void OnTook(Link& link) = 0;
         virtual void OnStalls(Link& link) = 0;

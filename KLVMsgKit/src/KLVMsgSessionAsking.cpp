@@ -131,7 +131,8 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitAnswer(Lock& lock, KLVMsgQuestion& questio
                                              std::uint64_t number, KLVMsgPeer asked,
                                              Time deadline) {
     lock.unlock();  // for good, in the end
-    if (question.Wait(deadline) && question.isAnswered && question.isSent) {
+    const bool isWoken = question.Wait(deadline);
+    if (isWoken && question.isAnswered && question.isSent) {
         return {};
     }
     lock.lock();
@@ -148,6 +149,9 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitAnswer(Lock& lock, KLVMsgQuestion& questio
                             : question.isOver ? std::move(question.failure)
                                               : Late();
     lock.unlock();
+    if (question.isOver && !isWoken) {
+        question.Wait(Time::max());  // somebody is about to wake it
+    }
     return outcome;
 }
 
@@ -193,8 +197,22 @@ bool KLVMsgSessionCore::TakeAnswer(Peer& peer, KLVMsgParcel::Owner& parcel) {
     question.isOver = question.isAnswered = true;
     question.isSent = question.delivery.left == 0;
     ++m_questions.answered;
-    question.Wake();
+    *m_lastAnswered = &question;
+    m_lastAnswered = &question.nextAnswered;
     return true;
+}
+
+// Wakes those whose answers have come, without the mutex: they would wait for it in turn.
+void KLVMsgSessionCore::OnGroupCame(Lock& lock) {
+    KLVMsgQuestion* question = std::exchange(m_firstAnswered, nullptr);
+    m_lastAnswered = &m_firstAnswered;
+    if (question != nullptr) {
+        lock.unlock();
+        while (question != nullptr) {
+            std::exchange(question, question->nextAnswered)->Wake();
+        }
+        lock.lock();
+    }
 }
 
 KLVMsgOutcome KLVMsgSessionCore::Answer(KLVMsgPeer to, std::uint64_t question,

@@ -32,6 +32,7 @@
 #include "KLVMsgModuleUse.h"
 #include "KLVMsgPeerBook.h"
 #include "KLVMsgSession.h"
+#include "KLVMsgSignal.h"
 #include "KLVMsgWaiting.h"
 #include "KLVMsgWireWriter.h"
 
@@ -56,26 +57,15 @@ struct KLVMsgDelivery {
 };
 
 // A question that somebody waits to be answered; it is on the asking thread's stack. Whoever is
-// woken with an answer needs the session's mutex no more: many who ask would wait for it in turn.
+// woken with an answer needs no mutex: many who ask would wait for it in turn.
 struct KLVMsgQuestion {
     using Time = KLVMsgTimeLimit::Clock::time_point;
 
     // False when the time is over. Requires: the session's mutex is not held.
-    bool Wait(Time limit) {
-        KLVMsgLinger& linger = KLVMsgLinger::OfThread();
-        if (linger.Begin()) {
-            linger.Look(limit, [this] { return m_isReady.load(); });
-        }
-        std::unique_lock<std::mutex> lock(m_mutex);
-        const bool ready = m_ready.wait_until(lock, limit, [this] { return m_isReady.load(); });
-        linger.End(ready);
-        return ready;
-    }
-    void Wake() {
-        const std::lock_guard<std::mutex> lock(m_mutex);  // until then it is not destroyed
-        m_isReady = true;
-        m_ready.notify_one();
-    }
+    bool Wait(Time limit) { return m_ready.Wait(limit); }
+
+    // Once, and the last that is done with it. Requires: it is over.
+    void Wake() { m_ready.Signal(); }
 
     // Guarded by the session's mutex, until it is over.
     KLVMsgDelivery delivery;  // of the question
@@ -87,11 +77,10 @@ struct KLVMsgQuestion {
     std::string_view body;       // of the answer
     char bytes[KLVMsgParcel::kShort];
     KLVMsgOutcome failure;
+    KLVMsgQuestion* nextAnswered = nullptr;  // of those that are to be woken
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_ready;
-    std::atomic<bool> m_isReady{false};  // changes with the mutex held
+    KLVMsgSignal m_ready;
 };
 
 // What stands behind KLVMsgSession. The mutex guards all of it but the types, which do not change
@@ -381,6 +370,7 @@ private:
     void OnGreeted(Lock& lock, KLVMsgLoop::Link& link,
                    const KLVMsgTransport::Greeting& greeting) override;
     void OnListenerFailed(const KLVMsgLoop::Listener& listener, int error) override;
+    void OnGroupCame(Lock& lock) override;
     void OnErrand(Lock& lock) override { TellObserver(lock); }
     void OnReadable() override;
 
@@ -419,6 +409,8 @@ private:
 
     std::atomic<std::uint64_t> m_lastQuestion{0};  // its number
     KLVMsgQuestionCounts m_questions;              // but for those that wait
+    KLVMsgQuestion* m_firstAnswered = nullptr;     // and not woken yet
+    KLVMsgQuestion** m_lastAnswered = &m_firstAnswered;
 
     std::vector<Handler> m_handlers;  // by type, as far as there have been any
     EventHandler m_eventHandler;      // null: events are NextEvent's

@@ -1,4 +1,4 @@
-// Fifteen threads that do everything with sessions at once, at random: connect, send, post,
+// Sixteen threads that do everything with sessions at once, at random: connect, send, post, ask,
 // receive, label, disconnect, end. Each message arrives once, in order, or its fate was told.
 // Usage: session_turmoil SECONDS [SEED]
 #include <chrono>
@@ -62,7 +62,24 @@ struct Sender {
     Flow& flow = NewFlow(number);
 };
 
-// Connects, sends, receives some of the echoes, and breaks off, again and again.
+// Asks, and mostly gives up about when the answer comes.
+void Ask(Session& client, const std::string& label) {
+    const Quiz quiz(label + std::to_string(Random(1000)));
+    const auto answer =
+        client.Ask<Quiz>(label, quiz, Random(4) == 0 ? ever : KLVMsgTimeLimit(1ms * Random(3)));
+    Require(answer
+                ? answer->text == quiz.text
+                : answer.status == KLVMsgOutcome::kTooLate || answer.status == KLVMsgOutcome::kFull,
+            "falsely answered: " + answer.KLVMsgOutcome::text);
+}
+
+void AnswerAll(Session& server) {
+    while (const auto quiz = server.Receive<Quiz>(ever)) {
+        server.Answer(quiz, *quiz);
+    }
+}
+
+// Connects, sends, asks, receives some of the echoes, and breaks off, again and again.
 void Talk(Session& client, int port, int thread) {
     while (!over) {
         Sender sender(client, std::to_string(thread));
@@ -70,6 +87,7 @@ void Talk(Session& client, int port, int thread) {
         do {
             sender.Send(Random(50));
             client.ReceiveAll<Other>(0ms, sender.label);
+            Ask(client, sender.label);
             sender.Send(1);
             if (sender.flow.told.back() == 'd') {
                 Require(bool(client.Receive<Other>(ever, sender.label)), "no echo");
@@ -125,6 +143,7 @@ void Run(int seconds) {
     Session server, client(options);
     receiver = &server;
     auto echo = std::async(std::launch::async, [&] { Echo(server); });
+    auto answering = std::async(std::launch::async, [&] { AnswerAll(server); });
     std::vector<std::future<void>> threads;
     const auto start = [&](auto... all) {
         threads.push_back(std::async(std::launch::async, all...));
@@ -145,6 +164,7 @@ void Run(int seconds) {
             "the server keeps something");
     server.End(ever);
     echo.wait();
+    answering.wait();
     for (Flow& flow : flows) {
         flow.arrived.resize(flow.told.size(), '-');
         for (std::size_t i = 0; i < flow.told.size(); ++i) {
