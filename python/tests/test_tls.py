@@ -107,6 +107,23 @@ def test_an_end_without_a_word_is_a_cut_and_a_stranger_hears_why(
         accepted.close()
 
 
+def test_a_context_that_does_not_verify_the_other_side_is_refused(
+    files: Files, listener: socket.socket
+) -> None:
+    careless = files("gateway", True)
+    careless.verify_mode = ssl.CERT_OPTIONAL
+    for wrong, words in ((files("press"), "for the other side"), (careless, "not be verified")):
+        with pytest.raises(ValueError, match=words):
+            klvmsg.serve(0, tls=wrong)
+        with pytest.raises(ValueError, match=words):
+            asyncio.run(aio.serve(0, tls=wrong))
+    careless = files("press")
+    careless.check_hostname = False
+    for wrong in files("gateway", True), careless:
+        with pytest.raises(ValueError, match="other side"):
+            klvmsg.connect("127.0.0.1", listener.getsockname()[1], tls=wrong, timeout=LIMIT)
+
+
 def test_who_is_not_read_ends_in_time_and_still_hears(files: Files) -> None:
     def stuck() -> Tuple[klvmsg.Connection, klvmsg.Connection]:
         server._socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)

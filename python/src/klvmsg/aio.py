@@ -19,7 +19,7 @@ from .errors import PeerGone, TimedOut
 from .listening import Listening, listen
 from .rules import Rules, as_rules
 from .sockets import time_limit
-from .tls import GREETING, TlsSocket
+from .tls import GREETING, TlsSocket, check
 from .wire import MAX_BODY
 
 __all__ = ["Connection", "Message", "Server", "connect", "serve"]
@@ -270,6 +270,8 @@ async def serve(
 ) -> Server:
     """As `klvmsg.serve`."""
     understood = as_rules(rules)
+    if tls is not None:
+        check(tls, is_server=True)
     sock = await asyncio.get_running_loop().run_in_executor(None, listen, host, port)
     sock.setblocking(False)
     return Server(sock, understood, max_body, max_name, tls)

@@ -13,7 +13,7 @@ from .errors import PeerGone, TimedOut
 from .listening import Listening, listen
 from .rules import Rules, as_rules
 from .sockets import time_limit, wait
-from .tls import GREETING, greeted
+from .tls import GREETING, check, greeted
 from .wire import MAX_BODY
 
 
@@ -189,7 +189,7 @@ def connect(
     `max_name`, is taken for a sign that the stream is out of step; the library's own receivers take
     names of up to 2^31 - 2 bytes. With `tls` (see `klvmsg.tls.context`) the connection is protected,
     and the server has admitted us. Raises OSError with the cause, TimedOut, and ValueError for rules
-    that are not understood.
+    that are not understood or a context that does not verify the server.
     """
     understood = as_rules(rules)
     remaining = time_limit(timeout)
@@ -213,10 +213,13 @@ def serve(
 ) -> Server:
     """Listens for programs that connect; port 0 lets the system choose one, see `Server.port`.
 
-    With `tls` (see `klvmsg.tls.context`) they are protected and verified. Raises OSError with the
-    cause, and ValueError for rules that are not understood.
+    With `tls` (see `klvmsg.tls.context`, with `server=True`) they are protected and verified. Raises
+    OSError with the cause, and ValueError for rules that are not understood or a context that does not
+    verify clients.
     """
     understood = as_rules(rules)
+    if tls is not None:
+        check(tls, is_server=True)
     sock = listen(host, port)
     sock.setblocking(False)
     return Server(sock, understood, max_body, max_name, tls)

@@ -43,6 +43,15 @@ def context(certificate: str, key: str, authority: str, *, server: bool = False)
     return made
 
 
+def check(tls: ssl.SSLContext, is_server: bool) -> None:
+    """Raises ValueError for a context of the other side's, or one that would let in whom nobody vouches
+    for."""
+    if tls.protocol == (ssl.PROTOCOL_TLS_CLIENT if is_server else ssl.PROTOCOL_TLS_SERVER):
+        raise ValueError(f"this context is for the other side: server={not is_server}")
+    if tls.verify_mode != ssl.CERT_REQUIRED or not (tls.check_hostname or is_server):
+        raise ValueError("with this context the other side would not be verified")
+
+
 def words(error: OSError) -> str:
     """What a failure of TLS means, without where in OpenSSL it was noticed."""
     if isinstance(error, ssl.SSLCertVerificationError):
@@ -78,12 +87,11 @@ class TlsSocket:
     ) -> None:
         """Takes the socket over, of a client that expects this name or address, or of a server.
 
-        Raises ValueError for a context that would let in whom nobody vouches for.
+        Raises ValueError, as `check` does.
         """
-        if tls.verify_mode != ssl.CERT_REQUIRED or not (tls.check_hostname or server_name is None):
-            raise ValueError("with this context the other side would not be verified")
         self._socket = sock
         self._is_server = server_name is None
+        check(tls, self._is_server)
         self._incoming, self._outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
         self._tls = tls.wrap_bio(
             self._incoming, self._outgoing, self._is_server, server_hostname=server_name
