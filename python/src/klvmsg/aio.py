@@ -187,12 +187,13 @@ class Connection(_Waiting, Channel):
             yield message
 
     async def finish(self, timeout: Optional[float] = None) -> None:
-        """As `klvmsg.Connection.finish`."""
+        """As `klvmsg.Connection.finish`, behind a message that another task sends."""
         left = time_limit(timeout)
         try:
-            while not self._end_output():
-                if not await self._writable(left()):
-                    raise TimedOut("the peer does not take the end in time")
+            async with _Turn(self._sender, left):
+                while not self._end_output():
+                    if not await self._writable(left()):
+                        raise TimedOut("the peer does not take the end in time")
             while not self._drop_input():
                 if not await self._more(left()):
                     raise TimedOut("the peer does not close the connection in time")
