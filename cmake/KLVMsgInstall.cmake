@@ -85,7 +85,8 @@ if(TARGET klvmsg-bridge)
   install(TARGETS klvmsg-bridge RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT bridge)
   install(FILES KLVMsgBridge/klvmsg-bridge.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT bridge)
-  install(FILES KLVMsgBridge/systemd/klvmsg-bridge@.service
+  configure_file(KLVMsgBridge/systemd/klvmsg-bridge@.service.in klvmsg-bridge@.service @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/klvmsg-bridge@.service
     DESTINATION lib/systemd/system COMPONENT bridge)
 endif()
 

@@ -19,6 +19,7 @@ BUILD = pathlib.Path(sys.argv[1])
 ROUNDS = int(sys.argv[2]) if len(sys.argv) > 2 else 3
 SIZE = 100
 WINDOW = 8192
+TAKEN = 33  # bytes of a message KLVMsgBridgeTaken, of which the last 8 tell up to which all are stored
 
 
 def bare(servers, subject, count, *window):
@@ -41,10 +42,9 @@ def bridge(servers, count, *options):
             for _ in range(count // 1000):
                 peer.sendall(message * 1000)
             if options:
-                answer = b""
-                while struct.unpack("=Q", answer[-8:])[0] < count if len(answer) >= 33 else True:
-                    answer += peer.recv(65536)
-                    answer = answer[-(33 + len(answer) % 33):]
+                answers = peer.makefile("rb")
+                while struct.unpack_from("=Q", answers.read(TAKEN), TAKEN - 8)[0] < count:
+                    pass
                 return count / (time.monotonic() - start)
             # The bridge closes once it has published the last message.
             peer.shutdown(socket.SHUT_WR)

@@ -242,7 +242,7 @@ EOF
   cp -r "$1/srv/first" "$2/srv/first"
   run_in "$2" tester offline <<'EOF'
 cd /usr/share/doc
-grep -roP --include=*.md '\]\(\K(?!https?:)[^)#]+' *klvmsg* | while IFS=: read -r page link; do
+grep -roP --include=*.md '\]\(\K(?!https?:)[^)# ]+(?=[)#])' *klvmsg* | while IFS=: read -r page link; do
   [ -e "${page%/*}/$link" ] || { echo "$page: nothing is at $link"; exit 1; }
 done
 cmake -S /usr/share/doc/libklvmsgcommmodules-dev/examples -B ~/examples

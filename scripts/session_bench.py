@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Measures the session beside other messaging libraries, and prints each row beside its bar.
 
-session_bench.py BUILD [--runs N] [--only tls] [--document] [--smoke]: BUILD is a release build with the
+session_bench.py BUILD [--runs N] [--only tls | [--document] [--smoke]]: BUILD is a release build with the
 benchmarks; --only tls takes what is protected alone; --document puts the table into
 docs/performance.md; --smoke takes short runs, whose figures mean nothing, to try all of this.
 """
@@ -242,6 +242,8 @@ def main():
     parser.add_argument("--document", action="store_true")
     parser.add_argument("--smoke", action="store_true")
     options = parser.parse_args()
+    if options.only and (options.smoke or options.document):
+        parser.error("--only is for runs of full length whose rows are printed")  # the page has all rows
     runs = []
     for run in range(options.runs):
         print(f"session, run {run + 1} of {options.runs}", file=sys.stderr)

@@ -36,8 +36,9 @@ private:
 
     const Options& m_options;
     Log& m_log;
+    // Of those who are served, by port. Before the session, whose thread reads it up to its end.
+    std::vector<std::pair<int, std::string>> m_labels;
     KLVMsgSession m_session;
     std::unique_ptr<Publisher> m_publisher;
     std::vector<std::unique_ptr<Subscriber>> m_subscribers;
-    std::vector<std::pair<int, std::string>> m_labels;  // of those who are served, by port
 };

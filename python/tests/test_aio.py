@@ -142,6 +142,22 @@ def test_no_connection_tells_its_cause(listener: socket.socket) -> None:
     played(story)
 
 
+def test_finish_follows_a_message_that_is_on_its_way(listener: socket.socket) -> None:
+    async def story() -> None:
+        peer, other = await aio.connect("127.0.0.1", listener.getsockname()[1]), answer(listener)
+        note = message(b"Note", framed(bytes(10_000_000)))
+        sending = asyncio.create_task(peer.send("Note", bytes(10_000_000), LIMIT))
+        await asyncio.sleep(0)
+        finishing = asyncio.create_task(peer.finish(LIMIT))
+        await asyncio.sleep(0)
+        assert await asyncio.to_thread(read_all, other) == note
+        await sending
+        other.close()
+        await finishing
+
+    played(story)
+
+
 def test_it_talks_to_a_cpp_program(start: Any) -> None:
     async def story() -> None:
         async with await aio.serve(0) as server:

@@ -175,6 +175,8 @@ def test_no_connection_tells_its_cause(listener: socket.socket) -> None:
             klvmsg.serve(server.port)
         with pytest.raises(klvmsg.TimedOut):
             server.accept(0.05)
+    with pytest.raises(OSError, match="Bad file descriptor"):
+        server.accept(LIMIT)
     with pytest.raises(ConnectionRefusedError):
         klvmsg.connect("127.0.0.1", server.port)
     with pytest.raises(ValueError):

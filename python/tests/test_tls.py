@@ -5,6 +5,7 @@ import contextlib
 import os
 import pathlib
 import re
+import select
 import shutil
 import socket
 import ssl
@@ -17,7 +18,7 @@ from conftest import LIMIT, ROOT, answer, dial, framed, message, read_all, reset
 
 import klvmsg
 from klvmsg import aio
-from klvmsg.tls import context
+from klvmsg.tls import context, greeted
 
 pytestmark = pytest.mark.skipif(shutil.which("openssl") is None, reason="openssl is missing")
 Files = Callable[..., ssl.SSLContext]
@@ -104,6 +105,64 @@ def test_an_end_without_a_word_is_a_cut_and_a_stranger_hears_why(
         assert not gone.value.orderly
         peer.close()
         accepted.close()
+
+
+def test_a_context_that_does_not_verify_the_other_side_is_refused(
+    files: Files, listener: socket.socket
+) -> None:
+    careless = files("gateway", True)
+    careless.verify_mode = ssl.CERT_OPTIONAL
+    for wrong, words in ((files("press"), "for the other side"), (careless, "not be verified")):
+        with pytest.raises(ValueError, match=words):
+            klvmsg.serve(0, tls=wrong)
+        with pytest.raises(ValueError, match=words):
+            asyncio.run(aio.serve(0, tls=wrong))
+    careless = files("press")
+    careless.check_hostname = False
+    for wrong in files("gateway", True), careless:
+        with pytest.raises(ValueError, match="other side"):
+            klvmsg.connect("127.0.0.1", listener.getsockname()[1], tls=wrong, timeout=LIMIT)
+
+
+def test_who_is_not_read_ends_in_time_and_still_hears(files: Files) -> None:
+    def stuck() -> Tuple[klvmsg.Connection, klvmsg.Connection]:
+        server._socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        accepting = pool.submit(server.accept, LIMIT)
+        peer = klvmsg.connect("localhost", server.port, tls=files("press"), timeout=LIMIT)
+        peer._socket.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 4096)
+        with pytest.raises(klvmsg.TimedOut):
+            peer.send("Note", bytes(3_000_000), 0.1)
+        return peer, accepting.result(LIMIT)
+
+    with klvmsg.serve(0, tls=files("gateway", True)) as server, ThreadPoolExecutor() as pool:
+        peer, mute = stuck()
+        finishing = pool.submit(peer.finish, 0.1)
+        with mute:
+            with pytest.raises(klvmsg.TimedOut, match="does not take the end"):
+                finishing.result(LIMIT)
+        peer, mute = stuck()
+        mute.send("Note", b"last words")
+        mute.close()  # which resets the connection, since it has not read all
+        assert peer.receive(LIMIT).body == b"last words"
+        with pytest.raises(klvmsg.PeerGone):
+            peer.receive(LIMIT)
+        peer.close()
+
+
+def test_who_goes_before_being_admitted_is_missed_by_the_reader(
+    files: Files, listener: socket.socket
+) -> None:
+    with ThreadPoolExecutor() as pool:
+        client = dial(listener.getsockname()[1])
+        greeting = pool.submit(greeted, answer(listener), files("gateway", True), None, LIMIT)
+        client = files("press").wrap_socket(client, server_hostname="localhost")
+        near = greeting.result(LIMIT)
+    reset(client)
+    assert near.wait(select.POLLIN, LIMIT)
+    near.admit()
+    with pytest.raises(ConnectionResetError):
+        near.recv(1)
+    near.close()
 
 
 def test_tasks_talk_while_somebody_is_silent(files: Files) -> None:

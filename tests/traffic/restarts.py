@@ -282,6 +282,8 @@ class Account:
 
     def add_questions(self, client, came, answers):
         """Each has one outcome; one that was answered had its own answer, which the server has sent."""
+        if client.questions is None:
+            return [f"client {client.name} has failed before it told of its questions"]
         wrong = []
         (asked, answered, late, failed, dropped), words = client.questions
         outcomes = collections.Counter("".join(words))

@@ -8,18 +8,18 @@ loses nothing that has come; a message that has gone in part then is the last on
 from __future__ import annotations
 
 import asyncio
+import contextlib
 import select
 import socket
 import ssl
-from types import TracebackType
-from typing import Any, AsyncIterator, Callable, List, Optional, Type, Union
+from typing import Any, AsyncIterator, Callable, List, Optional, Union
 
 from .channel import MAX_NAME, Channel, Message
 from .errors import PeerGone, TimedOut
 from .listening import Listening, listen
-from .peer import time_limit
 from .rules import Rules, as_rules
-from .tls import GREETING, TlsSocket
+from .sockets import time_limit
+from .tls import GREETING, TlsSocket, check
 from .wire import MAX_BODY
 
 __all__ = ["Connection", "Message", "Server", "connect", "serve"]
@@ -30,17 +30,11 @@ _Left = Callable[[], Optional[float]]
 class _Waiting:
     """Tasks that wait for a socket, until it is closed."""
 
-    _socket: Any
-
-    def __init__(self) -> None:
+    def __init__(self, sock: Any) -> None:
+        self._socket = sock
         self._wakers: List[Callable[[], None]] = []
 
-    async def __aexit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        trace: Optional[TracebackType],
-    ) -> None:
+    async def __aexit__(self, *_: object) -> None:
         self.close()
 
     def close(self) -> None:
@@ -117,7 +111,7 @@ class Connection(_Waiting, Channel):
         max_body: int = MAX_BODY,
         max_name: int = MAX_NAME,
     ) -> None:
-        _Waiting.__init__(self)
+        _Waiting.__init__(self, sock)
         Channel.__init__(self, sock, rules, max_body, max_name)
         self._sender = asyncio.Lock()
         self._reading: Optional[asyncio.Future[None]] = None  # while a task waits for the socket
@@ -193,10 +187,13 @@ class Connection(_Waiting, Channel):
             yield message
 
     async def finish(self, timeout: Optional[float] = None) -> None:
-        """As `klvmsg.Connection.finish`."""
+        """As `klvmsg.Connection.finish`, behind a message that another task sends."""
         left = time_limit(timeout)
         try:
-            self._end_output()
+            async with _Turn(self._sender, left):
+                while not self._end_output():
+                    if not await self._writable(left()):
+                        raise TimedOut("the peer does not take the end in time")
             while not self._drop_input():
                 if not await self._more(left()):
                     raise TimedOut("the peer does not close the connection in time")
@@ -218,7 +215,7 @@ class Server(Listening, _Waiting):
         max_name: int = MAX_NAME,
         tls: Optional[ssl.SSLContext] = None,
     ) -> None:
-        _Waiting.__init__(self)
+        _Waiting.__init__(self, sock)
         Listening.__init__(self, sock, rules, max_body, max_name, tls)
         self._acceptor = asyncio.Lock()
 
@@ -227,29 +224,15 @@ class Server(Listening, _Waiting):
         left = time_limit(timeout)
         while True:
             async with _Turn(self._acceptor, left):
-                sock = await self._accepted(left)
+                while (sock := self._accepted()) is None:
+                    if not await self._readable(left()):
+                        raise TimedOut("nobody has connected in time")
             if self._tls is None:
                 return Connection(sock, *self._of_connections)
-            try:
-                protected = TlsSocket(sock, self._tls)
-                await _greet(protected, GREETING)
+            with contextlib.suppress(OSError):
+                protected = await _greeted(sock, self._tls, None, GREETING)
                 protected.admit()
                 return Connection(protected, *self._of_connections)
-            except (OSError, TimedOut):
-                sock.close()
-            except BaseException:
-                sock.close()
-                raise
-
-    async def _accepted(self, left: _Left) -> socket.socket:
-        while True:
-            try:
-                return self._socket.accept()[0]
-            except ConnectionAbortedError:
-                pass  # it has gone again before it was accepted
-            except BlockingIOError:
-                if not await self._readable(left()):
-                    raise TimedOut("nobody has connected in time") from None
 
     async def __aenter__(self) -> Server:
         return self
@@ -274,13 +257,7 @@ async def connect(
         raise TimedOut(f"no connection with {host}:{port} in time") from error
     if tls is None:
         return Connection(sock, understood, max_body, max_name)
-    try:
-        protected = TlsSocket(sock, tls, host)
-        await _greet(protected, left())
-    except BaseException:
-        sock.close()
-        raise
-    return Connection(protected, understood, max_body, max_name)
+    return Connection(await _greeted(sock, tls, host, left()), understood, max_body, max_name)
 
 
 async def serve(
@@ -294,28 +271,29 @@ async def serve(
 ) -> Server:
     """As `klvmsg.serve`."""
     understood = as_rules(rules)
+    if tls is not None:
+        check(tls, is_server=True)
     sock = await asyncio.get_running_loop().run_in_executor(None, listen, host, port)
     sock.setblocking(False)
     return Server(sock, understood, max_body, max_name, tls)
 
 
-class _Greeting(_Waiting):
-    """A connection that is not yet one."""
-
-    def __init__(self, protected: TlsSocket) -> None:
-        super().__init__()
-        self._socket = protected
-
-    async def done(self, timeout: Optional[float]) -> None:
-        left = time_limit(timeout)
-        while event := self._socket.greeting():
-            wait = self._readable if event == select.POLLIN else self._writable
+async def _greeted(
+    sock: socket.socket, tls: ssl.SSLContext, server_name: Optional[str], timeout: Optional[float]
+) -> TlsSocket:
+    """As `klvmsg.tls.greeted`."""
+    left = time_limit(timeout)
+    try:
+        protected = TlsSocket(sock, tls, server_name)
+        waiting = _Waiting(protected)
+        while event := protected.greeting():
+            wait = waiting._readable if event == select.POLLIN else waiting._writable
             if not await wait(left()):
                 raise TimedOut("the greeting has taken too long")
-
-
-async def _greet(protected: TlsSocket, timeout: Optional[float]) -> None:
-    await _Greeting(protected).done(timeout)
+        return protected
+    except BaseException:
+        sock.close()
+        raise
 
 
 async def _dial(host: str, port: int) -> socket.socket:

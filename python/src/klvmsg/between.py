@@ -3,25 +3,21 @@
 from __future__ import annotations
 
 import argparse
+import os
 import socket
 from typing import Callable, List, Optional
 
 from .events import LOST, Event
-from .exits import FILE, NO_CONNECTION, USAGE, Failure, missing
+from .exits import DONE, FILE, NO_CONNECTION, USAGE, Failure, missing
 from .listening import listen
+from .observers import Line, Printer
 from .relay import Protection, Relay, show_address
 from .rulefile import find_rule_file
 from .text import complain
 
 
-def open_entrance(options: argparse.Namespace) -> Optional[socket.socket]:
-    """The socket to which clients connect; says where it is. None where a capture is read."""
-    if options.pcap:
-        if options.listen or options.connect:
-            raise Failure(USAGE, "--pcap reads what was captured; --listen and --connect do not go with it")
-        return None
-    if not options.listen or not options.connect:
-        raise Failure(USAGE, "--listen and --connect are needed, or --pcap")
+def listen_as_told(options: argparse.Namespace) -> socket.socket:
+    """The socket to which clients connect; says where it is."""
     try:
         entrance = listen(*options.listen)
     except OSError as error:
@@ -29,6 +25,17 @@ def open_entrance(options: argparse.Namespace) -> Optional[socket.socket]:
         raise Failure(NO_CONNECTION, f"cannot listen on {where}: {error.strerror}") from error
     complain(f"listening on {show_address(entrance.getsockname())} for {show_address(options.connect)}")
     return entrance
+
+
+def open_entrance(options: argparse.Namespace) -> Optional[socket.socket]:
+    """The same, or None where a capture is read instead."""
+    if options.pcap:
+        if options.listen or options.connect:
+            raise Failure(USAGE, "--pcap reads what was captured; --listen and --connect do not go with it")
+        return None
+    if not options.listen or not options.connect:
+        raise Failure(USAGE, "--listen and --connect are needed, or --pcap")
+    return listen_as_told(options)
 
 
 def pass_on(
@@ -53,6 +60,19 @@ def pass_on(
         relay.run(options.connections)
     except KeyboardInterrupt:
         pass
+
+
+def print_what_passes(
+    options: argparse.Namespace, entrance: socket.socket, line: Line, keep: int,
+    protection: Optional[Protection] = None,
+) -> int:  # fmt: skip
+    """Passes everything on, prints a line for each event, and returns the exit code."""
+    printer = Printer(line)
+    pass_on(options, entrance, printer.observe, keep, protection)
+    if not printer.close():
+        complain("the last lines are not printed: the output takes none")
+        os._exit(DONE)  # Python's own end would wait for the output
+    return DONE
 
 
 def _read_capture(

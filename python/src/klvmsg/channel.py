@@ -176,9 +176,13 @@ class Channel:
         else:
             self._received.append(message)
 
-    def _end_output(self) -> None:
+    def _end_output(self) -> bool:
+        """Whether the system has taken the end; otherwise what is before it waits there."""
         try:
             self._socket.shutdown(socket.SHUT_WR)
+            return True
+        except BlockingIOError:
+            return False
         except OSError as error:
             raise _gone(error) from error
 

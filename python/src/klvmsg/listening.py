@@ -28,6 +28,13 @@ class Listening:
         self.host: str = sock.getsockname()[0]
         self.port: int = sock.getsockname()[1]
 
+    def _accepted(self) -> Optional[socket.socket]:
+        """Who has connected, if anybody has. Raises OSError once the socket is closed."""
+        try:
+            return self._socket.accept()[0]
+        except (BlockingIOError, ConnectionAbortedError):  # or it has gone again before
+            return None
+
 
 def listen(host: str, port: int) -> socket.socket:
     """A listening socket on a port that may have been used a moment ago. Raises OSError."""

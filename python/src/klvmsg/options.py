@@ -120,17 +120,25 @@ def count(text: str) -> int:
 # Groups of options ----------------------------------------------------------------------------
 
 
-def add_relay_options(parser: argparse.ArgumentParser) -> None:
-    """What stands between two programs needs to know of them."""
+def add_ends(parser: argparse.ArgumentParser, server: str, *, required: bool = False) -> None:
+    """Between whom a command stands, and for how long; `server` is the help on whom clients mean."""
     parser.add_argument(
-        "-l", "--listen", type=listen_address, metavar="[HOST:]PORT",
+        "-l", "--listen", type=listen_address, metavar="[HOST:]PORT", required=required,
         help="where clients connect, on 127.0.0.1 unless told otherwise; port 0 lets the system "
         "choose, and the port is printed",
     )  # fmt: skip
     parser.add_argument(
-        "-c", "--connect", type=connect_address, metavar="HOST:PORT",
-        help="the server that they mean",
+        "-c", "--connect", type=connect_address, metavar="HOST:PORT", required=required, help=server,
     )  # fmt: skip
+    parser.add_argument(
+        "-n", "--connections", type=count, metavar="N",
+        help="serve N connections and end; otherwise go on until Ctrl-C",
+    )  # fmt: skip
+
+
+def add_relay_options(parser: argparse.ArgumentParser) -> None:
+    """What stands between two programs needs to know of them."""
+    add_ends(parser, "the server that they mean")
     parser.add_argument(
         "--pcap", metavar="CAPTURE",
         help="stand nowhere, and read a capture (pcap or pcapng; needs dpkt)",
@@ -148,10 +156,6 @@ def add_relay_options(parser: argparse.ArgumentParser) -> None:
     parser.add_argument(
         "--max-name", type=count, default=MAX_NAME, metavar="BYTES",
         help="and so is a longer name of a type (%(default)s)",
-    )  # fmt: skip
-    parser.add_argument(
-        "-n", "--connections", type=count, metavar="N",
-        help="serve N connections and end; otherwise go on until Ctrl-C",
     )  # fmt: skip
 
 

@@ -2,33 +2,19 @@
 
 from __future__ import annotations
 
+import contextlib
 import select
 import socket
 import ssl
-import time
-from types import TracebackType
-from typing import Callable, Iterator, Optional, Type, Union
+from typing import Iterator, Optional, Union
 
 from .channel import MAX_NAME, Channel, Message
 from .errors import PeerGone, TimedOut
 from .listening import Listening, listen
 from .rules import Rules, as_rules
-from .tls import GREETING, TlsSocket
+from .sockets import time_limit, wait
+from .tls import GREETING, check, greeted
 from .wire import MAX_BODY
-
-
-def time_limit(timeout: Optional[float]) -> Callable[[], Optional[float]]:
-    """What is left of a time limit that begins now."""
-    if timeout is None:
-        return lambda: None
-    deadline = time.monotonic() + timeout
-    return lambda: max(0.0, deadline - time.monotonic())
-
-
-def _wait(sock: Union[socket.socket, TlsSocket], event: int, seconds: Optional[float]) -> bool:
-    poll = select.poll()  # unlike select(), it takes descriptors of any number
-    poll.register(sock, event)
-    return bool(poll.poll(None if seconds is None else seconds * 1000))
 
 
 class _Closing:
@@ -37,12 +23,7 @@ class _Closing:
     def close(self) -> None:
         raise NotImplementedError
 
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        trace: Optional[TracebackType],
-    ) -> None:
+    def __exit__(self, *_: object) -> None:
         self.close()
 
 
@@ -68,7 +49,7 @@ class Connection(Channel, _Closing):
         self._begin(type, body)
         try:
             while not self._push():
-                if not _wait(self._socket, select.POLLOUT, remaining()):
+                if not wait(self._socket, select.POLLOUT, remaining()):
                     raise TimedOut("the peer does not take the message in time")
         finally:
             self._give_up()
@@ -85,7 +66,7 @@ class Connection(Channel, _Closing):
             message = self._next()
             if message is not None:
                 return message
-            if not _wait(self._socket, select.POLLIN, remaining()):
+            if not wait(self._socket, select.POLLIN, remaining()):
                 raise TimedOut("no message has come in time")
 
     def ask(self, type: str, body: bytes = b"", timeout: Optional[float] = None) -> Message:
@@ -106,7 +87,7 @@ class Connection(Channel, _Closing):
                 answer = self._next(wanted)
                 if answer is not None:
                     return answer
-                if not _wait(self._socket, select.POLLIN, remaining()):
+                if not wait(self._socket, select.POLLIN, remaining()):
                     raise TimedOut("no answer has come in time")
         finally:
             self._forget(wanted, is_sent)
@@ -141,9 +122,11 @@ class Connection(Channel, _Closing):
         """
         remaining = time_limit(timeout)
         try:
-            self._end_output()
+            while not self._end_output():
+                if not wait(self._socket, select.POLLOUT, remaining()):
+                    raise TimedOut("the peer does not take the end in time")
             while not self._drop_input():
-                if not _wait(self._socket, select.POLLIN, remaining()):
+                if not wait(self._socket, select.POLLIN, remaining()):
                     raise TimedOut("the peer does not close the connection in time")
         finally:
             self.close()
@@ -163,22 +146,20 @@ class Server(Listening, _Closing):
         """The next program that connects. Raises TimedOut; OSError once the server is closed.
 
         With TLS one who fails in its greeting, or takes longer than ten seconds, is turned away, and
-        the next one waited for.
+        the next one waited for. A greeting that has begun has its ten seconds, whatever is left of
+        the time limit.
         """
         remaining = time_limit(timeout)
         while True:
-            if not _wait(self._socket, select.POLLIN, remaining()):
-                raise TimedOut("nobody has connected in time")
-            try:
-                sock = self._socket.accept()[0]
-            except (BlockingIOError, ConnectionAbortedError):
-                continue  # it has gone again before it was accepted
+            while (sock := self._accepted()) is None:
+                if not wait(self._socket, select.POLLIN, remaining()):
+                    raise TimedOut("nobody has connected in time")
             if self._tls is None:
                 return Connection(sock, *self._of_connections)
-            try:
-                return Connection(_admitted(sock, self._tls), *self._of_connections)
-            except (OSError, TimedOut):
-                sock.close()
+            with contextlib.suppress(OSError):
+                protected = greeted(sock, self._tls, None, GREETING)
+                protected.admit()
+                return Connection(protected, *self._of_connections)
 
     def close(self) -> None:
         """Ends listening; accepted connections go on. May be called again."""
@@ -208,7 +189,7 @@ def connect(
     `max_name`, is taken for a sign that the stream is out of step; the library's own receivers take
     names of up to 2^31 - 2 bytes. With `tls` (see `klvmsg.tls.context`) the connection is protected,
     and the server has admitted us. Raises OSError with the cause, TimedOut, and ValueError for rules
-    that are not understood.
+    that are not understood or a context that does not verify the server.
     """
     understood = as_rules(rules)
     remaining = time_limit(timeout)
@@ -218,13 +199,7 @@ def connect(
         raise TimedOut(f"no connection with {host}:{port} in time") from error
     if tls is None:
         return Connection(sock, understood, max_body, max_name)
-    try:
-        protected = TlsSocket(sock, tls, host)
-        protected.greet(remaining())
-    except BaseException:
-        sock.close()
-        raise
-    return Connection(protected, understood, max_body, max_name)
+    return Connection(greeted(sock, tls, host, remaining()), understood, max_body, max_name)
 
 
 def serve(
@@ -238,17 +213,13 @@ def serve(
 ) -> Server:
     """Listens for programs that connect; port 0 lets the system choose one, see `Server.port`.
 
-    With `tls` (see `klvmsg.tls.context`) they are protected and verified. Raises OSError with the
-    cause, and ValueError for rules that are not understood.
+    With `tls` (see `klvmsg.tls.context`, with `server=True`) they are protected and verified. Raises
+    OSError with the cause, and ValueError for rules that are not understood or a context that does not
+    verify clients.
     """
     understood = as_rules(rules)
+    if tls is not None:
+        check(tls, is_server=True)
     sock = listen(host, port)
     sock.setblocking(False)
     return Server(sock, understood, max_body, max_name, tls)
-
-
-def _admitted(sock: socket.socket, tls: ssl.SSLContext) -> TlsSocket:
-    protected = TlsSocket(sock, tls)
-    protected.greet(GREETING)
-    protected.admit()
-    return protected

@@ -5,6 +5,7 @@ Each connection has two threads, one for each direction, so that neither waits f
 
 from __future__ import annotations
 
+import contextlib
 import errno
 import fcntl
 import itertools
@@ -18,10 +19,10 @@ import threading
 import time
 from typing import Callable, List, NamedTuple, Optional, Tuple, Union
 
-from .errors import TimedOut
 from .events import ENDED, FAILED, LOST, MESSAGE, OPENED, TO_CLIENT, TO_SERVER, Event
 from .rules import Bytes, Rules
-from .tls import GREETING, TlsSocket, words
+from .sockets import wait
+from .tls import GREETING, TlsSocket, greeted, words
 from .wire import MAX_BODY, MAX_NAME, Decoder
 
 Address = Tuple[str, int]
@@ -115,19 +116,17 @@ class Relay:
 
         report(OPENED, f"{show_address(address)} to {show_address(self._server)}")
         near: Socket = client
-        where = "the client"
         try:
             if self._protection and self._protection.of_clients:
-                near = TlsSocket(client, self._protection.tls)
-                near.greet(GREETING)
-            where = f"cannot connect to {show_address(self._server)}"
+                near = greeted(client, self._protection.tls, None, GREETING)
+        except OSError as error:
+            return report(FAILED, f"the client: {words(error)}")
+        try:
             server = self._connect()
-        except (OSError, TimedOut) as error:
-            if where != "the client":
-                _reset_when_closed(near)
+        except OSError as error:
+            _reset_when_closed(near)
             near.close()
-            cause = words(error) if isinstance(error, OSError) else error
-            return report(FAILED, f"{where}: {cause}")
+            return report(FAILED, f"cannot connect to {show_address(self._server)}: {words(error)}")
         if isinstance(near, TlsSocket):
             near.admit()
         for sock in (near, server):
@@ -139,13 +138,7 @@ class Relay:
         server.settimeout(None)
         if self._protection is None or self._protection.of_clients:
             return server
-        try:
-            protected = TlsSocket(server, self._protection.tls, self._server[0])
-            protected.greet(_CONNECT_TIMEOUT)
-        except BaseException:
-            server.close()
-            raise
-        return protected
+        return greeted(server, self._protection.tls, self._server[0], _CONNECT_TIMEOUT)
 
     def _carry(self, number: int, client: Socket, server: Socket) -> None:
         broken: List[str] = []
@@ -264,9 +257,7 @@ def _send_record(
 def _readable(sock: Socket, seconds: float) -> bool:
     if isinstance(sock, TlsSocket):
         return sock.wait(select.POLLIN, seconds)
-    poll = select.poll()
-    poll.register(sock, select.POLLIN)
-    return bool(poll.poll(seconds * 1000))
+    return wait(sock, select.POLLIN, seconds)
 
 
 def _reset_when_closed(sock: Socket) -> None:
@@ -276,10 +267,12 @@ def _reset_when_closed(sock: Socket) -> None:
 
 
 def _end(sock: Socket, direction: int) -> None:
-    try:
-        sock.shutdown(direction)
-    except OSError:
-        pass  # that side has gone already
+    with contextlib.suppress(OSError):  # that side has gone already
+        while True:
+            try:
+                return sock.shutdown(direction)
+            except BlockingIOError:
+                wait(sock, select.POLLOUT)
 
 
 def _drain(sock: Socket) -> None:

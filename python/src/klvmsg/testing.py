@@ -13,8 +13,7 @@ from __future__ import annotations
 import socket
 import struct
 import threading
-from types import TracebackType
-from typing import Callable, List, Optional, Type, Union
+from typing import Callable, List, Optional, Union
 
 from .channel import Message
 from .errors import PeerGone, TimedOut
@@ -125,12 +124,7 @@ class Running:
     def __enter__(self) -> Running:
         return self
 
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        trace: Optional[TracebackType],
-    ) -> None:
+    def __exit__(self, *_: object) -> None:
         self._thread.join()
         if self._failure is not None:
             raise self._failure

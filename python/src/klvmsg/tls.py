@@ -13,10 +13,10 @@ import socket
 import ssl
 import struct
 import threading
-import time
 from typing import Any, Optional
 
 from .errors import TimedOut
+from .sockets import time_limit, wait
 
 _ADMITTED = b"\x01"
 _PIECE = 65536
@@ -43,6 +43,15 @@ def context(certificate: str, key: str, authority: str, *, server: bool = False)
     return made
 
 
+def check(tls: ssl.SSLContext, is_server: bool) -> None:
+    """Raises ValueError for a context of the other side's, or one that would let in whom nobody vouches
+    for."""
+    if tls.protocol == (ssl.PROTOCOL_TLS_CLIENT if is_server else ssl.PROTOCOL_TLS_SERVER):
+        raise ValueError(f"this context is for the other side: server={not is_server}")
+    if tls.verify_mode != ssl.CERT_REQUIRED or not (tls.check_hostname or is_server):
+        raise ValueError("with this context the other side would not be verified")
+
+
 def words(error: OSError) -> str:
     """What a failure of TLS means, without where in OpenSSL it was noticed."""
     if isinstance(error, ssl.SSLCertVerificationError):
@@ -50,6 +59,19 @@ def words(error: OSError) -> str:
     if isinstance(error, ssl.SSLError) and error.reason:
         return error.reason.lower().replace("_", " ")
     return error.strerror or str(error)
+
+
+def greeted(
+    sock: socket.socket, tls: ssl.SSLContext, server_name: Optional[str], timeout: Optional[float]
+) -> TlsSocket:
+    """Takes the socket over, and greets. Raises what both do; the socket is closed then."""
+    try:
+        protected = TlsSocket(sock, tls, server_name)
+        protected.greet(timeout)
+        return protected
+    except BaseException:
+        sock.close()
+        raise
 
 
 class TlsSocket:
@@ -65,12 +87,11 @@ class TlsSocket:
     ) -> None:
         """Takes the socket over, of a client that expects this name or address, or of a server.
 
-        Raises ValueError for a context that would let in whom nobody vouches for.
+        Raises ValueError, as `check` does.
         """
-        if tls.verify_mode != ssl.CERT_REQUIRED or not (tls.check_hostname or server_name is None):
-            raise ValueError("with this context the other side would not be verified")
         self._socket = sock
         self._is_server = server_name is None
+        check(tls, self._is_server)
         self._incoming, self._outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
         self._tls = tls.wrap_bio(
             self._incoming, self._outgoing, self._is_server, server_hostname=server_name
@@ -86,13 +107,9 @@ class TlsSocket:
 
     def greet(self, timeout: Optional[float]) -> None:
         """Shakes hands, and as a client waits to be admitted. Raises OSError with the cause, TimedOut."""
-        deadline = None if timeout is None else time.monotonic() + timeout
-        while True:
-            event = self.greeting()
-            if not event:
-                return
-            left = None if deadline is None else deadline - time.monotonic()
-            if (left is not None and left <= 0) or not self.wait(event, left):
+        left = time_limit(timeout)
+        while event := self.greeting():
+            if not wait(self._socket, event, left()):
                 raise TimedOut("the greeting has taken too long")
 
     def greeting(self) -> int:
@@ -113,20 +130,18 @@ class TlsSocket:
                         if not self._pull():
                             return select.POLLIN
             except ssl.SSLError as error:
-                self._push()  # the alert that tells the peer
+                self._try_to_push()  # the alert that tells the peer
                 raise ConnectionError(errno.EPROTO, words(error)) from error
 
     def admit(self) -> None:
-        """As a server that has greeted: tells the client that it may come."""
-        self.send(_ADMITTED)
+        """As a server that has greeted: tells the client that it may come. That it has gone meanwhile
+        is noticed by who reads."""
+        with contextlib.suppress(OSError):
+            self.send(_ADMITTED)
 
     def wait(self, event: int, seconds: Optional[float] = None) -> bool:
         """False when the time is over."""
-        if event == select.POLLIN and self.has_come():
-            return True
-        poll = select.poll()
-        poll.register(self._socket, event)
-        return bool(poll.poll(None if seconds is None else seconds * 1000))
+        return (event == select.POLLIN and self.has_come()) or wait(self._socket, event, seconds)
 
     def has_come(self) -> bool:
         """Whether something can be received though nothing may come any more."""
@@ -165,11 +180,12 @@ class TlsSocket:
     def recv(self, count: int) -> bytes:
         """What has come; b"" when the peer has ended its output. Raises BlockingIOError, OSError."""
         with self._lock:
-            while not self._open():
-                if not self._pull():
-                    self._push()  # reading may have made records, such as new keys
-                    raise BlockingIOError
-            self._push()
+            try:
+                while not self._open():
+                    if not self._pull():
+                        raise BlockingIOError
+            finally:
+                self._try_to_push()  # reading may have made records, such as new keys
             data, self._came = self._came[:count], self._came[count:]
             return data
 
@@ -184,7 +200,8 @@ class TlsSocket:
                 self.wait(select.POLLIN)
 
     def shutdown(self, how: int) -> None:
-        """SHUT_WR says farewell, and what the peer still says can be received. May wait for the system."""
+        """SHUT_WR says farewell, and what the peer still says can be received. Raises OSError, and
+        BlockingIOError as long as the system has not taken all records: call it again then."""
         if how != socket.SHUT_WR:
             self._socket.shutdown(how)
             return
@@ -192,7 +209,8 @@ class TlsSocket:
             while self._read():
                 pass  # unwrap takes what is there for an answer
             self._say_farewell()
-        self.sendall(b"")
+            if not self._push():
+                raise BlockingIOError
         self._socket.shutdown(how)
 
     def fileno(self) -> int:
@@ -208,8 +226,7 @@ class TlsSocket:
         with self._lock:
             if self._is_greeted and not self._is_silent:
                 self._say_farewell()
-                with contextlib.suppress(OSError):
-                    self._push()
+                self._try_to_push()
         self._socket.close()
 
     def getpeername(self) -> Any:
@@ -240,6 +257,11 @@ class TlsSocket:
             except BlockingIOError:
                 return False
         return True
+
+    def _try_to_push(self) -> None:
+        """Where it fails, who sends next is told: what has come can still be received."""
+        with contextlib.suppress(OSError):
+            self._push()
 
     def _pull(self) -> bool:
         """Whether something has come from the system, an end included."""

@@ -7,18 +7,16 @@ import os
 import sys
 from typing import Callable, List, Optional
 
-from ..between import open_entrance, pass_on
+from ..between import open_entrance, pass_on, print_what_passes
 from ..calls import CALL_BYTES, Calls
 from ..decode import Decoders
 from ..events import Event, describe
 from ..exits import DONE, USAGE, Failure, missing
 from ..filters import Filter
-from ..observers import Printer
 from ..options import (
     RULES_HELP, Commands, add_command, add_relay_options, count, decoders, expression, selection,
 )  # fmt: skip
 from ..relay import show_address
-from ..text import complain
 
 _SHOWN = 200  # characters of what a body says
 
@@ -68,12 +66,7 @@ def run(options: argparse.Namespace) -> int:
     entrance = open_entrance(options)
     if entrance is None:
         return _print_capture(options, line, keep)
-    printer = Printer(line)
-    pass_on(options, entrance, printer.observe, keep)
-    if not printer.close():
-        complain("the last lines are not printed: the output takes none")
-        os._exit(DONE)  # Python's own end would wait for the output
-    return DONE
+    return print_what_passes(options, entrance, line, keep)
 
 
 def _print_capture(

@@ -5,12 +5,11 @@ from __future__ import annotations
 import argparse
 from typing import Optional
 
-from ..between import open_entrance, pass_on
+from ..between import listen_as_told, print_what_passes
 from ..calling import rules_argument
 from ..events import MESSAGE, Event, describe
-from ..exits import DONE, FILE, USAGE, Failure
-from ..observers import Printer
-from ..options import RULES_HELP, Commands, add_command, connect_address, count, listen_address
+from ..exits import FILE, Failure
+from ..options import RULES_HELP, Commands, add_command, add_ends
 from ..relay import Protection
 from ..rules import Rules
 from ..tls import context, words
@@ -29,14 +28,9 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
         "connection that comes, ends, or is turned away, with the cause.",
         RULES_HELP,
     )  # fmt: skip
-    parser.add_argument(
-        "-l", "--listen", type=listen_address, metavar="[HOST:]PORT",
-        help="where clients connect, on 127.0.0.1 unless told otherwise; port 0 lets the system "
-        "choose, and the port is printed",
-    )  # fmt: skip
-    parser.add_argument(
-        "-c", "--connect", type=connect_address, metavar="HOST:PORT",
-        help="the server that they mean; its certificate has to be for this very name or address",
+    add_ends(
+        parser, "the server that they mean; its certificate has to be for this very name or address",
+        required=True,
     )  # fmt: skip
     parser.add_argument(
         "-s", "--side", choices=(CLIENTS, SERVER), required=True, help="which side speaks TLS",
@@ -51,16 +45,10 @@ def add(commands: Commands[argparse.ArgumentParser]) -> None:
         "-r", "--rules", type=rules_argument, default=Rules(), metavar="RULES|@FILE",
         help="how long bodies are, see below: so that headers are not cut for who takes them whole",
     )  # fmt: skip
-    parser.add_argument(
-        "-n", "--connections", type=count, metavar="N",
-        help="serve N connections and end; otherwise go on until Ctrl-C",
-    )  # fmt: skip
-    parser.set_defaults(pcap=None, max_body=MAX_BODY, max_name=MAX_NAME)
+    parser.set_defaults(max_body=MAX_BODY, max_name=MAX_NAME)
 
 
 def run(options: argparse.Namespace) -> int:
-    if not options.listen or not options.connect:
-        raise Failure(USAGE, "--listen and --connect are needed")
     of_clients = options.side == CLIENTS
     try:
         tls = context(options.certificate, options.key, options.authority, server=of_clients)
@@ -71,7 +59,4 @@ def run(options: argparse.Namespace) -> int:
     def line(event: Event) -> Optional[str]:
         return None if event.kind == MESSAGE else describe(event)
 
-    printer = Printer(line)
-    pass_on(options, open_entrance(options), printer.observe, 0, Protection(tls, of_clients))
-    printer.close()
-    return DONE
+    return print_what_passes(options, listen_as_told(options), line, 0, Protection(tls, of_clients))
