@@ -243,13 +243,15 @@ private:
     static bool MoveQueue(KLVMsgOutput& from, Queue& awaited, KLVMsgOutput& to, Queue& toAwaited);
     void MoveRoomless(KLVMsgPeer from, KLVMsgPeer to);
     void OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsgDescriptor socket);
+    template <class Step>
+    void GoOn(KLVMsgKeep& keep, const Step& step);
     KLVMsgOutcome ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket);
     KLVMsgOutcome GreetServer(KLVMsgKeep& keep, KLVMsgDescriptor socket);
     KLVMsgKeep* KeepThatGreets(const KLVMsgLoop::Link& link) const;
     void GreetedServer(KLVMsgKeep& keep, const KLVMsgTransport::Greeting& greeting);
-    KLVMsgOutcome BeAdmitted(KLVMsgKeep& keep);
+    void GreetingFailed(KLVMsgKeep& keep, int error, const std::string& why);
+    KLVMsgOutcome BeAdmitted(KLVMsgKeep& keep, const KLVMsgLoop::LinkPtr& guest);
     void Resume(KLVMsgKeep& keep, Peer& made, KLVMsgLoop::LinkPtr spare);
-    void StayAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
     void TellAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
     void TellLost(const Peer& peer, std::size_t count, const char* why);
     std::size_t EndKeeps(const KLVMsgPeers& meant, const std::string& cause, std::size_t& lost);
