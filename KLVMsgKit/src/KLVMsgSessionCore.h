@@ -45,10 +45,12 @@ struct KLVMsgDelivery {
     bool failed = false;               // one of them went before all was taken
     std::string cause;                 // why, if there was memory for the words
 
-    void Fail(const std::string& why) {
+    // `why` makes the words.
+    template <class Why>
+    void Fail(const Why& why) {
         failed = true;
         try {
-            cause = why;
+            cause = why();
         } catch (const std::bad_alloc&) {
             cause.clear();
         }
@@ -211,10 +213,12 @@ private:
     using Queue = KLVMsgFifo<Peer::Awaited>;
     using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
 
+    static KLVMsgOutcome Outcome(KLVMsgOutcome::Status status, int error, std::string_view words);
     static KLVMsgOutcome Late();
     static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
     static KLVMsgOutcome InboxIsFull();
     static KLVMsgOutcome TooMany();
+    static KLVMsgOutcome NoRoom();
     KLVMsgOutcome Gone(const KLVMsgPeers& meant);
     KLVMsgOutcome IsReady() const;
     KLVMsgOutcome MayRegister() const;

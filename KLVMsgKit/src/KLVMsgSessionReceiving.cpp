@@ -43,7 +43,7 @@ KLVMsgOutcome HasHandler() {
 }  // namespace
 
 KLVMsgOutcome KLVMsgSessionCore::InboxIsFull() {
-    return {KLVMsgOutcome::kFull, ENOBUFS, kInboxIsFull};
+    return Outcome(KLVMsgOutcome::kFull, ENOBUFS, kInboxIsFull);
 }
 
 // The application's side --------------------------------------------------------------------------
