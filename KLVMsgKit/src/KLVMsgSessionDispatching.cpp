@@ -75,7 +75,7 @@ KLVMsgOutcome KLVMsgSessionCore::Dispatch(KLVMsgTimeLimit limit) {
         if (m_eventHandler == nullptr &&
             std::all_of(m_handlers.begin(), m_handlers.end(),
                         [](const Handler& one) { return one == nullptr; })) {
-            return {KLVMsgOutcome::kFailed, EINVAL, "no class has a handler"};
+            return {KLVMsgOutcome::kFailed, EINVAL, "nothing has a handler"};
         }
     }
     Taken taken;
