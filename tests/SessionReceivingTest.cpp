@@ -231,6 +231,21 @@ TEST(SessionReceiving, HandlersHaveTheirClassesAlone) {
     EXPECT_EQ("3", session.Next()) << "Receive has its class again";
 }
 
+TEST(SessionReceiving, HandlersOfSeveralThreadsMayWaitForEachOther) {
+    for (int i = 0; i < 20; ++i) {
+        Session session;
+        std::promise<void> handled;
+        session.Handle<Word>([&](auto) { handled.get_future().wait(); });
+        session.Handle<Other>([&](auto) { handled.set_value(); });
+        PlainPeer peer(session.port);
+        const auto dispatch = [&] { EXPECT_TRUE(session.Dispatch(ever)); };
+        auto one = std::async(dispatch), other = std::async(dispatch);
+        session.Receive<Quiz>(1ms);  // by now both mostly wait
+        peer.Send(WordBytes("1") + TextBytes("Other", "2"));
+        one.wait(), other.wait();
+    }
+}
+
 TEST(SessionReceiving, EventsAreHandledInOrderAmongMessages) {
     Session session;
     auto asking = std::async([&] { return session.NextEvent(ever).error; });

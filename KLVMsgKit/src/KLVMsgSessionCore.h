@@ -208,7 +208,7 @@ private:
         Handler handler;            // null where there is none
         KLVMsgEvent event;          // in place of a message, if `eventHandler` is one
         EventHandler eventHandler;  // null for a message
-        std::size_t left = 0;       // messages and events that have a handler
+        std::size_t left = 0;       // of the same set
     };
     using Queue = KLVMsgFifo<Peer::Awaited>;
     using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
@@ -371,7 +371,7 @@ private:
     std::list<Receiver*>& Receivers(std::uint32_t type);
     KLVMsgOutcome TakeOne(std::uint32_t set, const Wanted& wanted, Taken& taken);
     bool IsEventNext(std::uint32_t set, const KLVMsgParcel* found) const;
-    std::size_t CountHandled() const;
+    std::size_t CountOf(std::uint32_t set) const;
     void WakeForEvent();
     void TellObserver(Lock& lock);
 
