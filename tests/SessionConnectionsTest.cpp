@@ -20,10 +20,6 @@
 
 namespace {
 
-bool Has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 TEST(SessionConnections, MeetsAtEveryKindOfAddress) {
     for (const char* host : {twoAddresses, "localhost", "::1", "127.0.0.1", ""}) {
         Session server, client;

@@ -1,6 +1,7 @@
 #include <KLVMsgNetwork.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <future>
 
 #include "Faults.h"
@@ -131,6 +132,24 @@ TEST(SessionKeeping, WhoWaitsIsToldWhatIsThereAndWhatIsTaken) {
     auto none = std::async([&] { return session.WaitUntilThere("nobody", ever).status; });
     session.End(0ms);
     EXPECT_EQ(KLVMsgOutcome::kPeerGone, none.get());
+}
+
+TEST(SessionKeeping, AnEndThatThrowsHasNotBegun) {
+    const int port = Listener().address.port;
+    bool reached = true;
+    for (int n = 1; reached; ++n) {
+        Session session;
+        session.Keep(At(port), "kept"), session.Post("kept", Word("lost"));
+        const FailingAllocation fault(n);
+        int error = 0;
+        try {
+            error = session.End(ever).error;
+        } catch (const std::bad_alloc&) {
+            error = session.End(ever).error;
+        }
+        EXPECT_EQ(ENOTCONN, error) << n;
+        reached = fault.Count() >= n;
+    }
 }
 
 TEST(SessionDraining, WhatHasComeIsAnsweredAndNothingNewTaken) {

@@ -68,6 +68,9 @@ TEST(SessionReceiving, OtherTypesComeUnderTheirNames) {
     EXPECT_EQ(Pair("B", "3"), Pair(last->type, last->body));
     session.Post(last.peer, *last.message);
     EXPECT_EQ(TextBytes("B", "3"), peer.Receive(TextBytes("B", "3").size()));
+    peer.Send(TextBytes("Long", "").substr(0, 8) + std::string(4, '\x7f'));
+    EXPECT_EQ(KLVMsgEvent::kCame, session.NextEvent(ever).kind);
+    EXPECT_TRUE(Has(session.NextEvent(ever).what, " bytes for Long,"));
 }
 
 TEST(SessionReceiving, ReceiveAllTakesAllOfAClassThatAreThere) {
@@ -107,20 +110,26 @@ TEST(SessionReceiving, AFullInboxHoldsUpItsSender) {
     }
 }
 
+// What the mute one has sent fills an inbox of 1000 bytes; the other one has sent nothing.
+struct FullInbox : MutePair {
+    explicit FullInbox(const KLVMsgSessionOptions& options) : MutePair(options) {
+        session.Came("other");
+        mute.Send(WordBytes(std::string(2000, 'x')));
+        EXPECT_TRUE(session.Holds(1));
+    }
+    PlainPeer other{session.port};
+};
+
 TEST(SessionReceiving, WhoIsHeldForTheSakeOfAllGoesOnWhenHalfIsGone) {
     KLVMsgSessionOptions options;
     options.inboxLimitOfAll = 1000;
-    MutePair pair(options);
-    PlainPeer other(pair.session.port);
-    pair.session.Came("other");
-    pair.mute.Send(WordBytes(std::string(2000, 'x')));
-    EXPECT_TRUE(pair.session.Holds(1));
-    other.Send(WordBytes("1"));
+    FullInbox pair(options);
+    pair.other.Send(WordBytes("1"));
     EXPECT_TRUE(pair.session.Holds(2)) << "of whom nothing is there is read even then";
-    other.Send(WordBytes("2"));
+    pair.other.Send(WordBytes("2"));
     EXPECT_EQ("1", pair.session.Next("other"));
     EXPECT_TRUE(pair.session.Holds(2)) << "nor is anything there now";
-    other.Send(WordBytes("3"));
+    pair.other.Send(WordBytes("3"));
     EXPECT_EQ(2000U, pair.session.Next("mute").size());
     EXPECT_TRUE(pair.session.Holds(2));
 }
@@ -128,13 +137,9 @@ TEST(SessionReceiving, WhoIsHeldForTheSakeOfAllGoesOnWhenHalfIsGone) {
 TEST(SessionReceiving, WaitingReadsPastAFullInboxForThoseMeant) {
     KLVMsgSessionOptions options;
     options.inboxLimit = 1000;
-    MutePair pair(options);
-    PlainPeer another(pair.session.port);
-    pair.session.Came("wanted");
-    pair.mute.Send(WordBytes(std::string(2000, 'x')));
-    EXPECT_TRUE(pair.session.Holds(1));
+    FullInbox pair(options);
     pair.mute.Send(TextBytes("Other", "behind"));
-    EXPECT_EQ(KLVMsgOutcome::kTooLate, pair.session.Receive<Other>(10ms, "wanted").status);
+    EXPECT_EQ(KLVMsgOutcome::kTooLate, pair.session.Receive<Other>(10ms, "other").status);
     EXPECT_EQ(1U, pair.session.Counts().messagesInInbox);
     EXPECT_EQ("behind", pair.session.Next<Other>("mute"));
     // Whether it waits when the label is given or not, it gets what is behind.
@@ -143,10 +148,10 @@ TEST(SessionReceiving, WaitingReadsPastAFullInboxForThoseMeant) {
         std::promise<void> begun;
         auto waiting = std::async(std::launch::async, [&] {
             begun.set_value();
-            return pair.session.Next<Other>("wanted");
+            return pair.session.Next<Other>("other");
         });
         begun.get_future().wait();
-        pair.session.SetLabel(pair.id, "wanted");
+        pair.session.SetLabel(pair.id, "other");
         EXPECT_EQ("labelled", waiting.get());
         pair.session.SetLabel(pair.id, "mute");
     }
@@ -224,6 +229,21 @@ TEST(SessionReceiving, HandlersHaveTheirClassesAlone) {
     EXPECT_TRUE(session.Holds(3));
     EXPECT_EQ("1", session.ReceiveAny(ever, "mute").As<Word>()->text) << "the oldest of all";
     EXPECT_EQ("3", session.Next()) << "Receive has its class again";
+}
+
+TEST(SessionReceiving, HandlersOfSeveralThreadsMayWaitForEachOther) {
+    for (int i = 0; i < 20; ++i) {
+        Session session;
+        std::promise<void> handled;
+        session.Handle<Word>([&](auto) { handled.get_future().wait(); });
+        session.Handle<Other>([&](auto) { handled.set_value(); });
+        PlainPeer peer(session.port);
+        const auto dispatch = [&] { EXPECT_TRUE(session.Dispatch(ever)); };
+        auto one = std::async(dispatch), other = std::async(dispatch);
+        session.Receive<Quiz>(1ms);  // by now both mostly wait
+        peer.Send(WordBytes("1") + TextBytes("Other", "2"));
+        one.wait(), other.wait();
+    }
 }
 
 TEST(SessionReceiving, EventsAreHandledInOrderAmongMessages) {

@@ -168,4 +168,33 @@ TEST(SessionSending, APeerThatGoesIsToldWithItsCause) {
     }
 }
 
+// To two, one of which has no room, and goes.
+TEST(SessionSending, ThrowsOnlyWhatNobodyHas) {
+    KLVMsgSessionOptions options;
+    options.queueLimit = 1000;
+    bool reached = true;
+    for (int n = 1; reached; ++n) {
+        MutePair pair(options);
+        const PlainPeer other(pair.session.port);
+        const KLVMsgPeer reader = pair.session.Came("mute");
+        pair.session.Post(pair.id, flood);
+        const auto isSent = [&] { return pair.session.Counts(reader).messagesSent != 0; };
+        auto sending = std::async([&] {
+            const FailingAllocation fault(n);
+            bool thrown = false;
+            try {
+                pair.session.Send("mute", Word("1"), ever);
+            } catch (const std::bad_alloc&) {
+                thrown = true;
+            }
+            reached = fault.Count() >= n;
+            return thrown;
+        });
+        EXPECT_TRUE(Eventually(
+            [&] { return isSent() || sending.wait_for(0s) == std::future_status::ready; }));
+        pair.mute.Close();
+        EXPECT_FALSE(sending.get() && isSent()) << n;
+    }
+}
+
 }  // namespace

@@ -2,6 +2,7 @@
 #include <openssl/crypto.h>
 
 #include <cstdlib>
+#include <utility>
 
 #include "Certificates.h"
 #include "Lives.h"
@@ -85,6 +86,30 @@ TEST_F(TlsFaults, KeepComesBackWhereverItsMemoryRunsShort) {
         EXPECT_EQ("1", text) << n;
         reached = onLoop.Count() >= n;
         client.Disconnect("kept"), server.Disconnect(KLVMsgPeers::All());
+    }
+}
+
+TEST_F(TlsFaults, KeepTriesAgainWhereItsGreetingCannotGoOn) {
+    for (int n = 1; n <= 10; ++n) {
+        std::atomic<int> failed{0};
+        const Interposed onLoop([&, n](SystemCall& call) -> std::optional<long> {
+            thread_local std::optional<FailingAllocation> fault;
+            thread_local bool isFull = false;
+            if (call.name == "sendmsg") {
+                isFull = true;
+                return -EAGAIN;
+            }
+            if (call.name != "epoll_ctl" || !std::exchange(isFull, false)) {
+                return std::nullopt;
+            }
+            fault.emplace(n);
+            ++failed;
+            return -EMFILE;  // it cannot wait for room, and then memory runs short as well
+        });
+        const Listener mute(anyPort);
+        Session client;
+        EXPECT_TRUE(client.Keep(mute.address, "kept", tls));
+        EXPECT_TRUE(Eventually([&] { return failed > 1; }));
     }
 }
 

@@ -2,19 +2,15 @@
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 
-#include <atomic>
 #include <cerrno>
 #include <optional>
 
 #include "Certificates.h"
 #include "Faults.h"
+#include "Lives.h"
 #include "Sessions.h"
 
 namespace {
-
-bool Has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 // Who trusts whom.
 struct World {
@@ -288,19 +284,11 @@ TEST(Tls, ShortMemoryOfTheLoopIsSurvived) {
     const Identity foreign(&world.stranger);
     const KLVMsgTls stranger(world.folder.Peer("stranger", {&foreign}, world.authority));
     const KLVMsgTls friendly(world.Client());
-    std::atomic<int> count{1};
-    for (int n = 1; count >= n; ++n) {
-        std::atomic<int> loops{0};
-        const Interposed onLoop([&, n](SystemCall& call) {
-            thread_local std::optional<FailingAllocation> fault;
-            thread_local int loop = 0;
-            loop = call.name == "epoll_pwait2" && loop == 0 ? ++loops : loop;
-            loop == 1 && !fault ? void(fault.emplace(n)) : void();
-            loop == 1 ? void(count = fault->Count()) : void();
-            return std::optional<long>();
-        });
+    bool reached = true;
+    for (int n = 1; reached; ++n) {
+        const FailingOnLoop onLoop(1, n);
         Secure server(own);
-        EXPECT_TRUE(Eventually([&] { return loops == 1; }));
+        Life::SeesLoops(1);
         Session client;
         const PlainPeer other(server.securePort);
         EXPECT_FALSE(client.Connect(At(server.securePort), "", ever, stranger));
@@ -310,6 +298,7 @@ TEST(Tls, ShortMemoryOfTheLoopIsSurvived) {
         PlainPeer late(port);
         EXPECT_EQ("", late.Receive(1));
         client.Disconnect("");
+        reached = onLoop.Count() >= n;
     }
 }
 

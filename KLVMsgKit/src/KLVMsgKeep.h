@@ -40,12 +40,12 @@ private:
     Duration m_next = kShortest;
 };
 
-// A connection that is not plain greets the server first: its place stays open until it is let in.
-//
 // Either its connection is there, or its place is open: an entry in the book of peers that takes
 // messages as a connection does, and sends none. What is queued goes from one to the other.
 //
 //     place open --made, hello queued--> connected --takes no more, or is over--> place open
+//
+// One that is not plain greets the server first: its place stays open until it is let in.
 //
 // While a connection that is over is still being written to, what is left of it stays there, and
 // what comes meanwhile is put behind it.

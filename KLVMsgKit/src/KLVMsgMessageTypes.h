@@ -23,7 +23,7 @@ public:
         bool framed;              // its body is a length and bytes, which wait for Decode
         std::size_t largestBody;  // of a framed one
         bool isCall = false;      // its body begins with the number of a question or an answer
-        bool isAny = false;       // of every name that no other one has; a parcel has it too
+        bool isAny = false;       // of every other name, which its parcels have too
         std::string header = {};  // on the wire: the name's length and the name; Add makes it
     };
 

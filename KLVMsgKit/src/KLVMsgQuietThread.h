@@ -19,14 +19,15 @@ KLVMsgOutcome KLVMsgStartQuietThread(const Work& work, std::unique_ptr<std::thre
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    KLVMsgOutcome outcome;
+    int failure = 0;
     try {
         thread = std::make_unique<std::thread>(work);
     } catch (const std::system_error& error) {
-        outcome = KLVMsgSessionSockets::Failure("cannot start a thread", error.code().value());
+        failure = error.code().value();
     } catch (const std::bad_alloc&) {
-        outcome = KLVMsgSessionSockets::Failure("cannot start a thread", ENOMEM);
+        failure = ENOMEM;
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return outcome;
+    return failure == 0 ? KLVMsgOutcome()
+                        : KLVMsgSessionSockets::Failure("cannot start a thread", failure);
 }

@@ -84,7 +84,7 @@ KLVMsgOutcome KLVMsgSessionCore::PutQuestion(Lock& lock, const KLVMsgPeers& to,
     }
     peer->lastTurn = number;
     if (!HasRoom(*peer, bytes.Size())) {
-        return {KLVMsgOutcome::kFull, ENOBUFS, "there is no room in the queue"};
+        return NoRoom();
     }
     asked = peer->peer;
     peer->questions.emplace(number, &question);

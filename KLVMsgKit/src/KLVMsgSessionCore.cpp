@@ -61,16 +61,34 @@ void KLVMsgSessionCore::Signal(int descriptor) {
     static_cast<void>(!write(descriptor, &one, sizeof one));
 }
 
+// Words for which there is no memory are left out: what has been done is told in any case.
+KLVMsgOutcome KLVMsgSessionCore::Outcome(KLVMsgOutcome::Status status, int error,
+                                         std::string_view words) {
+    KLVMsgOutcome outcome;
+    outcome.status = status;
+    outcome.error = error;
+    try {
+        outcome.text = words;
+    } catch (const std::bad_alloc&) {
+        outcome.text.clear();
+    }
+    return outcome;
+}
+
 KLVMsgOutcome KLVMsgSessionCore::Late() {
-    return {KLVMsgOutcome::kTooLate, ETIMEDOUT, "the time was over"};
+    return Outcome(KLVMsgOutcome::kTooLate, ETIMEDOUT, "the time was over");
 }
 
 KLVMsgOutcome KLVMsgSessionCore::Ended(KLVMsgOutcome::Status status) {
-    return {status, ESHUTDOWN, "the session has ended"};
+    return Outcome(status, ESHUTDOWN, "the session has ended");
 }
 
 KLVMsgOutcome KLVMsgSessionCore::TooMany() {
-    return {KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be"};
+    return Outcome(KLVMsgOutcome::kFull, EMFILE, "there are as many connections as there may be");
+}
+
+KLVMsgOutcome KLVMsgSessionCore::NoRoom() {
+    return Outcome(KLVMsgOutcome::kFull, ENOBUFS, "there is no room in the queue");
 }
 
 KLVMsgOutcome KLVMsgSessionCore::Gone(const KLVMsgPeers& meant) {

@@ -46,10 +46,12 @@ struct KLVMsgDelivery {
     bool failed = false;               // one of them went before all was taken
     std::string cause;                 // why, if there was memory for the words
 
-    void Fail(const std::string& why) {
+    // `why` makes the words.
+    template <class Why>
+    void Fail(const Why& why) {
         failed = true;
         try {
-            cause = why;
+            cause = why();
         } catch (const std::bad_alloc&) {
             cause.clear();
         }
@@ -195,15 +197,17 @@ private:
         Handler handler;            // null where there is none
         KLVMsgEvent event;          // in place of a message, if `eventHandler` is one
         EventHandler eventHandler;  // null for a message
-        std::size_t left = 0;       // messages and events that have a handler
+        std::size_t left = 0;       // of the same set
     };
     using Queue = KLVMsgFifo<Peer::Awaited>;
     using Parcels = std::vector<std::pair<KLVMsgParcel::Owner, KLVMsgPeer>>;
 
+    static KLVMsgOutcome Outcome(KLVMsgOutcome::Status status, int error, std::string_view words);
     static KLVMsgOutcome Late();
     static KLVMsgOutcome Ended(KLVMsgOutcome::Status status);
     static KLVMsgOutcome InboxIsFull();
     static KLVMsgOutcome TooMany();
+    static KLVMsgOutcome NoRoom();
     KLVMsgOutcome Gone(const KLVMsgPeers& meant);
     KLVMsgOutcome IsReady() const;
     KLVMsgOutcome MayRegister() const;
@@ -232,13 +236,15 @@ private:
     static bool MoveQueue(KLVMsgOutput& from, Queue& awaited, KLVMsgOutput& to, Queue& toAwaited);
     void MoveRoomless(KLVMsgPeer from, KLVMsgPeer to);
     void OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsgDescriptor socket);
+    template <class Step>
+    void GoOn(KLVMsgKeep& keep, const Step& step);
     KLVMsgOutcome ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket);
     KLVMsgOutcome GreetServer(KLVMsgKeep& keep, KLVMsgDescriptor socket);
     KLVMsgKeep* KeepThatGreets(const KLVMsgLoop::Link& link) const;
     void GreetedServer(KLVMsgKeep& keep, const KLVMsgTransport::Greeting& greeting);
-    KLVMsgOutcome BeAdmitted(KLVMsgKeep& keep);
+    void GreetingFailed(KLVMsgKeep& keep, int error, const std::string& why);
+    KLVMsgOutcome BeAdmitted(KLVMsgKeep& keep, const KLVMsgLoop::LinkPtr& guest);
     void Resume(KLVMsgKeep& keep, Peer& made, KLVMsgLoop::LinkPtr spare);
-    void StayAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
     void TellAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome);
     void TellLost(const Peer& peer, std::size_t count, const char* why);
     std::size_t EndKeeps(const KLVMsgPeers& meant, const std::string& cause, std::size_t& lost);
@@ -354,7 +360,7 @@ private:
     std::list<Receiver*>& Receivers(std::uint32_t type);
     KLVMsgOutcome TakeOne(std::uint32_t set, const Wanted& wanted, Taken& taken);
     bool IsEventNext(std::uint32_t set, const KLVMsgParcel* found) const;
-    std::size_t CountHandled() const;
+    std::size_t CountOf(std::uint32_t set) const;
     void WakeForEvent();
     void TellObserver(Lock& lock);
 

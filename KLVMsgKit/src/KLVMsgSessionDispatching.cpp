@@ -75,7 +75,7 @@ KLVMsgOutcome KLVMsgSessionCore::Dispatch(KLVMsgTimeLimit limit) {
         if (m_eventHandler == nullptr &&
             std::all_of(m_handlers.begin(), m_handlers.end(),
                         [](const Handler& one) { return one == nullptr; })) {
-            return {KLVMsgOutcome::kFailed, EINVAL, "no class has a handler"};
+            return {KLVMsgOutcome::kFailed, EINVAL, "nothing has a handler"};
         }
     }
     Taken taken;
@@ -99,10 +99,14 @@ bool KLVMsgSessionCore::IsEventNext(std::uint32_t set, const KLVMsgParcel* found
            (found == nullptr || m_events.Order() < found->order);
 }
 
-std::size_t KLVMsgSessionCore::CountHandled() const {
-    std::size_t count = m_eventHandler != nullptr ? m_events.Size() : 0;
-    for (std::uint32_t each = 0; each < m_handlers.size(); ++each) {
-        count += IsHandled(each) ? m_inbox.Count(each) : 0;
+// How many messages there are of a type or a set, and events where those belong to it.
+std::size_t KLVMsgSessionCore::CountOf(std::uint32_t set) const {
+    if (set < m_types.Size()) {
+        return m_inbox.Count(set);
+    }
+    std::size_t count = set == kHandled && m_eventHandler != nullptr ? m_events.Size() : 0;
+    for (std::uint32_t each = 0; each < m_types.Size(); ++each) {
+        count += IsHandled(each) == (set == kHandled) ? m_inbox.Count(each) : 0;
     }
     return count;
 }
@@ -124,7 +128,7 @@ KLVMsgOutcome KLVMsgSessionCore::TakeOne(std::uint32_t set, const Wanted& wanted
             if (IsEventNext(set, found)) {
                 taken.event = m_events.Take();
                 taken.eventHandler = m_eventHandler;
-                taken.left = CountHandled();
+                taken.left = CountOf(set);
                 UpdateReadable();
                 break;
             }
@@ -132,7 +136,7 @@ KLVMsgOutcome KLVMsgSessionCore::TakeOne(std::uint32_t set, const Wanted& wanted
             taken.received.type = m_types[type].name;  // takes memory: without it it stays there
             taken.handler = IsHandled(type) ? m_handlers[type] : nullptr;
             parcel = TakeFirst(found, taken.received.peer, bytes, body);
-            taken.left = CountHandled();
+            taken.left = CountOf(set);
         }
         taken.received.message = Unpack(std::move(parcel), type, body, taken.received.peer);
         if (m_types[type].isAny && taken.received.message != nullptr) {

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <string>
+#include <utility>
 
 #include "KLVMsgSessionCore.h"
 
@@ -92,6 +93,8 @@ KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
     const Time deadline = limit.Deadline();
     bool haveAllClosed = true;
     std::size_t lost = 0;
+    std::string words;
+    words.reserve(100);  // what has ended cannot fail for want of them
     {
         Lock lock(m_mutex);
         if (m_isEnding) {
@@ -109,8 +112,9 @@ KLVMsgOutcome KLVMsgSessionCore::End(KLVMsgTimeLimit limit) {
     Lock lock(m_mutex);
     m_loop.Clear("the session has ended");
     if (m_ready && lost != 0) {
-        return {KLVMsgOutcome::kPeerGone, ENOTCONN,
-                std::to_string(lost) + " messages were queued for a connection that is away"};
+        words += std::to_string(lost);
+        words += " messages were queued for a connection that is away";
+        return {KLVMsgOutcome::kPeerGone, ENOTCONN, std::move(words)};
     }
     return !m_ready ? m_ready : haveAllClosed ? KLVMsgOutcome() : Late();
 }

@@ -157,8 +157,7 @@ KLVMsgSessionCore::Peer& KLVMsgSessionCore::AdoptGreeted(const KLVMsgLoop::LinkP
 
 void KLVMsgSessionCore::GuestIsOver(KLVMsgLoop::Link& link) {
     if (KLVMsgKeep* const keep = KeepThatGreets(link); keep != nullptr) {
-        GreetedServer(*keep, {KLVMsgTransport::Greeting::kFailed, false, link.connection.Error(),
-                              link.connection.Text(), ""});
+        GreetingFailed(*keep, link.connection.Error(), link.connection.Text());
         return;
     }
     const auto guest = m_guests.find(link.id);

@@ -223,21 +223,22 @@ void KLVMsgSessionCore::OnReadable() {
 }
 
 void KLVMsgSessionCore::OnDialed(KLVMsgKeep& keep, KLVMsgOutcome outcome, KLVMsgDescriptor socket) {
-    if (outcome) {
-        try {
-            outcome = ComeBack(keep, std::move(socket));
-        } catch (const std::bad_alloc&) {
-            outcome = NoMemory();
-        }
-    }
-    if (!outcome) {
-        StayAway(keep, outcome);
-    }
+    GoOn(keep, [&] { return outcome ? ComeBack(keep, std::move(socket)) : std::move(outcome); });
 }
 
-void KLVMsgSessionCore::StayAway(KLVMsgKeep& keep, const KLVMsgOutcome& outcome) {
-    TellAway(keep, outcome);
-    m_dialer->Dial(keep.place->peer.id, Clock::now() + keep.pauses.Next(m_chance()));
+// What does not bring it further is told, and the next attempt is due later.
+template <class Step>
+void KLVMsgSessionCore::GoOn(KLVMsgKeep& keep, const Step& step) {
+    KLVMsgOutcome outcome;
+    try {
+        outcome = step();
+    } catch (const std::bad_alloc&) {
+        outcome = NoMemory();
+    }
+    if (!outcome) {
+        TellAway(keep, outcome);
+        m_dialer->Dial(keep.place->peer.id, Clock::now() + keep.pauses.Next(m_chance()));
+    }
 }
 
 KLVMsgOutcome KLVMsgSessionCore::ComeBack(KLVMsgKeep& keep, KLVMsgDescriptor socket) {
@@ -281,31 +282,27 @@ void KLVMsgSessionCore::GreetedServer(KLVMsgKeep& keep, const KLVMsgTransport::G
     if (!greeting.warning.empty()) {
         TellNotRenewed(keep.place->address, greeting.warning);
     }
-    if (greeting.state == KLVMsgTransport::Greeting::kGoesOn) {
-        return;
-    }
-    KLVMsgOutcome outcome;
-    try {
-        outcome = greeting.state == KLVMsgTransport::Greeting::kDone
-                      ? BeAdmitted(keep)
-                      : Failure(greeting.error,
-                                "cannot connect to " + keep.place->address + ": " + greeting.text);
-    } catch (const std::bad_alloc&) {
-        outcome = NoMemory();
-    }
-    keep.guest = nullptr;
-    if (!outcome) {
-        StayAway(keep, outcome);
+    if (greeting.state == KLVMsgTransport::Greeting::kDone) {
+        const KLVMsgLoop::LinkPtr guest = std::move(keep.guest);
+        GoOn(keep, [&] { return BeAdmitted(keep, guest); });
+    } else if (greeting.state == KLVMsgTransport::Greeting::kFailed) {
+        GreetingFailed(keep, greeting.error, greeting.text);
     }
 }
 
-KLVMsgOutcome KLVMsgSessionCore::BeAdmitted(KLVMsgKeep& keep) {
+void KLVMsgSessionCore::GreetingFailed(KLVMsgKeep& keep, int error, const std::string& why) {
+    keep.guest = nullptr;
+    GoOn(keep,
+         [&] { return Failure(error, "cannot connect to " + keep.place->address + ": " + why); });
+}
+
+KLVMsgOutcome KLVMsgSessionCore::BeAdmitted(KLVMsgKeep& keep, const KLVMsgLoop::LinkPtr& guest) {
     if (m_live >= m_options.connectionLimit) {
         return TooMany();
     }
     KLVMsgLoop::LinkPtr spare = NewPlaceLink(*keep.place);
-    const std::string address = KLVMsgSessionSockets::PeerText(keep.guest->transport->Descriptor());
-    Resume(keep, AdoptGreeted(keep.guest, keep.place->label, address), std::move(spare));
+    const std::string address = KLVMsgSessionSockets::PeerText(guest->transport->Descriptor());
+    Resume(keep, AdoptGreeted(guest, keep.place->label, address), std::move(spare));
     return {};
 }
 

@@ -43,7 +43,7 @@ KLVMsgOutcome HasHandler() {
 }  // namespace
 
 KLVMsgOutcome KLVMsgSessionCore::InboxIsFull() {
-    return {KLVMsgOutcome::kFull, ENOBUFS, kInboxIsFull};
+    return Outcome(KLVMsgOutcome::kFull, ENOBUFS, kInboxIsFull);
 }
 
 // The application's side --------------------------------------------------------------------------
@@ -334,9 +334,9 @@ bool KLVMsgSessionCore::MayCome(const KLVMsgPeers* from) {
 
 // As many as there are messages for.
 void KLVMsgSessionCore::WakeReceivers(std::uint32_t type) {
-    std::size_t left = m_inbox.Count(type);
     for (const std::uint32_t set : {type, IsHandled(type) ? kHandled : kUnhandled}) {
         const std::list<Receiver*>& receivers = Receivers(set);
+        std::size_t left = receivers.empty() ? 0 : CountOf(set);
         for (auto one = receivers.begin(); one != receivers.end() && left != 0; ++one) {
             if (Find(set, (*one)->from) != nullptr) {
                 (*one)->waiter.Wake();

@@ -18,8 +18,6 @@ constexpr std::chrono::microseconds kQuiet(10);
 // A header of this size fits into every segment.
 constexpr std::size_t kSmallName = 32;
 
-KLVMsgOutcome NoRoom() { return {KLVMsgOutcome::kFull, ENOBUFS, "there is no room in the queue"}; }
-
 KLVMsgOutcome NoMemory() {
     return {KLVMsgOutcome::kFailed, ENOMEM, "no memory for the message's bytes"};
 }
@@ -128,7 +126,8 @@ KLVMsgOutcome KLVMsgSessionCore::Send(const KLVMsgPeers& to, KLVMsgSocketMessage
         return outcome;
     }
     if (delivery.failed) {
-        return {KLVMsgOutcome::kPeerGone, m_isEnding ? ESHUTDOWN : ENOTCONN, delivery.cause};
+        return {KLVMsgOutcome::kPeerGone, m_isEnding ? ESHUTDOWN : ENOTCONN,
+                std::move(delivery.cause)};
     }
     return outcome;
 }
@@ -180,10 +179,11 @@ void KLVMsgSessionCore::RetryRoomless(Lock& lock, KLVMsgDelivery& delivery,
             continue;
         }
         if (!isThere) {
-            delivery.Fail(m_isEnding ? "the session has ended" : m_book.WhyGone(one));
+            delivery.Fail(
+                [&] { return m_isEnding ? "the session has ended" : m_book.WhyGone(one); });
         }
-        const auto place = delivery.roomless.begin() + static_cast<std::ptrdiff_t>(i);
-        delivery.roomless.erase(place);
+        const auto place =
+            delivery.roomless.erase(delivery.roomless.begin() + static_cast<std::ptrdiff_t>(i));
         try {
             if (isThere) {
                 Deliver(lock, *peer, bytes, &delivery, isOnlyOne);
@@ -350,7 +350,7 @@ void KLVMsgSessionCore::TellTaken(Queue& awaited, KLVMsgOutput::Position taken) 
 // They will not be taken any more.
 void KLVMsgSessionCore::FailAwaited(Queue& awaited, const std::string& cause) {
     for (const Peer::Awaited& one : awaited) {
-        one.delivery->Fail(cause);
+        one.delivery->Fail([&] { return cause; });
         if (--one.delivery->left == 0) {
             one.delivery->waiter.Wake();
         }

@@ -192,16 +192,18 @@ bool KLVMsgWireReader::ReadFrameLength(std::string_view& bytes, Buffer& buffer) 
     if (bytes.size() < kLength) {
         return false;
     }
+    const bool isAny = m_types[m_type].isAny;
+    const std::string_view lead = isAny ? m_anyHeader : std::string_view();
     m_length = LengthAt(bytes);
     const std::size_t largest = std::min(m_types[m_type].largestBody, m_largestBody);
     if (m_length > largest) {
+        const std::string name = isAny ? Printable(lead.substr(kLength)) : m_types[m_type].name;
         Fail(KLVMsgEvent::kRefusedBody, "a body of " + std::to_string(m_length) + " bytes for " +
-                                            m_types[m_type].name + ", of which " +
-                                            std::to_string(largest) + " are taken");
+                                            name + ", of which " + std::to_string(largest) +
+                                            " are taken");
         return false;
     }
     bytes.remove_prefix(kLength);
-    const std::string_view lead = m_types[m_type].isAny ? m_anyHeader : std::string_view();
     m_length += lead.size();
     m_parcel = buffer.stock.Take(std::min(m_length, kFirstRoom + lead.size()), m_length);
     m_room = std::min(m_length, m_parcel->room);

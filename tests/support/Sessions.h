@@ -48,6 +48,9 @@ struct Quiz : KLVMsgCallMessage {
     KLVString type;
 };
 
+inline bool Has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 inline std::string WordBytes(const std::string& text) { return TextBytes("Word", text); }
 inline const KLVMsgSocketAddress anyPort("127.0.0.1", 0);
 inline KLVMsgSocketAddress At(int port) { return {"127.0.0.1", port}; }
