@@ -11,6 +11,15 @@ constexpr std::int64_t kAsk = 2000;    // ms between two questions whether the s
 constexpr std::int64_t kAgain = 250;   // ms between two attempts to come back
 constexpr std::size_t kHeaders = 512;  // bytes of headers at the most, but for the type
 
+// Which server it is; without user and password, which the URL may have.
+std::string ServerOf(natsConnection* connection) {
+    char url[256] = "";
+    natsConnection_GetConnectedUrl(connection, url, sizeof url);
+    const std::string text = url;
+    const std::size_t user = text.find("//") + 2, at = text.rfind('@');
+    return at == text.npos ? text : text.substr(0, user) + text.substr(at + 1);
+}
+
 }  // namespace
 
 void Nats::Check(natsStatus status, const char* what) {
@@ -33,11 +42,9 @@ Nats::Nats(const Options& options, Log& log)
     SetUpTls(made);
     natsConnection* connection = nullptr;
     m_isConnected = true;  // it may be lost before the next line is done
-    Check(natsConnection_Connect(&connection, made), ("cannot connect to " + options.nats).c_str());
+    Check(natsConnection_Connect(&connection, made), "cannot connect to NATS");
     m_connection.reset(connection);
-    char url[256] = "";
-    natsConnection_GetConnectedUrl(connection, url, sizeof url);
-    m_log.Say("nats-connected", std::string("connected to ") + url);
+    m_log.Say("nats-connected", "connected to " + ServerOf(connection));
 }
 
 // What NATS tells comes on a thread of its own, one after the other: after this nothing more.
@@ -45,6 +52,11 @@ Nats::~Nats() {
     natsConnection_Close(m_connection.get());
     std::unique_lock<std::mutex> lock(m_mutex);
     m_closing.wait(lock, [this] { return m_isClosed; });
+}
+
+bool Nats::IsClosed() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_isClosed;
 }
 
 void Nats::SetUp(natsOptions* made) {
@@ -67,20 +79,20 @@ void Nats::SetUp(natsOptions* made) {
         this);
     natsOptions_SetDisconnectedCB(
         made,
-        [](natsConnection*, void* self) {
+        [](natsConnection* connection, void* self) {
             static_cast<Nats*>(self)->m_isConnected = false;
-            static_cast<Nats*>(self)->m_log.Say("nats-lost", "the connection to NATS is lost");
+            if (!natsConnection_IsClosed(connection)) {
+                static_cast<Nats*>(self)->m_log.Say("nats-lost", "the connection to NATS is lost");
+            }
         },
         this);
     natsOptions_SetReconnectedCB(
         made,
         [](natsConnection* connection, void* self) {
-            char url[256] = "";
-            natsConnection_GetConnectedUrl(connection, url, sizeof url);
             ++static_cast<Nats*>(self)->m_returns;
             static_cast<Nats*>(self)->m_isConnected = true;
             static_cast<Nats*>(self)->m_log.Say("nats-connected",
-                                                std::string("connected again, to ") + url);
+                                                "connected again, to " + ServerOf(connection));
         },
         this);
     natsOptions_SetClosedCB(

@@ -28,7 +28,8 @@ struct NatsFree {
 using NatsMessage = std::unique_ptr<natsMsg, NatsFree>;
 using NatsSubscription = std::unique_ptr<natsSubscription, NatsFree>;
 
-// One connection, which comes back by itself when it is lost. May be used on every thread.
+// One connection, which comes back by itself when it is lost, unless it is refused again and again.
+// May be used on every thread.
 class Nats {
 public:
     // The names of headers.
@@ -43,6 +44,9 @@ public:
     ~Nats();
 
     bool IsConnected() const { return m_isConnected; }
+
+    // Whether it does not come back any more: a server has refused who the bridge is twice in a row.
+    bool IsClosed();
 
     // How often it has come back.
     std::uint64_t Returns() const { return m_returns; }

@@ -105,6 +105,28 @@ class OneServer(unittest.TestCase):
         self.assertEqual((counts["from sessions"], 0), (counts["published"], counts["dropped"]))
         self.assertEqual(counts["published"], self.servers.stored("ALL"))
 
+    def test_connects_anew_when_nats_has_refused_it_and_knows_it_again(self):
+        servers = Servers(extra="authorization { users = [{ user: test, password: test },"
+                                " { user: bridge, password: first }] }")
+        self.addCleanup(servers.end)
+        port, = free_ports(1)
+        bridge = Bridge(PROGRAM, "--nats", servers.url.replace("//", "//bridge:first@"), "--serve", port,
+                        "--publish", "*=all.*").ready()
+        self.addCleanup(lambda: bridge.process.poll() is None and bridge.kill())
+        servers.change("first", "second")
+        bridge.says("it connects anew")
+        bridge.says("cannot connect")
+        servers.change("second", "first")
+        bridge.says("anew(.|\n)*carrying messages")
+        client = servers.client()
+        self.addCleanup(client.close)
+        client.subscribe("all.>")
+        with klvmsg.connect("127.0.0.1", port) as peer:
+            peer.send("Tick", b"hi")
+            self.assertEqual(b"hi", client.next().body)
+        self.assertEqual(0, bridge.end()[0])
+        self.assertNotIn("first", "".join(bridge.said), "a password")
+
     def test_two_of_a_group_take_turns_over_tls(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
@@ -175,6 +197,10 @@ at least once, with the stream ALL
                                (("--connect", "x:70000", "--publish", "A=a"), "70000")):
             self.assertEqual(2, run(*options)[0], options)
             self.assertIn(words, run(*options)[1])
+        with socket.create_server(("127.0.0.1", 0)) as taken:
+            code, text = run("--nats", self.servers.url, "--serve", str(taken.getsockname()[1]), "--publish", "A=a")
+        self.assertEqual(1, code)
+        self.assertIn("cannot serve port", text)
 
 
 if __name__ == "__main__":

@@ -53,7 +53,8 @@ class Client:
             self.socket = context.wrap_socket(self.socket)
         self.file = self.socket.makefile("rb")
         self.inboxes = 0
-        self.write(b'CONNECT {"verbose":false,"headers":true,"no_responders":true,"protocol":1}\r\nPING\r\n')
+        self.write(b'CONNECT {"verbose":false,"headers":true,"no_responders":true,"protocol":1,'
+                   b'"user":"test","pass":"test"}\r\nPING\r\n')
         wait_until(lambda: self.file.readline() == b"PONG\r\n", "an answer")
 
     def write(self, data):
@@ -179,6 +180,12 @@ class Servers:
 
     def stored(self, name):
         return self.stream(name)["state"]["messages"]
+
+    def change(self, old, new):
+        """Has the first one take up a change of its configuration."""
+        file = self.folder / "0.conf"
+        file.write_text(file.read_text().replace(old, new))
+        self.running[0].send_signal(signal.SIGHUP)
 
     def kill(self, i):
         server = self.running.pop(i)
