@@ -7,9 +7,10 @@
 
 namespace {
 
-constexpr std::int64_t kAsk = 2000;    // ms between two questions whether the server is there
-constexpr std::int64_t kAgain = 250;   // ms between two attempts to come back
-constexpr std::size_t kHeaders = 512;  // bytes of headers at the most, but for the type
+constexpr std::int64_t kAsk = 2000;     // ms between two questions whether the server is there
+constexpr std::int64_t kAgain = 250;    // ms between two attempts to come back
+constexpr std::size_t kHeaders = 512;   // bytes at the most, but for type, site and bridge
+constexpr std::size_t kSubject = 2048;  // bytes: servers take lines of 4096, with the reply's in it
 
 // Which server it is; without user and password, which the URL may have.
 std::string ServerOf(natsConnection* connection) {
@@ -159,7 +160,10 @@ void Nats::Tell(const std::string& subject, const std::string& reply, const std:
 
 bool Nats::HasRoomFor(const Parcel& parcel) const {
     const auto most = natsConnection_GetMaxPayload(m_connection.get());
-    return parcel.body.size() + parcel.type.size() + kHeaders <= static_cast<std::size_t>(most);
+    const std::size_t headers =
+        kHeaders + parcel.type.size() + m_bridge.size() + m_options.site.size();
+    return parcel.subject.size() <= kSubject &&
+           parcel.body.size() + headers <= static_cast<std::size_t>(most);
 }
 
 NatsSubscription Nats::Subscribe(const std::string& subject, const std::string& group) {

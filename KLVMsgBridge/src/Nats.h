@@ -45,7 +45,7 @@ public:
 
     bool IsConnected() const { return m_isConnected; }
 
-    // Whether it does not come back any more: a server has refused who the bridge is twice in a row.
+    // Whether it comes back no more: a server has refused who the bridge is twice in a row.
     bool IsClosed();
 
     // How often it has come back.
@@ -59,7 +59,7 @@ public:
     // The same without headers.
     void Tell(const std::string& subject, const std::string& reply, const std::string& text);
 
-    // Whether a message with such a body is taken at all.
+    // Whether servers take it at all: for what they do not take they close the connection.
     bool HasRoomFor(const Parcel& parcel) const;
 
     // What comes on a subject; of those with the same group each message goes to one. Throws
