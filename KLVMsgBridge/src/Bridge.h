@@ -36,8 +36,8 @@ private:
 
     const Options& m_options;
     Log& m_log;
-    KLVMsgSession m_session;
+    std::vector<std::pair<int, std::string>> m_labels;  // of those who are served, by port
+    KLVMsgSession m_session;  // before it ends its thread reads the labels
     std::unique_ptr<Publisher> m_publisher;
     std::vector<std::unique_ptr<Subscriber>> m_subscribers;
-    std::vector<std::pair<int, std::string>> m_labels;  // of those who are served, by port
 };
