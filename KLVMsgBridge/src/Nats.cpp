@@ -55,7 +55,7 @@ Nats::~Nats() {
     m_closing.wait(lock, [this] { return m_isClosed; });
 }
 
-bool Nats::IsClosed() {
+bool Nats::IsClosed() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_isClosed;
 }

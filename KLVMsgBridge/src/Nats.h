@@ -46,7 +46,7 @@ public:
     bool IsConnected() const { return m_isConnected; }
 
     // Whether it comes back no more: a server has refused who the bridge is twice in a row.
-    bool IsClosed();
+    bool IsClosed() const;
 
     // How often it has come back.
     std::uint64_t Returns() const { return m_returns; }
@@ -89,7 +89,7 @@ private:
     const std::string m_bridge;  // its whole name
     std::atomic<bool> m_isConnected{false};
     std::atomic<std::uint64_t> m_returns{0};
-    std::mutex m_mutex;
+    mutable std::mutex m_mutex;
     std::condition_variable m_closing;
     bool m_isClosed = false;
     std::unique_ptr<natsConnection, NatsFree> m_connection;

@@ -22,12 +22,13 @@ KLVMsgOutcome Nobody() {
 }  // namespace
 
 Subscriber::Subscriber(KLVMsgSession& session, Nats& nats, const Options& options,
-                       const Routes::Inward& route, Counts& counts, Log& log)
+                       const Routes::Inward& route, Counts& counts, Log& log,
+                       const std::atomic<bool>& isOver)
     : m_session(session), m_options(options), m_route(route), m_counts(counts), m_log(log) {
     if (options.stream.empty()) {
         m_messages = nats.Subscribe(route.subject, options.group);
     } else {
-        m_reader = std::make_unique<StreamReader>(nats, options, route, log);
+        m_reader = std::make_unique<StreamReader>(nats, options, route, log, isOver);
     }
 }
 

@@ -139,6 +139,15 @@ class OneServer(unittest.TestCase):
         self.assertEqual(0, bridge.end()[0])
         self.assertNotIn("first", "".join(bridge.said), "a password")
 
+    def test_ends_when_told_to_while_a_stream_does_not_answer(self):
+        servers = Servers(jetstream=False)
+        self.addCleanup(servers.end)
+        bridge = Bridge(PROGRAM, "--nats", servers.url, "--serve", "hub=0", "--subscribe", "all.>=hub",
+                        "--stream", "ALL")
+        self.addCleanup(lambda: bridge.process.poll() is None and bridge.kill())
+        bridge.says("does not answer yet")
+        self.assertEqual(0, bridge.end()[0])
+
     def test_two_of_a_group_take_turns_over_tls(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)

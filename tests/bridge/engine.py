@@ -108,9 +108,9 @@ class Client:
 
 
 class Servers:
-    """One server, or a cluster; with JetStream."""
+    """One server, or a cluster; with JetStream unless told otherwise."""
 
-    def __init__(self, count=1, hosts=None, prefix=(), extra="", tls=False):
+    def __init__(self, count=1, hosts=None, prefix=(), extra="", tls=False, jetstream=True):
         self.tls = tls
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="bridge-test."))
         self.hosts = hosts or ["127.0.0.1"] * count
@@ -120,7 +120,9 @@ class Servers:
         self.prefix = list(prefix)
         for i in range(count):
             text = f'listen: "{self.hosts[i]}:{self.ports[i]}"\nserver_name: s{i}\nmax_payload: 1MB\n'
-            text += f'jetstream {{ store_dir: "{self.folder}/data{i}" }}\n{extra}\n'
+            text += extra + "\n"
+            if jetstream:
+                text += f'jetstream {{ store_dir: "{self.folder}/data{i}" }}\n'
             if count > 1:
                 others = ",".join(f'"nats://{self.hosts[j]}:{routes[j]}"' for j in range(count))
                 text += f'cluster {{ name: test, listen: "{self.hosts[i]}:{routes[i]}", routes: [{others}] }}\n'
