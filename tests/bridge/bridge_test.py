@@ -27,10 +27,13 @@ class OneServer(unittest.TestCase):
         self.client = self.servers.client()
         self.addCleanup(self.client.close)
 
-    def bridge(self, *options):
-        bridge = Bridge(PROGRAM, "--nats", self.servers.url, *options)
+    def start(self, *options):
+        bridge = Bridge(PROGRAM, *options)
         self.addCleanup(lambda: bridge.process.poll() is None and bridge.kill())
-        return bridge.ready()
+        return bridge
+
+    def bridge(self, *options):
+        return self.start("--nats", self.servers.url, *options).ready()
 
     def test_carries_both_ways_and_drops_what_comes_back(self):
         bridge = self.bridge("--serve", "hub=0", "--publish", "Press=press.new", "--publish", "*=all.*",
@@ -122,9 +125,8 @@ class OneServer(unittest.TestCase):
                                 " { user: bridge, password: first }] }")
         self.addCleanup(servers.end)
         port, = free_ports(1)
-        bridge = Bridge(PROGRAM, "--nats", servers.url.replace("//", "//bridge:first@"), "--serve", port,
-                        "--publish", "*=all.*").ready()
-        self.addCleanup(lambda: bridge.process.poll() is None and bridge.kill())
+        bridge = self.start("--nats", servers.url.replace("//", "//bridge:first@"), "--serve", port,
+                            "--publish", "*=all.*").ready()
         servers.change("first", "second")
         bridge.says("it connects anew")
         bridge.says("cannot connect")
@@ -142,9 +144,8 @@ class OneServer(unittest.TestCase):
     def test_ends_when_told_to_while_a_stream_does_not_answer(self):
         servers = Servers(jetstream=False)
         self.addCleanup(servers.end)
-        bridge = Bridge(PROGRAM, "--nats", servers.url, "--serve", "hub=0", "--subscribe", "all.>=hub",
-                        "--stream", "ALL")
-        self.addCleanup(lambda: bridge.process.poll() is None and bridge.kill())
+        bridge = self.start("--nats", servers.url, "--serve", "hub=0", "--subscribe", "all.>=hub",
+                            "--stream", "ALL")
         bridge.says("does not answer yet")
         self.assertEqual(0, bridge.end()[0])
 
@@ -159,17 +160,22 @@ class OneServer(unittest.TestCase):
         tls.load_verify_locations(file("authority.pem"))
         tls.verify_mode = ssl.CERT_REQUIRED
         tls.num_tickets = 0
-        secured = Servers(extra=f'tls {{ cert_file: "{file("hub.pem")}", key_file: "{file("hub.key")}" }}', tls=True)
+        own = file("bridge.pem"), file("bridge.key")
+        secured = Servers(extra=f'tls {{ cert_file: "{file("hub.pem")}", key_file: "{file("hub.key")}",'
+                                f' ca_file: "{file("authority.pem")}", verify: true }}', tls=own)
         self.addCleanup(secured.end)
+        nameless = self.start("--nats", secured.url, "--nats-tls", file("authority.pem"), "--serve", "0",
+                              "--publish", "*=all.*")
+        nameless.says("cannot connect")
+        self.assertEqual((0, False), (nameless.end()[0], any("connected to" in line for line in nameless.said)))
         with socket.create_server(("127.0.0.1", 0)) as hub:
             hub.settimeout(60)
             options = ("--connect", f"hub=127.0.0.1:{hub.getsockname()[1]}", "--publish", "*=all.*",
                        "--subscribe", "news.>=hub", "--group", "pair", "--site", "berlin",
-                       "--tls", ",".join(str(file(name)) for name in ("bridge.pem", "bridge.key", "authority.pem")),
-                       "--nats-tls", str(file("authority.pem")))
-            bridges = [Bridge(PROGRAM, "--nats", secured.url, *options, "--name", name) for name in "ab"]
+                       "--tls", f"{own[0]},{own[1]},{file('authority.pem')}",
+                       "--nats-tls", f"{file('authority.pem')},{own[0]},{own[1]}")
+            bridges = [self.start("--nats", secured.url, *options, "--name", name) for name in "ab"]
             for bridge in bridges:
-                self.addCleanup(lambda bridge=bridge: bridge.process.poll() is None and bridge.kill())
                 bridge.says("connected to")
             for left in (2, 1):
                 peer = tls.wrap_socket(hub.accept()[0], server_side=True)
@@ -212,6 +218,7 @@ at least once, with the stream ALL
         base = ("--serve", "0", "--publish", "A=a")
         for options, words in (((), "neither --connect nor --serve"), (("--serve", "0"), "nothing to do"),
                                ((*base, "--publish", "B=b..c"), "b..c"), ((*base, "--publish", "A=b"), "A have"),
+                               ((*base, "--answer", "0"), "from 1"),
                                ((*base, "--rules", "Odd=many"), "Odd: neither"), ((*base, "--serv", "1"), "serv"),
                                ((*base, "--rules", "*=8"), "are framed"), ((*base, "--subscribe"), "needs a value"),
                                ((*base, "--config", "/nowhere/at/all"), "No such file"),

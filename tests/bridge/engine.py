@@ -42,13 +42,14 @@ def free_ports(count):
 class Client:
     """A client of NATS: subscriptions, messages with headers, questions to JetStream."""
 
-    def __init__(self, port, host="127.0.0.1", tls=False):
+    def __init__(self, port, host="127.0.0.1", tls=None):
         self.socket = socket.create_connection((host, port), timeout=LIMIT)
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         while not self.socket.recv(1, socket.MSG_PEEK) or self.socket.recv(1) != b"\n":
             pass  # INFO
         if tls:
             context = ssl.create_default_context()
+            context.load_cert_chain(*tls)
             context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
             self.socket = context.wrap_socket(self.socket)
         self.file = self.socket.makefile("rb")
@@ -108,9 +109,9 @@ class Client:
 
 
 class Servers:
-    """One server, or a cluster; with JetStream unless told otherwise."""
+    """One server, or a cluster; with JetStream unless told otherwise. `tls`: certificate and key of its clients."""
 
-    def __init__(self, count=1, hosts=None, prefix=(), extra="", tls=False, jetstream=True):
+    def __init__(self, count=1, hosts=None, prefix=(), extra="", tls=None, jetstream=True):
         self.tls = tls
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="bridge-test."))
         self.hosts = hosts or ["127.0.0.1"] * count
