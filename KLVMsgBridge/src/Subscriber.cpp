@@ -71,8 +71,7 @@ bool Subscriber::IsForUs(natsMsg* message) {
     const bool cameBack = site != nullptr && m_options.site == site;
     m_counts.cameBack += cameBack ? 1 : 0;
     const BodyRule* const rule = m_options.rules.Of(TypeOf(message));
-    const bool isBody =
-        rule == nullptr || BareMessage("", *rule, std::string(Nats::Body(message))).IsWhole();
+    const bool isBody = rule == nullptr || rule->IsBody(Nats::Body(message));
     if (!cameBack && !isBody) {
         ++m_counts.undelivered;
         m_log.Say("no-body", "it is no body of " + TypeOf(message) + " by its rule");
