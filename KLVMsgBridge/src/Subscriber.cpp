@@ -117,6 +117,12 @@ bool Subscriber::HandOver(const std::vector<NatsMessage>& messages) {
             if (ends) {
                 m_counts.handedOn += done - std::exchange(run, done);
                 Tell(sent);
+                if (done != ours.size()) {  // slow readers may take minutes for all of them
+                    m_reader->Acknowledge(ours[done - 1]);
+                    if (m_isOver) {
+                        return false;
+                    }
+                }
             }
             continue;
         }
