@@ -7,9 +7,10 @@
 
 namespace {
 
-constexpr std::int64_t kAsk = 2000;     // ms between two questions whether the server is there
-constexpr std::int64_t kAgain = 250;    // ms between two attempts to come back
-constexpr std::size_t kHeaders = 512;   // bytes at the most, but for type, site and bridge
+constexpr std::int64_t kAsk = 2000;          // ms between two questions whether the server is there
+constexpr std::int64_t kAgain = 250;         // ms between two attempts to come back
+constexpr std::size_t kHeaders = 512;        // bytes at the most, but for type, site and bridge
+constexpr std::size_t kMostHeaders = 65535;  // bytes that a stream stores
 constexpr std::size_t kSubject = 2048;  // bytes: servers take lines of 4096, with the reply's in it
 
 // Which server it is; without user and password, which the URL may have.
@@ -162,7 +163,7 @@ bool Nats::HasRoomFor(const Parcel& parcel) const {
     const auto most = natsConnection_GetMaxPayload(m_connection.get());
     const std::size_t headers =
         kHeaders + parcel.type.size() + m_bridge.size() + m_options.site.size();
-    return parcel.subject.size() <= kSubject &&
+    return parcel.subject.size() <= kSubject && headers <= kMostHeaders &&
            parcel.body.size() + headers <= static_cast<std::size_t>(most);
 }
 

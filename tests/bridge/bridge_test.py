@@ -91,14 +91,15 @@ class OneServer(unittest.TestCase):
     def test_names_that_nats_cannot_take_harm_nobody(self):
         def frame(text):
             return struct.pack("=I", len(text)) + text
-        bridge = self.bridge("--serve", "0", "--publish", "*=all.*", "--stream", "ALL")
-        for odd in (frame(b"n" * 5000) + frame(b"lost"),
+        bridge = self.bridge("--serve", "0", "--publish", "*=all.*", "--publish", "m" * 65400 + "=all.m",
+                             "--stream", "ALL")
+        for odd in (frame(b"n" * 5000) + frame(b"lost"), frame(b"m" * 65400) + frame(b"lost"),
                     *(frame(b"KLVMsgBridgeFrom") + frame(struct.pack("=Q", 1) + name)
                       for name in (b"a\0b", b"a" * 1100000, b"a b"))):
             with socket.create_connection(("127.0.0.1", bridge.port())) as peer:
                 peer.sendall(odd + b"".join(frame(b"Tick") + frame(b"%d" % i) for i in range(3)))
-        wait_until(lambda: self.servers.stored("ALL") == 12, lambda: self.servers.stream("ALL"), 20)
-        self.assertEqual((12, 1), tuple(bridge.end()[1][name] for name in ("published", "dropped")))
+        wait_until(lambda: self.servers.stored("ALL") == 15, lambda: self.servers.stream("ALL"), 20)
+        self.assertEqual((15, 2), tuple(bridge.end()[1][name] for name in ("published", "dropped")))
 
     def test_a_hundred_thousand_are_stored_once_and_in_order(self):
         bridge = self.bridge("--serve", "0", "--publish", "*=all.*", "--stream", "ALL", "--window", "500")
