@@ -175,9 +175,10 @@ class OneServer(unittest.TestCase):
                        "--subscribe", "news.>=hub", "--group", "pair", "--site", "berlin",
                        "--tls", f"{own[0]},{own[1]},{file('authority.pem')}",
                        "--nats-tls", f"{file('authority.pem')},{own[0]},{own[1]}")
-            bridges = [self.start("--nats", secured.url, *options, "--name", name) for name in "ab"]
-            for bridge in bridges:
-                bridge.says("connected to")
+            bridges = []
+            for name, words in (("a", "carrying"), ("b", "connected to")):  # or both may begin at a time
+                bridges.append(self.start("--nats", secured.url, *options, "--name", name))
+                bridges[-1].says(words)
             for left in (2, 1):
                 peer = tls.wrap_socket(hub.accept()[0], server_side=True)
                 peer.sendall(b"\1")  # it is admitted
