@@ -3,6 +3,7 @@
 //
 // Every contender has two processes of its own, since the threads that some of them start would
 // make the system calls of the others dearer.
+#include <algorithm>
 #include <list>
 
 #include "Exchange.h"

@@ -2,6 +2,8 @@
 // those of a session.
 #pragma once
 
+#include <algorithm>
+
 #include "Sockets.h"
 #include "Talker.h"
 

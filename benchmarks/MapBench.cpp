@@ -1,6 +1,7 @@
 // The ordered map beside std::map with the same types of key and value.
 #include <malloc.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <map>

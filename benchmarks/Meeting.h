@@ -1,6 +1,7 @@
 // The two processes of one measurement of the session's benchmark: a server, and its clients.
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <thread>
 

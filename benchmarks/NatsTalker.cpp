@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace {
@@ -28,6 +29,9 @@ std::string CountAnswers(natsConnection* connection, natsSubscription*& answers)
     std::string reply = inbox;
     natsInbox_Destroy(inbox);
     const auto count = [](natsConnection*, natsSubscription*, natsMsg* message, void*) {
+        const std::string_view answer(natsMsg_GetData(message),
+                                      static_cast<std::size_t>(natsMsg_GetDataLength(message)));
+        Check(answer.find("\"seq\"") == answer.npos ? NATS_ERR : NATS_OK, "a message is refused");
         natsMsg_Destroy(message);
         ++answered;
     };

@@ -6,6 +6,7 @@
 // each figure of each turn; scripts/session_bench.py makes the ratios.
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <ctime>
 #include <optional>
 

@@ -5,6 +5,7 @@
 // not in it. One line of JSON for each figure, as benchsession has them.
 #include <KLVMsgSession.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "Process.h"

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 
 #include "BodyRules.h"
@@ -52,10 +53,12 @@ TEST(BridgeRules, TellHowLongBodiesAre) {
     BodyRules rules;
     rules.Add(
         "Tick=8; Odd=length(1,2,big,3) protobuf(a.B);Note=length(0,4,little);"
-        "Old=5 ; Old=length( 0 , 8 , little )\n# a comment; X=y\ndecode bodies.py:decode");
+        "Old=5 ; Far=length(0,8,little,3); Old=length( 0 , 8 , little )\n# a comment; X=y\ndecode "
+        "bodies.py:decode");
     EXPECT_EQ(8U, rules.Of("Tick")->Size(""));
     EXPECT_EQ(1U + 2 + 3 + 258, rules.Of("Odd")->Size(std::string("x\1\2", 3)));
     EXPECT_EQ(8U + 258, rules.Of("Old")->Size(std::string("\2\1\0\0\0\0\0\0", 8)));
+    EXPECT_FALSE(rules.Of("Far")->IsBody("\xfd\xff\xff\xff\xff\xff\xff\xff")) << "beyond all sizes";
     EXPECT_EQ(nullptr, rules.Of("Note")) << "it is framed";
     for (const char* bad : {"X=many", "X", "*=8", "X=length(0,3,little)", "X=99999999999"}) {
         EXPECT_THROW(rules.Add(bad), UsageError) << bad;

@@ -1,6 +1,7 @@
 #include <KLVMsgFramedMessage.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <stdexcept>
 #if __has_include(<google/protobuf/descriptor.pb.h>)
 #include <KLVMsgProtobufMessage.h>

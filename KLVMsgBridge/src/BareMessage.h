@@ -15,17 +15,13 @@ public:
     BareMessage(std::string name, BodyRule rule, std::string bytes = "")
         : type(std::move(name)), body(std::move(bytes)), m_rule(rule) {}
 
-    // Whether the bytes are a body by the rule, so that a receiver is not led astray.
-    bool IsWhole() const {
-        return body.size() >= m_rule.Prefix() && body.size() == m_rule.Size(body);
-    }
-
     int WriteMessage(KLVMsgOutputStream* stream) override {
         int count = 0;
-        if (IsWhole() && !body.empty()) {
+        const bool isBody = m_rule.IsBody(body);
+        if (isBody && !body.empty()) {
             stream->write(body.data(), static_cast<int>(body.size()), count);
         }
-        return IsWhole() && count == static_cast<int>(body.size());
+        return isBody && count == static_cast<int>(body.size());
     }
     int ReadMessage(KLVMsgInputStream* stream) override {
         return ReadTo(stream, m_rule.Prefix()) && ReadTo(stream, m_rule.Size(body));

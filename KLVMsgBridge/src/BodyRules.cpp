@@ -1,5 +1,7 @@
 #include "BodyRules.h"
 
+#include <algorithm>
+#include <limits>
 #include <vector>
 
 #include "Text.h"
@@ -54,7 +56,8 @@ std::size_t BodyRule::Size(std::string_view start) const {
         const std::size_t place = isBigEndian ? i : width - 1 - i;
         length = length << 8 | static_cast<unsigned char>(start[offset + place]);
     }
-    return fixed + Prefix() + length;
+    const std::size_t rest = fixed + Prefix();
+    return rest + std::min(length, std::numeric_limits<std::size_t>::max() - rest);
 }
 
 void BodyRules::Add(const std::string& text) {

@@ -12,6 +12,11 @@ struct BodyRule {
     std::size_t Prefix() const { return offset + width; }
     std::size_t Size(std::string_view start) const;
 
+    // Whether the bytes are one body, so that a receiver is not led astray.
+    bool IsBody(std::string_view bytes) const {
+        return bytes.size() >= Prefix() && bytes.size() == Size(bytes);
+    }
+
     std::size_t fixed = 0;  // the size; where a length tells it, what that does not count
     std::size_t offset = 0;
     std::size_t width = 0;  // of the length; 0: there is none

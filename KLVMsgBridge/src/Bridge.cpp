@@ -37,7 +37,7 @@ Bridge::Bridge(Nats& nats, const Options& options, Counts& counts, Log& log,
     m_publisher = std::make_unique<Publisher>(m_session, nats, options, counts, log);
     for (const Routes::Inward& route : options.routes.Inwards()) {
         m_subscribers.push_back(
-            std::make_unique<Subscriber>(m_session, nats, options, route, counts, log));
+            std::make_unique<Subscriber>(m_session, nats, options, route, counts, log, isOver));
     }
     Check(m_session.Observe([this](const KLVMsgEvent& event) { OnEvent(event); }), "events");
     OpenPlaces();

@@ -22,14 +22,14 @@ private:
     std::mutex m_mutex;
 };
 
-// What has passed, since the start. Each message that came from a session is published, dropped or
-// still open; each that came from NATS is handed on, left, or dropped.
+// What has passed, since the start. Each that is taken is published, dropped or still open; each
+// that came from NATS is handed on, left, or dropped.
 struct Counts {
     std::atomic<std::uint64_t> taken{0};        // from sessions, with a subject to go to
     std::atomic<std::uint64_t> noRoute{0};      // from sessions, without one
     std::atomic<std::uint64_t> published{0};    // given to NATS; with a stream: stored
     std::atomic<std::uint64_t> again{0};        // sent again, under the same id
-    std::atomic<std::uint64_t> dropped{0};      // not given to NATS, which was not there
+    std::atomic<std::uint64_t> dropped{0};      // not given to NATS, or too long for it
     std::atomic<std::uint64_t> came{0};         // from NATS
     std::atomic<std::uint64_t> handedOn{0};     // to sessions
     std::atomic<std::uint64_t> undelivered{0};  // nobody there, no room, or no body by the rule

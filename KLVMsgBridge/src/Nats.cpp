@@ -7,9 +7,20 @@
 
 namespace {
 
-constexpr std::int64_t kAsk = 2000;    // ms between two questions whether the server is there
-constexpr std::int64_t kAgain = 250;   // ms between two attempts to come back
-constexpr std::size_t kHeaders = 512;  // bytes of headers at the most, but for the type
+constexpr std::int64_t kAsk = 2000;          // ms between two questions whether the server is there
+constexpr std::int64_t kAgain = 250;         // ms between two attempts to come back
+constexpr std::size_t kHeaders = 512;        // bytes at the most, but for type, site and bridge
+constexpr std::size_t kMostHeaders = 65535;  // bytes that a stream stores
+constexpr std::size_t kSubject = 2048;  // bytes: servers take lines of 4096, with the reply's in it
+
+// Which server it is; without user and password, which the URL may have.
+std::string ServerOf(natsConnection* connection) {
+    char url[256] = "";
+    natsConnection_GetConnectedUrl(connection, url, sizeof url);
+    const std::string text = url;
+    const std::size_t user = text.find("//") + 2, at = text.rfind('@');
+    return at == text.npos ? text : text.substr(0, user) + text.substr(at + 1);
+}
 
 }  // namespace
 
@@ -33,11 +44,9 @@ Nats::Nats(const Options& options, Log& log)
     SetUpTls(made);
     natsConnection* connection = nullptr;
     m_isConnected = true;  // it may be lost before the next line is done
-    Check(natsConnection_Connect(&connection, made), ("cannot connect to " + options.nats).c_str());
+    Check(natsConnection_Connect(&connection, made), "cannot connect to NATS");
     m_connection.reset(connection);
-    char url[256] = "";
-    natsConnection_GetConnectedUrl(connection, url, sizeof url);
-    m_log.Say("nats-connected", std::string("connected to ") + url);
+    m_log.Say("nats-connected", "connected to " + ServerOf(connection));
 }
 
 // What NATS tells comes on a thread of its own, one after the other: after this nothing more.
@@ -45,6 +54,11 @@ Nats::~Nats() {
     natsConnection_Close(m_connection.get());
     std::unique_lock<std::mutex> lock(m_mutex);
     m_closing.wait(lock, [this] { return m_isClosed; });
+}
+
+bool Nats::IsClosed() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_isClosed;
 }
 
 void Nats::SetUp(natsOptions* made) {
@@ -67,20 +81,20 @@ void Nats::SetUp(natsOptions* made) {
         this);
     natsOptions_SetDisconnectedCB(
         made,
-        [](natsConnection*, void* self) {
+        [](natsConnection* connection, void* self) {
             static_cast<Nats*>(self)->m_isConnected = false;
-            static_cast<Nats*>(self)->m_log.Say("nats-lost", "the connection to NATS is lost");
+            if (!natsConnection_IsClosed(connection)) {
+                static_cast<Nats*>(self)->m_log.Say("nats-lost", "the connection to NATS is lost");
+            }
         },
         this);
     natsOptions_SetReconnectedCB(
         made,
         [](natsConnection* connection, void* self) {
-            char url[256] = "";
-            natsConnection_GetConnectedUrl(connection, url, sizeof url);
             ++static_cast<Nats*>(self)->m_returns;
             static_cast<Nats*>(self)->m_isConnected = true;
             static_cast<Nats*>(self)->m_log.Say("nats-connected",
-                                                std::string("connected again, to ") + url);
+                                                "connected again, to " + ServerOf(connection));
         },
         this);
     natsOptions_SetClosedCB(
@@ -147,7 +161,10 @@ void Nats::Tell(const std::string& subject, const std::string& reply, const std:
 
 bool Nats::HasRoomFor(const Parcel& parcel) const {
     const auto most = natsConnection_GetMaxPayload(m_connection.get());
-    return parcel.body.size() + parcel.type.size() + kHeaders <= static_cast<std::size_t>(most);
+    const std::size_t headers =
+        kHeaders + parcel.type.size() + m_bridge.size() + m_options.site.size();
+    return parcel.subject.size() <= kSubject && headers <= kMostHeaders &&
+           parcel.body.size() + headers <= static_cast<std::size_t>(most);
 }
 
 NatsSubscription Nats::Subscribe(const std::string& subject, const std::string& group) {

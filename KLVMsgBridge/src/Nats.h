@@ -28,7 +28,8 @@ struct NatsFree {
 using NatsMessage = std::unique_ptr<natsMsg, NatsFree>;
 using NatsSubscription = std::unique_ptr<natsSubscription, NatsFree>;
 
-// One connection, which comes back by itself when it is lost. May be used on every thread.
+// One connection, which comes back by itself when it is lost, unless it is refused again and again.
+// May be used on every thread.
 class Nats {
 public:
     // The names of headers.
@@ -44,6 +45,9 @@ public:
 
     bool IsConnected() const { return m_isConnected; }
 
+    // Whether it comes back no more: a server has refused who the bridge is twice in a row.
+    bool IsClosed() const;
+
     // How often it has come back.
     std::uint64_t Returns() const { return m_returns; }
 
@@ -55,7 +59,7 @@ public:
     // The same without headers.
     void Tell(const std::string& subject, const std::string& reply, const std::string& text);
 
-    // Whether a message with such a body is taken at all.
+    // Whether servers take it at all: for what they do not take they close the connection.
     bool HasRoomFor(const Parcel& parcel) const;
 
     // What comes on a subject; of those with the same group each message goes to one. Throws
@@ -85,7 +89,7 @@ private:
     const std::string m_bridge;  // its whole name
     std::atomic<bool> m_isConnected{false};
     std::atomic<std::uint64_t> m_returns{0};
-    std::mutex m_mutex;
+    mutable std::mutex m_mutex;
     std::condition_variable m_closing;
     bool m_isClosed = false;
     std::unique_ptr<natsConnection, NatsFree> m_connection;

@@ -174,8 +174,8 @@ void Complete(Options& options) {
     if (options.routes.Outwards().empty() && options.routes.Inwards().empty()) {
         throw UsageError("nothing to do: give --publish or --subscribe");
     }
-    if (options.window == 0) {
-        throw UsageError("window is no number from 1");
+    if (options.window == 0 || options.answer.count() == 0) {
+        throw UsageError("window and answer are numbers from 1");
     }
     if (options.site.empty()) {
         char host[256] = "";

@@ -1,6 +1,8 @@
 #include "Publisher.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -19,6 +21,7 @@ constexpr milliseconds kPeriod(20);  // between two looks at what has become lat
 constexpr std::chrono::seconds kClearing(10);
 constexpr int kWrongBefore = 10070;  // JetStream's: another message than expected is the last
 constexpr int kTooLong = 10054;      // JetStream's: the message exceeds the stream's limit
+constexpr std::size_t kLongestSender = 128;
 
 std::string MakeRun() {
     std::random_device random;
@@ -42,6 +45,16 @@ std::string Refusal(natsMsg* answer, int& code) {
     return words == std::string::npos
                ? text
                : text.substr(words + 15, text.find('"', words + 15) - words - 15);
+}
+
+// Whether ids that begin with it stay what they are in a header of NATS and in an answer's words.
+bool IsSenderName(std::string_view name) {
+    const auto isPlain = [](char one) {
+        return std::isalnum(static_cast<unsigned char>(one)) != 0 ||
+               std::string_view("-_.:/@").find(one) != std::string_view::npos;
+    };
+    return !name.empty() && name.size() <= kLongestSender &&
+           std::all_of(name.begin(), name.end(), isPlain);
 }
 
 // Whether more can come.
@@ -159,7 +172,8 @@ void Publisher::Accept(KLVMsgPeer peer, std::string type, std::string body) {
     }
     if (hasRoute && !m_nats.HasRoomFor(parcel)) {
         ++m_counts.dropped;
-        m_log.Say("too-long", "a message of " + parcel.type + " is too long for NATS");
+        m_log.Say("too-long",
+                  "a message of " + parcel.type.substr(0, 100) + " is too long for NATS");
         parcel.subject.clear();
     }
     // What goes nowhere is put in too: it counts among what its sender is told of.
@@ -186,12 +200,13 @@ void Publisher::PublishOnce(const Parcel& parcel) {
 // A sender says who it is.
 void Publisher::Meet(KLVMsgPeer peer, std::string_view words) {
     Sender sender;
-    if (words.size() <= sizeof sender.next) {
+    const std::string_view name = words.substr(std::min(words.size(), sizeof sender.next));
+    if (!IsSenderName(name)) {
         m_log.Say("no-sender", std::string("a message of ") + kFrom + " without a name");
         return;
     }
     std::memcpy(&sender.next, words.data(), sizeof sender.next);
-    sender.name = words.substr(sizeof sender.next);
+    sender.name = name;
     sender.stored = sender.told = sender.next - 1;
     sender.wantsToKnow = true;
     const Lock lock(m_mutex);

@@ -24,10 +24,11 @@
 //
 // A message's id is that of its sender and its number. A sender that wants to know what is stored
 // says who it is, before its messages, with one of the type KLVMsgBridgeFrom: 8 bytes with the
-// number of the next message, in the byte order of the host, and a name. It then gets messages of
-// the type KLVMsgBridgeTaken, with 8 bytes that are the number of the last one of which all up to
-// it are stored; and what it sends twice under the same number, also through another bridge, is
-// stored once. Others are numbered from 1 on each connection.
+// number of the next message, in the byte order of the host, and a name of up to 128 letters,
+// digits and -_.:/@; another name is no name. It then gets messages of the type KLVMsgBridgeTaken,
+// with 8 bytes that are the number of the last one of which all up to it are stored; and what it
+// sends twice under the same number, also through another bridge, is stored once. Others are
+// numbered from 1 on each connection.
 class Publisher {
 public:
     // All of them outlive it.

@@ -123,27 +123,34 @@ natsStatus PrepareOnce(jsCtx* context, const Options& options, Log& log) {
     return status;
 }
 
-}  // namespace
-
-void PrepareStream(Nats& nats, const Options& options, Log& log, const std::atomic<bool>& isOver) {
-    const Context context = MakeContext(nats);
+// Asks again where there was no answer, as during an election, until there is one or `isOver`.
+template <class Question>
+void AwaitAnswer(const Nats& nats, const std::string& what, Log& log,
+                 const std::atomic<bool>& isOver, const Question& ask) {
     for (bool isTold = false; !isOver;) {
-        const natsStatus status = PrepareOnce(context.get(), options, log);
-        // During an election a question may get no answer.
+        const natsStatus status = ask();
         const bool isAway = status == NATS_TIMEOUT || status == NATS_NO_RESPONDERS ||
                             status == NATS_CONNECTION_DISCONNECTED || !nats.IsConnected();
-        if (!isAway) {
-            return Nats::Check(status, ("the stream " + options.stream).c_str());
+        if (status == NATS_OK || !isAway || nats.IsClosed()) {
+            return Nats::Check(status, what.c_str());
         }
         if (!std::exchange(isTold, true)) {
-            log.Say("stream-away", "the stream " + options.stream + " does not answer yet");
+            log.Say("stream-away", what + " does not answer yet");
         }
         std::this_thread::sleep_for(milliseconds(200));
     }
 }
 
+}  // namespace
+
+void PrepareStream(Nats& nats, const Options& options, Log& log, const std::atomic<bool>& isOver) {
+    const Context context = MakeContext(nats);
+    AwaitAnswer(nats, "the stream " + options.stream, log, isOver,
+                [&] { return PrepareOnce(context.get(), options, log); });
+}
+
 StreamReader::StreamReader(Nats& nats, const Options& options, const Routes::Inward& route,
-                           Log& log)
+                           Log& log, const std::atomic<bool>& isOver)
     : m_nats(nats),
       m_log(log),
       m_stream(options.stream),
@@ -159,10 +166,10 @@ StreamReader::StreamReader(Nats& nats, const Options& options, const Routes::Inw
       }()),
       m_returns(nats.Returns()) {
     Listen();
-    MakeConsumer(options, route.subject);
+    MakeConsumer(route.subject, isOver);
 }
 
-void StreamReader::MakeConsumer(const Options& options, const std::string& subject) {
+void StreamReader::MakeConsumer(const std::string& subject, const std::atomic<bool>& isOver) {
     jsConsumerConfig config;
     jsConsumerConfig_Init(&config);
     config.Durable = m_name.c_str();
@@ -174,14 +181,15 @@ void StreamReader::MakeConsumer(const Options& options, const std::string& subje
     jsConsumerInfo* made = nullptr;
     jsErrCode code{};
     const Context context = MakeContext(m_nats);
-    natsStatus status =
-        js_GetConsumerInfo(&made, context.get(), m_stream.c_str(), m_name.c_str(), nullptr, &code);
-    if (status == NATS_NOT_FOUND) {
-        status = js_AddConsumer(&made, context.get(), m_stream.c_str(), &config, nullptr, &code);
-    }
+    AwaitAnswer(m_nats, "the stream " + m_stream + ", read by " + m_name, m_log, isOver, [&] {
+        const natsStatus status = js_GetConsumerInfo(&made, context.get(), m_stream.c_str(),
+                                                     m_name.c_str(), nullptr, &code);
+        return status == NATS_NOT_FOUND
+                   ? js_AddConsumer(&made, context.get(), m_stream.c_str(), &config, nullptr, &code)
+                   : status;
+    });
     const std::unique_ptr<jsConsumerInfo, InfoFree> owner(made);
-    Nats::Check(status, ("what " + m_name + " reads of the stream " + options.stream).c_str());
-    if (made->NumAckPending != 0) {
+    if (made != nullptr && made->NumAckPending != 0) {
         Settle();
     }
 }

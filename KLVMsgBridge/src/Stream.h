@@ -25,8 +25,9 @@ void PrepareStream(Nats& nats, const Options& options, Log& log, const std::atom
 // where the last one of that name has got to.
 class StreamReader {
 public:
-    // Throws std::runtime_error.
-    StreamReader(Nats& nats, const Options& options, const Routes::Inward& route, Log& log);
+    // Waits for a stream that does not answer until `isOver`. Throws std::runtime_error.
+    StreamReader(Nats& nats, const Options& options, const Routes::Inward& route, Log& log,
+                 const std::atomic<bool>& isOver);
 
     // So many of the next messages at the most: those that are there, after waiting for the first.
     // Those of the call before must be done with.
@@ -49,7 +50,7 @@ private:
     };
     static bool FindPlace(natsMsg* message, Place& place);
 
-    void MakeConsumer(const Options& options, const std::string& subject);
+    void MakeConsumer(const std::string& subject, const std::atomic<bool>& isOver);
     void Ask(Time now);
     bool IsNext(natsMsg* message);
     void Settle();

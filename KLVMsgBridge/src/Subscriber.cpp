@@ -22,12 +22,13 @@ KLVMsgOutcome Nobody() {
 }  // namespace
 
 Subscriber::Subscriber(KLVMsgSession& session, Nats& nats, const Options& options,
-                       const Routes::Inward& route, Counts& counts, Log& log)
+                       const Routes::Inward& route, Counts& counts, Log& log,
+                       const std::atomic<bool>& isOver)
     : m_session(session), m_options(options), m_route(route), m_counts(counts), m_log(log) {
     if (options.stream.empty()) {
         m_messages = nats.Subscribe(route.subject, options.group);
     } else {
-        m_reader = std::make_unique<StreamReader>(nats, options, route, log);
+        m_reader = std::make_unique<StreamReader>(nats, options, route, log, isOver);
     }
 }
 
@@ -70,8 +71,7 @@ bool Subscriber::IsForUs(natsMsg* message) {
     const bool cameBack = site != nullptr && m_options.site == site;
     m_counts.cameBack += cameBack ? 1 : 0;
     const BodyRule* const rule = m_options.rules.Of(TypeOf(message));
-    const bool isBody =
-        rule == nullptr || BareMessage("", *rule, std::string(Nats::Body(message))).IsWhole();
+    const bool isBody = rule == nullptr || rule->IsBody(Nats::Body(message));
     if (!cameBack && !isBody) {
         ++m_counts.undelivered;
         m_log.Say("no-body", "it is no body of " + TypeOf(message) + " by its rule");
@@ -117,6 +117,12 @@ bool Subscriber::HandOver(const std::vector<NatsMessage>& messages) {
             if (ends) {
                 m_counts.handedOn += done - std::exchange(run, done);
                 Tell(sent);
+                if (done != ours.size()) {  // slow readers may take minutes for all of them
+                    m_reader->Acknowledge(ours[done - 1]);
+                    if (m_isOver) {
+                        return false;
+                    }
+                }
             }
             continue;
         }

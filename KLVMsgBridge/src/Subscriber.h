@@ -19,9 +19,11 @@
 // when the session has taken its last byte, and is kept until then.
 class Subscriber {
 public:
-    // All of them outlive it. Throws std::runtime_error where NATS refuses what it needs.
+    // All of them outlive it. Waits for a stream that does not answer until `isOver`. Throws
+    // std::runtime_error where NATS refuses what it needs.
     Subscriber(KLVMsgSession& session, Nats& nats, const Options& options,
-               const Routes::Inward& route, Counts& counts, Log& log);
+               const Routes::Inward& route, Counts& counts, Log& log,
+               const std::atomic<bool>& isOver);
     ~Subscriber();
 
     void Start();

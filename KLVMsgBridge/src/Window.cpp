@@ -90,9 +90,9 @@ std::size_t Window::Tick(Time now) {
 }
 
 void Window::FailAll(Time now) {
-    for (Entry& entry : m_entries) {
-        if (entry.state == kOpen) {
-            Fail(entry, now);
+    for (auto entry = m_entries.begin(); m_open != 0; ++entry) {
+        if (entry->state == kOpen) {
+            Fail(*entry, now);
         }
     }
 }

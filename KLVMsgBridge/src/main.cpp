@@ -15,17 +15,9 @@ constexpr std::chrono::milliseconds kPeriod(100);
 
 std::atomic<bool> isOver{false};
 
-// Until one of the signals has come, or the time is over.
-bool AwaitEnd(const sigset_t& signals, std::chrono::milliseconds limit) {
-    const timespec time{limit.count() / 1000, limit.count() % 1000 * 1000000};
-    isOver = isOver || sigtimedwait(&signals, nullptr, &time) > 0;
-    return isOver;
-}
-
 // NATS may come up later than the bridge; null: the bridge is to end.
-std::unique_ptr<Nats> ConnectToNats(const Options& options, Log& log, const sigset_t& signals) {
-    std::string told;
-    do {
+std::unique_ptr<Nats> ConnectToNats(const Options& options, Log& log) {
+    for (std::string told; !isOver; std::this_thread::sleep_for(kPeriod * 5)) {
         try {
             return std::make_unique<Nats>(options, log);
         } catch (const std::runtime_error& error) {
@@ -34,7 +26,7 @@ std::unique_ptr<Nats> ConnectToNats(const Options& options, Log& log, const sigs
                 log.Say("nats-away", told + "; it is tried again");
             }
         }
-    } while (!AwaitEnd(signals, std::chrono::milliseconds(500)));
+    }
     return nullptr;
 }
 
@@ -43,12 +35,27 @@ void Carry(Nats& nats, const Options& options, Turns& turns, Counts& counts, Log
     using Clock = std::chrono::steady_clock;
     Bridge bridge(nats, options, counts, log, isOver);
     log.Say("carrying", "carrying messages");
-    for (auto next = Clock::now() + options.counts; !isOver && turns.IsMine();) {
+    for (auto next = Clock::now() + options.counts;
+         !isOver && !nats.IsClosed() && turns.IsMine();) {
         std::this_thread::sleep_for(kPeriod);
         if (options.counts.count() != 0 && Clock::now() >= next) {
             next += options.counts;
             log.Say("counts", counts.Words() + "; the session: " + bridge.Words());
         }
+    }
+}
+
+// For as long as one connection to NATS lasts.
+void TakeTurns(Nats& nats, const Options& options, Counts& counts, Log& log) {
+    Turns turns(nats, options, log);
+    while (!isOver && !nats.IsClosed()) {
+        if (turns.IsMine()) {
+            Carry(nats, options, turns, counts, log);
+        }
+        std::this_thread::sleep_for(kPeriod);
+    }
+    if (!isOver) {
+        log.Say("nats-closed", "NATS has refused the bridge too often: it connects anew");
     }
 }
 
@@ -60,25 +67,20 @@ int Run(const Options& options) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     Log log(options.isJson);
     Counts counts;
-    const std::unique_ptr<Nats> nats = ConnectToNats(options, log, signals);
-    if (nats == nullptr) {
-        return 0;
-    }
     {
-        // PrepareStream waits in there: a signal has to reach it.
         std::thread watch([&] {
-            while (!AwaitEnd(signals, std::chrono::milliseconds(200))) {
+            while (!isOver) {
+                const timespec limit{0, 200000000};
+                if (sigtimedwait(&signals, nullptr, &limit) > 0) {
+                    isOver = true;
+                }
             }
         });
         const auto joined = [](std::thread* thread) { thread->join(); };
         const std::unique_ptr<std::thread, decltype(joined)> owner(&watch, joined);
         try {
-            Turns turns(*nats, options, log);
-            while (!isOver) {
-                if (turns.IsMine()) {
-                    Carry(*nats, options, turns, counts, log);
-                }
-                std::this_thread::sleep_for(kPeriod);
+            while (const std::unique_ptr<Nats> nats = ConnectToNats(options, log)) {
+                TakeTurns(*nats, options, counts, log);
             }
         } catch (...) {
             isOver = true;

@@ -62,7 +62,7 @@ static int Dispatch(int portPipe) {
         Check(talk.Dispatch(Limit()),
               most < 3 ? "gave up: not all workers have come" : "gave up: no more results");
         std::fflush(stdout);
-        most = std::max(most, workers.size());
+        most = most < workers.size() ? workers.size() : most;
         for (auto& [worker, job] : workers) {
             if (most >= 3 && job == 0 && !jobs.empty() && talk.Post(worker, Job(jobs.front()))) {
                 job = jobs.front(), jobs.pop_front();

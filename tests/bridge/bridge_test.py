@@ -27,10 +27,13 @@ class OneServer(unittest.TestCase):
         self.client = self.servers.client()
         self.addCleanup(self.client.close)
 
-    def bridge(self, *options):
-        bridge = Bridge(PROGRAM, "--nats", self.servers.url, *options)
+    def start(self, *options):
+        bridge = Bridge(PROGRAM, *options)
         self.addCleanup(lambda: bridge.process.poll() is None and bridge.kill())
-        return bridge.ready()
+        return bridge
+
+    def bridge(self, *options):
+        return self.start("--nats", self.servers.url, *options).ready()
 
     def test_carries_both_ways_and_drops_what_comes_back(self):
         bridge = self.bridge("--serve", "hub=0", "--publish", "Press=press.new", "--publish", "*=all.*",
@@ -85,6 +88,19 @@ class OneServer(unittest.TestCase):
         events = [json.loads(line) for line in reader.said]
         self.assertIn("waiting", [event["event"] for event in events])
 
+    def test_names_that_nats_cannot_take_harm_nobody(self):
+        def frame(text):
+            return struct.pack("=I", len(text)) + text
+        bridge = self.bridge("--serve", "0", "--publish", "*=all.*", "--publish", "m" * 65400 + "=all.m",
+                             "--stream", "ALL")
+        for odd in (frame(b"n" * 5000) + frame(b"lost"), frame(b"m" * 65400) + frame(b"lost"),
+                    *(frame(b"KLVMsgBridgeFrom") + frame(struct.pack("=Q", 1) + name)
+                      for name in (b"a\0b", b"a" * 1100000, b"a b"))):
+            with socket.create_connection(("127.0.0.1", bridge.port())) as peer:
+                peer.sendall(odd + b"".join(frame(b"Tick") + frame(b"%d" % i) for i in range(3)))
+        wait_until(lambda: self.servers.stored("ALL") == 15, lambda: self.servers.stream("ALL"), 20)
+        self.assertEqual((15, 2), tuple(bridge.end()[1][name] for name in ("published", "dropped")))
+
     def test_a_hundred_thousand_are_stored_once_and_in_order(self):
         bridge = self.bridge("--serve", "0", "--publish", "*=all.*", "--stream", "ALL", "--window", "500")
         with klvmsg.connect("127.0.0.1", bridge.port()) as peer:
@@ -105,6 +121,35 @@ class OneServer(unittest.TestCase):
         self.assertEqual((counts["from sessions"], 0), (counts["published"], counts["dropped"]))
         self.assertEqual(counts["published"], self.servers.stored("ALL"))
 
+    def test_connects_anew_when_nats_has_refused_it_and_knows_it_again(self):
+        servers = Servers(extra="authorization { users = [{ user: test, password: test },"
+                                " { user: bridge, password: first }] }")
+        self.addCleanup(servers.end)
+        port, = free_ports(1)
+        bridge = self.start("--nats", servers.url.replace("//", "//bridge:first@"), "--serve", port,
+                            "--publish", "*=all.*").ready()
+        servers.change("first", "second")
+        bridge.says("it connects anew")
+        bridge.says("cannot connect")
+        servers.change("second", "first")
+        bridge.says("anew(.|\n)*carrying messages")
+        client = servers.client()
+        self.addCleanup(client.close)
+        client.subscribe("all.>")
+        with klvmsg.connect("127.0.0.1", port) as peer:
+            peer.send("Tick", b"hi")
+            self.assertEqual(b"hi", client.next().body)
+        self.assertEqual(0, bridge.end()[0])
+        self.assertNotIn("first", "".join(bridge.said), "a password")
+
+    def test_ends_when_told_to_while_a_stream_does_not_answer(self):
+        servers = Servers(jetstream=False)
+        self.addCleanup(servers.end)
+        bridge = self.start("--nats", servers.url, "--serve", "hub=0", "--subscribe", "all.>=hub",
+                            "--stream", "ALL")
+        bridge.says("does not answer yet")
+        self.assertEqual(0, bridge.end()[0])
+
     def test_two_of_a_group_take_turns_over_tls(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
@@ -116,18 +161,24 @@ class OneServer(unittest.TestCase):
         tls.load_verify_locations(file("authority.pem"))
         tls.verify_mode = ssl.CERT_REQUIRED
         tls.num_tickets = 0
-        secured = Servers(extra=f'tls {{ cert_file: "{file("hub.pem")}", key_file: "{file("hub.key")}" }}', tls=True)
+        own = file("bridge.pem"), file("bridge.key")
+        secured = Servers(extra=f'tls {{ cert_file: "{file("hub.pem")}", key_file: "{file("hub.key")}",'
+                                f' ca_file: "{file("authority.pem")}", verify: true }}', tls=own)
         self.addCleanup(secured.end)
+        nameless = self.start("--nats", secured.url, "--nats-tls", file("authority.pem"), "--serve", "0",
+                              "--publish", "*=all.*")
+        nameless.says("cannot connect")
+        self.assertEqual((0, False), (nameless.end()[0], any("connected to" in line for line in nameless.said)))
         with socket.create_server(("127.0.0.1", 0)) as hub:
             hub.settimeout(60)
             options = ("--connect", f"hub=127.0.0.1:{hub.getsockname()[1]}", "--publish", "*=all.*",
                        "--subscribe", "news.>=hub", "--group", "pair", "--site", "berlin",
-                       "--tls", ",".join(str(file(name)) for name in ("bridge.pem", "bridge.key", "authority.pem")),
-                       "--nats-tls", str(file("authority.pem")))
-            bridges = [Bridge(PROGRAM, "--nats", secured.url, *options, "--name", name) for name in "ab"]
-            for bridge in bridges:
-                self.addCleanup(lambda bridge=bridge: bridge.process.poll() is None and bridge.kill())
-                bridge.says("connected to")
+                       "--tls", f"{own[0]},{own[1]},{file('authority.pem')}",
+                       "--nats-tls", f"{file('authority.pem')},{own[0]},{own[1]}")
+            bridges = []
+            for name, words in (("a", "carrying"), ("b", "connected to")):  # or both may begin at a time
+                bridges.append(self.start("--nats", secured.url, *options, "--name", name))
+                bridges[-1].says(words)
             for left in (2, 1):
                 peer = tls.wrap_socket(hub.accept()[0], server_side=True)
                 peer.sendall(b"\1")  # it is admitted
@@ -169,12 +220,17 @@ at least once, with the stream ALL
         base = ("--serve", "0", "--publish", "A=a")
         for options, words in (((), "neither --connect nor --serve"), (("--serve", "0"), "nothing to do"),
                                ((*base, "--publish", "B=b..c"), "b..c"), ((*base, "--publish", "A=b"), "A have"),
+                               ((*base, "--answer", "0"), "from 1"),
                                ((*base, "--rules", "Odd=many"), "Odd: neither"), ((*base, "--serv", "1"), "serv"),
                                ((*base, "--rules", "*=8"), "are framed"), ((*base, "--subscribe"), "needs a value"),
                                ((*base, "--config", "/nowhere/at/all"), "No such file"),
                                (("--connect", "x:70000", "--publish", "A=a"), "70000")):
             self.assertEqual(2, run(*options)[0], options)
             self.assertIn(words, run(*options)[1])
+        with socket.create_server(("127.0.0.1", 0)) as taken:
+            code, text = run("--nats", self.servers.url, "--serve", str(taken.getsockname()[1]), "--publish", "A=a")
+        self.assertEqual(1, code)
+        self.assertIn("cannot serve port", text)
 
 
 if __name__ == "__main__":

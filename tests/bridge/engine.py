@@ -60,18 +60,20 @@ def free_ports(count):
 class Client:
     """A client of NATS: subscriptions, messages with headers, questions to JetStream."""
 
-    def __init__(self, port, host="127.0.0.1", tls=False):
+    def __init__(self, port, host="127.0.0.1", tls=None):
         self.socket = socket.create_connection((host, port), timeout=LIMIT)
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         while not self.socket.recv(1, socket.MSG_PEEK) or self.socket.recv(1) != b"\n":
             pass  # INFO
         if tls:
             context = ssl.create_default_context()
+            context.load_cert_chain(*tls)
             context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
             self.socket = context.wrap_socket(self.socket)
         self.file = self.socket.makefile("rb")
         self.inboxes = 0
-        self.write(b'CONNECT {"verbose":false,"headers":true,"no_responders":true,"protocol":1}\r\nPING\r\n')
+        self.write(b'CONNECT {"verbose":false,"headers":true,"no_responders":true,"protocol":1,'
+                   b'"user":"test","pass":"test"}\r\nPING\r\n')
         wait_until(lambda: self.file.readline() == b"PONG\r\n", "an answer")
 
     def write(self, data):
@@ -125,9 +127,9 @@ class Client:
 
 
 class Servers:
-    """One server, or a cluster; with JetStream."""
+    """One server, or a cluster; with JetStream unless told otherwise. `tls`: certificate and key of its clients."""
 
-    def __init__(self, count=1, hosts=None, prefix=(), extra="", tls=False):
+    def __init__(self, count=1, hosts=None, prefix=(), extra="", tls=None, jetstream=True):
         self.tls = tls
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="bridge-test."))
         self.hosts = hosts or ["127.0.0.1"] * count
@@ -137,7 +139,9 @@ class Servers:
         self.prefix = list(prefix)
         for i in range(count):
             text = f'listen: "{self.hosts[i]}:{self.ports[i]}"\nserver_name: s{i}\nmax_payload: 1MB\n'
-            text += f'jetstream {{ store_dir: "{self.folder}/data{i}" }}\n{extra}\n'
+            text += extra + "\n"
+            if jetstream:
+                text += f'jetstream {{ store_dir: "{self.folder}/data{i}" }}\n'
             if count > 1:
                 others = ",".join(f'"nats://{self.hosts[j]}:{routes[j]}"' for j in range(count))
                 text += f'cluster {{ name: test, listen: "{self.hosts[i]}:{routes[i]}", routes: [{others}] }}\n'
@@ -197,6 +201,12 @@ class Servers:
 
     def stored(self, name):
         return self.stream(name)["state"]["messages"]
+
+    def change(self, old, new):
+        """Has the first one take up a change of its configuration."""
+        file = self.folder / "0.conf"
+        file.write_text(file.read_text().replace(old, new))
+        self.running[0].send_signal(signal.SIGHUP)
 
     def kill(self, i):
         server = self.running.pop(i)

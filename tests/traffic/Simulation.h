@@ -6,6 +6,7 @@
 
 #include <KLVMsgSocketMessage.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <optional>
