@@ -1,6 +1,7 @@
 #include "Bridge.h"
 
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include "BareMessage.h"
@@ -50,12 +51,19 @@ Bridge::Bridge(Nats& nats, const Options& options, Counts& counts, Log& log,
 
 Bridge::~Bridge() {
     m_subscribers.clear();
-    std::thread draining([this] { m_session.Drain(kEnding); });
+    std::thread draining;
+    try {
+        draining = std::thread([this] { m_session.Drain(kEnding); });
+    } catch (const std::system_error&) {  // no thread can be had
+        m_session.End(std::chrono::milliseconds(0));
+    }
     if (!m_publisher->AwaitEnd(kEnding)) {
         m_log.Say("left", "not everything was stored in time");
     }
     m_session.Disconnect(KLVMsgPeers::All());  // or they would be waited for
-    draining.join();
+    if (draining.joinable()) {
+        draining.join();
+    }
     m_publisher.reset();
 }
 

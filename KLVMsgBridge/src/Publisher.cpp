@@ -299,6 +299,9 @@ void Publisher::Settle(std::uint64_t key, natsMsg* answer) {
     int code = 0;
     const std::string why = Refusal(answer, code);
     const Lock lock(m_mutex);
+    if (!m_window.Knows(key)) {
+        return;  // an answer to what was sent twice
+    }
     if (code == kTooLong) {
         m_log.Say("too-long", "the stream takes no message that long");
         ++m_counts.dropped;

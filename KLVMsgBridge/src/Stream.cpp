@@ -18,6 +18,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kOpen(5);
 constexpr std::size_t kAskedAtOnce = 512;
 constexpr std::chrono::seconds kAskedFor(5);
+constexpr std::chrono::seconds kSilence = 2 * kAskedFor;
 
 constexpr std::int64_t Nanoseconds(std::chrono::seconds time) {
     return std::chrono::nanoseconds(time).count();
@@ -58,7 +59,7 @@ std::vector<std::string> Wanted(const Options& options) {
     return wanted;
 }
 
-natsStatus MakeStream(jsCtx* context, const Options& options, Log& log) {
+natsStatus MakeStream(jsCtx* context, const Options& options, Log& log, jsErrCode& code) {
     const std::vector<std::string> wanted = Wanted(options);
     std::vector<const char*> subjects = Pointers(wanted);
     jsStreamConfig config;
@@ -68,7 +69,6 @@ natsStatus MakeStream(jsCtx* context, const Options& options, Log& log) {
     config.SubjectsLen = static_cast<int>(subjects.size());
     config.Replicas = options.replicas;
     config.Duplicates = Nanoseconds(kKnowsIds);
-    jsErrCode code{};
     const natsStatus status = js_AddStream(nullptr, context, &config, nullptr, &code);
     if (status == NATS_OK) {
         log.Say("stream", "made the stream " + options.stream);
@@ -77,7 +77,8 @@ natsStatus MakeStream(jsCtx* context, const Options& options, Log& log) {
 }
 
 // Adds the subjects that are missing.
-natsStatus Complete(jsCtx* context, jsStreamInfo& info, const Options& options, Log& log) {
+natsStatus Complete(jsCtx* context, jsStreamInfo& info, const Options& options, Log& log,
+                    jsErrCode& code) {
     jsStreamConfig& config = *info.Config;
     std::vector<const char*> subjects(config.Subjects, config.Subjects + config.SubjectsLen);
     const std::vector<std::string> wanted = Wanted(options);
@@ -98,22 +99,20 @@ natsStatus Complete(jsCtx* context, jsStreamInfo& info, const Options& options, 
     jsStreamConfig changed = config;
     changed.Subjects = subjects.data();
     changed.SubjectsLen = static_cast<int>(subjects.size());
-    jsErrCode code{};
     const bool isSame = subjects.size() == static_cast<std::size_t>(config.SubjectsLen) &&
                         std::equal(subjects.begin(), subjects.end(), config.Subjects);
     return isSame ? NATS_OK : js_UpdateStream(nullptr, context, &changed, nullptr, &code);
 }
 
-natsStatus PrepareOnce(jsCtx* context, const Options& options, Log& log) {
+natsStatus PrepareOnce(jsCtx* context, const Options& options, Log& log, jsErrCode& code) {
     jsStreamInfo* found = nullptr;
-    jsErrCode code{};
     natsStatus status = js_GetStreamInfo(&found, context, options.stream.c_str(), nullptr, &code);
     const Info info(found);
     if (status == NATS_NOT_FOUND) {
-        return MakeStream(context, options, log);
+        return MakeStream(context, options, log, code);
     }
     if (status == NATS_OK) {
-        status = Complete(context, *info, options, log);
+        status = Complete(context, *info, options, log, code);
     }
     if (status == NATS_OK && info->Config->Duplicates < Nanoseconds(kLongestCut)) {
         log.Say("short-memory", "the stream " + options.stream + " knows ids for " +
@@ -128,9 +127,11 @@ template <class Question>
 void AwaitAnswer(const Nats& nats, const std::string& what, Log& log,
                  const std::atomic<bool>& isOver, const Question& ask) {
     for (bool isTold = false; !isOver;) {
-        const natsStatus status = ask();
+        jsErrCode code{};
+        const natsStatus status = ask(code);
         const bool isAway = status == NATS_TIMEOUT || status == NATS_NO_RESPONDERS ||
-                            status == NATS_CONNECTION_DISCONNECTED || !nats.IsConnected();
+                            status == NATS_CONNECTION_DISCONNECTED ||
+                            code == JSClusterNotAvailErr || !nats.IsConnected();
         if (status == NATS_OK || !isAway || nats.IsClosed()) {
             return Nats::Check(status, what.c_str());
         }
@@ -146,7 +147,7 @@ void AwaitAnswer(const Nats& nats, const std::string& what, Log& log,
 void PrepareStream(Nats& nats, const Options& options, Log& log, const std::atomic<bool>& isOver) {
     const Context context = MakeContext(nats);
     AwaitAnswer(nats, "the stream " + options.stream, log, isOver,
-                [&] { return PrepareOnce(context.get(), options, log); });
+                [&](jsErrCode& code) { return PrepareOnce(context.get(), options, log, code); });
 }
 
 StreamReader::StreamReader(Nats& nats, const Options& options, const Routes::Inward& route,
@@ -179,9 +180,9 @@ void StreamReader::MakeConsumer(const std::string& subject, const std::atomic<bo
     config.FilterSubject = subject.c_str();
     config.MaxAckPending = 4 * static_cast<std::int64_t>(kAskedAtOnce);
     jsConsumerInfo* made = nullptr;
-    jsErrCode code{};
     const Context context = MakeContext(m_nats);
-    AwaitAnswer(m_nats, "the stream " + m_stream + ", read by " + m_name, m_log, isOver, [&] {
+    const std::string what = "the stream " + m_stream + ", read by " + m_name;
+    AwaitAnswer(m_nats, what, m_log, isOver, [&](jsErrCode& code) {
         const natsStatus status = js_GetConsumerInfo(&made, context.get(), m_stream.c_str(),
                                                      m_name.c_str(), nullptr, &code);
         return status == NATS_NOT_FOUND
@@ -197,7 +198,7 @@ void StreamReader::MakeConsumer(const std::string& subject, const std::atomic<bo
 // Something that was sent has not come, or another one of this name had it. It is sent again, and
 // before what is new, once the server gives it up: until then nothing is read.
 void StreamReader::Settle() {
-    m_quietUntil = Clock::now() + kOpen + std::chrono::seconds(1);
+    m_heard = m_quietUntil = Clock::now() + kOpen + std::chrono::seconds(1);
     m_asked = 0;
     m_last.sent = 0;
     Listen();
@@ -237,6 +238,8 @@ std::vector<NatsMessage> StreamReader::Read(std::size_t most, milliseconds limit
         if (message == nullptr) {
             break;
         }
+        m_heard = now;
+        m_saidAway = false;
         if (Nats::Header(message.get(), "Status") != nullptr) {
             continue;  // what was asked for has expired
         }
@@ -254,7 +257,16 @@ std::vector<NatsMessage> StreamReader::Read(std::size_t most, milliseconds limit
             m_last.stream = before;  // it was handed out already
         }
     }
+    ExpectAnswer(now);
     return read;
+}
+
+// Whoever is asked says at least that the time is over.
+void StreamReader::ExpectAnswer(Time now) {
+    if (now - m_heard >= kSilence && !std::exchange(m_saidAway, true)) {
+        m_log.Say("reader-away",
+                  "nobody answers for the reader " + m_name + " of the stream " + m_stream);
+    }
 }
 
 // Whether nothing is missing before it.

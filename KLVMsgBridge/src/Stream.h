@@ -52,6 +52,7 @@ private:
 
     void MakeConsumer(const std::string& subject, const std::atomic<bool>& isOver);
     void Ask(Time now);
+    void ExpectAnswer(Time now);
     bool IsNext(natsMsg* message);
     void Settle();
     void Listen();
@@ -67,4 +68,6 @@ private:
     Time m_askedAt = {};
     Time m_quietUntil = {};  // what is in doubt has been given up by the server then
     Place m_last;            // that was handed out
+    Time m_heard = std::chrono::steady_clock::now();
+    bool m_saidAway = false;  // that nobody answers
 };

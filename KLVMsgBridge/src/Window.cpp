@@ -60,6 +60,11 @@ std::size_t Window::Stored(std::uint64_t key) {
     return m_done.size();
 }
 
+bool Window::Knows(std::uint64_t key) {
+    const Entry* const entry = Find(key);
+    return entry != nullptr && entry->state != kStored;
+}
+
 void Window::Failed(std::uint64_t key, Time now) {
     Entry* const entry = Find(key);
     if (entry != nullptr && entry->state == kOpen) {

@@ -63,6 +63,7 @@ public:
     std::size_t Stored(std::uint64_t key);
     void Failed(std::uint64_t key, Time now);
     const std::vector<Parcel>& Done() const { return m_done; }
+    bool Knows(std::uint64_t key);  // that it is not stored yet
 
     // So late it is: what has had no answer within the limit has failed. Returns how many.
     std::size_t Tick(Time now);

@@ -150,6 +150,12 @@ class OneServer(unittest.TestCase):
         bridge.says("does not answer yet")
         self.assertEqual(0, bridge.end()[0])
 
+    def test_a_reader_that_somebody_has_deleted_is_told(self):
+        reader = self.bridge("--connect", "hub=127.0.0.1:1", "--subscribe", "ticks.>=hub", "--stream", "TICKS")
+        name, = self.servers.ask("$JS.API.CONSUMER.NAMES.TICKS")["consumers"]
+        self.assertTrue(self.servers.ask(f"$JS.API.CONSUMER.DELETE.TICKS.{name}")["success"])
+        reader.says(f"nobody answers for the reader {name} of the stream TICKS")
+
     def test_two_of_a_group_take_turns_over_tls(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
