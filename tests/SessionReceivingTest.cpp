@@ -224,7 +224,11 @@ TEST(SessionReceiving, HandlersHaveTheirClassesAlone) {
     EXPECT_EQ("a-b", seen);
     EXPECT_TRUE(session.Dispatch(0ms) && !session.Dispatch(0ms));
     EXPECT_EQ("a-bce", seen);
+    auto idle = std::async([&] { return session.Dispatch(ever).error; });
+    session.Receive<Quiz>(1ms);  // by now it mostly waits
+    session.Handle<Other>(nullptr);
     session.Handle<Word>(nullptr);
+    EXPECT_EQ(EINVAL, idle.get()) << "no handler any more";
     pair.mute.Send(WordBytes("1") + TextBytes("Text", "2") + WordBytes("3"));
     EXPECT_TRUE(session.Holds(3));
     EXPECT_EQ("1", session.ReceiveAny(ever, "mute").As<Word>()->text) << "the oldest of all";

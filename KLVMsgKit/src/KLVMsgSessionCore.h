@@ -361,6 +361,7 @@ private:
     KLVMsgOutcome TakeOne(std::uint32_t set, const Wanted& wanted, Taken& taken);
     bool IsEventNext(std::uint32_t set, const KLVMsgParcel* found) const;
     std::size_t CountOf(std::uint32_t set) const;
+    bool HasAnyHandler() const;
     void WakeForEvent();
     void TellObserver(Lock& lock);
 

@@ -69,15 +69,13 @@ void KLVMsgSessionCore::WakeForEvent() {
     }
 }
 
+bool KLVMsgSessionCore::HasAnyHandler() const {
+    return m_eventHandler != nullptr ||
+           std::any_of(m_handlers.begin(), m_handlers.end(),
+                       [](const Handler& one) { return one != nullptr; });
+}
+
 KLVMsgOutcome KLVMsgSessionCore::Dispatch(KLVMsgTimeLimit limit) {
-    {
-        const Lock lock(m_mutex);
-        if (m_eventHandler == nullptr &&
-            std::all_of(m_handlers.begin(), m_handlers.end(),
-                        [](const Handler& one) { return one == nullptr; })) {
-            return {KLVMsgOutcome::kFailed, EINVAL, "nothing has a handler"};
-        }
-    }
     Taken taken;
     KLVMsgOutcome outcome = TakeOne(kHandled, {typeid(void), limit, nullptr}, taken);
     std::size_t left = taken.left;

@@ -185,6 +185,8 @@ KLVMsgOutcome KLVMsgSessionCore::AwaitParcel(Lock& lock, std::uint32_t type, con
             outcome = Ended(KLVMsgOutcome::kPeerGone);
         } else if (IsHandled(type)) {
             outcome = HasHandler();
+        } else if (type == kHandled && !HasAnyHandler()) {
+            outcome = {KLVMsgOutcome::kFailed, EINVAL, "nothing has a handler"};
         } else if (!MayCome(wanted.from)) {
             outcome = Gone(wanted.from == nullptr ? KLVMsgPeers::All() : *wanted.from);
         } else if (!inTime) {
