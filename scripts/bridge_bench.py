@@ -28,28 +28,35 @@ def bare(servers, subject, count, *window):
     return float(done.stdout)
 
 
-def bridge(servers, count, *options):
-    """From the first byte to the session until NATS, or the stream, has taken all."""
-    running = Bridge(BUILD / "KLVMsgBridge/klvmsg-bridge", "--nats", servers.url.split(",")[0], "--serve", "0",
-                     "--publish", "Tick=bench.bridge", "--site", "berlin", *options).ready()
+def start(servers, *options):
+    return Bridge(BUILD / "KLVMsgBridge/klvmsg-bridge", "--nats", servers.url.split(",")[0], "--site", "berlin",
+                  *options).ready()
+
+
+def send(running, count, is_stored):
+    """Until NATS, or the stream, has taken all."""
     message = struct.pack(f"=I4sI{SIZE}s", 4, b"Tick", SIZE, b"x" * SIZE)
-    try:
-        with socket.create_connection(("127.0.0.1", running.port())) as peer:
-            hello = struct.pack("=I16sIQ5s", 16, b"KLVMsgBridgeFrom", 13, 1, b"bench")
-            start = time.monotonic()
-            if options:
-                peer.sendall(hello)
-            for _ in range(count // 1000):
-                peer.sendall(message * 1000)
-            if options:
-                answers = peer.makefile("rb")
-                while struct.unpack_from("=Q", answers.read(TAKEN), TAKEN - 8)[0] < count:
-                    pass
-                return count / (time.monotonic() - start)
+    with socket.create_connection(("127.0.0.1", running.port())) as peer:
+        if is_stored:
+            peer.sendall(struct.pack("=I16sIQ5s", 16, b"KLVMsgBridgeFrom", 13, 1, b"bench"))
+        for _ in range(count // 1000):
+            peer.sendall(message * 1000)
+        if is_stored:
+            answers = peer.makefile("rb")
+            while struct.unpack_from("=Q", answers.read(TAKEN), TAKEN - 8)[0] < count:
+                pass
+        else:
             # The bridge closes once it has published the last message.
             peer.shutdown(socket.SHUT_WR)
             peer.recv(1)
-            return count / (time.monotonic() - start)
+
+
+def bridge(servers, count, *options):
+    running = start(servers, "--serve", "0", "--publish", "Tick=bench.bridge", *options)
+    try:
+        begun = time.monotonic()
+        send(running, count, bool(options))
+        return count / (time.monotonic() - begun)
     finally:
         code, counts = running.end()
         assert (code, counts["published"]) == (0, count), counts
