@@ -15,7 +15,7 @@
 namespace {
 
 // What a peer shows of itself until it is trusted takes no more memory than that.
-constexpr long kLongestChain = 20L << 10;
+constexpr long kLongestChain = 12L << 10;
 
 // How long a change is not told from one that follows: a tick of the clock that stamps files.
 constexpr long kTick = 100000000;  // nanoseconds

@@ -15,6 +15,7 @@
 namespace {
 
 constexpr std::size_t kRecord = std::size_t{16} << 10;  // bytes of a full one
+constexpr std::size_t kGreetingRecord = 1024;  // half-open ones are to cost little memory
 constexpr char kAdmitted = 1;
 
 // The bytes from a position on, in one piece: copied only where they are not.
@@ -62,6 +63,7 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Greet() {
         if (result == 1 && !m_isShaken) {
             m_isShaken = true;
             m_holdsInput = true;  // more may have come with its end
+            SSL_set_max_send_fragment(m_connection.get(), kRecord);
             m_names = KLVMsgTlsWords::Names(m_connection.get());
         }
         greeting = !m_isShaken ? Answer(result) : IsServer() ? Greeting() : AwaitAdmission();
@@ -89,6 +91,7 @@ bool KLVMsgTlsTransport::Begin(Greeting& greeting) {
     if (!m_carrier.Attach(m_connection.get()) || (!IsServer() && !ExpectHost())) {
         throw std::bad_alloc();
     }
+    SSL_set_max_send_fragment(m_connection.get(), kGreetingRecord);
     IsServer() ? SSL_set_accept_state(m_connection.get())
                : SSL_set_connect_state(m_connection.get());
     return true;

@@ -300,7 +300,7 @@ class Protected(unittest.TestCase):
         if SANITIZED:  # which keep memory of their own
             return
         chain = self.folder / "long.pem"
-        chain.write_bytes((self.folder / "press.pem").read_bytes() * 45)
+        chain.write_bytes((self.folder / "press.pem").read_bytes() * 28)
         context = self.context(shows=False)
         context.load_cert_chain(chain, self.folder / "press.key")
 

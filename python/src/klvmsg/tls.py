@@ -217,14 +217,14 @@ class TlsSocket:
         return self._socket.fileno()
 
     def reset_when_closed(self) -> None:
-        """A peer that is to be reset gets no farewell."""
+        """A peer that is to be reset gets no farewell, and no alert that this one was cut."""
         self._is_silent = True
         self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
     def close(self) -> None:
         """Says farewell, if that has not been done."""
         with self._lock:
-            if self._is_greeted and not self._is_silent:
+            if self._is_greeted:
                 self._say_farewell()
                 self._try_to_push()
         self._socket.close()
@@ -250,7 +250,7 @@ class TlsSocket:
 
     def _push(self) -> bool:
         """Whether the system has taken all records."""
-        while self._unsent or self._outgoing.pending:
+        while not self._is_silent and (self._unsent or self._outgoing.pending):
             self._unsent = self._unsent or memoryview(self._outgoing.read())
             try:
                 self._unsent = self._unsent[self._socket.send(self._unsent, socket.MSG_NOSIGNAL) :]
