@@ -15,7 +15,7 @@
 namespace {
 
 constexpr std::size_t kRecord = std::size_t{16} << 10;  // bytes of a full one
-constexpr std::size_t kGreetingRecord = 1024;  // half-open ones are to cost little memory
+constexpr std::size_t kGreetingRecord = 1024;           // half-open ones are to cost little memory
 constexpr char kAdmitted = 1;
 
 // The bytes from a position on, in one piece: copied only where they are not.
@@ -64,6 +64,7 @@ KLVMsgTransport::Greeting KLVMsgTlsTransport::Greet() {
             m_isShaken = true;
             m_holdsInput = true;  // more may have come with its end
             SSL_set_max_send_fragment(m_connection.get(), kRecord);
+            SSL_set_split_send_fragment(m_connection.get(), kRecord);  // the other one lowers it
             m_names = KLVMsgTlsWords::Names(m_connection.get());
         }
         greeting = !m_isShaken ? Answer(result) : IsServer() ? Greeting() : AwaitAdmission();

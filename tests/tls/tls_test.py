@@ -122,6 +122,29 @@ class Protected(unittest.TestCase):
                              rb"cannot connect to .* the server: (it has closed|Connection reset)")
             thread.join()
 
+    def test_fills_records_once_it_has_greeted(self):
+        incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+        tls = self.context().wrap_bio(incoming, outgoing, server_hostname="127.0.0.1")
+        with self.connect() as plain:
+            came = b""
+
+            def until(operation, *what):
+                nonlocal came
+                while True:
+                    try:
+                        result = operation(*what)
+                        plain.sendall(outgoing.read())
+                        return result
+                    except ssl.SSLWantReadError:
+                        plain.sendall(outgoing.read())
+                        came = plain.recv(1 << 20)
+                        incoming.write(came)
+            until(tls.do_handshake)
+            self.assertEqual(ADMITTED, until(tls.read, 1))
+            until(tls.write, question(b"x" * 100000))
+            until(tls.read, 1)
+            self.assertGreater(int.from_bytes(came[3:5], "big"), 16384, "the length of the first record")
+
     def test_tells_an_end_from_a_cut_and_still_answers(self):
         peer = self.peer()
         self.assertEqual(ADMITTED, peer.recv(1))
