@@ -162,8 +162,9 @@ sudo() { "$@"; }
 cd '/srv/second place'
 commands=$(sed -n '/^## By hand/,/^## Build/p' docs/install.md | sed -n '/^```sh/,/^```/p' | sed '/^```/d')
 eval "${commands%sudo xargs*}"
-g++ -std=c++17 /srv/first/first.cpp $(pkg-config --cflags --libs KLVMsgCommModules) -o /tmp/by-hand
-/srv/first/first_program_test.sh /tmp/by-hand
+mkdir /tmp/by-hand
+g++ -std=c++17 /srv/first/first.cpp $(pkg-config --cflags --libs KLVMsgCommModules) -o /tmp/by-hand/first
+/srv/first/first_program_test.sh /tmp/by-hand/first
 cmake -S /srv/first -B /tmp/by-hand-cmake
 cmake --build /tmp/by-hand-cmake
 /srv/first/first_program_test.sh /tmp/by-hand-cmake/first
@@ -252,12 +253,13 @@ cmake -S /srv/first -B ~/first
 cmake --build ~/first
 /srv/first/first_program_test.sh ~/first/first
 pkg-config --cflags --libs KLVMsgCommModules
+mkdir ~/by-pkg-config
 g++ -std=c++17 -Wall -Wextra -Wnon-virtual-dtor -Wold-style-cast -Werror /srv/first/first.cpp \
-  $(pkg-config --cflags --libs KLVMsgCommModules) -o ~/by-pkg-config
-/srv/first/first_program_test.sh ~/by-pkg-config
+  $(pkg-config --cflags --libs KLVMsgCommModules) -o ~/by-pkg-config/first
+/srv/first/first_program_test.sh ~/by-pkg-config/first
 # A function that the library alone calls: of others gdb may take the program's own stub.
 gdb --batch -ex 'set breakpoint pending on' -ex 'break KLVMsgComm_initialize' -ex run -ex 'info source' \
-  --args ~/by-pkg-config serve 45998
+  --args ~/by-pkg-config/first serve 45998
 EOF
   expect "hub and clients agree on every file"
   expect "-isystem/usr/include/KLVMsgCommModules"
