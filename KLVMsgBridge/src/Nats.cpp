@@ -41,6 +41,7 @@ Nats::Nats(const Options& options, Log& log)
     Check(natsOptions_Create(&made), "NATS");
     const std::unique_ptr<natsOptions, NatsFree> owner(made);
     SetUp(made);
+    SetUpEvents(made);
     SetUpTls(made);
     natsConnection* connection = nullptr;
     m_isConnected = true;  // it may be lost before the next line is done
@@ -72,6 +73,9 @@ void Nats::SetUp(natsOptions* made) {
     natsOptions_SetPingInterval(made, kAsk);
     natsOptions_SetMaxPingsOut(made, 2);
     natsOptions_SetNoEcho(made, true);
+}
+
+void Nats::SetUpEvents(natsOptions* made) {
     natsOptions_SetErrorHandler(
         made,
         [](natsConnection*, natsSubscription*, natsStatus status, void* self) {

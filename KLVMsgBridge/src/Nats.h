@@ -82,6 +82,7 @@ public:
 
 private:
     void SetUp(natsOptions* options);
+    void SetUpEvents(natsOptions* options);
     void SetUpTls(natsOptions* options);
 
     const Options& m_options;

@@ -114,34 +114,34 @@ bool Subscriber::HandOver(const std::vector<NatsMessage>& messages) {
         }
         if (sent) {
             ++done;
-            if (ends) {
-                m_counts.handedOn += done - std::exchange(run, done);
-                Tell(sent);
-                if (done != ours.size()) {  // slow readers may take minutes for all of them
-                    m_reader->Acknowledge(ours[done - 1]);
-                    if (m_isOver) {
-                        return false;
-                    }
-                }
-            }
-            continue;
         }
-        if (m_isOver) {
+        if (sent && ends) {
+            m_counts.handedOn += done - std::exchange(run, done);
+            Tell(sent);
+            if (done != ours.size()) {  // slow readers may take minutes for all of them
+                m_reader->Acknowledge(ours[done - 1]);
+            }
+        } else if (sent.status ==
+                   KLVMsgOutcome::kFailed) {  // and always will: its name is too long
+            LeaveOut(ours, done, sent.text);
+            done = run;
+        } else if (!sent) {
+            done = sent.status == KLVMsgOutcome::kPeerGone ? run : done;
+            Tell(sent);
+            m_reader->StillAtIt(messages.back().get());
+            std::this_thread::sleep_for(kPeriod);
+        }
+        if (m_isOver && (ends || !sent) && done != ours.size()) {
             return false;
         }
-        if (sent.status == KLVMsgOutcome::kFailed) {  // and always will: its name is too long, say
-            ++m_counts.undelivered;
-            m_log.Say("no-message", "a message for " + m_route.label + ": " + sent.text);
-            ours.erase(ours.begin() + static_cast<std::ptrdiff_t>(done));
-            done = run;
-            continue;
-        }
-        done = sent.status == KLVMsgOutcome::kPeerGone ? run : done;
-        Tell(sent);
-        m_reader->StillAtIt(messages.back().get());
-        std::this_thread::sleep_for(kPeriod);
     }
     return true;
+}
+
+void Subscriber::LeaveOut(std::vector<natsMsg*>& ours, std::size_t place, const std::string& why) {
+    ++m_counts.undelivered;
+    m_log.Say("no-message", "a message for " + m_route.label + ": " + why);
+    ours.erase(ours.begin() + static_cast<std::ptrdiff_t>(place));
 }
 
 // Whether all of them still are.

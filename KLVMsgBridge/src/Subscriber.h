@@ -38,6 +38,7 @@ private:
 
     // Until it is done; false when the bridge ends before.
     bool HandOver(const std::vector<NatsMessage>& messages);
+    void LeaveOut(std::vector<natsMsg*>& ours, std::size_t place, const std::string& why);
     bool AreThere(const std::vector<KLVMsgPeer>& peers);
     KLVMsgOutcome Send(natsMsg* message, bool waits);
     void Tell(const KLVMsgOutcome& sent);
