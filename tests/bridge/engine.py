@@ -217,17 +217,27 @@ class Servers:
         return int(wait_until(lambda: self.stream(name).get("cluster", {}).get("leader"), "a leader")[1:])
 
     def all_of(self, name, count):
-        """The bodies of all that a stream has stored, in its order."""
+        """The bodies of all that a stream has stored, in its order. A reader may be lost with its leader: then
+        another one reads."""
+        for _ in range(5):
+            try:
+                return self.read_all_of(name, count)
+            except TimeoutError:
+                pass
+        raise AssertionError(f"{count} messages of {name} cannot be read")
+
+    def read_all_of(self, name, count):
         client = self.client()
-        inbox = f"_INBOX.all{id(client)}"
-        client.subscribe(inbox)
-        made = self.ask(f"$JS.API.CONSUMER.CREATE.{name}", {"stream_name": name, "config": {
-            "deliver_subject": inbox, "deliver_policy": "all", "ack_policy": "none",
-            "replay_policy": "instant", "max_deliver": -1}})
-        assert "error" not in made, made
-        found = [client.next() for _ in range(count)]
-        client.close()
-        return found
+        try:
+            inbox = f"_INBOX.all{id(client)}"
+            client.subscribe(inbox)
+            made = self.ask(f"$JS.API.CONSUMER.CREATE.{name}", {"stream_name": name, "config": {
+                "deliver_subject": inbox, "deliver_policy": "all", "ack_policy": "none",
+                "replay_policy": "instant", "max_deliver": -1}})
+            assert "error" not in made, made
+            return [client.next(20) for _ in range(count)]
+        finally:
+            client.close()
 
     def end(self):
         for server in self.running.values():
