@@ -121,9 +121,8 @@ bool Subscriber::HandOver(const std::vector<NatsMessage>& messages) {
             if (done != ours.size()) {  // slow readers may take minutes for all of them
                 m_reader->Acknowledge(ours[done - 1]);
             }
-        } else if (sent.status ==
-                   KLVMsgOutcome::kFailed) {  // and always will: its name is too long
-            LeaveOut(ours, done, sent.text);
+        } else if (sent.status == KLVMsgOutcome::kFailed) {
+            LeaveOut(ours, done, sent.text);  // it always will fail: its name is too long
             done = run;
         } else if (!sent) {
             done = sent.status == KLVMsgOutcome::kPeerGone ? run : done;

@@ -11,9 +11,9 @@
 #include "KLVMsgLinger.h"
 #include "KLVMsgTimeLimit.h"
 
-// Is signalled once and waited for by one thread, which may destroy it as soon as it has come: a
-// semaphore is made for that. With a condition variable whoever wakes up would wait at once again,
-// for the mutex of the one who has woken it.
+// Is signalled once, and waited for by one thread, which may destroy it as soon as it has come: a
+// semaphore allows that. With a condition variable whoever wakes up would wait at once again, for
+// the mutex of the one who has woken it.
 class KLVMsgSignal {
 public:
     using Clock = KLVMsgTimeLimit::Clock;
@@ -55,5 +55,7 @@ private:
     }
 
     sem_t m_count;
-    std::atomic<bool> m_isSignalled{false};  // what was written before it is read behind it
+
+    // A semaphore orders memory, but ThreadSanitizer does not know sem_clockwait.
+    std::atomic<bool> m_isSignalled{false};
 };

@@ -1,5 +1,6 @@
 // A work queue whose workers come and go: whoever is free gets a job, and that of one who has gone
 // is given to another one. Workers keep their connection, so that the queue may be started anew.
+#include <algorithm>
 #include <deque>
 
 #include "Roles.h"
@@ -62,7 +63,7 @@ static int Dispatch(int portPipe) {
         Check(talk.Dispatch(Limit()),
               most < 3 ? "gave up: not all workers have come" : "gave up: no more results");
         std::fflush(stdout);
-        most = most < workers.size() ? workers.size() : most;
+        most = std::max(most, workers.size());
         for (auto& [worker, job] : workers) {
             if (most >= 3 && job == 0 && !jobs.empty() && talk.Post(worker, Job(jobs.front()))) {
                 job = jobs.front(), jobs.pop_front();
