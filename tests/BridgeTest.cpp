@@ -158,8 +158,10 @@ TEST(BridgeWindow, AfterAFailureTheOldestIsTriedAloneAndThenTheRestInOrder) {
     EXPECT_EQ("", send()) << "the pause has grown";
     now += 50ms;
     EXPECT_EQ("2'", send());
+    EXPECT_EQ(2U, window.Tries());
     EXPECT_TRUE(window.IsInTrouble());
     EXPECT_EQ(2U, window.Stored(keys[1])) << "and 3 with it";
+    EXPECT_EQ(0U, window.Tries());
     EXPECT_FALSE(window.IsInTrouble());
     EXPECT_EQ("4'5", send());
     window.FailAll(now);
@@ -167,6 +169,20 @@ TEST(BridgeWindow, AfterAFailureTheOldestIsTriedAloneAndThenTheRestInOrder) {
     EXPECT_EQ("", send());
     now += 1s;
     EXPECT_EQ("5'", send());
+}
+
+TEST(BridgeWindow, EachFollowsTheLastThatGoesSomewhere) {
+    Window window({});
+    std::string order;
+    for (const auto& [subject, id] : {std::pair{"s", "1"}, {"", "2"}, {"", "3"}, {"s", "4"}}) {
+        window.Put({subject, "", "", id, 1, 1});
+        const Window::Sending next = window.Next({});
+        order += (next.before == nullptr ? "-" : next.before->id) + next.parcel->id + " ";
+        if (next.parcel->subject.empty()) {
+            EXPECT_EQ(0U, window.Stored(next.key)) << "it goes nowhere, and waits for 1";
+        }
+    }
+    EXPECT_EQ("-1 12 13 14 ", order);
 }
 
 }  // namespace

@@ -21,6 +21,8 @@ constexpr milliseconds kPeriod(20);  // between two looks at what has become lat
 constexpr std::chrono::seconds kClearing(10);
 constexpr int kWrongBefore = 10070;  // JetStream's: another message than expected is the last
 constexpr int kTooLong = 10054;      // JetStream's: the message exceeds the stream's limit
+constexpr int kInProcess = 10158;    // JetStream's: the id is known, the message not yet stored
+constexpr std::size_t kTries = 4;    // in vain, until another leader is asked for
 constexpr std::size_t kLongestSender = 128;
 
 std::string MakeRun() {
@@ -37,7 +39,13 @@ std::string Refusal(natsMsg* answer, int& code) {
     }
     const std::string text(Nats::Body(answer));
     if (text.find("\"error\"") == std::string::npos) {
-        return text.find("\"seq\"") != std::string::npos ? "" : "an answer that is none";
+        const std::size_t place = text.find("\"seq\":");
+        if (place == std::string::npos) {
+            return "an answer that is none";
+        }
+        const bool isStored = std::strtoull(text.c_str() + place + 6, nullptr, 10) != 0;
+        code = isStored ? 0 : kInProcess;
+        return isStored ? "" : "it knows a message that it has not stored";
     }
     const std::size_t at = text.find("\"err_code\":");
     code = at == std::string::npos ? 0 : std::atoi(text.c_str() + at + 11);
@@ -238,8 +246,7 @@ void Publisher::Pump(Lock&) {
             Note(m_window.Stored(next.key));
             continue;
         }
-        const bool hasToFollow =
-            m_isAlone && next.before != nullptr && !next.before->subject.empty();
+        const bool hasToFollow = m_isAlone && next.before != nullptr;
         const char* const why = m_nats.Publish(*next.parcel, m_inbox + std::to_string(next.key),
                                                hasToFollow ? next.before->id : std::string());
         m_counts.again += next.isAgain ? 1 : 0;
@@ -255,6 +262,7 @@ void Publisher::Look(Time now) {
     Lock lock(m_mutex);
     if (const std::size_t late = m_window.Tick(now); late != 0) {
         Trouble(std::to_string(late) + " got no answer in time");
+        ReplaceLeader();
     }
     Pump(lock);
     TellStored(lock);
@@ -314,12 +322,24 @@ void Publisher::Settle(std::uint64_t key, natsMsg* answer) {
                       "its leader changes may be stored behind later ones");
         }
         m_window.Failed(key, Clock::now());
-        return Trouble(why);
+        Trouble(why);
+        return code == kInProcess ? ReplaceLeader() : void();
     }
     const std::uint64_t overtaken = m_window.Overtaken();
     Note(m_window.Stored(key));
     if (m_window.Overtaken() != overtaken && overtaken == 0) {
         m_log.Say("overtaken", "a message was stored while one before it was not");
+    }
+}
+
+// Servers that are not in order after their stream's leader has changed: 2.9.10 may store nothing
+// of anybody then, and 2.10.27 remembers the ids of messages that it has lost or refused, and takes
+// no other with such an id. With another leader both go on. Where others publish too their messages
+// would suffer from it.
+void Publisher::ReplaceLeader() {
+    if (m_isAlone && m_window.Tries() != 0 && m_window.Tries() % kTries == 0) {
+        m_log.Say("another-leader", "the stream is asked to choose another leader");
+        m_nats.Tell("$JS.API.STREAM.LEADER.STEPDOWN." + m_options.stream, m_inbox + "0", "");
     }
 }
 

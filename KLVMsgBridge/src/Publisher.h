@@ -67,6 +67,7 @@ private:
     void TellStored(Lock& lock);
     void ForgetThoseWhoHaveGone();
     void Settle(std::uint64_t key, natsMsg* answer);
+    void ReplaceLeader();
     void Note(std::size_t done);
     bool IsOurs(const std::string& id) const;
     void Trouble(const std::string& why);

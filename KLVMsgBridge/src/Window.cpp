@@ -13,6 +13,7 @@ Window::Sending Window::Next(Time now) {
         // The oldest one is never stored: it would be done with.
         const bool tries = m_open == 0 && now >= m_tryAgain && !m_entries.empty();
         m_isTrying = m_isTrying || tries;
+        m_tries += tries ? 1 : 0;
         return tries ? Send(0, now) : Sending();
     }
     while (m_next < m_entries.size() && m_entries[m_next].state != kWaits) {
@@ -28,8 +29,17 @@ Window::Sending Window::Send(std::size_t place, Time now) {
     entry.sent = now;
     ++m_open;
     m_next = place + 1;
-    const Parcel* const before = place == 0 ? nullptr : &m_entries[place - 1].parcel;
-    return {m_firstKey + place, &entry.parcel, before, isAgain};
+    return {m_firstKey + place, &entry.parcel, Before(place), isAgain};
+}
+
+// Of those that go nowhere the stream does not know.
+const Parcel* Window::Before(std::size_t place) const {
+    while (place-- > 0) {
+        if (!m_entries[place].parcel.subject.empty()) {
+            return &m_entries[place].parcel;
+        }
+    }
+    return nullptr;
 }
 
 Window::Entry* Window::Find(std::uint64_t key) {
@@ -55,6 +65,7 @@ std::size_t Window::Stored(std::uint64_t key) {
     }
     if (!m_done.empty() && m_isTrying) {
         m_isInTrouble = m_isTrying = false;
+        m_tries = 0;
         m_pause = m_limits.pause;
     }
     return m_done.size();

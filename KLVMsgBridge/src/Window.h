@@ -53,7 +53,7 @@ public:
     struct Sending {
         std::uint64_t key = 0;
         const Parcel* parcel = nullptr;
-        const Parcel* before = nullptr;  // the one that was put in before it; null: not known
+        const Parcel* before = nullptr;  // that goes somewhere and was put in before; null: unknown
         bool isAgain = false;
     };
     Sending Next(Time now);
@@ -74,6 +74,9 @@ public:
     // Whether something has failed and has not been stored since.
     bool IsInTrouble() const { return m_isInTrouble; }
 
+    // How often the oldest has been tried alone since then.
+    std::size_t Tries() const { return m_tries; }
+
     // How many were stored while one before them was not: if that was lost it comes behind them.
     std::uint64_t Overtaken() const { return m_overtaken; }
 
@@ -88,6 +91,7 @@ private:
     Entry* Find(std::uint64_t key);
     void Fail(Entry& entry, Time now);
     Sending Send(std::size_t place, Time now);
+    const Parcel* Before(std::size_t place) const;
 
     const Limits m_limits;
     std::deque<Entry> m_entries;
@@ -97,6 +101,7 @@ private:
     std::size_t m_bytes = 0;
     bool m_isInTrouble = false;
     bool m_isTrying = false;  // the oldest one, alone
+    std::size_t m_tries = 0;
     Time m_tryAgain = {};
     Duration m_pause;
     std::uint64_t m_overtaken = 0;
