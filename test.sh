@@ -16,4 +16,4 @@ echo "== Building in $build"
 cmake --preset release -B "$build"
 cmake --build "$build" --parallel "$(nproc)"
 echo "== Running the tests"
-ctest --test-dir "$build" --output-on-failure --parallel "$(nproc)" "$@"
+ctest --test-dir "$build" --output-on-failure --parallel "$(($(nproc) + 2))" "$@"  # some mostly wait
