@@ -63,7 +63,7 @@ int Step(int usual) {
 
 TEST_F(TlsFaults, EachAllocationMayFail) {
     for (const int where : {0, 1, 2}) {
-        FailEachAllocation(lives, where, where == 2 ? 1 : Step(211));
+        FailEachAllocation(lives, where, where == 2 ? 1 : Step(401));
     }
 }
 
