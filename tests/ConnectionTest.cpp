@@ -151,6 +151,21 @@ TEST_F(ConnectionTest, LittleIsQueuedInLittleMemory) {
     EXPECT_EQ(before + 1, Allocations()) << "none was kept";
 }
 
+TEST(ConnectionOutput, TakesNothingBackThatIsHeld) {
+    KLVMsgOutput output;
+    const auto append = [&] { return output.Append("head", "body", nullptr); };
+    const auto first = append(), second = append();
+    output.Take(0);
+    output.Took(2, 7);
+    EXPECT_FALSE(output.CutOut(first, second)) << "its first byte is";
+    const auto third = append();
+    EXPECT_TRUE(output.CutOut(second, third));
+    output.Clear();
+    const auto begin = output.Appended();
+    EXPECT_TRUE(output.CutOut(begin, append())) << "nothing is any more";
+    EXPECT_TRUE(output.IsEmpty());
+}
+
 TEST_F(ConnectionTest, EachDirectionEndsByItself) {
     one->OutputFailed(ECONNRESET);
     EXPECT_TRUE(one->Reads() && !one->Takes());
@@ -164,6 +179,7 @@ TEST_F(ConnectionTest, EachDirectionEndsByItself) {
     EXPECT_TRUE(one->Takes() && !one->Gives());
     StallsAfter(30s);
     EXPECT_TRUE(one->EndsOutput() && !one->Takes());
+    EXPECT_EQ(KLVMsgConnection::Time::max(), one->NextCheck(now + 30s)) << "nothing is due";
 }
 
 TEST_F(ConnectionTest, SimulatedNetworksBreakNothing) {
