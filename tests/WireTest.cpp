@@ -165,7 +165,7 @@ TEST_F(WireTest, RefusedBytesEndTheReadingWithTheirCause) {
     EXPECT_EQ(2U, arrivals.messages.size()) << "what has the largest size is taken";
     largest = 9;
     Renew();
-    EXPECT_FALSE(Feed(Header("Letter") + Length(10)));
+    EXPECT_FALSE(Feed(Frame("9 letters") + Frame("10 letters")));
     largest = 5;
     Renew();
     EXPECT_TRUE(Feed(Header("?") + Frame("x"))) << "a name may be longer than a body";
