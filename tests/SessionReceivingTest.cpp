@@ -55,7 +55,8 @@ TEST(SessionReceiving, OtherTypesComeUnderTheirNames) {
     PlainPeer peer(port);
     const std::string body(70000, 'b'), name(65000, 'n');
     const std::string bytes = TextBytes("A", "") + TextBytes(name, body) + WordBytes("w") +
-                              TextBytes("A", "2") + std::string(4, '\0') + TextBytes("B", "3");
+                              TextBytes("A", "2") + TextBytes(std::string("\0x", 2), "none") +
+                              std::string(4, '\0') + TextBytes("B", "3");
     peer.Send(bytes.substr(0, 70));
     peer.Send(bytes.substr(70));
     using Pair = std::pair<std::string, std::string>;
@@ -70,6 +71,7 @@ TEST(SessionReceiving, OtherTypesComeUnderTheirNames) {
     EXPECT_EQ(TextBytes("B", "3"), peer.Receive(TextBytes("B", "3").size()));
     peer.Send(TextBytes("Long", "").substr(0, 8) + std::string(4, '\x7f'));
     EXPECT_EQ(KLVMsgEvent::kCame, session.NextEvent(ever).kind);
+    EXPECT_TRUE(Has(session.NextEvent(ever).what, "?x")) << "no text is empty";
     EXPECT_TRUE(Has(session.NextEvent(ever).what, " bytes for Long,"));
 }
 
