@@ -109,6 +109,21 @@ TEST(SessionKeeping, WhatWasQueuedComesInOrderBehindTheHello) {
     server.reset();
 }
 
+TEST(SessionKeeping, AFailureIsToldOnceForAsLongAsItsCauseIsTheSame) {
+    std::atomic<int> attempts{0};
+    const Interposed counting([&](SystemCall& call) -> std::optional<long> {
+        attempts += call.name == "connect" ? 1 : 0;
+        return std::nullopt;
+    });
+    const int port = Listener().address.port;
+    Session session;
+    EXPECT_TRUE(session.Keep(At(port), "kept"));
+    EXPECT_EQ(KLVMsgEvent::kAway, session.NextEvent(ever).kind);
+    EXPECT_TRUE(Eventually([&] { return attempts >= 3; }));
+    const Listener server(At(port));
+    EXPECT_EQ(KLVMsgEvent::kCame, session.NextEvent(ever).kind);
+}
+
 TEST(SessionKeeping, WhoWaitsIsToldWhatIsThereAndWhatIsTaken) {
     const int port = Listener().address.port;
     Session session;

@@ -135,7 +135,6 @@ std::size_t KLVMsgSessionCore::BeginToEnd() {
     UpdateReadable();
     m_book.ForEach([this](Peer& peer) {
         if (peer.link != nullptr) {
-            peer.link->connection.AllowReading(Clock::now(), true);
             peer.link->connection.EndOutput(true);
             m_loop.Touch(*peer.link);
         }
