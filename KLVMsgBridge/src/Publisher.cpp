@@ -43,9 +43,11 @@ std::string Refusal(natsMsg* answer, int& code) {
         if (place == std::string::npos) {
             return "an answer that is none";
         }
-        const bool isStored = std::strtoull(text.c_str() + place + 6, nullptr, 10) != 0;
-        code = isStored ? 0 : kInProcess;
-        return isStored ? "" : "it knows a message that it has not stored";
+        if (std::strtoull(text.c_str() + place + 6, nullptr, 10) != 0) {
+            return "";
+        }
+        code = kInProcess;
+        return "it knows a message that it has not stored";
     }
     const std::size_t at = text.find("\"err_code\":");
     code = at == std::string::npos ? 0 : std::atoi(text.c_str() + at + 11);
@@ -334,13 +336,18 @@ void Publisher::Settle(std::uint64_t key, natsMsg* answer) {
 
 // Servers that are not in order after their stream's leader has changed: 2.9.10 may store nothing
 // of anybody then, and 2.10.27 remembers the ids of messages that it has lost or refused, and takes
-// no other with such an id. With another leader both go on. Where others publish too their messages
+// none with such an id. With another leader both go on. Where others publish too their messages
 // would suffer from it.
 void Publisher::ReplaceLeader() {
-    if (m_isAlone && m_window.Tries() != 0 && m_window.Tries() % kTries == 0) {
-        m_log.Say("another-leader", "the stream is asked to choose another leader");
-        m_nats.Tell("$JS.API.STREAM.LEADER.STEPDOWN." + m_options.stream, m_inbox + "0", "");
+    const std::size_t tries = m_window.Tries();
+    if (!m_isAlone || tries == 0 || tries % kTries != 0) {
+        return;
     }
+    if (tries == kTries) {
+        m_log.Say("another-leader", "the stream is asked to choose another leader");
+    }
+    // The answer is for a key that no message has.
+    m_nats.Tell("$JS.API.STREAM.LEADER.STEPDOWN." + m_options.stream, m_inbox + "0", "");
 }
 
 // What is done with: their senders may be told.

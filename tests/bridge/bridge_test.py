@@ -142,28 +142,36 @@ class OneServer(unittest.TestCase):
         self.assertEqual(0, bridge.end()[0])
         self.assertNotIn("first", "".join(bridge.said), "a password")
 
-    def test_an_answer_without_a_place_stores_nothing_and_another_leader_is_asked_for(self):
+    def test_an_answer_without_a_place_stores_nothing_and_who_is_alone_asks_for_another_leader(self):
         servers = Servers(jetstream=False)  # the stream is the test
         self.addCleanup(servers.end)
         stream = servers.client()
         self.addCleanup(stream.close)
         stream.subscribe(">")
+        passed = []
 
         def answer(subject, text):
             while (asked := stream.next()).subject != subject:
-                pass
+                passed.append(asked.subject)
             stream.publish(asked.reply, text)
+        step_down, unknown = "$JS.API.STREAM.LEADER.STEPDOWN.ALL", b'{"stream":"ALL", "seq":0,"duplicate": true}'
         bridge = self.start("--nats", servers.url, "--serve", "0", "--publish", "*=all.*", "--stream", "ALL")
         answer("$JS.API.STREAM.INFO.ALL", json.dumps({"config": {
             "name": "ALL", "subjects": ["all.*"], "duplicate_window": 120 * 10**9}, "state": {}}).encode())
         with klvmsg.connect("127.0.0.1", bridge.ready().port()) as peer:
             peer.send("Tick", b"hi")
             for _ in range(5):
-                answer("all.Tick", b'{"stream":"ALL", "seq":0,"duplicate": true}')
-            answer("$JS.API.STREAM.LEADER.STEPDOWN.ALL", b'{"success": true}')
+                answer("all.Tick", unknown)
+            answer(step_down, b'{"success": true}')
             answer("all.Tick", b'{"stream":"ALL", "seq":1}')
+            peer.send("Tick", b"ho")
+            answer("all.Tick", b'{"error":{"err_code":10070,"description":"wrong last msg ID: another:7"},"seq":0}')
+            for _ in range(5):
+                answer("all.Tick", unknown)
+            answer("all.Tick", b'{"stream":"ALL", "seq":2}')
         code, counts = bridge.end()
-        self.assertEqual((0, 1, 5), (code, counts["published"], counts["sent again"]))
+        self.assertEqual((0, 2, 11), (code, counts["published"], counts["sent again"]))
+        self.assertNotIn(step_down, passed, "others publish as well")
 
     def test_ends_when_told_to_while_a_stream_does_not_answer(self):
         servers = Servers(jetstream=False)
